@@ -1,0 +1,189 @@
+/* Data-plane rules. A rule is one flat record; clear it whole and set what it needs. */
+#ifndef VQ_RULE_H
+#define VQ_RULE_H
+
+#include "vqPlatform.h"
+#include "vqRoute.h"
+
+VQ_EXTERN_C_BEGIN
+
+#define VQ_CONF_RULE_ENTRY_MAX 64
+#define VQ_CONF_RULE_NAME_SIZE 64
+#define VQ_CONF_RULE_NAT_IP_MAX 16
+
+typedef enum VQ_ENUM32 {
+    VQ_CONF_RULE_OP_TYPE_INSERT = 0,
+    VQ_CONF_RULE_OP_TYPE_UPDATE = 1,
+    VQ_CONF_RULE_OP_TYPE_DELETE = 2,
+    VQ_CONF_RULE_OP_TYPE_ORDER = 3,
+    VQ_CONF_RULE_OP_TYPE_GET_STATS_ALL = 4
+} VQ_CONF_RULE_OP_TYPE;
+
+typedef enum VQ_ENUM32 {
+    VQ_CONF_RULE_TBL_TYPE_POLICY = 0,
+    VQ_CONF_RULE_TBL_TYPE_SNAT = 1,
+    VQ_CONF_RULE_TBL_TYPE_DNAT = 2,
+    VQ_CONF_RULE_TBL_TYPE_DNS = 3,
+    VQ_CONF_RULE_TBL_TYPE_DNSPROXY = 4,
+    VQ_CONF_RULE_TBL_TYPE_AUTH = 5
+} VQ_CONF_RULE_TBL_TYPE;
+
+/* Operation codes of the rule service: table * 256 + operation. */
+typedef enum VQ_ENUM32 {
+    VQ_IMC_OP_TYPE_RULE_DNAT_INSERT = 512,
+    VQ_IMC_OP_TYPE_RULE_DNAT_DELETE = 514,
+    VQ_IMC_OP_TYPE_RULE_DNS_INSERT = 768,
+    VQ_IMC_OP_TYPE_RULE_DNS_DELETE = 770
+} VQ_IMC_OP_TYPE_RULE;
+
+/* Fixed ids of the zone-0 DNAT rules that different modules own. */
+typedef enum VQ_ENUM32 {
+    VQ_DNAT_TBL_ZONE0_RULE_ID_PROXY = 2,
+    VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ = 3,
+    VQ_DNAT_TBL_ZONE0_RULE_ID_AUTH_HTTP = 10,
+    VQ_DNAT_TBL_ZONE0_RULE_ID_AUTH_HTTPS = 11,
+    VQ_DNAT_TBL_ZONE0_RULE_ID_MAX = 12
+} VQ_DNAT_TBL_ZONE0_RULE_ID;
+
+typedef enum VQ_ENUM32 {
+    VQ_CONF_DP_IF_TYPE_NORMAL = 0,
+    VQ_CONF_DP_IF_TYPE_LAN = 1,
+    VQ_CONF_DP_IF_TYPE_WAN = 2,
+    VQ_CONF_DP_IF_TYPE_VQCONN_C2C = 3,
+    VQ_CONF_DP_IF_TYPE_VQCONN_C2P = 4,
+    VQ_CONF_DP_IF_TYPE_TRANSCONN = 5,
+    VQ_CONF_DP_IF_TYPE_LOCAL = 6,
+    VQ_CONF_DP_IF_TYPE_CONTINUE = 9,
+    VQ_CONF_DP_IF_TYPE_DROP = 10
+} VQ_CONF_DP_IF_TYPE;
+
+typedef struct {
+    uint16_t LowerPort;
+    uint16_t UpperPort;
+} VQ_CONF_RULE_PORT_RANGE;
+
+typedef struct {
+    uint8_t Type; /* VQ_CONF_DP_IF_TYPE */
+    uint32_t Id;
+} VQ_CONF_RULE_PORT;
+
+typedef struct {
+    uint32_t Id;
+    uint8_t Type; /* VQ_CONF_DP_IF_TYPE */
+    uint8_t Priority : 1;
+} VQ_CONF_RULE_OUTPUT;
+
+typedef struct {
+    uint8_t SrcIpNum;
+    uint8_t DstIpNum;
+    uint8_t SrcPortNum;
+    uint8_t DstPortNum;
+    uint8_t ProtoNum;
+    uint8_t DscpNum;
+    uint8_t TransIdNum;
+    uint8_t RegNum;
+    uint8_t InPortNum;
+    uint8_t OutPortNum;
+    uint8_t SrcIpSetFlag : 1;
+    uint8_t DstIpSetFlag : 1;
+    uint8_t AcsNameFlag : 1;
+    uint8_t InVpnFlag : 1;
+    uint8_t InPolicyFlag : 1;
+    uint8_t Pad;
+    uint32_t InVpnId;
+    uint32_t InPolicyId;
+    union {
+        VQ_CONF_IP_MASK SrcIp[VQ_CONF_RULE_ENTRY_MAX];
+        char SrcIpSetName[VQ_CONF_RULE_NAME_SIZE];
+    };
+    union {
+        VQ_CONF_IP_MASK DstIp[VQ_CONF_RULE_ENTRY_MAX];
+        char DstIpSetName[VQ_CONF_RULE_NAME_SIZE];
+    };
+    char AcsName[VQ_CONF_RULE_NAME_SIZE];
+    VQ_CONF_RULE_PORT_RANGE SrcPort[VQ_CONF_RULE_ENTRY_MAX];
+    VQ_CONF_RULE_PORT_RANGE DstPort[VQ_CONF_RULE_ENTRY_MAX];
+    uint8_t Proto[VQ_CONF_RULE_ENTRY_MAX];
+    uint8_t Dscp[VQ_CONF_RULE_ENTRY_MAX];
+    uint16_t TransId[VQ_CONF_RULE_ENTRY_MAX];
+    uint32_t Reg[VQ_CONF_RULE_ENTRY_MAX];
+    VQ_CONF_RULE_PORT InPort[VQ_CONF_RULE_ENTRY_MAX];
+    VQ_CONF_RULE_PORT OutPort[VQ_CONF_RULE_ENTRY_MAX];
+} VQ_CONF_RULE_MATCH;
+
+typedef struct {
+    union {
+        uint32_t Ip[VQ_CONF_RULE_NAT_IP_MAX];
+        uint8_t Ip6[VQ_CONF_RULE_NAT_IP_MAX][16];
+    };
+    uint8_t IpNum;
+    uint8_t IpType; /* VQ_IN_ADDR_TYPE */
+    union {
+        uint16_t Port;
+        VQ_CONF_RULE_PORT_RANGE PortRange;
+    };
+} VQ_CONF_RULE_ACTION_NAT;
+
+typedef struct {
+    uint8_t SnatFlag : 1;
+    uint8_t DnatFlag : 1;
+    uint8_t AcceFlag : 1;
+    uint8_t AuthedFlag : 1;
+    uint8_t SetRegFlag : 1;
+    uint8_t SetVpnFlag : 1;
+    uint8_t SetDscpFlag : 1;
+    uint8_t OutputNum;
+    uint8_t OutputStrategy;
+    uint8_t SetDscpValue;
+    uint32_t SetRegValue;
+    uint32_t SetVpnId;
+    uint32_t InboundRateLimitId;
+    uint32_t OutboundRateLimitId;
+    VQ_CONF_RULE_OUTPUT OutputArray[VQ_CONF_RULE_ENTRY_MAX];
+    VQ_CONF_RULE_ACTION_NAT NatInfo;
+} VQ_CONF_RULE_ACTIONS;
+
+typedef struct {
+    uint8_t OpType; /* VQ_CONF_RULE_OP_TYPE */
+    uint8_t Table;  /* VQ_CONF_RULE_TBL_TYPE */
+    uint8_t Zone;
+    uint16_t : 0; /* the flags have a 16-bit word of their own */
+    uint16_t DualFlag : 1;
+    uint16_t InvalidFlag : 1;
+    uint16_t ExcluFlag : 1;
+    uint16_t RelatedFlag : 1;
+    uint16_t RevalFlag : 1;
+    uint16_t L2Flag : 1;
+    uint16_t L3Flag : 1;
+    uint16_t PersistFlag : 1;
+    uint16_t CtrlFlowFlag : 1;
+    uint16_t NoGenFlowFlag : 1;
+    int32_t RuleVer;
+    uint32_t VpnId;
+    uint32_t Id;    /* unique within table and zone */
+    uint32_t PreId; /* placement reference */
+    uint32_t PrePersistId;
+    uint32_t CustomerId;
+    uint8_t Pad[4];
+    uint64_t TimeStamp;
+    VQ_CONF_RULE_MATCH Match;
+    VQ_CONF_RULE_ACTIONS Actions;
+} VQ_CONF_RULE;
+
+/* Installs `Rule`, owned by the caller, under the operation code `Op` (VQ_IMC_OP_TYPE_RULE). The two flags belong to
+ * the host; the DNS module passes FALSE and TRUE. */
+VQ_ERR_T VQ_RtcRuleConfAdd(VQ_CONF_RULE *Rule, uint16_t Op, BOOL Flag1, BOOL Flag2);
+
+/* Removes the rule that zone, id and customer name, under the operation code `Op`. `Flag` is the last flag of the add.
+ */
+VQ_ERR_T VQ_RtcRuleConfDel(uint8_t Zone, uint32_t RuleId, uint32_t CustomerId, uint16_t Op, BOOL Flag);
+
+/* The box's own customer id. */
+uint32_t VQ_PlatformGetCustomerId(void);
+
+/* The customer id that owns a VPN; `CustomerId` is untouched when the host does not know the VPN. */
+VQ_ERR_T VQ_GetCustomerIdByVpnId(uint32_t VpnId, uint32_t *CustomerId);
+
+VQ_EXTERN_C_END
+
+#endif
