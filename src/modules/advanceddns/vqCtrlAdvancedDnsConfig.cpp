@@ -1,0 +1,222 @@
+// The table of platform operations, the message and recovery entries, and the sequence that puts a record into force.
+#include "vqCtrlAdvancedDns.h"
+
+#include <cstring>
+
+#include "vqCtrlAdvancedDnsGuard.h"
+#include "vqCtrlAdvancedDnsLog.h"
+#include "vqErrno.h"
+
+// The platform's operations: set once by the host's choice of platform, empty until then.
+static VQ_CTRL_DNSMASQ_OPERATIONS s_AgentDnsmasqOp;
+
+// The first file that fails ends the message: the later ones keep their old content.
+static VQ_ERR_T _VQCtrl_SetDnsmasqFiles(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    using SetFile = VQ_ERR_T (*VQ_CTRL_DNSMASQ_OPERATIONS::*)(const VQ_CTRL_DNSMASQ_CONF *);
+    static constexpr struct {
+        SetFile Slot;
+        advanceddns::FailureText Failed;
+    } Steps[] = {
+        {&VQ_CTRL_DNSMASQ_OPERATIONS::SetDnsmasqHostConf, VQ_CTRL_LOG_TEXT("set dns host conf failed(%d:%s)\n")},
+        {&VQ_CTRL_DNSMASQ_OPERATIONS::SetDnsmasqMxHostConf, VQ_CTRL_LOG_TEXT("set dns mx host conf failed(%d:%s)\n")},
+        {&VQ_CTRL_DNSMASQ_OPERATIONS::SetDnsmasqDnsServerConf, VQ_CTRL_LOG_TEXT("set dns server conf failed(%d:%s)\n")},
+        {&VQ_CTRL_DNSMASQ_OPERATIONS::SetDnsmasqResolveConf, VQ_CTRL_LOG_TEXT("set dns resolve conf failed(%d:%s)\n")},
+        {&VQ_CTRL_DNSMASQ_OPERATIONS::SetDnsmasqDnsProxyConf, VQ_CTRL_LOG_TEXT("set dns proxy conf failed(%d:%s)\n")},
+    };
+
+    VQ_ERR_T Result = VQ_ERR_OK;
+    for (const auto &Step : Steps) {
+        const auto SetFileConf = s_AgentDnsmasqOp.*Step.Slot;
+        if (SetFileConf == nullptr) {
+            continue;
+        }
+        Result = SetFileConf(Conf);
+        if (Result < 0) {
+            VQ_CTRL_LOG_ERROR_TEXT(Function, Step.Failed, VQ_CTRL_LOG_REASON(Result));
+            return Result;
+        }
+    }
+    return Result;
+}
+
+static VQ_ERR_T _VQCtrl_RebootWithRule(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    VQ_ERR_T Result = VQCtrl_DnsmasqReboot(Conf->VpnId);
+    if (Result < 0) {
+        VQ_CTRL_LOG_ERROR_AS(Function, "Dnsmasq reboot failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
+        return Result;
+    }
+    if (s_AgentDnsmasqOp.SetDnsmasqRule == nullptr) {
+        return Result;
+    }
+    Result = s_AgentDnsmasqOp.SetDnsmasqRule(Conf);
+    if (Result < 0) {
+        VQ_CTRL_LOG_ERROR_AS(Function, "Add Dnsmasq default policy failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
+    }
+    return Result;
+}
+
+static VQ_ERR_T _VQCtrl_EnableDnsmasq(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf, VQ_ERR_T Result)
+{
+    if (Conf->VpnId != 0) {
+        Result = VQCtrl_AddDnsmasqRouteForVpn(Conf);
+        if (Result < 0) {
+            VQ_CTRL_LOG_ERROR_AS(Function, "Add dnsmasq route for vpn %u failed(%d:%s)\n", Conf->VpnId,
+                                 VQ_CTRL_LOG_REASON(Result));
+            return Result;
+        }
+    }
+    if (Conf->Op == VQ_CTRL_DNSMASQ_OP_REBOOT) {
+        return _VQCtrl_RebootWithRule(Function, Conf);
+    }
+    if (Conf->Op == VQ_CTRL_DNSMASQ_OP_RELOAD) {
+        // The steering rule is installed after a restart only; a reload finds it in place.
+        Result = VQCtrl_DnsmasqReload(Conf->VpnId);
+        if (Result < 0) {
+            VQ_CTRL_LOG_ERROR_AS(Function, "Dnsmasq reload failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
+        }
+        return Result;
+    }
+    Result = VQ_ERR_INVALID;
+    VQ_CTRL_LOG_ERROR_AS(Function, "Dnsmasq operation(%u) failed(%d:%s)\n", static_cast<uint32_t>(Conf->Op),
+                         VQ_CTRL_LOG_REASON(Result));
+    return Result;
+}
+
+// A failed step is logged and not reported. A rule that cannot be removed leaves the instance running: queries that
+// are still steered to it must find it.
+static void _VQCtrl_DisableDnsmasq(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    if (Conf->VpnId != 0) {
+        VQCtrl_DelDnsmasqRouteForVpn(Conf->VpnId);
+    }
+    if (s_AgentDnsmasqOp.DelDnsmasqRule != nullptr && s_AgentDnsmasqOp.DelDnsmasqRule(Conf) < 0) {
+        VQ_CTRL_LOG_ERROR_AS(Function, "Delete Dnsmasq default policy failed\n");
+        return;
+    }
+    if (s_AgentDnsmasqOp.ReleaseDnsmasq(Conf->VpnId) < 0) {
+        VQ_CTRL_LOG_ERROR_AS(Function, "Dnsmasq stop failed\n");
+    }
+}
+
+// Puts a record into force: files, then either routes, instance and rule, or their removal. Nothing is rolled back.
+// The negative result of the step that failed, otherwise the last result.
+static VQ_ERR_T _VQCtrl_SetAdvancedDnsConfiguration(const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    const VQ_ERR_T Result = _VQCtrl_SetDnsmasqFiles(__func__, Conf);
+    if (Result < 0) {
+        return Result;
+    }
+    if (Conf->Enable != FALSE) {
+        return _VQCtrl_EnableDnsmasq(__func__, Conf, Result);
+    }
+    _VQCtrl_DisableDnsmasq(__func__, Conf);
+    return Result;
+}
+
+// The row of the VPN goes whatever the new record says; the record takes its place when it asks for that.
+static VQ_ERR_T _VQCtrl_StoreAdvancedDnsConfiguration(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf,
+                                                      VQ_ERR_T Result)
+{
+    if (s_AgentDnsmasqOp.DelDnsmasqDb != nullptr) {
+        s_AgentDnsmasqOp.DelDnsmasqDb(Conf);
+    }
+    if (Conf->PersistentFlag == FALSE || s_AgentDnsmasqOp.AddDnsmasqDb == nullptr) {
+        return Result;
+    }
+    Result = s_AgentDnsmasqOp.AddDnsmasqDb(Conf);
+    if (Result < 0) {
+        VQ_CTRL_LOG_ERROR_AS(Function, "Add advanced dns db failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
+    }
+    return Result;
+}
+
+VQ_ERR_T VQCtrl_ConfigAdvancedDns(const VQ_CTRL_DNSMASQ_CONFIG_PB *DnsmasqPb)
+{
+    const auto Conf = advanceddns::AllocHostMemory<VQ_CTRL_DNSMASQ_CONF>();
+    if (Conf == nullptr) {
+        VQ_CTRL_LOG_ERROR("No mem for advanced dns config\n");
+        return VQ_ERR_NO_MEMORY;
+    }
+    std::memset(Conf.get(), 0, sizeof(*Conf));
+
+    if (s_AgentDnsmasqOp.PbToConfDnsmasq == nullptr) {
+        VQ_CTRL_LOG_NOTICE("No PbToConfDnsmasq call back function, no need to deal with advanced dns msg!\n");
+        return VQ_ERR_OK;
+    }
+    VQ_ERR_T Result = s_AgentDnsmasqOp.PbToConfDnsmasq(DnsmasqPb, Conf.get());
+    if (Result < 0) {
+        VQ_CTRL_LOG_ERROR("protobuf to data struct for advanced dns failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
+        return Result;
+    }
+    Result = _VQCtrl_SetAdvancedDnsConfiguration(Conf.get());
+    if (Result < 0) {
+        VQ_CTRL_LOG_ERROR("set configuration advanced dns failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
+        return Result;
+    }
+    if (VQ_IsPersistentConfEnable() == FALSE) {
+        return Result;
+    }
+    return _VQCtrl_StoreAdvancedDnsConfiguration(__func__, Conf.get(), Result);
+}
+
+VQ_ERR_T VQCtrl_AgentRecoverAdvancedDnsConf(void)
+{
+    return s_AgentDnsmasqOp.RecoverDnsmasqConf != nullptr ? s_AgentDnsmasqOp.RecoverDnsmasqConf() : VQ_ERR_OK;
+}
+
+// Replaces the whole table, empty slots included; null leaves it as it is.
+static void _VQCtrl_AgentSetPlatformAdvancedDnsOps(const VQ_CTRL_DNSMASQ_OPERATIONS *DnsmasqOp)
+{
+    if (DnsmasqOp != nullptr) {
+        s_AgentDnsmasqOp = *DnsmasqOp;
+    }
+}
+
+void VQCtrl_AgentSetCPEAdvancedDnsOps(void)
+{
+    VQ_CTRL_DNSMASQ_OPERATIONS Operations = {};
+    Operations.PbToConfDnsmasq = VQCtrl_PbToAdvancedDnsConfPlatformCPE;
+    Operations.SetDnsmasqHostConf = VQCtrl_SetDnsHostConf;
+    Operations.SetDnsmasqMxHostConf = VQCtrl_SetDnsMxHostConf;
+    Operations.SetDnsmasqDnsServerConf = VQCtrl_SetDnsServerConf;
+    Operations.SetDnsmasqResolveConf = VQCtrl_SetDnsResolveConf;
+    Operations.SetDnsmasqDnsProxyConf = VQCtrl_SetDnsProxyConf;
+    Operations.ReleaseDnsmasq = VQCtrl_DnsmasqStop;
+    _VQCtrl_AgentSetPlatformAdvancedDnsOps(&Operations);
+}
+
+// A POP's message carries upstream servers alone, so the resolver file is the only one that it writes.
+void VQCtrl_AgentSetPOPAdvancedDnsOps(void)
+{
+    VQ_CTRL_DNSMASQ_OPERATIONS Operations = {};
+    Operations.SetDnsmasqResolveConf = VQCtrl_SetDnsResolveConf;
+    Operations.ReleaseDnsmasq = VQCtrl_DnsmasqStop;
+    _VQCtrl_AgentSetPlatformAdvancedDnsOps(&Operations);
+}
+
+void VQCtrl_AgentSetApAdvancedDnsOps(void)
+{
+    _VQCtrl_AgentSetPlatformAdvancedDnsOps(nullptr);
+}
+
+void VQCtrl_AgentSetAdAdvancedDnsOps(void)
+{
+    _VQCtrl_AgentSetPlatformAdvancedDnsOps(nullptr);
+}
+
+void VQCtrl_AgentSetWinAdvancedDnsOps(void)
+{
+    _VQCtrl_AgentSetPlatformAdvancedDnsOps(nullptr);
+}
+
+void VQCtrl_AgentSetMacAdvancedDnsOps(void)
+{
+    _VQCtrl_AgentSetPlatformAdvancedDnsOps(nullptr);
+}
+
+void VQCtrl_AgentSetLinuxAdvancedDnsOps(void)
+{
+    _VQCtrl_AgentSetPlatformAdvancedDnsOps(nullptr);
+}

@@ -1,0 +1,155 @@
+// Logging at a site: one macro per level.
+//
+// An error is written as a line, buffered in the host's flex log, dumped from there where the host wants that, and the
+// buffer is reset; the flex-log steps run even when the line itself is filtered out. The ..._AS forms name another
+// function in the prefix: a step that several functions share logs for the one that it works for.
+#ifndef VQ_CTRL_ADVANCED_DNS_LOG_H
+#define VQ_CTRL_ADVANCED_DNS_LOG_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "vqLog.h"
+#include "vqPlatform.h"
+
+// Level text, module name, thread name, function, source line.
+#define VQ_CTRL_LOG_PREFIX "<%s%s>%s[%s:%d] "
+
+#define VQ_CTRL_LOG_NOTICE(...) VQ_CTRL_LOG_NOTICE_AS(__func__, __VA_ARGS__)
+#define VQ_CTRL_LOG_WARNING(...) VQ_CTRL_LOG_WARNING_AS(__func__, __VA_ARGS__)
+#define VQ_CTRL_LOG_ERROR(...) VQ_CTRL_LOG_ERROR_AS(__func__, __VA_ARGS__)
+
+#define VQ_CTRL_LOG_NOTICE_AS(Function, ...) VQ_CTRL_LOG_AT(VQ_LOG_LEVEL_NOTICE, Function, __VA_ARGS__)
+#define VQ_CTRL_LOG_WARNING_AS(Function, ...) VQ_CTRL_LOG_AT(VQ_LOG_LEVEL_WARNING, Function, __VA_ARGS__)
+
+#define VQ_CTRL_LOG_AT(Level, Function, ...) \
+    (VQ_CTRL_CHECK_FORMAT(__VA_ARGS__),      \
+     advanceddns::LogLine({(Function), __LINE__}, (Level), VQ_CTRL_LOG_PREFIX __VA_ARGS__))
+
+#define VQ_CTRL_LOG_ERROR_AS(Function, ...) \
+    (VQ_CTRL_CHECK_FORMAT(__VA_ARGS__), advanceddns::LogError({(Function), __LINE__}, VQ_CTRL_LOG_PREFIX __VA_ARGS__))
+
+// The compiler's check of a format and its arguments, none of which is evaluated.
+#define VQ_CTRL_CHECK_FORMAT(...) static_cast<void>(sizeof(advanceddns::CheckFormat(__VA_ARGS__)))
+
+// A message that stands in a table, with the prefix before it.
+#define VQ_CTRL_LOG_TEXT(Message) VQ_CTRL_LOG_PREFIX Message
+
+// The macros for such a text. `Text` is a TableFormat.
+#define VQ_CTRL_LOG_NOTICE_TEXT(Function, Text) \
+    advanceddns::LogLine({(Function), __LINE__}, VQ_LOG_LEVEL_NOTICE, (Text).Get())
+#define VQ_CTRL_LOG_ERROR_TEXT(Function, Text, ...) \
+    advanceddns::LogError({(Function), __LINE__}, (Text).Get() __VA_OPT__(, ) __VA_ARGS__)
+
+// The two arguments of "(%d:%s)" for a negative result.
+#define VQ_CTRL_LOG_REASON(Result) advanceddns::ErrorNumber(Result), std::strerror(advanceddns::ErrorNumber(Result))
+
+namespace advanceddns {
+
+struct LogSite {
+    const char *Function;
+    int Line;
+};
+
+// What stands before every message. `Impl` is null when the host has nothing to write with.
+class LogPrefix {
+  public:
+    explicit LogPrefix(uint32_t Level);
+
+    const VQ_LOG_IMPL_ITEM *Impl;
+    const char *LevelText = "";
+    const char *ModuleName = "";
+    // '[', 15 characters and the terminator from the host; the closing bracket takes the terminator's place.
+    char ThreadName[18] = {};
+};
+
+// The positive error number of a negative result, also of the one whose negation does not fit.
+inline int ErrorNumber(VQ_ERR_T Result)
+{
+    return static_cast<int>(0U - static_cast<uint32_t>(Result));
+}
+
+// Declared for the check of its arguments alone.
+int CheckFormat(const char *Format, ...) VQ_PRINTF_LIKE(1, 2);
+
+// A format that stands in a table, out of the compiler's sight at the call: its conversions are checked when the table
+// is compiled. `Conversions` are the letters that it must hold, in order.
+template <char... Conversions>
+class TableFormat {
+  public:
+    // NOLINTNEXTLINE(google-explicit-constructor): a table reads best as plain texts.
+    consteval TableFormat(const char *Format) : m_Format(Format)
+    {
+        constexpr char Wanted[] = {Conversions..., '\0'};
+        std::size_t Found = 0;
+        for (const char *At = Format; *At != '\0'; ++At) {
+            if (*At == '%' && *++At != Wanted[Found++]) {
+                ConversionsDiffer();
+            }
+        }
+        if (Wanted[Found] != '\0') {
+            ConversionsDiffer();
+        }
+    }
+
+    [[nodiscard]] constexpr const char *Get() const { return m_Format; }
+
+  private:
+    // Never defined: reaching it ends the compilation.
+    static void ConversionsDiffer();
+
+    const char *m_Format;
+};
+
+// The five conversions of the prefix, then those of the message.
+using PlainText = TableFormat<'s', 's', 's', 's', 'd'>;
+using CountText = TableFormat<'s', 's', 's', 's', 'd', 'u'>;
+using FailureText = TableFormat<'s', 's', 's', 's', 'd', 'd', 's'>;
+
+// The formats below have been checked where they were written down.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+
+inline bool IsWanted(LogSite Site, uint32_t Level, BOOL Flag)
+{
+    return VQ_LogTest(VQ_LOG_MODULE_ADVANCED_DNS, Level, Flag, Site.Function) != FALSE;
+}
+
+template <typename... Args>
+void WriteLine(LogSite Site, uint32_t Level, const char *PrefixedFormat, Args... Arguments)
+{
+    const LogPrefix Prefix(Level);
+    if (Prefix.Impl != nullptr) {
+        Prefix.Impl->Log(VQ_AgentLogGetTag(), Level, PrefixedFormat, Prefix.LevelText, Prefix.ModuleName,
+                         Prefix.ThreadName, Site.Function, Site.Line, Arguments...);
+    }
+}
+
+template <typename... Args>
+void LogLine(LogSite Site, uint32_t Level, const char *PrefixedFormat, Args... Arguments)
+{
+    if (IsWanted(Site, Level, TRUE)) {
+        WriteLine(Site, Level, PrefixedFormat, Arguments...);
+    }
+}
+
+template <typename... Args>
+void LogError(LogSite Site, const char *PrefixedFormat, Args... Arguments)
+{
+    constexpr std::size_t PrefixLength = sizeof(VQ_CTRL_LOG_PREFIX) - 1;
+
+    LogLine(Site, VQ_LOG_LEVEL_ERROR, PrefixedFormat, Arguments...);
+    if (VQ_FlexLogSetFormatData(PrefixedFormat + PrefixLength, Arguments...) >= 0 &&
+        IsWanted(Site, VQ_LOG_LEVEL_ERROR, FALSE)) {
+        WriteLine(Site, VQ_LOG_LEVEL_ERROR, VQ_CTRL_LOG_PREFIX "dump flexlog:\n%s", VQ_FlexLogGetFormatBuff());
+    }
+    VQ_FlexLogDataReset();
+}
+
+#pragma GCC diagnostic pop
+
+} // namespace advanceddns
+
+#endif
