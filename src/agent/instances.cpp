@@ -1,0 +1,221 @@
+#include "instances.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+#include <utility>
+
+#include "failure.h"
+#include "files.h"
+#include "log.h"
+#include "unique_fd.h"
+#include "vqFile.h"
+
+namespace kavel::agent {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char *kRoot = "/etc/kavel/dnsmasq";
+constexpr const char *kPidDirectory = "/var/run";
+constexpr const char *kStateDirectory = "/run/kavel"; // made for the lock of the agent
+
+// As many bytes as the module reads of a pid file.
+constexpr std::size_t kPidTextSize = 32;
+
+// How often a launch that says nothing is checked for having failed.
+constexpr std::chrono::milliseconds kLaunchCheck{50};
+
+constexpr std::array<std::string_view, 6> kInstanceFiles{"hosts",       "resolv.conf",    "dnsmasq.conf",
+                                                         "Mxhost.conf", "ServerMap.conf", "DnsProxy.conf"};
+
+constexpr std::string_view kBoxConfig = "resolv-file=/etc/kavel/dnsmasq/resolv.conf\n"
+                                        "addn-hosts=/etc/kavel/dnsmasq/hosts\n"
+                                        "conf-dir=/etc/kavel/dnsmasq/dnsmasq.d/,*.conf\n"
+                                        "cache-size=1000\n"
+                                        "domain-needed\n";
+
+std::string Tag(std::uint32_t vpnId)
+{
+    return "kvl_dns_vpn_" + std::to_string(vpnId);
+}
+
+std::string MeantPath(std::uint32_t vpnId)
+{
+    return std::string(kStateDirectory) + "/vpn_" + std::to_string(vpnId) + ".meant";
+}
+
+std::string PidFileArgument(std::uint32_t vpnId)
+{
+    return "--pid-file=" + PidFilePath(vpnId);
+}
+
+int CreateBoxFiles()
+{
+    const std::string root = kRoot;
+    for (const char *name : {"/hosts", "/resolv.conf"}) {
+        const int created = VQ_CreateFilePath((root + name).c_str());
+        if (created < 0) {
+            return created;
+        }
+    }
+    const std::string config = root + "/dnsmasq.conf";
+    return ::access(config.c_str(), F_OK) == 0 ? 0 : ReplaceFile(config, kBoxConfig);
+}
+
+void CleanDirectory(const std::filesystem::path &directory)
+{
+    RemoveLeftovers(directory, kInstanceFiles);
+    RemoveLeftovers(directory / "dnsmasq.d", kInstanceFiles);
+}
+
+// Also before it is dnsmasq: the shell and the namespace tool that lead to it have its command line.
+bool IsBeingLaunched(std::uint32_t vpnId)
+{
+    const std::string argument = PidFileArgument(vpnId);
+    return std::ranges::any_of(AllProcesses(),
+                               [&](pid_t pid) { return ReadCommandLine(pid).find(argument) != std::string::npos; });
+}
+
+void Drain(const UniqueFd &watch)
+{
+    if (!watch) {
+        return;
+    }
+    std::array<char, 4096> events{};
+    while (::read(watch.Get(), events.data(), events.size()) > 0) {
+    }
+}
+
+} // namespace
+
+std::string InstanceDirectory(std::uint32_t vpnId)
+{
+    return vpnId == 0 ? kRoot : std::string(kRoot) + "/vpn_" + std::to_string(vpnId);
+}
+
+std::string PidFilePath(std::uint32_t vpnId)
+{
+    return std::string(kPidDirectory) + "/" + Tag(vpnId) + ".pid";
+}
+
+int WriteBoxDirectory()
+{
+    return WithoutExceptions([] {
+        std::filesystem::create_directories(std::string(kRoot) + "/dnsmasq.d");
+        return CreateBoxFiles();
+    });
+}
+
+void RemoveLeftoversOfInstances()
+{
+    CleanDirectory(kRoot);
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator(kRoot, ignored)) {
+        if (entry.is_directory(ignored) && entry.path().filename().string().starts_with("vpn_")) {
+            CleanDirectory(entry.path());
+        }
+    }
+}
+
+PidFile ReadPidFile(std::uint32_t vpnId)
+{
+    PidFile file;
+    const UniqueFd handle(::open(PidFilePath(vpnId).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!handle) {
+        return file;
+    }
+    file.exists = true;
+    std::array<char, kPidTextSize + 1> text{};
+    const ssize_t size = ::read(handle.Get(), text.data(), kPidTextSize);
+    file.empty = size <= 0;
+    if (!file.empty) {
+        file.pid = static_cast<pid_t>(std::strtol(text.data(), nullptr, 10));
+    }
+    return file;
+}
+
+bool IsDnsmasq(const Process &process)
+{
+    return process.alive &&
+           (process.name == "dnsmasq" || std::filesystem::path(process.executable).filename() == "dnsmasq");
+}
+
+bool IsInstanceOf(const Process &process, std::uint32_t vpnId)
+{
+    return IsDnsmasq(process) && process.HasArgument(PidFileArgument(vpnId));
+}
+
+bool IsRunning(std::uint32_t vpnId)
+{
+    return IsInstanceOf(InspectProcess(ReadPidFile(vpnId).pid), vpnId);
+}
+
+bool MeantToRun(std::uint32_t vpnId)
+{
+    return ::access(MeantPath(vpnId).c_str(), F_OK) == 0;
+}
+
+void SetMeantToRun(std::uint32_t vpnId, bool meant)
+{
+    const std::string path = MeantPath(vpnId);
+    const int kept = meant ? VQ_CreateFilePath(path.c_str()) : (::unlink(path.c_str()) == 0 ? 0 : LastFailure());
+    if (kept < 0 && kept != -ENOENT) {
+        Log(LogLevel::kWarning, "vpn %u: %s: %s", vpnId, path.c_str(), std::strerror(-kept));
+    }
+}
+
+std::optional<std::string> ReloadHazard(std::uint32_t vpnId)
+{
+    const PidFile file = ReadPidFile(vpnId);
+    if (!file.exists || file.empty) {
+        return std::nullopt;
+    }
+    const std::string subject = "pid file " + PidFilePath(vpnId);
+    if (file.pid <= 0) {
+        return subject + " holds " + std::to_string(file.pid) + ", which is no process";
+    }
+    const Process process = InspectProcess(file.pid);
+    if (!process.alive || IsInstanceOf(process, vpnId)) {
+        return std::nullopt;
+    }
+    return subject + " names process " + std::to_string(file.pid) + " (" + process.name +
+           "), which is not this VPN's dnsmasq";
+}
+
+bool AwaitStart(std::uint32_t vpnId, std::chrono::milliseconds patience)
+{
+    const UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    // Without a watch, which every instance takes one of as well, the pid file is noticed a little later.
+    (void)::inotify_add_watch(watch.Get(), kPidDirectory, IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO);
+    const auto deadline = Clock::now() + patience;
+    bool seen = true;
+    while (!IsRunning(vpnId)) {
+        if (Clock::now() >= deadline) {
+            return false;
+        }
+        pollfd watched{watch.Get(), POLLIN, 0};
+        const bool silent = ::poll(&watched, 1, static_cast<int>(kLaunchCheck.count())) == 0;
+        Drain(watch);
+        if (silent) {
+            // Two looks: a process that executes another program has no command line for a moment.
+            const bool seenBefore = std::exchange(seen, IsBeingLaunched(vpnId));
+            if (!seen && !seenBefore) {
+                return IsRunning(vpnId);
+            }
+        }
+    }
+    return true;
+}
+
+} // namespace kavel::agent

@@ -1,0 +1,21 @@
+// Interfaces inside the namespaces of the VPNs.
+#ifndef KAVEL_AGENT_INTERFACES_NETLINK_H
+#define KAVEL_AGENT_INTERFACES_NETLINK_H
+
+#include <cstdint>
+#include <string>
+
+#include "netlink.h"
+
+namespace kavel::agent {
+
+// The interface's index in the socket's namespace, or a negated errno.
+int InterfaceIndex(const NetlinkSocket &socket, const std::string &name);
+int InterfaceIndex(std::uint32_t vpnId, const std::string &name);
+
+// Queries to an instance's loopback address need the interface up. 0 or a negated errno.
+int BringLoopbackUp(std::uint32_t vpnId);
+
+} // namespace kavel::agent
+
+#endif

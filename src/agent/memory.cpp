@@ -1,0 +1,22 @@
+#include "vqMemory.h"
+
+#include <cstdlib>
+
+extern "C" {
+
+void *VQ_AgentMemAlloc(const size_t Size)
+{
+    return std::malloc(Size);
+}
+
+// calloc leaves fresh pages untouched: a large record costs memory only where it is written.
+void *VQ_AgentMemZeroAlloc(const size_t Size)
+{
+    return std::calloc(1, Size);
+}
+
+void VQ_AgentMemFree(void *Pointer)
+{
+    std::free(Pointer);
+}
+}

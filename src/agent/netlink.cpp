@@ -1,0 +1,189 @@
+#include "netlink.h"
+
+#include <linux/netlink.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <optional>
+#include <utility>
+
+#include "failure.h"
+#include "netns.h"
+
+namespace kavel::agent {
+namespace {
+
+constexpr std::size_t kReceiveSize = 32768;
+
+// Each answer is a packet of its own in the socket's receive buffer; the smallest buffer that a box may be set to
+// holds this many errors.
+constexpr std::size_t kMessagesPerSend = 64;
+
+struct OpenSocket {
+    NetlinkSocket socket;
+    std::optional<NamespaceId> netns;
+};
+
+std::map<std::uint32_t, OpenSocket> &OpenSockets()
+{
+    static std::map<std::uint32_t, OpenSocket> sockets;
+    return sockets;
+}
+
+OpenSocket OpenFor(std::uint32_t vpnId)
+{
+    const NamespaceSwitch inside(vpnId);
+    return {NetlinkSocket(), NamespaceOfVpn(vpnId)};
+}
+
+NetlinkSocket &SocketOf(std::uint32_t vpnId)
+{
+    auto found = OpenSockets().find(vpnId);
+    if (found != OpenSockets().end() && found->second.netns != NamespaceOfVpn(vpnId)) {
+        OpenSockets().erase(found);
+        found = OpenSockets().end();
+    }
+    if (found == OpenSockets().end()) {
+        found = OpenSockets().emplace(vpnId, OpenFor(vpnId)).first;
+    }
+    return found->second.socket;
+}
+
+void SetOption(mnl_socket *socket, int option)
+{
+    int on = 1;
+    // Older kernels know neither option: their answers are longer, and dumps are filtered by the reader.
+    (void)mnl_socket_setsockopt(socket, option, &on, sizeof on);
+}
+
+} // namespace
+
+NetlinkSocket::NetlinkSocket() : socket_(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC)), received_(kReceiveSize)
+{
+    if (!socket_ || mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
+        ThrowLastFailure("netlink");
+    }
+    SetOption(socket_.get(), NETLINK_CAP_ACK);
+    SetOption(socket_.get(), NETLINK_GET_STRICT_CHK);
+}
+
+int NetlinkSocket::Request(NetlinkMessage &message)
+{
+    nlmsghdr *header = message.Header();
+    header->nlmsg_flags |= NLM_F_ACK;
+    header->nlmsg_seq = ++sequence_;
+    Send(header, header->nlmsg_len);
+    return AwaitAcknowledgement(sequence_, sequence_, 0);
+}
+
+int NetlinkSocket::Dump(NetlinkMessage &message, const std::function<void(const nlmsghdr &)> &take)
+{
+    nlmsghdr *header = message.Header();
+    header->nlmsg_flags |= NLM_F_DUMP;
+    header->nlmsg_seq = ++sequence_;
+    Send(header, header->nlmsg_len);
+
+    for (;;) {
+        int left = static_cast<int>(Receive());
+        for (auto *at = reinterpret_cast<nlmsghdr *>(received_.data()); mnl_nlmsg_ok(at, left);
+             at = mnl_nlmsg_next(at, &left)) {
+            if (at->nlmsg_seq != sequence_) {
+                continue;
+            }
+            if (at->nlmsg_type == NLMSG_DONE) {
+                return 0;
+            }
+            if (at->nlmsg_type == NLMSG_ERROR) {
+                return static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(at))->error;
+            }
+            take(*at);
+        }
+    }
+}
+
+int NetlinkSocket::RequestAll(std::vector<std::vector<char>> &messages, int ignored)
+{
+    int result = 0;
+    std::vector<char> piece;
+    for (std::size_t start = 0; start < messages.size(); start += kMessagesPerSend) {
+        const std::size_t end = std::min(start + kMessagesPerSend, messages.size());
+        const std::uint32_t first = sequence_ + 1;
+        piece.clear();
+        for (std::size_t i = start; i < end; ++i) {
+            auto *header = reinterpret_cast<nlmsghdr *>(messages[i].data());
+            header->nlmsg_seq = ++sequence_;
+            // The kernel works a piece off in order: the last acknowledgement ends it, errors come before.
+            if (i + 1 == end) {
+                header->nlmsg_flags |= NLM_F_ACK;
+            }
+            piece.insert(piece.end(), messages[i].begin(), messages[i].end());
+        }
+        Send(piece.data(), piece.size());
+        const int answer = AwaitAcknowledgement(first, sequence_, ignored);
+        result = result != 0 ? result : answer;
+    }
+    return result;
+}
+
+void NetlinkSocket::Send(const void *bytes, std::size_t size)
+{
+    if (mnl_socket_sendto(socket_.get(), bytes, size) < 0) {
+        ThrowLastFailure("netlink send");
+    }
+}
+
+int NetlinkSocket::AwaitAcknowledgement(std::uint32_t first, std::uint32_t last, int ignored)
+{
+    int result = 0;
+    for (;;) {
+        int left = static_cast<int>(Receive());
+        for (auto *at = reinterpret_cast<nlmsghdr *>(received_.data()); mnl_nlmsg_ok(at, left);
+             at = mnl_nlmsg_next(at, &left)) {
+            if (at->nlmsg_type != NLMSG_ERROR || at->nlmsg_seq - first > last - first) {
+                continue;
+            }
+            const int error = static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(at))->error;
+            if (result == 0 && error != ignored) {
+                result = error;
+            }
+            if (at->nlmsg_seq == last) {
+                return result;
+            }
+        }
+    }
+}
+
+std::size_t NetlinkSocket::Receive()
+{
+    for (;;) {
+        const ssize_t size = mnl_socket_recvfrom(socket_.get(), received_.data(), received_.size());
+        if (size >= 0) {
+            return static_cast<std::size_t>(size);
+        }
+        if (errno != EINTR) {
+            ThrowLastFailure("netlink receive");
+        }
+    }
+}
+
+int WithNetlink(std::uint32_t vpnId, const std::function<int(NetlinkSocket &)> &work)
+{
+    const int result = WithoutExceptions([&] {
+        NetlinkSocket &socket = SocketOf(vpnId);
+        try {
+            return work(socket);
+        } catch (...) {
+            OpenSockets().erase(vpnId);
+            throw;
+        }
+    });
+    return result;
+}
+
+void CloseStaleNetlink()
+{
+    std::erase_if(OpenSockets(), [](const auto &open) { return open.second.netns != NamespaceOfVpn(open.first); });
+}
+
+} // namespace kavel::agent

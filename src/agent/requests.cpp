@@ -1,0 +1,229 @@
+#include "requests.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "controller_message.h"
+#include "instances.h"
+#include "interfaces_netlink.h"
+#include "log.h"
+#include "routes_netlink.h"
+#include "vqMemory.h"
+
+namespace kavel::agent {
+namespace {
+
+constexpr std::chrono::milliseconds kStartPatience{2000};
+
+struct RecordRelease {
+    void operator()(VQ_DNSMASQ_CONF *record) const { VQ_AgentMemFree(record); }
+};
+
+Answer NotConfigured(std::uint32_t vpnId)
+{
+    Answer answer = Refusal(-ENOENT, "vpn " + std::to_string(vpnId) + " is not configured");
+    answer.vpn = vpnId;
+    return answer;
+}
+
+Answer MalformedMessage(Platform platform)
+{
+    return Refusal(-EINVAL, platform == Platform::kCpe ? "not a CPE message" : "not a POP message");
+}
+
+// The outcome of a call of the module, with what the module itself said about it.
+Answer Outcome(std::int32_t result, std::uint32_t vpnId)
+{
+    Answer answer;
+    answer.result = result;
+    answer.vpn = vpnId;
+    if (result < 0) {
+        answer.reason = ModuleErrors().Cause(result);
+    }
+    return answer;
+}
+
+void LogOutcome(const Answer &answer, const char *done)
+{
+    const std::uint32_t vpnId = answer.vpn.value_or(0);
+    if (answer.result >= 0) {
+        Log(LogLevel::kNotice, "vpn %u: %s", vpnId, done);
+        return;
+    }
+    const std::string &why = answer.reason.empty() ? answer.text : answer.reason;
+    Log(LogLevel::kWarning, "vpn %u: refused (%d %s)%s%s", vpnId, answer.result, std::strerror(-answer.result),
+        why.empty() ? "" : ": ", why.c_str());
+}
+
+Kavel__Summary Summarise(const VQ_DNSMASQ_CONF &record)
+{
+    Kavel__Summary summary = KAVEL__SUMMARY__INIT;
+    summary.enable = record.Enable != FALSE ? 1 : 0;
+    summary.operation = static_cast<std::uint32_t>(record.Op);
+    summary.persistent = record.PersistentFlag != FALSE ? 1 : 0;
+    summary.hosts = record.DnsHostNum;
+    summary.mx_hosts = record.DnsMxHostNum;
+    summary.servers = record.DnsServerNum;
+    summary.proxies = record.DnsProxyNum;
+    return summary;
+}
+
+// The next message for this VPN finds the instance by its pid file: it waits for that file, or for the failure, which
+// does not undo what was applied.
+void AwaitLaunch(Answer &answer, std::uint32_t vpnId)
+{
+    if (!AwaitStart(vpnId, kStartPatience)) {
+        answer.text = "the instance did not come up";
+        Log(LogLevel::kError, "vpn %u: %s", vpnId, answer.text.c_str());
+    }
+}
+
+} // namespace
+
+int PrepareNamespace(std::uint32_t vpnId)
+{
+    if (vpnId == 0) {
+        return 0; // the box's own namespace is not the agent's to change
+    }
+    const int loopback = BringLoopbackUp(vpnId);
+    return loopback < 0 ? loopback : EnsurePolicyRule(vpnId);
+}
+
+Answer Requests::Handle(std::span<const std::uint8_t> frame) const
+{
+    const ProtobufMessage envelope = UnpackProtobuf(kavel__request__descriptor, frame);
+    if (!envelope) {
+        return Refusal(-EINVAL, "not a request");
+    }
+    ModuleErrors().Clear();
+    const auto &request = *reinterpret_cast<const Kavel__Request *>(envelope.get());
+    const std::span<const std::uint8_t> message(request.message.data,
+                                                request.has_message != 0 ? request.message.len : 0);
+    switch (request.verb) {
+    case KAVEL__REQUEST__VERB__APPLY:
+        return Apply(message);
+    case KAVEL__REQUEST__VERB__CHECK:
+        return Check(message);
+    case KAVEL__REQUEST__VERB__STATUS:
+        return Status(request);
+    case KAVEL__REQUEST__VERB__VPN_INIT:
+        return InitDirectory(request);
+    case KAVEL__REQUEST__VERB__VPN_RELEASE:
+        return ReleaseDirectory(request);
+    default:
+        return Refusal(-EINVAL, "unknown verb " + std::to_string(static_cast<int>(request.verb)));
+    }
+}
+
+Answer Requests::Apply(std::span<const std::uint8_t> message) const
+{
+    const auto unpacked = UnpackControllerMessage(config_.platform, message);
+    if (!unpacked) {
+        return MalformedMessage(config_.platform);
+    }
+    const std::uint32_t vpnId = unpacked->vpn;
+    if (!Serves(vpnId)) {
+        return NotConfigured(vpnId);
+    }
+    if (auto hazard = unpacked->reloads ? ReloadHazard(vpnId) : std::nullopt) {
+        Answer answer = Refusal(-ESRCH, std::move(*hazard));
+        answer.vpn = vpnId;
+        LogOutcome(answer, "");
+        return answer;
+    }
+    const int prepared = PrepareNamespace(vpnId);
+    if (prepared < 0) {
+        Log(LogLevel::kWarning, "vpn %u: its namespace is not ready: %s", vpnId, std::strerror(-prepared));
+    }
+    Answer answer = Outcome(module_.configure(&unpacked->pointer), vpnId);
+    LogOutcome(answer, "applied");
+    if (answer.result >= 0) {
+        SetMeantToRun(vpnId, unpacked->enables);
+        if (unpacked->launches) {
+            AwaitLaunch(answer, vpnId);
+        }
+    }
+    return answer;
+}
+
+Answer Requests::Check(std::span<const std::uint8_t> message) const
+{
+    if (module_.translate == nullptr) {
+        return Refusal(-EOPNOTSUPP, "the module cannot check a message of this platform");
+    }
+    const auto unpacked = UnpackControllerMessage(config_.platform, message);
+    if (!unpacked) {
+        return MalformedMessage(config_.platform);
+    }
+    const std::unique_ptr<VQ_DNSMASQ_CONF, RecordRelease> record(
+        static_cast<VQ_DNSMASQ_CONF *>(VQ_AgentMemZeroAlloc(sizeof(VQ_DNSMASQ_CONF))));
+    if (!record) {
+        return Refusal(-ENOMEM, "");
+    }
+    Answer answer = Outcome(module_.translate(&unpacked->pointer, record.get()), unpacked->vpn);
+    if (answer.result >= 0) {
+        answer.summary = Summarise(*record);
+    }
+    return answer;
+}
+
+Answer Requests::Status(const Kavel__Request &request) const
+{
+    std::vector<std::uint32_t> vpnIds;
+    if (request.has_vpn != 0) {
+        if (!Serves(request.vpn)) {
+            return NotConfigured(request.vpn);
+        }
+        vpnIds.push_back(request.vpn);
+    } else {
+        vpnIds.push_back(0);
+        for (const Vpn &vpn : config_.vpns) {
+            vpnIds.push_back(vpn.id);
+        }
+    }
+    Answer answer;
+    answer.vpns = StatusOf(vpnIds);
+    return answer;
+}
+
+std::optional<Answer> Requests::DirectoryObjection(const Kavel__Request &request) const
+{
+    if (request.has_vpn == 0) {
+        return Refusal(-EINVAL, "no vpn is named");
+    }
+    if (request.vpn == 0) {
+        return Refusal(-EINVAL, "vpn 0 is the box itself and has no directory of its own");
+    }
+    return Serves(request.vpn) ? std::nullopt : std::optional(NotConfigured(request.vpn));
+}
+
+Answer Requests::InitDirectory(const Kavel__Request &request) const
+{
+    if (auto objection = DirectoryObjection(request)) {
+        return *objection;
+    }
+    Answer answer = Outcome(module_.initDirectory(request.vpn), request.vpn);
+    LogOutcome(answer, "directory made");
+    return answer;
+}
+
+Answer Requests::ReleaseDirectory(const Kavel__Request &request) const
+{
+    if (auto objection = DirectoryObjection(request)) {
+        return *objection;
+    }
+    if (IsRunning(request.vpn)) {
+        Answer busy = Refusal(-EBUSY, "the instance of vpn " + std::to_string(request.vpn) + " is running");
+        busy.vpn = request.vpn;
+        return busy;
+    }
+    Answer answer = Outcome(module_.releaseDirectory(request.vpn), request.vpn);
+    LogOutcome(answer, "directory removed");
+    return answer;
+}
+
+} // namespace kavel::agent

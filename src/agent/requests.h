@@ -1,0 +1,44 @@
+// The verbs of the control socket.
+#ifndef KAVEL_AGENT_REQUESTS_H
+#define KAVEL_AGENT_REQUESTS_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "answer.h"
+#include "config.h"
+#include "module.h"
+
+namespace kavel::agent {
+
+// What a VPN's namespace must hold before its instance is of use: loopback up, and the rule that selects the instance's
+// route table. 0 or a negated errno.
+int PrepareNamespace(std::uint32_t vpnId);
+
+class Requests {
+  public:
+    // Both outlive this object.
+    Requests(const Module &module, const Config &config) : module_(module), config_(config) {}
+
+    // `frame` holds one packed Request.
+    [[nodiscard]] Answer Handle(std::span<const std::uint8_t> frame) const;
+
+  private:
+    [[nodiscard]] Answer Apply(std::span<const std::uint8_t> message) const;
+    [[nodiscard]] Answer Check(std::span<const std::uint8_t> message) const;
+    [[nodiscard]] Answer Status(const Kavel__Request &request) const;
+    [[nodiscard]] Answer InitDirectory(const Kavel__Request &request) const;
+    [[nodiscard]] Answer ReleaseDirectory(const Kavel__Request &request) const;
+
+    [[nodiscard]] bool Serves(std::uint32_t vpnId) const { return vpnId == 0 || config_.Find(vpnId) != nullptr; }
+    // Why the directory of the request's VPN cannot be made or removed; nothing when it can.
+    [[nodiscard]] std::optional<Answer> DirectoryObjection(const Kavel__Request &request) const;
+
+    const Module &module_;
+    const Config &config_;
+};
+
+} // namespace kavel::agent
+
+#endif

@@ -1,0 +1,31 @@
+// Frame limits of the control socket; see control.proto.
+#ifndef KAVEL_CONTROL_FRAME_H
+#define KAVEL_CONTROL_FRAME_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace kavel::control {
+
+inline constexpr std::size_t kFrameHeaderSize = 4;
+inline constexpr std::size_t kFrameMax = std::size_t{16} * 1024 * 1024;
+inline constexpr const char *kDefaultSocket = "/run/kavel/agent.sock";
+
+// The header of a frame of `length` bytes, at most kFrameMax.
+inline std::array<std::uint8_t, kFrameHeaderSize> EncodeFrameLength(std::size_t length)
+{
+    return {static_cast<std::uint8_t>(length >> 24U), static_cast<std::uint8_t>(length >> 16U),
+            static_cast<std::uint8_t>(length >> 8U), static_cast<std::uint8_t>(length)};
+}
+
+// The length that a frame's header (kFrameHeaderSize bytes) announces; the caller compares it with kFrameMax.
+inline std::size_t DecodeFrameLength(const std::uint8_t *header)
+{
+    return std::size_t{header[0]} << 24U | std::size_t{header[1]} << 16U | std::size_t{header[2]} << 8U |
+           std::size_t{header[3]};
+}
+
+} // namespace kavel::control
+
+#endif
