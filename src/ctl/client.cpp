@@ -1,0 +1,148 @@
+#include "client.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+#include <poll.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <system_error>
+
+#include "errors.h"
+#include "frame.h"
+
+namespace kavel::ctl {
+
+namespace {
+
+constexpr const char *kClosed = "the agent closed the connection without a reply";
+
+std::string ErrnoText(int error)
+{
+    return std::generic_category().message(error);
+}
+
+// Nothing to do for now: the socket is not ready, or a signal came in between.
+bool IsTransient(int error)
+{
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+[[noreturn]] void ThrowBroken(int error)
+{
+    if (error == EPIPE || error == ECONNRESET) {
+        throw AgentError(kClosed);
+    }
+    throw AgentError("the connection to the agent broke: " + ErrnoText(error));
+}
+
+int ConnectTo(int socket, const std::string &path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        return ENAMETOOLONG;
+    }
+    std::ranges::copy(path, address.sun_path);
+    return ::connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ? 0 : errno;
+}
+
+} // namespace
+
+std::vector<std::uint8_t> PackRequest(const Kavel__Request &request)
+{
+    const std::size_t size = kavel__request__get_packed_size(&request);
+    if (size > control::kFrameMax) {
+        throw InputError("the request would take " + std::to_string(size) + " bytes, over the limit of " +
+                         std::to_string(control::kFrameMax));
+    }
+    std::vector<std::uint8_t> bytes(size);
+    kavel__request__pack(&request, bytes.data());
+    return bytes;
+}
+
+Client Client::Connect(const std::string &path, std::chrono::milliseconds patience)
+{
+    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int error = socket ? ConnectTo(socket.Get(), path) : errno;
+    if (error != 0) {
+        throw AgentError("cannot reach the agent at " + path + ": " + ErrnoText(error));
+    }
+    return Client(std::move(socket), patience);
+}
+
+ReplyPtr Client::Exchange(std::span<const std::uint8_t> request)
+{
+    const TimePoint deadline = std::chrono::steady_clock::now() + patience_;
+    Send(control::EncodeFrameLength(request.size()), deadline);
+    Send(request, deadline);
+
+    std::array<std::uint8_t, control::kFrameHeaderSize> header{};
+    Receive(header, deadline);
+    const std::size_t length = control::DecodeFrameLength(header.data());
+    if (length > control::kFrameMax) {
+        throw AgentError("the agent announced a reply of " + std::to_string(length) + " bytes, over the limit of " +
+                         std::to_string(control::kFrameMax));
+    }
+    std::vector<std::uint8_t> bytes(length);
+    Receive(bytes, deadline);
+    ReplyPtr reply(kavel__reply__unpack(nullptr, bytes.size(), bytes.data()));
+    if (!reply) {
+        throw AgentError("the agent's reply is malformed");
+    }
+    return reply;
+}
+
+void Client::WaitFor(short events, TimePoint deadline) const
+{
+    pollfd waited{socket_.Get(), events, 0};
+    while (true) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            std::ostringstream text;
+            text << "the agent did not reply within " << std::chrono::duration<double>(patience_).count() << " s";
+            throw AgentError(text.str());
+        }
+        const int ready =
+            ::poll(&waited, 1, static_cast<int>(std::min<std::int64_t>(left.count(), std::numeric_limits<int>::max())));
+        if (ready > 0) {
+            return;
+        }
+        if (ready < 0 && errno != EINTR) {
+            ThrowBroken(errno);
+        }
+    }
+}
+
+void Client::Send(std::span<const std::uint8_t> bytes, TimePoint deadline) const
+{
+    while (!bytes.empty()) {
+        WaitFor(POLLOUT, deadline);
+        const ssize_t put = ::send(socket_.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (put >= 0) {
+            bytes = bytes.subspan(static_cast<std::size_t>(put));
+        } else if (!IsTransient(errno)) {
+            ThrowBroken(errno);
+        }
+    }
+}
+
+void Client::Receive(std::span<std::uint8_t> bytes, TimePoint deadline) const
+{
+    while (!bytes.empty()) {
+        WaitFor(POLLIN, deadline);
+        const ssize_t got = ::recv(socket_.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+        if (got == 0) {
+            throw AgentError(kClosed);
+        }
+        if (got > 0) {
+            bytes = bytes.subspan(static_cast<std::size_t>(got));
+        } else if (!IsTransient(errno)) {
+            ThrowBroken(errno);
+        }
+    }
+}
+
+} // namespace kavel::ctl

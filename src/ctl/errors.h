@@ -1,0 +1,28 @@
+// What ends a command early, and the exit codes of vqctl.
+#ifndef KAVEL_CTL_ERRORS_H
+#define KAVEL_CTL_ERRORS_H
+
+#include <stdexcept>
+
+namespace kavel::ctl {
+
+enum ExitCode : int {
+    kDone = 0,
+    kRefused = 1,  // the agent refused, or a VPN has problems
+    kBadInput = 2, // wrong usage, a file that cannot be read, written or understood
+    kNoAgent = 3,  // the agent cannot be reached or does not keep to the protocol
+};
+
+class InputError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+class AgentError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+} // namespace kavel::ctl
+
+#endif

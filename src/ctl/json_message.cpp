@@ -1,0 +1,130 @@
+#include "json_message.h"
+
+#include <algorithm>
+#include <array>
+
+#include "advanced_dns.pb-c.h"
+#include "json_reader.h"
+#include "output.h"
+
+namespace kavel::ctl {
+
+namespace {
+
+using enum Presence;
+
+constexpr std::array kHostFields = {
+    Field<DnsHostItem>{"domain", kRequired, Set<&DnsHostItem::domain, ReadText>},
+    Field<DnsHostItem>{"ip", kRequired, Set<&DnsHostItem::ip, ReadIpv4>},
+    Field<DnsHostItem>{"ipv6", kOptional, SetOptional<&DnsHostItem::has_ipv6, &DnsHostItem::ipv6, ReadIpv6>},
+};
+constexpr auto ReadHost = ReadItem<DnsHostItem, kHostFields, dns_host_item__init>;
+
+constexpr std::array kServerFields = {
+    Field<DnsServerItem>{"dnsserver", kRequired, Set<&DnsServerItem::dnsserver, ReadIpv4>},
+    Field<DnsServerItem>{"ifname", kOptional, Set<&DnsServerItem::ifname, ReadText>},
+};
+constexpr auto ReadServer = ReadItem<DnsServerItem, kServerFields, dns_server_item__init>;
+
+constexpr std::array kMxHostFields = {
+    Field<DnsMxHostItem>{"targetdomain", kRequired, Set<&DnsMxHostItem::targetdomain, ReadText>},
+    Field<DnsMxHostItem>{"sourcedomain", kRequired, Set<&DnsMxHostItem::sourcedomain, ReadText>},
+    Field<DnsMxHostItem>{"preference", kRequired, Set<&DnsMxHostItem::preference, ReadNumber>},
+};
+constexpr auto ReadMxHost = ReadItem<DnsMxHostItem, kMxHostFields, dns_mx_host_item__init>;
+
+constexpr std::array kProxyFields = {
+    Field<DnsProxyItemV2>{"domains", kRequired,
+                          SetList<&DnsProxyItemV2::n_domains, &DnsProxyItemV2::domains, ReadText>},
+    Field<DnsProxyItemV2>{"serverips", kRequired,
+                          SetList<&DnsProxyItemV2::n_serverips, &DnsProxyItemV2::serverips, ReadIpv4>},
+    Field<DnsProxyItemV2>{"serveripv6s", kOptional,
+                          SetList<&DnsProxyItemV2::n_serveripv6s, &DnsProxyItemV2::serveripv6s, ReadIpv6>},
+};
+constexpr auto ReadProxy = ReadItem<DnsProxyItemV2, kProxyFields, dns_proxy_item_v2__init>;
+
+constexpr std::array kCpeFields = {
+    Field<DnsmasqConf>{"enable", kRequired, Set<&DnsmasqConf::enable, ReadBool>},
+    Field<DnsmasqConf>{"operation", kRequired, Set<&DnsmasqConf::operation, ReadOperation>},
+    Field<DnsmasqConf>{"dnshosts", kOptional, SetList<&DnsmasqConf::n_dnshosts, &DnsmasqConf::dnshosts, ReadHost>},
+    Field<DnsmasqConf>{"dnsservers", kOptional,
+                       SetList<&DnsmasqConf::n_dnsservers, &DnsmasqConf::dnsservers, ReadServer>},
+    Field<DnsmasqConf>{"dnsmxhost", kOptional, SetList<&DnsmasqConf::n_dnsmxhost, &DnsmasqConf::dnsmxhost, ReadMxHost>},
+    Field<DnsmasqConf>{"dnsproxies", kOptional,
+                       SetList<&DnsmasqConf::n_dnsproxies, &DnsmasqConf::dnsproxies, ReadProxy>},
+    Field<DnsmasqConf>{"persistentflag", kOptional,
+                       SetOptional<&DnsmasqConf::has_persistentflag, &DnsmasqConf::persistentflag, ReadBool>},
+    Field<DnsmasqConf>{"historypersistent", kOptional,
+                       SetOptional<&DnsmasqConf::has_historypersistent, &DnsmasqConf::historypersistent, ReadBool>},
+    Field<DnsmasqConf>{"vpnid", kOptional, SetOptional<&DnsmasqConf::has_vpnid, &DnsmasqConf::vpnid, ReadNumber>},
+};
+
+constexpr std::array kPopFields = {
+    Field<PopDnsmasqConf>{"enable", kRequired, Set<&PopDnsmasqConf::enable, ReadBool>},
+    Field<PopDnsmasqConf>{"dns", kOptional, SetList<&PopDnsmasqConf::n_dns, &PopDnsmasqConf::dns, ReadIpv4>},
+    Field<PopDnsmasqConf>{"localip", kRequired, Set<&PopDnsmasqConf::localip, ReadIpv4>},
+    Field<PopDnsmasqConf>{"persistentflag", kOptional,
+                          SetOptional<&PopDnsmasqConf::has_persistentflag, &PopDnsmasqConf::persistentflag, ReadBool>},
+    Field<PopDnsmasqConf>{
+        "historypersistent", kOptional,
+        SetOptional<&PopDnsmasqConf::has_historypersistent, &PopDnsmasqConf::historypersistent, ReadBool>},
+    Field<PopDnsmasqConf>{"dnsipv6", kOptional,
+                          SetList<&PopDnsmasqConf::n_dnsipv6, &PopDnsmasqConf::dnsipv6, ReadIpv6>},
+    Field<PopDnsmasqConf>{"localipv6", kOptional,
+                          SetOptional<&PopDnsmasqConf::has_localipv6, &PopDnsmasqConf::localipv6, ReadIpv6>},
+};
+
+// Whether `object` has a key of `these` that is not one of `others`.
+template <typename These, typename Others>
+bool HasKeyOnlyOf(json_object *object, const These &these, const Others &others)
+{
+    return std::ranges::any_of(these, [&](const auto &field) {
+        return FindField(others, field.name) == others.end() && HasKey(object, field.name);
+    });
+}
+
+bool IsForPop(json_object *message)
+{
+    return IsType(message, json_type_object) && HasKeyOnlyOf(message, kPopFields, kCpeFields) &&
+           !HasKeyOnlyOf(message, kCpeFields, kPopFields);
+}
+
+std::string SummaryOf(const DnsmasqConf &conf)
+{
+    return "CPE message for vpn " + std::to_string(conf.vpnid) + ": " + EnabledText(conf.enable != 0) + ", " +
+           OperationText(conf.operation) + ", " + Counted(conf.n_dnshosts, "host") + ", " +
+           std::to_string(conf.n_dnsmxhost) + " mx, " + Counted(conf.n_dnsservers, "server") + ", " +
+           Counted(conf.n_dnsproxies, "proxy item");
+}
+
+std::string SummaryOf(const PopDnsmasqConf &conf)
+{
+    return "POP message: " + EnabledText(conf.enable != 0) + ", " + Counted(conf.n_dns, "server");
+}
+
+template <typename Message, auto Init, auto PackedSize, auto Pack, typename Fields>
+EncodedMessage Encode(json_object *json, const Fields &fields)
+{
+    Arena arena;
+    Message message{};
+    Init(&message);
+    ReadFields(Place{json, Path(), arena}, fields, message);
+    EncodedMessage encoded{std::vector<std::uint8_t>(PackedSize(&message)), SummaryOf(message)};
+    Pack(&message, encoded.bytes.data());
+    return encoded;
+}
+
+} // namespace
+
+EncodedMessage EncodeJson(const std::string &text)
+{
+    const JsonPtr json = ParseJson(text);
+    if (IsForPop(json.get())) {
+        return Encode<PopDnsmasqConf, pop_dnsmasq_conf__init, pop_dnsmasq_conf__get_packed_size,
+                      pop_dnsmasq_conf__pack>(json.get(), kPopFields);
+    }
+    return Encode<DnsmasqConf, dnsmasq_conf__init, dnsmasq_conf__get_packed_size, dnsmasq_conf__pack>(json.get(),
+                                                                                                      kCpeFields);
+}
+
+} // namespace kavel::ctl

@@ -1,0 +1,158 @@
+// The command line of vqctl.
+#include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <cstdint>
+#include <functional>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "commands.h"
+#include "errors.h"
+#include "status_output.h"
+
+namespace {
+
+using namespace kavel::ctl;
+
+constexpr const char *kFooter = R"(Exit codes:
+  0  done
+  1  the agent refused, or status found a VPN with problems
+  2  wrong usage, or a file that cannot be used: nothing was sent
+  3  the agent cannot be reached, or what it said makes no sense)";
+
+struct Arguments {
+    Session session{std::cout, std::cerr};
+    Messages messages;
+    std::string file;
+    std::optional<std::string> target;
+    std::optional<std::uint32_t> vpn;
+    bool json = false;
+    std::function<int()> command;
+};
+
+// Decimal alone: CLI11 by itself would read 010 as 8.
+std::uint32_t VpnNumber(const std::string &text)
+{
+    std::uint32_t vpn = 0;
+    const char *const end = text.data() + text.size();
+    const auto [stopped, error] = std::from_chars(text.data(), end, vpn);
+    if (error != std::errc() || stopped != end) {
+        throw CLI::ValidationError("\"" + text + "\" is not a VPN number");
+    }
+    return vpn;
+}
+
+CLI::Option *AddVpn(CLI::App &app, Arguments &arguments, const std::string &name, const std::string &help)
+{
+    return app
+        .add_option_function<std::string>(
+            name, [&arguments](const std::string &text) { arguments.vpn = VpnNumber(text); }, help)
+        ->type_name("NUMBER");
+}
+
+void AddMessages(CLI::App &app, Arguments &arguments)
+{
+    app.add_option("FILE", arguments.messages.files, "Messages as JSON; - is standard input")
+        ->required()
+        ->type_name("");
+    app.add_flag("--binary", arguments.messages.binary, "The files hold message bytes: send them unchecked");
+}
+
+void AddMessageCommands(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *apply = app.add_subcommand("apply", "Apply controller messages, up to the first that is refused");
+    AddMessages(*apply, arguments);
+    apply->final_callback(
+        [&arguments] { arguments.command = [&] { return Apply(arguments.session, arguments.messages); }; });
+
+    CLI::App *check = app.add_subcommand("check", "Say what controller messages would set, without applying them");
+    AddMessages(*check, arguments);
+    check->final_callback(
+        [&arguments] { arguments.command = [&] { return Check(arguments.session, arguments.messages); }; });
+
+    CLI::App *encode = app.add_subcommand("encode", "Write the bytes of a message, without an agent");
+    encode->add_option("FILE", arguments.file, "A message as JSON; - is standard input")->required()->type_name("");
+    encode->add_option("-o,--output", arguments.target, "Write to this file rather than to standard output")
+        ->type_name("FILE");
+    encode->final_callback(
+        [&arguments] { arguments.command = [&] { return Encode(arguments.file, arguments.target); }; });
+}
+
+void AddStatusCommand(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *status = app.add_subcommand("status", "Show the state of every VPN; exit 1 if any has problems");
+    status->add_flag("--json", arguments.json, "For programs");
+    AddVpn(*status, arguments, "--vpn", "This VPN alone");
+    status->final_callback(
+        [&arguments] { arguments.command = [&] { return Status(arguments.session, arguments.vpn, arguments.json); }; });
+}
+
+void AddVpnCommand(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *vpn = app.add_subcommand("vpn", "Create or remove the instance directory of a VPN");
+    vpn->require_subcommand(1);
+
+    CLI::App *init = vpn->add_subcommand("init", "Create what is missing of it");
+    AddVpn(*init, arguments, "ID", "The VPN")->required();
+    init->final_callback(
+        [&arguments] { arguments.command = [&] { return VpnInit(arguments.session, arguments.vpn.value()); }; });
+
+    CLI::App *release = vpn->add_subcommand("release", "Remove it; the VPN's instance must be stopped");
+    AddVpn(*release, arguments, "ID", "The VPN")->required();
+    release->final_callback(
+        [&arguments] { arguments.command = [&] { return VpnRelease(arguments.session, arguments.vpn.value()); }; });
+}
+
+void AddCommands(CLI::App &app, Arguments &arguments)
+{
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer(kFooter);
+    app.set_version_flag("--version", "vqctl " KAVEL_VERSION);
+    app.add_option("-s,--socket", arguments.session.socket, "The agent's control socket")
+        ->type_name("PATH")
+        ->capture_default_str();
+    app.add_flag("-v,--verbose", arguments.session.verbose, "Tell on standard error what is sent");
+    AddMessageCommands(app, arguments);
+    AddStatusCommand(app, arguments);
+    AddVpnCommand(app, arguments);
+}
+
+// One line. What nobody recognised is the cause even where CLI11 first misses something else.
+std::string UsageText(const CLI::App *app, const CLI::Error &error)
+{
+    const std::vector<std::string> unknown = app->remaining(true);
+    const std::string why = unknown.empty() ? error.what() : "\"" + unknown.front() + "\" is not understood";
+    return "vqctl: " + why + " (vqctl --help tells more)\n";
+}
+
+int Main(int argc, char **argv)
+{
+    Arguments arguments;
+    arguments.session.colour = WantsColour(STDOUT_FILENO);
+    CLI::App app("Talks to the DNS agent of this box.", "vqctl");
+    AddCommands(app, arguments);
+    app.failure_message(UsageText);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? kDone : kBadInput;
+    }
+    return Run(arguments.session, arguments.command);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return Main(argc, argv);
+    } catch (const std::exception &error) {
+        std::cerr << "vqctl: " << error.what() << '\n';
+        return kBadInput;
+    }
+}

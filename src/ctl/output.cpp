@@ -1,0 +1,83 @@
+#include "output.h"
+
+#include <algorithm>
+#include <limits>
+#include <system_error>
+
+#include "operation.h"
+
+namespace kavel::ctl {
+
+namespace {
+
+bool IsControl(unsigned char byte)
+{
+    return byte < 0x20U || byte == 0x7FU;
+}
+
+// The second control range, U+0080 to U+009F, in UTF-8.
+bool IsEncodedControl(std::string_view text)
+{
+    return text.size() >= 2 && text[0] == '\xC2' && static_cast<unsigned char>(text[1]) < 0xA0U;
+}
+
+} // namespace
+
+std::string Printable(std::string_view text)
+{
+    std::string result;
+    result.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool wide = IsEncodedControl(text.substr(i));
+        result += wide || IsControl(static_cast<unsigned char>(text[i])) ? '?' : text[i];
+        i += wide ? 1 : 0;
+    }
+    return result;
+}
+
+std::string Counted(std::size_t count, std::string_view noun)
+{
+    return std::to_string(count).append(" ").append(noun).append(count == 1 ? "" : "s");
+}
+
+std::string EnabledText(bool enable)
+{
+    return enable ? "enabled" : "disabled";
+}
+
+std::string OperationText(std::uint32_t operation)
+{
+    const auto *const known = std::ranges::find(kOperations, operation, &Operation::number);
+    return known != kOperations.end() ? std::string(known->name)
+                                      : "operation " + std::to_string(operation) + " (unknown)";
+}
+
+std::string SubjectText(std::optional<std::uint32_t> vpn)
+{
+    return vpn ? "vpn " + std::to_string(*vpn) : "message";
+}
+
+std::string RefusalText(const Kavel__Reply &reply)
+{
+    // The smallest number has no positive counterpart.
+    const int error = -std::max(reply.result, -std::numeric_limits<std::int32_t>::max());
+    const std::string error_text = std::generic_category().message(error);
+    std::string text = "(" + std::to_string(reply.result) + " " + error_text + ")";
+    if (reply.reason != nullptr) {
+        return text + ": " + Printable(reply.reason);
+    }
+    if (reply.text != nullptr && reply.text != error_text) {
+        return text + ": " + Printable(reply.text);
+    }
+    return text;
+}
+
+std::string SummaryText(const Kavel__Summary &summary)
+{
+    return EnabledText(summary.enable != 0) + ", " + OperationText(summary.operation) + ", " +
+           Counted(summary.hosts, "host") + ", " + std::to_string(summary.mx_hosts) + " mx, " +
+           Counted(summary.servers, "server") + ", " + Counted(summary.proxies, "forward") + ", " +
+           (summary.persistent != 0 ? "stored" : "not stored");
+}
+
+} // namespace kavel::ctl
