@@ -306,19 +306,15 @@ static VQ_ERR_T _VQCtrl_AddServerRoute(const char *Function, uint32_t VpnId, uin
     return VQ_ERR_OK;
 }
 
-static VQ_ERR_T _VQCtrl_AddServerRoutes(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf, const char *IfName)
+static VQ_ERR_T _VQCtrl_AddServerRoutes(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf, const char *IfName,
+                                        VQ_RTC_ROUTE_CONF *Route)
 {
-    const auto Route = advanceddns::ZeroAllocHostMemory<VQ_RTC_ROUTE_CONF>();
-    if (Route == nullptr) {
-        VQ_CTRL_LOG_ERROR_AS(Function, "Apply memory failed\n");
-        return VQ_ERR_NO_MEMORY;
-    }
     VQ_ERR_T Result = VQ_ERR_OK;
     for (size_t Loop = 0; Result >= 0 && Loop < Conf->DnsServerNum; ++Loop) {
-        Result = _VQCtrl_AddServerRoute(Function, Conf->VpnId, Conf->DnsServer[Loop].DnsServerIp, IfName, Route.get());
+        Result = _VQCtrl_AddServerRoute(Function, Conf->VpnId, Conf->DnsServer[Loop].DnsServerIp, IfName, Route);
     }
     for (size_t Loop = 0; Result >= 0 && Loop < Conf->DnsProxyNum; ++Loop) {
-        Result = _VQCtrl_AddServerRoute(Function, Conf->VpnId, Conf->DnsProxy[Loop].ServerIp, IfName, Route.get());
+        Result = _VQCtrl_AddServerRoute(Function, Conf->VpnId, Conf->DnsProxy[Loop].ServerIp, IfName, Route);
     }
     return Result;
 }
@@ -332,6 +328,8 @@ VQ_ERR_T VQCtrl_AddDnsmasqRouteForVpn(const VQ_CTRL_DNSMASQ_CONF *Conf)
         VQ_CTRL_LOG_NOTICE("Wan which sys route is enable exist in vpn %u\n", Conf->VpnId);
         return VQ_ERR_OK;
     }
+    // Before the list, so that it outlives the list: hosts see the list go first.
+    advanceddns::HostMemory<VQ_RTC_ROUTE_CONF> Route;
     char IfName[VQ_IF_NAME_SIZE] = {};
     uint32_t Count = 0;
     const advanceddns::InterfaceList List(VQ_RtcNetioLanGetAllByVpnId(&Count, Conf->VpnId));
@@ -341,7 +339,12 @@ VQ_ERR_T VQCtrl_AddDnsmasqRouteForVpn(const VQ_CTRL_DNSMASQ_CONF *Conf)
     }
     // The table is to hold the routes of this record alone.
     VQCtrl_DelDnsmasqRouteForVpn(Conf->VpnId);
-    return _VQCtrl_AddServerRoutes(__func__, Conf, IfName);
+    Route = advanceddns::ZeroAllocHostMemory<VQ_RTC_ROUTE_CONF>();
+    if (Route == nullptr) {
+        VQ_CTRL_LOG_ERROR("Apply memory failed\n");
+        return VQ_ERR_NO_MEMORY;
+    }
+    return _VQCtrl_AddServerRoutes(__func__, Conf, IfName, Route.get());
 }
 
 void VQCtrl_DelDnsmasqRouteForVpn(uint32_t VpnId)

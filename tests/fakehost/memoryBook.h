@@ -1,0 +1,42 @@
+// The host's allocator: every block is known until it is released.
+#ifndef FAKEHOST_MEMORY_BOOK_H
+#define FAKEHOST_MEMORY_BOOK_H
+
+#include <cstddef>
+#include <unordered_map>
+
+namespace fakehost {
+
+class Host;
+
+class MemoryBook {
+  public:
+    explicit MemoryBook(Host &Owner) : m_Host(Owner) {}
+    ~MemoryBook();
+    MemoryBook(const MemoryBook &) = delete;
+    MemoryBook &operator=(const MemoryBook &) = delete;
+    MemoryBook(MemoryBook &&) = delete;
+    MemoryBook &operator=(MemoryBook &&) = delete;
+
+    void *Allocate(std::size_t Size, bool Zeroed);
+    void Release(void *Pointer);
+
+    // Memory that is not asked to be zeroed holds a pattern, so that a reader of it is seen.
+    void FillFreshBytes(bool Wanted) { m_FillFreshBytes = Wanted; }
+
+    [[nodiscard]] std::size_t BlocksInUse() const { return m_Blocks.size(); }
+    [[nodiscard]] std::size_t BytesInUse() const { return m_BytesInUse; }
+    [[nodiscard]] std::size_t PeakBytes() const { return m_PeakBytes; }
+    void ReportLeaks();
+
+  private:
+    Host &m_Host;
+    bool m_FillFreshBytes = true;
+    std::unordered_map<void *, std::size_t> m_Blocks;
+    std::size_t m_BytesInUse = 0;
+    std::size_t m_PeakBytes = 0;
+};
+
+} // namespace fakehost
+
+#endif

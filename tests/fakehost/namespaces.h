@@ -1,0 +1,51 @@
+// Network namespaces of the VPNs, and what /proc/net/tcp shows in each.
+#ifndef FAKEHOST_NAMESPACES_H
+#define FAKEHOST_NAMESPACES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+namespace fakehost {
+
+class Host;
+
+class Namespaces {
+  public:
+    explicit Namespaces(Host &Owner) : m_Host(Owner) {}
+
+    // The shell words before a command; "ip netns exec vpn_<id> " unless set.
+    void SetPrefix(const std::string &Prefix) { m_Prefix = Prefix; }
+    // A VPN that the host does not know.
+    void Forget(uint32_t VpnId) { m_Unknown.insert(VpnId); }
+    // The table of a namespace (0: the box's own); without one the file cannot be opened there.
+    void PutTcpTable(uint32_t VpnId, const std::string &Text) { m_TcpTables[VpnId] = Text; }
+    // A table whose sockets hold the port, beside others.
+    void PutListener(uint32_t VpnId, uint16_t Port);
+
+    [[nodiscard]] uint32_t Current() const { return m_Current; }
+    // Negated errno values, and the length of the prefix.
+    int WritePrefix(uint32_t VpnId, char *Buffer, std::size_t Size);
+    int Enter(uint32_t VpnId, int *SavedNs);
+    int Leave(int *SavedNs, int Error);
+    // Puts the table of the current namespace where the module reads it.
+    void ShowTcpTable();
+    void ReportLeaks();
+
+  private:
+    static constexpr int kFirstHandle = 900;
+
+    Host &m_Host;
+    std::string m_Prefix;
+    std::set<uint32_t> m_Unknown;
+    std::map<uint32_t, std::string> m_TcpTables;
+    uint32_t m_Current = 0;
+    int m_NextHandle = kFirstHandle;
+    std::map<int, uint32_t> m_Handles;
+};
+
+} // namespace fakehost
+
+#endif

@@ -1,0 +1,51 @@
+// The persistent store: one text per VPN and table.
+#ifndef FAKEHOST_STORE_H
+#define FAKEHOST_STORE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "vqStore.h"
+
+namespace fakehost {
+
+class Host;
+
+class Store {
+  public:
+    explicit Store(Host &Owner) : m_Host(Owner) {}
+    ~Store();
+    Store(const Store &) = delete;
+    Store &operator=(const Store &) = delete;
+    Store(Store &&) = delete;
+    Store &operator=(Store &&) = delete;
+
+    bool Enabled = false;
+    // The conversions that the host has; rows are read back through DnsmasqStrToConf.
+    VQ_DATA_CONTENT_TRANS_OP Conversions{};
+
+    using Key = std::pair<uint32_t, uint32_t>; // table, VPN
+    std::map<Key, std::string> Rows;
+
+    int Carry(uint32_t VpnId, const char *Text, VQ_SQL_CONF_OP Op, VQ_SQL_CONF_TBL Table);
+    // Rows that cannot be converted are left out; null without a conversion.
+    VQ_PersistentConfList *Read(VQ_SQL_CONF_TBL Table);
+    void Release(VQ_PersistentConfList *List);
+    [[nodiscard]] std::size_t ListsInUse() const { return m_Lists.size(); }
+    void ReportLeaks();
+
+  private:
+    void Append(VQ_PersistentConfList &List, const std::string &Text) const;
+    static void Free(VQ_PersistentConfList *List);
+
+    Host &m_Host;
+    std::set<VQ_PersistentConfList *> m_Lists;
+};
+
+} // namespace fakehost
+
+#endif

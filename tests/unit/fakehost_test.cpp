@@ -1,0 +1,250 @@
+// The fake host must see what it is there to see: each broken rule is a violation.
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <dirent.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <regex.h>
+
+#include "host.h"
+#include "vqFile.h"
+#include "vqMemory.h"
+#include "vqNetns.h"
+#include "vqSafeStr.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr const char *kPrefix = "<%s%s>%s[%s:%d] ";
+
+// Writes a line as a correct site does, with its own idea of the prefix fields.
+void WriteLine(uint32_t Level, const char *Function, const char *Message)
+{
+    const VQ_LOG_IMPL_ITEM *Item = VQ_LogGetImplItem(VQ_LOG_MODULE_ADVANCED_DNS);
+    const std::string Format = std::string(kPrefix) + Message;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    Item->Log(VQ_AgentLogGetTag(), Level, Format.c_str(), Item->LogLevel2Str(Level),
+              VQ_LogGetModuleName(VQ_LOG_MODULE_ADVANCED_DNS), "[dns-main]", Function, 1);
+#pragma GCC diagnostic pop
+}
+
+class FakeHost : public testing::Test {
+  protected:
+    fakehost::Host Host;
+};
+
+TEST_F(FakeHost, SeesNothingWrongWithNothing)
+{
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, SeesMemoryThatIsNeverReleased)
+{
+    void *Block = VQ_AgentMemZeroAlloc(24);
+    EXPECT_NE(Block, nullptr);
+    EXPECT_THAT(Host.Verify(), ElementsAre("memory never released: 24 bytes"));
+}
+
+TEST_F(FakeHost, SeesMemoryReleasedTwice)
+{
+    void *Block = VQ_AgentMemAlloc(24);
+    VQ_AgentMemFree(Block);
+    VQ_AgentMemFree(Block);
+    EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("memory released that is not")));
+}
+
+TEST_F(FakeHost, FreshMemoryIsNotZero)
+{
+    auto *Block = static_cast<unsigned char *>(VQ_AgentMemAlloc(2));
+    EXPECT_NE(Block[0], 0U);
+    EXPECT_NE(Block[1], 0U);
+    VQ_AgentMemFree(Block);
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, SeesListsThatAreNeverOrTwiceReleased)
+{
+    Host.Netio.SetLans(7, {{"lan0"}});
+    uint32_t Count = 0;
+    VQ_LIST_HEAD *First = VQ_RtcNetioLanGetAllByVpnId(&Count, 7);
+    EXPECT_EQ(Count, 1U);
+    VQ_RtcNetioNodeListRelease(First);
+    VQ_RtcNetioNodeListRelease(First);
+    EXPECT_NE(VQ_RtcNetioLanGetAllByVpnId(&Count, 7), nullptr);
+    EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("released that is not"), HasSubstr("never released: 1")));
+}
+
+TEST_F(FakeHost, SeesOpenFilesAndDirectories)
+{
+    Host.Files.Put("/var/run/x", "text");
+    std::FILE *Stream = std::fopen("/var/run/x", "re");
+    ASSERT_NE(Stream, nullptr);
+    char Text[8] = {};
+    EXPECT_EQ(std::fread(Text, 1, sizeof(Text), Stream), 4U);
+    EXPECT_STREQ(Text, "text");
+    ASSERT_NE(opendir("/proc"), nullptr);
+    EXPECT_THAT(Host.Verify(), ElementsAre("never closed: /var/run/x", "directories never closed: 1"));
+}
+
+TEST_F(FakeHost, ForgetsAClosedFile)
+{
+    Host.Files.Put("/var/run/x", "text");
+    std::FILE *Stream = std::fopen("/var/run/x", "re");
+    ASSERT_NE(Stream, nullptr);
+    EXPECT_EQ(std::fclose(Stream), 0);
+    EXPECT_EQ(Host.Files.OpenStreams(), 0U);
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, SeesANamespaceThatIsNotLeft)
+{
+    int Saved = -1;
+    EXPECT_EQ(VQ_RtcNetNsSaveAndSwitch(7, &Saved), 0);
+    EXPECT_THAT(Host.Verify(), ElementsAre("the namespace of VPN 7 was never left"));
+}
+
+TEST_F(FakeHost, SeesANamespaceLeftTwice)
+{
+    int Saved = -1;
+    EXPECT_EQ(VQ_RtcNetNsSaveAndSwitch(7, &Saved), 0);
+    EXPECT_EQ(VQ_RtcNetNsSwitchToDefault(&Saved), 0);
+    EXPECT_EQ(Saved, -1);
+    EXPECT_NE(VQ_RtcNetNsSwitchToDefault(&Saved), 0);
+    EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("a handle that is not open")));
+}
+
+TEST_F(FakeHost, SeesPatternsThatAreNotReleased)
+{
+    regex_t Pattern;
+    EXPECT_EQ(regcomp(&Pattern, "x", REG_EXTENDED), 0);
+    EXPECT_THAT(Host.Verify(), ElementsAre("patterns never released: 1 instead of 0"));
+}
+
+TEST_F(FakeHost, AcceptsThePatternsThatATestExpects)
+{
+    regex_t Pattern;
+    EXPECT_EQ(regcomp(&Pattern, "x", REG_EXTENDED), 0);
+    Host.Regex.ExpectUnreleased(1);
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, SeesAnErrorThatIsNotReset)
+{
+    EXPECT_EQ(VQ_LogTest(62, 4, TRUE, "F"), TRUE);
+    WriteLine(4, "F", "text");
+    EXPECT_EQ(VQ_FlexLogSetFormatData("text"), 0);
+    EXPECT_THAT(Host.Verify(), ElementsAre("an error of F was not reset before the end"));
+}
+
+TEST_F(FakeHost, SeesALineThatWasNotLetThrough)
+{
+    Host.Log.LevelEnabled[1] = false;
+    EXPECT_EQ(VQ_LogTest(62, 1, TRUE, "F"), FALSE);
+    WriteLine(1, "F", "text");
+    EXPECT_THAT(Host.Verify(), ElementsAre("a line that VQ_LogTest did not let through: text"));
+}
+
+TEST_F(FakeHost, SeesALineThatWasLetThroughAndNotWritten)
+{
+    EXPECT_EQ(VQ_LogTest(62, 1, TRUE, "F"), TRUE);
+    EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("none was written")));
+}
+
+TEST_F(FakeHost, SeesAFlexTextThatDiffersFromTheLine)
+{
+    EXPECT_EQ(VQ_LogTest(62, 4, TRUE, "F"), TRUE);
+    WriteLine(4, "F", "text");
+    EXPECT_EQ(VQ_FlexLogSetFormatData("other"), 0);
+    EXPECT_EQ(VQ_LogTest(62, 4, FALSE, "F"), TRUE);
+    VQ_FlexLogDataReset();
+    EXPECT_THAT(Host.Verify(),
+                ElementsAre("the flex-log text differs from the line: other", HasSubstr("Reset out of order")));
+}
+
+TEST_F(FakeHost, SeesAFunctionNameThatDiffersFromTheQuestions)
+{
+    EXPECT_EQ(VQ_LogTest(62, 3, TRUE, "F"), TRUE);
+    WriteLine(3, "G", "text");
+    EXPECT_THAT(Host.Verify(), ElementsAre("a line with a wrong tag or prefix, from G: text"));
+}
+
+TEST_F(FakeHost, SeesACallInTheMiddleOfALogSite)
+{
+    EXPECT_EQ(VQ_LogTest(62, 4, TRUE, "F"), TRUE);
+    WriteLine(4, "F", "text");
+    EXPECT_EQ(VQ_CreateFilePath("/var/run/x"), 0);
+    EXPECT_THAT(Host.Verify(), ElementsAre("an error of F was not reset before VQ_CreateFilePath"));
+}
+
+TEST_F(FakeHost, FailsTheNthCountedCall)
+{
+    Host.Failures.FailNth(2, -28);
+    EXPECT_EQ(VQ_CreateFilePath("/var/run/x"), 0);
+    EXPECT_EQ(VQ_WriteSyncWithFilePath("/var/run/x", "text", 4), -28);
+    EXPECT_EQ(VQ_WriteSyncWithFilePath("/var/run/x", "text", 4), 0);
+    EXPECT_EQ(Host.Failures.CountedCalls(), 3U);
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, FailsEveryCountedCallFromTheNthOn)
+{
+    Host.Failures.FailFrom(2, -12);
+    void *Block = VQ_AgentMemAlloc(1);
+    EXPECT_NE(Block, nullptr);
+    EXPECT_EQ(VQ_AgentMemAlloc(1), nullptr);
+    EXPECT_EQ(std::fopen("/var/run/x", "re"), nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    char Buffer[8];
+    EXPECT_GE(VQ_SNPrintf(Buffer, sizeof(Buffer), "x"), sizeof(Buffer));
+    VQ_AgentMemFree(Block);
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, RecordsNothingWhenAskedTo)
+{
+    Host.RecordNothing();
+    EXPECT_EQ(VQ_CreateFilePath("/var/run/x"), 0);
+    EXPECT_THAT(Host.Calls.Entries(), IsEmpty());
+    EXPECT_THAT(Host.Files.Written(), IsEmpty());
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, TextServicesTellTheWholeLength)
+{
+    char Buffer[4];
+    EXPECT_EQ(VQ_SNPrintf(Buffer, sizeof(Buffer), "%s", "abc"), 3U);
+    EXPECT_STREQ(Buffer, "abc");
+    EXPECT_EQ(VQ_SNPrintf(Buffer, sizeof(Buffer), "%s", "abcd"), 4U);
+    EXPECT_STREQ(Buffer, "abc");
+    EXPECT_EQ(VQ_SafeStrCopy(Buffer, sizeof(Buffer), "vwxyz"), 5U);
+    EXPECT_STREQ(Buffer, "vwx");
+    uint32_t Address = 0;
+    EXPECT_NE(VQ_SafeStrGetIp4Addr("10.0.0.1", 15, &Address), nullptr);
+    EXPECT_EQ(Address, 10U * 16777216U + 1U);
+    EXPECT_EQ(VQ_SafeStrGetIp4Addr("10.0.0.256", 15, &Address), nullptr);
+    EXPECT_EQ(Address, 10U * 16777216U + 1U);
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST(FakeHostDeathTest, AServiceWithoutAHostAborts)
+{
+    EXPECT_DEATH(VQ_AgentMemAlloc(1), "a service was called without a host");
+}
+
+TEST(FakeHostDeathTest, AHostThatIsNotAskedForItsViolationsAborts)
+{
+    EXPECT_DEATH(
+        {
+            const fakehost::Host Here;
+            static_cast<void>(VQ_AgentMemAlloc(8));
+        },
+        "memory never released: 8 bytes");
+}
+
+} // namespace

@@ -1,0 +1,369 @@
+// The message entry and the apply sequence, on a CPE.
+#include <algorithm>
+
+#include "cpeMessage.h"
+#include "moduleTest.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// How the error lines of the two functions begin.
+std::string ApplySite()
+{
+    return "4 _VQCtrl_SetAdvancedDnsConfiguration: ";
+}
+
+std::string EntrySite()
+{
+    return "4 VQCtrl_ConfigAdvancedDns: ";
+}
+
+constexpr const char *kRecordBlock = "VQ_AgentMemAlloc(17834172)";
+
+class Config : public ModuleTest {
+  protected:
+    void SetUp() override
+    {
+        ModuleTest::SetUp();
+        VQCtrl_AgentSetCPEAdvancedDnsOps();
+        Host.Files.PutInstance(7);
+        Host.Netio.SetWans(7, {{false}});
+        Host.Netio.SetLans(7, {{"lan0"}});
+    }
+
+    void FillMessage()
+    {
+        Message.AddHost("nas.example.com", Ip(10, 0, 0, 1));
+        Message.AddMx("mx.example.com", "example.com", 10);
+        Message.AddServer(Ip(10, 1, 1, 1), "eth0");
+        Message.AddProxy({"corp.example.com"}, {Ip(10, 1, 1, 2)});
+    }
+
+    void RunInstance(uint32_t VpnId = 7)
+    {
+        Host.Proc.AddInstance(1234, VpnId);
+        Host.Proc.PutPidFile(VpnId, "1234\n");
+    }
+
+    VQ_ERR_T Configure()
+    {
+        const VQ_CTRL_DNSMASQ_CONFIG_PB Carrier = Message.Carrier();
+        return VQCtrl_ConfigAdvancedDns(&Carrier);
+    }
+
+    [[nodiscard]] static std::string Written(const std::string &Name) { return "/etc/kavel/dnsmasq/vpn_7/" + Name; }
+
+    // Error lines only.
+    [[nodiscard]] std::vector<std::string> Errors() const
+    {
+        std::vector<std::string> Out = Logs();
+        std::erase_if(Out, [](const std::string &Line) { return Line[0] != '4'; });
+        return Out;
+    }
+
+    CpeMessage Message{7};
+};
+
+TEST_F(Config, AMessageIsPutIntoForceInOrder)
+{
+    FillMessage();
+    RunInstance();
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_THAT(Host.Files.Written(),
+                ElementsAre(Written("hosts"), Written("dnsmasq.d/Mxhost.conf"), Written("dnsmasq.d/ServerMap.conf"),
+                            Written("resolv.conf"), Written("dnsmasq.d/DnsProxy.conf")));
+    EXPECT_THAT(Host.Routes.Of(7, 199), ElementsAre("10.1.1.1/32 dev lan0", "10.1.1.2/32 dev lan0"));
+    EXPECT_FALSE(Host.Proc.IsAlive(1234));
+    EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), testing::SizeIs(1));
+    EXPECT_THAT(Errors(), IsEmpty());
+
+    const std::vector<std::string> Calls = World();
+    const auto At = [&](const std::string &Start) {
+        return std::find_if(Calls.begin(), Calls.end(),
+                            [&](const std::string &Each) { return Each.starts_with(Start); });
+    };
+    EXPECT_LT(At("VQ_WriteSync"), At("VQ_RtcNetioWan"));
+    EXPECT_LT(At("VQ_RTCRouteDel"), At("VQ_RTCRouteAdd"));
+    EXPECT_LT(At("VQ_RTCRouteAdd"), At("fopen"));
+    EXPECT_LT(At("VQ_KillPid"), At("VQ_CmdExec"));
+}
+
+TEST_F(Config, TheRecordIsOneBlockThatIsReleasedAtTheEnd)
+{
+    EXPECT_EQ(Configure(), 0);
+    const std::vector<std::string> Trace = Host.Calls.Trace();
+    EXPECT_EQ(Trace.front(), kRecordBlock);
+    EXPECT_EQ(Trace.back(), "VQ_AgentMemFree()");
+}
+
+// The host's memory is not zeroed, and the message sets nothing of what is looked at here.
+TEST_F(Config, TheRecordIsClearedFirst)
+{
+    Message = CpeMessage();
+    Message.Pb().enable = 1;
+    Message.Pb().operation = VQ_CTRL_DNSMASQ_OP_REBOOT;
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_EQ(Host.Files.Content("/etc/kavel/dnsmasq/hosts"), "");
+    EXPECT_EQ(Host.Files.Content("/etc/kavel/dnsmasq/dnsmasq.d/DnsProxy.conf"), "");
+    EXPECT_THAT(Host.Calls.Named("VQ_RTCRouteAdd"), IsEmpty());
+}
+
+TEST_F(Config, NoMemoryForTheRecord)
+{
+    Host.Failures.Fail("VQ_AgentMemAlloc", -12);
+    EXPECT_EQ(Configure(), -12);
+    EXPECT_THAT(Logs(), ElementsAre(EntrySite() + "No mem for advanced dns config\n"));
+    EXPECT_THAT(World(), IsEmpty());
+}
+
+TEST_F(Config, ARefusedMessageChangesNothing)
+{
+    FillMessage();
+    Message.AddHost("bad_name", 1);
+    Host.Rows.Enabled = true;
+    Message.Pb().has_persistentflag = 1;
+    Message.Pb().persistentflag = 1;
+    EXPECT_EQ(Configure(), -22);
+    EXPECT_THAT(Logs(),
+                ElementsAre("4 VQCtrl_PbToAdvancedDnsConfPlatformCPE: dnsmasq dns host[1].domain is invalid\n",
+                            EntrySite() + "protobuf to data struct for advanced dns failed(22:Invalid argument)\n"));
+    EXPECT_THAT(Host.Files.Written(), IsEmpty());
+    EXPECT_THAT(Host.Calls.Named("VQ_SqliteDnsMasqConfOp"), IsEmpty());
+    EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), IsEmpty());
+}
+
+TEST_F(Config, AnOverLongListIsRefusedWithItsOwnCode)
+{
+    for (int Each = 0; Each < 9; ++Each) {
+        Message.AddNullServer();
+    }
+    EXPECT_EQ(Configure(), -75);
+    EXPECT_EQ(Logs().back(),
+              EntrySite() +
+                  "protobuf to data struct for advanced dns failed(75:Value too large for defined data type)\n");
+}
+
+struct FileStep {
+    std::size_t Nth;
+    const char *Own;
+    const char *Step;
+};
+
+class FileSteps : public Config, public testing::WithParamInterface<FileStep> {};
+
+TEST_P(FileSteps, TheFirstFailureEndsTheSequence)
+{
+    FillMessage();
+    RunInstance();
+    Host.Rows.Enabled = true;
+    Host.Failures.Fail("VQ_WriteSyncWithFilePath", -28, GetParam().Nth);
+    EXPECT_EQ(Configure(), -28);
+    const std::string Reason = "(28:No space left on device)\n";
+    EXPECT_THAT(Logs(), ElementsAre("4 " + (GetParam().Own + Reason), ApplySite() + GetParam().Step + Reason,
+                                    EntrySite() + "set configuration advanced dns failed" + Reason));
+    EXPECT_THAT(Host.Files.Written(), testing::SizeIs(GetParam().Nth - 1));
+    EXPECT_THAT(Host.Calls.Named("VQ_WriteSyncWithFilePath"), testing::SizeIs(GetParam().Nth));
+    EXPECT_THAT(Host.Calls.Named("VQ_RTCRouteDel"), IsEmpty());
+    EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), IsEmpty());
+    EXPECT_THAT(Host.Calls.Named("VQ_SqliteDnsMasqConfOp"), IsEmpty());
+    EXPECT_TRUE(Host.Proc.IsAlive(1234));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Writers, FileSteps,
+    testing::Values(
+        FileStep{1, "VQCtrl_SetDnsHostConf: Write to dnsmasq host failed", "set dns host conf failed"},
+        FileStep{2, "VQCtrl_SetDnsMxHostConf: Write to dnsmasq mx host failed", "set dns mx host conf failed"},
+        FileStep{3, "VQCtrl_SetDnsServerConf: Write to dnsmasq server map failed", "set dns server conf failed"},
+        FileStep{4, "VQCtrl_SetDnsResolveConf: Write to dnsmasq server resolv failed", "set dns resolve conf failed"},
+        FileStep{5, "VQCtrl_SetDnsProxyConf: Write to dnsmasq host failed", "set dns proxy conf failed"}));
+
+TEST_F(Config, AFailedRouteEndsTheSequenceBeforeTheInstance)
+{
+    FillMessage();
+    RunInstance();
+    Host.Failures.Fail("VQ_RTCRouteAdd", -101);
+    EXPECT_EQ(Configure(), -101);
+    EXPECT_THAT(Errors(),
+                ElementsAre("4 VQCtrl_AddDnsmasqRouteForVpn: Dnsmasq route add failed(101:Network is unreachable)!\n",
+                            ApplySite() + "Add dnsmasq route for vpn 7 failed(101:Network is unreachable)\n",
+                            EntrySite() + "set configuration advanced dns failed(101:Network is unreachable)\n"));
+    EXPECT_THAT(Host.Files.Written(), testing::SizeIs(5));
+    EXPECT_TRUE(Host.Proc.IsAlive(1234));
+    EXPECT_THAT(Host.Calls.Named("kill"), IsEmpty());
+    EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), IsEmpty());
+}
+
+TEST_F(Config, AFailedRebootLeavesTheRoutes)
+{
+    FillMessage();
+    Host.Failures.Fail("VQ_CmdExec", -5);
+    EXPECT_EQ(Configure(), -22);
+    const std::vector<std::string> Lines = Errors();
+    ASSERT_THAT(Lines, testing::SizeIs(3));
+    EXPECT_EQ(Lines[1], ApplySite() + "Dnsmasq reboot failed(22:Invalid argument)\n");
+    EXPECT_EQ(Lines[2], EntrySite() + "set configuration advanced dns failed(22:Invalid argument)\n");
+    EXPECT_THAT(Host.Routes.Of(7, 199), testing::SizeIs(2));
+    EXPECT_THAT(Host.Rules.Adds(), IsEmpty());
+}
+
+TEST_F(Config, AReloadSignalsAndTouchesNoRule)
+{
+    FillMessage();
+    RunInstance();
+    Message.Pb().operation = VQ_CTRL_DNSMASQ_OP_RELOAD;
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_THAT(Host.Calls.Named("kill"), ElementsAre("kill(1234, 1)"));
+    EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), IsEmpty());
+    EXPECT_THAT(Host.Calls.Named("VQ_KillPid"), IsEmpty());
+    EXPECT_THAT(Host.Rules.Adds(), IsEmpty());
+    EXPECT_THAT(Host.Routes.Of(7, 199), testing::SizeIs(2));
+}
+
+TEST_F(Config, AFailedReloadIsReturned)
+{
+    Host.Proc.PutPidFile(7, "1234");
+    Message.Pb().operation = VQ_CTRL_DNSMASQ_OP_RELOAD;
+    EXPECT_EQ(Configure(), -3);
+    EXPECT_THAT(Errors(), ElementsAre("4 VQCtrl_DnsmasqReload: Reload dns service pid 1234 failed(3:No such process)\n",
+                                      ApplySite() + "Dnsmasq reload failed(3:No such process)\n",
+                                      EntrySite() + "set configuration advanced dns failed(3:No such process)\n"));
+}
+
+TEST_F(Config, TheBoxItselfGetsNoRoutes)
+{
+    FillMessage();
+    RunInstance(0);
+    Message.Pb().vpnid = 0;
+    Message.Pb().operation = VQ_CTRL_DNSMASQ_OP_RELOAD;
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_THAT(Host.Calls.Named("VQ_RTCRouteDel"), IsEmpty());
+    EXPECT_THAT(Host.Calls.Named("VQ_RTCRouteAdd"), IsEmpty());
+    EXPECT_THAT(Host.Calls.Named("VQ_RtcNetioWanGetAllByVpnId"), IsEmpty());
+    EXPECT_THAT(Host.Calls.Named("kill"), ElementsAre("kill(1234, 1)"));
+    EXPECT_EQ(File("/etc/kavel/dnsmasq/hosts"), "10.0.0.1 nas.example.com\n");
+}
+
+TEST_F(Config, AnUnknownOperationIsRefusedAfterTheRoutes)
+{
+    FillMessage();
+    RunInstance();
+    for (const uint32_t Operation : {2U, 4294967295U}) {
+        Host.Log.Clear();
+        Host.Calls.Clear();
+        Message.Pb().operation = Operation;
+        EXPECT_EQ(Configure(), -22);
+        EXPECT_THAT(Errors(),
+                    ElementsAre(ApplySite() + "Dnsmasq operation(" + std::to_string(Operation) +
+                                    ") failed(22:Invalid argument)\n",
+                                EntrySite() + "set configuration advanced dns failed(22:Invalid argument)\n"));
+        EXPECT_THAT(Host.Routes.Of(7, 199), testing::SizeIs(2));
+        EXPECT_THAT(Host.Calls.Named("fopen"), IsEmpty());
+    }
+    EXPECT_TRUE(Host.Proc.IsAlive(1234));
+}
+
+TEST_F(Config, ADisabledRecordIsTornDown)
+{
+    FillMessage();
+    EXPECT_EQ(Configure(), 0);
+    RunInstance();
+    Message = CpeMessage(7, false);
+    Host.Calls.Clear();
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_EQ(Host.Files.Content(Written("hosts")), "");
+    EXPECT_EQ(Host.Files.Content(Written("dnsmasq.d/DnsProxy.conf")), "");
+    EXPECT_THAT(Host.Routes.Of(7, 199), IsEmpty());
+    EXPECT_FALSE(Host.Proc.IsAlive(1234));
+    EXPECT_FALSE(Host.Files.Exists(fakehost::Processes::PidFile(7)));
+    EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), IsEmpty());
+    EXPECT_THAT(Errors(), IsEmpty());
+}
+
+TEST_F(Config, ADisabledRecordIgnoresItsOperation)
+{
+    Message = CpeMessage(7, false, 77);
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_THAT(Errors(), IsEmpty());
+}
+
+TEST_F(Config, ADisabledRecordWithEntriesStillHasItsFilesWritten)
+{
+    FillMessage();
+    Message.Pb().enable = 0;
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_EQ(File(Written("hosts")), "10.0.0.1 nas.example.com\n");
+    EXPECT_THAT(Host.Calls.Named("VQ_RTCRouteAdd"), IsEmpty());
+}
+
+TEST_F(Config, ADisabledBoxHasNoRoutesToRemove)
+{
+    Message = CpeMessage(0, false);
+    RunInstance(0);
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_THAT(Host.Calls.Named("VQ_RTCRouteDel"), IsEmpty());
+    EXPECT_FALSE(Host.Proc.IsAlive(1234));
+}
+
+TEST_F(Config, AFailedStopIsLoggedAndNotReported)
+{
+    Message = CpeMessage(7, false);
+    RunInstance();
+    Host.Failures.Fail("VQ_KillPid", -1);
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_THAT(Errors(), ElementsAre("4 VQCtrl_DnsmasqStop: Kill pid 1234 failed(1:Operation not permitted)\n",
+                                      ApplySite() + "Dnsmasq stop failed\n"));
+}
+
+TEST_F(Config, ADisabledRecordReturnsTheLastFilesPositiveResult)
+{
+    Message = CpeMessage(7, false);
+    RunInstance();
+    Host.SuccessResults["VQ_WriteSyncWithFilePath"] = 26;
+    EXPECT_EQ(Configure(), 26);
+    Host.Failures.Fail("VQ_KillPid", -1);
+    RunInstance();
+    EXPECT_EQ(Configure(), 26);
+}
+
+TEST_F(Config, APositiveResultOfAFileStepDoesNotEndTheSequence)
+{
+    FillMessage();
+    RunInstance();
+    Message.Pb().operation = VQ_CTRL_DNSMASQ_OP_RELOAD;
+    Host.SuccessResults["VQ_WriteSyncWithFilePath"] = 26;
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_THAT(Host.Files.Written(), testing::SizeIs(5));
+    EXPECT_THAT(Host.Calls.Named("kill"), testing::SizeIs(1));
+}
+
+TEST_F(Config, WithoutPersistenceTheStoreIsLeftAlone)
+{
+    Message.Pb().has_persistentflag = 1;
+    Message.Pb().persistentflag = 1;
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_THAT(Host.Calls.Named("VQ_SqliteDnsMasqConfOp"), IsEmpty());
+}
+
+TEST_F(Config, ThePlatformsWithoutAdvancedDnsLeaveTheTableInForce)
+{
+    VQCtrl_AgentSetApAdvancedDnsOps();
+    VQCtrl_AgentSetAdAdvancedDnsOps();
+    VQCtrl_AgentSetWinAdvancedDnsOps();
+    VQCtrl_AgentSetMacAdvancedDnsOps();
+    VQCtrl_AgentSetLinuxAdvancedDnsOps();
+    EXPECT_THAT(Host.Calls.Trace(), IsEmpty());
+    FillMessage();
+    EXPECT_EQ(Configure(), 0);
+    EXPECT_THAT(Host.Files.Written(), testing::SizeIs(5));
+}
+
+TEST_F(Config, RecoveryOfNothingIsASuccess)
+{
+    EXPECT_EQ(VQCtrl_AgentRecoverAdvancedDnsConf(), 0);
+    EXPECT_THAT(Host.Files.Written(), IsEmpty());
+}
+
+} // namespace
