@@ -1,0 +1,184 @@
+"""A box under test: the lab's namespaces, a real vqagent with the real module, vqctl, and a client that asks.
+
+Everything runs inside scripts/private: /etc/kavel, /run and the process ids are this test file's own.
+"""
+
+import json
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ["KAVEL_BUILD"])
+SOCKET = pathlib.Path("/run/kavel/agent.sock")
+CONFIG = pathlib.Path("/etc/kavel/agent.json")
+DNSMASQ = pathlib.Path("/etc/kavel/dnsmasq")
+
+
+def run(*command, check=True, **options):
+    return subprocess.run([str(word) for word in command], check=check, text=True, capture_output=True, **options)
+
+
+def wait_until(condition, what, seconds=5.0):
+    """Returns the first true value of `condition`; fails with `what` when none comes in time."""
+    deadline = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        assert time.monotonic() < deadline, f"not within {seconds} s: {what}"
+        time.sleep(0.02)
+
+
+def vpn_config(vpn, **changes):
+    return {"id": vpn, "lan": ["lan0", "lan1"], "wan": [{"name": "wan0", "sysRoute": False}], **changes}
+
+
+def message(vpn=7, **changes):
+    """A CPE message as vqctl takes it; `changes` replace or, when None, remove members."""
+    fields = {
+        "enable": True,
+        "operation": "reboot",
+        "vpnid": vpn,
+        "dnshosts": [{"domain": f"nas.vpn{vpn}.example", "ip": f"192.168.{vpn}.10"}],
+        "dnsservers": [{"dnsserver": f"10.{vpn}.0.53"}],
+        **changes,
+    }
+    return {key: value for key, value in fields.items() if value is not None}
+
+
+def pid_file(vpn=7):
+    return pathlib.Path(f"/run/kvl_dns_vpn_{vpn}.pid")
+
+
+def instance_pid(vpn=7):
+    return int(pid_file(vpn).read_text())
+
+
+def alive(pid):
+    try:
+        stat = pathlib.Path(f"/proc/{pid}/stat").read_text()
+    except (FileNotFoundError, ProcessLookupError):
+        return False
+    return stat.rpartition(")")[2].split()[0] not in "ZX"
+
+
+def instances(vpn=None):
+    """Pids of the DNS instances that run, of one VPN or of all."""
+    tag = f"kvl_dns_vpn_{'' if vpn is None else vpn}".encode() + (b"" if vpn is None else b".pid")
+    found = []
+    for entry in pathlib.Path("/proc").iterdir():
+        if not entry.name.isdigit():
+            continue
+        try:
+            words = (entry / "cmdline").read_bytes()
+        except OSError:
+            continue
+        if words.split(b"\0")[0].endswith(b"dnsmasq") and tag in words and alive(int(entry.name)):
+            found.append(int(entry.name))
+    return found
+
+
+def end(pid):
+    """Kills a process that this test started, and waits until it is gone."""
+    os.kill(pid, signal.SIGKILL)
+    wait_until(lambda: not alive(pid), f"process {pid} gone")
+
+
+def ask(name, kind="A", vpn=7, server=None, options=()):
+    """What the client of a VPN gets for a question, one line an answer; empty without an answer."""
+    server = server or f"192.168.{vpn}.1"
+    answer = run("ip", "netns", "exec", f"client_{vpn}", "dig", "+short", "+time=1", "+tries=1", *options,
+                 f"@{server}", kind, name, check=False)
+    return [line for line in answer.stdout.splitlines() if not line.startswith(";")]
+
+
+def expect(answer, name, kind="A", **where):
+    wait_until(lambda: ask(name, kind, **where) == [answer], f"{kind} {name} -> {answer}, got {ask(name, kind, **where)}")
+
+
+def routes(vpn=7):
+    """Targets of table 199 in a VPN's namespace."""
+    shown = run("ip", "-n", f"vpn_{vpn}", "-json", "route", "show", "table", "199", check=False)
+    return sorted(route["dst"] for route in json.loads(shown.stdout or "[]"))
+
+
+def frame(payload):
+    return struct.pack("!I", len(payload)) + payload
+
+
+class Box:
+    def __init__(self):
+        self.agent = None
+        self.log_path = pathlib.Path("/run/agent.log")
+        self.log_path.write_text("")
+
+    def configure(self, *vpns, **changes):
+        CONFIG.parent.mkdir(parents=True, exist_ok=True)
+        CONFIG.write_text(json.dumps({"platform": "cpe", "log": "debug", "vpns": list(vpns), **changes}))
+
+    def spawn(self, *options, **environment):
+        with self.log_path.open("a") as log:
+            return subprocess.Popen([str(BUILD / "vqagent"), *options], stdout=log, stderr=log,
+                                    env={**os.environ, **environment})
+
+    def start(self, *options):
+        """Starts the agent and returns once it says that it is ready."""
+        address = "/run/notify.sock"
+        pathlib.Path(address).unlink(missing_ok=True)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notify:
+            notify.bind(address)
+            notify.settimeout(20)
+            self.agent = self.spawn(*options, NOTIFY_SOCKET=address)
+            while b"READY=1" not in notify.recv(4096):
+                pass
+        return self
+
+    def stop(self):
+        """Asks the agent to end; its exit status."""
+        self.agent.send_signal(signal.SIGTERM)
+        status = self.agent.wait(timeout=10)
+        self.agent = None
+        return status
+
+    def log(self):
+        return self.log_path.read_text()
+
+    def vqctl(self, *words, check=False, **options):
+        return run(BUILD / "vqctl", *words, check=check, **options)
+
+    def apply(self, *messages):
+        """Applies messages; fails unless each is applied."""
+        for one in messages:
+            done = self.vqctl("apply", "-", input=json.dumps(one))
+            assert done.returncode == 0, done.stdout + done.stderr + self.log()
+            assert done.stdout == f"vpn {one.get('vpnid', 0)}: applied\n"
+
+    def refused(self, one, command="apply"):
+        """The words with which a message is refused."""
+        done = self.vqctl(command, "-", input=json.dumps(one))
+        assert done.returncode == 1, done.stdout + done.stderr
+        return (done.stdout + done.stderr).strip()
+
+    def status(self, vpn=7):
+        shown = self.vqctl("status", "--json", "--vpn", vpn)
+        (row,) = json.loads(shown.stdout)
+        return row
+
+    def clean_up(self):
+        if self.agent is not None and self.agent.poll() is None:
+            self.agent.kill()
+            self.agent.wait()
+        for pid in instances():
+            end(pid)
+        for leftover in pathlib.Path("/run").glob("kvl_dns_vpn_*.pid"):
+            leftover.unlink()
+        shutil.rmtree("/etc/kavel", ignore_errors=True)
+        shutil.rmtree("/run/kavel", ignore_errors=True)
+        for vpn in (7, 8):
+            run("ip", "-n", f"vpn_{vpn}", "route", "flush", "table", "199", check=False)

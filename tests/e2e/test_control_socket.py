@@ -1,0 +1,169 @@
+"""The control socket: who may use it, and what a bad peer can do to the others."""
+
+import json
+import socket
+import stat
+import subprocess
+import sys
+import time
+
+import pytest
+
+from box import BUILD, SOCKET, frame, message, run, wait_until
+
+
+def connect():
+    peer = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    peer.settimeout(15)
+    peer.connect(str(SOCKET))
+    return peer
+
+
+def read_frame(peer):
+    header = b""
+    while len(header) < 4:
+        more = peer.recv(4 - len(header))
+        if not more:
+            return None
+        header += more
+    length, body = int.from_bytes(header, "big"), b""
+    while len(body) < length:
+        more = peer.recv(length - len(body))
+        assert more
+        body += more
+    return body
+
+
+STATUS_REQUEST = b"\x08\x03"
+
+ASK_AS_OTHER_USER = r"""
+import socket, sys
+peer = socket.socket(socket.AF_UNIX)
+peer.settimeout(5)
+peer.connect(sys.argv[1])
+try:
+    peer.sendall(b"\0\0\0\2\x08\x03")
+    answer = peer.recv(1)
+except (BrokenPipeError, ConnectionResetError):
+    answer = b""
+print(answer or "nothing")
+"""
+
+
+def test_the_socket_is_the_owners_alone(running):
+    assert stat.S_IMODE(SOCKET.stat().st_mode) == 0o600
+
+
+def test_another_user_is_turned_away(running):
+    """Even where the file's mode would let it in."""
+    SOCKET.chmod(0o666)
+    as_nobody = subprocess.run(["setpriv", "--reuid=nobody", "--clear-groups", sys.executable, "-c", ASK_AS_OTHER_USER,
+                                str(SOCKET)], capture_output=True, text=True)
+    assert as_nobody.stdout == "nothing\n", as_nobody.stderr
+    assert "65534" in running.log()
+
+
+def test_requests_one_after_the_other(running):
+    with connect() as peer:
+        for _ in range(3):
+            peer.sendall(frame(STATUS_REQUEST))
+            assert read_frame(peer)
+
+
+def test_requests_in_one_piece_and_byte_by_byte(running):
+    with connect() as peer:
+        peer.sendall(frame(STATUS_REQUEST) * 2)
+        assert read_frame(peer)
+        assert read_frame(peer)
+        for byte in frame(STATUS_REQUEST):
+            peer.sendall(bytes([byte]))
+        assert read_frame(peer)
+
+
+def test_garbage_is_answered_and_disturbs_nobody(running):
+    with connect() as good, connect() as bad:
+        bad.sendall(frame(b"\xff\xff\xff\xff"))
+        assert read_frame(bad), "an answer that says what is wrong"
+        good.sendall(frame(STATUS_REQUEST))
+        assert read_frame(good)
+
+
+def test_a_frame_over_the_limit(running):
+    with connect() as peer:
+        peer.sendall((16 * 1024 * 1024 + 1).to_bytes(4, "big"))
+        answer = read_frame(peer)
+        assert answer and b"16" in answer
+        assert peer.recv(1) == b"", "and the connection is closed"
+    running.apply(message())
+
+
+def test_a_frame_at_the_limit_is_read(running):
+    with connect() as peer:
+        peer.sendall(frame(b"\xff" * (16 * 1024 * 1024)))
+        assert read_frame(peer)
+
+
+def test_a_stalled_peer_is_dropped_and_disturbs_nobody(running):
+    with connect() as stalled:
+        stalled.sendall(b"\0\0\0\x09half")
+        begun = time.monotonic()
+        running.apply(message())
+        assert time.monotonic() - begun < 5, "the others do not wait for it"
+        assert stalled.recv(1) == b""
+        assert 9 < time.monotonic() - begun < 14
+    assert "stalls and is dropped" in running.log()
+
+
+def test_an_idle_peer_is_kept(running):
+    """Only a frame that was begun must be finished."""
+    with connect() as idle:
+        time.sleep(11)
+        idle.sendall(frame(STATUS_REQUEST))
+        assert read_frame(idle)
+
+
+def test_many_connections_at_once(running):
+    peers = []
+    try:
+        for _ in range(200):
+            peer = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM | socket.SOCK_NONBLOCK)
+            peer.connect_ex(str(SOCKET))
+            peers.append(peer)
+    finally:
+        for peer in peers:
+            peer.close()
+    running.apply(message())
+
+
+def test_a_stale_socket_file_is_replaced(box):
+    SOCKET.parent.mkdir(parents=True, exist_ok=True)
+    with socket.socket(socket.AF_UNIX) as old:
+        old.bind(str(SOCKET))
+    box.start()
+    box.apply(message())
+
+
+def test_a_term_signal_ends_it_cleanly(running):
+    assert running.stop() == 0
+    assert not SOCKET.exists()
+
+
+def test_verbose_tells_what_is_sent(running):
+    done = running.vqctl("-v", "apply", "-", input=json.dumps(message()))
+    assert done.returncode == 0
+    assert "nas.vpn7.example" in done.stderr or "bytes" in done.stderr
+
+
+def test_no_colours_without_a_terminal(running):
+    running.apply(message())
+    wait_until(lambda: running.status()["answers"], "an answer")
+    assert "\x1b" not in running.vqctl("status").stdout
+
+
+@pytest.mark.parametrize("program", ["vqagent", "vqctl"])
+def test_help_and_version(program):
+    assert run(BUILD / program, "--help").stdout
+    assert run(BUILD / program, "--version").stdout.strip()
+    wrong = run(BUILD / program, "--no-such-option", check=False)
+    assert wrong.returncode == 2
+    assert "--no-such-option" in wrong.stderr

@@ -1,0 +1,182 @@
+"""Instances that do not behave: left over, killed, foreign, and an agent that comes and goes."""
+
+import json
+import os
+import subprocess
+
+from box import (DNSMASQ, alive, ask, end, expect, instance_pid, instances, message, pid_file, wait_until)
+
+
+def started(box, vpn=7):
+    box.apply(message(vpn))
+    expect(f"192.168.{vpn}.10", f"nas.vpn{vpn}.example", vpn=vpn)
+    return instance_pid(vpn)
+
+
+def test_a_restart_while_an_old_instance_holds_the_port(running):
+    """An instance that no pid file names any more is found by its tag, and the port is free for the new one."""
+    old = started(running)
+    gone = subprocess.Popen(["true"])
+    gone.wait()
+    pid_file().write_text(f"{gone.pid}\n")
+
+    running.apply(message(dnshosts=[{"domain": "new.vpn7.example", "ip": "192.168.7.99"}]))
+
+    expect("192.168.7.99", "new.vpn7.example")
+    assert not alive(old)
+    assert instances(7) == [instance_pid()]
+
+
+def test_killed_from_outside_and_applied_again(running):
+    end(started(running))
+    assert ask("nas.vpn7.example") == []
+
+    started(running)
+
+    assert len(instances(7)) == 1
+
+
+def test_a_reload_of_a_killed_instance_is_refused(running):
+    pid = started(running)
+    end(pid)
+
+    said = running.refused(message(operation="reload"))
+
+    assert said == f"vpn 7: refused (-3 No such process): Reload dns service pid {pid} failed(3:No such process)"
+
+
+def test_a_pid_file_that_names_someone_elses_process(running):
+    """Neither a reload nor a restart nor a stop touches a process that is not the VPN's instance."""
+    own = started(running)
+    bystander = subprocess.Popen(["sleep", "60"])
+    try:
+        pid_file().write_text(f"{bystander.pid}\n")
+        said = running.refused(message(operation="reload"))
+        assert said.startswith("vpn 7: refused (-3 No such process): ")
+        assert str(bystander.pid) in said and "sleep" in said
+
+        running.apply(message())
+        assert bystander.poll() is None
+        assert not alive(own)
+        expect("192.168.7.10", "nas.vpn7.example")
+
+        end(instance_pid())
+        pid_file().write_text(f"{bystander.pid}\n")
+        running.apply(message(enable=False))
+        assert bystander.poll() is None
+        assert not pid_file().exists()
+    finally:
+        bystander.kill()
+        bystander.wait()
+
+
+def test_a_pid_file_that_would_signal_every_process(running):
+    """0 and -1 mean the whole process group and every process: the agent must not let the module signal them."""
+    pid = started(running)
+    for text in ("0\n", "-1\n", "not a number\n"):
+        pid_file().write_text(text)
+        said = running.refused(message(operation="reload"))
+        assert said.startswith("vpn 7: refused (-3 No such process): "), said
+        assert running.agent.poll() is None
+    assert alive(pid)
+
+
+def test_the_agent_stops_and_the_instance_answers_on(running):
+    pid = started(running)
+
+    assert running.stop() == 0
+
+    assert instance_pid() == pid
+    assert ask("nas.vpn7.example") == ["192.168.7.10"]
+    running.start()
+    assert instance_pid() == pid
+    assert running.status()["pid"] == pid
+    running.apply(message(operation="reload", dnshosts=[{"domain": "nas.vpn7.example", "ip": "192.168.7.12"}]))
+    expect("192.168.7.12", "nas.vpn7.example")
+    assert instance_pid() == pid
+
+
+def test_the_agent_is_killed_and_the_next_one_takes_over(running):
+    pid = started(running)
+    running.agent.kill()
+    running.agent.wait()
+
+    running.start()
+
+    running.apply(message(enable=False))
+    assert not alive(pid)
+    assert instances() == []
+
+
+def test_status_tells_what_is_wrong(running):
+    pid = started(running)
+    good = running.status()
+    assert (good["meant"], good["alive"], good["is_dnsmasq"], good["in_namespace"], good["answers"]) == (True,) * 5
+    assert good["problems"] == []
+    assert (good["hosts"], good["servers"], good["routes"]) == (1, 1, 1)
+    assert good["memory_bytes"] > 100_000
+
+    end(pid)
+    bad = running.status()
+    assert (bad["meant"], bad["alive"], bad["answers"]) == (True, False, False)
+    assert any(str(pid) in problem for problem in bad["problems"])
+    shown = running.vqctl("status")
+    assert shown.returncode == 1
+    assert f"vpn 7: {bad['problems'][0]}" in shown.stdout + shown.stderr
+
+
+def test_an_instance_that_does_not_come_up_is_told(running):
+    """A file that dnsmasq does not read past: the message is applied, and nothing answers."""
+    broken = DNSMASQ / "vpn_7/dnsmasq.d/broken.conf"
+    broken.write_text("no-such-option\n")
+
+    done = running.vqctl("apply", "-", input=json.dumps(message()))
+
+    assert done.stdout == "vpn 7: applied\n"
+    assert done.stderr == "vqctl: vpn 7: the instance did not come up\n"
+    assert running.status()["problems"] == ["no instance runs: it did not start, or was ended from outside"]
+    broken.unlink()
+    started(running)
+    assert running.status()["problems"] == []
+
+
+def test_what_is_meant_outlives_the_agent(running):
+    end(started(running))
+    pid_file().unlink()
+    running.stop()
+    running.start()
+
+    assert running.status()["meant"]
+    running.apply(message(enable=False))
+    assert not running.status()["meant"]
+    assert running.status()["problems"] == []
+
+
+def test_status_of_a_stopped_process(running):
+    """A process that hangs is alive and does not answer."""
+    pid = started(running)
+    os.kill(pid, 19)
+    try:
+        row = running.status()
+        assert row["alive"] and not row["answers"]
+        assert any("port 53" in problem for problem in row["problems"])
+    finally:
+        os.kill(pid, 18)
+    wait_until(lambda: running.status()["answers"], "it answers again")
+
+
+def test_init_and_release_of_a_directory(running):
+    refused = running.vqctl("vpn", "release", "7")
+    assert refused.returncode == 0, refused.stdout + refused.stderr
+    assert not os.path.exists("/etc/kavel/dnsmasq/vpn_7")
+
+    assert running.vqctl("vpn", "init", "7").returncode == 0
+    started(running)
+    assert running.vqctl("vpn", "release", "7").returncode == 1, "not while its instance runs"
+    assert ask("nas.vpn7.example") == ["192.168.7.10"]
+
+
+def test_every_vpn_is_listed(running):
+    started(running)
+    rows = json.loads(running.vqctl("status", "--json").stdout)
+    assert [row["vpn"] for row in rows] == [0, 7, 8]

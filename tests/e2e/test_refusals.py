@@ -1,0 +1,170 @@
+"""What is not as it should be is answered with one clear line, and loses nothing."""
+
+import json
+
+import pytest
+
+from box import (BUILD, CONFIG, DNSMASQ, SOCKET, alive, end, expect, instance_pid, instances, message, routes, run,
+                 vpn_config)
+
+
+def files_of(vpn=7):
+    return {path: path.read_bytes() for path in (DNSMASQ / f"vpn_{vpn}").rglob("*") if path.is_file()}
+
+
+def test_a_bad_domain_changes_nothing(running):
+    running.apply(message())
+    expect("192.168.7.10", "nas.vpn7.example")
+    before, pid = files_of(), instance_pid()
+    hosts = [{"domain": "good.example", "ip": "10.0.0.1"}] * 3 + [{"domain": "bad_name.example", "ip": "10.0.0.1"}]
+
+    said = running.refused(message(dnshosts=hosts))
+
+    assert said == "vpn 7: refused (-22 Invalid argument): dnsmasq dns host[3].domain is invalid"
+    assert files_of() == before
+    assert instance_pid() == pid
+
+
+def test_an_unknown_operation_is_refused_after_the_files(running):
+    said = running.refused(message(operation=2))
+
+    assert said == "vpn 7: refused (-22 Invalid argument): Dnsmasq operation(2) failed(22:Invalid argument)"
+    assert b"nas.vpn7.example" in files_of()[DNSMASQ / "vpn_7/hosts"]
+    assert routes() == ["10.7.0.53"], "the routes stay"
+    assert instances() == []
+
+
+def test_check_applies_nothing(running):
+    before = files_of()
+
+    done = running.vqctl("check", "-", input=json.dumps(message()))
+    assert done.returncode == 0
+    assert done.stdout.startswith("vpn 7: would apply: enabled, reboot, 1 host")
+    assert "would be refused (-22 Invalid argument): dnsmasq dns server[1] is repeat" in running.refused(
+        message(dnsservers=[{"dnsserver": "10.0.0.1"}] * 2), command="check")
+
+    assert files_of() == before
+    assert instances() == []
+
+
+def test_a_vpn_that_is_not_configured(running):
+    said = running.refused(message(99))
+
+    assert said == "vpn 99: refused (-2 No such file or directory): vpn 99 is not configured"
+    assert not (DNSMASQ / "vpn_99").exists()
+    for command in ("init", "release"):
+        refused = running.vqctl("vpn", command, "99")
+        assert refused.returncode == 1
+        assert "vpn 99 is not configured" in refused.stdout + refused.stderr
+
+
+def test_a_namespace_that_goes_away(box):
+    run("ip", "netns", "add", "short_lived")
+    box.configure({"id": 9, "namespace": "short_lived"}, vpn_config(7))
+    box.start()
+    run("ip", "netns", "delete", "short_lived")
+
+    said = box.refused(message(9, dnsservers=None))
+
+    assert said.startswith("vpn 9: refused (-2 No such file or directory): "), said
+    assert box.status(9)["problems"] == ["namespace short_lived does not exist"]
+    box.apply(message(7))
+    expect("192.168.7.10", "nas.vpn7.example")
+
+
+BAD_CONFIGURATIONS = {
+    "a namespace that does not exist": (
+        {"vpns": [{"id": 9}]}, 'vpns[0].namespace: "vpn_9" does not exist'),
+    "an interface that does not exist": (
+        {"vpns": [vpn_config(7, lan=["lan0", "lan9"])]}, 'vpns[0].lan[1]: interface "lan9" does not exist in namespace "vpn_7"'),
+    "a duplicate": (
+        {"vpns": [vpn_config(7), vpn_config(7)]}, "vpns[1].id: 7 is configured twice"),
+    "an unknown key": (
+        {"vpns": [vpn_config(7, colour="red")]}, "vpns[0].colour: unknown key"),
+    "an unknown key at the top": ({"verbose": True}, "verbose: unknown key"),
+    "a wrong type": ({"vpns": [{"id": "7"}]}, "vpns[0].id: "),
+    "an unknown platform": ({"platform": "toaster"}, 'platform: '),
+    "an unknown level": ({"log": "loud"}, "log: "),
+    "a WAN without a name": ({"vpns": [vpn_config(7, wan=[{"sysRoute": True}])]}, "vpns[0].wan[0].name: "),
+}
+
+
+@pytest.mark.parametrize("case", BAD_CONFIGURATIONS)
+def test_a_bad_configuration_is_one_line(box, case):
+    changes, line = BAD_CONFIGURATIONS[case]
+    vpns = changes.get("vpns", [])
+    box.configure(*vpns, **{key: value for key, value in changes.items() if key != "vpns"})
+
+    done = run(BUILD / "vqagent", check=False, timeout=10)
+
+    assert done.returncode == 2
+    said = (done.stdout + done.stderr).splitlines()
+    assert len(said) == 1, said
+    assert said[0].startswith(f"vqagent: {CONFIG}: {line}"), said
+    assert not SOCKET.exists()
+
+
+@pytest.mark.parametrize("text", ["{", "", "[]", '{"platform": "cpe"} x'])
+def test_a_configuration_that_is_not_one_object(box, text):
+    CONFIG.write_text(text)
+    done = run(BUILD / "vqagent", check=False, timeout=10)
+    assert done.returncode == 2
+    assert len((done.stdout + done.stderr).splitlines()) == 1
+
+
+def test_a_second_agent_says_who_runs(running):
+    pid = running.agent.pid
+
+    done = run(BUILD / "vqagent", check=False, timeout=10)
+
+    assert done.returncode == 1
+    assert (done.stdout + done.stderr).splitlines() == [f"vqagent: already running as pid {pid}"]
+    assert alive(pid)
+    running.apply(message())
+
+
+def test_messages_that_are_not_messages(running, tmp_path):
+    for name, content in {"empty": b"", "garbage": b"\xff" * 40, "truncated": b"\x08\x01\x10"}.items():
+        path = tmp_path / name
+        path.write_bytes(content)
+        done = running.vqctl("apply", "--binary", path)
+        assert done.returncode == 1, name
+        assert "refused (-22 Invalid argument)" in done.stdout + done.stderr
+    running.apply(message())
+
+
+def test_no_agent(box):
+    done = box.vqctl("status")
+    assert done.returncode == 3
+    assert (done.stdout + done.stderr).splitlines() == [
+        "vqctl: cannot reach the agent at /run/kavel/agent.sock: No such file or directory"]
+
+
+def test_full_disk_keeps_the_old_files(running):
+    """No room below /etc/kavel: the message is refused, the old files and the running instance stand."""
+    running.apply(message())
+    expect("192.168.7.10", "nas.vpn7.example")
+    hosts = DNSMASQ / "vpn_7/hosts"
+    run("mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", DNSMASQ / "vpn_7")
+    try:
+        assert running.vqctl("vpn", "init", "7").returncode == 0
+        running.apply(message())
+        filler = DNSMASQ / "vpn_7/filler"
+        with filler.open("wb", buffering=0) as out, pytest.raises(OSError):
+            while True:
+                out.write(b"x" * 4096)
+        before = hosts.read_bytes()
+        many = [{"domain": f"host{number}.example", "ip": "10.0.0.1"} for number in range(900)]
+
+        said = running.refused(message(dnshosts=many))
+
+        assert said == ("vpn 7: refused (-28 No space left on device): "
+                        "Write to dnsmasq host failed(28:No space left on device)")
+        assert hosts.read_bytes() == before
+        assert list((DNSMASQ / "vpn_7").glob(".*")) == []
+        filler.unlink()
+        running.apply(message(dnshosts=many))
+    finally:
+        for pid in instances():
+            end(pid)
+        run("umount", DNSMASQ / "vpn_7")

@@ -1,0 +1,34 @@
+"""VPNs side by side: each sees its own names alone."""
+
+from box import ask, expect, instance_pid, instances, message, routes
+
+
+def test_names_stay_in_their_vpn(running):
+    running.apply(message(7), message(8))
+
+    expect("192.168.7.10", "nas.vpn7.example", vpn=7)
+    expect("192.168.8.10", "nas.vpn8.example", vpn=8)
+    assert ask("nas.vpn8.example", vpn=7) == []
+    assert ask("nas.vpn7.example", vpn=8) == []
+
+
+def test_each_asks_its_own_upstream(running):
+    running.apply(message(7), message(8))
+
+    expect("198.51.100.7", "vpn7.example.net", vpn=7)
+    expect("198.51.100.8", "vpn8.example.net", vpn=8)
+    assert ask("vpn8.example.net", vpn=7) == []
+
+
+def test_one_is_switched_off_and_the_other_answers_on(running):
+    running.apply(message(7), message(8))
+    expect("192.168.8.10", "nas.vpn8.example", vpn=8)
+    other = instance_pid(8)
+
+    running.apply(message(7, enable=False, dnshosts=None, dnsservers=None))
+
+    assert instances(7) == []
+    assert routes(7) == []
+    assert instance_pid(8) == other
+    assert routes(8) == ["10.8.0.53"]
+    assert ask("nas.vpn8.example", vpn=8) == ["192.168.8.10"]
