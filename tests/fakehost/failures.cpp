@@ -8,6 +8,12 @@ void Failures::Clear()
     m_Named.clear();
 }
 
+std::size_t Failures::CallsOf(const std::string &Service) const
+{
+    const auto Found = m_CallsByName.find(Service);
+    return Found == m_CallsByName.end() ? 0 : Found->second;
+}
+
 std::optional<int> Failures::NextCounted(const std::string &Service)
 {
     const std::size_t Nth = ++m_Calls;

@@ -13,8 +13,9 @@ namespace fakehost {
 // Errors are negated errno values, whatever the service: an allocation or a list then is null, a C library call fails
 // with that errno, a text service reports that the text did not fit.
 //
-// Counted calls are all that can fail, in order, apart from logging (it has its own switches in LogBook) and the
-// pattern compiler (the module does not look at its result, so failing it is asked for by name only).
+// Counted calls are all that can fail, in order, apart from logging (it has its own switches in LogBook) and two that
+// are made to fail by name only: the pattern compiler, whose result the module does not look at, and the reading of a
+// JSON number, which is a matter of content.
 class Failures {
   public:
     // The counted call number `Nth`, from 1, fails.
@@ -28,6 +29,9 @@ class Failures {
     void Clear();
 
     [[nodiscard]] std::size_t CountedCalls() const { return m_Calls; }
+
+    // How often the service was called so far.
+    [[nodiscard]] std::size_t CallsOf(const std::string &Service) const;
 
     // The error with which the call that is being made has to fail.
     std::optional<int> NextCounted(const std::string &Service);

@@ -65,6 +65,7 @@ std::vector<std::string> Host::Verify()
     Netio.ReportLeaks();
     Rows.ReportLeaks();
     Regex.ReportLeaks();
+    Json.ReportLeaks();
     m_Verified = true;
     return std::exchange(m_Violations, {});
 }

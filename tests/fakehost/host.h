@@ -20,6 +20,7 @@
 #include "fileTree.h"
 #include "interfaces.h"
 #include "journal.h"
+#include "jsonBook.h"
 #include "logBook.h"
 #include "memoryBook.h"
 #include "namespaces.h"
@@ -30,6 +31,12 @@
 #include "store.h"
 
 namespace fakehost {
+
+// A call that was made to fail: as it stands in the journal, and the how manieth of its service it was.
+struct FailedCall {
+    std::string Text;
+    std::size_t Nth;
+};
 
 class Host {
   public:
@@ -56,6 +63,7 @@ class Host {
     RuleTable Rules;
     Store Rows{*this};
     Patterns Regex{*this};
+    JsonBook Json{*this};
 
     // What a service answers when it succeeds; 0 unless it stands here.
     std::map<std::string, int> SuccessResults;
@@ -74,7 +82,11 @@ class Host {
     std::optional<int> Enter(EntryKind Kind, const char *Name, const Args &...Arguments)
     {
         Note(Kind, Name, Arguments...);
-        return Failures.NextCounted(Name);
+        const std::optional<int> Error = Failures.NextCounted(Name);
+        if (Error.has_value()) {
+            m_Failed.push_back({Describe(Name, Arguments...), Failures.CallsOf(Name)});
+        }
+        return Error;
     }
 
     // A call that cannot fail.
@@ -87,11 +99,14 @@ class Host {
     }
 
     [[nodiscard]] int Success(const char *Name) const;
+    // The calls that were made to fail, in order, whether recorded or not.
+    [[nodiscard]] const std::vector<FailedCall> &Failed() const { return m_Failed; }
 
   private:
     void RunHook(const char *Name);
 
     std::vector<std::string> m_Violations;
+    std::vector<FailedCall> m_Failed;
     bool m_Verified = false;
 };
 

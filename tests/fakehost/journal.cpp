@@ -40,9 +40,14 @@ std::string Quote(std::string_view Text)
     return Out + '"';
 }
 
+std::string CallText(std::string_view Name, std::string_view Arguments)
+{
+    return std::string(Name).append("(").append(Arguments).append(")");
+}
+
 std::string Entry::Text() const
 {
-    return Name + '(' + Arguments + ')';
+    return CallText(Name, Arguments);
 }
 
 void AppendArgument(std::string &Out, Quoted Argument)

@@ -49,6 +49,32 @@ void AppendArgument(std::string &Out, const T &Argument)
     Argument.AppendTo(Out);
 }
 
+std::string CallText(std::string_view Name, std::string_view Arguments);
+
+template <typename T>
+void AppendSeparated(std::string &Out, const T &Argument)
+{
+    if (!Out.empty()) {
+        Out += ", ";
+    }
+    AppendArgument(Out, Argument);
+}
+
+template <typename... Args>
+std::string JoinArguments(const Args &...Arguments)
+{
+    std::string Out;
+    (AppendSeparated(Out, Arguments), ...);
+    return Out;
+}
+
+// A call as it stands in the journal.
+template <typename... Args>
+std::string Describe(const char *Name, const Args &...Arguments)
+{
+    return CallText(Name, JoinArguments(Arguments...));
+}
+
 class Journal {
   public:
     // Text entries (formatting, copying, address conversion) come by the ten thousand and are off to begin with.
@@ -61,9 +87,7 @@ class Journal {
         if (!m_Wanted[Index(Kind)]) {
             return;
         }
-        std::string Joined;
-        (AppendSeparated(Joined, Arguments), ...);
-        m_Entries.push_back({Kind, Name, std::move(Joined)});
+        m_Entries.push_back({Kind, Name, JoinArguments(Arguments...)});
     }
 
     void Clear() { m_Entries.clear(); }
@@ -78,15 +102,6 @@ class Journal {
 
   private:
     static constexpr std::size_t Index(EntryKind Kind) { return static_cast<std::size_t>(Kind); }
-
-    template <typename T>
-    static void AppendSeparated(std::string &Out, const T &Argument)
-    {
-        if (!Out.empty()) {
-            Out += ", ";
-        }
-        AppendArgument(Out, Argument);
-    }
 
     std::array<bool, 4> m_Wanted{true, true, false, true};
     std::vector<Entry> m_Entries;

@@ -1,11 +1,55 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <sanitizer/asan_interface.h>
+#include <utility>
 
 #include "host.h"
 #include "vqMemory.h"
 
 namespace fakehost {
+
+namespace {
+
+struct FreeBlock {
+    void operator()(void *Block) const { std::free(Block); }
+};
+
+// The record that was released last, kept for the next host: in a long run most of the time would go into fresh pages
+// for one. While it is kept, an address sanitizer takes it for released.
+class SpareRecord {
+  public:
+    [[nodiscard]] void *Take(std::size_t Size)
+    {
+        if (m_Block == nullptr || Size != m_Size) {
+            return nullptr;
+        }
+        ASAN_UNPOISON_MEMORY_REGION(m_Block.get(), m_Size);
+        return m_Block.release();
+    }
+
+    // False when the block is not worth keeping, or another one is kept.
+    bool Keep(void *Block, std::size_t Size)
+    {
+        constexpr std::size_t WorthKeeping = 1 << 20;
+        if (m_Block != nullptr || Size < WorthKeeping) {
+            return false;
+        }
+        m_Block.reset(Block);
+        m_Size = Size;
+        ASAN_POISON_MEMORY_REGION(Block, Size);
+        return true;
+    }
+
+  private:
+    std::unique_ptr<void, FreeBlock> m_Block;
+    std::size_t m_Size = 0;
+};
+
+SpareRecord s_Spare;
+
+} // namespace
 
 MemoryBook::~MemoryBook()
 {
@@ -18,7 +62,10 @@ void *MemoryBook::Allocate(std::size_t Size, bool Zeroed)
 {
     constexpr int Pattern = 0xa5;
     // Fresh zeroed pages cost nothing until they are written, which the size of a record makes worth having.
-    void *Block = Zeroed ? std::calloc(1, Size) : std::malloc(Size);
+    void *Block = Zeroed ? nullptr : s_Spare.Take(Size);
+    if (Block == nullptr) {
+        Block = Zeroed ? std::calloc(1, Size) : std::malloc(Size);
+    }
     if (!Zeroed && m_FillFreshBytes && Block != nullptr) {
         std::memset(Block, Pattern, Size);
     }
@@ -35,9 +82,12 @@ void MemoryBook::Release(void *Pointer)
         m_Host.Violation("memory released that is not the module's, or not any more");
         return;
     }
-    m_BytesInUse -= Found->second;
+    const std::size_t Size = Found->second;
+    m_BytesInUse -= Size;
     m_Blocks.erase(Found);
-    std::free(Pointer);
+    if (!m_ReuseRecords || !s_Spare.Keep(Pointer, Size)) {
+        std::free(Pointer);
+    }
 }
 
 void MemoryBook::ReportLeaks()

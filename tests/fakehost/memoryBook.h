@@ -24,6 +24,9 @@ class MemoryBook {
     // Memory that is not asked to be zeroed holds a pattern, so that a reader of it is seen.
     void FillFreshBytes(bool Wanted) { m_FillFreshBytes = Wanted; }
 
+    // For long runs: a record that is released is handed out again, with what was left in it.
+    void ReuseRecords() { m_ReuseRecords = true; }
+
     [[nodiscard]] std::size_t BlocksInUse() const { return m_Blocks.size(); }
     [[nodiscard]] std::size_t BytesInUse() const { return m_BytesInUse; }
     [[nodiscard]] std::size_t PeakBytes() const { return m_PeakBytes; }
@@ -32,6 +35,7 @@ class MemoryBook {
   private:
     Host &m_Host;
     bool m_FillFreshBytes = true;
+    bool m_ReuseRecords = false;
     std::unordered_map<void *, std::size_t> m_Blocks;
     std::size_t m_BytesInUse = 0;
     std::size_t m_PeakBytes = 0;

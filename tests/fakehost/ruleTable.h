@@ -29,6 +29,8 @@ class RuleTable {
     using Key = std::tuple<uint16_t, uint8_t, uint32_t, uint32_t>;
     [[nodiscard]] const std::map<Key, VQ_CONF_RULE> &InForce() const { return m_InForce; }
 
+    // A rule that is in force from the start, with nothing but its key.
+    void Put(const Key &Where) { m_InForce.insert_or_assign(Where, VQ_CONF_RULE{}); }
     void Add(const VQ_CONF_RULE &Rule, uint16_t Op, BOOL Flag1, BOOL Flag2);
     int Delete(uint8_t Zone, uint32_t RuleId, uint32_t CustomerId, uint16_t Op);
 

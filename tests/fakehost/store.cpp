@@ -68,6 +68,7 @@ VQ_PersistentConfList *Store::Read(VQ_SQL_CONF_TBL Table)
             Append(*List, Text);
         }
     }
+    List->Count = Count.value_or(List->Count);
     m_Lists.insert(List.get());
     return List.release();
 }

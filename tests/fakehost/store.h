@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -30,6 +31,8 @@ class Store {
 
     using Key = std::pair<uint32_t, uint32_t>; // table, VPN
     std::map<Key, std::string> Rows;
+    // The number of records that a list tells, when it is not the true one.
+    std::optional<int32_t> Count;
 
     int Carry(uint32_t VpnId, const char *Text, VQ_SQL_CONF_OP Op, VQ_SQL_CONF_TBL Table);
     // Rows that cannot be converted are left out; null without a conversion.

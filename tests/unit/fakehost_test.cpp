@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <json-c/json.h>
 #include <regex.h>
 
 #include "host.h"
@@ -19,6 +20,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 constexpr const char *kPrefix = "<%s%s>%s[%s:%d] ";
 
@@ -126,6 +128,68 @@ TEST_F(FakeHost, SeesPatternsThatAreNotReleased)
     EXPECT_THAT(Host.Verify(), ElementsAre("patterns never released: 1 instead of 0"));
 }
 
+TEST_F(FakeHost, SeesJsonThatIsNeverOrTwiceReleased)
+{
+    json_object *Tree = json_object_new_object();
+    EXPECT_EQ(json_object_put(Tree), 1);
+    json_object_put(Tree);
+    EXPECT_NE(json_tokener_parse("[1]"), nullptr);
+    EXPECT_EQ(Host.Json.TreesInUse(), 1U);
+    EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("JSON value released that is not"), HasSubstr("released: 1")));
+}
+
+TEST_F(FakeHost, SeesJsonThatIsReleasedBehindItsParentsBack)
+{
+    json_object *Parent = json_object_new_array();
+    json_object *Child = json_object_new_int(1);
+    EXPECT_EQ(json_object_array_add(Parent, Child), 0);
+    json_object_put(Child);
+    EXPECT_EQ(json_object_array_add(Parent, Child), -1);
+    json_object_put(Parent);
+    EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("JSON value released"), HasSubstr("JSON value added")));
+}
+
+// What could not be added stays the caller's.
+TEST_F(FakeHost, FailsTheAdditionOfJson)
+{
+    Host.Failures.Fail("json_object_object_add", -12, 1);
+    json_object *Parent = json_object_new_object();
+    json_object *Child = json_object_new_string("text");
+    EXPECT_EQ(json_object_object_add(Parent, "key", Child), -1);
+    EXPECT_EQ(Host.Json.TreesInUse(), 2U);
+    EXPECT_EQ(json_object_object_add(Parent, "key", Child), 0);
+    EXPECT_EQ(Host.Json.TreesInUse(), 1U);
+    EXPECT_STREQ(json_object_to_json_string(Parent), "{ \"key\": \"text\" }");
+    json_object_put(Parent);
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, FailsTheCreationAndTheReadingOfJson)
+{
+    Host.Failures.Fail("json_object_new_boolean", -12);
+    Host.Failures.Fail("json_object_get_int", -22, 2);
+    EXPECT_EQ(json_object_new_boolean(1), nullptr);
+    json_object *Number = json_object_new_int(5);
+    errno = 0;
+    EXPECT_EQ(json_object_get_int(Number), 5);
+    EXPECT_EQ(json_object_get_int(Number), 0);
+    EXPECT_EQ(errno, EINVAL);
+    json_object_put(Number);
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, SeesListsOfStoredRecordsThatAreNeverReleased)
+{
+    Host.Rows.Conversions.DnsmasqStrToConf = [](VQ_DNSMASQ_CONF * /*Conf*/, const char * /*Text*/) { return 0; };
+    Host.Rows.Rows = {{{10, 1}, "x"}, {{10, 2}, "x"}};
+    Host.Rows.Count = 5;
+    VQ_PersistentConfList *List = VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_CPE_DNSMASQ);
+    ASSERT_NE(List, nullptr);
+    EXPECT_EQ(List->Count, 5);
+    EXPECT_EQ(List->Head.next->next->next, &List->Head);
+    EXPECT_THAT(Host.Verify(), ElementsAre("lists of stored records never released: 1"));
+}
+
 TEST_F(FakeHost, AcceptsThePatternsThatATestExpects)
 {
     regex_t Pattern;
@@ -189,6 +253,9 @@ TEST_F(FakeHost, FailsTheNthCountedCall)
     EXPECT_EQ(VQ_WriteSyncWithFilePath("/var/run/x", "text", 4), -28);
     EXPECT_EQ(VQ_WriteSyncWithFilePath("/var/run/x", "text", 4), 0);
     EXPECT_EQ(Host.Failures.CountedCalls(), 3U);
+    ASSERT_THAT(Host.Failed(), SizeIs(1));
+    EXPECT_EQ(Host.Failed()[0].Text, "VQ_WriteSyncWithFilePath(\"/var/run/x\", text, 4)");
+    EXPECT_EQ(Host.Failed()[0].Nth, 1U);
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 

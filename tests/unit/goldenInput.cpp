@@ -7,6 +7,8 @@
 #include <json_tokener.h>
 #include <json_util.h>
 
+#include "vqRule.h"
+
 namespace {
 
 using ItemHandler = std::function<void(json_object *Item, uint32_t Number)>;
@@ -29,6 +31,12 @@ json_object *Required(json_object *Object, const char *Name)
 uint32_t Number(json_object *Object, const char *Name)
 {
     return static_cast<uint32_t>(json_object_get_uint64(Required(Object, Name)));
+}
+
+// False when it is not there.
+bool IsSet(json_object *Object, const char *Name)
+{
+    return json_object_get_boolean(Member(Object, Name)) != 0;
 }
 
 void ForEach(json_object *List, const ItemHandler &Handle)
@@ -103,16 +111,17 @@ GoldenInput::GoldenInput(const std::filesystem::path &Path) : m_Root(json_object
     }
 }
 
-bool GoldenInput::IsRecord() const
+std::string GoldenInput::Kind() const
 {
-    return std::string(json_object_get_string(Required(m_Root.get(), "kind"))) == "record";
+    return json_object_get_string(Required(m_Root.get(), "kind"));
 }
 
 void GoldenInput::FillMessage(CpeMessage &Message) const
 {
     json_object *Root = m_Root.get();
-    Message = CpeMessage(Number(Root, "vpn"), json_object_get_boolean(Required(Root, "enable")) != 0,
-                         Number(Root, "operation"));
+    Message = CpeMessage(Number(Root, "vpn"), IsSet(Root, "enable"), Number(Root, "operation"));
+    Message.Pb().has_persistentflag = Member(Root, "persistent") != nullptr ? 1 : 0;
+    Message.Pb().persistentflag = IsSet(Root, "persistent") ? 1 : 0;
     ForEach(Member(Root, "hosts"), [&](json_object *Item, uint32_t Copy) {
         Message.AddHost(Text(Required(Item, "domain"), Copy), Address(Required(Item, "ip"), Copy));
     });
@@ -145,12 +154,30 @@ void GoldenInput::FillRecord(VQ_CTRL_DNSMASQ_CONF &Conf) const
     });
 }
 
-void GoldenInput::PrepareBox(fakehost::Host &Host) const
+PopMessage GoldenInput::ToPopMessage() const
 {
-    constexpr pid_t Pid = 1234;
+    json_object *Root = m_Root.get();
+    std::vector<uint32_t> Servers;
+    ForEach(Member(Root, "servers"), [&](json_object *Item, uint32_t Copy) { Servers.push_back(Address(Item, Copy)); });
+    PopMessage Message(Servers, Address(Required(Root, "local"), 0), IsSet(Root, "enable"));
+    if (Member(Root, "persistent") != nullptr) {
+        Message.AskForPersistence(IsSet(Root, "persistent"));
+    }
+    return Message;
+}
+
+std::vector<uint32_t> GoldenInput::VpnIds() const
+{
+    std::vector<uint32_t> Out;
+    ForEach(Member(m_Root.get(), "rows"),
+            [&](json_object *Row, uint32_t) { Out.push_back(Number(Required(Row, "document"), "VpnId")); });
+    return Out.empty() ? std::vector<uint32_t>{Number(m_Root.get(), "vpn")} : Out;
+}
+
+void GoldenInput::PrepareVpn(fakehost::Host &Host, uint32_t VpnId, pid_t Pid) const
+{
     constexpr uint16_t DnsPort = 53;
     json_object *Box = Required(m_Root.get(), "box");
-    const uint32_t VpnId = Number(m_Root.get(), "vpn");
     fakehost::LanList Lans;
     fakehost::WanList Wans;
     ForEach(Member(Box, "lans"), [&](json_object *Each, uint32_t Copy) { Lans.Names.push_back(Text(Each, Copy)); });
@@ -159,11 +186,35 @@ void GoldenInput::PrepareBox(fakehost::Host &Host) const
     Host.Files.PutInstance(VpnId);
     Host.Netio.SetLans(VpnId, Lans);
     Host.Netio.SetWans(VpnId, Wans);
-    if (json_object_get_boolean(Required(Box, "running")) != 0) {
+    if (IsSet(Box, "running")) {
         Host.Proc.AddInstance(Pid, VpnId);
         Host.Proc.PutPidFile(VpnId, std::to_string(Pid) + "\n");
     }
-    if (json_object_get_boolean(Required(Box, "portTaken")) != 0) {
+    if (IsSet(Box, "portTaken")) {
         Host.Netns.PutListener(VpnId, DnsPort);
     }
+    if (IsSet(Box, "rules")) {
+        Host.Rules.Put({VQ_CONF_RULE_TBL_TYPE_DNS, 0, VpnId + 2, Host.Rules.PlatformCustomer});
+        Host.Rules.Put({VQ_CONF_RULE_TBL_TYPE_DNAT, 0, VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ, 0});
+    }
+}
+
+void GoldenInput::PrepareStore(fakehost::Host &Host) const
+{
+    Host.Rows.Enabled = IsSet(Required(m_Root.get(), "box"), "persistence");
+    Host.Rows.Conversions = ModuleConversions();
+    ForEach(Member(m_Root.get(), "rows"), [&](json_object *Row, uint32_t) {
+        json_object *Document = Required(Row, "document");
+        Host.Rows.Rows[{Number(Row, "table"), Number(Document, "VpnId")}] =
+            json_object_to_json_string_ext(Document, JSON_C_TO_STRING_PLAIN);
+    });
+}
+
+void GoldenInput::PrepareBox(fakehost::Host &Host) const
+{
+    pid_t Pid = 1234;
+    for (const uint32_t VpnId : VpnIds()) {
+        PrepareVpn(Host, VpnId, Pid++);
+    }
+    PrepareStore(Host);
 }

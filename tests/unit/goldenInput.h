@@ -1,4 +1,4 @@
-// Reads the input of a golden case: a message or a record, and the box that it meets.
+// Reads the input of a golden case: a CPE's or a POP's message, a record or stored rows, and the box that it meets.
 //
 // An element {"repeat": N, "item": X} of a list stands for N copies of X. In texts, "(x*63)" is 63 times x and "#" the
 // number of the copy, from 0; an address "10.0.0.0+#" is that many after 10.0.0.0.
@@ -14,18 +14,25 @@
 #include "cpeMessage.h"
 #include "host.h"
 #include "moduleTest.h"
+#include "popMessage.h"
 
 class GoldenInput {
   public:
     // Throws std::runtime_error with what is wrong.
     explicit GoldenInput(const std::filesystem::path &Path);
 
-    [[nodiscard]] bool IsRecord() const;
+    // "message", "pop message", "record" or "recovery".
+    [[nodiscard]] std::string Kind() const;
     void FillMessage(CpeMessage &Message) const;
+    [[nodiscard]] PopMessage ToPopMessage() const;
     void FillRecord(VQ_CTRL_DNSMASQ_CONF &Conf) const;
     void PrepareBox(fakehost::Host &Host) const;
 
   private:
+    [[nodiscard]] std::vector<uint32_t> VpnIds() const;
+    void PrepareVpn(fakehost::Host &Host, uint32_t VpnId, pid_t Pid) const;
+    void PrepareStore(fakehost::Host &Host) const;
+
     struct PutJson {
         void operator()(json_object *Object) const { json_object_put(Object); }
     };

@@ -95,12 +95,33 @@ std::string WriteRecord(const GoldenInput &Input)
     return Out.str();
 }
 
+std::string ApplyPopMessage(const GoldenInput &Input)
+{
+    PopMessage Message = Input.ToPopMessage();
+    const VQ_CTRL_DNSMASQ_CONFIG_PB Carrier = Message.Carrier();
+    VQCtrl_AgentSetPOPAdvancedDnsOps();
+    return "VQCtrl_ConfigAdvancedDns gives " + std::to_string(VQCtrl_ConfigAdvancedDns(&Carrier)) + '\n';
+}
+
+std::string Recover(const GoldenInput & /*Input*/)
+{
+    VQCtrl_AgentSetCPEAdvancedDnsOps();
+    return "VQCtrl_AgentRecoverAdvancedDnsConf gives " + std::to_string(VQCtrl_AgentRecoverAdvancedDnsConf()) + '\n';
+}
+
+std::string RunInput(const GoldenInput &Input)
+{
+    const std::map<std::string, std::string (*)(const GoldenInput &)> Runners{
+        {"message", ApplyMessage}, {"pop message", ApplyPopMessage}, {"record", WriteRecord}, {"recovery", Recover}};
+    return Runners.at(Input.Kind())(Input);
+}
+
 Outcome RunCase(const fs::path &Case)
 {
     const GoldenInput Input(Case / "input.json");
     fakehost::Host Host;
     Input.PrepareBox(Host);
-    const std::string Results = Input.IsRecord() ? WriteRecord(Input) : ApplyMessage(Input);
+    const std::string Results = RunInput(Input);
     Outcome Out;
     std::ostringstream Calls;
     for (const std::string &Line : Host.Calls.Trace()) {
@@ -154,7 +175,9 @@ std::vector<std::string> CaseNames()
 {
     std::vector<std::string> Out;
     for (const fs::directory_entry &Each : fs::directory_iterator(KAVEL_GOLDEN_DIRECTORY)) {
-        Out.push_back(Each.path().filename().string());
+        if (Each.is_directory()) {
+            Out.push_back(Each.path().filename().string());
+        }
     }
     std::sort(Out.begin(), Out.end());
     return Out;

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <span>
 
+#include "vqMemory.h"
+
 namespace {
 
 void Store(std::span<char> Target, std::string_view Text)
@@ -47,6 +49,15 @@ void AddProxy(VQ_CTRL_DNSMASQ_CONF &Conf, std::string_view Domain, uint32_t Addr
     VQ_CTRL_DNS_PROXY_CONF &Proxy = Conf.DnsProxy[Conf.DnsProxyNum++];
     Store(Proxy.Domain, Domain);
     Proxy.ServerIp = Address;
+}
+
+VQ_DATA_CONTENT_TRANS_OP ModuleConversions()
+{
+    VQ_DATA_CONTENT_TRANS_OP Out{};
+    Out.DataTransJsonStrFree = [](char *Text) { VQ_AgentMemFree(Text); };
+    Out.DnsmasqConfToStr = VQCtrl_AdvancedDnsConfToJsonStr;
+    Out.DnsmasqStrToConf = VQCtrl_AdvancedDnsJsonStrToConf;
+    return Out;
 }
 
 bool SameBytes(const void *One, const void *Other, std::size_t Size)

@@ -37,6 +37,9 @@ void AddProxy(VQ_CTRL_DNSMASQ_CONF &Conf, std::string_view Domain, uint32_t Addr
 // A name of exactly `Length` characters (at least 200) that keeps every other rule.
 std::string DomainOfLength(std::size_t Length);
 
+// The module's conversions, as a host is to have them in its table.
+VQ_DATA_CONTENT_TRANS_OP ModuleConversions();
+
 // Whether two objects hold the same bytes, padding included.
 bool SameBytes(const void *One, const void *Other, std::size_t Size);
 

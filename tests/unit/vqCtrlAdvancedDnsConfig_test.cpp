@@ -1,70 +1,19 @@
 // The message entry and the apply sequence, on a CPE.
 #include <algorithm>
 
-#include "cpeMessage.h"
-#include "moduleTest.h"
+#include "configTest.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// How the error lines of the two functions begin.
-std::string ApplySite()
-{
-    return "4 _VQCtrl_SetAdvancedDnsConfiguration: ";
-}
-
-std::string EntrySite()
-{
-    return "4 VQCtrl_ConfigAdvancedDns: ";
-}
+// A success, at the level of errors.
+constexpr const char *kRuleGone = "4 VQCtrl_ConfigDelDnsmasqPolicy: Del Policy for Dnsmasq success\n";
 
 constexpr const char *kRecordBlock = "VQ_AgentMemAlloc(17834172)";
 
-class Config : public ModuleTest {
-  protected:
-    void SetUp() override
-    {
-        ModuleTest::SetUp();
-        VQCtrl_AgentSetCPEAdvancedDnsOps();
-        Host.Files.PutInstance(7);
-        Host.Netio.SetWans(7, {{false}});
-        Host.Netio.SetLans(7, {{"lan0"}});
-    }
-
-    void FillMessage()
-    {
-        Message.AddHost("nas.example.com", Ip(10, 0, 0, 1));
-        Message.AddMx("mx.example.com", "example.com", 10);
-        Message.AddServer(Ip(10, 1, 1, 1), "eth0");
-        Message.AddProxy({"corp.example.com"}, {Ip(10, 1, 1, 2)});
-    }
-
-    void RunInstance(uint32_t VpnId = 7)
-    {
-        Host.Proc.AddInstance(1234, VpnId);
-        Host.Proc.PutPidFile(VpnId, "1234\n");
-    }
-
-    VQ_ERR_T Configure()
-    {
-        const VQ_CTRL_DNSMASQ_CONFIG_PB Carrier = Message.Carrier();
-        return VQCtrl_ConfigAdvancedDns(&Carrier);
-    }
-
-    [[nodiscard]] static std::string Written(const std::string &Name) { return "/etc/kavel/dnsmasq/vpn_7/" + Name; }
-
-    // Error lines only.
-    [[nodiscard]] std::vector<std::string> Errors() const
-    {
-        std::vector<std::string> Out = Logs();
-        std::erase_if(Out, [](const std::string &Line) { return Line[0] != '4'; });
-        return Out;
-    }
-
-    CpeMessage Message{7};
-};
+class Config : public ConfigTest {};
 
 TEST_F(Config, AMessageIsPutIntoForceInOrder)
 {
@@ -114,7 +63,7 @@ TEST_F(Config, NoMemoryForTheRecord)
 {
     Host.Failures.Fail("VQ_AgentMemAlloc", -12);
     EXPECT_EQ(Configure(), -12);
-    EXPECT_THAT(Logs(), ElementsAre(EntrySite() + "No mem for advanced dns config\n"));
+    EXPECT_THAT(Logs(), ElementsAre(kEntrySite + "No mem for advanced dns config\n"));
     EXPECT_THAT(World(), IsEmpty());
 }
 
@@ -128,7 +77,7 @@ TEST_F(Config, ARefusedMessageChangesNothing)
     EXPECT_EQ(Configure(), -22);
     EXPECT_THAT(Logs(),
                 ElementsAre("4 VQCtrl_PbToAdvancedDnsConfPlatformCPE: dnsmasq dns host[1].domain is invalid\n",
-                            EntrySite() + "protobuf to data struct for advanced dns failed(22:Invalid argument)\n"));
+                            kEntrySite + "protobuf to data struct for advanced dns failed(22:Invalid argument)\n"));
     EXPECT_THAT(Host.Files.Written(), IsEmpty());
     EXPECT_THAT(Host.Calls.Named("VQ_SqliteDnsMasqConfOp"), IsEmpty());
     EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), IsEmpty());
@@ -141,7 +90,7 @@ TEST_F(Config, AnOverLongListIsRefusedWithItsOwnCode)
     }
     EXPECT_EQ(Configure(), -75);
     EXPECT_EQ(Logs().back(),
-              EntrySite() +
+              kEntrySite +
                   "protobuf to data struct for advanced dns failed(75:Value too large for defined data type)\n");
 }
 
@@ -161,8 +110,8 @@ TEST_P(FileSteps, TheFirstFailureEndsTheSequence)
     Host.Failures.Fail("VQ_WriteSyncWithFilePath", -28, GetParam().Nth);
     EXPECT_EQ(Configure(), -28);
     const std::string Reason = "(28:No space left on device)\n";
-    EXPECT_THAT(Logs(), ElementsAre("4 " + (GetParam().Own + Reason), ApplySite() + GetParam().Step + Reason,
-                                    EntrySite() + "set configuration advanced dns failed" + Reason));
+    EXPECT_THAT(Logs(), ElementsAre("4 " + (GetParam().Own + Reason), kApplySite + GetParam().Step + Reason,
+                                    kEntrySite + "set configuration advanced dns failed" + Reason));
     EXPECT_THAT(Host.Files.Written(), testing::SizeIs(GetParam().Nth - 1));
     EXPECT_THAT(Host.Calls.Named("VQ_WriteSyncWithFilePath"), testing::SizeIs(GetParam().Nth));
     EXPECT_THAT(Host.Calls.Named("VQ_RTCRouteDel"), IsEmpty());
@@ -188,8 +137,8 @@ TEST_F(Config, AFailedRouteEndsTheSequenceBeforeTheInstance)
     EXPECT_EQ(Configure(), -101);
     EXPECT_THAT(Errors(),
                 ElementsAre("4 VQCtrl_AddDnsmasqRouteForVpn: Dnsmasq route add failed(101:Network is unreachable)!\n",
-                            ApplySite() + "Add dnsmasq route for vpn 7 failed(101:Network is unreachable)\n",
-                            EntrySite() + "set configuration advanced dns failed(101:Network is unreachable)\n"));
+                            kApplySite + "Add dnsmasq route for vpn 7 failed(101:Network is unreachable)\n",
+                            kEntrySite + "set configuration advanced dns failed(101:Network is unreachable)\n"));
     EXPECT_THAT(Host.Files.Written(), testing::SizeIs(5));
     EXPECT_TRUE(Host.Proc.IsAlive(1234));
     EXPECT_THAT(Host.Calls.Named("kill"), IsEmpty());
@@ -203,8 +152,8 @@ TEST_F(Config, AFailedRebootLeavesTheRoutes)
     EXPECT_EQ(Configure(), -22);
     const std::vector<std::string> Lines = Errors();
     ASSERT_THAT(Lines, testing::SizeIs(3));
-    EXPECT_EQ(Lines[1], ApplySite() + "Dnsmasq reboot failed(22:Invalid argument)\n");
-    EXPECT_EQ(Lines[2], EntrySite() + "set configuration advanced dns failed(22:Invalid argument)\n");
+    EXPECT_EQ(Lines[1], kApplySite + "Dnsmasq reboot failed(22:Invalid argument)\n");
+    EXPECT_EQ(Lines[2], kEntrySite + "set configuration advanced dns failed(22:Invalid argument)\n");
     EXPECT_THAT(Host.Routes.Of(7, 199), testing::SizeIs(2));
     EXPECT_THAT(Host.Rules.Adds(), IsEmpty());
 }
@@ -228,8 +177,8 @@ TEST_F(Config, AFailedReloadIsReturned)
     Message.Pb().operation = VQ_CTRL_DNSMASQ_OP_RELOAD;
     EXPECT_EQ(Configure(), -3);
     EXPECT_THAT(Errors(), ElementsAre("4 VQCtrl_DnsmasqReload: Reload dns service pid 1234 failed(3:No such process)\n",
-                                      ApplySite() + "Dnsmasq reload failed(3:No such process)\n",
-                                      EntrySite() + "set configuration advanced dns failed(3:No such process)\n"));
+                                      kApplySite + "Dnsmasq reload failed(3:No such process)\n",
+                                      kEntrySite + "set configuration advanced dns failed(3:No such process)\n"));
 }
 
 TEST_F(Config, TheBoxItselfGetsNoRoutes)
@@ -255,10 +204,9 @@ TEST_F(Config, AnUnknownOperationIsRefusedAfterTheRoutes)
         Host.Calls.Clear();
         Message.Pb().operation = Operation;
         EXPECT_EQ(Configure(), -22);
-        EXPECT_THAT(Errors(),
-                    ElementsAre(ApplySite() + "Dnsmasq operation(" + std::to_string(Operation) +
-                                    ") failed(22:Invalid argument)\n",
-                                EntrySite() + "set configuration advanced dns failed(22:Invalid argument)\n"));
+        EXPECT_THAT(Errors(), ElementsAre(kApplySite + "Dnsmasq operation(" + std::to_string(Operation) +
+                                              ") failed(22:Invalid argument)\n",
+                                          kEntrySite + "set configuration advanced dns failed(22:Invalid argument)\n"));
         EXPECT_THAT(Host.Routes.Of(7, 199), testing::SizeIs(2));
         EXPECT_THAT(Host.Calls.Named("fopen"), IsEmpty());
     }
@@ -272,6 +220,7 @@ TEST_F(Config, ADisabledRecordIsTornDown)
     RunInstance();
     Message = CpeMessage(7, false);
     Host.Calls.Clear();
+    Host.Log.Clear();
     EXPECT_EQ(Configure(), 0);
     EXPECT_EQ(Host.Files.Content(Written("hosts")), "");
     EXPECT_EQ(Host.Files.Content(Written("dnsmasq.d/DnsProxy.conf")), "");
@@ -279,14 +228,16 @@ TEST_F(Config, ADisabledRecordIsTornDown)
     EXPECT_FALSE(Host.Proc.IsAlive(1234));
     EXPECT_FALSE(Host.Files.Exists(fakehost::Processes::PidFile(7)));
     EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), IsEmpty());
-    EXPECT_THAT(Errors(), IsEmpty());
+    EXPECT_THAT(Host.Rules.InForce(), IsEmpty());
+    EXPECT_THAT(Errors(), ElementsAre(kRuleGone));
 }
 
 TEST_F(Config, ADisabledRecordIgnoresItsOperation)
 {
     Message = CpeMessage(7, false, 77);
+    SteerToInstance();
     EXPECT_EQ(Configure(), 0);
-    EXPECT_THAT(Errors(), IsEmpty());
+    EXPECT_THAT(Errors(), ElementsAre(kRuleGone));
 }
 
 TEST_F(Config, ADisabledRecordWithEntriesStillHasItsFilesWritten)
@@ -302,6 +253,7 @@ TEST_F(Config, ADisabledBoxHasNoRoutesToRemove)
 {
     Message = CpeMessage(0, false);
     RunInstance(0);
+    SteerToInstance(0);
     EXPECT_EQ(Configure(), 0);
     EXPECT_THAT(Host.Calls.Named("VQ_RTCRouteDel"), IsEmpty());
     EXPECT_FALSE(Host.Proc.IsAlive(1234));
@@ -311,20 +263,25 @@ TEST_F(Config, AFailedStopIsLoggedAndNotReported)
 {
     Message = CpeMessage(7, false);
     RunInstance();
+    SteerToInstance();
     Host.Failures.Fail("VQ_KillPid", -1);
     EXPECT_EQ(Configure(), 0);
-    EXPECT_THAT(Errors(), ElementsAre("4 VQCtrl_DnsmasqStop: Kill pid 1234 failed(1:Operation not permitted)\n",
-                                      ApplySite() + "Dnsmasq stop failed\n"));
+    EXPECT_THAT(Errors(),
+                ElementsAre(kRuleGone, "4 VQCtrl_DnsmasqStop: Kill pid 1234 failed(1:Operation not permitted)\n",
+                            kApplySite + "Dnsmasq stop failed\n"));
 }
 
 TEST_F(Config, ADisabledRecordReturnsTheLastFilesPositiveResult)
 {
     Message = CpeMessage(7, false);
     RunInstance();
+    SteerToInstance();
     Host.SuccessResults["VQ_WriteSyncWithFilePath"] = 26;
     EXPECT_EQ(Configure(), 26);
+    EXPECT_FALSE(Host.Proc.IsAlive(kPid));
     Host.Failures.Fail("VQ_KillPid", -1);
     RunInstance();
+    SteerToInstance();
     EXPECT_EQ(Configure(), 26);
 }
 
@@ -358,12 +315,6 @@ TEST_F(Config, ThePlatformsWithoutAdvancedDnsLeaveTheTableInForce)
     FillMessage();
     EXPECT_EQ(Configure(), 0);
     EXPECT_THAT(Host.Files.Written(), testing::SizeIs(5));
-}
-
-TEST_F(Config, RecoveryOfNothingIsASuccess)
-{
-    EXPECT_EQ(VQCtrl_AgentRecoverAdvancedDnsConf(), 0);
-    EXPECT_THAT(Host.Files.Written(), IsEmpty());
 }
 
 } // namespace

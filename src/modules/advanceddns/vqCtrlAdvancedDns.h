@@ -89,6 +89,11 @@ VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_AgentRecoverAdvancedDnsConf(void);
 VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_PbToAdvancedDnsConfPlatformCPE(const VQ_CTRL_DNSMASQ_CONFIG_PB *DnsmasqPb,
                                                               VQ_CTRL_DNSMASQ_CONF *Conf);
 
+/* The same for the POP message, whose record always names VPN 0 and asks for a restart. Of more than 8 servers the
+ * first 8 are kept, up to 255; -75: more than that. -22: servers are counted but missing. */
+VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_PbToAdvancedDnsConfPlatformPOP(const VQ_CTRL_DNSMASQ_CONFIG_PB *DnsmasqPb,
+                                                              VQ_CTRL_DNSMASQ_CONF *Conf);
+
 /* TRUE when `Domain` is a name that the module takes: alphanumeric runs of 1 to 63 characters joined by single
  * separators, ending in a dot and 2 to 63 letters, 254 characters at most. FALSE for null. */
 VQ_CTRL_EXPORT BOOL VQCtrl_ValidateDomain(const char *Domain);
@@ -149,6 +154,44 @@ VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_DnsmasqReboot(uint32_t VpnId);
 /* Reads the VPN's pid file into `Pid`, as a decimal number that is not checked. -22: the file is empty; -75; or the
  * negated errno of opening it. `Pid` is untouched on failure. */
 VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_GetDnsServicePid(uint32_t VpnId, pid_t *Pid);
+
+/* ---- Text form ---- */
+
+/* `Conf` as JSON text, to be released with VQ_AgentMemFree; null on any failure. `PersistentFlag` is left out and `Op`
+ * is always written as a restart. */
+VQ_CTRL_EXPORT char *VQCtrl_AdvancedDnsConfToJsonStr(const VQ_CTRL_DNSMASQ_CONF *Conf);
+
+/* Fills `Conf`, which the caller has zeroed, from such a text. Types, lengths and the tables' capacities are checked,
+ * values are not. -22: not JSON, or a missing or bad member; -75: a text, a number or a list that is too long. On
+ * failure the record is half-filled and not to be used. */
+VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_AdvancedDnsJsonStrToConf(VQ_CTRL_DNSMASQ_CONF *Conf, const char *DnsmasqStr);
+
+/* ---- Store ---- */
+
+/* Stores the record under its VPN id in `Table`, in place of what is there. 0, also when the host has no conversion to
+ * text; -12: no text; or the store's code. */
+VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_AdvancedDnsmasqAddPersistentConf(const VQ_CTRL_DNSMASQ_CONF *Dnsmasq,
+                                                                VQ_SQL_CONF_TBL Table);
+
+/* The same: the store's add replaces. */
+VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_AdvancedDnsmasqUpdatePersistentConf(const VQ_CTRL_DNSMASQ_CONF *Dnsmasq,
+                                                                   VQ_SQL_CONF_TBL Table);
+
+/* Deletes the row of the record's VPN; the store's result. */
+VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_AdvancedDnsmasqDelPersistentconf(const VQ_CTRL_DNSMASQ_CONF *Dnsmasq,
+                                                                VQ_SQL_CONF_TBL Table);
+
+/* All stored records, to be released with VQ_SqliteConfListRelease; null when nothing could be read. */
+VQ_CTRL_EXPORT VQ_PersistentConfList *VQCtrl_AdvancedDnsmasqGetAllPersistentconf(VQ_SQL_CONF_TBL Table);
+
+/* ---- Steering rules ---- */
+
+/* Each installs or removes one rule and returns the rule service's result. DNAT: UDP port 53 from CPE-to-POP
+ * connections goes to `DnatIp`. Policy: the DNS traffic of the VPN goes to the box. */
+VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_ConfigAddDnsmasqDnat(uint32_t DnatIp);
+VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_ConfigDelDnsmasqDnat(void);
+VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_ConfigAddDnsmasqPolicy(uint32_t VpnId);
+VQ_CTRL_EXPORT VQ_ERR_T VQCtrl_ConfigDelDnsmasqPolicy(uint32_t VpnId);
 
 VQ_EXTERN_C_END
 

@@ -166,6 +166,116 @@ VQ_ERR_T VQCtrl_AgentRecoverAdvancedDnsConf(void)
     return s_AgentDnsmasqOp.RecoverDnsmasqConf != nullptr ? s_AgentDnsmasqOp.RecoverDnsmasqConf() : VQ_ERR_OK;
 }
 
+// ---- Rules ----
+
+static VQ_ERR_T _VQCtrl_SetDefaultPolicy(const char *Function, uint32_t VpnId)
+{
+    const VQ_ERR_T Result = VQCtrl_ConfigAddDnsmasqPolicy(VpnId);
+    if (Result < 0) {
+        VQ_CTRL_LOG_ERROR_AS(Function, "Set advanced dns default policy failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
+    }
+    return Result;
+}
+
+static VQ_ERR_T _VQCtrl_DelDefaultPolicy(const char *Function, uint32_t VpnId)
+{
+    const VQ_ERR_T Result = VQCtrl_ConfigDelDnsmasqPolicy(VpnId);
+    if (Result < 0) {
+        VQ_CTRL_LOG_ERROR_AS(Function, "Delete advanced dns default policy failed(%d:%s)\n",
+                             VQ_CTRL_LOG_REASON(Result));
+    }
+    return Result;
+}
+
+static VQ_ERR_T _VQCtrl_SetCPEAdvancedDnsRule(const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    return _VQCtrl_SetDefaultPolicy(__func__, Conf->VpnId);
+}
+
+static VQ_ERR_T _VQCtrl_DelCPEAdvancedDnsRule(const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    return _VQCtrl_DelDefaultPolicy(__func__, Conf->VpnId);
+}
+
+// A POP steers for all its VPNs together, so its rules are those of the box
+// whatever the record names.
+static VQ_ERR_T _VQCtrl_SetPOPAdvancedDnsRule(const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    VQ_ERR_T Result = _VQCtrl_SetDefaultPolicy(__func__, 0);
+    if (Result < 0) {
+        return Result;
+    }
+    Result = VQCtrl_ConfigAddDnsmasqDnat(Conf->LocalIp);
+    if (Result < 0) {
+        VQ_CTRL_LOG_ERROR("Set advanced dns default dnat failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
+    }
+    return Result;
+}
+
+static VQ_ERR_T _VQCtrl_DelPOPAdvancedDnsRule(const VQ_CTRL_DNSMASQ_CONF * /*Conf*/)
+{
+    VQ_ERR_T Result = _VQCtrl_DelDefaultPolicy(__func__, 0);
+    if (Result < 0) {
+        return Result;
+    }
+    Result = VQCtrl_ConfigDelDnsmasqDnat();
+    if (Result < 0) {
+        VQ_CTRL_LOG_ERROR("Delete advanced dns default dnat failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
+    }
+    return Result;
+}
+
+// ---- Store and recovery ----
+
+static void _VQCtrl_DelCPEAdvancedDnsDb(const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    static_cast<void>(VQCtrl_AdvancedDnsmasqDelPersistentconf(Conf, VQ_SQL_CONF_CPE_DNSMASQ));
+}
+
+static void _VQCtrl_DelPOPAdvancedDnsDb(const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    static_cast<void>(VQCtrl_AdvancedDnsmasqDelPersistentconf(Conf, VQ_SQL_CONF_POP_DNSMASQ));
+}
+
+static VQ_ERR_T _VQCtrl_AddCPEAdvancedDnsDb(const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    return VQCtrl_AdvancedDnsmasqAddPersistentConf(Conf, VQ_SQL_CONF_CPE_DNSMASQ);
+}
+
+static VQ_ERR_T _VQCtrl_AddPOPAdvancedDnsDb(const VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    return VQCtrl_AdvancedDnsmasqAddPersistentConf(Conf, VQ_SQL_CONF_POP_DNSMASQ);
+}
+
+// Applies every stored record as it stands, a disabled one too. A record that
+// fails does not keep the others from theirs.
+static VQ_ERR_T _VQCtrl_RecoverAdvancedDnsConf(VQ_SQL_CONF_TBL Table)
+{
+    const advanceddns::StoredRecords List(VQ_SqliteGetDnsMasqConf(Table));
+    if (List == nullptr || List->Count == 0) {
+        VQ_CTRL_LOG_NOTICE("Dnsmasq table is empty\n");
+        return VQ_ERR_OK;
+    }
+    for (const VQ_LIST_HEAD *Link = List->Head.next; Link != &List->Head; Link = Link->next) {
+        if (_VQCtrl_SetAdvancedDnsConfiguration(&cds_list_entry(Link, VQ_DnsmasqConfNode, List)->Dnsmasq) < 0) {
+            VQ_CTRL_LOG_ERROR("Set advanced dns configuration failed\n");
+        }
+    }
+    return VQ_ERR_OK;
+}
+
+static VQ_ERR_T _VQCtrl_RecoverCPEAdvancedDnsConf(void)
+{
+    return _VQCtrl_RecoverAdvancedDnsConf(VQ_SQL_CONF_CPE_DNSMASQ);
+}
+
+static VQ_ERR_T _VQCtrl_RecoverPOPAdvancedDnsConf(void)
+{
+    return _VQCtrl_RecoverAdvancedDnsConf(VQ_SQL_CONF_POP_DNSMASQ);
+}
+
+// ---- Platforms ----
+
 // Replaces the whole table, empty slots included; null leaves it as it is.
 static void _VQCtrl_AgentSetPlatformAdvancedDnsOps(const VQ_CTRL_DNSMASQ_OPERATIONS *DnsmasqOp)
 {
@@ -183,7 +293,12 @@ void VQCtrl_AgentSetCPEAdvancedDnsOps(void)
     Operations.SetDnsmasqDnsServerConf = VQCtrl_SetDnsServerConf;
     Operations.SetDnsmasqResolveConf = VQCtrl_SetDnsResolveConf;
     Operations.SetDnsmasqDnsProxyConf = VQCtrl_SetDnsProxyConf;
+    Operations.SetDnsmasqRule = _VQCtrl_SetCPEAdvancedDnsRule;
+    Operations.DelDnsmasqRule = _VQCtrl_DelCPEAdvancedDnsRule;
     Operations.ReleaseDnsmasq = VQCtrl_DnsmasqStop;
+    Operations.DelDnsmasqDb = _VQCtrl_DelCPEAdvancedDnsDb;
+    Operations.AddDnsmasqDb = _VQCtrl_AddCPEAdvancedDnsDb;
+    Operations.RecoverDnsmasqConf = _VQCtrl_RecoverCPEAdvancedDnsConf;
     _VQCtrl_AgentSetPlatformAdvancedDnsOps(&Operations);
 }
 
@@ -191,8 +306,14 @@ void VQCtrl_AgentSetCPEAdvancedDnsOps(void)
 void VQCtrl_AgentSetPOPAdvancedDnsOps(void)
 {
     VQ_CTRL_DNSMASQ_OPERATIONS Operations = {};
+    Operations.PbToConfDnsmasq = VQCtrl_PbToAdvancedDnsConfPlatformPOP;
     Operations.SetDnsmasqResolveConf = VQCtrl_SetDnsResolveConf;
+    Operations.SetDnsmasqRule = _VQCtrl_SetPOPAdvancedDnsRule;
+    Operations.DelDnsmasqRule = _VQCtrl_DelPOPAdvancedDnsRule;
     Operations.ReleaseDnsmasq = VQCtrl_DnsmasqStop;
+    Operations.DelDnsmasqDb = _VQCtrl_DelPOPAdvancedDnsDb;
+    Operations.AddDnsmasqDb = _VQCtrl_AddPOPAdvancedDnsDb;
+    Operations.RecoverDnsmasqConf = _VQCtrl_RecoverPOPAdvancedDnsConf;
     _VQCtrl_AgentSetPlatformAdvancedDnsOps(&Operations);
 }
 

@@ -7,9 +7,11 @@
 #include <memory>
 
 #include <dirent.h>
+#include <json-c/json.h>
 
 #include "vqMemory.h"
 #include "vqNetio.h"
+#include "vqStore.h"
 
 namespace advanceddns {
 
@@ -34,10 +36,18 @@ inline void CloseDirectory(DIR *Directory)
     static_cast<void>(closedir(Directory));
 }
 
+inline void ReleaseJson(json_object *Tree)
+{
+    // Tells whether this was the last reference, which the owner of a tree knows.
+    static_cast<void>(json_object_put(Tree));
+}
+
 template <typename T>
 using HostMemory = std::unique_ptr<T, ReleaseWith<VQ_AgentMemFree>>;
 using InterfaceList = std::unique_ptr<VQ_LIST_HEAD, ReleaseWith<VQ_RtcNetioNodeListRelease>>;
 using ReadFile = std::unique_ptr<FILE, ReleaseWith<CloseFile>>;
+using JsonTree = std::unique_ptr<json_object, ReleaseWith<ReleaseJson>>;
+using StoredRecords = std::unique_ptr<VQ_PersistentConfList, ReleaseWith<VQ_SqliteConfListRelease>>;
 using Directory = std::unique_ptr<DIR, ReleaseWith<CloseDirectory>>;
 
 // One object of a plain type, not zeroed; null when memory is exhausted.

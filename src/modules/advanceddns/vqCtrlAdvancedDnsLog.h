@@ -17,6 +17,7 @@
 #define VQ_CTRL_LOG_PREFIX "<%s%s>%s[%s:%d] "
 
 #define VQ_CTRL_LOG_NOTICE(...) VQ_CTRL_LOG_NOTICE_AS(__func__, __VA_ARGS__)
+#define VQ_CTRL_LOG_VERBOSE(...) VQ_CTRL_LOG_AT(VQ_LOG_LEVEL_VERBOSE, __func__, __VA_ARGS__)
 #define VQ_CTRL_LOG_WARNING(...) VQ_CTRL_LOG_WARNING_AS(__func__, __VA_ARGS__)
 #define VQ_CTRL_LOG_ERROR(...) VQ_CTRL_LOG_ERROR_AS(__func__, __VA_ARGS__)
 

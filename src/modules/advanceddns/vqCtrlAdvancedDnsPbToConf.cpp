@@ -314,3 +314,31 @@ VQ_ERR_T VQCtrl_PbToAdvancedDnsConfPlatformCPE(const VQ_CTRL_DNSMASQ_CONFIG_PB *
     }
     return Result;
 }
+
+VQ_ERR_T VQCtrl_PbToAdvancedDnsConfPlatformPOP(const VQ_CTRL_DNSMASQ_CONFIG_PB *DnsmasqPb, VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    const PopDnsmasqConf *Pb = DnsmasqPb->DnsmasqPbPOP;
+
+    Conf->Enable = static_cast<BOOL>(Pb->enable);
+    // The message has no operation: what it changes takes a restart.
+    Conf->Op = VQ_CTRL_DNSMASQ_OP_REBOOT;
+    _VQCtrl_PbToPersistentFlag(Pb->has_persistentflag, Pb->persistentflag, Conf);
+    if (Pb->n_dns > UINT8_MAX) {
+        VQ_CTRL_LOG_ERROR("pop dnsmasq dns is overflow\n");
+        return VQ_ERR_OVERFLOW;
+    }
+    Conf->DnsServerNum = static_cast<uint8_t>(Pb->n_dns < VQ_DNS_SERVER_MAX ? Pb->n_dns : VQ_DNS_SERVER_MAX);
+    Conf->LocalIp = Pb->localip;
+    if (Conf->DnsServerNum != 0 && Pb->dns == nullptr) {
+        VQ_CTRL_LOG_ERROR("pop dnsmasq dns is null\n");
+        return VQ_ERR_INVALID;
+    }
+    if (Pb->n_dns > VQ_DNS_SERVER_MAX) {
+        VQ_CTRL_LOG_WARNING("pop dnsmasq dns number(%zu) is more than %u, use the first ones\n", Pb->n_dns,
+                            VQ_DNS_SERVER_MAX);
+    }
+    for (size_t Loop = 0; Loop < Conf->DnsServerNum; ++Loop) {
+        Conf->DnsServer[Loop].DnsServerIp = Pb->dns[Loop];
+    }
+    return VQ_ERR_OK;
+}

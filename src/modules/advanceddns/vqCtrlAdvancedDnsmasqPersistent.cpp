@@ -1,0 +1,41 @@
+// The record's row in the host's store. Nothing is logged here: the callers know what a failure means.
+#include "vqCtrlAdvancedDns.h"
+
+#include "vqErrno.h"
+#include "vqStore.h"
+
+// The store takes its row key in a parameter declared BOOL.
+static BOOL _VQCtrl_RowKey(const VQ_CTRL_DNSMASQ_CONF *Dnsmasq)
+{
+    return static_cast<BOOL>(Dnsmasq->VpnId);
+}
+
+VQ_ERR_T VQCtrl_AdvancedDnsmasqAddPersistentConf(const VQ_CTRL_DNSMASQ_CONF *Dnsmasq, VQ_SQL_CONF_TBL Table)
+{
+    const VQ_DATA_CONTENT_TRANS_OP *Trans = VQ_GetDbDataTransOp();
+    if (Trans->DnsmasqConfToStr == nullptr) {
+        return VQ_ERR_OK;
+    }
+    char *Text = Trans->DnsmasqConfToStr(Dnsmasq);
+    if (Text == nullptr) {
+        return VQ_ERR_NO_MEMORY;
+    }
+    const VQ_ERR_T Result = VQ_SqliteDnsMasqConfOp(_VQCtrl_RowKey(Dnsmasq), Text, VQ_SQL_CONF_OP_ADD, Table);
+    Trans->DataTransJsonStrFree(Text);
+    return Result;
+}
+
+VQ_ERR_T VQCtrl_AdvancedDnsmasqUpdatePersistentConf(const VQ_CTRL_DNSMASQ_CONF *Dnsmasq, VQ_SQL_CONF_TBL Table)
+{
+    return VQCtrl_AdvancedDnsmasqAddPersistentConf(Dnsmasq, Table);
+}
+
+VQ_ERR_T VQCtrl_AdvancedDnsmasqDelPersistentconf(const VQ_CTRL_DNSMASQ_CONF *Dnsmasq, VQ_SQL_CONF_TBL Table)
+{
+    return VQ_SqliteDnsMasqConfOp(_VQCtrl_RowKey(Dnsmasq), nullptr, VQ_SQL_CONF_OP_DEL, Table);
+}
+
+VQ_PersistentConfList *VQCtrl_AdvancedDnsmasqGetAllPersistentconf(VQ_SQL_CONF_TBL Table)
+{
+    return VQ_SqliteGetDnsMasqConf(Table);
+}
