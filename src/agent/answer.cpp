@@ -16,6 +16,12 @@ char *Borrow(const std::string &text)
     return const_cast<char *>(text.c_str());
 }
 
+void Put(std::optional<bool> value, protobuf_c_boolean &has, protobuf_c_boolean &target)
+{
+    has = value ? 1 : 0;
+    target = value.value_or(false) ? 1 : 0;
+}
+
 // One VPN's status as the message has it; it points into `status`.
 class PackedStatus {
   public:
@@ -30,6 +36,10 @@ class PackedStatus {
         message_.servers = status.servers;
         message_.forwards = status.forwards;
         message_.routes = status.routes;
+        Put(status.stored, message_.has_stored, message_.stored);
+        Put(status.storedEnable, message_.has_stored_enable, message_.stored_enable);
+        Put(status.rule, message_.has_rule, message_.rule);
+        Put(status.dnat, message_.has_dnat, message_.dnat);
     }
 
     // Valid while this object stays where it is.
@@ -59,6 +69,33 @@ class PackedStatus {
     Kavel__VpnStatus message_;
     std::vector<char *> problems_;
 };
+
+// Points into `record`.
+Kavel__StoredRecord PackRecord(const StoredRecord &record)
+{
+    Kavel__StoredRecord message = KAVEL__STORED_RECORD__INIT;
+    message.vpn = record.vpn;
+    message.bytes = record.bytes;
+    if (!record.problem.empty()) {
+        message.problem = Borrow(record.problem);
+        return message;
+    }
+    Put(record.enable, message.has_enable, message.enable);
+    message.has_hosts = message.has_mx_hosts = message.has_servers = message.has_forwards = 1;
+    message.hosts = record.hosts;
+    message.mx_hosts = record.mxHosts;
+    message.servers = record.servers;
+    message.forwards = record.forwards;
+    return message;
+}
+
+template <typename Message>
+std::vector<Message *> PointersTo(std::vector<Message> &messages)
+{
+    std::vector<Message *> pointers;
+    std::ranges::transform(messages, std::back_inserter(pointers), [](Message &message) { return &message; });
+    return pointers;
+}
 
 std::vector<std::uint8_t> PackReply(const Kavel__Reply &reply)
 {
@@ -101,6 +138,16 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
     std::ranges::transform(packed, std::back_inserter(messages), &PackedStatus::Message);
     reply.vpns = messages.data();
     reply.n_vpns = messages.size();
+
+    std::vector<Kavel__StoredRecord> records;
+    std::ranges::transform(answer.stored, std::back_inserter(records), PackRecord);
+    std::vector<Kavel__StoredRecord *> stored = PointersTo(records);
+    reply.stored = stored.data();
+    reply.n_stored = stored.size();
+    if (answer.storedText) {
+        reply.has_stored_text = 1;
+        reply.stored_text = {answer.storedText->size(), reinterpret_cast<std::uint8_t *>(Borrow(*answer.storedText))};
+    }
     return PackReply(reply);
 }
 

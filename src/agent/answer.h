@@ -9,6 +9,7 @@
 
 #include "control.pb-c.h"
 #include "status.h"
+#include "store.h"
 
 namespace kavel::agent {
 
@@ -19,6 +20,8 @@ struct Answer {
     std::optional<std::uint32_t> vpn;
     std::optional<Kavel__Summary> summary;
     std::vector<VpnStatus> vpns;
+    std::vector<StoredRecord> stored;
+    std::optional<std::string> storedText;
 };
 
 Answer Refusal(std::int32_t result, std::string text);

@@ -108,15 +108,37 @@ void ForEachElement(const Value &array, const std::function<void(const Value &)>
     }
 }
 
+// The name becomes part of a file name and of a packet filter's rule.
+bool IsInterfaceName(std::string_view name)
+{
+    const bool good = std::ranges::all_of(name, [](unsigned char letter) {
+        return std::isalnum(letter) != 0 ||
+               std::string_view("_.@:-").find(static_cast<char>(letter)) != std::string_view::npos;
+    });
+    return !name.empty() && name.size() < IFNAMSIZ && good && name != "." && name != "..";
+}
+
 std::string InterfaceName(const Value &value)
 {
     std::string name = Text(value);
-    const bool bad = std::ranges::any_of(
-        name, [](unsigned char letter) { return letter == '/' || std::isspace(letter) != 0 || letter == '\0'; });
-    if (name.empty() || name.size() >= IFNAMSIZ || bad || name == "." || name == "..") {
+    if (!IsInterfaceName(name)) {
         Fail(value.path, Quoted(name) + " is not an interface name");
     }
     return name;
+}
+
+// A name, or the beginning of names with a '*' behind it.
+std::string InterfacePattern(const Value &value)
+{
+    std::string pattern = Text(value);
+    std::string_view name = pattern;
+    if (name.ends_with('*') && name.size() < IFNAMSIZ) {
+        name.remove_suffix(1);
+    }
+    if (!IsInterfaceName(name)) {
+        Fail(value.path, Quoted(pattern) + " is neither an interface name nor a prefix that ends in *");
+    }
+    return pattern;
 }
 
 // The name becomes part of a path and of a shell command.
@@ -225,6 +247,14 @@ Config ReadConfig(const Value &root)
         {"store", [&](const Value &v) { config.store = AbsolutePath(v); }},
         {"socket", [&](const Value &v) { config.socket = SocketPath(v); }},
         {"log", [&](const Value &v) { config.log = ReadLogLevel(v); }},
+        {"lan",
+         [&](const Value &v) {
+             ForEachElement(v, [&](const Value &e) { config.lan.push_back(InterfacePattern(e)); });
+         }},
+        {"c2p",
+         [&](const Value &v) {
+             ForEachElement(v, [&](const Value &e) { config.c2p.push_back(InterfacePattern(e)); });
+         }},
         {"vpns",
          [&](const Value &v) { ForEachElement(v, [&](const Value &e) { config.vpns.push_back(ReadVpn(e)); }); }},
     };

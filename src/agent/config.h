@@ -42,10 +42,14 @@ struct Config {
     std::string store = "/var/lib/kavel/agent.db";
     std::string socket = control::kDefaultSocket;
     LogLevel log = LogLevel::kNotice;
-    std::vector<Vpn> vpns; // by rising id; the box itself, VPN 0, is not among them
+    std::vector<std::string> lan; // the box's own interfaces: names, or prefixes that end in '*'
+    std::vector<std::string> c2p; // those that lead from CPEs to this POP, likewise
+    std::vector<Vpn> vpns;        // by rising id; the box itself, VPN 0, is not among them
 
     // Null when the VPN is not configured.
     [[nodiscard]] const Vpn *Find(std::uint32_t id) const;
+    // Whether it is one of the box's: the box itself, or a configured VPN.
+    [[nodiscard]] bool Serves(std::uint32_t id) const { return id == 0 || Find(id) != nullptr; }
 };
 
 // Both throw ConfigError.

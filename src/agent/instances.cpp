@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -28,6 +29,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char *kRoot = "/etc/kavel/dnsmasq";
 constexpr const char *kPidDirectory = "/var/run";
+constexpr std::string_view kTag = "kvl_dns_vpn_";
+constexpr const char *kPidFileOption = "--pid-file=";
 constexpr const char *kStateDirectory = "/run/kavel"; // made for the lock of the agent
 
 // As many bytes as the module reads of a pid file.
@@ -45,19 +48,20 @@ constexpr std::string_view kBoxConfig = "resolv-file=/etc/kavel/dnsmasq/resolv.c
                                         "cache-size=1000\n"
                                         "domain-needed\n";
 
-std::string Tag(std::uint32_t vpnId)
-{
-    return "kvl_dns_vpn_" + std::to_string(vpnId);
-}
-
 std::string MeantPath(std::uint32_t vpnId)
 {
     return std::string(kStateDirectory) + "/vpn_" + std::to_string(vpnId) + ".meant";
 }
 
+// What the paths of all pid files begin with.
+std::string PidFileStem()
+{
+    return std::string(kPidDirectory) + "/" + std::string(kTag);
+}
+
 std::string PidFileArgument(std::uint32_t vpnId)
 {
-    return "--pid-file=" + PidFilePath(vpnId);
+    return kPidFileOption + PidFilePath(vpnId);
 }
 
 int CreateBoxFiles()
@@ -79,12 +83,20 @@ void CleanDirectory(const std::filesystem::path &directory)
     RemoveLeftovers(directory / "dnsmasq.d", kInstanceFiles);
 }
 
-// Also before it is dnsmasq: the shell and the namespace tool that lead to it have its command line.
-bool IsBeingLaunched(std::uint32_t vpnId)
+// The VPNs whose instance has a process, also before that is dnsmasq: the shell and the namespace tool that lead to it
+// have its command line. One look at all processes, however many VPNs there are.
+std::set<std::uint32_t> VpnsWithProcesses()
 {
-    const std::string argument = PidFileArgument(vpnId);
-    return std::ranges::any_of(AllProcesses(),
-                               [&](pid_t pid) { return ReadCommandLine(pid).find(argument) != std::string::npos; });
+    const std::string stem = kPidFileOption + PidFileStem();
+    std::set<std::uint32_t> found;
+    for (const pid_t pid : AllProcesses()) {
+        const std::string commandLine = ReadCommandLine(pid);
+        const std::size_t at = commandLine.find(stem);
+        if (at != std::string::npos) {
+            found.insert(static_cast<std::uint32_t>(std::strtoul(commandLine.c_str() + at + stem.size(), nullptr, 10)));
+        }
+    }
+    return found;
 }
 
 void Drain(const UniqueFd &watch)
@@ -106,7 +118,7 @@ std::string InstanceDirectory(std::uint32_t vpnId)
 
 std::string PidFilePath(std::uint32_t vpnId)
 {
-    return std::string(kPidDirectory) + "/" + Tag(vpnId) + ".pid";
+    return PidFileStem() + std::to_string(vpnId) + ".pid";
 }
 
 int WriteBoxDirectory()
@@ -193,29 +205,31 @@ std::optional<std::string> ReloadHazard(std::uint32_t vpnId)
            "), which is not this VPN's dnsmasq";
 }
 
-bool AwaitStart(std::uint32_t vpnId, std::chrono::milliseconds patience)
+std::set<std::uint32_t> AwaitStarts(std::set<std::uint32_t> vpnIds, std::chrono::milliseconds patience)
 {
     const UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     // Without a watch, which every instance takes one of as well, the pid file is noticed a little later.
     (void)::inotify_add_watch(watch.Get(), kPidDirectory, IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO);
     const auto deadline = Clock::now() + patience;
-    bool seen = true;
-    while (!IsRunning(vpnId)) {
-        if (Clock::now() >= deadline) {
-            return false;
-        }
+    std::set<std::uint32_t> failed;
+    std::set<std::uint32_t> seen = vpnIds;
+    std::erase_if(vpnIds, IsRunning);
+    while (!vpnIds.empty() && Clock::now() < deadline) {
         pollfd watched{watch.Get(), POLLIN, 0};
         const bool silent = ::poll(&watched, 1, static_cast<int>(kLaunchCheck.count())) == 0;
         Drain(watch);
         if (silent) {
             // Two looks: a process that executes another program has no command line for a moment.
-            const bool seenBefore = std::exchange(seen, IsBeingLaunched(vpnId));
-            if (!seen && !seenBefore) {
-                return IsRunning(vpnId);
-            }
+            const auto seenBefore = std::exchange(seen, VpnsWithProcesses());
+            std::ranges::copy_if(vpnIds, std::inserter(failed, failed.end()), [&](std::uint32_t vpnId) {
+                return !seen.contains(vpnId) && !seenBefore.contains(vpnId);
+            });
         }
+        std::erase_if(vpnIds, [&](std::uint32_t vpnId) { return failed.contains(vpnId) || IsRunning(vpnId); });
     }
-    return true;
+    failed.merge(vpnIds);
+    std::erase_if(failed, IsRunning);
+    return failed;
 }
 
 } // namespace kavel::agent

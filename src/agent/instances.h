@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "procfs.h"
@@ -46,9 +47,9 @@ void SetMeantToRun(std::uint32_t vpnId, bool meant);
 // Why a reload would signal something else than the VPN's instance; nothing when it is safe.
 std::optional<std::string> ReloadHazard(std::uint32_t vpnId);
 
-// Waits until an instance that was just launched has written its pid file, which it does once it holds its port. False
-// as soon as no process of it is left, and after `patience`.
-bool AwaitStart(std::uint32_t vpnId, std::chrono::milliseconds patience);
+// Waits until instances that were just launched have written their pid files, which they do once they hold their ports.
+// An instance is given up as soon as no process of it is left, and after `patience`; those are returned.
+std::set<std::uint32_t> AwaitStarts(std::set<std::uint32_t> vpnIds, std::chrono::milliseconds patience);
 
 } // namespace kavel::agent
 

@@ -34,6 +34,7 @@ constexpr std::array<LevelText, 4> kLevels{{{LogLevel::kError, "error", "ERROR "
 constexpr const char *kTag = "vqagent";
 
 LogLevel g_threshold = LogLevel::kNotice;
+bool g_moduleIsSilent = false;
 
 // JOURNAL_STREAM is inherited by everything below a service: it counts only when it names this standard error.
 bool StderrIsJournal()
@@ -198,6 +199,16 @@ void Log(LogLevel level, const char *format, ...)
     WriteLine(level, text);
 }
 
+ModuleSilence::ModuleSilence()
+{
+    g_moduleIsSilent = true;
+}
+
+ModuleSilence::~ModuleSilence()
+{
+    g_moduleIsSilent = false;
+}
+
 void ErrorTrail::Add(std::string message)
 {
     while (message.ends_with('\n')) {
@@ -244,7 +255,7 @@ BOOL VQ_LogTest(uint32_t /*Module*/, uint32_t Level, BOOL Flag, const char * /*F
 {
     // The dump of the flex log repeats the line before it: of use only to someone who debugs the logging itself.
     const LogLevel level = Flag == FALSE ? LogLevel::kDebug : FromModule(Level);
-    return level <= g_threshold ? TRUE : FALSE;
+    return level <= g_threshold && !g_moduleIsSilent ? TRUE : FALSE;
 }
 
 const VQ_LOG_IMPL_ITEM *VQ_LogGetImplItem(uint32_t /*Module*/)

@@ -21,6 +21,15 @@ void SetLogThreshold(LogLevel threshold);
 // Writes one line; a trailing line feed in the text is neither needed nor doubled.
 void Log(LogLevel level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
+// While one lives, lines of the module are not written; its errors are kept in ModuleErrors() all the same.
+class ModuleSilence {
+  public:
+    ModuleSilence();
+    ModuleSilence(const ModuleSilence &) = delete;
+    ModuleSilence &operator=(const ModuleSilence &) = delete;
+    ~ModuleSilence();
+};
+
 // The error messages of the module, oldest first, without prefix.
 class ErrorTrail {
   public:

@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
@@ -27,12 +28,17 @@
 #include "instances.h"
 #include "interfaces_netlink.h"
 #include "log.h"
+#include "memory.h"
 #include "module.h"
 #include "netlink.h"
 #include "netns.h"
+#include "recovery.h"
 #include "requests.h"
+#include "rules_nftables.h"
+#include "unique_fd.h"
 
 using namespace kavel::agent;
+using kavel::UniqueFd;
 
 namespace {
 
@@ -40,8 +46,8 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr mode_t kUmask = 022;
 
-// Descriptors beside the two per VPN that a status query takes.
-constexpr rlim_t kOtherDescriptors = 256;
+// Descriptors beside the two per VPN that a status query takes: one of the two stands above those of select().
+constexpr rlim_t kOtherDescriptors = FD_SETSIZE + 256;
 
 // Inotify instances that a user may have, and those that are not a VPN's: the box's own and the agent's.
 constexpr const char *kWatchLimit = "/proc/sys/fs/inotify/max_user_instances";
@@ -173,6 +179,9 @@ void StartModule(const Module &module, const Config &config)
             Log(LogLevel::kError, "vpn %u: no instance directory: %s", vpn.id, std::strerror(-result));
         }
     }
+    if (config.persistence) {
+        RecoverStored(module);
+    }
 }
 
 void PrepareBox(const Config &config)
@@ -181,9 +190,6 @@ void PrepareBox(const Config &config)
     const int written = WriteBoxDirectory();
     if (written < 0) {
         Log(LogLevel::kError, "the box-wide directory is not complete: %s", std::strerror(-written));
-    }
-    if (config.persistence) {
-        Log(LogLevel::kNotice, "persistence is switched on, but this agent has no store: nothing is kept");
     }
     std::ranges::for_each(config.vpns, PrepareVpn);
 }
@@ -202,6 +208,7 @@ void Serve(const Module &module, const Config &config, const UniqueFd &signals)
         socket.Watch(namespaces.Get(), [&] {
             DrainDescriptor(namespaces.Get());
             CloseStaleNetlink();
+            CloseStaleRuleContexts();
             return true;
         });
     }
@@ -215,6 +222,7 @@ void Serve(const Module &module, const Config &config, const UniqueFd &signals)
 void Run(const Options &options)
 {
     ::umask(kUmask);
+    ReturnLargeMemory();
     const UniqueFd signals = CatchEndSignals();
     ActivateConfig(LoadConfig(options.config));
     const Config &config = ActiveConfig();

@@ -1,6 +1,24 @@
-#include "vqMemory.h"
+#include "memory.h"
+
+#include <malloc.h>
 
 #include <cstdlib>
+
+#include "vqMemory.h"
+
+namespace kavel::agent {
+namespace {
+
+constexpr int kLargeObject = 1024 * 1024;
+
+} // namespace
+
+void ReturnLargeMemory()
+{
+    ::mallopt(M_MMAP_THRESHOLD, kLargeObject);
+}
+
+} // namespace kavel::agent
 
 extern "C" {
 

@@ -6,13 +6,15 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "vqStore.h"
+
 namespace kavel::agent {
 namespace {
 
 constexpr const char *kFileName = "libvqAdvancedDns.so";
 
 // What every module exports, whether this program calls it or not: a library without one of them is another release.
-constexpr std::array<const char *, 27> kFunctions{"VQCtrl_AgentSetCPEAdvancedDnsOps",
+constexpr std::array<const char *, 38> kFunctions{"VQCtrl_AgentSetCPEAdvancedDnsOps",
                                                   "VQCtrl_AgentSetPOPAdvancedDnsOps",
                                                   "VQCtrl_AgentSetApAdvancedDnsOps",
                                                   "VQCtrl_AgentSetAdAdvancedDnsOps",
@@ -38,7 +40,18 @@ constexpr std::array<const char *, 27> kFunctions{"VQCtrl_AgentSetCPEAdvancedDns
                                                   "VQCtrl_DnsmasqStop",
                                                   "VQCtrl_DnsmasqReload",
                                                   "VQCtrl_DnsmasqReboot",
-                                                  "VQCtrl_GetDnsServicePid"};
+                                                  "VQCtrl_GetDnsServicePid",
+                                                  "VQCtrl_PbToAdvancedDnsConfPlatformPOP",
+                                                  "VQCtrl_AdvancedDnsConfToJsonStr",
+                                                  "VQCtrl_AdvancedDnsJsonStrToConf",
+                                                  "VQCtrl_AdvancedDnsmasqAddPersistentConf",
+                                                  "VQCtrl_AdvancedDnsmasqUpdatePersistentConf",
+                                                  "VQCtrl_AdvancedDnsmasqDelPersistentconf",
+                                                  "VQCtrl_AdvancedDnsmasqGetAllPersistentconf",
+                                                  "VQCtrl_ConfigAddDnsmasqDnat",
+                                                  "VQCtrl_ConfigDelDnsmasqDnat",
+                                                  "VQCtrl_ConfigAddDnsmasqPolicy",
+                                                  "VQCtrl_ConfigDelDnsmasqPolicy"};
 
 std::string FindLibrary()
 {
@@ -74,8 +87,12 @@ Module::Module(const std::string &path, Platform platform)
     configure = Find<Configure>("VQCtrl_ConfigAdvancedDns");
     translate =
         Find<Translate>(cpe ? "VQCtrl_PbToAdvancedDnsConfPlatformCPE" : "VQCtrl_PbToAdvancedDnsConfPlatformPOP");
+    recover = Find<Recover>("VQCtrl_AgentRecoverAdvancedDnsConf");
     initDirectory = Find<VpnOperation>("VQCtrl_DnsmasqConfInitByVpnId");
     releaseDirectory = Find<VpnOperation>("VQCtrl_DnsmasqConfRelaseByVpnId");
+    VQ_DATA_CONTENT_TRANS_OP &conversions = *VQ_GetDbDataTransOp();
+    conversions.DnsmasqConfToStr = Find<char *(const VQ_DNSMASQ_CONF *)>("VQCtrl_AdvancedDnsConfToJsonStr");
+    conversions.DnsmasqStrToConf = Find<VQ_ERR_T(VQ_DNSMASQ_CONF *, const char *)>("VQCtrl_AdvancedDnsJsonStrToConf");
 }
 
 void Module::RefuseMissingFunctions() const

@@ -26,17 +26,20 @@ class Module {
     using Configure = VQ_ERR_T(const MessagePointer *);
     using Translate = VQ_ERR_T(const MessagePointer *, VQ_DNSMASQ_CONF *);
     using VpnOperation = VQ_ERR_T(std::uint32_t);
+    using Recover = VQ_ERR_T();
 
-    // Loads `path`, or when it is empty the library beside the program, or else the installed one. Throws
-    // std::runtime_error when it cannot be loaded, needs a service that this program lacks, or lacks a function.
+    // Loads `path`, or when it is empty the library beside the program, or else the installed one, and gives the store
+    // the module's conversions. Throws std::runtime_error when it cannot be loaded, needs a service that this program
+    // lacks, or lacks a function.
     Module(const std::string &path, Platform platform);
 
     PlatformEntry *setPlatform = nullptr;
     PlatformEntry *stopOldService = nullptr;
     Configure *configure = nullptr;
-    Translate *translate = nullptr; // null when the module cannot translate this platform's message by itself
+    Translate *translate = nullptr;
     VpnOperation *initDirectory = nullptr;
     VpnOperation *releaseDirectory = nullptr;
+    Recover *recover = nullptr;
 
     [[nodiscard]] const std::string &Path() const { return path_; }
 

@@ -1,15 +1,19 @@
 #include "netlink.h"
 
+#include <fcntl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+
 #include <linux/netlink.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <map>
-#include <optional>
+#include <limits>
 #include <utility>
 
 #include "failure.h"
-#include "netns.h"
+#include "per_namespace.h"
+#include "unique_fd.h"
 
 namespace kavel::agent {
 namespace {
@@ -20,34 +24,23 @@ constexpr std::size_t kReceiveSize = 32768;
 // holds this many errors.
 constexpr std::size_t kMessagesPerSend = 64;
 
-struct OpenSocket {
-    NetlinkSocket socket;
-    std::optional<NamespaceId> netns;
-};
-
-std::map<std::uint32_t, OpenSocket> &OpenSockets()
+// One for every VPN: opening another costs more than the socket itself.
+PerNamespace<NetlinkSocket> &OpenSockets()
 {
-    static std::map<std::uint32_t, OpenSocket> sockets;
+    static PerNamespace<NetlinkSocket> sockets(std::numeric_limits<std::size_t>::max());
     return sockets;
 }
 
-OpenSocket OpenFor(std::uint32_t vpnId)
+// Low descriptors are scarce: the library behind the rules waits with select(), which knows no others. There is a
+// socket of this kind for every VPN, so that they go where the low ones end, unless the process may not have that many.
+UniqueFd OpenSocket()
 {
-    const NamespaceSwitch inside(vpnId);
-    return {NetlinkSocket(), NamespaceOfVpn(vpnId)};
-}
-
-NetlinkSocket &SocketOf(std::uint32_t vpnId)
-{
-    auto found = OpenSockets().find(vpnId);
-    if (found != OpenSockets().end() && found->second.netns != NamespaceOfVpn(vpnId)) {
-        OpenSockets().erase(found);
-        found = OpenSockets().end();
+    UniqueFd socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    if (!socket) {
+        ThrowLastFailure("netlink");
     }
-    if (found == OpenSockets().end()) {
-        found = OpenSockets().emplace(vpnId, OpenFor(vpnId)).first;
-    }
-    return found->second.socket;
+    UniqueFd high(::fcntl(socket.Get(), F_DUPFD_CLOEXEC, FD_SETSIZE));
+    return high ? std::move(high) : std::move(socket);
 }
 
 void SetOption(mnl_socket *socket, int option)
@@ -59,8 +52,13 @@ void SetOption(mnl_socket *socket, int option)
 
 } // namespace
 
-NetlinkSocket::NetlinkSocket() : socket_(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC)), received_(kReceiveSize)
+NetlinkSocket::NetlinkSocket() : received_(kReceiveSize)
 {
+    UniqueFd handle = OpenSocket();
+    socket_.reset(mnl_socket_fdopen(handle.Get()));
+    if (socket_) {
+        (void)handle.Release();
+    }
     if (!socket_ || mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
         ThrowLastFailure("netlink");
     }
@@ -169,21 +167,20 @@ std::size_t NetlinkSocket::Receive()
 
 int WithNetlink(std::uint32_t vpnId, const std::function<int(NetlinkSocket &)> &work)
 {
-    const int result = WithoutExceptions([&] {
-        NetlinkSocket &socket = SocketOf(vpnId);
+    return WithoutExceptions([&] {
+        NetlinkSocket &socket = OpenSockets().Of(vpnId);
         try {
             return work(socket);
         } catch (...) {
-            OpenSockets().erase(vpnId);
+            OpenSockets().Drop(vpnId);
             throw;
         }
     });
-    return result;
 }
 
 void CloseStaleNetlink()
 {
-    std::erase_if(OpenSockets(), [](const auto &open) { return open.second.netns != NamespaceOfVpn(open.first); });
+    OpenSockets().DropStale();
 }
 
 } // namespace kavel::agent

@@ -12,6 +12,8 @@
 #include "interfaces_netlink.h"
 #include "log.h"
 #include "routes_netlink.h"
+#include "store.h"
+#include "store_requests.h"
 #include "vqMemory.h"
 
 namespace kavel::agent {
@@ -72,13 +74,20 @@ Kavel__Summary Summarise(const VQ_DNSMASQ_CONF &record)
     return summary;
 }
 
-// The next message for this VPN finds the instance by its pid file: it waits for that file, or for the failure, which
-// does not undo what was applied.
-void AwaitLaunch(Answer &answer, std::uint32_t vpnId)
+// After a message has come into force. The next one for this VPN finds the instance by its pid file: it waits for that
+// file, or for the failure, which does not undo what was applied.
+void Settle(Answer &answer, const ControllerMessage &message)
 {
-    if (!AwaitStart(vpnId, kStartPatience)) {
-        answer.text = "the instance did not come up";
-        Log(LogLevel::kError, "vpn %u: %s", vpnId, answer.text.c_str());
+    SetMeantToRun(message.vpn, message.enables);
+    const char *wrong = nullptr;
+    if (message.launches && !AwaitStarts({message.vpn}, kStartPatience).empty()) {
+        wrong = "the instance did not come up";
+    } else if (!message.enables && IsRunning(message.vpn)) {
+        wrong = "the instance still runs";
+    }
+    if (wrong != nullptr) {
+        answer.text = wrong;
+        Log(LogLevel::kError, "vpn %u: %s", message.vpn, wrong);
     }
 }
 
@@ -114,6 +123,10 @@ Answer Requests::Handle(std::span<const std::uint8_t> frame) const
         return InitDirectory(request);
     case KAVEL__REQUEST__VERB__VPN_RELEASE:
         return ReleaseDirectory(request);
+    case KAVEL__REQUEST__VERB__STORE_LIST:
+        return ListStore();
+    case KAVEL__REQUEST__VERB__STORE_SHOW:
+        return ShowStored(request);
     default:
         return Refusal(-EINVAL, "unknown verb " + std::to_string(static_cast<int>(request.verb)));
     }
@@ -126,7 +139,7 @@ Answer Requests::Apply(std::span<const std::uint8_t> message) const
         return MalformedMessage(config_.platform);
     }
     const std::uint32_t vpnId = unpacked->vpn;
-    if (!Serves(vpnId)) {
+    if (!config_.Serves(vpnId)) {
         return NotConfigured(vpnId);
     }
     if (auto hazard = unpacked->reloads ? ReloadHazard(vpnId) : std::nullopt) {
@@ -139,13 +152,17 @@ Answer Requests::Apply(std::span<const std::uint8_t> message) const
     if (prepared < 0) {
         Log(LogLevel::kWarning, "vpn %u: its namespace is not ready: %s", vpnId, std::strerror(-prepared));
     }
+    StoreChange change;
     Answer answer = Outcome(module_.configure(&unpacked->pointer), vpnId);
     LogOutcome(answer, "applied");
-    if (answer.result >= 0) {
-        SetMeantToRun(vpnId, unpacked->enables);
-        if (unpacked->launches) {
-            AwaitLaunch(answer, vpnId);
-        }
+    if (answer.result >= 0 && change.Finish() < 0) {
+        answer.text = "what was stored before is still stored, and comes back at the next start";
+    }
+    if (answer.result < 0 && change.Begun()) {
+        answer.reason += "; the message is in force all the same, and what was stored before is still stored";
+    }
+    if (answer.result >= 0 || change.Begun()) {
+        Settle(answer, *unpacked);
     }
     return answer;
 }
@@ -175,7 +192,7 @@ Answer Requests::Status(const Kavel__Request &request) const
 {
     std::vector<std::uint32_t> vpnIds;
     if (request.has_vpn != 0) {
-        if (!Serves(request.vpn)) {
+        if (!config_.Serves(request.vpn)) {
             return NotConfigured(request.vpn);
         }
         vpnIds.push_back(request.vpn);
@@ -198,7 +215,7 @@ std::optional<Answer> Requests::DirectoryObjection(const Kavel__Request &request
     if (request.vpn == 0) {
         return Refusal(-EINVAL, "vpn 0 is the box itself and has no directory of its own");
     }
-    return Serves(request.vpn) ? std::nullopt : std::optional(NotConfigured(request.vpn));
+    return config_.Serves(request.vpn) ? std::nullopt : std::optional(NotConfigured(request.vpn));
 }
 
 Answer Requests::InitDirectory(const Kavel__Request &request) const

@@ -31,7 +31,6 @@ class Requests {
     [[nodiscard]] Answer InitDirectory(const Kavel__Request &request) const;
     [[nodiscard]] Answer ReleaseDirectory(const Kavel__Request &request) const;
 
-    [[nodiscard]] bool Serves(std::uint32_t vpnId) const { return vpnId == 0 || config_.Find(vpnId) != nullptr; }
     // Why the directory of the request's VPN cannot be made or removed; nothing when it can.
     [[nodiscard]] std::optional<Answer> DirectoryObjection(const Kavel__Request &request) const;
 

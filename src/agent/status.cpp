@@ -5,7 +5,9 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <set>
+#include <system_error>
 #include <utility>
 
 #include "config.h"
@@ -13,6 +15,8 @@
 #include "instances.h"
 #include "netns.h"
 #include "routes_netlink.h"
+#include "rules_nftables.h"
+#include "store.h"
 
 namespace kavel::agent {
 namespace {
@@ -114,7 +118,82 @@ void TakeRoutes(VpnStatus &status)
     status.routes = static_cast<std::uint32_t>(routes);
 }
 
-VpnStatus StatusOfVpn(std::uint32_t vpnId, bool answers)
+std::string RuleProblem(const VpnStatus &status, bool installed, const std::string &rule)
+{
+    if (status.meant == installed) {
+        return {};
+    }
+    return installed ? rule + " is installed although the service is switched off" : rule + " is missing";
+}
+
+void TakeRules(VpnStatus &status)
+{
+    const auto rules = FindInstalledRules(status.vpn);
+    if (!rules) {
+        AddProblem(status, "its rules cannot be read");
+        return;
+    }
+    status.rule = rules->dns;
+    AddProblem(status, RuleProblem(status, rules->dns, "the steering rule"));
+    if (status.vpn == 0 && ActiveConfig().platform == Platform::kPop) {
+        status.dnat = rules->dnat;
+        AddProblem(status, RuleProblem(status, rules->dnat, "the DNAT rule"));
+    }
+}
+
+// What is stored, for every VPN that is asked about.
+struct StoredRecords {
+    bool known = false;
+    std::map<std::uint32_t, StoredRecord> records;
+    std::string problem; // why nothing is known although something should be
+};
+
+StoredRecords ReadRecords(const std::vector<std::uint32_t> &vpnIds)
+{
+    StoredRecords stored;
+    if (!ActiveConfig().persistence) {
+        return stored;
+    }
+    try {
+        if (vpnIds.size() == 1) {
+            if (auto record = ReadStored(vpnIds.front())) {
+                stored.records.emplace(record->vpn, std::move(*record));
+            }
+        } else {
+            for (StoredRecord &record : ReadStored()) {
+                stored.records.emplace(record.vpn, std::move(record));
+            }
+        }
+        stored.known = true;
+    } catch (const std::system_error &failure) {
+        stored.problem = std::string("the store cannot be read: ") + failure.what();
+    }
+    return stored;
+}
+
+void TakeStored(VpnStatus &status, const StoredRecords &stored)
+{
+    if (!stored.known) {
+        return;
+    }
+    const auto found = stored.records.find(status.vpn);
+    status.stored = found != stored.records.end();
+    if (!*status.stored) {
+        return;
+    }
+    const StoredRecord &record = found->second;
+    if (!record.problem.empty()) {
+        AddProblem(status, "its stored record cannot be read: " + record.problem);
+        return;
+    }
+    status.storedEnable = record.enable;
+    if (record.enable != status.meant) {
+        AddProblem(status, record.enable ? "stored as switched on, but not meant to run"
+                                         : "stored as switched off, but meant to run");
+    }
+}
+
+VpnStatus StatusOfVpn(std::uint32_t vpnId, bool answers, const StoredRecords &stored)
 {
     VpnStatus status;
     status.vpn = vpnId;
@@ -122,9 +201,11 @@ VpnStatus StatusOfVpn(std::uint32_t vpnId, bool answers)
     status.meant = MeantToRun(vpnId);
     status.answers = answers;
     CountFiles(status);
+    TakeStored(status, stored);
     TakeProcess(status);
     if (NamespaceOfVpn(vpnId)) {
         TakeRoutes(status);
+        TakeRules(status);
         AddProblem(status, AnswerProblem(status));
     } else {
         AddProblem(status, "namespace " + status.netns + " does not exist");
@@ -137,10 +218,14 @@ VpnStatus StatusOfVpn(std::uint32_t vpnId, bool answers)
 std::vector<VpnStatus> StatusOf(const std::vector<std::uint32_t> &vpnIds)
 {
     const std::set<std::uint32_t> answering = AnsweringVpns(vpnIds, kAnswerPatience);
+    const StoredRecords stored = ReadRecords(vpnIds);
     std::vector<VpnStatus> all;
     all.reserve(vpnIds.size());
     std::ranges::transform(vpnIds, std::back_inserter(all),
-                           [&](std::uint32_t vpnId) { return StatusOfVpn(vpnId, answering.contains(vpnId)); });
+                           [&](std::uint32_t vpnId) { return StatusOfVpn(vpnId, answering.contains(vpnId), stored); });
+    if (!all.empty()) {
+        AddProblem(all.front(), stored.problem); // once is enough
+    }
     return all;
 }
 

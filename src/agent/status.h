@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,10 @@ struct VpnStatus {
     std::uint32_t servers = 0;
     std::uint32_t forwards = 0;
     std::uint32_t routes = 0;
+    std::optional<bool> stored; // nothing: not known, or persistence is switched off
+    std::optional<bool> storedEnable;
+    std::optional<bool> rule;          // nothing: not known
+    std::optional<bool> dnat;          // nothing: not known, or none belongs here
     std::vector<std::string> problems; // plain words
 };
 

@@ -10,6 +10,7 @@
 #include "json_message.h"
 #include "output.h"
 #include "status_output.h"
+#include "store_output.h"
 
 namespace kavel::ctl {
 
@@ -146,6 +147,13 @@ int SetUpVpn(const Session &session, Kavel__Request__Verb verb, std::uint32_t vp
     return refused ? kRefused : kDone;
 }
 
+// Says on standard error that a question was not answered.
+int TellRefusal(const Session &session, const std::string &subject, const Kavel__Reply &reply)
+{
+    session.err << "vqctl: " << subject << ": refused " << RefusalText(reply) << '\n';
+    return kRefused;
+}
+
 int Complain(const Session &session, const std::exception &error, ExitCode code)
 {
     session.out.flush();
@@ -204,8 +212,7 @@ int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json)
     request.vpn = vpn.value_or(0);
     const ReplyPtr reply = ExchangeOne(session, request, "status");
     if (reply->result < 0) {
-        session.err << "vqctl: " << (vpn ? SubjectText(vpn) : "status") << ": refused " << RefusalText(*reply) << '\n';
-        return kRefused;
+        return TellRefusal(session, vpn ? SubjectText(vpn) : "status", *reply);
     }
     const StatusList vpns(reply->vpns, reply->n_vpns);
     session.out << (json ? StatusJson(vpns) : StatusTable(vpns, session.colour));
@@ -220,6 +227,33 @@ int VpnInit(const Session &session, std::uint32_t vpn)
 int VpnRelease(const Session &session, std::uint32_t vpn)
 {
     return SetUpVpn(session, KAVEL__REQUEST__VERB__VPN_RELEASE, vpn, "released");
+}
+
+int StoreList(const Session &session)
+{
+    const ReplyPtr reply = ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__STORE_LIST), "store list");
+    if (reply->result < 0) {
+        return TellRefusal(session, "store", *reply);
+    }
+    session.out << StoredTable(StoredList(reply->stored, reply->n_stored));
+    return kDone;
+}
+
+int StoreShow(const Session &session, std::uint32_t vpn)
+{
+    Kavel__Request request = NewRequest(KAVEL__REQUEST__VERB__STORE_SHOW);
+    request.has_vpn = 1;
+    request.vpn = vpn;
+    const ReplyPtr reply = ExchangeOne(session, request, "store show of " + SubjectText(vpn));
+    if (reply->result < 0) {
+        return TellRefusal(session, SubjectText(vpn), *reply);
+    }
+    if (reply->has_stored_text == 0) {
+        throw AgentError("the agent's reply holds no stored text");
+    }
+    const auto *text = reinterpret_cast<const char *>(reply->stored_text.data);
+    session.out << StoredText({text, reply->stored_text.len});
+    return kDone;
 }
 
 int Run(const Session &session, const std::function<int()> &command)

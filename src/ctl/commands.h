@@ -47,6 +47,10 @@ int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json);
 int VpnInit(const Session &session, std::uint32_t vpn);
 int VpnRelease(const Session &session, std::uint32_t vpn);
 
+// Tell what is stored, and the text of one VPN's record.
+int StoreList(const Session &session);
+int StoreShow(const Session &session, std::uint32_t vpn);
+
 // Runs a command and turns what ends it early into one line on `session.err` and an exit code.
 int Run(const Session &session, const std::function<int()> &command);
 

@@ -107,6 +107,20 @@ void AddVpnCommand(CLI::App &app, Arguments &arguments)
         [&arguments] { arguments.command = [&] { return VpnRelease(arguments.session, arguments.vpn.value()); }; });
 }
 
+void AddStoreCommand(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *store = app.add_subcommand("store", "Show what the agent brings back at its next start");
+    store->require_subcommand(1);
+
+    CLI::App *list = store->add_subcommand("list", "Every stored record, in numbers");
+    list->final_callback([&arguments] { arguments.command = [&] { return StoreList(arguments.session); }; });
+
+    CLI::App *show = store->add_subcommand("show", "The record of one VPN, as JSON");
+    AddVpn(*show, arguments, "ID", "The VPN; 0 is the box itself")->required();
+    show->final_callback(
+        [&arguments] { arguments.command = [&] { return StoreShow(arguments.session, arguments.vpn.value()); }; });
+}
+
 void AddCommands(CLI::App &app, Arguments &arguments)
 {
     app.require_subcommand(1);
@@ -120,6 +134,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     AddMessageCommands(app, arguments);
     AddStatusCommand(app, arguments);
     AddVpnCommand(app, arguments);
+    AddStoreCommand(app, arguments);
 }
 
 // One line. What nobody recognised is the cause even where CLI11 first misses something else.

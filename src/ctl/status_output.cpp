@@ -4,14 +4,13 @@
 #include <array>
 #include <cstdlib>
 #include <iomanip>
-#include <memory>
 #include <new>
 #include <sstream>
 #include <unistd.h>
-#include <vector>
 
 #include "json_reader.h"
 #include "output.h"
+#include "table.h"
 
 namespace kavel::ctl {
 
@@ -44,15 +43,21 @@ std::string IfAlive(const Kavel__VpnStatus &vpn, const std::string &text)
     return vpn.alive != 0 ? text : kNothing;
 }
 
-struct Column {
-    const char *title;
-    bool numeric; // aligned to the right
-    std::string (*text)(const Kavel__VpnStatus &vpn);
-};
-
 using Vpn = const Kavel__VpnStatus &;
+
+std::string IfKnown(protobuf_c_boolean known, bool value)
+{
+    return known == 0 ? kNothing : value ? "yes" : "no";
+}
+
+// On a POP two rules lead to the box's instance, and one is of no use without the other.
+std::string RuleText(Vpn vpn)
+{
+    return IfKnown(vpn.has_rule, vpn.rule != 0 && (vpn.has_dnat == 0 || vpn.dnat != 0));
+}
+
 constexpr std::size_t kStateColumn = 2;
-constexpr std::array<Column, 12> kColumns = {{
+constexpr std::array<TableColumn<Kavel__VpnStatus>, 14> kColumns = {{
     {"VPN", true, [](Vpn vpn) { return std::to_string(vpn.vpn); }},
     {"NAMESPACE", false, [](Vpn vpn) { return Printable(vpn.namespace_); }},
     {"STATE", false, StateText},
@@ -64,49 +69,10 @@ constexpr std::array<Column, 12> kColumns = {{
     {"SERVERS", true, [](Vpn vpn) { return std::to_string(vpn.servers); }},
     {"FORWARDS", true, [](Vpn vpn) { return std::to_string(vpn.forwards); }},
     {"ROUTES", true, [](Vpn vpn) { return std::to_string(vpn.routes); }},
+    {"STORED", false, [](Vpn vpn) { return IfKnown(vpn.has_stored, vpn.stored != 0); }},
+    {"RULE", false, RuleText},
     {"ANSWERS", false, [](Vpn vpn) { return IfAlive(vpn, vpn.answers != 0 ? "yes" : "no"); }},
 }};
-
-using Row = std::array<std::string, kColumns.size()>;
-using Widths = std::array<std::size_t, kColumns.size()>;
-
-Row RowOf(Vpn vpn)
-{
-    Row row;
-    std::ranges::transform(kColumns, row.begin(), [&](const Column &column) { return column.text(vpn); });
-    return row;
-}
-
-Row TitleRow()
-{
-    Row row;
-    std::ranges::transform(kColumns, row.begin(), [](const Column &column) { return column.title; });
-    return row;
-}
-
-Widths WidthsOf(const std::vector<Row> &rows)
-{
-    Widths widths{};
-    for (const Row &row : rows) {
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], row[i].size());
-        }
-    }
-    return widths;
-}
-
-// The last column carries no padding, so that no line ends in blanks. `colour` goes around the state.
-void PrintRow(std::ostream &out, const Row &row, const Widths &widths, const char *colour)
-{
-    for (std::size_t i = 0; i < row.size(); ++i) {
-        const std::string padding(widths[i] - row[i].size(), ' ');
-        const bool coloured = i == kStateColumn && *colour != '\0';
-        const bool last = i + 1 == row.size();
-        out << (i == 0 ? "" : "  ") << (kColumns[i].numeric ? padding : "") << (coloured ? colour : "") << row[i]
-            << (coloured ? "\033[0m" : "") << (kColumns[i].numeric || last ? "" : padding);
-    }
-    out << '\n';
-}
 
 void Add(json_object *object, const char *key, json_object *value)
 {
@@ -115,6 +81,15 @@ void Add(json_object *object, const char *key, json_object *value)
         throw std::bad_alloc();
     }
     static_cast<void>(owned.release());
+}
+
+void AddIfKnown(json_object *object, const char *key, protobuf_c_boolean known, protobuf_c_boolean value)
+{
+    if (known != 0) {
+        Add(object, key, json_object_new_boolean(value));
+    } else if (json_object_object_add(object, key, nullptr) != 0) {
+        throw std::bad_alloc();
+    }
 }
 
 json_object *ProblemList(Vpn vpn)
@@ -147,6 +122,10 @@ JsonPtr ObjectOf(Vpn vpn)
     Add(o, "forwards", json_object_new_uint64(vpn.forwards));
     Add(o, "routes", json_object_new_uint64(vpn.routes));
     Add(o, "problems", ProblemList(vpn));
+    AddIfKnown(o, "stored", vpn.has_stored, vpn.stored);
+    AddIfKnown(o, "stored_enable", vpn.has_stored_enable, vpn.stored_enable);
+    AddIfKnown(o, "rule", vpn.has_rule, vpn.rule);
+    AddIfKnown(o, "dnat", vpn.has_dnat, vpn.dnat);
     return object;
 }
 
@@ -191,15 +170,9 @@ std::string MemoryText(std::uint64_t bytes)
 
 std::string StatusTable(StatusList vpns, bool colour)
 {
-    std::vector<Row> rows{TitleRow()};
-    std::ranges::transform(vpns, std::back_inserter(rows), [](const Kavel__VpnStatus *vpn) { return RowOf(*vpn); });
-    const Widths widths = WidthsOf(rows);
-
     std::ostringstream out;
-    PrintRow(out, rows.front(), widths, "");
-    for (std::size_t i = 0; i < vpns.size(); ++i) {
-        PrintRow(out, rows[i + 1], widths, colour ? StateColour(*vpns[i]) : "");
-    }
+    PrintTable(out, kColumns, vpns,
+               [&](std::size_t column, Vpn vpn) { return colour && column == kStateColumn ? StateColour(vpn) : ""; });
     out << (AnyProblem(vpns) ? "\n" : "");
     for (const Kavel__VpnStatus *vpn : vpns) {
         for (const char *problem : std::span(vpn->problems, vpn->n_problems)) {

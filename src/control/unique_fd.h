@@ -1,12 +1,12 @@
 // A file descriptor with one owner.
-#ifndef KAVEL_AGENT_UNIQUE_FD_H
-#define KAVEL_AGENT_UNIQUE_FD_H
+#ifndef KAVEL_CONTROL_UNIQUE_FD_H
+#define KAVEL_CONTROL_UNIQUE_FD_H
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace kavel::agent {
+namespace kavel {
 
 class UniqueFd {
   public:
@@ -40,6 +40,6 @@ class UniqueFd {
     int fd_ = -1;
 };
 
-} // namespace kavel::agent
+} // namespace kavel
 
 #endif

@@ -1,0 +1,53 @@
+#include "recovery.h"
+
+#include <chrono>
+#include <set>
+#include <system_error>
+#include <vector>
+
+#include "config.h"
+#include "instances.h"
+#include "log.h"
+#include "store.h"
+
+namespace kavel::agent {
+namespace {
+
+// All are launched by the time that the wait begins: it is for the last of them.
+constexpr std::chrono::milliseconds kStartPatience{10000};
+
+std::vector<StoredRecord> ReadableRecords()
+{
+    try {
+        std::vector<StoredRecord> records = ReadStored();
+        std::erase_if(records, [](const StoredRecord &record) {
+            return !record.problem.empty() || !ActiveConfig().Serves(record.vpn);
+        });
+        return records;
+    } catch (const std::system_error &) {
+        return {}; // the module's own attempt to read them has been logged
+    }
+}
+
+} // namespace
+
+void RecoverStored(const Module &module)
+{
+    ModuleErrors().Clear();
+    (void)module.recover(); // succeeds always
+    const std::vector<StoredRecord> records = ReadableRecords();
+    std::set<std::uint32_t> enabled;
+    for (const StoredRecord &record : records) {
+        SetMeantToRun(record.vpn, record.enable);
+        if (record.enable) {
+            enabled.insert(record.vpn);
+        }
+    }
+    const auto failed = AwaitStarts(enabled, kStartPatience);
+    for (const std::uint32_t vpnId : failed) {
+        Log(LogLevel::kError, "vpn %u: its instance did not come up again", vpnId);
+    }
+    Log(LogLevel::kNotice, "recovered: %zu stored, %zu running", records.size(), enabled.size() - failed.size());
+}
+
+} // namespace kavel::agent

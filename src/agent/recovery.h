@@ -1,0 +1,14 @@
+// What the box does at start with what it has stored.
+#ifndef KAVEL_AGENT_RECOVERY_H
+#define KAVEL_AGENT_RECOVERY_H
+
+#include "module.h"
+
+namespace kavel::agent {
+
+// Puts every stored record into force again, and returns once the instances are up. Failures are logged.
+void RecoverStored(const Module &module);
+
+} // namespace kavel::agent
+
+#endif

@@ -1,0 +1,85 @@
+// SQLite by scope. What fails throws a StoreError with the errno that fits and the library's own message.
+#ifndef KAVEL_AGENT_SQLITE_H
+#define KAVEL_AGENT_SQLITE_H
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+namespace kavel::agent {
+
+// A failure whose text stands by itself, without that of the errno.
+class StoreError : public std::system_error {
+  public:
+    StoreError(int error, std::string text) : system_error(error, std::system_category()), text_(std::move(text)) {}
+
+    [[nodiscard]] const char *what() const noexcept override { return text_.c_str(); }
+
+  private:
+    std::string text_;
+};
+
+class Statement {
+  public:
+    Statement(sqlite3 *database, const std::string &text);
+
+    // One execution with these values; over at the end of the scope.
+    class Run {
+      public:
+        explicit Run(const Statement &statement) : statement_(statement.statement_.get()) {}
+        Run(const Run &) = delete;
+        Run &operator=(const Run &) = delete;
+        ~Run();
+
+        // Parameters count from 1. The text stays the caller's and must outlive the run.
+        void Bind(int parameter, std::int64_t value);
+        void Bind(int parameter, std::string_view text);
+        // False at the end.
+        bool Step();
+        // Columns count from 0. The text is terminated, and valid until the next step.
+        [[nodiscard]] std::int64_t Number(int column) const;
+        [[nodiscard]] std::string_view Text(int column) const;
+
+      private:
+        void Check(int code) const;
+
+        sqlite3_stmt *statement_;
+    };
+
+  private:
+    struct Finalize {
+        void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
+    };
+
+    std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+};
+
+class Database {
+  public:
+    // Opens the file at `path`, which must exist; read-only where it cannot be written. Waits for `patienceMs` where
+    // another program has locked it.
+    Database(const std::string &path, int patienceMs);
+
+    [[nodiscard]] sqlite3 *Get() const { return database_.get(); }
+    [[nodiscard]] bool IsReadOnly() const;
+    void Execute(const std::string &text) const;
+    // The first column of the first row.
+    [[nodiscard]] std::int64_t Number(const std::string &query) const;
+    [[nodiscard]] std::int64_t Changes() const { return sqlite3_changes64(database_.get()); }
+
+  private:
+    struct Close {
+        void operator()(sqlite3 *database) const { sqlite3_close_v2(database); }
+    };
+
+    std::unique_ptr<sqlite3, Close> database_;
+};
+
+} // namespace kavel::agent
+
+#endif

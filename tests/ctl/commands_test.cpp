@@ -1,0 +1,373 @@
+#include "commands.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "errors.h"
+#include "fake_agent.h"
+#include "files.h"
+
+namespace kavel::ctl {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr const char *kBranchOffice = KAVEL_EXAMPLES "/branch-office.json";
+constexpr const char *kChange = KAVEL_EXAMPLES "/branch-office-change.json";
+constexpr const char *kOff = KAVEL_EXAMPLES "/branch-office-off.json";
+
+struct RequestRelease {
+    void operator()(Kavel__Request *request) const { kavel__request__free_unpacked(request, nullptr); }
+};
+using RequestPtr = std::unique_ptr<Kavel__Request, RequestRelease>;
+
+RequestPtr Decode(const Bytes &packed)
+{
+    return RequestPtr(kavel__request__unpack(nullptr, packed.size(), packed.data()));
+}
+
+std::string MessageOf(const Kavel__Request &request)
+{
+    return {reinterpret_cast<const char *>(request.message.data), request.message.len};
+}
+
+Bytes ReplyFor(std::uint32_t vpn, std::int32_t result, std::string reason = {}, std::string text = {})
+{
+    return PackReply(result, [&](Kavel__Reply &reply) {
+        reply.has_vpn = 1;
+        reply.vpn = vpn;
+        reply.reason = reason.empty() ? nullptr : reason.data();
+        reply.text = text.empty() ? nullptr : text.data();
+    });
+}
+
+Bytes CheckReply(std::uint32_t vpn)
+{
+    Kavel__Summary summary{};
+    kavel__summary__init(&summary);
+    summary.enable = 1;
+    summary.hosts = 3;
+    return PackReply(0, [&](Kavel__Reply &reply) {
+        reply.has_vpn = 1;
+        reply.vpn = vpn;
+        reply.summary = &summary;
+    });
+}
+
+class CommandsTest : public testing::Test {
+  protected:
+    void Answer(std::vector<Bytes> replies)
+    {
+        agent_ = std::make_unique<FakeAgent>(std::move(replies));
+        session_.socket = agent_->Socket();
+    }
+
+    int Go(const std::function<int()> &command) { return kavel::ctl::Run(session_, command); }
+    int GoApply(const Messages &messages)
+    {
+        return Go([&] { return Apply(session_, messages); });
+    }
+    int GoCheck(const Messages &messages)
+    {
+        return Go([&] { return Check(session_, messages); });
+    }
+
+    RequestPtr Request(std::size_t index) { return Decode(agent_->Requests().at(index)); }
+
+    std::ostringstream out_;
+    std::ostringstream err_;
+    Session session_{out_, err_, "/nonexistent/agent.sock"};
+    std::unique_ptr<FakeAgent> agent_;
+    TempDir dir_;
+};
+
+TEST_F(CommandsTest, ApplySendsEveryMessageInOrder)
+{
+    Answer({ReplyFor(7, 0), ReplyFor(7, 5)});
+    EXPECT_EQ(GoApply({{kBranchOffice, kChange}}), kDone);
+    EXPECT_EQ(out_.str(), "vpn 7: applied\nvpn 7: applied\n");
+    EXPECT_EQ(err_.str(), "");
+    ASSERT_EQ(agent_->Requests().size(), 2U);
+    const RequestPtr first = Request(0);
+    EXPECT_EQ(first->verb, KAVEL__REQUEST__VERB__APPLY);
+    EXPECT_EQ(first->has_vpn, 0);
+    EXPECT_NE(MessageOf(*first), MessageOf(*Request(1)));
+    EXPECT_THAT(MessageOf(*first), HasSubstr("nas.branch.example"));
+}
+
+TEST_F(CommandsTest, ApplyStopsAtTheFirstRefusal)
+{
+    Answer({ReplyFor(7, 0), ReplyFor(7, -22, "dnsmasq dns host[3].domain is invalid"), ReplyFor(7, 0)});
+    EXPECT_EQ(GoApply({{kBranchOffice, kChange, kOff, kBranchOffice}}), kRefused);
+    EXPECT_EQ(out_.str(), "vpn 7: applied\n"
+                          "vpn 7: refused (-22 Invalid argument): dnsmasq dns host[3].domain is invalid\n");
+    EXPECT_EQ(err_.str(), std::string("vqctl: not sent: ") + kOff + ", " + kBranchOffice + "\n");
+    EXPECT_EQ(agent_->Requests().size(), 2U);
+}
+
+TEST_F(CommandsTest, ApplySaysNothingOfFilesLeftWhenTheLastIsRefused)
+{
+    Answer({ReplyFor(99, -2, "", "vpn 99 is not configured")});
+    EXPECT_EQ(GoApply({{kBranchOffice}}), kRefused);
+    EXPECT_EQ(out_.str(), "vpn 99: refused (-2 No such file or directory): vpn 99 is not configured\n");
+    EXPECT_EQ(err_.str(), "");
+}
+
+TEST_F(CommandsTest, ABadFileKeepsAllFromBeingSent)
+{
+    Answer({ReplyFor(7, 0)});
+    const std::string bad = dir_.Write("bad.json", R"({"enable": true, "operation": 1, "vpnid": -1})");
+    EXPECT_EQ(GoApply({{kBranchOffice, bad}}), kBadInput);
+    EXPECT_EQ(out_.str(), "");
+    EXPECT_EQ(err_.str(), "vqctl: " + bad + ": vpnid: expected a number from 0 to 4294967295, not -1\n");
+    EXPECT_EQ(agent_->Requests().size(), 0U);
+}
+
+TEST_F(CommandsTest, AMissingFileIsNamed)
+{
+    EXPECT_EQ(GoApply({{"/nonexistent.json"}}), kBadInput);
+    EXPECT_EQ(err_.str(), "vqctl: /nonexistent.json: cannot be opened: No such file or directory\n");
+}
+
+TEST_F(CommandsTest, BinarySendsTheBytesAsTheyAre)
+{
+    Answer({PackReply(0)});
+    const std::string bytes("\x00\xFF not a message", 16);
+    EXPECT_EQ(GoApply({{dir_.Write("raw", bytes)}, true}), kDone);
+    EXPECT_EQ(out_.str(), "message: applied\n");
+    EXPECT_EQ(MessageOf(*Request(0)), bytes);
+}
+
+TEST_F(CommandsTest, AMessageThatNoFrameCarriesIsABadFile)
+{
+    const std::string large = dir_.Write("large", std::string(control::kFrameMax, 'x'));
+    EXPECT_EQ(GoApply({{large}, true}), kBadInput);
+    EXPECT_EQ(err_.str(), "vqctl: " + large + ": the request would take 16777223 bytes, over the limit of 16777216\n");
+}
+
+TEST_F(CommandsTest, WhatIsWrongThoughAppliedIsSaidAside)
+{
+    Answer({ReplyFor(7, 0, "", "the instance did not come up")});
+    EXPECT_EQ(GoApply({{kBranchOffice}}), kDone);
+    EXPECT_EQ(out_.str(), "vpn 7: applied\n");
+    EXPECT_EQ(err_.str(), "vqctl: vpn 7: the instance did not come up\n");
+}
+
+TEST_F(CommandsTest, NoAgent)
+{
+    EXPECT_EQ(GoApply({{kBranchOffice}}), kNoAgent);
+    EXPECT_EQ(err_.str(), "vqctl: cannot reach the agent at /nonexistent/agent.sock: No such file or directory\n");
+}
+
+TEST_F(CommandsTest, AnAgentThatGoesAwayLeavesNothingUnsaid)
+{
+    Answer({ReplyFor(7, 0), {}});
+    EXPECT_EQ(GoApply({{kBranchOffice, kChange, kOff}}), kNoAgent);
+    EXPECT_EQ(out_.str(), "vpn 7: applied\n");
+    EXPECT_EQ(err_.str(), std::string("vqctl: ") + kChange +
+                              ": the agent closed the connection without a reply; not sent: " + kOff + "\n");
+}
+
+TEST_F(CommandsTest, VerboseTellsWhatIsSent)
+{
+    Answer({ReplyFor(7, -22)});
+    session_.verbose = true;
+    EXPECT_EQ(GoApply({{kOff}}), kRefused);
+    EXPECT_EQ(err_.str(), std::string("vqctl: sending ") + kOff +
+                              ": CPE message for vpn 7: disabled, reload, 0 hosts, 0 mx, 0 servers, 0 proxy items "
+                              "(8 bytes), request of 12 bytes\n"
+                              "vqctl: received result -22\n");
+}
+
+TEST_F(CommandsTest, CheckGoesThroughAllMessages)
+{
+    Answer({ReplyFor(7, -75, "dnsmasq dns server number is more than 8"), CheckReply(7)});
+    EXPECT_EQ(GoCheck({{kBranchOffice, kChange}}), kRefused);
+    EXPECT_EQ(out_.str(), "vpn 7: would be refused (-75 Value too large for defined data type): "
+                          "dnsmasq dns server number is more than 8\n"
+                          "vpn 7: would apply: enabled, reload, 3 hosts, 0 mx, 0 servers, 0 forwards, not stored\n");
+    EXPECT_EQ(Request(1)->verb, KAVEL__REQUEST__VERB__CHECK);
+}
+
+TEST_F(CommandsTest, CheckOfGoodMessagesSucceeds)
+{
+    Answer({CheckReply(7)});
+    EXPECT_EQ(GoCheck({{kBranchOffice}}), kDone);
+}
+
+TEST_F(CommandsTest, CheckNeedsASummary)
+{
+    Answer({ReplyFor(7, 0)});
+    EXPECT_EQ(GoCheck({{kBranchOffice}}), kNoAgent);
+    EXPECT_EQ(err_.str(), "vqctl: the agent's reply says nothing about the message\n");
+}
+
+Bytes StatusReply(const char *problem)
+{
+    std::string name = "vpn_7";
+    std::string text = problem != nullptr ? problem : "";
+    char *problems = text.data();
+    Kavel__VpnStatus vpn{};
+    kavel__vpn_status__init(&vpn);
+    vpn.vpn = 7;
+    vpn.namespace_ = name.data();
+    vpn.n_problems = problem != nullptr ? 1 : 0;
+    vpn.problems = &problems;
+    Kavel__VpnStatus *vpns = &vpn;
+    return PackReply(0, [&](Kavel__Reply &reply) {
+        reply.n_vpns = 1;
+        reply.vpns = &vpns;
+    });
+}
+
+TEST_F(CommandsTest, StatusOfAll)
+{
+    Answer({StatusReply(nullptr)});
+    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt, false); }), kDone);
+    EXPECT_THAT(out_.str(), HasSubstr("\n  7  vpn_7      stopped  "));
+    EXPECT_EQ(Request(0)->verb, KAVEL__REQUEST__VERB__STATUS);
+    EXPECT_EQ(Request(0)->has_vpn, 0);
+}
+
+TEST_F(CommandsTest, StatusOfAVpnWithProblems)
+{
+    Answer({StatusReply("does not answer on port 53")});
+    EXPECT_EQ(Go([&] { return Status(session_, 7, false); }), kRefused);
+    EXPECT_THAT(out_.str(), HasSubstr("\n\nvpn 7: does not answer on port 53\n"));
+    EXPECT_EQ(Request(0)->has_vpn, 1);
+    EXPECT_EQ(Request(0)->vpn, 7U);
+}
+
+TEST_F(CommandsTest, StatusAsJson)
+{
+    Answer({StatusReply("does not answer on port 53")});
+    EXPECT_EQ(Go([&] { return Status(session_, 7, true); }), kRefused);
+    EXPECT_THAT(out_.str(), testing::StartsWith("["));
+    EXPECT_THAT(out_.str(), HasSubstr(R"("does not answer on port 53")"));
+}
+
+TEST_F(CommandsTest, StatusOfAnUnknownVpn)
+{
+    Answer({PackReply(-2, [text = std::string("vpn 99 is not configured")](Kavel__Reply &reply) mutable {
+        reply.text = text.data();
+    })});
+    EXPECT_EQ(Go([&] { return Status(session_, 99, true); }), kRefused);
+    EXPECT_EQ(out_.str(), "");
+    EXPECT_EQ(err_.str(), "vqctl: vpn 99: refused (-2 No such file or directory): vpn 99 is not configured\n");
+}
+
+TEST_F(CommandsTest, VpnInit)
+{
+    Answer({PackReply(0)});
+    EXPECT_EQ(Go([&] { return VpnInit(session_, 7); }), kDone);
+    EXPECT_EQ(out_.str(), "vpn 7: initialised\n");
+    EXPECT_EQ(Request(0)->verb, KAVEL__REQUEST__VERB__VPN_INIT);
+    EXPECT_EQ(Request(0)->vpn, 7U);
+}
+
+TEST_F(CommandsTest, VpnRelease)
+{
+    Answer({PackReply(0)});
+    EXPECT_EQ(Go([&] { return VpnRelease(session_, 7); }), kDone);
+    EXPECT_EQ(out_.str(), "vpn 7: released\n");
+    EXPECT_EQ(Request(0)->verb, KAVEL__REQUEST__VERB__VPN_RELEASE);
+    EXPECT_EQ(Request(0)->vpn, 7U);
+}
+
+TEST_F(CommandsTest, VpnReleaseRefused)
+{
+    Answer({ReplyFor(7, -16, "", "the instance of vpn 7 is running")});
+    EXPECT_EQ(Go([&] { return VpnRelease(session_, 7); }), kRefused);
+    EXPECT_EQ(out_.str(), "vpn 7: refused (-16 Device or resource busy): the instance of vpn 7 is running\n");
+}
+
+TEST_F(CommandsTest, StoreList)
+{
+    Kavel__StoredRecord record{};
+    kavel__stored_record__init(&record);
+    record.vpn = 7;
+    record.bytes = 180;
+    Kavel__StoredRecord *records = &record;
+    Answer({PackReply(0, [&](Kavel__Reply &reply) {
+        reply.n_stored = 1;
+        reply.stored = &records;
+    })});
+    EXPECT_EQ(Go([&] { return StoreList(session_); }), kDone);
+    EXPECT_EQ(out_.str(), "VPN  ENABLED  HOSTS  MX  SERVERS  FORWARDS  BYTES\n"
+                          "  7  no           0   0        0         0    180\n");
+    EXPECT_EQ(Request(0)->verb, KAVEL__REQUEST__VERB__STORE_LIST);
+    EXPECT_EQ(Request(0)->has_vpn, 0);
+}
+
+TEST_F(CommandsTest, StoreListRefused)
+{
+    Answer({PackReply(-95, [text = std::string("persistence is switched off")](Kavel__Reply &reply) mutable {
+        reply.text = text.data();
+    })});
+    EXPECT_EQ(Go([&] { return StoreList(session_); }), kRefused);
+    EXPECT_EQ(out_.str(), "");
+    EXPECT_EQ(err_.str(), "vqctl: store: refused (-95 Operation not supported): persistence is switched off\n");
+}
+
+TEST_F(CommandsTest, StoreShow)
+{
+    Answer({PackReply(0, [text = std::string(R"({"Enable": true})")](Kavel__Reply &reply) mutable {
+        reply.has_stored_text = 1;
+        reply.stored_text = {text.size(), reinterpret_cast<std::uint8_t *>(text.data())};
+    })});
+    EXPECT_EQ(Go([&] { return StoreShow(session_, 0); }), kDone);
+    EXPECT_EQ(out_.str(), "{\n  \"Enable\": true\n}\n");
+    EXPECT_EQ(Request(0)->verb, KAVEL__REQUEST__VERB__STORE_SHOW);
+    EXPECT_EQ(Request(0)->has_vpn, 1);
+    EXPECT_EQ(Request(0)->vpn, 0U);
+}
+
+TEST_F(CommandsTest, StoreShowOfNothing)
+{
+    Answer({ReplyFor(99, -2, "", "nothing is stored for vpn 99")});
+    EXPECT_EQ(Go([&] { return StoreShow(session_, 99); }), kRefused);
+    EXPECT_EQ(out_.str(), "");
+    EXPECT_EQ(err_.str(), "vqctl: vpn 99: refused (-2 No such file or directory): nothing is stored for vpn 99\n");
+}
+
+TEST_F(CommandsTest, StoreShowNeedsAText)
+{
+    Answer({PackReply(0)});
+    EXPECT_EQ(Go([&] { return StoreShow(session_, 7); }), kNoAgent);
+    EXPECT_EQ(err_.str(), "vqctl: the agent's reply holds no stored text\n");
+}
+
+TEST_F(CommandsTest, EncodeWritesAFile)
+{
+    const std::string target = dir_.File("message.bin");
+    EXPECT_EQ(Go([&] { return Encode(kOff, target); }), kDone);
+    EXPECT_EQ(ReadInput(target), std::string("\x08\x00\x10\x00\x38\x01\x48\x07", 8));
+}
+
+TEST_F(CommandsTest, EncodeLeavesTheTargetAloneWhenTheMessageIsBad)
+{
+    const std::string target = dir_.Write("message.bin", "old");
+    const std::string bad = dir_.Write("bad.json", "{}");
+    EXPECT_EQ(Go([&] { return Encode(bad, target); }), kBadInput);
+    EXPECT_EQ(err_.str(), "vqctl: " + bad + ": enable: is missing\n");
+    EXPECT_EQ(ReadInput(target), "old");
+}
+
+TEST_F(CommandsTest, EncodeNamesTheTargetThatItCannotWrite)
+{
+    EXPECT_EQ(Go([&] { return Encode(kOff, "/dev/full"); }), kBadInput);
+    EXPECT_EQ(err_.str(), "vqctl: /dev/full: cannot be written: No space left on device\n");
+}
+
+TEST_F(CommandsTest, OutputThatCannotBeWrittenIsNoSuccess)
+{
+    out_.setstate(std::ios::badbit);
+    EXPECT_EQ(Go([] { return kDone; }), kBadInput);
+    EXPECT_EQ(err_.str(), "vqctl: standard output: cannot be written\n");
+}
+
+} // namespace
+} // namespace kavel::ctl

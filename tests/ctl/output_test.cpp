@@ -1,0 +1,98 @@
+#include "output.h"
+
+#include <gtest/gtest.h>
+#include <limits>
+#include <string>
+
+namespace kavel::ctl {
+namespace {
+
+std::string Refusal(std::int32_t result, const char *text, const char *reason)
+{
+    std::string own_text = text != nullptr ? text : "";
+    std::string own_reason = reason != nullptr ? reason : "";
+    Kavel__Reply reply{};
+    kavel__reply__init(&reply);
+    reply.result = result;
+    reply.text = text != nullptr ? own_text.data() : nullptr;
+    reply.reason = reason != nullptr ? own_reason.data() : nullptr;
+    return RefusalText(reply);
+}
+
+TEST(RefusalText, GivesTheModulesReason)
+{
+    EXPECT_EQ(Refusal(-22, "Invalid argument", "dnsmasq dns host[3].domain is invalid"),
+              "(-22 Invalid argument): dnsmasq dns host[3].domain is invalid");
+}
+
+TEST(RefusalText, GivesTheAgentsOwnWordsWithoutAReason)
+{
+    EXPECT_EQ(Refusal(-2, "vpn 99 is not configured", nullptr),
+              "(-2 No such file or directory): vpn 99 is not configured");
+}
+
+TEST(RefusalText, SaysNothingTwice)
+{
+    EXPECT_EQ(Refusal(-12, "Cannot allocate memory", nullptr), "(-12 Cannot allocate memory)");
+    EXPECT_EQ(Refusal(-12, nullptr, nullptr), "(-12 Cannot allocate memory)");
+}
+
+TEST(RefusalText, SurvivesTheSmallestResult)
+{
+    EXPECT_EQ(Refusal(std::numeric_limits<std::int32_t>::min(), nullptr, "odd"),
+              "(-2147483648 Unknown error 2147483647): odd");
+}
+
+TEST(RefusalText, KeepsToOneLineAndLeavesTheTerminalAlone)
+{
+    EXPECT_EQ(Refusal(-22, nullptr, "domain(\033[31mx\n) is invalid"),
+              "(-22 Invalid argument): domain(?[31mx?) is invalid");
+}
+
+TEST(Printable, ReplacesControlCharactersAlone)
+{
+    EXPECT_EQ(Printable("caf\u00e9 \t\x7f\u009bm \u00a0."), "caf\u00e9 ???m \u00a0.");
+    EXPECT_EQ(Printable("ends in \xC2"), "ends in \xC2");
+    EXPECT_EQ(Printable(""), "");
+}
+
+TEST(Counted, TellsOneFromMany)
+{
+    EXPECT_EQ(Counted(0, "host"), "0 hosts");
+    EXPECT_EQ(Counted(1, "host"), "1 host");
+    EXPECT_EQ(Counted(2, "host"), "2 hosts");
+}
+
+TEST(OperationText, NamesTheKnownOnes)
+{
+    EXPECT_EQ(OperationText(0), "reload");
+    EXPECT_EQ(OperationText(1), "reboot");
+    EXPECT_EQ(OperationText(2), "operation 2 (unknown)");
+}
+
+TEST(SubjectText, NamesTheVpnWhenItIsKnown)
+{
+    EXPECT_EQ(SubjectText(7), "vpn 7");
+    EXPECT_EQ(SubjectText(0), "vpn 0");
+    EXPECT_EQ(SubjectText(std::nullopt), "message");
+}
+
+TEST(SummaryText, SaysWhatAMessageSets)
+{
+    Kavel__Summary summary{};
+    kavel__summary__init(&summary);
+    summary.enable = 1;
+    summary.hosts = 2;
+    summary.mx_hosts = 1;
+    summary.servers = 2;
+    summary.proxies = 3;
+    EXPECT_EQ(SummaryText(summary), "enabled, reload, 2 hosts, 1 mx, 2 servers, 3 forwards, not stored");
+    summary.enable = 0;
+    summary.operation = 1;
+    summary.persistent = 1;
+    summary.hosts = summary.servers = summary.proxies = 1;
+    EXPECT_EQ(SummaryText(summary), "disabled, reboot, 1 host, 1 mx, 1 server, 1 forward, stored");
+}
+
+} // namespace
+} // namespace kavel::ctl

@@ -1,0 +1,207 @@
+// The program itself, run as a user runs it.
+#include <array>
+#include <cstdlib>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <spawn.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "errors.h"
+#include "fake_agent.h"
+#include "files.h"
+#include "unique_fd.h"
+
+namespace kavel::ctl {
+namespace {
+
+using testing::HasSubstr;
+
+struct Outcome {
+    int code;
+    std::string out;
+    std::string err;
+};
+
+class ProgramTest : public testing::Test {
+  protected:
+    // Runs vqctl with `input` as standard input, and `output` (by default a file) as standard output.
+    Outcome Vqctl(std::vector<std::string> arguments, const std::string &input = {}, int output = -1)
+    {
+        arguments.insert(arguments.begin(), KAVEL_VQCTL);
+        std::vector<char *> argv;
+        argv.reserve(arguments.size() + 1);
+        for (std::string &argument : arguments) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+
+        const std::string in = dir_.Write("in", input);
+        const std::string out = dir_.Write("out", "");
+        const std::string err = dir_.Write("err", "");
+        posix_spawn_file_actions_t actions{};
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, in.c_str(), O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY, 0);
+        if (output < 0) {
+            posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY, 0);
+        } else {
+            posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+        }
+        pid_t pid = -1;
+        EXPECT_EQ(::posix_spawn(&pid, KAVEL_VQCTL, &actions, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        int status = 0;
+        EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status));
+        return {WEXITSTATUS(status), ReadInput(out), ReadInput(err)};
+    }
+
+    TempDir dir_;
+};
+
+TEST_F(ProgramTest, Version)
+{
+    const Outcome outcome = Vqctl({"--version"});
+    EXPECT_EQ(outcome.code, kDone);
+    EXPECT_EQ(outcome.out, "vqctl " KAVEL_VERSION "\n");
+}
+
+TEST_F(ProgramTest, HelpTellsTheExitCodes)
+{
+    for (const char *command : {"", "apply", "check", "encode", "status", "vpn", "store"}) {
+        std::vector<std::string> arguments{"--help"};
+        if (*command != '\0') {
+            arguments.insert(arguments.begin(), command);
+        }
+        const Outcome outcome = Vqctl(arguments);
+        EXPECT_EQ(outcome.code, kDone) << command;
+        EXPECT_THAT(outcome.out, HasSubstr("3  the agent cannot be reached")) << command;
+        EXPECT_EQ(outcome.err, "") << command;
+    }
+}
+
+TEST_F(ProgramTest, WrongUsageIsOneLine)
+{
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{}, "A subcommand is required"},
+        {{"bogus"}, "\"bogus\" is not understood"},
+        {{"apply"}, "FILE is required"},
+        {{"apply", "--bogus"}, "\"--bogus\" is not understood"},
+        {{"encode", "a", "b"}, "\"b\" is not understood"},
+        {{"status", "--vpn", "x"}, "\"x\" is not a VPN number"},
+        {{"vpn"}, "A subcommand is required"},
+        {{"vpn", "init"}, "ID is required"},
+        {{"vpn", "init", "0x7"}, "\"0x7\" is not a VPN number"},
+        {{"vpn", "release", "4294967296"}, "\"4294967296\" is not a VPN number"},
+        {{"store"}, "A subcommand is required"},
+        {{"store", "list", "7"}, "\"7\" is not understood"},
+        {{"store", "show"}, "ID is required"},
+        {{"vpn", "release", "-1"}, "\"-1\" is not a VPN number"},
+    };
+    for (const auto &[arguments, text] : cases) {
+        const Outcome outcome = Vqctl(arguments);
+        EXPECT_EQ(outcome.code, kBadInput) << text;
+        EXPECT_EQ(outcome.err, "vqctl: " + text + " (vqctl --help tells more)\n");
+        EXPECT_EQ(outcome.out, "") << text;
+    }
+}
+
+TEST_F(ProgramTest, NoAgent)
+{
+    const Outcome outcome = Vqctl({"-s", "/nonexistent/agent.sock", "status"});
+    EXPECT_EQ(outcome.code, kNoAgent);
+    EXPECT_EQ(outcome.err, "vqctl: cannot reach the agent at /nonexistent/agent.sock: No such file or directory\n");
+}
+
+TEST_F(ProgramTest, GlobalOptionsMayFollowTheCommand)
+{
+    FakeAgent agent({PackReply(0)});
+    const Outcome outcome = Vqctl({"vpn", "init", "010", "-v", "--socket", agent.Socket()});
+    EXPECT_EQ(outcome.code, kDone);
+    EXPECT_EQ(outcome.out, "vpn 10: initialised\n");
+    EXPECT_THAT(outcome.err, HasSubstr("vqctl: sending vpn 10 to be initialised"));
+}
+
+TEST_F(ProgramTest, AppliesStandardInput)
+{
+    FakeAgent agent({PackReply(0)});
+    const Outcome outcome =
+        Vqctl({"--socket", agent.Socket(), "apply", "-"}, ReadInput(KAVEL_EXAMPLES "/branch-office.json"));
+    EXPECT_EQ(outcome.code, kDone);
+    EXPECT_EQ(outcome.out, "message: applied\n");
+    ASSERT_EQ(agent.Requests().size(), 1U);
+}
+
+TEST_F(ProgramTest, RefusesBadStandardInput)
+{
+    const Outcome outcome = Vqctl({"check", "-"}, "{\n  oops\n}");
+    EXPECT_EQ(outcome.code, kBadInput);
+    EXPECT_EQ(outcome.err, "vqctl: standard input: line 2, column 3: quoted object property name expected\n");
+}
+
+TEST_F(ProgramTest, EveryCommandReachesTheAgent)
+{
+    const std::string file = KAVEL_EXAMPLES "/pop.json";
+    const std::vector<std::pair<std::vector<std::string>, Kavel__Request__Verb>> cases = {
+        {{"apply", file}, KAVEL__REQUEST__VERB__APPLY},
+        {{"apply", "--binary", file}, KAVEL__REQUEST__VERB__APPLY},
+        {{"check", file}, KAVEL__REQUEST__VERB__CHECK},
+        {{"status"}, KAVEL__REQUEST__VERB__STATUS},
+        {{"status", "--json", "--vpn", "7"}, KAVEL__REQUEST__VERB__STATUS},
+        {{"vpn", "init", "7"}, KAVEL__REQUEST__VERB__VPN_INIT},
+        {{"vpn", "release", "7"}, KAVEL__REQUEST__VERB__VPN_RELEASE},
+        {{"store", "list"}, KAVEL__REQUEST__VERB__STORE_LIST},
+        {{"store", "show", "0"}, KAVEL__REQUEST__VERB__STORE_SHOW},
+    };
+    for (auto [arguments, verb] : cases) {
+        FakeAgent agent({PackReply(-22)});
+        arguments.insert(arguments.end(), {"-s", agent.Socket()});
+        EXPECT_EQ(Vqctl(arguments).code, kRefused) << arguments.front();
+        ASSERT_EQ(agent.Requests().size(), 1U) << arguments.front();
+        const Bytes &packed = agent.Requests().front();
+        Kavel__Request *request = kavel__request__unpack(nullptr, packed.size(), packed.data());
+        ASSERT_NE(request, nullptr);
+        EXPECT_EQ(request->verb, verb);
+        kavel__request__free_unpacked(request, nullptr);
+    }
+}
+
+TEST_F(ProgramTest, EncodeWritesBytes)
+{
+    const Outcome outcome = Vqctl({"encode", KAVEL_EXAMPLES "/branch-office-off.json"});
+    EXPECT_EQ(outcome.code, kDone);
+    EXPECT_EQ(outcome.out, std::string("\x08\x00\x10\x00\x38\x01\x48\x07", 8));
+
+    const std::string target = dir_.File("message.bin");
+    EXPECT_EQ(Vqctl({"encode", KAVEL_EXAMPLES "/branch-office-off.json", "-o", target}).code, kDone);
+    EXPECT_EQ(ReadInput(target), outcome.out);
+}
+
+TEST_F(ProgramTest, EncodeSparesTheTerminal)
+{
+    int leader = -1;
+    int terminal = -1;
+    ASSERT_EQ(::openpty(&leader, &terminal, nullptr, nullptr, nullptr), 0);
+    const UniqueFd own_leader(leader);
+    const UniqueFd own_terminal(terminal);
+    const Outcome outcome = Vqctl({"encode", KAVEL_EXAMPLES "/pop.json"}, {}, terminal);
+    EXPECT_EQ(outcome.code, kBadInput);
+    EXPECT_EQ(outcome.err, "vqctl: standard output: is a terminal: name a file with -o, or redirect the output\n");
+}
+
+TEST_F(ProgramTest, AFullDiskIsNoSuccess)
+{
+    const UniqueFd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    FakeAgent agent({PackReply(0)});
+    const Outcome outcome = Vqctl({"status", "-s", agent.Socket()}, {}, full.Get());
+    EXPECT_EQ(outcome.code, kBadInput);
+    EXPECT_EQ(outcome.err, "vqctl: standard output: cannot be written\n");
+}
+
+} // namespace
+} // namespace kavel::ctl

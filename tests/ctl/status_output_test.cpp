@@ -1,0 +1,243 @@
+#include "status_output.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <optional>
+#include <pty.h>
+#include <string>
+#include <vector>
+
+#include "json_reader.h"
+#include "unique_fd.h"
+
+namespace kavel::ctl {
+namespace {
+
+// A status with its strings.
+struct SampleVpn {
+    explicit SampleVpn(std::uint32_t id, std::string own_namespace) : name(std::move(own_namespace))
+    {
+        kavel__vpn_status__init(&status);
+        status.vpn = id;
+        status.namespace_ = name.data();
+    }
+
+    void AddProblem(const std::string &problem)
+    {
+        texts.push_back(std::make_unique<std::string>(problem));
+        pointers.push_back(texts.back()->data());
+        status.problems = pointers.data();
+        status.n_problems = pointers.size();
+    }
+
+    Kavel__VpnStatus status{};
+    std::string name;
+    std::vector<std::unique_ptr<std::string>> texts;
+    std::vector<char *> pointers;
+};
+
+void MakeRunning(SampleVpn &vpn, std::int32_t pid)
+{
+    Kavel__VpnStatus &status = vpn.status;
+    status.meant = status.pid_file = status.alive = status.is_dnsmasq = status.in_namespace = status.answers = 1;
+    status.pid = pid;
+    status.uptime_seconds = 192;
+    status.memory_bytes = 1'900'000;
+    status.hosts = 3;
+    status.mx_hosts = 1;
+    status.servers = 2;
+    status.forwards = 1;
+    status.routes = 3;
+    status.has_stored = status.stored = status.has_stored_enable = status.stored_enable = 1;
+    status.has_rule = status.rule = 1;
+}
+
+class StatusTest : public testing::Test {
+  protected:
+    StatusTest()
+    {
+        MakeRunning(running_, 4242);
+        MakeRunning(failed_, 99);
+        failed_.status.answers = 0;
+        failed_.status.stored = failed_.status.has_stored_enable = failed_.status.rule = 0;
+        failed_.AddProblem("does not answer on port 53");
+        failed_.AddProblem("runs in another\nnetwork namespace");
+    }
+
+    SampleVpn stopped_{0, "-"};
+    SampleVpn running_{7, "vpn_7"};
+    SampleVpn failed_{4294967295, "vpn_4294967295"};
+    std::vector<const Kavel__VpnStatus *> all_{&stopped_.status, &running_.status, &failed_.status};
+};
+
+TEST_F(StatusTest, TableHasAlignedColumnsAndProblemsBelow)
+{
+    EXPECT_EQ(
+        StatusTable(all_, false),
+        R"(       VPN  NAMESPACE       STATE     PID  UPTIME  MEMORY  HOSTS  MX  SERVERS  FORWARDS  ROUTES  STORED  RULE  ANSWERS
+         0  -               stopped     -       -       -      0   0        0         0       0  -       -     -
+         7  vpn_7           running  4242   3m12s    1.8M      3   1        2         1       3  yes     yes   yes
+4294967295  vpn_4294967295  failed     99   3m12s    1.8M      3   1        2         1       3  no      no    no
+
+vpn 4294967295: does not answer on port 53
+vpn 4294967295: runs in another?network namespace
+)");
+}
+
+TEST_F(StatusTest, ColourMarksTheStateWordsAlone)
+{
+    const std::string plain = StatusTable(all_, false);
+    std::string coloured = StatusTable(all_, true);
+    EXPECT_EQ(plain.find('\033'), std::string::npos);
+    EXPECT_NE(coloured.find("  \033[33mstopped\033[0m  "), std::string::npos);
+    EXPECT_NE(coloured.find("  \033[32mrunning\033[0m  "), std::string::npos);
+    EXPECT_NE(coloured.find("  \033[31mfailed\033[0m   "), std::string::npos);
+    for (const std::string code : {"\033[31m", "\033[32m", "\033[33m", "\033[0m", "\033[0m", "\033[0m"}) {
+        coloured.erase(coloured.find(code), code.size());
+    }
+    EXPECT_EQ(coloured, plain);
+}
+
+TEST_F(StatusTest, TableWithoutProblemsEndsWithItsLastRow)
+{
+    EXPECT_EQ(
+        StatusTable(std::span(all_).first(1), false),
+        "VPN  NAMESPACE  STATE    PID  UPTIME  MEMORY  HOSTS  MX  SERVERS  FORWARDS  ROUTES  STORED  RULE  ANSWERS\n"
+        "  0  -          stopped    -       -       -      0   0        0         0       0  -       -     -\n");
+}
+
+TEST_F(StatusTest, OnAPopTheRuleNeedsTheDnatRule)
+{
+    running_.status.has_dnat = 1;
+    const std::span<const Kavel__VpnStatus *const> one = std::span(all_).subspan(1, 1);
+    EXPECT_NE(StatusTable(one, false).find("  yes     no    yes\n"), std::string::npos);
+    running_.status.dnat = 1;
+    EXPECT_NE(StatusTable(one, false).find("  yes     yes   yes\n"), std::string::npos);
+    running_.status.rule = 0;
+    EXPECT_NE(StatusTable(one, false).find("  yes     no    yes\n"), std::string::npos);
+}
+
+TEST_F(StatusTest, DeadProcessKeepsItsPid)
+{
+    running_.status.alive = 0;
+    const std::string table = StatusTable(std::span(all_).subspan(1, 1), false);
+    EXPECT_NE(table.find("vpn_7      stopped  4242       -       -"), std::string::npos) << table;
+}
+
+TEST_F(StatusTest, AnyProblemCountsEveryVpn)
+{
+    EXPECT_TRUE(AnyProblem(all_));
+    EXPECT_FALSE(AnyProblem(std::span(all_).first(2)));
+    EXPECT_FALSE(AnyProblem({}));
+}
+
+TEST_F(StatusTest, JsonHoldsEveryFieldOfTheProtocol)
+{
+    const JsonPtr json = ParseJson(StatusJson(all_));
+    ASSERT_EQ(json_object_array_length(json.get()), 3U);
+    json_object *const vpn = json_object_array_get_idx(json.get(), 2);
+    const ProtobufCMessageDescriptor &protocol = kavel__vpn_status__descriptor;
+    EXPECT_EQ(static_cast<unsigned>(json_object_object_length(vpn)), protocol.n_fields);
+    for (const ProtobufCFieldDescriptor &field : std::span(protocol.fields, protocol.n_fields)) {
+        EXPECT_TRUE(HasKey(vpn, field.name)) << field.name;
+    }
+}
+
+std::string JsonOf(const Kavel__VpnStatus &status)
+{
+    const Kavel__VpnStatus *one = &status;
+    const JsonPtr json = ParseJson(StatusJson({&one, 1}));
+    return json_object_to_json_string_ext(json_object_array_get_idx(json.get(), 0), JSON_C_TO_STRING_PLAIN);
+}
+
+TEST_F(StatusTest, JsonValues)
+{
+    failed_.status.in_namespace = 0;
+    failed_.status.memory_bytes = 18446744073709551615U;
+    EXPECT_EQ(JsonOf(failed_.status),
+              R"({"vpn":4294967295,"namespace":"vpn_4294967295","meant":true,"pid_file":true,"pid":99,"alive":true,)"
+              R"("is_dnsmasq":true,"in_namespace":false,"answers":false,"uptime_seconds":192,)"
+              R"("memory_bytes":18446744073709551615,"hosts":3,"mx_hosts":1,"servers":2,"forwards":1,"routes":3,)"
+              R"("problems":["does not answer on port 53","runs in another\nnetwork namespace"],)"
+              R"("stored":false,"stored_enable":null,"rule":false,"dnat":null})");
+    EXPECT_EQ(JsonOf(stopped_.status),
+              R"({"vpn":0,"namespace":"-","meant":false,"pid_file":false,"pid":0,"alive":false,"is_dnsmasq":false,)"
+              R"("in_namespace":false,"answers":false,"uptime_seconds":0,"memory_bytes":0,"hosts":0,"mx_hosts":0,)"
+              R"("servers":0,"forwards":0,"routes":0,"problems":[],)"
+              R"("stored":null,"stored_enable":null,"rule":null,"dnat":null})");
+    running_.status.has_dnat = running_.status.dnat = 1;
+    EXPECT_NE(JsonOf(running_.status).find(R"("stored":true,"stored_enable":true,"rule":true,"dnat":true})"),
+              std::string::npos);
+}
+
+TEST(StatusJson, OfNothingIsAnEmptyArray)
+{
+    EXPECT_EQ(json_object_array_length(ParseJson(StatusJson({})).get()), 0U);
+}
+
+TEST(UptimeText, ShowsTwoUnits)
+{
+    EXPECT_EQ(UptimeText(0), "0s");
+    EXPECT_EQ(UptimeText(59), "59s");
+    EXPECT_EQ(UptimeText(60), "1m00s");
+    EXPECT_EQ(UptimeText(192), "3m12s");
+    EXPECT_EQ(UptimeText(3599), "59m59s");
+    EXPECT_EQ(UptimeText(3600), "1h00m");
+    EXPECT_EQ(UptimeText(86399), "23h59m");
+    EXPECT_EQ(UptimeText(86400), "1d00h");
+    EXPECT_EQ(UptimeText(34'570'800), "400d03h");
+}
+
+TEST(MemoryText, ShowsOneDecimalInTheLargestUnit)
+{
+    EXPECT_EQ(MemoryText(0), "0B");
+    EXPECT_EQ(MemoryText(1023), "1023B");
+    EXPECT_EQ(MemoryText(1024), "1.0K");
+    EXPECT_EQ(MemoryText(1'048'575), "1023.9K");
+    EXPECT_EQ(MemoryText(1'048'576), "1.0M");
+    EXPECT_EQ(MemoryText(1'900'000), "1.8M");
+    EXPECT_EQ(MemoryText(18446744073709551615U), "15.9E");
+}
+
+class ColourTest : public testing::Test {
+  public:
+    ColourTest()
+    {
+        int leader = -1;
+        int terminal = -1;
+        EXPECT_EQ(::openpty(&leader, &terminal, nullptr, nullptr, nullptr), 0);
+        leader_ = UniqueFd(leader);
+        terminal_ = UniqueFd(terminal);
+        if (const char *value = std::getenv("NO_COLOR")) {
+            before_ = value;
+        }
+        ::unsetenv("NO_COLOR");
+    }
+    ~ColourTest() override { before_ ? ::setenv("NO_COLOR", before_->c_str(), 1) : ::unsetenv("NO_COLOR"); }
+
+  protected:
+    UniqueFd leader_;
+    UniqueFd terminal_;
+    std::optional<std::string> before_;
+};
+
+TEST_F(ColourTest, OnATerminal)
+{
+    EXPECT_TRUE(WantsColour(terminal_.Get()));
+}
+
+TEST_F(ColourTest, NotWhenTheUserAsksForPlainText)
+{
+    ::setenv("NO_COLOR", "1", 1);
+    EXPECT_FALSE(WantsColour(terminal_.Get()));
+    ::setenv("NO_COLOR", "", 1);
+    EXPECT_TRUE(WantsColour(terminal_.Get()));
+}
+
+TEST_F(ColourTest, NotElsewhere)
+{
+    EXPECT_FALSE(WantsColour(-1));
+}
+
+} // namespace
+} // namespace kavel::ctl
