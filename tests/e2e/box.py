@@ -182,3 +182,4 @@ class Box:
         shutil.rmtree("/run/kavel", ignore_errors=True)
         for vpn in (7, 8):
             run("ip", "-n", f"vpn_{vpn}", "route", "flush", "table", "199", check=False)
+            run("ip", "netns", "exec", f"vpn_{vpn}", "nft", "flush", "ruleset")

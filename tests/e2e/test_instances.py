@@ -2,9 +2,10 @@
 
 import json
 import os
+import signal
 import subprocess
 
-from box import (DNSMASQ, alive, ask, end, expect, instance_pid, instances, message, pid_file, wait_until)
+from box import (BUILD, DNSMASQ, alive, ask, end, expect, instance_pid, instances, message, pid_file, wait_until)
 
 
 def started(box, vpn=7):
@@ -96,6 +97,24 @@ def test_the_agent_stops_and_the_instance_answers_on(running):
     assert instance_pid() == pid
 
 
+def test_a_term_signal_waits_for_the_message_at_hand(running):
+    """An instance that does not end by itself keeps a restart busy for 2 s: long enough to be interrupted."""
+    old = started(running)
+    os.kill(old, signal.SIGSTOP)
+    asking = subprocess.Popen([str(BUILD / "vqctl"), "apply", "-"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                              text=True)
+    asking.stdin.write(json.dumps(message(dnshosts=[{"domain": "nas.vpn7.example", "ip": "192.168.7.13"}])))
+    asking.stdin.close()
+    wait_until(lambda: "Pid is" in running.log(), "the message is being handled")
+
+    assert running.stop() == 0
+
+    assert asking.wait() == 0
+    assert asking.stdout.read() == "vpn 7: applied\n"
+    assert not alive(old)
+    expect("192.168.7.13", "nas.vpn7.example")
+
+
 def test_the_agent_is_killed_and_the_next_one_takes_over(running):
     pid = started(running)
     running.agent.kill()
@@ -155,13 +174,13 @@ def test_what_is_meant_outlives_the_agent(running):
 def test_status_of_a_stopped_process(running):
     """A process that hangs is alive and does not answer."""
     pid = started(running)
-    os.kill(pid, 19)
+    os.kill(pid, signal.SIGSTOP)
     try:
         row = running.status()
         assert row["alive"] and not row["answers"]
         assert any("port 53" in problem for problem in row["problems"])
     finally:
-        os.kill(pid, 18)
+        os.kill(pid, signal.SIGCONT)
     wait_until(lambda: running.status()["answers"], "it answers again")
 
 

@@ -1,0 +1,104 @@
+"""A POP: one instance for the box, asked by customer boxes behind CPE-to-POP connections."""
+
+import json
+
+import pytest
+
+from box import alive, instance_pid, instances, run, wait_until
+
+LOCAL_IP = "10.88.0.1"
+NOWHERE = "192.0.2.53"
+
+
+def ask_from_branch(name, server=NOWHERE, options=()):
+    answer = run("ip", "netns", "exec", "branch", "dig", "+short", "+time=1", "+tries=1", *options, f"@{server}", name,
+                 check=False)
+    return [line for line in answer.stdout.splitlines() if not line.startswith(";")]
+
+
+def tables():
+    listed = json.loads(run("nft", "-j", "list", "tables").stdout)
+    return sorted(entry["table"]["name"] for entry in listed["nftables"] if "table" in entry)
+
+
+def pop_message(**changes):
+    return {"enable": True, "dns": ["10.9.0.53"], "localip": LOCAL_IP, **changes}
+
+
+@pytest.fixture(scope="session", autouse=True)
+def pop_lab(lab):
+    from box import ROOT
+    run(ROOT / "scripts/lab", "pop")
+
+
+@pytest.fixture
+def pop(box):
+    run("rm", "-rf", "/run/kavel-store")
+    box.configure(platform="pop", persistence=True, store="/run/kavel-store/agent.db", c2p=["c2p*"])
+    yield box.start()
+    for table in tables():
+        run("nft", "delete", "table", "ip", table)
+
+
+def test_a_branch_is_answered_through_the_dnat(pop):
+    assert ask_from_branch("www.example.net") == []
+
+    pop.apply(pop_message())
+
+    wait_until(lambda: ask_from_branch("www.example.net") == ["198.51.100.10"], "an answer through the DNAT")
+    assert len(tables()) == 2, "the DNS-table rule and the DNAT rule"
+    assert open("/etc/kavel/dnsmasq/resolv.conf").read() == "nameserver 10.9.0.53\n"
+
+
+def test_only_the_resolver_file_is_written(pop):
+    before = {name: open(f"/etc/kavel/dnsmasq/{name}").read() for name in ("hosts", "dnsmasq.conf")}
+    pop.apply(pop_message())
+    assert {name: open(f"/etc/kavel/dnsmasq/{name}").read() for name in before} == before
+
+
+def test_every_message_restarts(pop):
+    pop.apply(pop_message())
+    before = instance_pid(0)
+    pop.apply(pop_message(dns=["10.9.0.53", "10.9.0.54"]))
+    assert not alive(before)
+    assert instances() == [instance_pid(0)]
+    assert len(tables()) == 2
+
+
+def test_more_servers_than_the_record_holds(pop):
+    pop.apply(pop_message(dns=[f"10.9.0.{number}" for number in range(50, 70)]))
+    assert len(open("/etc/kavel/dnsmasq/resolv.conf").readlines()) == 8
+    assert "is more than 8" in pop.log()
+    said = pop.refused(pop_message(dns=["10.9.0.53"] * 256))
+    assert said.endswith("pop dnsmasq dns is overflow")
+
+
+def test_switched_off(pop):
+    pop.apply(pop_message())
+    pid = instance_pid(0)
+
+    pop.apply(pop_message(enable=False))
+
+    assert not alive(pid)
+    assert tables() == []
+    assert ask_from_branch("www.example.net") == []
+
+
+def test_recovered_after_a_kill(pop):
+    pop.apply(pop_message(persistentflag=True))
+    pop.agent.kill()
+    pop.agent.wait()
+    from box import end
+    for pid in instances():
+        end(pid)
+
+    pop.start()
+
+    wait_until(lambda: ask_from_branch("www.example.net") == ["198.51.100.10"], "an answer again")
+    assert len(tables()) == 2
+
+
+def test_a_cpe_message_is_refused_on_a_pop(pop):
+    done = pop.vqctl("check", "-", input=json.dumps({"enable": True, "operation": "reload", "vpnid": 7,
+                                                     "dnshosts": [{"domain": "a.example", "ip": "10.0.0.1"}]}))
+    assert done.returncode == 1

@@ -1,0 +1,216 @@
+"""What was stored comes back, whatever ended the agent."""
+
+import json
+import os
+import random
+import sqlite3
+import subprocess
+import time
+
+import pytest
+
+from box import (BUILD, DNSMASQ, ask, end, expect, instance_pid, instances, message, pid_file, routes, run, vpn_config,
+                 wait_until)
+
+STORE = "/run/kavel-store/agent.db"
+
+
+@pytest.fixture
+def keeping(box):
+    """A box that keeps its configuration, its agent ready."""
+    run("rm", "-rf", os.path.dirname(STORE))
+    box.configure(vpn_config(7), vpn_config(8), persistence=True, store=STORE)
+    return box.start()
+
+
+def kept(vpn=7, **changes):
+    return message(vpn, persistentflag=True, **changes)
+
+
+def rows():
+    with sqlite3.connect(f"file:{STORE}?mode=ro", uri=True) as store:
+        return dict(store.execute("SELECT vpn_id, conf FROM cpe_dnsmasq"))
+
+
+def kill(box):
+    """Agent and instances, as a power cut would, but for the disk."""
+    box.agent.kill()
+    box.agent.wait()
+    for pid in instances():
+        end(pid)
+    run("ip", "-n", "vpn_7", "route", "flush", "table", "199", check=False)
+
+
+def test_killed_and_started_everything_answers_again(keeping):
+    keeping.apply(kept(7), kept(8))
+    expect("192.168.7.10", "nas.vpn7.example")
+    kill(keeping)
+    assert ask("nas.vpn7.example") == []
+
+    keeping.start()
+
+    expect("192.168.7.10", "nas.vpn7.example")
+    expect("192.168.8.10", "nas.vpn8.example", vpn=8)
+    expect("192.168.7.10", "nas.vpn7.example", server="192.0.2.53")
+    assert routes() == ["10.7.0.53"]
+    assert keeping.status()["problems"] == []
+
+
+def test_the_agent_alone_is_killed(keeping):
+    """Instances that live are restarted, not doubled."""
+    keeping.apply(kept())
+    expect("192.168.7.10", "nas.vpn7.example")
+    keeping.agent.kill()
+    keeping.agent.wait()
+
+    keeping.start()
+
+    expect("192.168.7.10", "nas.vpn7.example")
+    assert instances(7) == [instance_pid()]
+
+
+def test_a_message_without_the_flag_erases_the_row(keeping):
+    keeping.apply(kept())
+    assert json.loads(rows()[7])["DnsHost"] == [{"Ip": "192.168.7.10", "Domain": "nas.vpn7.example"}]
+
+    keeping.apply(message())
+
+    assert rows() == {}
+    kill(keeping)
+    keeping.start()
+    assert instances() == []
+
+
+def test_a_refused_message_leaves_the_row(keeping):
+    keeping.apply(kept())
+    before = rows()
+
+    keeping.refused(kept(operation=7))
+    keeping.refused(kept(dnshosts=[{"domain": "bad_name.example", "ip": "10.0.0.1"}]))
+
+    assert rows() == before
+
+
+def test_a_disabled_record_is_stored_and_torn_down_again(keeping):
+    keeping.apply(kept())
+    off = kept(enable=False, dnshosts=None, dnsservers=None)
+    keeping.apply(off)
+    assert json.loads(rows()[7])["Enable"] is False
+    shown = json.loads(keeping.vqctl("store", "show", "7").stdout)
+    assert shown["Enable"] is False
+
+    kill(keeping)
+    keeping.start()
+
+    assert instances() == []
+    assert routes() == []
+    assert (DNSMASQ / "vpn_7/hosts").read_text() == ""
+
+
+def test_persistence_switched_off(box):
+    run("rm", "-rf", os.path.dirname(STORE))
+    box.configure(vpn_config(7), persistence=False, store=STORE)
+    box.start().apply(kept())
+
+    assert not os.path.exists(STORE)
+    kill(box)
+    box.start()
+    assert instances() == []
+
+
+def test_a_row_that_cannot_be_read_among_good_ones(keeping):
+    keeping.apply(kept(7), kept(8))
+    kill(keeping)
+    with sqlite3.connect(STORE) as store:
+        store.execute("UPDATE cpe_dnsmasq SET conf = '{\"Enable\": tru' WHERE vpn_id = 7")
+
+    keeping.start()
+
+    expect("192.168.8.10", "nas.vpn8.example", vpn=8)
+    assert instances(7) == []
+    assert "vpn 7" in "".join(line for line in keeping.log().splitlines() if line.startswith("ERROR"))
+    assert rows()[7] == '{"Enable": tru', "it is kept for whoever repairs it"
+
+
+def test_a_store_that_is_no_database(box):
+    run("rm", "-rf", os.path.dirname(STORE))
+    os.makedirs(os.path.dirname(STORE), exist_ok=True)
+    with open(STORE, "wb") as garbage:
+        garbage.write(b"no database at all" * 100)
+    box.configure(vpn_config(7), persistence=True, store=STORE)
+    box.start()
+
+    said = box.refused(kept())
+
+    assert said.startswith("vpn 7: refused (-5 Input/output error)"), said
+    expect("192.168.7.10", "nas.vpn7.example")
+    assert open(STORE, "rb").read().startswith(b"no database at all"), "nothing is overwritten"
+    os.unlink(STORE)
+
+
+def test_a_store_that_is_locked(keeping):
+    keeping.apply(kept())
+    before = rows()
+    with sqlite3.connect(STORE) as other:
+        other.execute("BEGIN EXCLUSIVE")
+        said = keeping.refused(kept(dnshosts=None))
+        other.rollback()
+
+    assert said.startswith("vpn 7: refused (-16 Device or resource busy)"), said
+    assert rows() == before
+    keeping.apply(kept(dnshosts=None))
+
+
+def test_store_list(keeping):
+    keeping.apply(kept(7), kept(8))
+    listed = keeping.vqctl("store", "list").stdout.splitlines()
+    assert [line.split()[0] for line in listed[1:]] == ["7", "8"]
+    missing = keeping.vqctl("store", "show", "99")
+    assert missing.returncode == 1
+
+
+def apply_until(box, stop_at, addresses, dice):
+    """Applies one message after the other until the time comes, the last one being cut off. Returns the address that was
+    confirmed last, if any, and the one that was on its way."""
+    confirmed = None
+    while True:
+        address = next(addresses)
+        words = kept(dnshosts=[{"domain": "nas.vpn7.example", "ip": address}],
+                     operation=dice.choice(["reload", "reboot"]))
+        asking = subprocess.Popen([str(BUILD / "vqctl"), "apply", "-"], stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        asking.stdin.write(json.dumps(words))
+        asking.stdin.close()
+        try:
+            asking.wait(timeout=max(0.0, stop_at - time.monotonic()))
+        except subprocess.TimeoutExpired:
+            box.agent.kill()
+            box.agent.wait()
+            return (address, None) if asking.wait() == 0 else (confirmed, address)
+        if asking.returncode == 0:
+            confirmed = address
+
+
+def test_killed_at_random_moments(keeping):
+    """A hundred agents die in the middle of applies. Each start brings back exactly what was last confirmed, or what was
+    stored and not yet confirmed: no half of a file, no second instance, no lost row."""
+    seed = random.randrange(1 << 32)
+    print("seed", seed)
+    dice = random.Random(seed)
+    addresses = (f"192.168.{third}.{fourth}" for third in range(256) for fourth in range(1, 255))
+    brought_back = None
+    for _ in range(100):
+        confirmed, on_its_way = apply_until(keeping, time.monotonic() + dice.uniform(0.0, 0.1), addresses, dice)
+
+        keeping.start()
+
+        row = rows().get(7)
+        stored = row and json.loads(row)["DnsHost"][0]["Ip"]
+        assert stored in {confirmed or brought_back, on_its_way}
+        brought_back = stored
+        assert not list(DNSMASQ.rglob(".*")), "half of a file"
+        if stored is None:
+            continue
+        assert (DNSMASQ / "vpn_7/hosts").read_text() == f"{stored} nas.vpn7.example\n"
+        wait_until(lambda: pid_file().exists() and instances(7) == [instance_pid()], "one instance")
+    expect(brought_back, "nas.vpn7.example")
