@@ -141,6 +141,13 @@ TEST_P(JsonLists, ALongerArrayIsRefusedBeforeAnythingOfItIsRead)
         SameBytes(Conf->DnsHost, Expected->DnsHost, sizeof(*Expected) - offsetof(VQ_CTRL_DNSMASQ_CONF, DnsHost)));
 }
 
+TEST_P(JsonLists, ARefusedDocumentLeavesNoCountAboveItsTable)
+{
+    const std::size_t TooMany = std::min<std::size_t>(GetParam().Capacity + 1, 65535);
+    EXPECT_EQ(Read(Document('"' + std::string(GetParam().Name) + "Num\": " + std::to_string(TooMany))), -22);
+    EXPECT_EQ(Count(), TooMany > GetParam().Capacity ? 0U : TooMany);
+}
+
 INSTANTIATE_TEST_SUITE_P(Each, JsonLists, testing::ValuesIn(kLists),
                          [](const auto &Info) { return std::string(Info.param.Name); });
 
@@ -151,6 +158,14 @@ class JsonElements : public JsonReaderTest {
         return Document('"' + List + R"(Num": 1, ")" + List + "\": [" + Item + ']');
     }
 };
+
+TEST_F(JsonElements, AListThatIsNotReachedKeepsItsCountWithinItsTable)
+{
+    EXPECT_EQ(Read(Document(R"("DnsHostNum": 1, "DnsMxHostNum": 1025, "DnsServerNum": 9)")), -22);
+    EXPECT_EQ(Conf->DnsHostNum, 1U);
+    EXPECT_EQ(Conf->DnsMxHostNum, 0U);
+    EXPECT_EQ(Conf->DnsServerNum, 0U);
+}
 
 TEST_F(JsonElements, AreReadIntoTheirFields)
 {

@@ -72,6 +72,15 @@ TEST_P(StoreAdds, WithoutATextNothingIsStoredOrReleased)
     EXPECT_THAT(World(), ElementsAre("VQ_GetDbDataTransOp()", "DnsmasqConfToStr(7)"));
 }
 
+TEST_P(StoreAdds, AHostWithoutAReleaseKeepsTheText)
+{
+    static char Kept[] = "the host's own";
+    Host.Rows.Conversions.DnsmasqConfToStr = [](const VQ_DNSMASQ_CONF *) -> char * { return Kept; };
+    Host.Rows.Conversions.DataTransJsonStrFree = nullptr;
+    EXPECT_EQ(GetParam()(Conf.get(), VQ_SQL_CONF_CPE_DNSMASQ), 0);
+    EXPECT_THAT(World(), ElementsAre("VQ_GetDbDataTransOp()", "VQ_SqliteDnsMasqConfOp(7, \"the host's own\", 1, 10)"));
+}
+
 TEST_P(StoreAdds, TheStoresCodeIsReturnedAndTheTextReleased)
 {
     Host.Failures.Fail("VQ_SqliteDnsMasqConfOp", -28);

@@ -387,6 +387,21 @@ static VQ_ERR_T _VQCtrl_ReadLists(json_object *Root, VQ_CTRL_DNSMASQ_CONF *Conf)
     return Result;
 }
 
+// Readers trust the counts: even a record that is to be thrown away promises no more than its tables hold. The
+// forwards' count cannot.
+static void _VQCtrl_DropImpossibleCounts(VQ_CTRL_DNSMASQ_CONF *Conf)
+{
+    if (Conf->DnsHostNum > VQ_DNS_HOST_MAX) {
+        Conf->DnsHostNum = 0;
+    }
+    if (Conf->DnsMxHostNum > VQ_DNS_MX_HOST_MAX) {
+        Conf->DnsMxHostNum = 0;
+    }
+    if (Conf->DnsServerNum > VQ_DNS_SERVER_MAX) {
+        Conf->DnsServerNum = 0;
+    }
+}
+
 // Fills a zeroed record; values are checked for type and length alone. On failure what was read so far stays in it.
 static VQ_ERR_T _VQCtrl_AdvancedDnsJsonToConf(VQ_CTRL_DNSMASQ_CONF *Conf, json_object *Root)
 {
@@ -400,6 +415,7 @@ static VQ_ERR_T _VQCtrl_AdvancedDnsJsonToConf(VQ_CTRL_DNSMASQ_CONF *Conf, json_o
     _VQCtrl_ReadCount(Root, kDnsProxyNum.Key, &Conf->DnsProxyNum);
     Result = _VQCtrl_ReadLists(Root, Conf);
     if (Result < 0) {
+        _VQCtrl_DropImpossibleCounts(Conf);
         return Result;
     }
     char IpText[kIpTextSize] = {};

@@ -21,7 +21,9 @@ VQ_ERR_T VQCtrl_AdvancedDnsmasqAddPersistentConf(const VQ_CTRL_DNSMASQ_CONF *Dns
         return VQ_ERR_NO_MEMORY;
     }
     const VQ_ERR_T Result = VQ_SqliteDnsMasqConfOp(_VQCtrl_RowKey(Dnsmasq), Text, VQ_SQL_CONF_OP_ADD, Table);
-    Trans->DataTransJsonStrFree(Text);
+    if (Trans->DataTransJsonStrFree != nullptr) {
+        Trans->DataTransJsonStrFree(Text);
+    }
     return Result;
 }
 
