@@ -24,7 +24,7 @@ def run(*command, check=True, **options):
     return subprocess.run([str(word) for word in command], check=check, text=True, capture_output=True, **options)
 
 
-def wait_until(condition, what, seconds=5.0):
+def wait_until(condition, what, seconds=15.0):
     """Returns the first true value of `condition`; fails with `what` when none comes in time."""
     deadline = time.monotonic() + seconds
     while True:
@@ -133,7 +133,7 @@ class Box:
         pathlib.Path(address).unlink(missing_ok=True)
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notify:
             notify.bind(address)
-            notify.settimeout(20)
+            notify.settimeout(60)
             self.agent = self.spawn(*options, NOTIFY_SOCKET=address)
             while b"READY=1" not in notify.recv(4096):
                 pass
