@@ -153,7 +153,7 @@ def test_a_term_signal_ends_it_cleanly(running):
 def test_verbose_tells_what_is_sent(running):
     done = running.vqctl("-v", "apply", "-", input=json.dumps(message()))
     assert done.returncode == 0
-    assert "nas.vpn7.example" in done.stderr or "bytes" in done.stderr
+    assert "CPE message for vpn 7: enabled, reboot, 1 host" in done.stderr
 
 
 def test_no_colours_without_a_terminal(running):

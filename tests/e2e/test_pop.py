@@ -4,7 +4,7 @@ import json
 
 import pytest
 
-from box import alive, instance_pid, instances, run, wait_until
+from box import ROOT, alive, end, instance_pid, instances, run, wait_until
 
 LOCAL_IP = "10.88.0.1"
 NOWHERE = "192.0.2.53"
@@ -27,7 +27,6 @@ def pop_message(**changes):
 
 @pytest.fixture(scope="session", autouse=True)
 def pop_lab(lab):
-    from box import ROOT
     run(ROOT / "scripts/lab", "pop")
 
 
@@ -88,7 +87,6 @@ def test_recovered_after_a_kill(pop):
     pop.apply(pop_message(persistentflag=True))
     pop.agent.kill()
     pop.agent.wait()
-    from box import end
     for pid in instances():
         end(pid)
 
