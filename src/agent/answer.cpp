@@ -13,7 +13,7 @@ namespace {
 // The generated structures point at text without changing it.
 char *Borrow(const std::string &text)
 {
-    return const_cast<char *>(text.c_str());
+    return const_cast<char *>(text.c_str()); // NOLINT(cppcoreguidelines-pro-type-const-cast): for those structures
 }
 
 void Put(std::optional<bool> value, protobuf_c_boolean &has, protobuf_c_boolean &target)

@@ -19,12 +19,13 @@ inline constexpr std::size_t kNetlinkMessageMax = 8192;
 // A message under construction.
 class NetlinkMessage {
   public:
-    NetlinkMessage(std::uint16_t type, std::uint16_t flags)
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): see bytes_
+    NetlinkMessage(std::uint16_t type, std::uint16_t flags) : header_(mnl_nlmsg_put_header(bytes_.data()))
     {
-        header_ = mnl_nlmsg_put_header(bytes_.data());
         header_->nlmsg_type = type;
         header_->nlmsg_flags = static_cast<std::uint16_t>(flags | NLM_F_REQUEST);
     }
+    ~NetlinkMessage() = default;
     NetlinkMessage(const NetlinkMessage &) = delete;
     NetlinkMessage &operator=(const NetlinkMessage &) = delete;
 
@@ -36,6 +37,7 @@ class NetlinkMessage {
     nlmsghdr *Header() { return header_; }
 
   private:
+    // Not zeroed: the library zeroes what it puts in, and most of it stays unused.
     alignas(nlmsghdr) std::array<char, kNetlinkMessageMax> bytes_;
     nlmsghdr *header_;
 };

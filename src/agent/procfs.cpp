@@ -60,8 +60,7 @@ void TakeStat(Process &process, const std::string &stat)
     }
     process.name = stat.substr(open + 1, close - open - 1);
     std::istringstream stream(stat.substr(close + 1));
-    const std::vector<std::string> fields{std::istream_iterator<std::string>(stream),
-                                          std::istream_iterator<std::string>()};
+    const std::vector<std::string> fields(std::istream_iterator<std::string>(stream), {});
     if (fields.size() <= kStartTimeField) {
         return;
     }

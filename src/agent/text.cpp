@@ -53,7 +53,7 @@ char *VQ_SafeStrGetIp4Addr(const char *Text, size_t Size, uint32_t *Ip)
         return nullptr;
     }
     *Ip = ntohl(address.s_addr);
-    return const_cast<char *>(Text);
+    return const_cast<char *>(Text); // NOLINT(cppcoreguidelines-pro-type-const-cast): the interface asks for it
 }
 
 int VQ_IPNum2IPStr(const uint32_t Ip, const uint32_t Flag, char *Buffer, uint32_t Size)

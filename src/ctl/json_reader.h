@@ -60,7 +60,7 @@ using Arena = std::pmr::monotonic_buffer_resource;
 
 // One value on its way into a message.
 struct Place {
-    json_object *value;
+    json_object *value = nullptr;
     Path path;
     Arena &arena;
 };
@@ -86,8 +86,8 @@ enum class Presence { kRequired, kOptional };
 template <typename Message>
 struct Field {
     std::string_view name;
-    Presence presence;
-    void (*read)(const Place &at, Message &message);
+    Presence presence = Presence::kRequired;
+    void (*read)(const Place &at, Message &message) = nullptr;
 };
 
 template <typename Fields>

@@ -40,8 +40,7 @@
 // The macros for such a text. `Text` is a TableFormat.
 #define VQ_CTRL_LOG_NOTICE_TEXT(Function, Text) \
     advanceddns::LogLine({(Function), __LINE__}, VQ_LOG_LEVEL_NOTICE, (Text).Get())
-#define VQ_CTRL_LOG_ERROR_TEXT(Function, Text, ...) \
-    advanceddns::LogError({(Function), __LINE__}, (Text).Get() __VA_OPT__(, ) __VA_ARGS__)
+#define VQ_CTRL_LOG_ERROR_TEXT(Function, ...) advanceddns::LogTableError({(Function), __LINE__}, __VA_ARGS__)
 
 // The two arguments of "(%d:%s)" for a negative result.
 #define VQ_CTRL_LOG_REASON(Result) advanceddns::ErrorNumber(Result), std::strerror(advanceddns::ErrorNumber(Result))
@@ -79,9 +78,10 @@ int CheckFormat(const char *Format, ...) VQ_PRINTF_LIKE(1, 2);
 template <char... Conversions>
 class TableFormat {
   public:
-    // NOLINTNEXTLINE(google-explicit-constructor): a table reads best as plain texts.
+    // cppcheck-suppress noExplicitConstructor ; a table reads best as plain texts
     consteval TableFormat(const char *Format) : m_Format(Format)
     {
+        // cppcheck-suppress constStatement ; a pack, not the comma operator
         constexpr char Wanted[] = {Conversions..., '\0'};
         std::size_t Found = 0;
         for (const char *At = Format; *At != '\0'; ++At) {
@@ -147,6 +147,12 @@ void LogError(LogSite Site, const char *PrefixedFormat, Args... Arguments)
         WriteLine(Site, VQ_LOG_LEVEL_ERROR, VQ_CTRL_LOG_PREFIX "dump flexlog:\n%s", VQ_FlexLogGetFormatBuff());
     }
     VQ_FlexLogDataReset();
+}
+
+template <typename Text, typename... Args>
+void LogTableError(LogSite Site, Text Message, Args... Arguments)
+{
+    LogError(Site, Message.Get(), Arguments...);
 }
 
 #pragma GCC diagnostic pop
