@@ -19,6 +19,8 @@
 #include <system_error>
 #include <utility>
 
+#include "printable.h"
+
 namespace kavel::agent {
 namespace {
 
@@ -28,7 +30,8 @@ constexpr std::size_t kSocketPathMax = sizeof(sockaddr_un::sun_path) - 1;
 
 [[noreturn]] void Fail(const std::string &path, const std::string &text)
 {
-    throw ConfigError(path.empty() ? text : path + ": " + text);
+    // Keys and values come out of the file as they are.
+    throw ConfigError(control::Printable(path.empty() ? text : path + ": " + text));
 }
 
 std::string Quoted(const std::string &text)
@@ -84,7 +87,8 @@ void TakeMembers(const Value &object, std::span<const Key> keys)
     const json_object_iterator end = json_object_iter_end(object.json);
     for (; json_object_iter_equal(&member, &end) == 0; json_object_iter_next(&member)) {
         const std::string name = json_object_iter_peek_name(&member);
-        const std::string path = object.path.empty() ? name : object.path + "." + name;
+        const std::string shown = name.empty() ? Quoted(name) : name;
+        const std::string path = object.path.empty() ? shown : object.path + "." + shown;
         const auto key = std::ranges::find(keys, name, &Key::name);
         if (key == keys.end()) {
             Fail(path, "unknown key");

@@ -121,6 +121,7 @@ void Connection::Reply(std::vector<std::uint8_t> frame, Clock::time_point now)
     if (in_.capacity() > kIdleCapacity) {
         in_.shrink_to_fit();
     }
+    served_ = true;
     Send(std::move(frame), now);
 }
 

@@ -42,6 +42,10 @@ class Connection {
     // Says so; what still comes is discarded, so that the peer gets to read the reply.
     void Dismiss(std::vector<std::uint8_t> frame, Clock::time_point now);
 
+    // Nothing of a frame has come, and no reply waits to be taken.
+    [[nodiscard]] bool Idle() const { return in_.empty() && !deadline_; }
+    // At least one frame was answered.
+    [[nodiscard]] bool Served() const { return served_; }
     // Nothing more can or need be done for the peer.
     [[nodiscard]] bool Finished() const;
     // The peer ended with a frame begun.
@@ -69,6 +73,7 @@ class Connection {
     bool ended_ = false;     // the peer sends no more
     bool broken_ = false;    // the peer is gone
     bool dismissed_ = false; // it is heard no more
+    bool served_ = false;
     std::optional<Clock::time_point> deadline_;
 };
 

@@ -108,6 +108,7 @@ bool ControlSocket::ServeOnce()
     AdvanceAll(events.subspan(watched_.size() + 1), now);
     DropStalled(now);
     if (events[watched_.size()].revents != 0) {
+        MakeRoom();
         AcceptAll(now);
     }
     DismissOversized(now);
@@ -133,7 +134,12 @@ std::vector<pollfd> ControlSocket::PollList(Clock::time_point now) const
 
 bool ControlSocket::Accepts(Clock::time_point now) const
 {
-    return connections_.size() < kConnectionsMax && now >= acceptAfter_;
+    return now >= acceptAfter_ && (!IsFull() || std::ranges::any_of(connections_, &Connection::Idle));
+}
+
+bool ControlSocket::IsFull() const
+{
+    return connections_.size() >= kConnectionsMax;
 }
 
 int ControlSocket::PollTimeout(Clock::time_point now) const
@@ -165,9 +171,27 @@ bool ControlSocket::RunWatchers(std::span<const pollfd> events) const
     return goesOn;
 }
 
+// Peers that say nothing must not keep out those that would. One gives way at a time: what the others have sent
+// meanwhile is read before the next does. The first one is the one that has been silent longest.
+void ControlSocket::MakeRoom()
+{
+    if (!IsFull()) {
+        return;
+    }
+    const auto silent = [](const Connection &connection) { return connection.Idle() && !connection.Served(); };
+    auto leaving = std::ranges::find_if(connections_, silent);
+    if (leaving == connections_.end()) {
+        leaving = std::ranges::find_if(connections_, &Connection::Idle);
+    }
+    if (leaving != connections_.end()) {
+        Log(LogLevel::kNotice, "control socket: process %d says nothing and gives way to another", leaving->Peer());
+        connections_.erase(leaving);
+    }
+}
+
 void ControlSocket::AcceptAll(Clock::time_point now)
 {
-    while (Accepts(now)) {
+    while (!IsFull() && now >= acceptAfter_) {
         UniqueFd socket(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket) {
             Admit(std::move(socket));

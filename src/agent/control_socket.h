@@ -44,7 +44,9 @@ class ControlSocket {
     [[nodiscard]] std::vector<pollfd> PollList(Clock::time_point now) const;
     [[nodiscard]] int PollTimeout(Clock::time_point now) const;
     [[nodiscard]] bool Accepts(Clock::time_point now) const;
+    [[nodiscard]] bool IsFull() const;
     bool RunWatchers(std::span<const pollfd> events) const;
+    void MakeRoom();
     void AcceptAll(Clock::time_point now);
     void Admit(UniqueFd socket);
     void AdvanceAll(std::span<const pollfd> events, Clock::time_point now);

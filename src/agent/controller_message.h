@@ -8,7 +8,9 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 
+#include "advanced_dns.pb-c.h"
 #include "config.h"
 #include "module.h"
 
@@ -33,6 +35,11 @@ struct ControllerMessage {
 
 // The message that controllers send to boxes of this platform; nothing when the bytes are not one.
 std::optional<ControllerMessage> UnpackControllerMessage(Platform platform, std::span<const std::uint8_t> bytes);
+
+// Why a server of a CPE message may not reach the module: its interface name, which the module writes into an
+// instance's configuration as it comes, holds what no interface's name can. One with a line break would be options of
+// the controller's choice. Nothing when all are in order.
+std::optional<std::string> InterfaceNameHazard(const DnsmasqConf &message);
 
 } // namespace kavel::agent
 

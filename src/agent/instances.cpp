@@ -83,22 +83,6 @@ void CleanDirectory(const std::filesystem::path &directory)
     RemoveLeftovers(directory / "dnsmasq.d", kInstanceFiles);
 }
 
-// The VPNs whose instance has a process, also before that is dnsmasq: the shell and the namespace tool that lead to it
-// have its command line. One look at all processes, however many VPNs there are.
-std::set<std::uint32_t> VpnsWithProcesses()
-{
-    const std::string stem = kPidFileOption + PidFileStem();
-    std::set<std::uint32_t> found;
-    for (const pid_t pid : AllProcesses()) {
-        const std::string commandLine = ReadCommandLine(pid);
-        const std::size_t at = commandLine.find(stem);
-        if (at != std::string::npos) {
-            found.insert(static_cast<std::uint32_t>(std::strtoul(commandLine.c_str() + at + stem.size(), nullptr, 10)));
-        }
-    }
-    return found;
-}
-
 void Drain(const UniqueFd &watch)
 {
     if (!watch) {
@@ -203,6 +187,20 @@ std::optional<std::string> ReloadHazard(std::uint32_t vpnId)
     }
     return subject + " names process " + std::to_string(file.pid) + " (" + process.name +
            "), which is not this VPN's dnsmasq";
+}
+
+std::set<std::uint32_t> VpnsWithProcesses()
+{
+    const std::string stem = kPidFileOption + PidFileStem();
+    std::set<std::uint32_t> found;
+    for (const pid_t pid : AllProcesses()) {
+        const std::string commandLine = ReadCommandLine(pid);
+        const std::size_t at = commandLine.find(stem);
+        if (at != std::string::npos) {
+            found.insert(static_cast<std::uint32_t>(std::strtoul(commandLine.c_str() + at + stem.size(), nullptr, 10)));
+        }
+    }
+    return found;
 }
 
 std::set<std::uint32_t> AwaitStarts(std::set<std::uint32_t> vpnIds, std::chrono::milliseconds patience)

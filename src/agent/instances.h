@@ -51,6 +51,10 @@ std::optional<std::string> ReloadHazard(std::uint32_t vpnId);
 // An instance is given up as soon as no process of it is left, and after `patience`; those are returned.
 std::set<std::uint32_t> AwaitStarts(std::set<std::uint32_t> vpnIds, std::chrono::milliseconds patience);
 
+// The VPNs whose instance has a process, also before that is dnsmasq: the shell and the namespace tool that lead to it
+// have its command line. One look at all processes, however many VPNs there are.
+std::set<std::uint32_t> VpnsWithProcesses();
+
 } // namespace kavel::agent
 
 #endif

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "failure.h"
+#include "printable.h"
 #include "vqLog.h"
 
 namespace kavel::agent {
@@ -54,6 +55,18 @@ std::string_view Prefix(LogLevel level)
     return journal ? text.forJournal : text.forPeople;
 }
 
+// Some lines quote what a controller sent: its line breaks must not begin entries of their own, nor its other control
+// characters speak to a terminal.
+std::string Harmless(std::string_view text)
+{
+    std::string result;
+    for (auto end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
+        result.append(control::Printable(text.substr(0, end))).append("\n    ");
+        text.remove_prefix(end + 1);
+    }
+    return result.append(control::Printable(text));
+}
+
 // One write per line, so that lines of several processes on one stream stay whole.
 void WriteLine(LogLevel level, std::string_view text)
 {
@@ -61,7 +74,7 @@ void WriteLine(LogLevel level, std::string_view text)
         text.remove_suffix(1);
     }
     std::string line(Prefix(level));
-    line.append(text).push_back('\n');
+    line.append(Harmless(text)).push_back('\n');
     while (::write(STDERR_FILENO, line.data(), line.size()) < 0 && errno == EINTR) {
     }
 }

@@ -11,10 +11,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <span>
 #include <string>
 #include <utility>
@@ -52,6 +54,9 @@ constexpr rlim_t kOtherDescriptors = FD_SETSIZE + 256;
 // Inotify instances that a user may have, and those that are not a VPN's: the box's own and the agent's.
 constexpr const char *kWatchLimit = "/proc/sys/fs/inotify/max_user_instances";
 constexpr std::size_t kOtherWatches = 4;
+
+// For what an agent that was killed had launched.
+constexpr std::chrono::milliseconds kLaunchPatience{2000};
 
 struct Options {
     std::string config = "/etc/kavel/agent.json";
@@ -184,6 +189,20 @@ void StartModule(const Module &module, const Config &config)
     }
 }
 
+// What an agent before this one launched and did not see come up. The module finds an instance by its pid file alone:
+// one without would be doubled, or never stopped. One that belongs to nobody any more is the operator's to end: a VPN
+// that is missing by mistake should not lose its names.
+void AdoptInstances(const Config &config)
+{
+    const std::set<std::uint32_t> found = VpnsWithProcesses();
+    (void)AwaitStarts(found, kLaunchPatience);
+    for (const std::uint32_t vpnId : found) {
+        if (!config.Serves(vpnId)) {
+            Log(LogLevel::kWarning, "vpn %u: an instance runs, but the VPN is not configured", vpnId);
+        }
+    }
+}
+
 void PrepareBox(const Config &config)
 {
     RemoveLeftoversOfInstances();
@@ -192,6 +211,7 @@ void PrepareBox(const Config &config)
         Log(LogLevel::kError, "the box-wide directory is not complete: %s", std::strerror(-written));
     }
     std::ranges::for_each(config.vpns, PrepareVpn);
+    AdoptInstances(config);
 }
 
 void Serve(const Module &module, const Config &config, const UniqueFd &signals)

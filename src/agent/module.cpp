@@ -90,6 +90,7 @@ Module::Module(const std::string &path, Platform platform)
     recover = Find<Recover>("VQCtrl_AgentRecoverAdvancedDnsConf");
     initDirectory = Find<VpnOperation>("VQCtrl_DnsmasqConfInitByVpnId");
     releaseDirectory = Find<VpnOperation>("VQCtrl_DnsmasqConfRelaseByVpnId");
+    stopInstance = Find<VpnOperation>("VQCtrl_DnsmasqStop");
     VQ_DATA_CONTENT_TRANS_OP &conversions = *VQ_GetDbDataTransOp();
     conversions.DnsmasqConfToStr = Find<char *(const VQ_DNSMASQ_CONF *)>("VQCtrl_AdvancedDnsConfToJsonStr");
     conversions.DnsmasqStrToConf = Find<VQ_ERR_T(VQ_DNSMASQ_CONF *, const char *)>("VQCtrl_AdvancedDnsJsonStrToConf");

@@ -39,6 +39,7 @@ class Module {
     Translate *translate = nullptr;
     VpnOperation *initDirectory = nullptr;
     VpnOperation *releaseDirectory = nullptr;
+    VpnOperation *stopInstance = nullptr;
     Recover *recover = nullptr;
 
     [[nodiscard]] const std::string &Path() const { return path_; }

@@ -1,6 +1,7 @@
 #include "recovery.h"
 
 #include <chrono>
+#include <cstdint>
 #include <set>
 #include <system_error>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "config.h"
 #include "instances.h"
 #include "log.h"
+#include "rules_nftables.h"
 #include "store.h"
 
 namespace kavel::agent {
@@ -29,6 +31,21 @@ std::vector<StoredRecord> ReadableRecords()
     }
 }
 
+// Without its rule the module does not stop an instance: one that failed to go may still lead queries there. Where the
+// kernel knows of none, an agent died between the launch and the rule of a message that was never confirmed.
+void StopUnsteered(const Module &module, std::uint32_t vpnId)
+{
+    if (!IsRunning(vpnId)) {
+        return;
+    }
+    const auto rules = FindInstalledRules(vpnId);
+    if (rules && !rules->dns && !rules->dnat) {
+        Log(LogLevel::kNotice, "vpn %u: stored as switched off, and no rule leads to its instance: it is stopped",
+            vpnId);
+        (void)module.stopInstance(vpnId); // its failure is logged
+    }
+}
+
 } // namespace
 
 void RecoverStored(const Module &module)
@@ -41,6 +58,8 @@ void RecoverStored(const Module &module)
         SetMeantToRun(record.vpn, record.enable);
         if (record.enable) {
             enabled.insert(record.vpn);
+        } else {
+            StopUnsteered(module, record.vpn);
         }
     }
     const auto failed = AwaitStarts(enabled, kStartPatience);

@@ -1,8 +1,10 @@
 #include "requests.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -25,16 +27,37 @@ struct RecordRelease {
     void operator()(VQ_DNSMASQ_CONF *record) const { VQ_AgentMemFree(record); }
 };
 
-Answer NotConfigured(std::uint32_t vpnId)
+Answer RefusalOf(std::uint32_t vpnId, std::int32_t result, std::string why)
 {
-    Answer answer = Refusal(-ENOENT, "vpn " + std::to_string(vpnId) + " is not configured");
+    Answer answer = Refusal(result, std::move(why));
     answer.vpn = vpnId;
     return answer;
+}
+
+Answer NotConfigured(std::uint32_t vpnId)
+{
+    return RefusalOf(vpnId, -ENOENT, "vpn " + std::to_string(vpnId) + " is not configured");
 }
 
 Answer MalformedMessage(Platform platform)
 {
     return Refusal(-EINVAL, platform == Platform::kCpe ? "not a CPE message" : "not a POP message");
+}
+
+// What the module does not look at and must not get.
+std::optional<Answer> Objection(Platform platform, const ControllerMessage &message)
+{
+    auto hazard = platform == Platform::kCpe ? InterfaceNameHazard(*message.pointer.cpe) : std::nullopt;
+    return hazard ? std::optional(RefusalOf(message.vpn, -EINVAL, std::move(*hazard))) : std::nullopt;
+}
+
+// The enumeration has no room for the negative numbers that a peer can send.
+std::int32_t VerbOf(const Kavel__Request &request)
+{
+    std::int32_t verb = 0;
+    static_assert(sizeof verb == sizeof request.verb);
+    std::memcpy(&verb, &request.verb, sizeof verb);
+    return verb;
 }
 
 // The outcome of a call of the module, with what the module itself said about it.
@@ -82,6 +105,8 @@ void Settle(Answer &answer, const ControllerMessage &message)
     const char *wrong = nullptr;
     if (message.launches && !AwaitStarts({message.vpn}, kStartPatience).empty()) {
         wrong = "the instance did not come up";
+    } else if (message.reloads && !IsRunning(message.vpn)) {
+        wrong = "no instance runs, and a reload starts none";
     } else if (!message.enables && IsRunning(message.vpn)) {
         wrong = "the instance still runs";
     }
@@ -112,7 +137,8 @@ Answer Requests::Handle(std::span<const std::uint8_t> frame) const
     const auto &request = *reinterpret_cast<const Kavel__Request *>(envelope.get());
     const std::span<const std::uint8_t> message(request.message.data,
                                                 request.has_message != 0 ? request.message.len : 0);
-    switch (request.verb) {
+    const std::int32_t verb = VerbOf(request);
+    switch (verb) {
     case KAVEL__REQUEST__VERB__APPLY:
         return Apply(message);
     case KAVEL__REQUEST__VERB__CHECK:
@@ -128,7 +154,7 @@ Answer Requests::Handle(std::span<const std::uint8_t> frame) const
     case KAVEL__REQUEST__VERB__STORE_SHOW:
         return ShowStored(request);
     default:
-        return Refusal(-EINVAL, "unknown verb " + std::to_string(static_cast<int>(request.verb)));
+        return Refusal(-EINVAL, "unknown verb " + std::to_string(verb));
     }
 }
 
@@ -142,9 +168,12 @@ Answer Requests::Apply(std::span<const std::uint8_t> message) const
     if (!config_.Serves(vpnId)) {
         return NotConfigured(vpnId);
     }
+    if (auto objection = Objection(config_.platform, *unpacked)) {
+        LogOutcome(*objection, "");
+        return *objection;
+    }
     if (auto hazard = unpacked->reloads ? ReloadHazard(vpnId) : std::nullopt) {
-        Answer answer = Refusal(-ESRCH, std::move(*hazard));
-        answer.vpn = vpnId;
+        Answer answer = RefusalOf(vpnId, -ESRCH, std::move(*hazard));
         LogOutcome(answer, "");
         return answer;
     }
@@ -176,6 +205,9 @@ Answer Requests::Check(std::span<const std::uint8_t> message) const
     if (!unpacked) {
         return MalformedMessage(config_.platform);
     }
+    if (auto objection = Objection(config_.platform, *unpacked)) {
+        return *objection;
+    }
     const std::unique_ptr<VQ_DNSMASQ_CONF, RecordRelease> record(
         static_cast<VQ_DNSMASQ_CONF *>(VQ_AgentMemZeroAlloc(sizeof(VQ_DNSMASQ_CONF))));
     if (!record) {
@@ -204,6 +236,9 @@ Answer Requests::Status(const Kavel__Request &request) const
     }
     Answer answer;
     answer.vpns = StatusOf(vpnIds);
+    if (request.has_vpn == 0) {
+        std::ranges::move(StatusOfStrays(), std::back_inserter(answer.vpns));
+    }
     return answer;
 }
 
@@ -234,9 +269,7 @@ Answer Requests::ReleaseDirectory(const Kavel__Request &request) const
         return *objection;
     }
     if (IsRunning(request.vpn)) {
-        Answer busy = Refusal(-EBUSY, "the instance of vpn " + std::to_string(request.vpn) + " is running");
-        busy.vpn = request.vpn;
-        return busy;
+        return RefusalOf(request.vpn, -EBUSY, "the instance of vpn " + std::to_string(request.vpn) + " is running");
     }
     Answer answer = Outcome(module_.releaseDirectory(request.vpn), request.vpn);
     LogOutcome(answer, "directory removed");

@@ -6,9 +6,11 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -133,6 +135,14 @@ bool HasGateway(const VQ_RTC_ROUTE_CONF &route)
     return false;
 }
 
+// What the module asks for in a VPN without LAN interfaces.
+bool NamesNoWay(const VQ_RTC_ROUTE_CONF &route)
+{
+    const auto named = [](const auto &name) { return name[0] != '\0'; };
+    return route.NexthopNum > 0 && !HasGateway(route) &&
+           std::none_of(std::begin(route.IfName), std::begin(route.IfName) + route.NexthopNum, named);
+}
+
 int PutNextHops(const NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
 {
     if (route.NexthopNum == 0) {
@@ -152,6 +162,11 @@ int RequestRoute(NetlinkSocket &socket, std::uint16_t type, std::uint16_t flags,
         header->rtm_protocol = RTPROT_STATIC;
         header->rtm_scope = HasGateway(route) ? RT_SCOPE_UNIVERSE : RT_SCOPE_LINK;
         header->rtm_type = RTN_UNICAST;
+        if (NamesNoWay(route)) {
+            // Sends the search on to the ordinary routes, which know the way if anyone does.
+            header->rtm_type = RTN_THROW;
+            header->rtm_scope = RT_SCOPE_UNIVERSE;
+        }
     } else {
         header->rtm_scope = RT_SCOPE_NOWHERE; // matches any
     }

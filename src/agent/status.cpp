@@ -93,18 +93,23 @@ void AddProblem(VpnStatus &status, std::string problem)
     }
 }
 
-void TakeProcess(VpnStatus &status)
+void TakeProcess(VpnStatus &status, const PidFile &file, const Process &process)
 {
-    const PidFile file = ReadPidFile(status.vpn);
-    const Process process = InspectProcess(file.pid);
     status.pidFile = file.exists;
     status.pid = file.pid;
     status.alive = process.alive;
     status.isDnsmasq = IsInstanceOf(process, status.vpn);
-    const auto netns = NamespaceOfVpn(status.vpn);
-    status.inNamespace = process.alive && netns && NamespaceOfProcess(file.pid) == netns;
     status.uptimeSeconds = process.uptimeSeconds;
     status.memoryBytes = process.memoryBytes;
+}
+
+void TakeInstance(VpnStatus &status)
+{
+    const PidFile file = ReadPidFile(status.vpn);
+    const Process process = InspectProcess(file.pid);
+    TakeProcess(status, file, process);
+    const auto netns = NamespaceOfVpn(status.vpn);
+    status.inNamespace = process.alive && netns && NamespaceOfProcess(file.pid) == netns;
     AddProblem(status, ProcessProblem(status, file, process));
 }
 
@@ -202,7 +207,7 @@ VpnStatus StatusOfVpn(std::uint32_t vpnId, bool answers, const StoredRecords &st
     status.answers = answers;
     CountFiles(status);
     TakeStored(status, stored);
-    TakeProcess(status);
+    TakeInstance(status);
     if (NamespaceOfVpn(vpnId)) {
         TakeRoutes(status);
         TakeRules(status);
@@ -210,6 +215,18 @@ VpnStatus StatusOfVpn(std::uint32_t vpnId, bool answers, const StoredRecords &st
     } else {
         AddProblem(status, "namespace " + status.netns + " does not exist");
     }
+    return status;
+}
+
+VpnStatus StatusOfStray(std::uint32_t vpnId)
+{
+    VpnStatus status;
+    status.vpn = vpnId;
+    status.netns = "-";
+    CountFiles(status);
+    const PidFile file = ReadPidFile(vpnId);
+    TakeProcess(status, file, InspectProcess(file.pid));
+    AddProblem(status, "an instance runs, but the VPN is not configured");
     return status;
 }
 
@@ -227,6 +244,17 @@ std::vector<VpnStatus> StatusOf(const std::vector<std::uint32_t> &vpnIds)
         AddProblem(all.front(), stored.problem); // once is enough
     }
     return all;
+}
+
+std::vector<VpnStatus> StatusOfStrays()
+{
+    std::vector<VpnStatus> strays;
+    for (const std::uint32_t vpnId : VpnsWithProcesses()) {
+        if (!ActiveConfig().Serves(vpnId)) {
+            strays.push_back(StatusOfStray(vpnId));
+        }
+    }
+    return strays;
 }
 
 } // namespace kavel::agent

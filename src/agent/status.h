@@ -38,6 +38,9 @@ struct VpnStatus {
 // In the order of `vpnIds`, which are configured VPNs or 0.
 std::vector<VpnStatus> StatusOf(const std::vector<std::uint32_t> &vpnIds);
 
+// Of the instances that run although their VPNs are not configured any more.
+std::vector<VpnStatus> StatusOfStrays();
+
 } // namespace kavel::agent
 
 #endif

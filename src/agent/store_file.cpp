@@ -96,6 +96,15 @@ bool CheckVersion(const Database &database)
     return version == kSchemaVersion;
 }
 
+// The files beside it outlive an orderly end, the log emptied: without them a store on a full or read-only disk could
+// not even be read at the next start.
+void KeepFilesBeside(const Database &database)
+{
+    int keep = 1;
+    (void)sqlite3_file_control(database.Get(), "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
+    database.Execute("PRAGMA journal_size_limit = 0");
+}
+
 void Prepare(const Database &database)
 {
     const bool made = CheckVersion(database);
@@ -103,6 +112,7 @@ void Prepare(const Database &database)
         return;
     }
     database.Execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL");
+    KeepFilesBeside(database);
     if (!made) {
         MakeTables(database);
     }

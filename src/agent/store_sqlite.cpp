@@ -81,6 +81,9 @@ OpenedStore &Store()
         // Closed before the next is opened: closing removes files beside it by their names.
         opened.reset();
     }
+    if (opened && opened->file.Get().IsReadOnly()) {
+        opened.reset(); // it may have become writable meanwhile
+    }
     if (!opened) {
         opened = std::make_unique<OpenedStore>(ActiveConfig().store);
     }

@@ -7,6 +7,7 @@
 
 #include "errors.h"
 #include "operation.h"
+#include "output.h"
 
 namespace kavel::ctl {
 
@@ -86,7 +87,8 @@ std::string Path::Text() const
 void Refuse(const Path &path, const std::string &why)
 {
     const std::string where = path.Text();
-    throw InputError(where.empty() ? why : where + ": " + why);
+    // Keys and values come out of the file as they are.
+    throw InputError(Printable(where.empty() ? why : where + ": " + why));
 }
 
 void RefuseKind(const Place &at, std::string_view expected)

@@ -8,33 +8,6 @@
 
 namespace kavel::ctl {
 
-namespace {
-
-bool IsControl(unsigned char byte)
-{
-    return byte < 0x20U || byte == 0x7FU;
-}
-
-// The second control range, U+0080 to U+009F, in UTF-8.
-bool IsEncodedControl(std::string_view text)
-{
-    return text.size() >= 2 && text[0] == '\xC2' && static_cast<unsigned char>(text[1]) < 0xA0U;
-}
-
-} // namespace
-
-std::string Printable(std::string_view text)
-{
-    std::string result;
-    result.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool wide = IsEncodedControl(text.substr(i));
-        result += wide || IsControl(static_cast<unsigned char>(text[i])) ? '?' : text[i];
-        i += wide ? 1 : 0;
-    }
-    return result;
-}
-
 std::string Counted(std::size_t count, std::string_view noun)
 {
     return std::to_string(count).append(" ").append(noun).append(count == 1 ? "" : "s");

@@ -9,11 +9,11 @@
 #include <string_view>
 
 #include "control.pb-c.h"
+#include "printable.h"
 
 namespace kavel::ctl {
 
-// `text` without anything that could steer a terminal or break the line: control characters become '?'.
-std::string Printable(std::string_view text);
+using control::Printable;
 
 // "1 host", "2 hosts".
 std::string Counted(std::size_t count, std::string_view noun);

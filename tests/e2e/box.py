@@ -9,6 +9,7 @@ import pathlib
 import shutil
 import signal
 import socket
+import sqlite3
 import struct
 import subprocess
 import time
@@ -18,6 +19,7 @@ BUILD = pathlib.Path(os.environ["KAVEL_BUILD"])
 SOCKET = pathlib.Path("/run/kavel/agent.sock")
 CONFIG = pathlib.Path("/etc/kavel/agent.json")
 DNSMASQ = pathlib.Path("/etc/kavel/dnsmasq")
+STORE = pathlib.Path("/run/kavel-store/agent.db")
 
 
 def run(*command, check=True, **options):
@@ -108,8 +110,43 @@ def routes(vpn=7):
     return sorted(route["dst"] for route in json.loads(shown.stdout or "[]"))
 
 
+def tables(vpn=7):
+    """Names of the nftables tables in a VPN's namespace: one for each rule."""
+    listed = json.loads(run("ip", "netns", "exec", f"vpn_{vpn}", "nft", "-j", "list", "tables").stdout)
+    return [entry["table"]["name"] for entry in listed["nftables"] if "table" in entry]
+
+
+def rows():
+    """What is stored, by VPN."""
+    with sqlite3.connect(f"file:{STORE}?mode=ro", uri=True) as store:
+        return dict(store.execute("SELECT vpn_id, conf FROM cpe_dnsmasq"))
+
+
 def frame(payload):
     return struct.pack("!I", len(payload)) + payload
+
+
+def connect():
+    peer = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    peer.settimeout(30)
+    peer.connect(str(SOCKET))
+    return peer
+
+
+def read_frame(peer):
+    """What the agent sends next; None when it closes the connection instead."""
+    header = b""
+    while len(header) < 4:
+        more = peer.recv(4 - len(header))
+        if not more:
+            return None
+        header += more
+    length, body = int.from_bytes(header, "big"), b""
+    while len(body) < length:
+        more = peer.recv(length - len(body))
+        assert more
+        body += more
+    return body
 
 
 class Box:

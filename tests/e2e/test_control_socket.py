@@ -9,29 +9,7 @@ import time
 
 import pytest
 
-from box import BUILD, SOCKET, frame, message, run, wait_until
-
-
-def connect():
-    peer = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    peer.settimeout(30)
-    peer.connect(str(SOCKET))
-    return peer
-
-
-def read_frame(peer):
-    header = b""
-    while len(header) < 4:
-        more = peer.recv(4 - len(header))
-        if not more:
-            return None
-        header += more
-    length, body = int.from_bytes(header, "big"), b""
-    while len(body) < length:
-        more = peer.recv(length - len(body))
-        assert more
-        body += more
-    return body
+from box import BUILD, SOCKET, connect, frame, message, read_frame, run, wait_until
 
 
 STATUS_REQUEST = b"\x08\x03"

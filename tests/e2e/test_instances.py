@@ -5,7 +5,8 @@ import os
 import signal
 import subprocess
 
-from box import (BUILD, DNSMASQ, alive, ask, end, expect, instance_pid, instances, message, pid_file, wait_until)
+from box import (BUILD, DNSMASQ, alive, ask, end, expect, instance_pid, instances, message, pid_file, vpn_config,
+                 wait_until)
 
 
 def started(box, vpn=7):
@@ -44,6 +45,17 @@ def test_a_reload_of_a_killed_instance_is_refused(running):
     said = running.refused(message(operation="reload"))
 
     assert said == f"vpn 7: refused (-3 No such process): Reload dns service pid {pid} failed(3:No such process)"
+
+
+def test_a_reload_where_nothing_was_started_is_told(running):
+    """To the module a service that is not there needs no reload: the message is applied, and nothing answers."""
+    done = running.vqctl("apply", "-", input=json.dumps(message(operation="reload")))
+
+    assert done.stdout == "vpn 7: applied\n"
+    assert done.stderr == "vqctl: vpn 7: no instance runs, and a reload starts none\n"
+    assert running.status()["problems"][0] == "no instance runs: it did not start, or was ended from outside"
+    started(running)
+    assert running.status()["problems"] == []
 
 
 def test_a_pid_file_that_names_someone_elses_process(running):
@@ -199,3 +211,21 @@ def test_every_vpn_is_listed(running):
     started(running)
     rows = json.loads(running.vqctl("status", "--json").stdout)
     assert [row["vpn"] for row in rows] == [0, 7, 8]
+
+
+def test_an_instance_whose_vpn_is_not_configured_any_more(running):
+    running.apply(message(7), message(8))
+    running.stop()
+    running.configure(vpn_config(7))
+
+    running.start()
+
+    assert "vpn 8: an instance runs, but the VPN is not configured" in running.log()
+    shown = running.vqctl("status")
+    assert shown.returncode == 1
+    assert "vpn 8: an instance runs, but the VPN is not configured" in shown.stdout
+    rows = {row["vpn"]: row for row in json.loads(running.vqctl("status", "--json").stdout)}
+    assert set(rows) == {0, 7, 8}
+    assert rows[7]["problems"] == []
+    assert rows[8]["pid"] == instance_pid(8)
+    assert ask("nas.vpn8.example", vpn=8) == ["192.168.8.10"]

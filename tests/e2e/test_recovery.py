@@ -1,35 +1,31 @@
 """What was stored comes back, whatever ended the agent."""
 
+import concurrent.futures
 import json
 import os
+import pathlib
 import random
+import shutil
 import sqlite3
 import subprocess
 import time
 
 import pytest
 
-from box import (BUILD, DNSMASQ, ask, end, expect, instance_pid, instances, message, pid_file, routes, run, vpn_config,
-                 wait_until)
-
-STORE = "/run/kavel-store/agent.db"
+from box import (BUILD, DNSMASQ, STORE, ask, end, expect, instance_pid, instances, message, pid_file, routes, rows, run,
+                 tables, vpn_config, wait_until)
 
 
 @pytest.fixture
 def keeping(box):
     """A box that keeps its configuration, its agent ready."""
     run("rm", "-rf", os.path.dirname(STORE))
-    box.configure(vpn_config(7), vpn_config(8), persistence=True, store=STORE)
+    box.configure(vpn_config(7), vpn_config(8), persistence=True, store=str(STORE))
     return box.start()
 
 
 def kept(vpn=7, **changes):
     return message(vpn, persistentflag=True, **changes)
-
-
-def rows():
-    with sqlite3.connect(f"file:{STORE}?mode=ro", uri=True) as store:
-        return dict(store.execute("SELECT vpn_id, conf FROM cpe_dnsmasq"))
 
 
 def kill(box):
@@ -107,9 +103,79 @@ def test_a_disabled_record_is_stored_and_torn_down_again(keeping):
     assert (DNSMASQ / "vpn_7/hosts").read_text() == ""
 
 
+def test_a_crash_between_launch_and_rule(keeping):
+    """Stored as switched off, an instance runs that no rule leads to: its launch was never confirmed."""
+    keeping.apply(kept(enable=False))
+    off = rows()[7]
+    keeping.apply(kept())
+    keeping.agent.kill()
+    keeping.agent.wait()
+    (table,) = tables()
+    run("ip", "netns", "exec", "vpn_7", "nft", "delete", "table", "ip", table)
+    with sqlite3.connect(STORE) as store:
+        store.execute("UPDATE cpe_dnsmasq SET conf = ? WHERE vpn_id = 7", (off,))
+
+    keeping.start()
+
+    assert instances() == []
+    assert not pid_file().exists()
+    assert keeping.status()["problems"] == []
+
+
+@pytest.fixture
+def slow_dnsmasq():
+    """Every dnsmasq waits before it begins, until a line is written to the returned path."""
+    gate, real = pathlib.Path("/run/gate"), pathlib.Path("/run/real/dnsmasq")
+    real.parent.mkdir()
+    shutil.copy("/usr/sbin/dnsmasq", real)
+    os.mkfifo(gate)
+    script = pathlib.Path("/run/dnsmasq")
+    script.write_text(f'#!/bin/sh\nread _ < {gate}\nexec {real} "$@"\n')
+    script.chmod(0o755)
+    run("mount", "--bind", script, "/usr/sbin/dnsmasq")
+    yield gate
+    run("umount", "--lazy", "/usr/sbin/dnsmasq")
+    gate.unlink()
+    shutil.rmtree(real.parent)
+
+
+def reached(gate):
+    """The gate, open, when something waits there."""
+    try:
+        return open(os.open(gate, os.O_WRONLY | os.O_NONBLOCK), "wb", buffering=0)
+    except OSError:
+        return None
+
+
+def test_a_crash_right_after_the_launch(keeping, slow_dnsmasq):
+    """The instance that the dead agent launched is not up yet when the next one looks for it."""
+    keeping.apply(kept(enable=False))
+    asking = subprocess.Popen([str(BUILD / "vqctl"), "apply", "-"], stdin=subprocess.PIPE, stderr=subprocess.PIPE,
+                              text=True)
+    with sqlite3.connect(STORE) as other:
+        other.execute("BEGIN EXCLUSIVE")  # what is confirmed once it is stored is not confirmed
+        asking.stdin.write(json.dumps(kept()))
+        asking.stdin.close()
+        gate = wait_until(lambda: reached(slow_dnsmasq), "an instance that is launched")
+        keeping.agent.kill()
+        keeping.agent.wait()
+        other.rollback()
+    assert asking.wait() == 3
+    with gate:
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            starting = pool.submit(keeping.start)
+            wait_until(lambda: keeping.log().count("module /") == 2, "the next agent at work")
+            gate.write(b"go\n")
+            starting.result()
+
+    assert json.loads(rows()[7])["Enable"] is False
+    assert instances() == []
+    assert keeping.status()["problems"] == []
+
+
 def test_persistence_switched_off(box):
     run("rm", "-rf", os.path.dirname(STORE))
-    box.configure(vpn_config(7), persistence=False, store=STORE)
+    box.configure(vpn_config(7), persistence=False, store=str(STORE))
     box.start().apply(kept())
 
     assert not os.path.exists(STORE)
@@ -137,7 +203,7 @@ def test_a_store_that_is_no_database(box):
     os.makedirs(os.path.dirname(STORE), exist_ok=True)
     with open(STORE, "wb") as garbage:
         garbage.write(b"no database at all" * 100)
-    box.configure(vpn_config(7), persistence=True, store=STORE)
+    box.configure(vpn_config(7), persistence=True, store=str(STORE))
     box.start()
 
     said = box.refused(kept())

@@ -34,6 +34,27 @@ def test_an_unknown_operation_is_refused_after_the_files(running):
     assert instances() == []
 
 
+@pytest.mark.parametrize("name", ["a\nport=5353", "eth 0", "../eth0", "\x01"])
+def test_an_interface_name_that_would_not_stay_in_its_line(running, name):
+    running.apply(message())
+    before = files_of()
+    servers = [{"dnsserver": "10.7.0.53"}, {"dnsserver": "10.7.0.54", "ifname": name}]
+
+    for command in ("apply", "check"):
+        said = running.refused(message(dnsservers=servers), command=command)
+        assert "(-22 Invalid argument): dnsservers[1].ifname is not an interface name" in said
+
+    assert files_of() == before
+
+
+def test_a_quoted_domain_forges_no_log_line(running):
+    running.apply(message(dnsproxies=[{"domains": ["a\n<3>ERROR forged\x1b[2J"], "serverips": ["10.7.0.53"]}]))
+
+    quoted = [line for line in running.log().splitlines() if "forged" in line]
+
+    assert quoted and all(line.startswith("    <3>ERROR forged?[2J") for line in quoted), quoted
+
+
 def test_check_applies_nothing(running):
     before = files_of()
 

@@ -4,9 +4,8 @@ import json
 import os
 import sqlite3
 
-from box import DNSMASQ, instances, run
+from box import DNSMASQ, STORE, instances, run
 
-STORE = "/run/kavel-store/agent.db"
 COUNT = 1000
 
 
@@ -28,12 +27,12 @@ def test_a_thousand_stored_vpns_recover_within_300_mib(box):
     os.makedirs(os.path.dirname(STORE), exist_ok=True)
     for vpn in vpns:
         run("ip", "netns", "add", f"vpn_{vpn}")
-    box.configure({"id": 1001}, persistence=True, store=STORE)
+    box.configure({"id": 1001}, persistence=True, store=str(STORE))
     box.start()
     box.stop()
     with sqlite3.connect(STORE) as store:
         store.executemany("INSERT INTO cpe_dnsmasq (vpn_id, conf) VALUES (?, ?)", [(vpn, record(vpn)) for vpn in vpns])
-    box.configure(*({"id": vpn} for vpn in vpns), persistence=True, store=STORE, log="warning")
+    box.configure(*({"id": vpn} for vpn in vpns), persistence=True, store=str(STORE), log="warning")
 
     box.start()
 

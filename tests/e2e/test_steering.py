@@ -2,7 +2,7 @@
 
 import json
 
-from box import alive, ask, expect, instance_pid, instances, message, run
+from box import alive, ask, expect, instance_pid, instances, message, run, tables
 
 NOWHERE = "192.0.2.53"
 
@@ -11,11 +11,6 @@ def dns_rules(vpn=7):
     """The redirects of a VPN's namespace, one text each."""
     listed = json.loads(run("ip", "netns", "exec", f"vpn_{vpn}", "nft", "-j", "list", "ruleset").stdout)
     return [json.dumps(entry["rule"]["expr"]) for entry in listed["nftables"] if "rule" in entry]
-
-
-def tables(vpn=7):
-    listed = json.loads(run("ip", "netns", "exec", f"vpn_{vpn}", "nft", "-j", "list", "tables").stdout)
-    return [entry["table"]["name"] for entry in listed["nftables"] if "table" in entry]
 
 
 def test_a_resolver_that_does_not_exist_is_answered(running):

@@ -1,6 +1,6 @@
 """VPNs side by side: each sees its own names alone."""
 
-from box import ask, expect, instance_pid, instances, message, routes
+from box import ask, expect, instance_pid, instances, message, routes, vpn_config
 
 
 def test_names_stay_in_their_vpn(running):
@@ -32,3 +32,14 @@ def test_one_is_switched_off_and_the_other_answers_on(running):
     assert instance_pid(8) == other
     assert routes(8) == ["10.8.0.53"]
     assert ask("nas.vpn8.example", vpn=8) == ["192.168.8.10"]
+
+
+def test_a_vpn_without_lan_interfaces_asks_by_its_ordinary_routes(box):
+    box.configure(vpn_config(7, lan=[]))
+    box.start()
+
+    box.apply(message(dnsservers=[{"dnsserver": "203.0.113.53"}]))
+
+    expect("198.51.100.10", "www.example.net")
+    assert routes() == ["203.0.113.53"]
+    assert box.status()["problems"] == []
