@@ -1,6 +1,37 @@
 #include "failures.h"
 
+#include <algorithm>
+
 namespace fakehost {
+
+const char *TextOf(Shortage Lack)
+{
+    switch (Lack) {
+    case Shortage::None:
+        return "nothing lacks";
+    case Shortage::OneBelowSize:
+        return "a text one below the size";
+    case Shortage::AtSize:
+        return "a text of the size";
+    case Shortage::OneAboveSize:
+        return "a text one above the size";
+    case Shortage::FewerBytes:
+        return "half of the bytes";
+    case Shortage::NoBytes:
+        return "no bytes";
+    case Shortage::ByteByByte:
+        return "byte by byte";
+    case Shortage::ReadError:
+        return "a read error";
+    case Shortage::FewerNames:
+        return "half of the names";
+    case Shortage::Empty:
+        return "an empty list";
+    case Shortage::Hollow:
+        return "a list without what it promises";
+    }
+    return "";
+}
 
 void Failures::Clear()
 {
@@ -14,14 +45,16 @@ std::size_t Failures::CallsOf(const std::string &Service) const
     return Found == m_CallsByName.end() ? 0 : Found->second;
 }
 
-std::optional<int> Failures::NextCounted(const std::string &Service)
+std::optional<Fault> Failures::NextCounted(const std::string &Service, std::span<const Shortage> Known)
 {
     const std::size_t Nth = ++m_Calls;
     const std::optional<int> Named = NextNamed(Service);
     if (Named.has_value()) {
-        return Named;
+        return Fault(*Named);
     }
-    return m_Nth.Contains(Nth) ? std::optional(m_Nth.Error) : std::nullopt;
+    const Shortage Lack = m_Nth.How.Lack();
+    const bool IsKnown = Lack == Shortage::None || std::find(Known.begin(), Known.end(), Lack) != Known.end();
+    return m_Nth.Contains(Nth) && IsKnown ? std::optional(m_Nth.How) : std::nullopt;
 }
 
 std::optional<int> Failures::NextNamed(const std::string &Service)
@@ -33,7 +66,7 @@ std::optional<int> Failures::NextNamed(const std::string &Service)
     }
     for (const Range &Each : Found->second) {
         if (Each.Contains(Nth)) {
-            return Each.Error;
+            return Each.How.Error();
         }
     }
     return std::nullopt;

@@ -14,18 +14,19 @@ namespace {
 struct StreamContent {
     std::FILE *Stream;
     std::string Bytes;
-    bool Unreadable;
+    Shortage Lack;
     std::size_t Position;
 };
 
 ssize_t ReadContent(void *Cookie, char *Buffer, std::size_t Size)
 {
     auto *Content = static_cast<StreamContent *>(Cookie);
-    if (Content->Unreadable) {
+    if (Content->Lack == Shortage::ReadError) {
         errno = EIO;
         return -1;
     }
-    const std::size_t Length = std::min(Size, Content->Bytes.size() - Content->Position);
+    const std::size_t Most = Content->Lack == Shortage::ByteByByte ? std::min<std::size_t>(Size, 1) : Size;
+    const std::size_t Length = std::min(Most, Content->Bytes.size() - Content->Position);
     std::copy_n(Content->Bytes.begin() + static_cast<std::ptrdiff_t>(Content->Position), Length, Buffer);
     Content->Position += Length;
     return static_cast<ssize_t>(Length);
@@ -122,14 +123,18 @@ int FileTree::MakeDirectory(const std::string &Path)
     return 0;
 }
 
-std::FILE *FileTree::Open(const std::string &Path)
+std::FILE *FileTree::Open(const std::string &Path, Shortage Lack)
 {
-    const std::optional<std::string> Bytes = Content(Path);
+    std::optional<std::string> Bytes = Content(Path);
     if (!Bytes.has_value()) {
         errno = ENOENT;
         return nullptr;
     }
-    auto Cookie = std::make_unique<StreamContent>(StreamContent{nullptr, *Bytes, m_Unreadable.contains(Path), 0});
+    if (Lack == Shortage::FewerBytes || Lack == Shortage::NoBytes) {
+        Bytes->resize(Lack == Shortage::FewerBytes ? Bytes->size() / 2 : 0);
+    }
+    const Shortage Told = m_Unreadable.contains(Path) ? Shortage::ReadError : Lack;
+    auto Cookie = std::make_unique<StreamContent>(StreamContent{nullptr, std::move(*Bytes), Told, 0});
     const cookie_io_functions_t Functions{ReadContent, nullptr, nullptr, CloseContent};
     std::FILE *Stream = fopencookie(Cookie.get(), "r", Functions);
     Cookie->Stream = Stream;

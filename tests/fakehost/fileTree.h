@@ -14,6 +14,8 @@
 #include <string_view>
 #include <vector>
 
+#include "failures.h"
+
 namespace fakehost {
 
 class Host;
@@ -60,7 +62,8 @@ class FileTree {
     int Remove(const std::string &Path);
     int MakeDirectory(const std::string &Path);
 
-    std::FILE *Open(const std::string &Path);
+    // `Lack`: what becomes of the content when it is read.
+    std::FILE *Open(const std::string &Path, Shortage Lack);
     void Closed(std::FILE *Stream) { m_Streams.erase(Stream); }
     OpenDirectory *OpenDirectoryAt(const std::string &Path);
     OpenDirectory *Find(DIR *Handle);

@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -32,10 +33,19 @@
 
 namespace fakehost {
 
-// A call that was made to fail: as it stands in the journal, and the how manieth of its service it was.
+// A call that can fail: as it stands in the journal, and the how manieth of its service it is.
+struct CountedCall {
+    std::string Text;
+    std::size_t Nth;
+    std::span<const Shortage> Known;
+};
+
+// A call that was made to fail.
 struct FailedCall {
     std::string Text;
     std::size_t Nth;
+    Fault How;
+    std::size_t Recorded; // entries of the journal up to it and with it
 };
 
 class Host {
@@ -77,16 +87,29 @@ class Host {
     // Violations so far with whatever is not released. A host that goes without being asked aborts if there is one.
     std::vector<std::string> Verify();
 
-    // A counted call enters: it is recorded, and the error with which it has to fail is returned.
+    // A counted call enters: it is recorded, and how it has to fail is returned. `Known`: the shortages of its service,
+    // in storage that outlives the host.
+    template <typename... Args>
+    std::optional<Fault> EnterWith(std::span<const Shortage> Known, EntryKind Kind, const char *Name,
+                                   const Args &...Arguments)
+    {
+        Note(Kind, Name, Arguments...);
+        const std::optional<Fault> How = Failures.NextCounted(Name, Known);
+        if (m_KeepCounted) {
+            m_Counted.push_back({Describe(Name, Arguments...), Failures.CallsOf(Name), Known});
+        }
+        if (How.has_value()) {
+            m_Failed.push_back({Describe(Name, Arguments...), Failures.CallsOf(Name), *How, Calls.Entries().size()});
+        }
+        return How;
+    }
+
+    // The same for a service without shortages: the error with which it has to fail.
     template <typename... Args>
     std::optional<int> Enter(EntryKind Kind, const char *Name, const Args &...Arguments)
     {
-        Note(Kind, Name, Arguments...);
-        const std::optional<int> Error = Failures.NextCounted(Name);
-        if (Error.has_value()) {
-            m_Failed.push_back({Describe(Name, Arguments...), Failures.CallsOf(Name)});
-        }
-        return Error;
+        const std::optional<Fault> How = EnterWith({}, Kind, Name, Arguments...);
+        return How.has_value() ? std::optional(How->Error()) : std::nullopt;
     }
 
     // A call that cannot fail.
@@ -101,12 +124,17 @@ class Host {
     [[nodiscard]] int Success(const char *Name) const;
     // The calls that were made to fail, in order, whether recorded or not.
     [[nodiscard]] const std::vector<FailedCall> &Failed() const { return m_Failed; }
+    // Every call that can fail is to be kept.
+    void KeepCounted() { m_KeepCounted = true; }
+    [[nodiscard]] const std::vector<CountedCall> &Counted() const { return m_Counted; }
 
   private:
     void RunHook(const char *Name);
 
     std::vector<std::string> m_Violations;
     std::vector<FailedCall> m_Failed;
+    std::vector<CountedCall> m_Counted;
+    bool m_KeepCounted = false;
     bool m_Verified = false;
 };
 

@@ -69,22 +69,39 @@ void Interfaces::ReportLeaks()
 
 using fakehost::EntryKind;
 using fakehost::ErrnoKept;
+using fakehost::Fault;
 using fakehost::Host;
+using fakehost::Shortage;
+
+namespace {
+
+constexpr std::array kListsLack{Shortage::Empty, Shortage::Hollow};
+
+VQ_LIST_HEAD *LackingList(Host &Here, Fault How, uint32_t *Count)
+{
+    if (How.Lack() == Shortage::None) {
+        return nullptr;
+    }
+    *Count = How.Lack() == Shortage::Hollow ? 1 : 0;
+    return Here.Netio.MakeEmptyList();
+}
+
+} // namespace
 
 VQ_LIST_HEAD *VQ_RtcNetioWanGetAllByVpnId(uint32_t *Count, uint32_t VpnId)
 {
     const ErrnoKept Kept;
     Host &Here = Host::Current();
-    const bool Fails = Here.Enter(EntryKind::World, "VQ_RtcNetioWanGetAllByVpnId", VpnId).has_value();
-    return Fails ? nullptr : Here.Netio.MakeWanList(Count, VpnId);
+    const std::optional<Fault> How = Here.EnterWith(kListsLack, EntryKind::World, "VQ_RtcNetioWanGetAllByVpnId", VpnId);
+    return How.has_value() ? LackingList(Here, *How, Count) : Here.Netio.MakeWanList(Count, VpnId);
 }
 
 VQ_LIST_HEAD *VQ_RtcNetioLanGetAllByVpnId(uint32_t *Count, uint32_t VpnId)
 {
     const ErrnoKept Kept;
     Host &Here = Host::Current();
-    const bool Fails = Here.Enter(EntryKind::World, "VQ_RtcNetioLanGetAllByVpnId", VpnId).has_value();
-    return Fails ? nullptr : Here.Netio.MakeLanList(Count, VpnId);
+    const std::optional<Fault> How = Here.EnterWith(kListsLack, EntryKind::World, "VQ_RtcNetioLanGetAllByVpnId", VpnId);
+    return How.has_value() ? LackingList(Here, *How, Count) : Here.Netio.MakeLanList(Count, VpnId);
 }
 
 void VQ_RtcNetioNodeListRelease(VQ_LIST_HEAD *List)

@@ -39,6 +39,8 @@ class Interfaces {
 
     VQ_LIST_HEAD *MakeLanList(uint32_t *Count, uint32_t VpnId);
     VQ_LIST_HEAD *MakeWanList(uint32_t *Count, uint32_t VpnId);
+    // A list that is without members, whatever its VPN has.
+    VQ_LIST_HEAD *MakeEmptyList() { return &NewList().Head; }
     void Release(VQ_LIST_HEAD *List);
     [[nodiscard]] std::size_t ListsInUse() const { return m_Lists.size(); }
     void ReportLeaks();

@@ -1,4 +1,5 @@
 // The C library calls on files and directories. Without a host they serve the test framework.
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
@@ -10,9 +11,11 @@
 
 using fakehost::EntryKind;
 using fakehost::ErrnoKept;
+using fakehost::Fault;
 using fakehost::Host;
 using fakehost::OpenDirectory;
 using fakehost::Quoted;
+using fakehost::Shortage;
 
 extern "C" {
 std::FILE *__real_fopen(const char *Path, const char *Mode);
@@ -51,18 +54,22 @@ std::FILE *__wrap_fopen(const char *Path, const char *Mode)
     if (Here == nullptr) {
         return __real_fopen(Path, Mode);
     }
-    const std::optional<int> Error = Here->Enter(EntryKind::World, "fopen", Quoted{Path}, Quoted{Mode});
-    if (!std::string_view(Mode).starts_with('r') || std::string_view(Mode).find('+') != std::string_view::npos) {
-        Here->Violation(std::string("fopen for writing: ") + Path);
-    }
-    if (Error.has_value()) {
-        static_cast<void>(Told(*Error));
-        return nullptr;
-    }
     if (std::string_view(Path) == "/proc/net/tcp") {
         Here->Netns.ShowTcpTable();
     }
-    return Here->Files.Open(Path);
+    static constexpr std::array Known{Shortage::FewerBytes, Shortage::NoBytes, Shortage::ByteByByte,
+                                      Shortage::ReadError};
+    const std::span<const Shortage> CanLack =
+        Here->Files.Content(Path).has_value() ? std::span<const Shortage>(Known) : std::span<const Shortage>();
+    const std::optional<Fault> How = Here->EnterWith(CanLack, EntryKind::World, "fopen", Quoted{Path}, Quoted{Mode});
+    if (!std::string_view(Mode).starts_with('r') || std::string_view(Mode).find('+') != std::string_view::npos) {
+        Here->Violation(std::string("fopen for writing: ") + Path);
+    }
+    if (How.has_value() && How->Lack() == Shortage::None) {
+        static_cast<void>(Told(How->Error()));
+        return nullptr;
+    }
+    return Here->Files.Open(Path, How.value_or(Fault()).Lack());
 }
 
 DIR *__wrap_opendir(const char *Path)
@@ -71,13 +78,18 @@ DIR *__wrap_opendir(const char *Path)
     if (Here == nullptr) {
         return __real_opendir(Path);
     }
-    const std::optional<int> Error = Here->Enter(EntryKind::World, "opendir", Quoted{Path});
-    if (Error.has_value()) {
-        static_cast<void>(Told(*Error));
+    static constexpr std::array Known{Shortage::FewerNames};
+    const std::optional<Fault> How = Here->EnterWith(Known, EntryKind::World, "opendir", Quoted{Path});
+    if (How.has_value() && How->Lack() == Shortage::None) {
+        static_cast<void>(Told(How->Error()));
         return nullptr;
     }
+    OpenDirectory *Opened = Here->Files.OpenDirectoryAt(Path);
+    if (How.has_value() && Opened != nullptr) {
+        Opened->Names.resize(Opened->Names.size() / 2);
+    }
     // DIR is opaque, and ours is not the library's.
-    return reinterpret_cast<DIR *>(Here->Files.OpenDirectoryAt(Path));
+    return reinterpret_cast<DIR *>(Opened);
 }
 
 dirent *__wrap_readdir(DIR *Handle)

@@ -66,7 +66,10 @@ void *MemoryBook::Allocate(std::size_t Size, bool Zeroed)
     if (Block == nullptr) {
         Block = Zeroed ? std::calloc(1, Size) : std::malloc(Size);
     }
-    if (!Zeroed && m_FillFreshBytes && Block != nullptr) {
+    if (Block == nullptr) {
+        return nullptr;
+    }
+    if (!Zeroed && m_FillFreshBytes) {
         std::memset(Block, Pattern, Size);
     }
     m_Blocks.emplace(Block, Size);

@@ -20,6 +20,7 @@ class Namespaces {
     void SetPrefix(const std::string &Prefix) { m_Prefix = Prefix; }
     // A VPN that the host does not know.
     void Forget(uint32_t VpnId) { m_Unknown.insert(VpnId); }
+    [[nodiscard]] bool Knows(uint32_t VpnId) const { return !m_Unknown.contains(VpnId); }
     // The table of a namespace (0: the box's own); without one the file cannot be opened there.
     void PutTcpTable(uint32_t VpnId, const std::string &Text) { m_TcpTables[VpnId] = Text; }
     // A table whose sockets hold the port, beside others.

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 
@@ -35,7 +36,7 @@ void Namespaces::PutListener(uint32_t VpnId, uint16_t Port)
 
 int Namespaces::WritePrefix(uint32_t VpnId, char *Buffer, std::size_t Size)
 {
-    if (m_Unknown.contains(VpnId)) {
+    if (!Knows(VpnId)) {
         return -ENOENT;
     }
     const std::string Prefix = m_Prefix.empty() ? "ip netns exec vpn_" + std::to_string(VpnId) + ' ' : m_Prefix;
@@ -48,7 +49,7 @@ int Namespaces::Enter(uint32_t VpnId, int *SavedNs)
     if (*SavedNs != -1) {
         m_Host.Violation("a namespace handle that does not start at -1");
     }
-    if (m_Unknown.contains(VpnId)) {
+    if (!Knows(VpnId)) {
         return -ENOENT;
     }
     *SavedNs = m_NextHandle++;
@@ -93,14 +94,35 @@ void Namespaces::ReportLeaks()
 
 using fakehost::EntryKind;
 using fakehost::ErrnoKept;
+using fakehost::Fault;
 using fakehost::Host;
+using fakehost::Shortage;
+
+namespace {
+
+// A prefix that is about as long as its buffer.
+int WriteLongPrefix(Shortage Lack, char *Buffer, std::size_t Size)
+{
+    const std::size_t Below = Lack == Shortage::OneBelowSize ? 1 : 0;
+    const std::size_t Above = Lack == Shortage::OneAboveSize ? 1 : 0;
+    const std::string Prefix = std::string(Size + Above - Below - 1, 'p') + ' ';
+    static_cast<void>(std::snprintf(Buffer, Size, "%s", Prefix.c_str()));
+    return static_cast<int>(Prefix.size());
+}
+
+} // namespace
 
 VQ_ERR_T VQ_RtcGetNetNsExecCmdPrefix(uint32_t VpnId, char *Buffer, size_t Size)
 {
     const ErrnoKept Kept;
     Host &Here = Host::Current();
-    const std::optional<int> Error = Here.Enter(EntryKind::World, "VQ_RtcGetNetNsExecCmdPrefix", VpnId, Size);
-    return Error.has_value() ? *Error : Here.Netns.WritePrefix(VpnId, Buffer, Size);
+    static constexpr std::array Known{Shortage::OneBelowSize, Shortage::AtSize, Shortage::OneAboveSize};
+    const std::optional<Fault> How =
+        Here.EnterWith(Known, EntryKind::World, "VQ_RtcGetNetNsExecCmdPrefix", VpnId, Size);
+    if (!How.has_value()) {
+        return Here.Netns.WritePrefix(VpnId, Buffer, Size);
+    }
+    return How->Lack() == Shortage::None ? How->Error() : WriteLongPrefix(How->Lack(), Buffer, Size);
 }
 
 VQ_ERR_T VQ_RtcNetNsSaveAndSwitch(uint32_t VpnId, int *SavedNs)

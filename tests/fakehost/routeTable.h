@@ -13,12 +13,17 @@
 
 namespace fakehost {
 
+struct NextHop {
+    uint32_t Gateway; // 0: bound to the interface only
+    std::string Interface;
+};
+
 struct Route {
     uint32_t VpnId;
     uint32_t TableId;
     uint32_t Target;
     uint8_t Mask;
-    std::string Interface;
+    std::vector<NextHop> Hops;
 
     // Two routes to one target in one table are the same route.
     bool operator<(const Route &Other) const
@@ -37,8 +42,9 @@ struct RouteText {
 class RouteTable {
   public:
     int Add(uint32_t VpnId, const VQ_RTC_ROUTE_CONF &Description);
+    // A hop selects by what it names; a description that names neither a target nor a hop selects the whole table.
     int Delete(uint32_t VpnId, const VQ_RTC_ROUTE_CONF &Description);
-    // "10.1.1.1/32 dev lan0", by address.
+    // "10.1.1.1/32 dev lan0", with "via 10.7.0.2" before the interface of a hop that has a gateway; by address.
     [[nodiscard]] std::vector<std::string> Of(uint32_t VpnId, uint32_t TableId) const;
 
   private:

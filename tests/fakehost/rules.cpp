@@ -8,6 +8,11 @@ namespace fakehost {
 void RuleTable::Add(const VQ_CONF_RULE &Rule, uint16_t Op, BOOL Flag1, BOOL Flag2)
 {
     m_Adds.push_back({Rule, Op, Flag1, Flag2});
+    // An id is unique within table and zone: whoever owned it before does not any more.
+    std::erase_if(m_InForce, [&](const auto &Each) {
+        const auto &[Table, Zone, Id, Customer] = Each.first;
+        return Table == TableOf(Op) && Zone == Rule.Zone && Id == Rule.Id;
+    });
     m_InForce.insert_or_assign({TableOf(Op), Rule.Zone, Rule.Id, Rule.CustomerId}, Rule);
 }
 
@@ -31,6 +36,9 @@ VQ_ERR_T VQ_RtcRuleConfAdd(VQ_CONF_RULE *Rule, uint16_t Op, BOOL Flag1, BOOL Fla
                    static_cast<uint32_t>(Flag1), static_cast<uint32_t>(Flag2));
     if (Error.has_value()) {
         return *Error;
+    }
+    if (!Here.Netns.Knows(Rule->VpnId)) {
+        return -ENOENT;
     }
     Here.Rules.Add(*Rule, Op, Flag1, Flag2);
     return Here.Success("VQ_RtcRuleConfAdd");

@@ -1,5 +1,6 @@
 #include "store.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -61,14 +62,21 @@ VQ_PersistentConfList *Store::Read(VQ_SQL_CONF_TBL Table)
     if (Conversions.DnsmasqStrToConf == nullptr) {
         return nullptr;
     }
-    auto List = std::make_unique<VQ_PersistentConfList>();
-    CDS_INIT_LIST_HEAD(&List->Head);
+    VQ_PersistentConfList *List = MakeEmptyList(0);
     for (const auto &[Row, Text] : Rows) {
         if (Row.first == Table) {
             Append(*List, Text);
         }
     }
     List->Count = Count.value_or(List->Count);
+    return List;
+}
+
+VQ_PersistentConfList *Store::MakeEmptyList(int32_t Told)
+{
+    auto List = std::make_unique<VQ_PersistentConfList>();
+    CDS_INIT_LIST_HEAD(&List->Head);
+    List->Count = Told;
     m_Lists.insert(List.get());
     return List.release();
 }
@@ -104,8 +112,10 @@ void Store::ReportLeaks()
 
 using fakehost::EntryKind;
 using fakehost::ErrnoKept;
+using fakehost::Fault;
 using fakehost::Host;
 using fakehost::Quoted;
+using fakehost::Shortage;
 
 BOOL VQ_IsPersistentConfEnable(void)
 {
@@ -141,9 +151,13 @@ VQ_PersistentConfList *VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_TBL Table)
 {
     const ErrnoKept Kept;
     Host &Here = Host::Current();
-    const bool Fails =
-        Here.Enter(EntryKind::World, "VQ_SqliteGetDnsMasqConf", static_cast<uint32_t>(Table)).has_value();
-    return Fails ? nullptr : Here.Rows.Read(Table);
+    static constexpr std::array Known{Shortage::Empty, Shortage::Hollow};
+    const std::optional<Fault> How =
+        Here.EnterWith(Known, EntryKind::World, "VQ_SqliteGetDnsMasqConf", static_cast<uint32_t>(Table));
+    if (!How.has_value()) {
+        return Here.Rows.Read(Table);
+    }
+    return How->Lack() == Shortage::None ? nullptr : Here.Rows.MakeEmptyList(How->Lack() == Shortage::Hollow ? 1 : 0);
 }
 
 void VQ_SqliteConfListRelease(VQ_PersistentConfList *List)

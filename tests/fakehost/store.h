@@ -37,6 +37,8 @@ class Store {
     int Carry(uint32_t VpnId, const char *Text, VQ_SQL_CONF_OP Op, VQ_SQL_CONF_TBL Table);
     // Rows that cannot be converted are left out; null without a conversion.
     VQ_PersistentConfList *Read(VQ_SQL_CONF_TBL Table);
+    // A list without records that tells of `Told`.
+    VQ_PersistentConfList *MakeEmptyList(int32_t Told);
     void Release(VQ_PersistentConfList *List);
     [[nodiscard]] std::size_t ListsInUse() const { return m_Lists.size(); }
     void ReportLeaks();

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <arpa/inet.h>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -9,15 +10,27 @@
 
 using fakehost::EntryKind;
 using fakehost::ErrnoKept;
+using fakehost::Fault;
 using fakehost::Host;
 using fakehost::Quoted;
+using fakehost::Shortage;
 
 namespace {
 
-// The length that says of any text that it did not fit `Size` bytes.
-size_t TooLong(size_t Size, size_t Length)
+// An error says of any text that it does not fit.
+constexpr std::array kOtherLengths{Shortage::OneBelowSize, Shortage::OneAboveSize};
+
+// What is told of a text of `Length` characters for a buffer of `Size` bytes.
+size_t Told(const std::optional<Fault> &How, size_t Size, size_t Length)
 {
-    return std::max(Size, Length);
+    if (!How.has_value()) {
+        return Length;
+    }
+    if (How->Lack() == Shortage::OneBelowSize) {
+        // Of a text that was cut nobody says that it fits.
+        return Length < Size ? Size - 1 : Length;
+    }
+    return std::max(How->Lack() == Shortage::OneAboveSize ? Size + 1 : Size, Length);
 }
 
 } // namespace
@@ -30,23 +43,23 @@ size_t VQ_SNPrintf(char *Buffer, size_t Size, const char *Format, ...)
     va_start(Args, Format);
     const auto Length = static_cast<size_t>(std::vsnprintf(Buffer, Size, Format, Args));
     va_end(Args);
-    const bool Fails =
-        Here.Enter(EntryKind::Text, "VQ_SNPrintf", Size, Quoted{Size == 0 ? nullptr : Buffer}).has_value();
-    return Fails ? TooLong(Size, Length) : Length;
+    const auto How =
+        Here.EnterWith(kOtherLengths, EntryKind::Text, "VQ_SNPrintf", Size, Quoted{Size == 0 ? nullptr : Buffer});
+    return Told(How, Size, Length);
 }
 
 size_t VQ_SafeStrCopy(char *Target, size_t Size, const char *Source)
 {
     const ErrnoKept Kept;
     Host &Here = Host::Current();
-    const bool Fails = Here.Enter(EntryKind::Text, "VQ_SafeStrCopy", Size, Quoted{Source}).has_value();
+    const auto How = Here.EnterWith(kOtherLengths, EntryKind::Text, "VQ_SafeStrCopy", Size, Quoted{Source});
     const size_t Length = std::strlen(Source);
     if (Size > 0) {
         const size_t Copied = std::min(Length, Size - 1);
         std::memcpy(Target, Source, Copied);
         Target[Copied] = '\0';
     }
-    return Fails ? TooLong(Size, Length) : Length;
+    return Told(How, Size, Length);
 }
 
 char *VQ_SafeStrGetIp4Addr(const char *Text, size_t Size, uint32_t *Ip)
@@ -75,7 +88,7 @@ int VQ_IPNum2IPStr(const uint32_t Ip, const uint32_t Flag, char *Buffer, uint32_
     if (Error.has_value()) {
         return *Error;
     }
-    static_cast<void>(
-        std::snprintf(Buffer, Size, "%u.%u.%u.%u", Ip >> 24U, (Ip >> 16U) & 255U, (Ip >> 8U) & 255U, Ip & 255U));
-    return Here.Success("VQ_IPNum2IPStr");
+    const int Length =
+        std::snprintf(Buffer, Size, "%u.%u.%u.%u", Ip >> 24U, (Ip >> 16U) & 255U, (Ip >> 8U) & 255U, Ip & 255U);
+    return static_cast<uint32_t>(Length) < Size ? Here.Success("VQ_IPNum2IPStr") : -EOVERFLOW;
 }

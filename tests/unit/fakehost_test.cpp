@@ -273,6 +273,72 @@ TEST_F(FakeHost, FailsEveryCountedCallFromTheNthOn)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
+// A shortage is no error; a service that does not know it answers as ever.
+TEST_F(FakeHost, GivesFewerBytesThanThereAre)
+{
+    Host.Failures.FailFrom(1, fakehost::Shortage::FewerBytes);
+    EXPECT_EQ(VQ_WriteSyncWithFilePath("/var/run/x", "text", 4), 2);
+    EXPECT_EQ(Host.Files.Content("/var/run/x"), "te");
+    std::FILE *Stream = std::fopen("/var/run/x", "re");
+    ASSERT_NE(Stream, nullptr);
+    char Text[8] = {};
+    EXPECT_EQ(std::fread(Text, 1, sizeof(Text), Stream), 1U);
+    EXPECT_EQ(std::fclose(Stream), 0);
+    EXPECT_EQ(VQ_CreateFilePath("/var/run/y"), 0);
+    EXPECT_THAT(Host.Failed(), SizeIs(2));
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, ReadsByteByByteOrNotAtAll)
+{
+    Host.Files.Put("/var/run/x", "text");
+    for (const auto &[Lack, Length] :
+         {std::pair(fakehost::Shortage::ByteByByte, 4U), std::pair(fakehost::Shortage::NoBytes, 0U),
+          std::pair(fakehost::Shortage::ReadError, 0U)}) {
+        Host.Failures.FailFrom(1, Lack);
+        std::FILE *Stream = std::fopen("/var/run/x", "re");
+        ASSERT_NE(Stream, nullptr);
+        char Text[8] = {};
+        EXPECT_EQ(std::fread(Text, 1, sizeof(Text), Stream), Length);
+        EXPECT_EQ(std::ferror(Stream) != 0, Lack == fakehost::Shortage::ReadError);
+        EXPECT_EQ(std::fclose(Stream), 0);
+    }
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, TellsLengthsAroundTheSize)
+{
+    char Buffer[8];
+    Host.Failures.FailFrom(1, fakehost::Shortage::OneBelowSize);
+    EXPECT_EQ(VQ_SNPrintf(Buffer, sizeof(Buffer), "x"), 7U);
+    EXPECT_EQ(VQ_SNPrintf(Buffer, sizeof(Buffer), "longer than it"), 14U);
+    EXPECT_EQ(VQ_RtcGetNetNsExecCmdPrefix(7, Buffer, sizeof(Buffer)), 7);
+    EXPECT_STREQ(Buffer, "pppppp ");
+    Host.Failures.FailFrom(1, fakehost::Shortage::OneAboveSize);
+    EXPECT_EQ(VQ_SafeStrCopy(Buffer, sizeof(Buffer), "x"), 9U);
+    EXPECT_EQ(VQ_RtcGetNetNsExecCmdPrefix(7, Buffer, sizeof(Buffer)), 9);
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
+TEST_F(FakeHost, GivesListsWithoutMembers)
+{
+    Host.Netio.SetLans(7, {{"lan0"}});
+    for (const auto &[Lack, Told] :
+         {std::pair(fakehost::Shortage::Empty, 0U), std::pair(fakehost::Shortage::Hollow, 1U)}) {
+        Host.Failures.FailFrom(1, Lack);
+        uint32_t Count = 7;
+        VQ_LIST_HEAD *Lans = VQ_RtcNetioLanGetAllByVpnId(&Count, 7);
+        EXPECT_EQ(Count, Told);
+        EXPECT_EQ(Lans->next, Lans);
+        VQ_RtcNetioNodeListRelease(Lans);
+        VQ_PersistentConfList *Rows = VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_CPE_DNSMASQ);
+        EXPECT_EQ(Rows->Count, static_cast<int32_t>(Told));
+        EXPECT_EQ(Rows->Head.next, &Rows->Head);
+        VQ_SqliteConfListRelease(Rows);
+    }
+    EXPECT_THAT(Host.Verify(), IsEmpty());
+}
+
 TEST_F(FakeHost, RecordsNothingWhenAskedTo)
 {
     Host.RecordNothing();

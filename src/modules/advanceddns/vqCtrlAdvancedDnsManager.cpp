@@ -135,7 +135,7 @@ static VQ_ERR_T _VQCtrl_WriteDnsLines(const char *Function, const DnsFile &File,
         }
         Length += LineLength;
     }
-    const VQ_ERR_T Result = VQ_WriteSyncWithFilePath(Path, Content, Length);
+    const VQ_ERR_T Result = VQ_WriteSyncWithFilePath(Path, Content, strlen(Content));
     if (Result < 0) {
         VQ_CTRL_LOG_ERROR_TEXT(Function, File.WriteFailed, VQ_CTRL_LOG_REASON(Result));
     }
