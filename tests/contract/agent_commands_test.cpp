@@ -1,0 +1,185 @@
+// The shell that runs the module's commands, and what the agent ends or leaves alone.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "contract_test.h"
+#include "process_lab.h"
+#include "unique_fd.h"
+#include "vqProcess.h"
+
+namespace kavel::contract {
+namespace {
+
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr const char *kOutput = "/etc/kavel/dnsmasq/output";
+
+std::int32_t Execute(std::string command)
+{
+    return VQ_CmdExec(command.data());
+}
+
+// A command that goes on in the background after its shell has ended.
+class Background {
+  public:
+    explicit Background(World &world)
+    {
+        EXPECT_EQ(Execute(std::string("sleep infinity & echo $! > ") + kOutput), 0);
+        pid_ = std::stoi(world.ReadFile(kOutput).value_or("0"));
+    }
+    Background(const Background &) = delete;
+    Background &operator=(const Background &) = delete;
+    ~Background()
+    {
+        if (pid_ > 1) {
+            ::kill(pid_, SIGKILL);
+        }
+    }
+
+    [[nodiscard]] bool IsRunning() const { return ProcessLab::IsRunning(pid_); }
+    [[nodiscard]] std::string Proc(const std::string &name) const
+    {
+        return "/proc/" + std::to_string(pid_) + "/" + name;
+    }
+    [[nodiscard]] std::vector<std::string> Descriptors() const
+    {
+        std::vector<std::string> found;
+        for (const auto &entry : std::filesystem::directory_iterator(Proc("fd"))) {
+            found.push_back(entry.path().filename().string() + " " + std::filesystem::read_symlink(entry).string());
+        }
+        std::ranges::sort(found);
+        return found;
+    }
+    // A set of signals out of its status.
+    [[nodiscard]] std::uint64_t Signals(const std::string &set) const
+    {
+        std::ifstream status(Proc("status"));
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with(set + ":")) {
+                return std::stoull(line.substr(set.size() + 1), nullptr, 16);
+            }
+        }
+        ADD_FAILURE() << "no " << set;
+        return 0;
+    }
+
+  private:
+    pid_t pid_ = 0;
+};
+
+class Commands : public ContractTest {};
+
+TEST_F(Commands, ThatFailAreAnInputOutputError)
+{
+    for (const char *const command : {"false", "exit 3", "exit 255", "no-such-command", "if", "kill -KILL $$"}) {
+        EXPECT_EQ(Execute(command), -EIO) << command;
+    }
+}
+
+TEST_F(Commands, ThatCannotBeRunTellWhy)
+{
+    EXPECT_EQ(Execute("true " + std::string(300000, 'x')), -E2BIG);
+    EXPECT_EQ(VQ_CmdExec(nullptr), -EINVAL);
+}
+
+TEST_F(Commands, AreWaitedFor)
+{
+    EXPECT_EQ(Execute(std::string("echo done > ") + kOutput), 0);
+    EXPECT_EQ(world().ReadFile(kOutput), "done\n");
+    siginfo_t info{};
+    EXPECT_EQ(::waitid(P_ALL, 0, &info, WEXITED | WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+TEST_F(Commands, AreWholeLinesOfTheShell)
+{
+    EXPECT_EQ(
+        Execute(std::string("a='one two'; [ \"$a\" = 'one two' ] && true | cat; false || echo \"$a\" > ") + kOutput),
+        0);
+    EXPECT_EQ(world().ReadFile(kOutput), "one two\n");
+}
+
+TEST_F(Commands, AreNotWaitedForInTheBackground)
+{
+    const Background sleeper(world());
+    EXPECT_TRUE(sleeper.IsRunning());
+}
+
+TEST_F(Commands, HaveNoneOfTheAgentsDescriptorsAndStreams)
+{
+    const UniqueFd inherited(::open("/etc/hostname", O_RDONLY));
+    ASSERT_TRUE(inherited);
+    const UniqueFd high(::fcntl(inherited.Get(), F_DUPFD, 700));
+    ASSERT_TRUE(high);
+    const Background sleeper(world());
+    EXPECT_THAT(sleeper.Descriptors(), ElementsAre("0 /dev/null", "1 /dev/null", "2 /dev/null"));
+}
+
+TEST_F(Commands, WriteNothingWhereTheAgentLogs)
+{
+    const std::string logged = world().LoggedBy([] { EXPECT_EQ(Execute("echo noise; echo noise >&2"), 0); });
+    EXPECT_THAT(logged, Not(HasSubstr("noise")));
+}
+
+TEST_F(Commands, HaveNoneOfTheAgentsSignalSettings)
+{
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    ::sigprocmask(SIG_BLOCK, &blocked, &before);
+    const auto pipe = ::signal(SIGPIPE, SIG_IGN);
+    const Background sleeper(world());
+    ::signal(SIGPIPE, pipe);
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_EQ(sleeper.Signals("SigBlk"), 0U);
+    EXPECT_EQ(sleeper.Signals("SigIgn") & (1ULL << (SIGPIPE - 1) | 1ULL << (SIGTERM - 1)), 0U);
+}
+
+TEST_F(Commands, HaveASessionAndADirectoryOfTheirOwn)
+{
+    EXPECT_EQ(Execute(std::string("ps -o sid= -p $$ > ") + kOutput + "; pwd >> " + kOutput), 0);
+    std::istringstream words(world().ReadFile(kOutput).value_or(""));
+    pid_t session = 0;
+    std::string directory;
+    words >> session >> directory;
+    EXPECT_NE(session, ::getsid(0));
+    EXPECT_EQ(directory, "/");
+}
+
+TEST_F(Commands, DoNotSpeakForTheAgent)
+{
+    ::setenv("NOTIFY_SOCKET", "/run/nobody", 1);
+    ::setenv("KAVEL_CONTRACT", "kept", 1);
+    EXPECT_EQ(Execute(std::string("echo \"$NOTIFY_SOCKET-$KAVEL_CONTRACT\" > ") + kOutput), 0);
+    ::unsetenv("NOTIFY_SOCKET");
+    ::unsetenv("KAVEL_CONTRACT");
+    EXPECT_EQ(world().ReadFile(kOutput), "-kept\n");
+}
+
+// A pid file may name a process that has taken the number of an instance.
+TEST_F(Commands, AProcessThatIsNoInstanceIsLeftAlone)
+{
+    ProcessLab lab;
+    const pid_t stranger = lab.StartStranger();
+    EXPECT_EQ(VQ_KillPid(stranger), -ESRCH);
+    EXPECT_TRUE(ProcessLab::IsRunning(stranger));
+}
+
+} // namespace
+} // namespace kavel::contract

@@ -1,0 +1,162 @@
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "contract_test.h"
+#include "vqNetns.h"
+
+namespace kavel::contract {
+namespace {
+
+constexpr std::size_t kRoom = 512;
+
+// The prefix of a VPN as a buffer of the module's size holds it.
+std::string PrefixOf(std::uint32_t vpn)
+{
+    std::vector<char> buffer(kRoom, '#');
+    const VQ_ERR_T length = VQ_RtcGetNetNsExecCmdPrefix(vpn, buffer.data(), buffer.size());
+    EXPECT_GT(length, 0);
+    EXPECT_EQ(static_cast<std::size_t>(length), std::string(buffer.data()).size());
+    return buffer.data();
+}
+
+std::string TableOfSockets()
+{
+    std::string text;
+    std::FILE *const stream = std::fopen("/proc/net/tcp", "re");
+    if (stream == nullptr) {
+        return text;
+    }
+    std::array<char, 4096> piece{};
+    for (std::size_t size = 1; size > 0;) {
+        size = std::fread(piece.data(), 1, piece.size(), stream);
+        text.append(piece.data(), size);
+    }
+    static_cast<void>(std::fclose(stream));
+    return text;
+}
+
+class NetworkNamespaces : public ContractTest {};
+
+TEST_F(NetworkNamespaces, AreEnteredAndLeft)
+{
+    int saved = -1;
+    EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kVpn, &saved), 0);
+    EXPECT_EQ(world().CurrentVpn(), kVpn);
+    EXPECT_GE(saved, 0);
+    EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&saved), 0);
+    EXPECT_EQ(world().CurrentVpn(), 0U);
+    EXPECT_EQ(saved, -1);
+}
+
+TEST_F(NetworkNamespaces, OfTheBoxItselfIsWhereTheAgentStarted)
+{
+    int saved = -1;
+    int inner = -1;
+    EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kVpn, &saved), 0);
+    EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(0, &inner), 0);
+    EXPECT_EQ(world().CurrentVpn(), 0U);
+    EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&inner), 0);
+    EXPECT_EQ(world().CurrentVpn(), kVpn);
+    EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&saved), 0);
+    EXPECT_EQ(world().CurrentVpn(), 0U);
+}
+
+// What is saved is where the thread was, not where it started.
+TEST_F(NetworkNamespaces, AreLeftInTheOrderInWhichTheyWereEntered)
+{
+    int outer = -1;
+    int middle = -1;
+    int inner = -1;
+    EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kVpn, &outer), 0);
+    EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kOtherVpn, &middle), 0);
+    EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kLastVpn, &inner), 0);
+    EXPECT_EQ(world().CurrentVpn(), kLastVpn);
+    EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&inner), 0);
+    EXPECT_EQ(world().CurrentVpn(), kOtherVpn);
+    EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&middle), 0);
+    EXPECT_EQ(world().CurrentVpn(), kVpn);
+    EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&outer), 0);
+    EXPECT_EQ(world().CurrentVpn(), 0U);
+}
+
+TEST_F(NetworkNamespaces, OfAnUnknownVpnLeaveTheThreadWhereItIs)
+{
+    int saved = -1;
+    EXPECT_EQ(VQ_RtcNetNsSaveAndSwitch(kUnknownVpn, &saved), -ENOENT);
+    EXPECT_EQ(saved, -1);
+    EXPECT_EQ(world().CurrentVpn(), 0U);
+    EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kVpn, &saved), 0);
+    int inner = -1;
+    EXPECT_EQ(VQ_RtcNetNsSaveAndSwitch(kUnknownVpn, &inner), -ENOENT);
+    EXPECT_EQ(inner, -1);
+    EXPECT_EQ(world().CurrentVpn(), kVpn);
+    EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&saved), 0);
+}
+
+TEST_F(NetworkNamespaces, AreNotLeftWithoutAHandle)
+{
+    world().AllowUnusualUse();
+    int saved = -1;
+    EXPECT_LT(VQ_RtcNetNsSwitchToDefault(&saved), 0);
+    EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kVpn, &saved), 0);
+    EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&saved), 0);
+    EXPECT_LT(VQ_RtcNetNsSwitchToDefault(&saved), 0);
+    EXPECT_EQ(world().CurrentVpn(), 0U);
+}
+
+// This is how the module looks for a port that is taken.
+TEST_F(NetworkNamespaces, AreWhatTheTableOfSocketsShows)
+{
+    world().Listen(kVpn, 5353);
+    world().Listen(kOtherVpn, 5354);
+    int saved = -1;
+    EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kVpn, &saved), 0);
+    EXPECT_THAT(TableOfSockets(), testing::HasSubstr(":14E9 "));
+    EXPECT_THAT(TableOfSockets(), testing::Not(testing::HasSubstr(":14EA ")));
+    int inner = -1;
+    EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kOtherVpn, &inner), 0);
+    EXPECT_THAT(TableOfSockets(), testing::HasSubstr(":14EA "));
+    EXPECT_THAT(TableOfSockets(), testing::Not(testing::HasSubstr(":14E9 ")));
+    EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&inner), 0);
+    EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&saved), 0);
+}
+
+TEST_F(NetworkNamespaces, HaveAPrefixThatEndsInABlank)
+{
+    for (const std::uint32_t vpn : {kVpn, kOtherVpn, kLastVpn}) {
+        EXPECT_THAT(PrefixOf(vpn), testing::EndsWith(" "));
+    }
+    EXPECT_NE(PrefixOf(kVpn), PrefixOf(kOtherVpn));
+}
+
+TEST_F(NetworkNamespaces, OfAnUnknownVpnHaveNoPrefix)
+{
+    std::vector<char> buffer(kRoom, '\0');
+    EXPECT_EQ(VQ_RtcGetNetNsExecCmdPrefix(kUnknownVpn, buffer.data(), buffer.size()), -ENOENT);
+}
+
+TEST_F(NetworkNamespaces, HaveAPrefixThatFitsOrIsToldNotToFit)
+{
+    const std::string prefix = PrefixOf(kVpn);
+    for (const std::size_t size :
+         {std::size_t{0}, std::size_t{1}, prefix.size() - 1, prefix.size(), prefix.size() + 1, prefix.size() + 2}) {
+        std::vector<char> buffer(prefix.size() + 4, '#');
+        const VQ_ERR_T result = VQ_RtcGetNetNsExecCmdPrefix(kVpn, buffer.data(), size);
+        if (size > prefix.size()) {
+            EXPECT_EQ(result, static_cast<VQ_ERR_T>(prefix.size())) << size;
+            EXPECT_EQ(buffer.data(), prefix);
+        } else {
+            // The module takes either for one that does not fit.
+            EXPECT_TRUE(result < 0 || static_cast<std::size_t>(result) >= size) << result << " in " << size;
+        }
+        EXPECT_EQ(std::string(buffer.begin() + static_cast<std::ptrdiff_t>(size), buffer.end()),
+                  std::string(buffer.size() - size, '#'))
+            << size;
+    }
+}
+
+} // namespace
+} // namespace kavel::contract

@@ -1,0 +1,73 @@
+#include <sys/types.h>
+
+#include <cerrno>
+#include <climits>
+#include <string>
+
+#include "contract_test.h"
+#include "vqProcess.h"
+
+namespace kavel::contract {
+namespace {
+
+class Processes : public ContractTest {};
+
+TEST_F(Processes, AreGoneWhenTheCallReturns)
+{
+    const pid_t pid = world().StartInstance(true);
+    ASSERT_TRUE(world().IsRunning(pid));
+    EXPECT_GE(VQ_KillPid(pid), 0);
+    EXPECT_FALSE(world().IsRunning(pid));
+}
+
+TEST_F(Processes, AreGoneEvenWhenTheyDoNotWantToGo)
+{
+    const pid_t pid = world().StartInstance(false);
+    ASSERT_TRUE(world().IsRunning(pid));
+    EXPECT_GE(VQ_KillPid(pid), 0);
+    EXPECT_FALSE(world().IsRunning(pid));
+}
+
+TEST_F(Processes, AreEndedOneByOne)
+{
+    const pid_t first = world().StartInstance(true);
+    const pid_t second = world().StartInstance(true);
+    EXPECT_GE(VQ_KillPid(first), 0);
+    EXPECT_TRUE(world().IsRunning(second));
+}
+
+TEST_F(Processes, ThatAreNoMoreAreNotThere)
+{
+    EXPECT_EQ(VQ_KillPid(world().EndedProcess()), -ESRCH);
+    EXPECT_EQ(VQ_KillPid(INT_MAX), -ESRCH);
+}
+
+TEST_F(Processes, EndedByTheCallAreNotThereForTheNext)
+{
+    const pid_t pid = world().StartInstance(true);
+    EXPECT_GE(VQ_KillPid(pid), 0);
+    EXPECT_EQ(VQ_KillPid(pid), -ESRCH);
+}
+
+TEST_F(Processes, ThatNobodyAskedAboutCountAsGone)
+{
+    EXPECT_EQ(VQ_KillPid(world().Zombie()), -ESRCH);
+}
+
+// Such numbers would reach groups of processes, or all of them.
+TEST_F(Processes, HavePositiveNumbers)
+{
+    for (const pid_t pid : {0, -1, -2, INT_MIN}) {
+        EXPECT_EQ(VQ_KillPid(pid), -EINVAL) << pid;
+    }
+}
+
+TEST_F(Processes, ACommandThatSucceedsGivesNoFailure)
+{
+    std::string command = "true";
+    EXPECT_GE(VQ_CmdExec(command.data()), 0);
+    EXPECT_EQ(command, "true");
+}
+
+} // namespace
+} // namespace kavel::contract
