@@ -1,0 +1,264 @@
+// What a peer of the control socket sends: bytes in pieces of any size, the frames that the agent finds in them, and
+// the requests in those. The first byte of an input is the size of the pieces, 0 for all at once.
+//
+// Requests go to the agent's own handler, with the real module behind it, unless they would change or look at the box.
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <vector>
+
+#include "answer.h"
+#include "connection.h"
+#include "control.pb-c.h"
+#include "controller_message.h"
+#include "cpe_model.h"
+#include "frame.h"
+#include "fuzz.h"
+#include "log.h"
+#include "requests.h"
+
+namespace {
+
+using kavel::agent::Answer;
+using kavel::agent::Connection;
+
+using Buffer = std::vector<uint8_t>;
+
+// What the stream holds, worked out without the agent's code.
+struct Stream {
+    std::vector<Buffer> Frames;
+    bool IsTooLong = false; // the next frame is announced longer than the agent takes
+    bool IsCut = false;     // it ends within a frame
+};
+
+Stream Split(fuzz::Bytes Left)
+{
+    constexpr size_t Header = 4;
+    constexpr uint32_t Longest = 16U * 1024 * 1024;
+    Stream Out;
+    while (Left.size() >= Header) {
+        const uint32_t Length = fuzz::Input(Left).Word();
+        Out.IsTooLong = Length > Longest;
+        if (Out.IsTooLong || Left.size() - Header < Length) {
+            break;
+        }
+        const fuzz::Bytes Frame = Left.subspan(Header, Length);
+        Out.Frames.emplace_back(Frame.begin(), Frame.end());
+        Left = Left.subspan(Header + Length);
+    }
+    Out.IsCut = !Left.empty();
+    return Out;
+}
+
+// Any number that a peer can send, whatever the enumeration has room for.
+int32_t VerbOf(const Kavel__Request &Request)
+{
+    int32_t Out = 0;
+    std::memcpy(&Out, &Request.verb, sizeof(Out));
+    return Out;
+}
+
+class Agent {
+  public:
+    Agent() : m_Module(KAVEL_MODULE, m_Config.platform), m_Requests(m_Module, m_Config)
+    {
+        kavel::agent::SetLogThreshold(kavel::agent::LogLevel::kError);
+    }
+
+    [[nodiscard]] Answer Handle(fuzz::Bytes Frame) const
+    {
+        return IsHarmless(Frame) ? m_Requests.Handle(Frame) : kavel::agent::Refusal(-EPERM, "not in a test");
+    }
+
+  private:
+    // A VPN that is not configured is refused; the box itself, VPN 0, always is. What is stored and how the box does is
+    // not looked at.
+    static bool IsHarmless(fuzz::Bytes Frame)
+    {
+        const auto Envelope = kavel::agent::UnpackProtobuf(kavel__request__descriptor, Frame);
+        if (!Envelope) {
+            return true;
+        }
+        const auto &Request = *reinterpret_cast<const Kavel__Request *>(Envelope.get());
+        switch (VerbOf(Request)) {
+        case KAVEL__REQUEST__VERB__APPLY: {
+            const fuzz::Bytes Message(Request.message.data, Request.has_message != 0 ? Request.message.len : 0);
+            const auto Unpacked = kavel::agent::UnpackControllerMessage(kavel::agent::Platform::kCpe, Message);
+            return !Unpacked || Unpacked->vpn != 0;
+        }
+        case KAVEL__REQUEST__VERB__STATUS:
+            return Request.has_vpn != 0 && Request.vpn != 0;
+        case KAVEL__REQUEST__VERB__STORE_LIST:
+        case KAVEL__REQUEST__VERB__STORE_SHOW:
+            return false;
+        default:
+            return true;
+        }
+    }
+
+    kavel::agent::Config m_Config;
+    kavel::agent::Module m_Module;
+    kavel::agent::Requests m_Requests;
+    kavel::agent::ModuleSilence m_Silence;
+};
+
+// The module takes a name as it comes; what would end its line or is no part of a name is kept from it.
+bool HasHarmfulInterface(const DnsmasqConf &Message)
+{
+    const std::span<DnsServerItem *const> Servers(Message.dnsservers, Message.n_dnsservers);
+    return std::ranges::any_of(Servers, [](const DnsServerItem *Each) {
+        return Each->ifname != nullptr && std::ranges::any_of(std::string_view(Each->ifname), [](unsigned char Letter) {
+                   return Letter <= ' ' || Letter == 0x7f || Letter == '/' || Letter == ':';
+               });
+    });
+}
+
+// A check of a message ends as the message's own model says.
+void CheckVerdict(fuzz::Bytes Frame, const Answer &Given)
+{
+    const auto Envelope = kavel::agent::UnpackProtobuf(kavel__request__descriptor, Frame);
+    if (!Envelope) {
+        fuzz::RequireSame("the result of no request", Given.result, -EINVAL);
+        return;
+    }
+    const auto &Request = *reinterpret_cast<const Kavel__Request *>(Envelope.get());
+    if (VerbOf(Request) != KAVEL__REQUEST__VERB__CHECK) {
+        fuzz::Require(Given.result < 0, "a request that cannot be carried out is");
+        return;
+    }
+    const fuzz::Bytes Message(Request.message.data, Request.has_message != 0 ? Request.message.len : 0);
+    const auto Unpacked = kavel::agent::UnpackControllerMessage(kavel::agent::Platform::kCpe, Message);
+    const bool MayPass = Unpacked && !HasHarmfulInterface(*Unpacked->pointer.cpe);
+    const int Expected = MayPass ? fuzz::CpeModel(*Unpacked->pointer.cpe).Result() : -EINVAL;
+    fuzz::RequireSame("the result of a check", Given.result, Expected);
+    fuzz::Require(Given.summary.has_value() == (Expected == 0), "a summary without a message, or the other way round");
+}
+
+// The other end.
+class Peer {
+  public:
+    explicit Peer(kavel::UniqueFd Socket) : m_Socket(std::move(Socket)) {}
+
+    void Send(fuzz::Bytes Piece) const
+    {
+        const ssize_t Sent = send(m_Socket.Get(), Piece.data(), Piece.size(), MSG_NOSIGNAL);
+        fuzz::Require(Sent == static_cast<ssize_t>(Piece.size()), "the agent's end takes no more");
+    }
+
+    void End() const { static_cast<void>(shutdown(m_Socket.Get(), SHUT_WR)); }
+
+    // Everything that was sent back so far and not yet taken.
+    [[nodiscard]] Buffer Receive() const
+    {
+        Buffer Out;
+        std::array<uint8_t, 4096> Piece{};
+        for (;;) {
+            const ssize_t Length = recv(m_Socket.Get(), Piece.data(), Piece.size(), 0);
+            if (Length <= 0) {
+                return Out;
+            }
+            Out.insert(Out.end(), Piece.begin(), Piece.begin() + Length);
+        }
+    }
+
+  private:
+    kavel::UniqueFd m_Socket;
+};
+
+// One frame came back, and it holds a reply of this result.
+void CheckReply(const Buffer &Received, int32_t Result)
+{
+    const Stream Replies = Split(Received);
+    fuzz::Require(Replies.Frames.size() == 1 && !Replies.IsCut, "a request has another number of replies than one");
+    const auto Reply = kavel::agent::UnpackProtobuf(kavel__reply__descriptor, Replies.Frames.front());
+    fuzz::Require(Reply != nullptr, "a reply cannot be unpacked");
+    fuzz::RequireSame("the result in the reply", reinterpret_cast<const Kavel__Reply *>(Reply.get())->result, Result);
+}
+
+class Conversation {
+  public:
+    Conversation(kavel::UniqueFd Here, kavel::UniqueFd There, const Stream &Expected)
+        : m_Connection(std::move(Here), 1), m_Peer(std::move(There)), m_Expected(Expected)
+    {
+    }
+
+    void Hear(fuzz::Bytes Piece)
+    {
+        m_Peer.Send(Piece);
+        m_Connection.Advance({});
+        while (m_Connection.HasFrame()) {
+            AnswerFrame();
+        }
+        if (m_Connection.Oversized()) {
+            Dismiss();
+        }
+    }
+
+    void End()
+    {
+        m_Peer.End();
+        m_Connection.Advance({});
+        fuzz::RequireSame("the number of frames", static_cast<int64_t>(m_Heard),
+                          static_cast<int64_t>(m_Expected.Frames.size()));
+        fuzz::Require(m_IsDismissed == m_Expected.IsTooLong, "a peer is dismissed, or not, for another length");
+        fuzz::Require(m_Connection.Finished(), "a peer that has gone is still waited for");
+        fuzz::Require(m_Connection.CutShort() == (m_Expected.IsCut && !m_IsDismissed), "an end is taken for another");
+    }
+
+  private:
+    void AnswerFrame()
+    {
+        static const Agent Here;
+        const fuzz::Bytes Frame = m_Connection.Frame();
+        fuzz::Require(m_Heard < m_Expected.Frames.size() && std::ranges::equal(Frame, m_Expected.Frames[m_Heard]),
+                      "a frame that was not sent");
+        ++m_Heard;
+        const Answer Given = Here.Handle(Frame);
+        CheckVerdict(Frame, Given);
+        m_Connection.Reply(kavel::agent::PackAnswer(Given), {});
+        CheckReply(m_Peer.Receive(), Given.result);
+    }
+
+    void Dismiss()
+    {
+        m_IsDismissed = true;
+        m_Connection.Dismiss(kavel::agent::PackAnswer(kavel::agent::Refusal(-EMSGSIZE, "")), {});
+        CheckReply(m_Peer.Receive(), -EMSGSIZE);
+    }
+
+    Connection m_Connection;
+    Peer m_Peer;
+    const Stream &m_Expected;
+    size_t m_Heard = 0;
+    bool m_IsDismissed = false;
+};
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
+{
+    if (Size == 0) {
+        return 0;
+    }
+    std::array<int, 2> Sockets{};
+    fuzz::Require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, Sockets.data()) == 0,
+                  "there are no sockets");
+    fuzz::Bytes Left(Data + 1, Size - 1);
+    const Stream Expected = Split(Left);
+    Conversation Talk(kavel::UniqueFd{Sockets[0]}, kavel::UniqueFd{Sockets[1]}, Expected);
+    const size_t Piece = Data[0] == 0 ? Left.size() : Data[0];
+    while (!Left.empty()) {
+        const fuzz::Bytes Next = Left.first(std::min(Piece, Left.size()));
+        Left = Left.subspan(Next.size());
+        Talk.Hear(Next);
+    }
+    Talk.End();
+    return 0;
+}

@@ -1,0 +1,52 @@
+#include "domain_matcher.h"
+
+#include <cstddef>
+
+namespace fuzz {
+
+namespace {
+
+bool IsLetter(char Each)
+{
+    return (Each >= 'a' && Each <= 'z') || (Each >= 'A' && Each <= 'Z');
+}
+
+bool IsDigit(char Each)
+{
+    return Each >= '0' && Each <= '9';
+}
+
+// In the brackets of a POSIX pattern a backslash stands for itself, and so it separates as well.
+bool IsSeparator(char Each)
+{
+    return Each == '.' || Each == '-' || Each == '\\';
+}
+
+// The run of letters and digits that is being read.
+struct Run {
+    char Before = '\0'; // the separator in front of it
+    size_t Length = 0;
+    bool OnlyLetters = true;
+};
+
+} // namespace
+
+bool IsDomain(std::string_view Name)
+{
+    constexpr size_t LongestRun = 63;
+    constexpr size_t LongestName = 254;
+    Run Current;
+    for (const char Each : Name) {
+        if (IsSeparator(Each) && Current.Length > 0) {
+            Current = {Each};
+        } else if ((IsLetter(Each) || IsDigit(Each)) && Current.Length < LongestRun) {
+            ++Current.Length;
+            Current.OnlyLetters = Current.OnlyLetters && IsLetter(Each);
+        } else {
+            return false;
+        }
+    }
+    return Current.Before == '.' && Current.Length >= 2 && Current.OnlyLetters && Name.size() <= LongestName;
+}
+
+} // namespace fuzz

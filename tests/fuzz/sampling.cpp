@@ -1,0 +1,4 @@
+#include "sampling.h"
+
+// A fuzzer's time goes into inputs.
+const bool fuzz::kEveryInput = false;
