@@ -83,15 +83,51 @@ void CleanDirectory(const std::filesystem::path &directory)
     RemoveLeftovers(directory / "dnsmasq.d", kInstanceFiles);
 }
 
-void Drain(const UniqueFd &watch)
+// Closing an inotify instance waits until the kernel has put its watches away, which takes longer than a launch: it is
+// kept, and only the watch goes.
+const UniqueFd &KeptInotify()
 {
-    if (!watch) {
-        return;
+    static UniqueFd inotify;
+    if (!inotify) {
+        inotify = UniqueFd(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     }
-    std::array<char, 4096> events{};
-    while (::read(watch.Get(), events.data(), events.size()) > 0) {
-    }
+    return inotify;
 }
+
+// Tells of new pid files. Without a watch, which every instance takes one of as well, they are noticed a little later.
+class PidFileWatch {
+  public:
+    PidFileWatch() : watch_(::inotify_add_watch(inotify_, kPidDirectory, IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO)) {}
+    PidFileWatch(const PidFileWatch &) = delete;
+    PidFileWatch &operator=(const PidFileWatch &) = delete;
+    ~PidFileWatch()
+    {
+        if (watch_ >= 0) {
+            ::inotify_rm_watch(inotify_, watch_);
+            Drain();
+        }
+    }
+
+    // False when nothing was told for as long.
+    [[nodiscard]] bool Await(std::chrono::milliseconds patience) const
+    {
+        pollfd watched{inotify_, POLLIN, 0};
+        const bool told = ::poll(&watched, 1, static_cast<int>(patience.count())) != 0;
+        Drain();
+        return told;
+    }
+
+  private:
+    void Drain() const
+    {
+        std::array<char, 4096> events{};
+        while (inotify_ >= 0 && ::read(inotify_, events.data(), events.size()) > 0) {
+        }
+    }
+
+    int inotify_ = KeptInotify().Get();
+    int watch_;
+};
 
 } // namespace
 
@@ -205,18 +241,13 @@ std::set<std::uint32_t> VpnsWithProcesses()
 
 std::set<std::uint32_t> AwaitStarts(std::set<std::uint32_t> vpnIds, std::chrono::milliseconds patience)
 {
-    const UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    // Without a watch, which every instance takes one of as well, the pid file is noticed a little later.
-    (void)::inotify_add_watch(watch.Get(), kPidDirectory, IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO);
+    const PidFileWatch watch;
     const auto deadline = Clock::now() + patience;
     std::set<std::uint32_t> failed;
     std::set<std::uint32_t> seen = vpnIds;
     std::erase_if(vpnIds, IsRunning);
     while (!vpnIds.empty() && Clock::now() < deadline) {
-        pollfd watched{watch.Get(), POLLIN, 0};
-        const bool silent = ::poll(&watched, 1, static_cast<int>(kLaunchCheck.count())) == 0;
-        Drain(watch);
-        if (silent) {
+        if (!watch.Await(kLaunchCheck)) {
             // Two looks: a process that executes another program has no command line for a moment.
             const auto seenBefore = std::exchange(seen, VpnsWithProcesses());
             std::ranges::copy_if(vpnIds, std::inserter(failed, failed.end()), [&](std::uint32_t vpnId) {
