@@ -1,0 +1,167 @@
+"""A box for measuring: lean namespaces, an agent with the module, and the same instances without either.
+
+Runs inside scripts/private. Files lie on a real file system, so that durable writes cost what they cost.
+"""
+
+import concurrent.futures
+import contextlib
+import os
+import pathlib
+import select
+import signal
+import sys
+import tempfile
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/e2e"))
+
+from box import CONFIG, DNSMASQ, Box, connect, instance_pid, instances, pid_file, read_frame, run  # noqa: E402
+from load import Message, result_of  # noqa: E402
+
+from box_dns import inside  # noqa: E402
+
+STORE = CONFIG.parent / "agent.db"
+PROGRAM = "/usr/sbin/dnsmasq"
+FILES = ("hosts", "dnsmasq.d/Mxhost.conf", "dnsmasq.d/ServerMap.conf", "resolv.conf", "dnsmasq.d/DnsProxy.conf")
+WORKERS = 2  # programs at once that prepare what is measured
+INOTIFY = pathlib.Path("/proc/sys/fs/inotify/max_user_instances")
+OTHER_WATCHES = 28  # of the box's own programs and the agent
+
+
+def most_instances():
+    """How many instances find an inotify instance each."""
+    return int(INOTIFY.read_text()) - OTHER_WATCHES
+
+
+@contextlib.contextmanager
+def disk():
+    """/etc/kavel on a real file system; gone in the end."""
+    with tempfile.TemporaryDirectory(prefix="kavel-bench-", dir="/var/tmp") as folder:
+        os.chmod(folder, 0o755)  # instances read their files as an unprivileged user
+        CONFIG.parent.mkdir(exist_ok=True)
+        run("mount", "--bind", folder, CONFIG.parent)
+        try:
+            yield
+        finally:
+            run("umount", CONFIG.parent)
+
+
+def add_namespaces(vpns):
+    run("ip", "-batch", "-", input="".join(f"netns add vpn_{vpn}\n" for vpn in vpns))
+    for vpn in vpns:
+        with inside(vpn):
+            run("ip", "link", "set", "lo", "up")
+
+
+def host_of(vpn):
+    """The name that is asked for: the last of a VPN's hosts."""
+    return f"asked.vpn{vpn}.example"
+
+
+def filler(vpn, count):
+    return [(f"10.{number >> 16 & 255}.{number >> 8 & 255}.{number & 255}", f"host{number}.vpn{vpn}.example")
+            for number in range(1, count)]
+
+
+def hosts_message(vpn, count, address, operation, kept=False, enable=True):
+    """A message of `count` hosts, the last of which is asked for."""
+    hosts = [{"domain": domain, "ip": ip} for ip, domain in [*filler(vpn, count), (address, host_of(vpn))]]
+    return Message(vpn, dnshosts=hosts, dnsservers=None, operation=operation, persistentflag=kept, enable=enable)
+
+
+def messages_for(vpns, *fields, **options):
+    with concurrent.futures.ThreadPoolExecutor(WORKERS) as pool:
+        return list(pool.map(lambda vpn: hosts_message(vpn, *fields, **options), vpns))
+
+
+def write_hosts(vpn, count, address):
+    """What such a message leaves in the hosts file, without a message."""
+    lines = [f"{ip} {domain}\n" for ip, domain in [*filler(vpn, count), (address, host_of(vpn))]]
+    (DNSMASQ / f"vpn_{vpn}/hosts").write_text("".join(lines))
+
+
+def contents_of(vpn):
+    """The files that a message writes, as the last one left them."""
+    return {file: (DNSMASQ / f"vpn_{vpn}" / file).read_bytes() for file in FILES}
+
+
+def replace_durably(vpn, contents):
+    """As durably as a message does, and by nothing else."""
+    for file, content in contents.items():
+        replace_file_durably(DNSMASQ / f"vpn_{vpn}" / file, content)
+
+
+def replace_file_durably(path, content):
+    fresh = path.with_name(".bench")
+    with fresh.open("wb") as file:
+        file.write(content)
+        file.flush()
+        os.fsync(file.fileno())
+    fresh.rename(path)
+    folder = os.open(path.parent, os.O_RDONLY | os.O_DIRECTORY)
+    os.fsync(folder)
+    os.close(folder)
+
+
+class Control:
+    """A connection to the agent."""
+
+    def __init__(self):
+        self.peer = connect()
+
+    def send(self, one):
+        self.peer.sendall(one.request)
+        result = result_of(read_frame(self.peer))
+        if result < 0:
+            raise RuntimeError(f"vpn {one.vpn}: refused with {result}")
+
+    def close(self):
+        self.peer.close()
+
+
+@contextlib.contextmanager
+def agent(vpns, **changes):
+    """A box whose agent is ready and serves these VPNs; its instances end with it."""
+    box = Box()
+    box.configure(*({"id": vpn} for vpn in vpns), log="notice", **changes)
+    try:
+        yield box.start()
+    finally:
+        if box.agent is not None:
+            box.stop()
+        end_instances()
+
+
+def end_instances():
+    """Ends every instance that an agent left running."""
+    for pid in instances():
+        end(pid)
+    for leftover in pathlib.Path("/run").glob("kvl_dns_vpn_*.pid"):
+        leftover.unlink()
+
+
+def end(pid):
+    process = os.pidfd_open(pid)
+    signal.pidfd_send_signal(process, signal.SIGTERM)
+    gone = select.poll()
+    gone.register(process, select.POLLIN)
+    gone.poll()
+    os.close(process)
+
+
+def start_bare(vpn):
+    """The command that the agent runs for a VPN, in its namespace, without a shell; its process."""
+    words = [PROGRAM, "-C", f"{DNSMASQ}/vpn_{vpn}/dnsmasq.conf", "--dns-forward-max=1000", "--no-hosts",
+             f"--pid-file={pid_file(vpn)}", "-k"]
+    with inside(vpn):
+        return os.posix_spawn(PROGRAM, words, os.environ)
+
+
+def end_bare(pid):
+    os.kill(pid, signal.SIGTERM)
+    os.waitpid(pid, 0)
+
+
+def bytes_in(path, field):
+    """The sum of a field that a file below /proc tells in kB."""
+    lines = pathlib.Path("/proc", str(path)).read_text().splitlines()
+    return sum(int(line.split()[1]) * 1024 for line in lines if line.startswith(field))

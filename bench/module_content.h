@@ -1,0 +1,69 @@
+// What the measured work is done on: a message of a given size, its record, and the texts that are in both.
+#ifndef BENCH_MODULE_CONTENT_H
+#define BENCH_MODULE_CONTENT_H
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cpeMessage.h"
+#include "module_host.h"
+#include "vqCtrlAdvancedDns.h"
+
+namespace kavel::bench {
+
+struct Amount {
+    std::size_t hosts = 0;
+    std::size_t mxs = 0;
+    std::size_t servers = 0;
+    std::size_t proxyDomains = 0;
+    std::size_t serversPerDomain = 1;
+    bool stored = false;
+
+    auto operator<=>(const Amount &other) const = default;
+};
+
+// The largest message whose every list is in force: of the last item one server is left out, since a full table counts
+// as an empty one.
+inline constexpr Amount kFullAmount{
+    .hosts = 1024, .mxs = 128, .servers = 8, .proxyDomains = 8192, .serversPerDomain = 8};
+
+struct FreeRecord {
+    void operator()(VQ_CTRL_DNSMASQ_CONF *record) const { std::free(record); }
+};
+
+using RecordOwner = std::unique_ptr<VQ_CTRL_DNSMASQ_CONF, FreeRecord>;
+
+class Content {
+  public:
+    explicit Content(const Amount &amount);
+
+    CpeMessage message{kVpnId, true, VQ_CTRL_DNSMASQ_OP_RELOAD};
+    VQ_CTRL_DNSMASQ_CONFIG_PB carrier{};
+    RecordOwner record;             // as translated
+    std::vector<std::string> names; // every name that a rule makes the translation check
+    std::vector<std::string> hostIps;
+    std::vector<std::string> serverIps;
+    std::vector<std::string> proxyIps;
+    std::string text; // the record's stored form
+
+  private:
+    void fillMessage(const Amount &amount);
+    void fillProxies(const Amount &amount);
+    void fillTexts();
+};
+
+// A record with `count` entries in each list that has the room, otherwise as many as fit; for work that takes records
+// which no message could give.
+RecordOwner recordOf(std::size_t count);
+
+// What is measured has to work: throws otherwise.
+void require(bool condition, const char *what);
+
+} // namespace kavel::bench
+
+#endif

@@ -1,0 +1,109 @@
+#include "module_counts.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <malloc.h>
+
+// The allocator's own names for what is replaced below, and the linker's for what it wraps.
+extern "C" {
+void *__libc_malloc(size_t size) noexcept;
+void *__libc_calloc(size_t count, size_t size) noexcept;
+void *__libc_realloc(void *block, size_t size) noexcept;
+void __libc_free(void *block) noexcept;
+void *__real_memcpy(void *target, const void *source, size_t size) noexcept;
+void *__real_memset(void *target, int value, size_t size) noexcept;
+void *__wrap_memcpy(void *target, const void *source, size_t size) noexcept;
+void *__wrap_memset(void *target, int value, size_t size) noexcept;
+}
+
+namespace kavel::bench {
+
+namespace {
+
+bool s_counting = false;
+Counts s_counts;
+
+void *taken(void *block)
+{
+    if (s_counting && block != nullptr) {
+        ++s_counts.allocations;
+        s_counts.liveBytes += static_cast<std::int64_t>(malloc_usable_size(block));
+        s_counts.peakBytes = std::max(s_counts.peakBytes, s_counts.liveBytes);
+    }
+    return block;
+}
+
+void given(void *block)
+{
+    if (s_counting && block != nullptr) {
+        s_counts.liveBytes -= static_cast<std::int64_t>(malloc_usable_size(block));
+    }
+}
+
+} // namespace
+
+void startCounting()
+{
+    s_counts = {};
+    s_counting = true;
+}
+
+Counts stopCounting()
+{
+    s_counting = false;
+    return s_counts;
+}
+
+void countCopied(std::size_t bytes)
+{
+    if (s_counting) {
+        s_counts.copiedBytes += bytes;
+    }
+}
+
+} // namespace kavel::bench
+
+using kavel::bench::given;
+using kavel::bench::s_counting;
+using kavel::bench::s_counts;
+using kavel::bench::taken;
+
+void *malloc(size_t size) noexcept
+{
+    return taken(__libc_malloc(size));
+}
+
+void *calloc(size_t nmemb, size_t size) noexcept
+{
+    if (s_counting) {
+        s_counts.clearedBytes += nmemb * size;
+    }
+    return taken(__libc_calloc(nmemb, size));
+}
+
+void *realloc(void *ptr, size_t size) noexcept
+{
+    given(ptr);
+    return taken(__libc_realloc(ptr, size));
+}
+
+void free(void *ptr) noexcept
+{
+    given(ptr);
+    __libc_free(ptr);
+}
+
+void *__wrap_memcpy(void *target, const void *source, size_t size) noexcept
+{
+    kavel::bench::countCopied(size);
+    return __real_memcpy(target, source, size);
+}
+
+void *__wrap_memset(void *target, int value, size_t size) noexcept
+{
+    if (s_counting) {
+        s_counts.clearedBytes += size;
+    }
+    return __real_memset(target, value, size);
+}

@@ -1,0 +1,68 @@
+// The agent's services on a box of their own, each beside the least that the same work costs.
+#ifndef BENCH_SERVICES_H
+#define BENCH_SERVICES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "pairs.h"
+
+namespace kavel::bench {
+
+// The box has the VPNs from 1 to the last. One of them has a namespace, with the LAN interface kLan.
+inline constexpr std::uint32_t kVpn = 7;
+inline constexpr std::uint32_t kLastVpn = 1000;
+inline constexpr const char *kLan = "lan0";
+
+struct Setting {
+    std::size_t pairs;
+    std::filesystem::path directory; // on a file system that a disk is behind; for what is to be durable
+};
+
+std::vector<Comparison> CompareRoutes(const Setting &setting);
+std::vector<Comparison> CompareRules(const Setting &setting);
+std::vector<Comparison> CompareFiles(const Setting &setting);
+std::vector<Comparison> CompareStore(const Setting &setting);
+std::vector<Comparison> CompareMemory(const Setting &setting);
+
+// Runs a program in the calling thread's namespace and waits for it. Throws unless it succeeds.
+void RunProgram(std::vector<std::string> words);
+
+// Nothing is worth timing that did not work.
+inline void Expect(bool worked, const std::string &what)
+{
+    if (!worked) {
+        throw std::runtime_error(what);
+    }
+}
+
+// How often both have to be done for a sample that the clock, the scheduler and the disk do not blur.
+template <typename Ours, typename Floor>
+std::size_t RepetitionsFor(Ours &&ours, Floor &&floor)
+{
+    constexpr double kSampleSeconds = 0.4;
+    std::size_t repetitions = 0;
+    for (double spent = 0; spent < kSampleSeconds; ++repetitions) {
+        spent += SecondsOf(ours) + SecondsOf(floor);
+    }
+    return repetitions;
+}
+
+// Work that may be too short for a sample of its own.
+template <typename Ours, typename Floor>
+Comparison Compare(const Setting &setting, Comparison comparison, Ours &&ours, Floor &&floor)
+{
+    const std::size_t repetitions = RepetitionsFor(ours, floor);
+    for (std::size_t pair = 0; pair < setting.pairs; ++pair) {
+        AppendPair(comparison, repetitions, ours, floor);
+    }
+    return comparison;
+}
+
+} // namespace kavel::bench
+
+#endif

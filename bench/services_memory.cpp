@@ -1,0 +1,110 @@
+// The memory of a list of stored records, beside that of what they hold.
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "services.h"
+#include "services_records.h"
+#include "vqStore.h"
+#include "zeroed_pages.h"
+
+namespace kavel::bench {
+namespace {
+
+constexpr std::uint64_t kKilo = 1024;
+
+std::uint64_t KilobytesIn(const char *file, const std::string &key)
+{
+    std::ifstream words(file);
+    for (std::string word; words >> word;) {
+        std::uint64_t number = 0;
+        if (word == key && words >> number) {
+            return number;
+        }
+    }
+    throw std::runtime_error(std::string(file) + ": no " + key);
+}
+
+// Of this process: what it has written, and the tables that the kernel keeps for it.
+std::uint64_t MemoryInUse()
+{
+    return (KilobytesIn("/proc/self/smaps_rollup", "Anonymous:") + KilobytesIn("/proc/self/status", "VmPTE:")) * kKilo;
+}
+
+// What is alive once `make` has returned; it goes with the result.
+template <typename Make>
+double MemoryOf(Make &&make)
+{
+    const std::uint64_t before = MemoryInUse();
+    const auto made = make();
+    return static_cast<double>(MemoryInUse()) - static_cast<double>(before);
+}
+
+void StoreRecords()
+{
+    for (std::uint32_t vpn = 1; vpn <= kLastVpn; ++vpn) {
+        std::string text = RecordText(vpn, kOrdinary, 1);
+        const VQ_ERR_T result =
+            VQ_SqliteDnsMasqConfOp(static_cast<BOOL>(vpn), text.data(), VQ_SQL_CONF_OP_ADD, VQ_SQL_CONF_CPE_DNSMASQ);
+        Expect(result == 0, "no record stored");
+    }
+}
+
+struct ReleaseList {
+    void operator()(VQ_PersistentConfList *list) const { VQ_SqliteConfListRelease(list); }
+};
+
+auto StoredList()
+{
+    std::unique_ptr<VQ_PersistentConfList, ReleaseList> list(VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_CPE_DNSMASQ));
+    Expect(list != nullptr && list->Count == static_cast<std::int32_t>(kLastVpn), "not every record is read");
+    return list;
+}
+
+// The least that records of this form can take: only the pages that hold something.
+auto RecordsInPages()
+{
+    std::vector<agent::ZeroedPages<VQ_DnsmasqConfNode>> records;
+    for (std::uint32_t vpn = 1; vpn <= kLastVpn; ++vpn) {
+        records.push_back(agent::MapZeroed<VQ_DnsmasqConfNode>());
+        FillRecord(vpn, kOrdinary, 1, records.back()->Dnsmasq);
+    }
+    return records;
+}
+
+// Their text alone.
+auto RecordsAsText()
+{
+    std::vector<std::string> texts;
+    for (std::uint32_t vpn = 1; vpn <= kLastVpn; ++vpn) {
+        texts.push_back(RecordText(vpn, kOrdinary, 1));
+    }
+    return texts;
+}
+
+template <typename Floor>
+Comparison CompareWith(const Setting &setting, const std::string &name, Floor &&floor)
+{
+    Comparison comparison{"memory of a list of stored records", kLastVpn, "bytes", name, std::nullopt, {}, {}};
+    // Whatever is taken once and kept, by the allocator and the database, is taken now.
+    (void)MemoryOf(StoredList);
+    (void)MemoryOf(floor);
+    for (std::size_t pair = 0; pair < setting.pairs; ++pair) {
+        comparison.ours.push_back(MemoryOf(StoredList));
+        comparison.floor.push_back(MemoryOf(floor));
+    }
+    return comparison;
+}
+
+} // namespace
+
+std::vector<Comparison> CompareMemory(const Setting &setting)
+{
+    StoreRecords();
+    return {CompareWith(setting, "the pages that hold something", RecordsInPages),
+            CompareWith(setting, "the stored text", RecordsAsText)};
+}
+
+} // namespace kavel::bench
