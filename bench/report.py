@@ -98,7 +98,29 @@ def figures(names):
             print(f"report: no figures of {name}", file=sys.stderr)
             continue
         entries = json.loads(path.read_text())
-        text += "\n" * bool(text) + HEAD + "".join(map(row, entries)) + curves(name, entries)
+        text += "\n" * bool(text) + tables(entries) + curves(name, entries)
+    return text
+
+
+def in_short(entries):
+    """What a reader looks for first: times and what has a bound, each at its full size; and all the rest."""
+    full = {}
+    for entry in entries:
+        key = entry["unit"], entry["work"], entry["floor_name"]
+        full[key] = max(entry["n"], full.get(key, 0))
+    first, rest = [], []
+    for entry in entries:
+        bounded = entry["target"] is not None or entry.get("limit") is not None
+        whole = entry["n"] == full[entry["unit"], entry["work"], entry["floor_name"]]
+        (first if whole and (bounded or entry["unit"] == "s") else rest).append(entry)
+    return first, rest
+
+
+def tables(entries):
+    first, rest = in_short(entries)
+    text = HEAD + "".join(map(row, first))
+    if rest:
+        text += f"\n<details><summary>Sizes, memory, counts</summary>\n\n{HEAD}{''.join(map(row, rest))}\n</details>\n"
     return text
 
 
