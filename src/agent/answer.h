@@ -18,6 +18,7 @@ struct Answer {
     std::string text;   // what the agent itself found wrong; else the text of a negative result is sent
     std::string reason; // the module's message that says why
     std::optional<std::uint32_t> vpn;
+    bool awaitsLaunch = false; // of the VPN's instance: not to be told before
     std::optional<Kavel__Summary> summary;
     std::vector<VpnStatus> vpns;
     std::vector<StoredRecord> stored;

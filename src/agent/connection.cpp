@@ -46,7 +46,7 @@ void Connection::Advance(Clock::time_point now)
 
 bool Connection::MayRead() const
 {
-    return !broken_ && !ended_ && !HasUnsentReply() && !HasFrame() && !Oversized();
+    return !broken_ && !ended_ && !HasUnsentReply() && !HoldsFrame() && !Oversized();
 }
 
 // Takes bytes as they come: what a header announces is worth no memory before it is there.
@@ -96,11 +96,10 @@ std::optional<std::size_t> Connection::AnnouncedLength() const
     return control::DecodeFrameLength(in_.data());
 }
 
-bool Connection::HasFrame() const
+bool Connection::HoldsFrame() const
 {
     const auto length = AnnouncedLength();
-    return !HasUnsentReply() && length && *length <= control::kFrameMax &&
-           in_.size() - control::kFrameHeaderSize >= *length;
+    return length && *length <= control::kFrameMax && in_.size() - control::kFrameHeaderSize >= *length;
 }
 
 std::span<const std::uint8_t> Connection::Frame() const
@@ -121,6 +120,7 @@ void Connection::Reply(std::vector<std::uint8_t> frame, Clock::time_point now)
     if (in_.capacity() > kIdleCapacity) {
         in_.shrink_to_fit();
     }
+    isInHand_ = false;
     served_ = true;
     Send(std::move(frame), now);
 }
@@ -142,12 +142,12 @@ void Connection::Send(std::vector<std::uint8_t> frame, Clock::time_point now)
 
 bool Connection::Finished() const
 {
-    return broken_ || (ended_ && !HasUnsentReply() && !HasFrame() && !Oversized());
+    return broken_ || (ended_ && !HasUnsentReply() && !HoldsFrame() && !Oversized());
 }
 
 void Connection::UpdateDeadline(Clock::time_point now)
 {
-    const bool partial = !in_.empty() && !HasFrame();
+    const bool partial = !in_.empty() && !HoldsFrame();
     if (!HasUnsentReply() && !partial && !dismissed_) {
         deadline_.reset();
     } else if (!deadline_) {

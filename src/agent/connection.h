@@ -32,8 +32,11 @@ class Connection {
     void Advance(Clock::time_point now);
 
     // A whole frame has come and the one before it is answered.
-    [[nodiscard]] bool HasFrame() const;
+    [[nodiscard]] bool HasFrame() const { return HoldsFrame() && !HasUnsentReply() && !isInHand_; }
     [[nodiscard]] std::span<const std::uint8_t> Frame() const;
+    // From now on Frame() is being dealt with. Until it is replied to, the peer is neither heard nor dropped.
+    void TakeInHand() { isInHand_ = true; }
+    [[nodiscard]] bool IsInHand() const { return isInHand_; }
     // Frame() is done with, and this is what it is answered with.
     void Reply(std::vector<std::uint8_t> frame, Clock::time_point now);
 
@@ -61,6 +64,7 @@ class Connection {
     void Read();
     void Write();
     [[nodiscard]] std::optional<std::size_t> AnnouncedLength() const;
+    [[nodiscard]] bool HoldsFrame() const;
     [[nodiscard]] bool MayRead() const;
     void Send(std::vector<std::uint8_t> frame, Clock::time_point now);
     void UpdateDeadline(Clock::time_point now);
@@ -73,6 +77,7 @@ class Connection {
     bool ended_ = false;     // the peer sends no more
     bool broken_ = false;    // the peer is gone
     bool dismissed_ = false; // it is heard no more
+    bool isInHand_ = false;
     bool served_ = false;
     std::optional<Clock::time_point> deadline_;
 };

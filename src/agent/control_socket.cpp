@@ -89,7 +89,7 @@ void ControlSocket::Serve()
     FlushReplies();
 }
 
-// One message at most, so that a signal is seen between two of them.
+// One request at most, so that a signal is seen between two of them.
 bool ControlSocket::ServeOnce()
 {
     DropFinished();
@@ -112,7 +112,7 @@ bool ControlSocket::ServeOnce()
         AcceptAll(now);
     }
     DismissOversized(now);
-    AnswerNext();
+    HandleNext();
     return true;
 }
 
@@ -126,8 +126,9 @@ std::vector<pollfd> ControlSocket::PollList(Clock::time_point now) const
     }
     // poll passes over a negative descriptor: later peers wait in the backlog.
     polled.push_back({Accepts(now) ? listener_.Get() : -1, POLLIN, 0});
+    // Nor is one that waits for its answer looked at: that its peer has gone changes nothing.
     for (const Connection &connection : connections_) {
-        polled.push_back({connection.Fd(), connection.Wanted(), 0});
+        polled.push_back({connection.IsInHand() ? -1 : connection.Fd(), connection.Wanted(), 0});
     }
     return polled;
 }
@@ -262,35 +263,44 @@ void ControlSocket::DismissOversized(Clock::time_point now)
     }
 }
 
-void ControlSocket::AnswerNext()
+void ControlSocket::HandleNext()
 {
     const auto next = std::ranges::find_if(connections_, &Connection::HasFrame);
     if (next == connections_.end()) {
         return;
     }
     const auto started = Clock::now();
-    const std::vector<std::uint8_t> reply = PackAnswer(RunHandler(next->Frame()));
-    const auto ended = Clock::now();
+    next->TakeInHand();
+    Handle(*next);
+    const auto took = Clock::now() - started;
     for (Connection &connection : connections_) {
-        connection.Postpone(ended - started);
+        connection.Postpone(took);
     }
-    next->Reply(reply, ended);
     // The one just served comes last next time.
     std::rotate(next, next + 1, connections_.end());
 }
 
-Answer ControlSocket::RunHandler(std::span<const std::uint8_t> frame) const
+void ControlSocket::Handle(const Connection &connection)
 {
-    Answer answer;
+    const int fd = connection.Fd();
     const int result = WithoutExceptions([&] {
-        answer = handler_(frame);
+        handler_(connection.Frame(), [this, fd](const Answer &answer) { Reply(fd, answer); });
         return 0;
     });
     if (result < 0) {
         Log(LogLevel::kError, "control socket: a request failed: %s", std::strerror(-result));
-        answer = Refusal(result, "");
+        Reply(fd, Refusal(result, ""));
     }
-    return answer;
+}
+
+// While its request is in hand, a connection stays, and so does the number of its descriptor.
+void ControlSocket::Reply(int fd, const Answer &answer)
+{
+    const auto asking = std::ranges::find_if(
+        connections_, [fd](const Connection &connection) { return connection.Fd() == fd && connection.IsInHand(); });
+    if (asking != connections_.end()) {
+        asking->Reply(PackAnswer(answer), Clock::now());
+    }
 }
 
 void ControlSocket::FlushReplies()

@@ -1,4 +1,4 @@
-// The control socket: many peers, one message at a time.
+// The control socket: many peers, one request at a time, and answers when they are there.
 #ifndef KAVEL_AGENT_CONTROL_SOCKET_H
 #define KAVEL_AGENT_CONTROL_SOCKET_H
 
@@ -17,7 +17,9 @@ namespace kavel::agent {
 
 class ControlSocket {
   public:
-    using Handler = std::function<Answer(std::span<const std::uint8_t>)>;
+    using Respond = std::function<void(const Answer &)>;
+    // Gets a frame and what to call with its answer: once, before it returns or later, but not after Serve() has.
+    using Handler = std::function<void(std::span<const std::uint8_t> frame, const Respond &respond)>;
 
     // Replaces a socket that an earlier agent left at `path`; only the holder of the agent's lock may do so. Throws
     // std::system_error. The socket is removed again with this object.
@@ -53,8 +55,9 @@ class ControlSocket {
     void DropFinished();
     void DropStalled(Clock::time_point now);
     void DismissOversized(Clock::time_point now);
-    void AnswerNext();
-    [[nodiscard]] Answer RunHandler(std::span<const std::uint8_t> frame) const;
+    void HandleNext();
+    void Handle(const Connection &connection);
+    void Reply(int fd, const Answer &answer);
     void FlushReplies();
 
     std::string path_;

@@ -1,43 +1,33 @@
 #include "instances.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
 #include <string_view>
-#include <utility>
 
 #include "failure.h"
 #include "files.h"
 #include "log.h"
+#include "number.h"
 #include "unique_fd.h"
 #include "vqFile.h"
 
 namespace kavel::agent {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr const char *kRoot = "/etc/kavel/dnsmasq";
-constexpr const char *kPidDirectory = "/var/run";
 constexpr std::string_view kTag = "kvl_dns_vpn_";
 constexpr const char *kPidFileOption = "--pid-file=";
 constexpr const char *kStateDirectory = "/run/kavel"; // made for the lock of the agent
 
 // As many bytes as the module reads of a pid file.
 constexpr std::size_t kPidTextSize = 32;
-
-// How often a launch that says nothing is checked for having failed.
-constexpr std::chrono::milliseconds kLaunchCheck{50};
 
 constexpr std::array<std::string_view, 6> kInstanceFiles{"hosts",       "resolv.conf",    "dnsmasq.conf",
                                                          "Mxhost.conf", "ServerMap.conf", "DnsProxy.conf"};
@@ -83,52 +73,6 @@ void CleanDirectory(const std::filesystem::path &directory)
     RemoveLeftovers(directory / "dnsmasq.d", kInstanceFiles);
 }
 
-// Closing an inotify instance waits until the kernel has put its watches away, which takes longer than a launch: it is
-// kept, and only the watch goes.
-const UniqueFd &KeptInotify()
-{
-    static UniqueFd inotify;
-    if (!inotify) {
-        inotify = UniqueFd(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    }
-    return inotify;
-}
-
-// Tells of new pid files. Without a watch, which every instance takes one of as well, they are noticed a little later.
-class PidFileWatch {
-  public:
-    PidFileWatch() : watch_(::inotify_add_watch(inotify_, kPidDirectory, IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO)) {}
-    PidFileWatch(const PidFileWatch &) = delete;
-    PidFileWatch &operator=(const PidFileWatch &) = delete;
-    ~PidFileWatch()
-    {
-        if (watch_ >= 0) {
-            ::inotify_rm_watch(inotify_, watch_);
-            Drain();
-        }
-    }
-
-    // False when nothing was told for as long.
-    [[nodiscard]] bool Await(std::chrono::milliseconds patience) const
-    {
-        pollfd watched{inotify_, POLLIN, 0};
-        const bool told = ::poll(&watched, 1, static_cast<int>(patience.count())) != 0;
-        Drain();
-        return told;
-    }
-
-  private:
-    void Drain() const
-    {
-        std::array<char, 4096> events{};
-        while (inotify_ >= 0 && ::read(inotify_, events.data(), events.size()) > 0) {
-        }
-    }
-
-    int inotify_ = KeptInotify().Get();
-    int watch_;
-};
-
 } // namespace
 
 std::string InstanceDirectory(std::uint32_t vpnId)
@@ -158,6 +102,17 @@ void RemoveLeftoversOfInstances()
             CleanDirectory(entry.path());
         }
     }
+}
+
+std::optional<std::uint32_t> VpnOfPidFile(std::string_view name)
+{
+    constexpr std::string_view kEnding = ".pid";
+    if (!name.starts_with(kTag) || !name.ends_with(kEnding)) {
+        return std::nullopt;
+    }
+    name.remove_prefix(kTag.size());
+    name.remove_suffix(kEnding.size());
+    return control::WholeNumber<std::uint32_t>(name);
 }
 
 PidFile ReadPidFile(std::uint32_t vpnId)
@@ -237,28 +192,6 @@ std::set<std::uint32_t> VpnsWithProcesses()
         }
     }
     return found;
-}
-
-std::set<std::uint32_t> AwaitStarts(std::set<std::uint32_t> vpnIds, std::chrono::milliseconds patience)
-{
-    const PidFileWatch watch;
-    const auto deadline = Clock::now() + patience;
-    std::set<std::uint32_t> failed;
-    std::set<std::uint32_t> seen = vpnIds;
-    std::erase_if(vpnIds, IsRunning);
-    while (!vpnIds.empty() && Clock::now() < deadline) {
-        if (!watch.Await(kLaunchCheck)) {
-            // Two looks: a process that executes another program has no command line for a moment.
-            const auto seenBefore = std::exchange(seen, VpnsWithProcesses());
-            std::ranges::copy_if(vpnIds, std::inserter(failed, failed.end()), [&](std::uint32_t vpnId) {
-                return !seen.contains(vpnId) && !seenBefore.contains(vpnId);
-            });
-        }
-        std::erase_if(vpnIds, [&](std::uint32_t vpnId) { return failed.contains(vpnId) || IsRunning(vpnId); });
-    }
-    failed.merge(vpnIds);
-    std::erase_if(failed, IsRunning);
-    return failed;
 }
 
 } // namespace kavel::agent

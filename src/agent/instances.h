@@ -4,11 +4,11 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "procfs.h"
 
@@ -16,7 +16,11 @@ namespace kavel::agent {
 
 // Where the instance's files are; the box-wide directory for VPN 0. No slash at the end.
 std::string InstanceDirectory(std::uint32_t vpnId);
+// Pid files are here, by the names that the module gives them.
+inline constexpr const char *kPidDirectory = "/var/run";
 std::string PidFilePath(std::uint32_t vpnId);
+// Nothing when it is no pid file's name.
+std::optional<std::uint32_t> VpnOfPidFile(std::string_view name);
 
 // Makes what is missing of the box-wide directory, which the module expects to find. 0 or a negated errno.
 int WriteBoxDirectory();
@@ -46,10 +50,6 @@ void SetMeantToRun(std::uint32_t vpnId, bool meant);
 
 // Why a reload would signal something else than the VPN's instance; nothing when it is safe.
 std::optional<std::string> ReloadHazard(std::uint32_t vpnId);
-
-// Waits until instances that were just launched have written their pid files, which they do once they hold their ports.
-// An instance is given up as soon as no process of it is left, and after `patience`; those are returned.
-std::set<std::uint32_t> AwaitStarts(std::set<std::uint32_t> vpnIds, std::chrono::milliseconds patience);
 
 // The VPNs whose instance has a process, also before that is dnsmasq: the shell and the namespace tool that lead to it
 // have its command line. One look at all processes, however many VPNs there are.

@@ -29,6 +29,7 @@
 #include "instance_lock.h"
 #include "instances.h"
 #include "interfaces_netlink.h"
+#include "launches.h"
 #include "log.h"
 #include "memory.h"
 #include "module.h"
@@ -174,7 +175,7 @@ void PrepareVpn(const Vpn &vpn)
     }
 }
 
-void StartModule(const Module &module, const Config &config)
+void StartModule(const Module &module, const Config &config, Launches &launches)
 {
     module.setPlatform();
     module.stopOldService();
@@ -185,17 +186,17 @@ void StartModule(const Module &module, const Config &config)
         }
     }
     if (config.persistence) {
-        RecoverStored(module);
+        RecoverStored(module, launches);
     }
 }
 
 // What an agent before this one launched and did not see come up. The module finds an instance by its pid file alone:
 // one without would be doubled, or never stopped. One that belongs to nobody any more is the operator's to end: a VPN
 // that is missing by mistake should not lose its names.
-void AdoptInstances(const Config &config)
+void AdoptInstances(const Config &config, Launches &launches)
 {
     const std::set<std::uint32_t> found = VpnsWithProcesses();
-    (void)AwaitStarts(found, kLaunchPatience);
+    (void)AwaitStarts(launches, found, kLaunchPatience);
     for (const std::uint32_t vpnId : found) {
         if (!config.Serves(vpnId)) {
             Log(LogLevel::kWarning, "vpn %u: an instance runs, but the VPN is not configured", vpnId);
@@ -203,7 +204,7 @@ void AdoptInstances(const Config &config)
     }
 }
 
-void PrepareBox(const Config &config)
+void PrepareBox(const Config &config, Launches &launches)
 {
     RemoveLeftoversOfInstances();
     const int written = WriteBoxDirectory();
@@ -211,18 +212,25 @@ void PrepareBox(const Config &config)
         Log(LogLevel::kError, "the box-wide directory is not complete: %s", std::strerror(-written));
     }
     std::ranges::for_each(config.vpns, PrepareVpn);
-    AdoptInstances(config);
+    AdoptInstances(config, launches);
 }
 
-void Serve(const Module &module, const Config &config, const UniqueFd &signals)
+void Serve(const Module &module, const Config &config, Launches &launches, const UniqueFd &signals)
 {
-    const Requests requests(module, config);
-    ControlSocket socket(config.socket, [&](std::span<const std::uint8_t> frame) {
-        Answer answer = requests.Handle(frame);
-        TellManager(config, "");
-        return answer;
+    const Requests requests(module, config, launches);
+    ControlSocket socket(config.socket,
+                         [&](std::span<const std::uint8_t> frame, const ControlSocket::Respond &respond) {
+                             requests.Handle(frame, respond);
+                             TellManager(config, "");
+                         });
+    socket.Watch(launches.Fd(), [&] {
+        launches.Look();
+        return true;
     });
-    socket.Watch(signals.Get(), [] { return false; });
+    socket.Watch(signals.Get(), [&] {
+        launches.AwaitAll();
+        return false;
+    });
     const UniqueFd namespaces = WatchNamespaces();
     if (namespaces) {
         socket.Watch(namespaces.Get(), [&] {
@@ -255,9 +263,10 @@ void Run(const Options &options)
 
     const Module module(options.module, config.platform);
     Log(LogLevel::kDebug, "module %s", module.Path().c_str());
-    PrepareBox(config);
-    StartModule(module, config);
-    Serve(module, config, signals);
+    Launches launches;
+    PrepareBox(config, launches);
+    StartModule(module, config, launches);
+    Serve(module, config, launches, signals);
 }
 
 } // namespace

@@ -3,11 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+
+#include "number.h"
 
 namespace kavel::agent {
 namespace {
@@ -112,11 +113,8 @@ std::vector<pid_t> AllProcesses()
     std::vector<pid_t> pids;
     std::error_code ignored;
     for (const auto &entry : std::filesystem::directory_iterator("/proc", ignored)) {
-        const std::string name = entry.path().filename().string();
-        pid_t pid = 0;
-        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
-        if (error == std::errc() && end == name.data() + name.size()) {
-            pids.push_back(pid);
+        if (const auto pid = control::WholeNumber<pid_t>(entry.path().filename().string())) {
+            pids.push_back(*pid);
         }
     }
     return pids;

@@ -48,7 +48,7 @@ void StopUnsteered(const Module &module, std::uint32_t vpnId)
 
 } // namespace
 
-void RecoverStored(const Module &module)
+void RecoverStored(const Module &module, Launches &launches)
 {
     ModuleErrors().Clear();
     (void)module.recover(); // succeeds always
@@ -62,7 +62,7 @@ void RecoverStored(const Module &module)
             StopUnsteered(module, record.vpn);
         }
     }
-    const auto failed = AwaitStarts(enabled, kStartPatience);
+    const auto failed = AwaitStarts(launches, enabled, kStartPatience);
     for (const std::uint32_t vpnId : failed) {
         Log(LogLevel::kError, "vpn %u: its instance did not come up again", vpnId);
     }

@@ -2,12 +2,13 @@
 #ifndef KAVEL_AGENT_RECOVERY_H
 #define KAVEL_AGENT_RECOVERY_H
 
+#include "launches.h"
 #include "module.h"
 
 namespace kavel::agent {
 
 // Puts every stored record into force again, and returns once the instances are up. Failures are logged.
-void RecoverStored(const Module &module);
+void RecoverStored(const Module &module, Launches &launches);
 
 } // namespace kavel::agent
 

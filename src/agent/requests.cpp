@@ -97,22 +97,22 @@ Kavel__Summary Summarise(const VQ_DNSMASQ_CONF &record)
     return summary;
 }
 
-// After a message has come into force. The next one for this VPN finds the instance by its pid file: it waits for that
-// file, or for the failure, which does not undo what was applied.
+// It does not undo what was applied.
+void TellTrouble(Answer &answer, const char *wrong)
+{
+    answer.text = wrong;
+    Log(LogLevel::kError, "vpn %u: %s", answer.vpn.value_or(0), wrong);
+}
+
+// After a message has come into force.
 void Settle(Answer &answer, const ControllerMessage &message)
 {
     SetMeantToRun(message.vpn, message.enables);
-    const char *wrong = nullptr;
-    if (message.launches && !AwaitStarts({message.vpn}, kStartPatience).empty()) {
-        wrong = "the instance did not come up";
-    } else if (message.reloads && !IsRunning(message.vpn)) {
-        wrong = "no instance runs, and a reload starts none";
+    answer.awaitsLaunch = message.launches;
+    if (message.reloads && !IsRunning(message.vpn)) {
+        TellTrouble(answer, "no instance runs, and a reload starts none");
     } else if (!message.enables && IsRunning(message.vpn)) {
-        wrong = "the instance still runs";
-    }
-    if (wrong != nullptr) {
-        answer.text = wrong;
-        Log(LogLevel::kError, "vpn %u: %s", message.vpn, wrong);
+        TellTrouble(answer, "the instance still runs");
     }
 }
 
@@ -127,14 +127,29 @@ int PrepareNamespace(std::uint32_t vpnId)
     return loopback < 0 ? loopback : EnsurePolicyRule(vpnId);
 }
 
-Answer Requests::Handle(std::span<const std::uint8_t> frame) const
+void Requests::Handle(std::span<const std::uint8_t> frame, const Respond &respond) const
 {
     const ProtobufMessage envelope = UnpackProtobuf(kavel__request__descriptor, frame);
     if (!envelope) {
-        return Refusal(-EINVAL, "not a request");
+        respond(Refusal(-EINVAL, "not a request"));
+        return;
     }
+    Answer answer = AnswerTo(*reinterpret_cast<const Kavel__Request *>(envelope.get()));
+    if (!answer.awaitsLaunch) {
+        respond(answer);
+        return;
+    }
+    launches_.Add(answer.vpn.value_or(0), kStartPatience, [answer, respond](bool isUp) mutable {
+        if (!isUp) {
+            TellTrouble(answer, "the instance did not come up");
+        }
+        respond(answer);
+    });
+}
+
+Answer Requests::AnswerTo(const Kavel__Request &request) const
+{
     ModuleErrors().Clear();
-    const auto &request = *reinterpret_cast<const Kavel__Request *>(envelope.get());
     const std::span<const std::uint8_t> message(request.message.data,
                                                 request.has_message != 0 ? request.message.len : 0);
     const std::int32_t verb = VerbOf(request);
@@ -168,6 +183,7 @@ Answer Requests::Apply(std::span<const std::uint8_t> message) const
     if (!config_.Serves(vpnId)) {
         return NotConfigured(vpnId);
     }
+    launches_.Await(vpnId); // the module finds an instance by its pid file, which is still to come
     if (auto objection = Objection(config_.platform, *unpacked)) {
         LogOutcome(*objection, "");
         return *objection;
@@ -228,7 +244,9 @@ Answer Requests::Status(const Kavel__Request &request) const
             return NotConfigured(request.vpn);
         }
         vpnIds.push_back(request.vpn);
+        launches_.Await(request.vpn);
     } else {
+        launches_.AwaitAll();
         vpnIds.push_back(0);
         for (const Vpn &vpn : config_.vpns) {
             vpnIds.push_back(vpn.id);
@@ -268,6 +286,7 @@ Answer Requests::ReleaseDirectory(const Kavel__Request &request) const
     if (auto objection = DirectoryObjection(request)) {
         return *objection;
     }
+    launches_.Await(request.vpn);
     if (IsRunning(request.vpn)) {
         return RefusalOf(request.vpn, -EBUSY, "the instance of vpn " + std::to_string(request.vpn) + " is running");
     }

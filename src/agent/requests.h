@@ -3,11 +3,13 @@
 #define KAVEL_AGENT_REQUESTS_H
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 
 #include "answer.h"
 #include "config.h"
+#include "launches.h"
 #include "module.h"
 
 namespace kavel::agent {
@@ -18,13 +20,20 @@ int PrepareNamespace(std::uint32_t vpnId);
 
 class Requests {
   public:
-    // Both outlive this object.
-    Requests(const Module &module, const Config &config) : module_(module), config_(config) {}
+    using Respond = std::function<void(const Answer &)>;
 
-    // `frame` holds one packed Request.
-    [[nodiscard]] Answer Handle(std::span<const std::uint8_t> frame) const;
+    // All of them outlive this object.
+    Requests(const Module &module, const Config &config, Launches &launches)
+        : module_(module), config_(config), launches_(launches)
+    {
+    }
+
+    // `frame` holds one packed Request. `respond` is called once: before this returns, or, of a message that launches
+    // an instance, when that launch ends.
+    void Handle(std::span<const std::uint8_t> frame, const Respond &respond) const;
 
   private:
+    [[nodiscard]] Answer AnswerTo(const Kavel__Request &request) const;
     [[nodiscard]] Answer Apply(std::span<const std::uint8_t> message) const;
     [[nodiscard]] Answer Check(std::span<const std::uint8_t> message) const;
     [[nodiscard]] Answer Status(const Kavel__Request &request) const;
@@ -36,6 +45,7 @@ class Requests {
 
     const Module &module_;
     const Config &config_;
+    Launches &launches_;
 };
 
 } // namespace kavel::agent

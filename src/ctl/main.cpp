@@ -1,7 +1,6 @@
 // The command line of vqctl.
 #include <CLI/CLI.hpp>
 
-#include <charconv>
 #include <cstdint>
 #include <functional>
 #include <iostream>
@@ -12,6 +11,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "number.h"
 #include "status_output.h"
 
 namespace {
@@ -37,13 +37,11 @@ struct Arguments {
 // Decimal alone: CLI11 by itself would read 010 as 8.
 std::uint32_t VpnNumber(const std::string &text)
 {
-    std::uint32_t vpn = 0;
-    const char *const end = text.data() + text.size();
-    const auto [stopped, error] = std::from_chars(text.data(), end, vpn);
-    if (error != std::errc() || stopped != end) {
+    const auto vpn = kavel::control::WholeNumber<std::uint32_t>(text);
+    if (!vpn) {
         throw CLI::ValidationError("\"" + text + "\" is not a VPN number");
     }
-    return vpn;
+    return *vpn;
 }
 
 CLI::Option *AddVpn(CLI::App &app, Arguments &arguments, const std::string &name, const std::string &help)

@@ -21,6 +21,7 @@
 #include "cpe_model.h"
 #include "frame.h"
 #include "fuzz.h"
+#include "launches.h"
 #include "log.h"
 #include "requests.h"
 
@@ -67,14 +68,23 @@ int32_t VerbOf(const Kavel__Request &Request)
 
 class Agent {
   public:
-    Agent() : m_Module(KAVEL_MODULE, m_Config.platform), m_Requests(m_Module, m_Config)
+    Agent() : m_Module(KAVEL_MODULE, m_Config.platform), m_Requests(m_Module, m_Config, m_Launches)
     {
         kavel::agent::SetLogThreshold(kavel::agent::LogLevel::kError);
     }
 
     [[nodiscard]] Answer Handle(fuzz::Bytes Frame) const
     {
-        return IsHarmless(Frame) ? m_Requests.Handle(Frame) : kavel::agent::Refusal(-EPERM, "not in a test");
+        if (!IsHarmless(Frame)) {
+            return kavel::agent::Refusal(-EPERM, "not in a test");
+        }
+        std::optional<Answer> Given;
+        m_Requests.Handle(Frame, [&Given](const Answer &Each) {
+            fuzz::Require(!Given, "a request is answered twice");
+            Given = Each;
+        });
+        fuzz::Require(Given.has_value(), "a request that launches nothing is not answered at once");
+        return *Given;
     }
 
   private:
@@ -105,6 +115,7 @@ class Agent {
 
     kavel::agent::Config m_Config;
     kavel::agent::Module m_Module;
+    kavel::agent::Launches m_Launches;
     kavel::agent::Requests m_Requests;
     kavel::agent::ModuleSilence m_Silence;
 };
