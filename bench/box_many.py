@@ -10,13 +10,14 @@ import signal
 import sys
 
 from box_dns import Client
-from box_world import (STORE, Control, add_namespaces, agent, bytes_in, contents_of, disk, end_instances, host_of,
+from box_world import (STORE, Control, Controllers, add_namespaces, agent, bytes_in, contents_of, disk, end_instances, host_of,
                        hosts_message, instances, messages_for, most_instances, replace_durably, start_bare)
 from pairs import PAIRS, Figures, arguments, interleaved, seconds
 
 FIRST = 1001  # all numbers have four digits: none begins another
 SIZES = (1, 10, 100, 1000)
 HOSTS = 20
+CONTROLLERS = 4  # connections that messages come through
 ADDRESS = "192.0.2.1"
 RECOVERY_MEMORY = 300 << 20
 IDLE_MEMORY = 12 << 20
@@ -42,8 +43,8 @@ class Crowd:
         for client in self.clients:
             client.until(ADDRESS)
 
-    def messages(self, **options):
-        return messages_for(self.vpns, HOSTS, ADDRESS, "reboot", **options)
+    def messages(self, hosts=HOSTS, **options):
+        return messages_for(self.vpns, hosts, ADDRESS, "reboot", **options)
 
     def start_bare(self, one_by_one=False):
         """Seconds until all answer; the instances are gone afterwards."""
@@ -84,26 +85,24 @@ def crowd_of(count):
         crowd.close()
 
 
-def bring_up(crowd, control, messages, switch_off):
+def bring_up(crowd, controllers, messages, switch_off):
     """Seconds until all answer; they are switched off again afterwards."""
     def work():
-        for one in messages:
-            control.send(one)
+        controllers.send_all(messages)
         crowd.until_all_answer()
 
     took = seconds(work)
-    for one in switch_off:
-        control.send(one)
+    controllers.send_all(switch_off)
     return took
 
 
-def brought_up(crowd, figures, work, floor, floor_name, target=None):
+def brought_up(crowd, figures, work, floor, floor_name, target=None, at_once=CONTROLLERS, hosts=HOSTS):
     with agent(crowd.vpns):
-        control = Control()
-        messages, switch_off = crowd.messages(), crowd.messages(enable=False)
-        bring_up(crowd, control, messages, switch_off)
-        ours, least = interleaved(PAIRS, lambda: bring_up(crowd, control, messages, switch_off), floor)
-        control.close()
+        controllers = Controllers(at_once)
+        messages, switch_off = crowd.messages(hosts), crowd.messages(hosts, enable=False)
+        bring_up(crowd, controllers, messages, switch_off)
+        ours, least = interleaved(PAIRS, lambda: bring_up(crowd, controllers, messages, switch_off), floor)
+        controllers.close()
     figures.add(work, len(crowd.vpns), "s", ours, least, floor_name, target=target)
 
 
@@ -127,9 +126,8 @@ def stored_and_running(crowd, figures):
     count = len(crowd.vpns)
     before = bytes_in("meminfo", "MemAvailable")
     with agent(crowd.vpns, persistence=True, store=str(STORE)) as box:
-        control = Control()
-        for one in crowd.messages(kept=True):
-            control.send(one)
+        controllers = Controllers(CONTROLLERS)
+        controllers.send_all(crowd.messages(kept=True))
         crowd.until_all_answer()
         memory_of_instances(figures, count)
         left = bytes_in("meminfo", "MemAvailable")
@@ -138,7 +136,7 @@ def stored_and_running(crowd, figures):
         status(box, figures, count, "running")
         end_instances()
         status(box, figures, count, "instances gone")
-        control.close()
+        controllers.close()
 
 
 def recover(crowd, peaks):
@@ -180,8 +178,11 @@ def measure(count, figures):
         stored_and_running(crowd, figures)
         recovered(crowd, figures)
         if count <= MOST_IN_DETAIL:
+            brought_up(crowd, figures, "VPNs of one host brought up, files in memory, by VPNs", crowd.start_bare,
+                       BARE_LOOP, hosts=1)
             brought_up(crowd, figures, "VPNs brought up one by one, files in memory, by VPNs",
-                       lambda: crowd.start_bare(one_by_one=True), "the same instances, each awaited before the next")
+                       lambda: crowd.start_bare(one_by_one=True), "the same instances, each awaited before the next",
+                       at_once=1)
             with disk():
                 brought_up(crowd, figures, "VPNs brought up from messages until all answer, files on disk, by VPNs",
                            crowd.start_bare_durably, "the same, and their files written durably before")

@@ -118,6 +118,37 @@ class Control:
         self.peer.close()
 
 
+class Controllers:
+    """Several connections to the agent: as many messages are under way at once."""
+
+    def __init__(self, count):
+        self.peers = [connect() for _ in range(count)]
+
+    def send_all(self, messages):
+        free, busy = list(self.peers), {}
+        for one in messages:
+            if not free:
+                free.append(self.take_answer(busy))
+            peer = free.pop()
+            peer.sendall(one.request)
+            busy[peer] = one
+        while busy:
+            self.take_answer(busy)
+
+    @staticmethod
+    def take_answer(busy):
+        """The peer of the next answer that comes."""
+        peer = select.select(list(busy), [], [])[0][0]
+        one, result = busy.pop(peer), result_of(read_frame(peer))
+        if result < 0:
+            raise RuntimeError(f"vpn {one.vpn}: refused with {result}")
+        return peer
+
+    def close(self):
+        for peer in self.peers:
+            peer.close()
+
+
 @contextlib.contextmanager
 def agent(vpns, **changes):
     """A box whose agent is ready and serves these VPNs; its instances end with it."""

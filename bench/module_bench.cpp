@@ -28,7 +28,7 @@ struct Effort {
 constexpr Effort kUsual{7, 0.1};
 constexpr Effort kQuick{5, 0.02};
 
-void log(const Comparison &comparison)
+void Log(const Comparison &comparison)
 {
     std::vector<double> ratios;
     for (std::size_t i = 0; i < comparison.ours.size(); ++i) {
@@ -41,13 +41,13 @@ void log(const Comparison &comparison)
 }
 
 // Short work is done in batches, beside which reading the clock is nothing.
-Comparison timesOf(const Work &work, const Effort &effort)
+Comparison TimesOf(const Work &work, const Effort &effort)
 {
-    constexpr double batchSeconds = 0.002;
+    constexpr double kBatchSeconds = 0.002;
     Comparison out{work.name, work.n, "s", work.floorName, work.target, {}, {}};
     work.floor();
     const double once = SecondsOf<CpuClock>(work.ours);
-    const auto batch = static_cast<std::size_t>(std::max(1.0, std::ceil(batchSeconds / once)));
+    const auto batch = static_cast<std::size_t>(std::max(1.0, std::ceil(kBatchSeconds / once)));
     const auto repetitions =
         static_cast<std::size_t>(std::max(1.0, std::ceil(effort.secondsPerValue / once / static_cast<double>(batch))));
     const auto inBatches = [batch](const std::function<void()> &each) {
@@ -62,12 +62,12 @@ Comparison timesOf(const Work &work, const Effort &effort)
         out.ours.back() /= static_cast<double>(batch);
         out.floor.back() /= static_cast<double>(batch);
     }
-    log(out);
+    Log(out);
     return out;
 }
 
 // One pair: what is counted does not vary.
-std::vector<Comparison> memoryOf(const Work &work)
+std::vector<Comparison> MemoryOf(const Work &work)
 {
     std::vector<Comparison> out;
     for (const auto &[name, unit] : std::array<std::array<const char *, 2>, 4>{
@@ -82,26 +82,26 @@ std::vector<Comparison> memoryOf(const Work &work)
             (out[i].*values).push_back(told[i]);
         }
     };
-    append(countsOf(work.ours), &Comparison::ours);
-    append(countsOf(work.floor), &Comparison::floor);
+    append(CountsOf(work.ours), &Comparison::ours);
+    append(CountsOf(work.floor), &Comparison::floor);
     return out;
 }
 
-void writePairs(const Works &works, const Effort &effort, const std::string &path)
+void WritePairs(const Works &works, const Effort &effort, const std::string &path)
 {
     std::vector<Comparison> out;
     for (const Work &each : works.full) {
-        out.push_back(timesOf(each, effort));
-        const std::vector<Comparison> counts = memoryOf(each);
+        out.push_back(TimesOf(each, effort));
+        const std::vector<Comparison> counts = MemoryOf(each);
         out.insert(out.end(), counts.begin(), counts.end());
     }
     for (const Work &each : works.growing) {
-        out.push_back(timesOf(each, effort));
+        out.push_back(TimesOf(each, effort));
     }
     WriteJson(path, out);
 }
 
-void registerBenchmark(const std::string &name, const std::function<void()> &work)
+void RegisterBenchmark(const std::string &name, const std::function<void()> &work)
 {
     benchmark::RegisterBenchmark(name.c_str(), [&work](benchmark::State &state) {
         for ([[maybe_unused]] auto each : state) {
@@ -110,38 +110,38 @@ void registerBenchmark(const std::string &name, const std::function<void()> &wor
     });
 }
 
-void runBenchmarks(const Works &works)
+void RunBenchmarks(const Works &works)
 {
     for (const auto *list : {&works.full, &works.growing}) {
         for (const Work &each : *list) {
             const std::string name = each.name + '/' + std::to_string(each.n);
-            registerBenchmark(name + "/ours", each.ours);
-            registerBenchmark(name + "/floor", each.floor);
+            RegisterBenchmark(name + "/ours", each.ours);
+            RegisterBenchmark(name + "/floor", each.floor);
         }
     }
     benchmark::RunSpecifiedBenchmarks();
 }
 
 // The text behind "--out"; empty without one.
-std::string outPath(int count, char **arguments)
+std::string OutPath(int count, char **arguments)
 {
     const auto *end = arguments + count;
     const auto *found = std::find(arguments, arguments + count, std::string_view("--out"));
     return found == end || found + 1 == end ? "" : *(found + 1);
 }
 
-void run(int count, char **arguments)
+void Run(int count, char **arguments)
 {
     const NullHost host;
     const Works works;
-    const std::string path = outPath(count, arguments);
+    const std::string path = OutPath(count, arguments);
     if (path.empty()) {
         benchmark::Initialize(&count, arguments);
-        runBenchmarks(works);
+        RunBenchmarks(works);
         return;
     }
     const bool quick = std::find(arguments, arguments + count, std::string_view("--quick")) != arguments + count;
-    writePairs(works, quick ? kQuick : kUsual, path);
+    WritePairs(works, quick ? kQuick : kUsual, path);
 }
 
 } // namespace
@@ -151,7 +151,7 @@ void run(int count, char **arguments)
 int main(int argc, char **argv)
 {
     try {
-        kavel::bench::run(argc, argv);
+        kavel::bench::Run(argc, argv);
         return 0;
     } catch (const std::exception &error) {
         static_cast<void>(std::fprintf(stderr, "bench_module: %s\n", error.what()));

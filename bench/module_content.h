@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "cpeMessage.h"
+#include "expect.h"
 #include "module_host.h"
 #include "vqCtrlAdvancedDns.h"
 
@@ -52,17 +53,14 @@ class Content {
     std::string text; // the record's stored form
 
   private:
-    void fillMessage(const Amount &amount);
-    void fillProxies(const Amount &amount);
-    void fillTexts();
+    void FillMessage(const Amount &amount);
+    void FillProxies(const Amount &amount);
+    void FillTexts();
 };
 
 // A record with `count` entries in each list that has the room, otherwise as many as fit; for work that takes records
 // which no message could give.
-RecordOwner recordOf(std::size_t count);
-
-// What is measured has to work: throws otherwise.
-void require(bool condition, const char *what);
+RecordOwner RecordOf(std::size_t count);
 
 } // namespace kavel::bench
 

@@ -24,7 +24,7 @@ namespace {
 bool s_counting = false;
 Counts s_counts;
 
-void *taken(void *block)
+void *Taken(void *block)
 {
     if (s_counting && block != nullptr) {
         ++s_counts.allocations;
@@ -34,7 +34,7 @@ void *taken(void *block)
     return block;
 }
 
-void given(void *block)
+void Given(void *block)
 {
     if (s_counting && block != nullptr) {
         s_counts.liveBytes -= static_cast<std::int64_t>(malloc_usable_size(block));
@@ -43,19 +43,19 @@ void given(void *block)
 
 } // namespace
 
-void startCounting()
+void StartCounting()
 {
     s_counts = {};
     s_counting = true;
 }
 
-Counts stopCounting()
+Counts StopCounting()
 {
     s_counting = false;
     return s_counts;
 }
 
-void countCopied(std::size_t bytes)
+void CountCopied(std::size_t bytes)
 {
     if (s_counting) {
         s_counts.copiedBytes += bytes;
@@ -64,14 +64,14 @@ void countCopied(std::size_t bytes)
 
 } // namespace kavel::bench
 
-using kavel::bench::given;
+using kavel::bench::Given;
 using kavel::bench::s_counting;
 using kavel::bench::s_counts;
-using kavel::bench::taken;
+using kavel::bench::Taken;
 
 void *malloc(size_t size) noexcept
 {
-    return taken(__libc_malloc(size));
+    return Taken(__libc_malloc(size));
 }
 
 void *calloc(size_t nmemb, size_t size) noexcept
@@ -79,24 +79,24 @@ void *calloc(size_t nmemb, size_t size) noexcept
     if (s_counting) {
         s_counts.clearedBytes += nmemb * size;
     }
-    return taken(__libc_calloc(nmemb, size));
+    return Taken(__libc_calloc(nmemb, size));
 }
 
 void *realloc(void *ptr, size_t size) noexcept
 {
-    given(ptr);
-    return taken(__libc_realloc(ptr, size));
+    Given(ptr);
+    return Taken(__libc_realloc(ptr, size));
 }
 
 void free(void *ptr) noexcept
 {
-    given(ptr);
+    Given(ptr);
     __libc_free(ptr);
 }
 
 void *__wrap_memcpy(void *target, const void *source, size_t size) noexcept
 {
-    kavel::bench::countCopied(size);
+    kavel::bench::CountCopied(size);
     return __real_memcpy(target, source, size);
 }
 

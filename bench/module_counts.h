@@ -15,17 +15,17 @@ struct Counts {
     std::uint64_t clearedBytes = 0; // filled by the module, or asked for zeroed
 };
 
-void startCounting();
-Counts stopCounting();
+void StartCounting();
+Counts StopCounting();
 // For text that no block copy shows.
-void countCopied(std::size_t bytes);
+void CountCopied(std::size_t bytes);
 
 template <typename Work>
-Counts countsOf(Work &&work)
+Counts CountsOf(Work &&work)
 {
-    startCounting();
+    StartCounting();
     work();
-    return stopCounting();
+    return StopCounting();
 }
 
 } // namespace kavel::bench

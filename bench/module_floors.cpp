@@ -26,49 +26,49 @@ using HostBlock = std::unique_ptr<T, GiveBack>;
 constexpr std::size_t kServerFileSize = 1024;
 
 template <typename FormatLine>
-void writeLines(char *buffer, std::size_t size, std::size_t count, FormatLine format)
+void WriteLines(char *buffer, std::size_t size, std::size_t count, FormatLine format)
 {
     std::size_t length = 0;
     for (std::size_t i = 0; i < count; ++i) {
         length += format(i, buffer + length, size - length);
     }
-    require(VQ_WriteSyncWithFilePath("", buffer, length) == 0, "a file is not written");
+    Expect(VQ_WriteSyncWithFilePath("", buffer, length) == 0, "a file is not written");
 }
 
 template <typename FormatLine>
-void writeLargeFile(std::size_t count, std::size_t lineBudget, FormatLine format)
+void WriteLargeFile(std::size_t count, std::size_t lineBudget, FormatLine format)
 {
     const HostBlock<char> buffer(static_cast<char *>(VQ_AgentMemZeroAlloc(count * lineBudget)));
-    writeLines(buffer.get(), count * lineBudget, count, format);
+    WriteLines(buffer.get(), count * lineBudget, count, format);
 }
 
 template <typename FormatLine>
-void writeServerFile(std::size_t count, FormatLine format)
+void WriteServerFile(std::size_t count, FormatLine format)
 {
     char buffer[kServerFileSize] = {};
-    writeLines(buffer, sizeof(buffer), count, format);
+    WriteLines(buffer, sizeof(buffer), count, format);
 }
 
-void add(json_object *parent, const char *key, json_object *value)
+void Add(json_object *parent, const char *key, json_object *value)
 {
     json_object_object_add(parent, key, value);
 }
 
-void addNumber(json_object *parent, const char *key, std::uint32_t value)
+void AddNumber(json_object *parent, const char *key, std::uint32_t value)
 {
-    add(parent, key, json_object_new_int(static_cast<std::int32_t>(value)));
+    Add(parent, key, json_object_new_int(static_cast<std::int32_t>(value)));
 }
 
-void addText(json_object *parent, const char *key, const char *value)
+void AddText(json_object *parent, const char *key, const char *value)
 {
-    add(parent, key, json_object_new_string(value));
+    Add(parent, key, json_object_new_string(value));
 }
 
 template <typename FillItem>
-void addList(json_object *root, const char *key, std::size_t count, FillItem fill)
+void AddList(json_object *root, const char *key, std::size_t count, FillItem fill)
 {
     json_object *array = json_object_new_array();
-    add(root, key, array);
+    Add(root, key, array);
     for (std::size_t i = 0; i < count; ++i) {
         json_object *item = json_object_new_object();
         json_object_array_add(array, item);
@@ -76,52 +76,52 @@ void addList(json_object *root, const char *key, std::size_t count, FillItem fil
     }
 }
 
-void addHeader(json_object *root, const VQ_CTRL_DNSMASQ_CONF &conf)
+void AddHeader(json_object *root, const VQ_CTRL_DNSMASQ_CONF &conf)
 {
-    add(root, "Enable", json_object_new_boolean(conf.Enable != FALSE));
-    addNumber(root, "VpnId", conf.VpnId);
-    addNumber(root, "Op", VQ_CTRL_DNSMASQ_OP_REBOOT);
-    addNumber(root, "DnsHostNum", conf.DnsHostNum);
-    addNumber(root, "DnsMxHostNum", conf.DnsMxHostNum);
-    addNumber(root, "DnsServerNum", conf.DnsServerNum);
-    addNumber(root, "DnsProxyNum", conf.DnsProxyNum);
+    Add(root, "Enable", json_object_new_boolean(conf.Enable != FALSE));
+    AddNumber(root, "VpnId", conf.VpnId);
+    AddNumber(root, "Op", VQ_CTRL_DNSMASQ_OP_REBOOT);
+    AddNumber(root, "DnsHostNum", conf.DnsHostNum);
+    AddNumber(root, "DnsMxHostNum", conf.DnsMxHostNum);
+    AddNumber(root, "DnsServerNum", conf.DnsServerNum);
+    AddNumber(root, "DnsProxyNum", conf.DnsProxyNum);
 }
 
-void addIp(json_object *parent, const char *key, const std::string &ready, std::uint32_t ip, Addresses addresses)
+void AddIp(json_object *parent, const char *key, const std::string &ready, std::uint32_t ip, Addresses addresses)
 {
-    if (addresses == Addresses::AreTexts) {
-        addText(parent, key, ready.c_str());
+    if (addresses == Addresses::kAreTexts) {
+        AddText(parent, key, ready.c_str());
         return;
     }
     char text[19] = {};
     static_cast<void>(
         VQ_SNPrintf(text, sizeof(text), "%u.%u.%u.%u", ip >> 24U, ip >> 16U & 255U, ip >> 8U & 255U, ip & 255U));
-    addText(parent, key, text);
+    AddText(parent, key, text);
 }
 
-void addLists(json_object *root, const Content &content, Addresses addresses)
+void AddLists(json_object *root, const Content &content, Addresses addresses)
 {
     const VQ_CTRL_DNSMASQ_CONF &conf = *content.record;
-    addList(root, "DnsHost", conf.DnsHostNum, [&](json_object *item, std::size_t i) {
-        addIp(item, "Ip", content.hostIps[i], conf.DnsHost[i].Ip, addresses);
-        addText(item, "Domain", conf.DnsHost[i].Domain);
+    AddList(root, "DnsHost", conf.DnsHostNum, [&](json_object *item, std::size_t i) {
+        AddIp(item, "Ip", content.hostIps[i], conf.DnsHost[i].Ip, addresses);
+        AddText(item, "Domain", conf.DnsHost[i].Domain);
     });
-    addList(root, "DnsMxHost", conf.DnsMxHostNum, [&](json_object *item, std::size_t i) {
-        addText(item, "TargetDomain", conf.DnsMxHost[i].TargetDomain);
-        addText(item, "SourceDomain", conf.DnsMxHost[i].SourceDomain);
-        addNumber(item, "Preference", conf.DnsMxHost[i].Preference);
+    AddList(root, "DnsMxHost", conf.DnsMxHostNum, [&](json_object *item, std::size_t i) {
+        AddText(item, "TargetDomain", conf.DnsMxHost[i].TargetDomain);
+        AddText(item, "SourceDomain", conf.DnsMxHost[i].SourceDomain);
+        AddNumber(item, "Preference", conf.DnsMxHost[i].Preference);
     });
-    addList(root, "DnsServer", conf.DnsServerNum, [&](json_object *item, std::size_t i) {
-        addIp(item, "DnsServerIp", content.serverIps[i], conf.DnsServer[i].DnsServerIp, addresses);
-        addText(item, "Ifname", conf.DnsServer[i].Ifname);
+    AddList(root, "DnsServer", conf.DnsServerNum, [&](json_object *item, std::size_t i) {
+        AddIp(item, "DnsServerIp", content.serverIps[i], conf.DnsServer[i].DnsServerIp, addresses);
+        AddText(item, "Ifname", conf.DnsServer[i].Ifname);
     });
-    addList(root, "DnsProxy", conf.DnsProxyNum, [&](json_object *item, std::size_t i) {
-        addText(item, "Domain", conf.DnsProxy[i].Domain);
-        addIp(item, "ServerIp", content.proxyIps[i], conf.DnsProxy[i].ServerIp, addresses);
+    AddList(root, "DnsProxy", conf.DnsProxyNum, [&](json_object *item, std::size_t i) {
+        AddText(item, "Domain", conf.DnsProxy[i].Domain);
+        AddIp(item, "ServerIp", content.proxyIps[i], conf.DnsProxy[i].ServerIp, addresses);
     });
 }
 
-const char *textOf(json_object *item, const char *key)
+const char *TextOf(json_object *item, const char *key)
 {
     json_object *value = nullptr;
     json_object_object_get_ex(item, key, &value);
@@ -129,19 +129,19 @@ const char *textOf(json_object *item, const char *key)
 }
 
 template <std::size_t Size>
-void takeText(json_object *item, const char *key, char (&target)[Size])
+void TakeText(json_object *item, const char *key, char (&target)[Size])
 {
-    static_cast<void>(VQ_SafeStrCopy(target, Size, textOf(item, key)));
+    static_cast<void>(VQ_SafeStrCopy(target, Size, TextOf(item, key)));
 }
 
-void takeIp(json_object *item, const char *key, std::uint32_t *ip)
+void TakeIp(json_object *item, const char *key, std::uint32_t *ip)
 {
-    const char *text = textOf(item, key);
-    require(VQ_SafeStrGetIp4Addr(text, std::strlen(text), ip) != nullptr, "an address is not read");
+    const char *text = TextOf(item, key);
+    Expect(VQ_SafeStrGetIp4Addr(text, std::strlen(text), ip) != nullptr, "an address is not read");
 }
 
 template <typename TakeItem>
-void takeList(json_object *root, const char *key, TakeItem take)
+void TakeList(json_object *root, const char *key, TakeItem take)
 {
     json_object *array = nullptr;
     json_object_object_get_ex(root, key, &array);
@@ -151,55 +151,54 @@ void takeList(json_object *root, const char *key, TakeItem take)
     }
 }
 
-void takeLists(json_object *root, VQ_CTRL_DNSMASQ_CONF &conf)
+void TakeLists(json_object *root, VQ_CTRL_DNSMASQ_CONF &conf)
 {
-    takeList(root, "DnsHost", [&](json_object *item, std::size_t i) {
-        takeIp(item, "Ip", &conf.DnsHost[i].Ip);
-        takeText(item, "Domain", conf.DnsHost[i].Domain);
+    TakeList(root, "DnsHost", [&](json_object *item, std::size_t i) {
+        TakeIp(item, "Ip", &conf.DnsHost[i].Ip);
+        TakeText(item, "Domain", conf.DnsHost[i].Domain);
     });
-    takeList(root, "DnsMxHost", [&](json_object *item, std::size_t i) {
+    TakeList(root, "DnsMxHost", [&](json_object *item, std::size_t i) {
         json_object *preference = nullptr;
-        takeText(item, "TargetDomain", conf.DnsMxHost[i].TargetDomain);
-        takeText(item, "SourceDomain", conf.DnsMxHost[i].SourceDomain);
+        TakeText(item, "TargetDomain", conf.DnsMxHost[i].TargetDomain);
+        TakeText(item, "SourceDomain", conf.DnsMxHost[i].SourceDomain);
         json_object_object_get_ex(item, "Preference", &preference);
         conf.DnsMxHost[i].Preference = static_cast<std::uint32_t>(json_object_get_int(preference));
     });
-    takeList(root, "DnsServer", [&](json_object *item, std::size_t i) {
-        takeIp(item, "DnsServerIp", &conf.DnsServer[i].DnsServerIp);
-        takeText(item, "Ifname", conf.DnsServer[i].Ifname);
+    TakeList(root, "DnsServer", [&](json_object *item, std::size_t i) {
+        TakeIp(item, "DnsServerIp", &conf.DnsServer[i].DnsServerIp);
+        TakeText(item, "Ifname", conf.DnsServer[i].Ifname);
     });
-    takeList(root, "DnsProxy", [&](json_object *item, std::size_t i) {
-        takeIp(item, "ServerIp", &conf.DnsProxy[i].ServerIp);
-        takeText(item, "Domain", conf.DnsProxy[i].Domain);
+    TakeList(root, "DnsProxy", [&](json_object *item, std::size_t i) {
+        TakeIp(item, "ServerIp", &conf.DnsProxy[i].ServerIp);
+        TakeText(item, "Domain", conf.DnsProxy[i].Domain);
     });
 }
 
 // As the module keeps a record: the row of before goes, the new one comes.
-void storeDocument(const Content &content)
+void StoreDocument(const Content &content)
 {
     const auto row = static_cast<BOOL>(kVpnId);
     std::string text;
-    printDocument(content, Addresses::AreTexts, &text);
+    PrintDocument(content, Addresses::kAreTexts, &text);
     static_cast<void>(VQ_SqliteDnsMasqConfOp(row, nullptr, VQ_SQL_CONF_OP_DEL, VQ_SQL_CONF_CPE_DNSMASQ));
-    require(VQ_SqliteDnsMasqConfOp(row, text.data(), VQ_SQL_CONF_OP_ADD, VQ_SQL_CONF_CPE_DNSMASQ) >= 0,
-            "a record is not stored");
+    Expect(VQ_SqliteDnsMasqConfOp(row, text.data(), VQ_SQL_CONF_OP_ADD, VQ_SQL_CONF_CPE_DNSMASQ) >= 0,
+           "a record is not stored");
 }
 
 } // namespace
 
-void matchNames(std::span<const std::string> names)
+void MatchNames(std::span<const std::string> names)
 {
     for (const std::string &each : names) {
         regex_t pattern = {};
-        require(regcomp(&pattern, "^[a-zA-Z0-9]{1,63}([\\.\\-][a-zA-Z0-9]{1,63})*\\.[a-zA-Z]{2,63}$", REG_EXTENDED) ==
-                    0,
-                "the pattern does not compile");
-        require(regexec(&pattern, each.c_str(), 0, nullptr, 0) == 0, "a name does not match");
+        Expect(regcomp(&pattern, "^[a-zA-Z0-9]{1,63}([\\.\\-][a-zA-Z0-9]{1,63})*\\.[a-zA-Z]{2,63}$", REG_EXTENDED) == 0,
+               "the pattern does not compile");
+        Expect(regexec(&pattern, each.c_str(), 0, nullptr, 0) == 0, "a name does not match");
         regfree(&pattern);
     }
 }
 
-void copyServers(const Content &content, VQ_CTRL_DNSMASQ_CONF *target)
+void CopyServers(const Content &content, VQ_CTRL_DNSMASQ_CONF *target)
 {
     for (std::size_t i = 0; i < content.record->DnsServerNum; ++i) {
         VQ_CTRL_DNS_SERVER_CONF &server = target->DnsServer[i];
@@ -207,112 +206,112 @@ void copyServers(const Content &content, VQ_CTRL_DNSMASQ_CONF *target)
     }
 }
 
-void writeHostLines(const VQ_CTRL_DNSMASQ_CONF &conf)
+void WriteHostLines(const VQ_CTRL_DNSMASQ_CONF &conf)
 {
-    writeLargeFile(conf.DnsHostNum, 1024, [&](std::size_t i, char *target, std::size_t size) {
+    WriteLargeFile(conf.DnsHostNum, 1024, [&](std::size_t i, char *target, std::size_t size) {
         const VQ_CTRL_DNS_HOST_CONF &host = conf.DnsHost[i];
         return VQ_SNPrintf(target, size, "%u.%u.%u.%u %s\n", host.Ip >> 24U, host.Ip >> 16U & 255U,
                            host.Ip >> 8U & 255U, host.Ip & 255U, host.Domain);
     });
 }
 
-void writeMxLines(const VQ_CTRL_DNSMASQ_CONF &conf)
+void WriteMxLines(const VQ_CTRL_DNSMASQ_CONF &conf)
 {
-    writeLargeFile(conf.DnsMxHostNum, 1024, [&](std::size_t i, char *target, std::size_t size) {
+    WriteLargeFile(conf.DnsMxHostNum, 1024, [&](std::size_t i, char *target, std::size_t size) {
         const VQ_CTRL_DNS_MX_HOST_CONF &mx = conf.DnsMxHost[i];
         return VQ_SNPrintf(target, size, "mx-host=%s,%s,%u\n", mx.SourceDomain, mx.TargetDomain, mx.Preference);
     });
 }
 
-void writeServerLines(const VQ_CTRL_DNSMASQ_CONF &conf)
+void WriteServerLines(const VQ_CTRL_DNSMASQ_CONF &conf)
 {
-    writeServerFile(conf.DnsServerNum, [&](std::size_t i, char *target, std::size_t size) {
+    WriteServerFile(conf.DnsServerNum, [&](std::size_t i, char *target, std::size_t size) {
         const std::uint32_t ip = conf.DnsServer[i].DnsServerIp;
         return VQ_SNPrintf(target, size, "server=%u.%u.%u.%u@%s\n", ip >> 24U, ip >> 16U & 255U, ip >> 8U & 255U,
                            ip & 255U, conf.DnsServer[i].Ifname);
     });
 }
 
-void writeResolvLines(const VQ_CTRL_DNSMASQ_CONF &conf)
+void WriteResolvLines(const VQ_CTRL_DNSMASQ_CONF &conf)
 {
-    writeServerFile(conf.DnsServerNum, [&](std::size_t i, char *target, std::size_t size) {
+    WriteServerFile(conf.DnsServerNum, [&](std::size_t i, char *target, std::size_t size) {
         const std::uint32_t ip = conf.DnsServer[i].DnsServerIp;
         return VQ_SNPrintf(target, size, "nameserver %u.%u.%u.%u\n", ip >> 24U, ip >> 16U & 255U, ip >> 8U & 255U,
                            ip & 255U);
     });
 }
 
-void writeProxyLines(const VQ_CTRL_DNSMASQ_CONF &conf)
+void WriteProxyLines(const VQ_CTRL_DNSMASQ_CONF &conf)
 {
-    writeLargeFile(conf.DnsProxyNum, 288, [&](std::size_t i, char *target, std::size_t size) {
+    WriteLargeFile(conf.DnsProxyNum, 288, [&](std::size_t i, char *target, std::size_t size) {
         const VQ_CTRL_DNS_PROXY_CONF &proxy = conf.DnsProxy[i];
         return VQ_SNPrintf(target, size, "server=/%s/%u.%u.%u.%u\n", proxy.Domain, proxy.ServerIp >> 24U,
                            proxy.ServerIp >> 16U & 255U, proxy.ServerIp >> 8U & 255U, proxy.ServerIp & 255U);
     });
 }
 
-void printDocument(const Content &content, Addresses addresses, std::string *printed)
+void PrintDocument(const Content &content, Addresses addresses, std::string *printed)
 {
     json_object *root = json_object_new_object();
-    addHeader(root, *content.record);
-    addLists(root, content, addresses);
-    addText(root, "LocalIp", "0.0.0.0");
+    AddHeader(root, *content.record);
+    AddLists(root, content, addresses);
+    AddText(root, "LocalIp", "0.0.0.0");
     const char *text = json_object_to_json_string(root);
-    require(text != nullptr, "the document is not printed");
+    Expect(text != nullptr, "the document is not printed");
     if (printed != nullptr) {
         *printed = text;
     }
     json_object_put(root);
 }
 
-void parseDocument(const std::string &text)
+void ParseDocument(const std::string &text)
 {
     json_object *root = json_tokener_parse(text.c_str());
-    require(root != nullptr, "the document is not parsed");
+    Expect(root != nullptr, "the document is not parsed");
     json_object_put(root);
 }
 
-void takeDocument(const std::string &text, VQ_CTRL_DNSMASQ_CONF *target)
+void TakeDocument(const std::string &text, VQ_CTRL_DNSMASQ_CONF *target)
 {
     json_object *root = json_tokener_parse(text.c_str());
-    require(root != nullptr, "the document is not parsed");
-    takeLists(root, *target);
+    Expect(root != nullptr, "the document is not parsed");
+    TakeLists(root, *target);
     json_object_put(root);
 }
 
-void clearRecord()
+void ClearRecord()
 {
     const HostBlock<VQ_CTRL_DNSMASQ_CONF> record(
         static_cast<VQ_CTRL_DNSMASQ_CONF *>(VQ_AgentMemAlloc(sizeof(VQ_CTRL_DNSMASQ_CONF))));
-    require(record != nullptr, "no memory for a record");
+    Expect(record != nullptr, "no memory for a record");
     std::memset(record.get(), 0, sizeof(VQ_CTRL_DNSMASQ_CONF));
 }
 
-void addRoutes(const VQ_CTRL_DNSMASQ_CONF &conf)
+void AddRoutes(const VQ_CTRL_DNSMASQ_CONF &conf)
 {
     VQ_RTC_ROUTE_CONF route = {};
     for (std::size_t i = 0; i < conf.DnsServerNum; ++i) {
         route.TargetIp.Ip = conf.DnsServer[i].DnsServerIp;
-        require(VQ_RTCRouteAdd(kVpnId, &route) == 0, "a route is not added");
+        Expect(VQ_RTCRouteAdd(kVpnId, &route) == 0, "a route is not added");
     }
     for (std::size_t i = 0; i < conf.DnsProxyNum; ++i) {
         route.TargetIp.Ip = conf.DnsProxy[i].ServerIp;
-        require(VQ_RTCRouteAdd(kVpnId, &route) == 0, "a route is not added");
+        Expect(VQ_RTCRouteAdd(kVpnId, &route) == 0, "a route is not added");
     }
 }
 
-void carryMessage(const Content &content)
+void CarryMessage(const Content &content)
 {
-    clearRecord();
-    matchNames(content.names);
-    writeHostLines(*content.record);
-    writeMxLines(*content.record);
-    writeServerLines(*content.record);
-    writeResolvLines(*content.record);
-    writeProxyLines(*content.record);
-    addRoutes(*content.record);
+    ClearRecord();
+    MatchNames(content.names);
+    WriteHostLines(*content.record);
+    WriteMxLines(*content.record);
+    WriteServerLines(*content.record);
+    WriteResolvLines(*content.record);
+    WriteProxyLines(*content.record);
+    AddRoutes(*content.record);
     if (content.record->PersistentFlag != FALSE) {
-        storeDocument(content);
+        StoreDocument(content);
     }
 }
 

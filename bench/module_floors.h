@@ -10,31 +10,31 @@
 namespace kavel::bench {
 
 // Every name against a pattern of its own, compiled for it and freed behind it.
-void matchNames(std::span<const std::string> names);
+void MatchNames(std::span<const std::string> names);
 
 // The servers' interface names, which no rule makes anybody check.
-void copyServers(const Content &content, VQ_CTRL_DNSMASQ_CONF *target);
+void CopyServers(const Content &content, VQ_CTRL_DNSMASQ_CONF *target);
 
 // The lines of one file, each formatted once into a zeroed buffer of the prescribed size, and written.
-void writeHostLines(const VQ_CTRL_DNSMASQ_CONF &conf);
-void writeMxLines(const VQ_CTRL_DNSMASQ_CONF &conf);
-void writeServerLines(const VQ_CTRL_DNSMASQ_CONF &conf);
-void writeResolvLines(const VQ_CTRL_DNSMASQ_CONF &conf);
-void writeProxyLines(const VQ_CTRL_DNSMASQ_CONF &conf);
+void WriteHostLines(const VQ_CTRL_DNSMASQ_CONF &conf);
+void WriteMxLines(const VQ_CTRL_DNSMASQ_CONF &conf);
+void WriteServerLines(const VQ_CTRL_DNSMASQ_CONF &conf);
+void WriteResolvLines(const VQ_CTRL_DNSMASQ_CONF &conf);
+void WriteProxyLines(const VQ_CTRL_DNSMASQ_CONF &conf);
 
 // The stored document built, printed and freed. With `printed` the text is kept.
-enum class Addresses { AreTexts, AreFormatted }; // there already, or by the host's service
-void printDocument(const Content &content, Addresses addresses, std::string *printed);
+enum class Addresses { kAreTexts, kAreFormatted }; // there already, or by the host's service
+void PrintDocument(const Content &content, Addresses addresses, std::string *printed);
 // Parsed and freed; before that, in the second case, every member is looked up and put where it belongs.
-void parseDocument(const std::string &text);
-void takeDocument(const std::string &text, VQ_CTRL_DNSMASQ_CONF *target);
+void ParseDocument(const std::string &text);
+void TakeDocument(const std::string &text, VQ_CTRL_DNSMASQ_CONF *target);
 
 // A record taken, zeroed and given back.
-void clearRecord();
+void ClearRecord();
 // One call for each server of the record, on one description.
-void addRoutes(const VQ_CTRL_DNSMASQ_CONF &conf);
+void AddRoutes(const VQ_CTRL_DNSMASQ_CONF &conf);
 // All of a message's parts.
-void carryMessage(const Content &content);
+void CarryMessage(const Content &content);
 
 } // namespace kavel::bench
 

@@ -26,24 +26,24 @@ std::string *s_written = nullptr;
 
 NullHost::NullHost()
 {
-    constexpr pid_t pid = 1234;
+    constexpr pid_t kPid = 1234;
 
-    m_host.RecordNothing();
-    m_host.Log.LevelEnabled.fill(false);
-    m_host.Log.DumpEnabled = false;
-    m_host.Files.PutInstance(kVpnId);
-    m_host.Netio.SetWans(kVpnId, {{false}});
-    m_host.Netio.SetLans(kVpnId, {{"lan0"}});
-    m_host.Proc.AddInstance(pid, kVpnId);
-    m_host.Proc.PutPidFile(kVpnId, std::to_string(pid) + '\n');
-    m_host.Rows.Enabled = true;
-    m_host.Rows.Conversions.DataTransJsonStrFree = [](char *text) { VQ_AgentMemFree(text); };
-    m_host.Rows.Conversions.DnsmasqConfToStr = VQCtrl_AdvancedDnsConfToJsonStr;
-    m_host.Rows.Conversions.DnsmasqStrToConf = VQCtrl_AdvancedDnsJsonStrToConf;
+    host_.RecordNothing();
+    host_.Log.LevelEnabled.fill(false);
+    host_.Log.DumpEnabled = false;
+    host_.Files.PutInstance(kVpnId);
+    host_.Netio.SetWans(kVpnId, {{false}});
+    host_.Netio.SetLans(kVpnId, {{"lan0"}});
+    host_.Proc.AddInstance(kPid, kVpnId);
+    host_.Proc.PutPidFile(kVpnId, std::to_string(kPid) + '\n');
+    host_.Rows.Enabled = true;
+    host_.Rows.Conversions.DataTransJsonStrFree = [](char *text) { VQ_AgentMemFree(text); };
+    host_.Rows.Conversions.DnsmasqConfToStr = VQCtrl_AdvancedDnsConfToJsonStr;
+    host_.Rows.Conversions.DnsmasqStrToConf = VQCtrl_AdvancedDnsJsonStrToConf;
     VQCtrl_AgentSetCPEAdvancedDnsOps();
 }
 
-void keepWritten(std::string *target)
+void KeepWritten(std::string *target)
 {
     s_written = target;
 }
@@ -85,7 +85,7 @@ size_t __wrap_VQ_SNPrintf(char *buffer, size_t size, const char *format, ...)
     va_start(arguments, format);
     const auto length = static_cast<size_t>(std::vsnprintf(buffer, size, format, arguments));
     va_end(arguments);
-    kavel::bench::countCopied(length);
+    kavel::bench::CountCopied(length);
     return length;
 }
 
@@ -114,7 +114,7 @@ int __wrap_VQ_IPNum2IPStr(uint32_t ip, uint32_t /*flag*/, char *buffer, uint32_t
 {
     const int length =
         std::snprintf(buffer, size, "%u.%u.%u.%u", ip >> 24U, (ip >> 16U) & 255U, (ip >> 8U) & 255U, ip & 255U);
-    kavel::bench::countCopied(static_cast<size_t>(length));
+    kavel::bench::CountCopied(static_cast<size_t>(length));
     return static_cast<uint32_t>(length) < size ? 0 : -EOVERFLOW;
 }
 

@@ -20,11 +20,11 @@ class NullHost {
     NullHost();
 
   private:
-    fakehost::Host m_host;
+    fakehost::Host host_;
 };
 
 // What is written to files from here on is kept in `target`, one after another; null ends it.
-void keepWritten(std::string *target);
+void KeepWritten(std::string *target);
 
 } // namespace kavel::bench
 

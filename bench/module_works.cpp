@@ -20,7 +20,7 @@ constexpr const char *kBoth = "json-c building, printing, parsing and freeing th
 constexpr const char *kParts = "the floors of its parts one after another, and a zeroed record";
 
 // 1, 10, 100, ... well below the capacity, and the capacity.
-std::vector<std::size_t> sizesUpTo(std::size_t capacity)
+std::vector<std::size_t> SizesUpTo(std::size_t capacity)
 {
     std::vector<std::size_t> sizes;
     for (std::size_t n = 1; 2 * n <= capacity; n *= 10) {
@@ -30,46 +30,46 @@ std::vector<std::size_t> sizesUpTo(std::size_t capacity)
     return sizes;
 }
 
-std::size_t entriesOf(const VQ_CTRL_DNSMASQ_CONF &conf)
+std::size_t EntriesOf(const VQ_CTRL_DNSMASQ_CONF &conf)
 {
     return std::size_t{conf.DnsHostNum} + conf.DnsMxHostNum + conf.DnsServerNum + conf.DnsProxyNum;
 }
 
-void translate(const Content &content, VQ_CTRL_DNSMASQ_CONF *target)
+void Translate(const Content &content, VQ_CTRL_DNSMASQ_CONF *target)
 {
-    require(VQCtrl_PbToAdvancedDnsConfPlatformCPE(&content.carrier, target) == 0, "the message is not taken");
+    Expect(VQCtrl_PbToAdvancedDnsConfPlatformCPE(&content.carrier, target) == 0, "the message is not taken");
 }
 
-void printRecord(const Content &content, std::string *printed)
+void PrintRecord(const Content &content, std::string *printed)
 {
     char *text = VQCtrl_AdvancedDnsConfToJsonStr(content.record.get());
-    require(text != nullptr, "the record has no stored form");
+    Expect(text != nullptr, "the record has no stored form");
     if (printed != nullptr) {
         *printed = text;
     }
     VQ_AgentMemFree(text);
 }
 
-void readRecord(const Content &content, VQ_CTRL_DNSMASQ_CONF *target)
+void ReadRecord(const Content &content, VQ_CTRL_DNSMASQ_CONF *target)
 {
-    require(VQCtrl_AdvancedDnsJsonStrToConf(target, content.text.c_str()) == 0, "the text is not read");
+    Expect(VQCtrl_AdvancedDnsJsonStrToConf(target, content.text.c_str()) == 0, "the text is not read");
 }
 
-void configure(const Content &content)
+void Configure(const Content &content)
 {
-    require(VQCtrl_ConfigAdvancedDns(&content.carrier) >= 0, "the message is not carried out");
+    Expect(VQCtrl_ConfigAdvancedDns(&content.carrier) >= 0, "the message is not carried out");
 }
 
-std::string writtenBy(const std::function<void()> &work)
+std::string WrittenBy(const std::function<void()> &work)
 {
     std::string written;
-    keepWritten(&written);
+    KeepWritten(&written);
     work();
-    keepWritten(nullptr);
+    KeepWritten(nullptr);
     return written;
 }
 
-void requireSame(const std::string &work, const std::string &ours, const std::string &floor)
+void RequireSame(const std::string &work, const std::string &ours, const std::string &floor)
 {
     if (ours != floor || ours.empty()) {
         throw std::runtime_error(work + ": the floor does not do the same work");
@@ -80,139 +80,139 @@ void requireSame(const std::string &work, const std::string &ours, const std::st
 
 Works::Works()
 {
-    addTranslations();
-    addFiles();
-    addDocuments();
-    addMessages();
+    AddTranslations();
+    AddFiles();
+    AddDocuments();
+    AddMessages();
 }
 
-const Content &Works::contentOf(const Amount &amount)
+const Content &Works::ContentOf(const Amount &amount)
 {
-    return m_contents.try_emplace(amount, amount).first->second;
+    return contents_.try_emplace(amount, amount).first->second;
 }
 
-void Works::addTranslation(std::deque<Work> &works, const std::string &name, std::size_t n, const Amount &amount,
+void Works::AddTranslation(std::deque<Work> &works, const std::string &name, std::size_t n, const Amount &amount,
                            std::optional<double> target)
 {
-    const Content &content = contentOf(amount);
-    works.push_back({name, n, kMatching, target, [&content, this] { translate(content, m_target.get()); },
-                     [&content] { matchNames(content.names); }});
+    const Content &content = ContentOf(amount);
+    works.push_back({name, n, kMatching, target, [&content, this] { Translate(content, target_.get()); },
+                     [&content] { MatchNames(content.names); }});
 }
 
-void Works::addTranslations()
+void Works::AddTranslations()
 {
     const std::size_t names = kFullAmount.hosts + 2 * kFullAmount.mxs + kFullAmount.proxyDomains;
-    addTranslation(full, "translation", names, kFullAmount, 1.05);
-    for (const std::size_t n : sizesUpTo(kFullAmount.hosts)) {
-        addTranslation(growing, "translation of hosts", n, {.hosts = n}, std::nullopt);
+    AddTranslation(full, "translation", names, kFullAmount, 1.05);
+    for (const std::size_t n : SizesUpTo(kFullAmount.hosts)) {
+        AddTranslation(growing, "translation of hosts", n, {.hosts = n}, std::nullopt);
     }
-    for (const std::size_t n : sizesUpTo(kFullAmount.mxs)) {
-        addTranslation(growing, "translation of MX", n, {.mxs = n}, std::nullopt);
+    for (const std::size_t n : SizesUpTo(kFullAmount.mxs)) {
+        AddTranslation(growing, "translation of MX", n, {.mxs = n}, std::nullopt);
     }
-    for (const std::size_t n : sizesUpTo(kFullAmount.proxyDomains)) {
-        addTranslation(growing, "translation of proxy domains", n, {.proxyDomains = n}, std::nullopt);
+    for (const std::size_t n : SizesUpTo(kFullAmount.proxyDomains)) {
+        AddTranslation(growing, "translation of proxy domains", n, {.proxyDomains = n}, std::nullopt);
     }
     // Each is compared with those before it, of which there are seven at most.
     for (std::size_t n = 1; n <= kFullAmount.servers; n *= 2) {
-        const Content &content = contentOf({.servers = n});
+        const Content &content = ContentOf({.servers = n});
         growing.push_back({"translation of servers", n, "their interface names copied", std::nullopt,
-                           [&content, this] { translate(content, m_target.get()); },
-                           [&content, this] { copyServers(content, m_target.get()); }});
+                           [&content, this] { Translate(content, target_.get()); },
+                           [&content, this] { CopyServers(content, target_.get()); }});
     }
 }
 
-void Works::addFile(const std::string &name, std::size_t capacity, VQ_ERR_T (*ours)(const VQ_CTRL_DNSMASQ_CONF *),
+void Works::AddFile(const std::string &name, std::size_t capacity, VQ_ERR_T (*ours)(const VQ_CTRL_DNSMASQ_CONF *),
                     void (*floor)(const VQ_CTRL_DNSMASQ_CONF &))
 {
-    for (const std::size_t n : sizesUpTo(capacity)) {
-        const VQ_CTRL_DNSMASQ_CONF *conf = m_records.emplace_back(recordOf(n)).get();
+    for (const std::size_t n : SizesUpTo(capacity)) {
+        const VQ_CTRL_DNSMASQ_CONF *conf = records_.emplace_back(RecordOf(n)).get();
         const Work work{
-            name + " by size",    n, kLines, std::nullopt, [=] { require(ours(conf) >= 0, "a file is not written"); },
+            name + " by size",    n, kLines, std::nullopt, [=] { Expect(ours(conf) >= 0, "a file is not written"); },
             [=] { floor(*conf); }};
-        requireSame(name, writtenBy(work.ours), writtenBy(work.floor));
+        RequireSame(name, WrittenBy(work.ours), WrittenBy(work.floor));
         growing.push_back(work);
     }
     full.push_back(growing.back());
     full.back().name = name;
 }
 
-void Works::addFiles()
+void Works::AddFiles()
 {
-    addFile("hosts file", VQ_DNS_HOST_MAX, VQCtrl_SetDnsHostConf, writeHostLines);
-    addFile("MX file", VQ_DNS_MX_HOST_MAX, VQCtrl_SetDnsMxHostConf, writeMxLines);
-    addFile("server file", VQ_DNS_SERVER_MAX, VQCtrl_SetDnsServerConf, writeServerLines);
-    addFile("resolver file", VQ_DNS_SERVER_MAX, VQCtrl_SetDnsResolveConf, writeResolvLines);
-    addFile("proxy file", VQ_DNS_PROXY_MAX - 1, VQCtrl_SetDnsProxyConf, writeProxyLines);
+    AddFile("hosts file", VQ_DNS_HOST_MAX, VQCtrl_SetDnsHostConf, WriteHostLines);
+    AddFile("MX file", VQ_DNS_MX_HOST_MAX, VQCtrl_SetDnsMxHostConf, WriteMxLines);
+    AddFile("server file", VQ_DNS_SERVER_MAX, VQCtrl_SetDnsServerConf, WriteServerLines);
+    AddFile("resolver file", VQ_DNS_SERVER_MAX, VQCtrl_SetDnsResolveConf, WriteResolvLines);
+    AddFile("proxy file", VQ_DNS_PROXY_MAX - 1, VQCtrl_SetDnsProxyConf, WriteProxyLines);
 }
 
-void Works::addDocument(std::deque<Work> &works, const Amount &amount, std::optional<double> target)
+void Works::AddDocument(std::deque<Work> &works, const Amount &amount, std::optional<double> target)
 {
-    const Content &content = contentOf(amount);
+    const Content &content = ContentOf(amount);
     std::string ours;
     std::string floor;
-    printRecord(content, &ours);
-    printDocument(content, Addresses::AreTexts, &floor);
-    requireSame("record to text", ours, floor);
+    PrintRecord(content, &ours);
+    PrintDocument(content, Addresses::kAreTexts, &floor);
+    RequireSame("record to text", ours, floor);
 
     const std::string suffix = &works == &full ? "" : " by size";
-    const std::size_t n = entriesOf(*content.record);
-    works.push_back({"record to text" + suffix, n, kPrinting, target, [&content] { printRecord(content, nullptr); },
-                     [&content] { printDocument(content, Addresses::AreTexts, nullptr); }});
+    const std::size_t n = EntriesOf(*content.record);
+    works.push_back({"record to text" + suffix, n, kPrinting, target, [&content] { PrintRecord(content, nullptr); },
+                     [&content] { PrintDocument(content, Addresses::kAreTexts, nullptr); }});
     works.push_back({"text to record" + suffix, n, kParsing, target,
-                     [&content, this] { readRecord(content, m_target.get()); },
-                     [&content] { parseDocument(content.text); }});
+                     [&content, this] { ReadRecord(content, target_.get()); },
+                     [&content] { ParseDocument(content.text); }});
     works.push_back({"record to text and back" + suffix, n, kBoth, target,
                      [&content, this] {
-                         printRecord(content, nullptr);
-                         readRecord(content, m_target.get());
+                         PrintRecord(content, nullptr);
+                         ReadRecord(content, target_.get());
                      },
                      [&content] {
-                         printDocument(content, Addresses::AreTexts, nullptr);
-                         parseDocument(content.text);
+                         PrintDocument(content, Addresses::kAreTexts, nullptr);
+                         ParseDocument(content.text);
                      }});
 }
 
-void Works::addDocuments()
+void Works::AddDocuments()
 {
-    addDocument(full, kFullAmount, 1.15);
+    AddDocument(full, kFullAmount, 1.15);
     // What of the difference lies in the rules: numbers that become texts, and members that have to be found.
-    const Content &content = contentOf(kFullAmount);
-    const std::size_t n = entriesOf(*content.record);
+    const Content &content = ContentOf(kFullAmount);
+    const std::size_t n = EntriesOf(*content.record);
     full.push_back({"record to text, beside formatting too", n,
                     "json-c building, printing and freeing, each address formatted by the host", std::nullopt,
-                    [&content] { printRecord(content, nullptr); },
-                    [&content] { printDocument(content, Addresses::AreFormatted, nullptr); }});
+                    [&content] { PrintRecord(content, nullptr); },
+                    [&content] { PrintDocument(content, Addresses::kAreFormatted, nullptr); }});
     full.push_back({"text to record, beside looking up too", n,
                     "json-c parsing, looking up and freeing, each text copied and each address read by the host",
-                    std::nullopt, [&content, this] { readRecord(content, m_target.get()); },
-                    [&content, this] { takeDocument(content.text, m_target.get()); }});
-    for (const std::size_t domains : sizesUpTo(kFullAmount.proxyDomains)) {
-        addDocument(growing, {.proxyDomains = domains}, std::nullopt);
+                    std::nullopt, [&content, this] { ReadRecord(content, target_.get()); },
+                    [&content, this] { TakeDocument(content.text, target_.get()); }});
+    for (const std::size_t domains : SizesUpTo(kFullAmount.proxyDomains)) {
+        AddDocument(growing, {.proxyDomains = domains}, std::nullopt);
     }
 }
 
-void Works::addMessage(std::deque<Work> &works, const std::string &name, std::size_t n, const Amount &amount,
+void Works::AddMessage(std::deque<Work> &works, const std::string &name, std::size_t n, const Amount &amount,
                        std::optional<double> target)
 {
-    const Content &content = contentOf(amount);
+    const Content &content = ContentOf(amount);
     works.push_back(
-        {name, n, kParts, target, [&content] { configure(content); }, [&content] { carryMessage(content); }});
+        {name, n, kParts, target, [&content] { Configure(content); }, [&content] { CarryMessage(content); }});
 }
 
-void Works::addMessages()
+void Works::AddMessages()
 {
-    const Content &some = contentOf({.hosts = 2, .mxs = 2, .servers = 2, .proxyDomains = 2});
-    requireSame("message", writtenBy([&some] { configure(some); }), writtenBy([&some] { carryMessage(some); }));
-    const std::size_t entries = entriesOf(*contentOf(kFullAmount).record);
+    const Content &some = ContentOf({.hosts = 2, .mxs = 2, .servers = 2, .proxyDomains = 2});
+    RequireSame("message", WrittenBy([&some] { Configure(some); }), WrittenBy([&some] { CarryMessage(some); }));
+    const std::size_t entries = EntriesOf(*ContentOf(kFullAmount).record);
     Amount stored = kFullAmount;
     stored.stored = true;
-    addMessage(full, "full message", entries, kFullAmount, 1.10);
-    addMessage(full, "full message, stored", entries, stored, 1.10);
-    const Content &smallest = contentOf({});
+    AddMessage(full, "full message", entries, kFullAmount, 1.10);
+    AddMessage(full, "full message, stored", entries, stored, 1.10);
+    const Content &smallest = ContentOf({});
     full.push_back({"smallest message", 0, "a record taken, zeroed and given back", std::nullopt,
-                    [&smallest] { configure(smallest); }, clearRecord});
-    for (const std::size_t n : sizesUpTo(kFullAmount.proxyDomains)) {
-        addMessage(growing, "message by size", n, {.proxyDomains = n}, std::nullopt);
+                    [&smallest] { Configure(smallest); }, ClearRecord});
+    for (const std::size_t n : SizesUpTo(kFullAmount.proxyDomains)) {
+        AddMessage(growing, "message by size", n, {.proxyDomains = n}, std::nullopt);
     }
 }
 

@@ -37,23 +37,23 @@ class Works {
 
   private:
     // The content of that size: made once, which takes seconds at full size.
-    const Content &contentOf(const Amount &amount);
-    void addTranslations();
-    void addTranslation(std::deque<Work> &works, const std::string &name, std::size_t n, const Amount &amount,
+    const Content &ContentOf(const Amount &amount);
+    void AddTranslations();
+    void AddTranslation(std::deque<Work> &works, const std::string &name, std::size_t n, const Amount &amount,
                         std::optional<double> target);
-    void addFiles();
-    void addFile(const std::string &name, std::size_t capacity, VQ_ERR_T (*ours)(const VQ_CTRL_DNSMASQ_CONF *),
+    void AddFiles();
+    void AddFile(const std::string &name, std::size_t capacity, VQ_ERR_T (*ours)(const VQ_CTRL_DNSMASQ_CONF *),
                  void (*floor)(const VQ_CTRL_DNSMASQ_CONF &));
-    void addDocument(std::deque<Work> &works, const Amount &amount, std::optional<double> target);
-    void addDocuments();
-    void addMessage(std::deque<Work> &works, const std::string &name, std::size_t n, const Amount &amount,
+    void AddDocument(std::deque<Work> &works, const Amount &amount, std::optional<double> target);
+    void AddDocuments();
+    void AddMessage(std::deque<Work> &works, const std::string &name, std::size_t n, const Amount &amount,
                     std::optional<double> target);
-    void addMessages();
+    void AddMessages();
 
-    std::map<Amount, Content> m_contents;
-    std::deque<RecordOwner> m_records;
+    std::map<Amount, Content> contents_;
+    std::deque<RecordOwner> records_;
     // What translations and readings fill, over and over: that it is zeroed before is their caller's work.
-    RecordOwner m_target = recordOf(0);
+    RecordOwner target_ = RecordOf(0);
 };
 
 } // namespace kavel::bench

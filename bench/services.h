@@ -5,10 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "expect.h"
 #include "pairs.h"
 
 namespace kavel::bench {
@@ -31,14 +31,6 @@ std::vector<Comparison> CompareMemory(const Setting &setting);
 
 // Runs a program in the calling thread's namespace and waits for it. Throws unless it succeeds.
 void RunProgram(std::vector<std::string> words);
-
-// Nothing is worth timing that did not work.
-inline void Expect(bool worked, const std::string &what)
-{
-    if (!worked) {
-        throw std::runtime_error(what);
-    }
-}
 
 // How often both have to be done for a sample that the clock, the scheduler and the disk do not blur.
 template <typename Ours, typename Floor>
