@@ -1,6 +1,5 @@
 #include "interfaces_netlink.h"
 
-#include <net/if.h>
 #include <sys/ioctl.h>
 #include <urcu/list.h>
 
@@ -13,17 +12,11 @@
 #include "config.h"
 #include "failure.h"
 #include "log.h"
+#include "netlink.h"
 #include "vqNetio.h"
 
 namespace kavel::agent {
 namespace {
-
-ifreq RequestFor(const std::string &name)
-{
-    ifreq request{};
-    name.copy(request.ifr_name, sizeof request.ifr_name - 1);
-    return request;
-}
 
 void ReleaseNodes(VQ_LIST_HEAD *list)
 {
@@ -128,21 +121,15 @@ VQ_LIST_HEAD *ListOf(std::uint32_t vpnId, std::uint32_t *count, VQ_LIST_HEAD *(*
 
 } // namespace
 
-int InterfaceIndex(const NetlinkSocket &socket, const std::string &name)
-{
-    ifreq request = RequestFor(name);
-    return ::ioctl(socket.Fd(), SIOCGIFINDEX, &request) == 0 ? request.ifr_ifindex : LastFailure();
-}
-
 int InterfaceIndex(std::uint32_t vpnId, const std::string &name)
 {
-    return WithNetlink(vpnId, [&](NetlinkSocket &socket) { return InterfaceIndex(socket, name); });
+    return WithNetlink(vpnId, [&](NetlinkSocket &socket) { return socket.InterfaceIndex(name); });
 }
 
 int BringLoopbackUp(std::uint32_t vpnId)
 {
     return WithNetlink(vpnId, [](NetlinkSocket &socket) {
-        ifreq request = RequestFor("lo");
+        ifreq request = InterfaceRequest("lo");
         if (::ioctl(socket.Fd(), SIOCGIFFLAGS, &request) != 0) {
             return LastFailure();
         }

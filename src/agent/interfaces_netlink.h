@@ -5,12 +5,9 @@
 #include <cstdint>
 #include <string>
 
-#include "netlink.h"
-
 namespace kavel::agent {
 
-// The interface's index in the socket's namespace, or a negated errno.
-int InterfaceIndex(const NetlinkSocket &socket, const std::string &name);
+// The interface's index in the VPN's namespace, or a negated errno.
 int InterfaceIndex(std::uint32_t vpnId, const std::string &name);
 
 // Queries to an instance's loopback address need the interface up. 0 or a negated errno.

@@ -186,6 +186,7 @@ void StartModule(const Module &module, const Config &config, Launches &launches)
         }
     }
     if (config.persistence) {
+        BeginRound();
         RecoverStored(module, launches);
     }
 }

@@ -2,9 +2,8 @@
 
 #include <malloc.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <cstdint>
+#include <cstddef>
 #include <cstdlib>
 
 #include "vqMemory.h"
@@ -14,13 +13,18 @@ namespace {
 
 constexpr int kLargeObject = 1024 * 1024;
 
-// A large object that is asked for without being zeroed is written from end to end: huge pages spare it thousands of
-// faults. A kernel that has none, or none left, serves it as before.
-void PreferHugePages(void *object, std::size_t size)
+constexpr std::size_t kHugePage = std::size_t{2} * 1024 * 1024;
+
+// A large object that is asked for without being zeroed is written from end to end: huge pages, and no others at its
+// ends, spare it thousands of faults. A kernel that has none, or none left, serves it all the same.
+void *AllocateInHugePages(std::size_t size)
 {
-    const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-    const std::uintptr_t before = reinterpret_cast<std::uintptr_t>(object) % page;
-    (void)::madvise(static_cast<char *>(object) - before, size + before, MADV_HUGEPAGE);
+    const std::size_t whole = (size + kHugePage - 1) / kHugePage * kHugePage;
+    void *const object = whole < size ? nullptr : std::aligned_alloc(kHugePage, whole);
+    if (object != nullptr) {
+        (void)::madvise(object, whole, MADV_HUGEPAGE);
+    }
+    return object;
 }
 
 } // namespace
@@ -38,11 +42,7 @@ extern "C" {
 
 void *VQ_AgentMemAlloc(const size_t Size)
 {
-    void *const object = std::malloc(Size);
-    if (object != nullptr && Size > std::size_t{kLargeObject}) {
-        PreferHugePages(object, Size);
-    }
-    return object;
+    return Size > std::size_t{kLargeObject} ? AllocateInHugePages(Size) : std::malloc(Size);
 }
 
 // calloc leaves fresh pages untouched: a large record costs memory only where it is written.

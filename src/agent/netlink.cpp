@@ -1,6 +1,7 @@
 #include "netlink.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
@@ -52,6 +53,22 @@ void SetOption(mnl_socket *socket, int option)
 
 } // namespace
 
+nlmsghdr &NetlinkBatch::Append(const nlmsghdr &message)
+{
+    const std::size_t size = MNL_ALIGN(message.nlmsg_len);
+    if (pieces_.empty() || inLast_ == kMessagesPerSend) {
+        pieces_.emplace_back().reserve(size * kMessagesPerSend);
+        inLast_ = 0;
+    }
+    std::vector<char> &piece = pieces_.back();
+    const std::size_t start = piece.size();
+    const auto *const bytes = reinterpret_cast<const char *>(&message);
+    piece.insert(piece.end(), bytes, bytes + message.nlmsg_len);
+    piece.resize(start + size);
+    ++inLast_;
+    return *reinterpret_cast<nlmsghdr *>(piece.data() + start);
+}
+
 NetlinkSocket::NetlinkSocket() : received_(kReceiveSize)
 {
     UniqueFd handle = OpenSocket();
@@ -73,6 +90,16 @@ int NetlinkSocket::Request(NetlinkMessage &message)
     header->nlmsg_seq = ++sequence_;
     Send(header, header->nlmsg_len);
     return AwaitAcknowledgement(sequence_, sequence_, 0);
+}
+
+int NetlinkSocket::InterfaceIndex(const std::string &name)
+{
+    if (lastInterface_.round != CurrentRound() || lastInterface_.name != name) {
+        ifreq request = InterfaceRequest(name);
+        const int index = ::ioctl(Fd(), SIOCGIFINDEX, &request) == 0 ? request.ifr_ifindex : LastFailure();
+        lastInterface_ = {CurrentRound(), name, index};
+    }
+    return lastInterface_.index;
 }
 
 int NetlinkSocket::Dump(NetlinkMessage &message, const std::function<void(const nlmsghdr &)> &take)
@@ -100,23 +127,19 @@ int NetlinkSocket::Dump(NetlinkMessage &message, const std::function<void(const 
     }
 }
 
-int NetlinkSocket::RequestAll(std::vector<std::vector<char>> &messages, int ignored)
+int NetlinkSocket::RequestAll(NetlinkBatch &messages, int ignored)
 {
     int result = 0;
-    std::vector<char> piece;
-    for (std::size_t start = 0; start < messages.size(); start += kMessagesPerSend) {
-        const std::size_t end = std::min(start + kMessagesPerSend, messages.size());
+    for (std::vector<char> &piece : messages.Pieces()) {
         const std::uint32_t first = sequence_ + 1;
-        piece.clear();
-        for (std::size_t i = start; i < end; ++i) {
-            auto *header = reinterpret_cast<nlmsghdr *>(messages[i].data());
-            header->nlmsg_seq = ++sequence_;
-            // The kernel works a piece off in order: the last acknowledgement ends it, errors come before.
-            if (i + 1 == end) {
-                header->nlmsg_flags |= NLM_F_ACK;
-            }
-            piece.insert(piece.end(), messages[i].begin(), messages[i].end());
+        auto *last = reinterpret_cast<nlmsghdr *>(piece.data());
+        int left = static_cast<int>(piece.size());
+        for (auto *at = last; mnl_nlmsg_ok(at, left); at = mnl_nlmsg_next(at, &left)) {
+            at->nlmsg_seq = ++sequence_;
+            last = at;
         }
+        // The kernel works a piece off in order: the last acknowledgement ends it, errors come before.
+        last->nlmsg_flags |= NLM_F_ACK;
         Send(piece.data(), piece.size());
         const int answer = AwaitAcknowledgement(first, sequence_, ignored);
         result = result != 0 ? result : answer;
@@ -163,6 +186,13 @@ std::size_t NetlinkSocket::Receive()
             ThrowLastFailure("netlink receive");
         }
     }
+}
+
+ifreq InterfaceRequest(const std::string &name)
+{
+    ifreq request{};
+    name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+    return request;
 }
 
 int WithNetlink(std::uint32_t vpnId, const std::function<int(NetlinkSocket &)> &work)

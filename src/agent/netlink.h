@@ -3,6 +3,7 @@
 #define KAVEL_AGENT_NETLINK_H
 
 #include <libmnl/libmnl.h>
+#include <net/if.h>
 
 #include <array>
 #include <cstddef>
@@ -42,6 +43,19 @@ class NetlinkMessage {
     nlmsghdr *header_;
 };
 
+// Whole messages that are sent together, in pieces that a socket's buffer takes.
+class NetlinkBatch {
+  public:
+    // The copy of it, which may be changed until the next is appended.
+    nlmsghdr &Append(const nlmsghdr &message);
+    [[nodiscard]] bool IsEmpty() const { return pieces_.empty(); }
+    [[nodiscard]] std::vector<std::vector<char>> &Pieces() { return pieces_; }
+
+  private:
+    std::vector<std::vector<char>> pieces_;
+    std::size_t inLast_ = 0;
+};
+
 // Kernel answers come back as results, 0 or a negated errno. A socket that fails throws std::system_error and is not to
 // be used again.
 class NetlinkSocket {
@@ -54,9 +68,11 @@ class NetlinkSocket {
     // Calls `take` for every message of the answer.
     int Dump(NetlinkMessage &message, const std::function<void(const nlmsghdr &)> &take);
 
-    // Whole messages with NLM_F_REQUEST set, sent in as few pieces as the socket's buffer allows. The first error
-    // among them that is not `ignored`.
-    int RequestAll(std::vector<std::vector<char>> &messages, int ignored);
+    // Messages with NLM_F_REQUEST set. The first error among them that is not `ignored`.
+    int RequestAll(NetlinkBatch &messages, int ignored);
+
+    // The index of an interface of the namespace, or a negated errno.
+    int InterfaceIndex(const std::string &name);
 
     // Any socket of a namespace answers the interface ioctls for it.
     [[nodiscard]] int Fd() const { return mnl_socket_get_fd(socket_.get()); }
@@ -73,8 +89,16 @@ class NetlinkSocket {
 
     std::unique_ptr<mnl_socket, Close> socket_;
     std::uint32_t sequence_ = 0;
+    struct {
+        std::uint64_t round = 0;
+        std::string name;
+        int index = 0;
+    } lastInterface_; // thousands of routes in a row go through the same
     std::vector<char> received_;
 };
+
+// What an interface ioctl asks for.
+ifreq InterfaceRequest(const std::string &name);
 
 // Runs `work` with the VPN's socket. The failures of opening or using it come back as a negated errno; the next call
 // opens another.

@@ -50,6 +50,8 @@ UniqueFd OpenNamespaceOfVpn(std::uint32_t vpnId)
     return OpenNamespace(NamespacePath(*vpn));
 }
 
+std::uint64_t s_round = 1;
+
 std::optional<NamespaceId> NamespaceAt(const std::string &path)
 {
     struct stat info {};
@@ -101,6 +103,16 @@ std::optional<NamespaceId> NamespaceOfVpn(std::uint32_t vpnId)
     }
     const Vpn *vpn = ActiveConfig().Find(vpnId);
     return vpn == nullptr ? std::nullopt : NamespaceAt(NamespacePath(*vpn));
+}
+
+std::uint64_t CurrentRound()
+{
+    return s_round;
+}
+
+void BeginRound()
+{
+    ++s_round;
 }
 
 std::optional<NamespaceId> NamespaceOfProcess(pid_t pid)

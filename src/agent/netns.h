@@ -28,6 +28,12 @@ std::string NamespacePath(const Vpn &vpn);
 
 // The identity of the VPN's namespace; nothing when the VPN or its namespace does not exist.
 std::optional<NamespaceId> NamespaceOfVpn(std::uint32_t vpnId);
+
+// What changes rarely, and is asked for with every route, is looked at once a round, which is as long as one request
+// takes: a namespace or an interface that is replaced meanwhile is seen by the next.
+std::uint64_t CurrentRound();
+void BeginRound();
+
 std::optional<NamespaceId> NamespaceOfProcess(pid_t pid);
 
 // Keeps the calling thread in the VPN's namespace for a scope. Throws std::system_error when it cannot enter; a thread

@@ -21,13 +21,13 @@ class PerNamespace {
     // The object of the VPN's present namespace; throws what making it throws. Valid until the next call.
     T &Of(std::uint32_t vpnId)
     {
-        const auto netns = NamespaceOfVpn(vpnId);
         const auto found = index_.find(vpnId);
-        if (found != index_.end() && found->second->netns == netns) {
+        if (found != index_.end() && found->second->IsPresent()) {
             kept_.splice(kept_.begin(), kept_, found->second);
             return kept_.front().object;
         }
         Drop(vpnId);
+        const auto netns = NamespaceOfVpn(vpnId);
         {
             const NamespaceSwitch inside(vpnId);
             kept_.emplace_front(vpnId, netns);
@@ -63,8 +63,18 @@ class PerNamespace {
     struct Kept {
         Kept(std::uint32_t id, std::optional<NamespaceId> where) : vpnId(id), netns(where) {}
 
+        // Whether the VPN's namespace is still the one that the object was made in.
+        bool IsPresent()
+        {
+            if (round != CurrentRound() && NamespaceOfVpn(vpnId) == netns) {
+                round = CurrentRound();
+            }
+            return round == CurrentRound();
+        }
+
         std::uint32_t vpnId;
         std::optional<NamespaceId> netns;
+        std::uint64_t round = CurrentRound(); // when it was looked at last
         T object;
     };
 

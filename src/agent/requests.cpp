@@ -13,6 +13,7 @@
 #include "instances.h"
 #include "interfaces_netlink.h"
 #include "log.h"
+#include "netns.h"
 #include "routes_netlink.h"
 #include "store.h"
 #include "store_requests.h"
@@ -149,6 +150,7 @@ void Requests::Handle(std::span<const std::uint8_t> frame, const Respond &respon
 
 Answer Requests::AnswerTo(const Kavel__Request &request) const
 {
+    BeginRound();
     ModuleErrors().Clear();
     const std::span<const std::uint8_t> message(request.message.data,
                                                 request.has_message != 0 ? request.message.len : 0);

@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "interfaces_netlink.h"
 #include "netlink.h"
 #include "vqRoute.h"
 
@@ -81,13 +80,13 @@ int Validate(const VQ_RTC_ROUTE_CONF &route)
 }
 
 // 0 when the next hop names no interface, a negated errno when there is none of that name.
-int IndexOfHop(const NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, unsigned hop)
+int IndexOfHop(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, unsigned hop)
 {
     const std::string name(route.IfName[hop], strnlen(route.IfName[hop], VQ_IF_NAME_SIZE));
-    return name.empty() ? 0 : InterfaceIndex(socket, name);
+    return name.empty() ? 0 : socket.InterfaceIndex(name);
 }
 
-int PutSingleHop(const NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
+int PutSingleHop(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
 {
     const int index = IndexOfHop(socket, route, 0);
     if (index < 0) {
@@ -102,7 +101,7 @@ int PutSingleHop(const NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nl
     return 0;
 }
 
-int PutHops(const NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
+int PutHops(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
 {
     nlattr *hops = mnl_attr_nest_start(message, RTA_MULTIPATH);
     for (unsigned hop = 0; hop < route.NexthopNum; ++hop) {
@@ -143,7 +142,7 @@ bool NamesNoWay(const VQ_RTC_ROUTE_CONF &route)
            std::none_of(std::begin(route.IfName), std::begin(route.IfName) + route.NexthopNum, named);
 }
 
-int PutNextHops(const NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
+int PutNextHops(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
 {
     if (route.NexthopNum == 0) {
         return 0;
@@ -177,29 +176,24 @@ int RequestRoute(NetlinkSocket &socket, std::uint16_t type, std::uint16_t flags,
 }
 
 // What the kernel dumped, turned into the request to delete just that.
-std::vector<char> DeleteRequestOf(const nlmsghdr &dumped)
+void TurnIntoDeletion(nlmsghdr &route)
 {
-    const auto *bytes = reinterpret_cast<const char *>(&dumped);
-    std::vector<char> request(bytes, bytes + dumped.nlmsg_len);
-    request.resize(MNL_ALIGN(request.size()));
-    auto *header = reinterpret_cast<nlmsghdr *>(request.data());
-    header->nlmsg_type = RTM_DELROUTE;
-    header->nlmsg_flags = NLM_F_REQUEST;
-    header->nlmsg_pid = 0;
-    static_cast<rtmsg *>(mnl_nlmsg_get_payload(header))->rtm_flags = 0;
-    return request;
+    route.nlmsg_type = RTM_DELROUTE;
+    route.nlmsg_flags = NLM_F_REQUEST;
+    route.nlmsg_pid = 0;
+    static_cast<rtmsg *>(mnl_nlmsg_get_payload(&route))->rtm_flags = 0;
 }
 
 int FlushTable(NetlinkSocket &socket, std::uint32_t table)
 {
-    std::vector<std::vector<char>> requests;
+    NetlinkBatch requests;
     const int dumped =
-        ForEachRoute(socket, table, [&](const nlmsghdr &route) { requests.push_back(DeleteRequestOf(route)); });
+        ForEachRoute(socket, table, [&](const nlmsghdr &route) { TurnIntoDeletion(requests.Append(route)); });
     if (dumped < 0) {
         return dumped;
     }
     // A route that went meanwhile, with its interface, is gone all the same.
-    return requests.empty() ? -ENOENT : socket.RequestAll(requests, -ESRCH);
+    return requests.IsEmpty() ? -ENOENT : socket.RequestAll(requests, -ESRCH);
 }
 
 bool SelectsWholeTable(const VQ_RTC_ROUTE_CONF &route)

@@ -93,6 +93,42 @@ def test_a_namespace_that_goes_away(box):
     expect("192.168.7.10", "nas.vpn7.example")
 
 
+def in_short_lived(*words):
+    return run("ip", "-n", "short_lived", *words).stdout
+
+
+def add_lan(peer):
+    in_short_lived("link", "add", "lan0", "type", "veth", "peer", "name", peer)
+    in_short_lived("link", "set", "lan0", "up")
+
+
+def test_what_is_replaced_between_two_messages(box):
+    """Interfaces and whole namespaces may come anew under the same name: the next message finds the new ones."""
+    def expect_route(server):
+        box.apply(message(9, dnsservers=[{"dnsserver": server}]))
+        assert in_short_lived("route", "show", "table", "199").split()[:3] == [server, "dev", "lan0"]
+
+    run("ip", "netns", "add", "short_lived")
+    add_lan("first")
+    box.configure({"id": 9, "namespace": "short_lived", "lan": ["lan0"]})
+    box.start()
+    try:
+        expect_route("10.9.0.53")
+
+        in_short_lived("link", "delete", "lan0")
+        in_short_lived("link", "add", "other0", "type", "veth", "peer", "name", "other1")
+        add_lan("second")
+        expect_route("10.9.0.54")
+
+        run("ip", "netns", "delete", "short_lived")
+        run("ip", "netns", "add", "short_lived")
+        add_lan("third")
+        expect_route("10.9.0.55")
+        assert box.status(9)["problems"] == []
+    finally:
+        run("ip", "netns", "delete", "short_lived")
+
+
 BAD_CONFIGURATIONS = {
     "a namespace that does not exist": (
         {"vpns": [{"id": 9}]}, 'vpns[0].namespace: "vpn_9" does not exist'),
