@@ -1,4 +1,4 @@
-"""What the figures are taken with: cores, memory, kernel, programs and libraries. machine.py FILE"""
+"""What the figures are taken with: processor, memory, kernel, programs and libraries. machine.py FILE"""
 
 import json
 import os
@@ -22,8 +22,13 @@ def memory_gib():
     return f"{int(line) / (1 << 20):.0f} GiB"
 
 
+def processor():
+    names = re.findall(r"model name\s*: (.+)", pathlib.Path("/proc/cpuinfo").read_text())
+    return names[0] if names else platform.machine()
+
+
 def facts():
-    return {"cores": os.cpu_count(), "memory": memory_gib(),
+    return {"processor": processor(), "cores": os.cpu_count(), "memory": memory_gib(),
             "Linux": re.match(r"\d+(\.\d+)+", platform.release())[0],
             **{name: version(*command) for name, command in PROGRAMS.items()},
             **{name: version("dpkg-query", "--show", "--showformat=${Version}", package)
