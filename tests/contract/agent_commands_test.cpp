@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "contract_test.h"
@@ -34,13 +36,19 @@ std::int32_t Execute(std::string command)
     return VQ_CmdExec(command.data());
 }
 
-// A command that goes on in the background after its shell has ended.
+// A command that goes on in the background after its shell has ended. Until it is that command, it is a shell that is
+// still arranging its streams.
 class Background {
   public:
     explicit Background(World &world)
     {
         EXPECT_EQ(Execute(std::string("sleep infinity & echo $! > ") + kOutput), 0);
         pid_ = std::stoi(world.ReadFile(kOutput).value_or("0"));
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (world.ReadFile(Proc("comm")) != "sleep\n" && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_EQ(world.ReadFile(Proc("comm")), "sleep\n");
     }
     Background(const Background &) = delete;
     Background &operator=(const Background &) = delete;
