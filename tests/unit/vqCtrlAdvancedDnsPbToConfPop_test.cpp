@@ -1,6 +1,7 @@
 #include <numeric>
 
 #include "moduleTest.h"
+#include "persistenceCase.h"
 #include "popMessage.h"
 
 namespace {
@@ -153,34 +154,18 @@ TEST_F(PopTranslation, Ipv6IsNotRead)
     EXPECT_THAT(Servers(), ElementsAre(1));
 }
 
-struct PersistenceCase {
-    bool Has;
-    bool Flag;
-    bool HostKeeps;
-    BOOL Before;
-    BOOL After;
-};
-
 class PopPersistence : public PopTranslation, public testing::WithParamInterface<PersistenceCase> {};
 
 TEST_P(PopPersistence, FollowsTheFlagOnlyWhereTheHostKeepsConfiguration)
 {
     PopMessage Message;
-    Message.Pb().has_persistentflag = GetParam().Has ? 1 : 0;
-    Message.Pb().persistentflag = GetParam().Flag ? 1 : 0;
-    // Not looked at.
-    Message.Pb().has_historypersistent = 1;
-    Message.Pb().historypersistent = GetParam().Flag ? 0 : 1;
+    GetParam().Put(Message.Pb());
     Host.Rows.Enabled = GetParam().HostKeeps;
     Conf->PersistentFlag = GetParam().Before;
     EXPECT_EQ(Translate(Message), 0);
     EXPECT_EQ(Conf->PersistentFlag, GetParam().After);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Flags, PopPersistence,
-    testing::Values(PersistenceCase{true, true, true, FALSE, TRUE}, PersistenceCase{true, true, false, FALSE, FALSE},
-                    PersistenceCase{true, true, false, TRUE, TRUE}, PersistenceCase{true, false, true, TRUE, FALSE},
-                    PersistenceCase{false, true, true, FALSE, FALSE}, PersistenceCase{false, false, true, TRUE, TRUE}));
+INSTANTIATE_TEST_SUITE_P(Flags, PopPersistence, testing::ValuesIn(kPersistenceCases));
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "cpeMessage.h"
 #include "moduleTest.h"
+#include "persistenceCase.h"
 
 namespace {
 
@@ -88,23 +89,11 @@ TEST_F(CpeTranslation, TheOperationIsCopiedWithoutARangeCheck)
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
-struct PersistenceCase {
-    bool Has;
-    bool Flag;
-    bool HostKeeps;
-    BOOL Before;
-    BOOL After;
-};
-
 class CpePersistence : public CpeTranslation, public testing::WithParamInterface<PersistenceCase> {};
 
 TEST_P(CpePersistence, FollowsTheFlagOnlyWhereTheHostKeepsConfiguration)
 {
-    Message.Pb().has_persistentflag = GetParam().Has ? 1 : 0;
-    Message.Pb().persistentflag = GetParam().Flag ? 1 : 0;
-    // Not looked at.
-    Message.Pb().has_historypersistent = 1;
-    Message.Pb().historypersistent = GetParam().Flag ? 0 : 1;
+    GetParam().Put(Message.Pb());
     Host.Rows.Enabled = GetParam().HostKeeps;
     Conf->PersistentFlag = GetParam().Before;
 
@@ -112,11 +101,7 @@ TEST_P(CpePersistence, FollowsTheFlagOnlyWhereTheHostKeepsConfiguration)
     EXPECT_EQ(Conf->PersistentFlag, GetParam().After);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Flags, CpePersistence,
-    testing::Values(PersistenceCase{true, true, true, FALSE, TRUE}, PersistenceCase{true, true, false, FALSE, FALSE},
-                    PersistenceCase{true, true, false, TRUE, TRUE}, PersistenceCase{true, false, true, TRUE, FALSE},
-                    PersistenceCase{false, true, true, FALSE, FALSE}, PersistenceCase{false, false, true, TRUE, TRUE}));
+INSTANTIATE_TEST_SUITE_P(Flags, CpePersistence, testing::ValuesIn(kPersistenceCases));
 
 TEST_F(CpeTranslation, HostsAreCopiedInOrder)
 {
