@@ -9,7 +9,7 @@ import subprocess
 
 import pytest
 
-from box import BUILD, connect, expect, instance_pid, instances, message, read_frame, run, wait_until
+from box import BUILD, DNSMASQ, connect, expect, instance_pid, instances, message, read_frame, run, wait_until
 from load import Message, result_of
 
 PROGRAM = "/usr/sbin/dnsmasq"
@@ -67,6 +67,14 @@ def peers(count):
         yield [stack.enter_context(connect()) for _ in range(count)]
 
 
+def waiting_vqctl(*words):
+    """The tool, which has no answer for a while."""
+    asking = subprocess.Popen([str(BUILD / "vqctl"), *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    with pytest.raises(subprocess.TimeoutExpired):
+        asking.wait(timeout=0.3)
+    return asking
+
+
 def test_others_do_not_wait(gated):
     with peers(2) as (slow, other):
         send(slow, 7)
@@ -119,15 +127,26 @@ def test_status_waits_for_what_is_under_way(gated):
     with peers(1) as (peer,):
         send(peer, 7)
         wait_until(lambda: "vpn 7: applied" in gated.log(), "the message is applied")
-        asking = subprocess.Popen([str(BUILD / "vqctl"), "status", "--json", "--vpn", "7"], stdout=subprocess.PIPE)
-        with pytest.raises(subprocess.TimeoutExpired):
-            asking.wait(timeout=0.3)
+        asking = waiting_vqctl("status", "--json", "--vpn", "7")
 
         open_gate()
 
         (row,) = json.loads(asking.communicate()[0])
         assert result_of(read_frame(peer)) == 0
     assert row["alive"] and row["problems"] == []
+
+
+def test_a_directory_in_use_soon_is_not_removed(gated):
+    with peers(1) as (peer,):
+        send(peer, 7)
+        wait_until(lambda: "vpn 7: applied" in gated.log(), "the message is applied")
+        asking = waiting_vqctl("vpn", "release", "7")
+
+        open_gate()
+
+        assert asking.wait(timeout=10) == 1
+        assert result_of(read_frame(peer)) == 0
+    expect("192.168.7.10", "nas.vpn7.example")
 
 
 def test_one_that_fails_is_told_to_its_peer_alone(gated):
@@ -141,10 +160,15 @@ def test_one_that_fails_is_told_to_its_peer_alone(gated):
     assert "vpn 7: the instance did not come up" in gated.log()
 
 
-def test_one_that_hangs_is_given_up(gated):
-    with peers(1) as (peer,):
-        send(peer, 7)
-        assert b"the instance did not come up" in read_frame(peer)
+def test_one_that_hangs_is_given_up_after_one_that_fails(gated):
+    """Once no process of it is left, there is nothing to wait for, however long there would be."""
+    (DNSMASQ / "vpn_8/dnsmasq.d/broken.conf").write_text("no-such-option\n")
+    with peers(2) as (hanging, failing):
+        send(hanging, 7)
+        send(failing, 8)
+        assert b"the instance did not come up" in read_frame(failing)
+        assert not is_answered(hanging)
+        assert b"the instance did not come up" in read_frame(hanging)
 
 
 def test_a_peer_that_leaves_takes_nothing_along(gated):
@@ -172,4 +196,3 @@ def test_an_agent_that_is_ended_answers_first(gated):
         assert result_of(read_frame(peer)) == 0
         assert gated.agent.wait(timeout=10) == 0
     expect("192.168.7.10", "nas.vpn7.example")
-
