@@ -9,7 +9,7 @@ import statistics
 import time
 
 from box_dns import Client, Traffic
-from box_world import (STORE, Control, add_namespaces, agent, contents_of, disk, end_bare, host_of, hosts_message,
+from box_world import (STORE, Controllers, add_namespaces, agent, contents_of, disk, end_bare, host_of, hosts_message,
                        instance_pid, replace_durably, start_bare, write_hosts)
 from pairs import PAIRS, Figures, arguments, interleaved, seconds
 
@@ -169,7 +169,7 @@ def main():
     figures = Figures(options.out)
     add_namespaces((OURS, BARE))
     with disk(), agent((OURS, BARE), persistence=True, store=str(STORE)):
-        bench = Bench(Control(), options.quick)
+        bench = Bench(Controllers(), options.quick)
         bench.control.send(hosts_message(OURS, 1, ADDRESSES[0], "reboot"))
         prepare_bare(bench)
         new_answers(bench, figures)

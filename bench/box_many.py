@@ -10,7 +10,7 @@ import signal
 import sys
 
 from box_dns import Client
-from box_world import (STORE, Control, Controllers, add_namespaces, agent, bytes_in, contents_of, disk, end_instances, host_of,
+from box_world import (STORE, Controllers, add_namespaces, agent, bytes_in, contents_of, disk, end_instances, host_of,
                        hosts_message, instances, messages_for, most_instances, replace_durably, start_bare)
 from pairs import PAIRS, Figures, arguments, interleaved, seconds
 
@@ -166,7 +166,7 @@ def idle(figures):
     resident = []
     for _ in range(PAIRS):
         with agent((FIRST,), persistence=True, store=str(STORE)) as box:
-            Control().send(hosts_message(FIRST, HOSTS, ADDRESS, "reboot"))
+            Controllers().send(hosts_message(FIRST, HOSTS, ADDRESS, "reboot"))
             resident.append(bytes_in(f"{box.agent.pid}/status", "VmRSS:"))
     figures.add("idle agent, resident", 1, "bytes", resident, limit=IDLE_MEMORY)
 

@@ -102,27 +102,14 @@ def replace_file_durably(path, content):
     os.close(folder)
 
 
-class Control:
-    """A connection to the agent."""
+class Controllers:
+    """Connections to the agent: as many messages are under way at once."""
 
-    def __init__(self):
-        self.peer = connect()
+    def __init__(self, count=1):
+        self.peers = [connect() for _ in range(count)]
 
     def send(self, one):
-        self.peer.sendall(one.request)
-        result = result_of(read_frame(self.peer))
-        if result < 0:
-            raise RuntimeError(f"vpn {one.vpn}: refused with {result}")
-
-    def close(self):
-        self.peer.close()
-
-
-class Controllers:
-    """Several connections to the agent: as many messages are under way at once."""
-
-    def __init__(self, count):
-        self.peers = [connect() for _ in range(count)]
+        self.send_all([one])
 
     def send_all(self, messages):
         free, busy = list(self.peers), {}

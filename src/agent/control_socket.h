@@ -18,7 +18,8 @@ namespace kavel::agent {
 class ControlSocket {
   public:
     using Respond = std::function<void(const Answer &)>;
-    // Gets a frame and what to call with its answer: once, before it returns or later, but not after Serve() has.
+    // Gets a frame and what to call with its answer: once, before it returns or later, but not after Serve() has. The
+    // frame is gone by then.
     using Handler = std::function<void(std::span<const std::uint8_t> frame, const Respond &respond)>;
 
     // Replaces a socket that an earlier agent left at `path`; only the holder of the agent's lock may do so. Throws
