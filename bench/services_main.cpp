@@ -20,10 +20,10 @@
 #include <utility>
 #include <vector>
 
-#include "config.h"
-#include "memory.h"
-#include "netns.h"
+#include "base/config.h"
+#include "base/netns.h"
 #include "services.h"
+#include "services/memory_malloc.h"
 
 namespace kavel::bench {
 namespace {

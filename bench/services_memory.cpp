@@ -5,10 +5,10 @@
 #include <memory>
 #include <string>
 
+#include "base/zeroed_pages.h"
 #include "services.h"
 #include "services_records.h"
 #include "vqStore.h"
-#include "zeroed_pages.h"
 
 namespace kavel::bench {
 namespace {

@@ -2,11 +2,11 @@
 
 #include <memory>
 
-#include "module.h"
+#include "base/zeroed_pages.h"
+#include "instances/module.h"
 #include "services.h"
 #include "vqSafeStr.h"
 #include "vqStore.h"
-#include "zeroed_pages.h"
 
 namespace kavel::bench {
 namespace {

@@ -3,9 +3,9 @@
 #include <fstream>
 #include <string>
 
-#include "netns.h"
-#include "routes_netlink.h"
+#include "base/netns.h"
 #include "services.h"
+#include "services/routes_netlink.h"
 #include "vqRoute.h"
 #include "vqSafeStr.h"
 

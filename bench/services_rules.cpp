@@ -5,11 +5,11 @@
 #include <memory>
 #include <string>
 
-#include "config.h"
-#include "netns.h"
-#include "rule_text.h"
-#include "rules_nftables.h"
+#include "base/config.h"
+#include "base/netns.h"
 #include "services.h"
+#include "services/rule_text.h"
+#include "services/rules_nftables.h"
 #include "vqRule.h"
 
 namespace kavel::bench {

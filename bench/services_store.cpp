@@ -6,8 +6,8 @@
 #include <string>
 
 #include "services.h"
+#include "services/store_file.h"
 #include "services_records.h"
-#include "store_file.h"
 #include "vqStore.h"
 
 namespace kavel::bench {

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/files.h"
 #include "contract_test.h"
-#include "files.h"
 #include "syscall_tracer.h"
 #include "vqFile.h"
 

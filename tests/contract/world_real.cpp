@@ -20,8 +20,8 @@
 #include <string_view>
 #include <utility>
 
-#include "config.h"
-#include "netns.h"
+#include "base/config.h"
+#include "base/netns.h"
 #include "process_lab.h"
 #include "unique_fd.h"
 #include "world.h"

@@ -8,7 +8,7 @@
 
 #include <json-c/json.h>
 
-#include "config.h"
+#include "base/config.h"
 #include "fuzz.h"
 
 namespace {

@@ -14,16 +14,16 @@
 #include <sys/socket.h>
 #include <vector>
 
-#include "answer.h"
-#include "connection.h"
+#include "base/log.h"
 #include "control.pb-c.h"
-#include "controller_message.h"
 #include "cpe_model.h"
 #include "frame.h"
 #include "fuzz.h"
-#include "launches.h"
-#include "log.h"
-#include "requests.h"
+#include "instances/launches.h"
+#include "socket/answer.h"
+#include "socket/connection.h"
+#include "socket/controller_message.h"
+#include "socket/requests.h"
 
 namespace {
 

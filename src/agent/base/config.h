@@ -1,0 +1,65 @@
+// The agent's configuration file.
+#ifndef KAVEL_AGENT_CONFIG_H
+#define KAVEL_AGENT_CONFIG_H
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "base/log.h"
+#include "frame.h"
+
+namespace kavel::agent {
+
+// What is wrong, beginning with the path of the key: "vpns[1].id: 7 is configured twice".
+class ConfigError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+enum class Platform { kCpe, kPop };
+
+struct Wan {
+    std::string name;
+    bool sysRoute = false;
+};
+
+struct Vpn {
+    std::uint32_t id = 0;
+    std::optional<std::uint32_t> customer;
+    std::string netns;
+    std::vector<std::string> lan;
+    std::vector<Wan> wan;
+    std::string path; // where it stands in the file, for messages
+};
+
+struct Config {
+    Platform platform = Platform::kCpe;
+    std::uint32_t customer = 0;
+    bool persistence = false;
+    std::string store = "/var/lib/kavel/agent.db";
+    std::string socket = control::kDefaultSocket;
+    LogLevel log = LogLevel::kNotice;
+    std::vector<std::string> lan; // the box's own interfaces: names, or prefixes that end in '*'
+    std::vector<std::string> c2p; // those that lead from CPEs to this POP, likewise
+    std::vector<Vpn> vpns;        // by rising id; the box itself, VPN 0, is not among them
+
+    // Null when the VPN is not configured.
+    [[nodiscard]] const Vpn *Find(std::uint32_t id) const;
+    // Whether it is one of the box's: the box itself, or a configured VPN.
+    [[nodiscard]] bool Serves(std::uint32_t id) const { return id == 0 || Find(id) != nullptr; }
+};
+
+// Both throw ConfigError.
+Config LoadConfig(const std::string &file);
+Config ParseConfig(const std::string &text);
+
+// The configuration that the host services answer from; set once, before the module is loaded.
+const Config &ActiveConfig();
+void ActivateConfig(Config config);
+
+} // namespace kavel::agent
+
+#endif

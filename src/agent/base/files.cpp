@@ -1,0 +1,189 @@
+#include "base/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+
+#include "base/failure.h"
+#include "unique_fd.h"
+#include "vqFile.h"
+
+namespace kavel::agent {
+namespace {
+
+constexpr std::string_view kTemporarySuffix = ".XXXXXX";
+constexpr mode_t kFileMode = 0644;
+
+struct PathParts {
+    std::string directory;
+    std::string name;
+};
+
+PathParts Split(const std::string &path)
+{
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return {".", path};
+    }
+    return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
+// A file beside the one that it is to replace; it is removed again unless it has been moved there.
+class TemporaryFile {
+  public:
+    // The leading dot keeps dnsmasq's conf-dir from reading a half-written file.
+    explicit TemporaryFile(const PathParts &target) : path_(target.directory + "/." + target.name)
+    {
+        path_ += kTemporarySuffix;
+        fd_ = UniqueFd(::mkostemp(path_.data(), O_CLOEXEC));
+        if (!fd_) {
+            ThrowLastFailure(path_);
+        }
+    }
+    TemporaryFile(const TemporaryFile &) = delete;
+    TemporaryFile &operator=(const TemporaryFile &) = delete;
+    ~TemporaryFile()
+    {
+        if (!moved_) {
+            ::unlink(path_.c_str());
+        }
+    }
+
+    void Write(std::string_view content) const
+    {
+        while (!content.empty()) {
+            const ssize_t written = ::write(fd_.Get(), content.data(), content.size());
+            if (written >= 0) {
+                content.remove_prefix(static_cast<std::size_t>(written));
+            } else if (errno != EINTR) {
+                ThrowLastFailure(path_);
+            }
+        }
+        if (::fchmod(fd_.Get(), kFileMode) != 0 || ::fsync(fd_.Get()) != 0) {
+            ThrowLastFailure(path_);
+        }
+    }
+
+    void MoveTo(const std::string &target)
+    {
+        if (::rename(path_.c_str(), target.c_str()) != 0) {
+            ThrowLastFailure(target);
+        }
+        moved_ = true;
+    }
+
+  private:
+    std::string path_;
+    UniqueFd fd_;
+    bool moved_ = false;
+};
+
+void SyncDirectory(const std::string &path)
+{
+    const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory || ::fsync(directory.Get()) != 0) {
+        ThrowLastFailure(path);
+    }
+}
+
+std::int32_t WriteFilePath(const char *path, const char *text, std::size_t length)
+{
+    if (path == nullptr || (text == nullptr && length > 0)) {
+        return -EINVAL;
+    }
+    return WithoutExceptions([&] { return ReplaceFile(path, std::string_view(text, length)); });
+}
+
+int CreateFile(const char *path)
+{
+    const UniqueFd file(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+    if (!file) {
+        return errno == EEXIST ? 0 : LastFailure();
+    }
+    // The umask has had its say above.
+    return ::fchmod(file.Get(), kFileMode) == 0 ? 0 : LastFailure();
+}
+
+int RemoveTree(const char *path)
+{
+    struct stat info {};
+    if (::lstat(path, &info) != 0) {
+        return LastFailure();
+    }
+    if (!S_ISDIR(info.st_mode)) {
+        return -ENOTDIR;
+    }
+    std::error_code failure;
+    std::filesystem::remove_all(path, failure);
+    return -failure.value();
+}
+
+// Whether `entry` is the temporary name under which a file called `name` is written.
+bool IsTemporaryNameOf(std::string_view entry, std::string_view name)
+{
+    if (entry.size() != 1 + name.size() + kTemporarySuffix.size() || !entry.starts_with('.') ||
+        entry.substr(1, name.size()) != name) {
+        return false;
+    }
+    const std::string_view suffix = entry.substr(1 + name.size());
+    return suffix.front() == '.' && std::all_of(suffix.begin() + 1, suffix.end(),
+                                                [](unsigned char letter) { return std::isalnum(letter) != 0; });
+}
+
+} // namespace
+
+int ReplaceFile(const std::string &path, std::string_view content)
+{
+    return WithoutExceptions([&] {
+        const PathParts parts = Split(path);
+        TemporaryFile file(parts);
+        file.Write(content);
+        file.MoveTo(path);
+        SyncDirectory(parts.directory);
+        return 0;
+    });
+}
+
+void RemoveLeftovers(const std::filesystem::path &directory, std::span<const std::string_view> names)
+{
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator(directory, ignored)) {
+        const std::string found = entry.path().filename().string();
+        if (std::ranges::any_of(names, [&](std::string_view name) { return IsTemporaryNameOf(found, name); })) {
+            std::filesystem::remove(entry.path(), ignored);
+        }
+    }
+}
+
+} // namespace kavel::agent
+
+using namespace kavel::agent;
+
+extern "C" {
+
+int32_t VQ_WriteSyncWithFilePath(const char *Path, const char *Text, size_t Length)
+{
+    return WriteFilePath(Path, Text, Length);
+}
+
+// The stronger promise costs little here, and a crash never leaves a main configuration file cut short.
+int32_t VQ_WriteWithFilePath(const char *Path, const char *Text, size_t Length)
+{
+    return WriteFilePath(Path, Text, Length);
+}
+
+VQ_ERR_T VQ_CreateFilePath(const char *Path)
+{
+    return Path == nullptr ? -EINVAL : WithoutExceptions([&] { return CreateFile(Path); });
+}
+
+VQ_ERR_T VQ_RemoveDirRecursion(char *Path)
+{
+    return Path == nullptr ? -EINVAL : WithoutExceptions([&] { return RemoveTree(Path); });
+}
+}

@@ -1,0 +1,123 @@
+#include "base/procfs.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "number.h"
+
+namespace kavel::agent {
+namespace {
+
+// Fields of /proc/<pid>/stat after the name, counted from the state.
+constexpr std::size_t kStartTimeField = 19;
+constexpr std::string_view kGoneStates = "ZXx";
+
+// Empty when there is nothing to read. A process that ends meanwhile makes the read itself fail.
+std::string ReadAll(const std::string &path)
+{
+    const std::ifstream file(path, std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf(); // turns a failed read into an empty text where an iterator would throw
+    return content.str();
+}
+
+std::vector<std::string> SplitArguments(const std::string &commandLine)
+{
+    std::vector<std::string> arguments;
+    std::istringstream stream(commandLine);
+    for (std::string argument; std::getline(stream, argument, '\0');) {
+        arguments.push_back(argument);
+    }
+    return arguments;
+}
+
+std::uint64_t BoxUptimeSeconds()
+{
+    double seconds = 0;
+    std::ifstream("/proc/uptime") >> seconds;
+    return static_cast<std::uint64_t>(seconds);
+}
+
+std::uint64_t ResidentBytes(const std::string &directory)
+{
+    std::uint64_t total = 0;
+    std::uint64_t resident = 0;
+    std::ifstream(directory + "/statm") >> total >> resident;
+    return resident * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+}
+
+// The name may hold blanks and parentheses: the fields are counted from its last one.
+void TakeStat(Process &process, const std::string &stat)
+{
+    const std::size_t open = stat.find('(');
+    const std::size_t close = stat.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open) {
+        return;
+    }
+    process.name = stat.substr(open + 1, close - open - 1);
+    std::istringstream stream(stat.substr(close + 1));
+    const std::vector<std::string> fields(std::istream_iterator<std::string>(stream), {});
+    if (fields.size() <= kStartTimeField) {
+        return;
+    }
+    process.alive = kGoneStates.find(fields.front()) == std::string_view::npos;
+    const std::uint64_t started =
+        std::stoull(fields[kStartTimeField]) / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
+    const std::uint64_t now = BoxUptimeSeconds();
+    process.uptimeSeconds = now > started ? now - started : 0;
+}
+
+} // namespace
+
+bool Process::HasArgument(std::string_view argument) const
+{
+    return std::ranges::find(arguments, argument) != arguments.end();
+}
+
+bool Process::Mentions(std::string_view text) const
+{
+    return std::ranges::any_of(arguments,
+                               [&](const std::string &argument) { return argument.find(text) != std::string::npos; });
+}
+
+Process InspectProcess(pid_t pid)
+{
+    Process process;
+    if (pid <= 0) {
+        return process;
+    }
+    const std::string directory = "/proc/" + std::to_string(pid);
+    TakeStat(process, ReadAll(directory + "/stat"));
+    if (!process.alive) {
+        return process;
+    }
+    std::error_code ignored;
+    process.executable = std::filesystem::read_symlink(directory + "/exe", ignored).string();
+    process.arguments = SplitArguments(ReadCommandLine(pid));
+    process.memoryBytes = ResidentBytes(directory);
+    return process;
+}
+
+std::string ReadCommandLine(pid_t pid)
+{
+    return ReadAll("/proc/" + std::to_string(pid) + "/cmdline");
+}
+
+std::vector<pid_t> AllProcesses()
+{
+    std::vector<pid_t> pids;
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc", ignored)) {
+        if (const auto pid = control::WholeNumber<pid_t>(entry.path().filename().string())) {
+            pids.push_back(*pid);
+        }
+    }
+    return pids;
+}
+
+} // namespace kavel::agent

@@ -1,0 +1,166 @@
+#include "services/interfaces_netlink.h"
+
+#include <sys/ioctl.h>
+#include <urcu/list.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "base/config.h"
+#include "base/failure.h"
+#include "base/log.h"
+#include "base/netlink.h"
+#include "vqNetio.h"
+
+namespace kavel::agent {
+namespace {
+
+void ReleaseNodes(VQ_LIST_HEAD *list)
+{
+    // The link is a node's first member: both kinds of node go back where they came from.
+    for (VQ_LIST_HEAD *node = list->next; node != list;) {
+        VQ_LIST_HEAD *next = node->next;
+        std::free(node);
+        node = next;
+    }
+    std::free(list);
+}
+
+// A list under construction, in memory that plain C can release.
+class NodeList {
+  public:
+    NodeList() : head_(static_cast<VQ_LIST_HEAD *>(std::malloc(sizeof(VQ_LIST_HEAD))))
+    {
+        if (head_ == nullptr) {
+            throw std::bad_alloc();
+        }
+        CDS_INIT_LIST_HEAD(head_);
+    }
+    NodeList(const NodeList &) = delete;
+    NodeList &operator=(const NodeList &) = delete;
+    ~NodeList()
+    {
+        if (head_ != nullptr) {
+            ReleaseNodes(head_);
+        }
+    }
+
+    template <typename Node>
+    Node &Append()
+    {
+        auto *node = static_cast<Node *>(std::calloc(1, sizeof(Node)));
+        if (node == nullptr) {
+            throw std::bad_alloc();
+        }
+        cds_list_add_tail(&node->list, head_);
+        ++count_;
+        return *node;
+    }
+
+    // Null when nothing was appended.
+    VQ_LIST_HEAD *Give(std::uint32_t &count)
+    {
+        count = count_;
+        return count_ == 0 ? nullptr : std::exchange(head_, nullptr);
+    }
+
+  private:
+    VQ_LIST_HEAD *head_;
+    std::uint32_t count_ = 0;
+};
+
+VQ_LIST_HEAD *WanList(const Vpn &vpn, std::uint32_t &count)
+{
+    NodeList list;
+    for (const Wan &wan : vpn.wan) {
+        list.Append<VQ_RTCWanListNode>().WanConf.CommConf.SysRoute = wan.sysRoute ? 1U : 0U;
+    }
+    return list.Give(count);
+}
+
+VQ_LIST_HEAD *LanList(const Vpn &vpn, std::uint32_t &count)
+{
+    NodeList list;
+    for (const std::string &name : vpn.lan) {
+        // A route through an interface that is not there would be refused.
+        const int index = InterfaceIndex(vpn.id, name);
+        if (index < 0) {
+            Log(LogLevel::kWarning, "vpn %u: LAN interface \"%s\" is left out: %s", vpn.id, name.c_str(),
+                std::strerror(-index));
+            continue;
+        }
+        char *target = list.Append<VQ_RTCLanListNode>().LanConf.PhyIfName;
+        name.copy(target, VQ_IF_NAME_SIZE - 1);
+    }
+    return list.Give(count);
+}
+
+VQ_LIST_HEAD *ListOf(std::uint32_t vpnId, std::uint32_t *count, VQ_LIST_HEAD *(*build)(const Vpn &, std::uint32_t &))
+{
+    if (count == nullptr) {
+        return nullptr;
+    }
+    *count = 0;
+    const Vpn *vpn = ActiveConfig().Find(vpnId);
+    if (vpn == nullptr) {
+        return nullptr;
+    }
+    VQ_LIST_HEAD *list = nullptr;
+    const int result = WithoutExceptions([&] {
+        list = build(*vpn, *count);
+        return 0;
+    });
+    if (result < 0) {
+        Log(LogLevel::kError, "vpn %u: no interface list: %s", vpnId, std::strerror(-result));
+    }
+    return list;
+}
+
+} // namespace
+
+int InterfaceIndex(std::uint32_t vpnId, const std::string &name)
+{
+    return WithNetlink(vpnId, [&](NetlinkSocket &socket) { return socket.InterfaceIndex(name); });
+}
+
+int BringLoopbackUp(std::uint32_t vpnId)
+{
+    return WithNetlink(vpnId, [](NetlinkSocket &socket) {
+        ifreq request = InterfaceRequest("lo");
+        if (::ioctl(socket.Fd(), SIOCGIFFLAGS, &request) != 0) {
+            return LastFailure();
+        }
+        if ((request.ifr_flags & IFF_UP) != 0) {
+            return 0;
+        }
+        request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+        return ::ioctl(socket.Fd(), SIOCSIFFLAGS, &request) == 0 ? 0 : LastFailure();
+    });
+}
+
+} // namespace kavel::agent
+
+using namespace kavel::agent;
+
+extern "C" {
+
+VQ_LIST_HEAD *VQ_RtcNetioWanGetAllByVpnId(uint32_t *Count, uint32_t VpnId)
+{
+    return ListOf(VpnId, Count, WanList);
+}
+
+VQ_LIST_HEAD *VQ_RtcNetioLanGetAllByVpnId(uint32_t *Count, uint32_t VpnId)
+{
+    return ListOf(VpnId, Count, LanList);
+}
+
+void VQ_RtcNetioNodeListRelease(VQ_LIST_HEAD *List)
+{
+    if (List != nullptr) {
+        ReleaseNodes(List);
+    }
+}
+}

@@ -1,0 +1,58 @@
+#include "services/memory_malloc.h"
+
+#include <malloc.h>
+#include <sys/mman.h>
+
+#include <cstddef>
+#include <cstdlib>
+
+#include "vqMemory.h"
+
+namespace kavel::agent {
+namespace {
+
+constexpr int kLargeObject = 1024 * 1024;
+
+constexpr std::size_t kHugePage = std::size_t{2} * 1024 * 1024;
+
+// A large object that is asked for without being zeroed is written from end to end: huge pages, and no others at its
+// ends, spare it thousands of faults. A kernel that has none, or none left, serves it all the same.
+void *AllocateInHugePages(std::size_t size)
+{
+    const std::size_t whole = (size + kHugePage - 1) / kHugePage * kHugePage;
+    void *const object = whole < size ? nullptr : std::aligned_alloc(kHugePage, whole);
+    if (object != nullptr) {
+        (void)::madvise(object, whole, MADV_HUGEPAGE);
+    }
+    return object;
+}
+
+} // namespace
+
+void ReturnLargeMemory()
+{
+    ::mallopt(M_MMAP_THRESHOLD, kLargeObject);
+}
+
+} // namespace kavel::agent
+
+using namespace kavel::agent;
+
+extern "C" {
+
+void *VQ_AgentMemAlloc(const size_t Size)
+{
+    return Size > std::size_t{kLargeObject} ? AllocateInHugePages(Size) : std::malloc(Size);
+}
+
+// calloc leaves fresh pages untouched: a large record costs memory only where it is written.
+void *VQ_AgentMemZeroAlloc(const size_t Size)
+{
+    return std::calloc(1, Size);
+}
+
+void VQ_AgentMemFree(void *Pointer)
+{
+    std::free(Pointer);
+}
+}

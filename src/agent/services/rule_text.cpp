@@ -1,0 +1,199 @@
+#include "services/rule_text.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <initializer_list>
+#include <span>
+
+namespace kavel::agent {
+namespace {
+
+constexpr std::array<const char *, 2> kDnsMatches{"udp dport 53", "tcp dport 53"};
+
+[[noreturn]] void RefuseInvalid(const std::string &text)
+{
+    throw RuleError(-EINVAL, text);
+}
+
+[[noreturn]] void RefuseUnsupported(const std::string &text)
+{
+    throw RuleError(-EOPNOTSUPP, text);
+}
+
+bool AnySet(std::initializer_list<unsigned> values)
+{
+    return std::ranges::any_of(values, [](unsigned value) { return value != 0; });
+}
+
+void CheckCounts(const VQ_CONF_RULE_MATCH &match)
+{
+    for (const std::uint8_t count : {match.DstPortNum, match.ProtoNum, match.InPortNum, match.OutPortNum}) {
+        if (count > VQ_CONF_RULE_ENTRY_MAX) {
+            RefuseInvalid("a list of " + std::to_string(count) + " entries is over its limit");
+        }
+    }
+}
+
+// What no rule of this host can look at or do.
+void RefuseTheRest(const VQ_CONF_RULE &rule)
+{
+    const VQ_CONF_RULE_MATCH &match = rule.Match;
+    if (AnySet({match.SrcIpNum, match.DstIpNum, match.SrcPortNum, match.DscpNum, match.TransIdNum, match.RegNum,
+                match.SrcIpSetFlag, match.DstIpSetFlag, match.AcsNameFlag, match.InVpnFlag, match.InPolicyFlag})) {
+        RefuseUnsupported("it matches by more than protocol, destination port and interface type");
+    }
+    const VQ_CONF_RULE_ACTIONS &actions = rule.Actions;
+    if (AnySet({actions.SnatFlag, actions.AcceFlag, actions.AuthedFlag, actions.SetRegFlag, actions.SetVpnFlag,
+                actions.SetDscpFlag, actions.InboundRateLimitId, actions.OutboundRateLimitId})) {
+        RefuseUnsupported("it does more than to change where traffic goes");
+    }
+}
+
+void CheckDns(const VQ_CONF_RULE &rule)
+{
+    const VQ_CONF_RULE_MATCH &match = rule.Match;
+    const VQ_CONF_RULE_ACTIONS &actions = rule.Actions;
+    CheckCounts(match);
+    RefuseTheRest(rule);
+    // A deletion names no VPN: it finds the namespace by the id.
+    if (rule.Id != rule.VpnId + kDnsRuleIdOffset) {
+        RefuseInvalid("it is not the rule of vpn " + std::to_string(rule.VpnId));
+    }
+    if (AnySet({match.DstPortNum, match.ProtoNum, match.InPortNum, actions.DnatFlag}) || match.OutPortNum != 1 ||
+        match.OutPort[0].Type != VQ_CONF_DP_IF_TYPE_LOCAL || actions.OutputNum != 1 ||
+        actions.OutputArray[0].Type != VQ_CONF_DP_IF_TYPE_LOCAL) {
+        RefuseUnsupported("a DNS-table rule can only lead to the box itself");
+    }
+}
+
+void CheckNat(const VQ_CONF_RULE_ACTION_NAT &nat)
+{
+    if (nat.IpNum != 1 || nat.IpType != VQ_IN_ADDR_TYPE_IPV4 || nat.PortRange.LowerPort != 0 ||
+        nat.PortRange.UpperPort != 0) {
+        RefuseUnsupported("it does not go to one IPv4 address with the port kept");
+    }
+    if (nat.Ip[0] == INADDR_ANY) {
+        RefuseInvalid("it goes to 0.0.0.0");
+    }
+}
+
+void CheckDnat(const VQ_CONF_RULE &rule)
+{
+    const VQ_CONF_RULE_MATCH &match = rule.Match;
+    CheckCounts(match);
+    RefuseTheRest(rule);
+    if (AnySet({match.OutPortNum, rule.Actions.OutputNum}) || rule.Actions.DnatFlag == 0) {
+        RefuseUnsupported("a DNAT rule can only rewrite the destination");
+    }
+    CheckNat(rule.Actions.NatInfo);
+    if (match.InPortNum != 1 || match.InPort[0].Type != VQ_CONF_DP_IF_TYPE_VQCONN_C2P || match.InPort[0].Id != 0) {
+        RefuseUnsupported("it is not for the CPE-to-POP interfaces");
+    }
+    if (match.ProtoNum == 0 || match.DstPortNum == 0) {
+        RefuseUnsupported("it names no protocol or no port");
+    }
+}
+
+std::string ProtocolName(std::uint8_t protocol)
+{
+    switch (protocol) {
+    case IPPROTO_UDP:
+        return "udp";
+    case IPPROTO_TCP:
+        return "tcp";
+    default:
+        RefuseUnsupported("protocol " + std::to_string(protocol) + " has no ports");
+    }
+}
+
+std::string PortText(const VQ_CONF_RULE_PORT_RANGE &range)
+{
+    if (range.LowerPort > range.UpperPort) {
+        RefuseInvalid("a port range ends before it begins");
+    }
+    const std::string lower = std::to_string(range.LowerPort);
+    return range.LowerPort == range.UpperPort ? lower : lower + "-" + std::to_string(range.UpperPort);
+}
+
+// "udp dport { 53 }" for each protocol.
+std::vector<std::string> DnatMatches(const VQ_CONF_RULE_MATCH &match)
+{
+    std::string ports;
+    for (const VQ_CONF_RULE_PORT_RANGE &range : std::span(match.DstPort, match.DstPortNum)) {
+        ports += (ports.empty() ? "" : ", ") + PortText(range);
+    }
+    std::vector<std::string> matches;
+    for (const std::uint8_t protocol : std::span(match.Proto, match.ProtoNum)) {
+        matches.push_back(ProtocolName(protocol) + " dport { " + ports + " }");
+    }
+    return matches;
+}
+
+std::string AddressText(std::uint32_t address)
+{
+    return std::to_string(address >> 24U) + "." + std::to_string(address >> 16U & 0xFFU) + "." +
+           std::to_string(address >> 8U & 0xFFU) + "." + std::to_string(address & 0xFFU);
+}
+
+// The customer stands in the name of an empty chain: removing that chain is the test for the customer.
+std::string CustomerChain(std::uint32_t customerId)
+{
+    return "customer_" + std::to_string(customerId);
+}
+
+// Every match on every interface. A table without interfaces is there all the same: the rule is installed, and nothing
+// comes its way.
+std::string InstallText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces,
+                        std::span<const std::string> matches, const std::string &action)
+{
+    const std::string table = "table ip " + TableName(KeyOf(rule));
+    // Adding it first lets the deletion succeed where there was none.
+    std::string text = "add " + table + "\ndelete " + table + "\n" + table + " {\nchain " +
+                       CustomerChain(rule.CustomerId) +
+                       " {\n}\nchain prerouting {\ntype nat hook prerouting priority dstnat; policy accept;\n";
+    for (const std::string &interface : interfaces) {
+        for (const std::string &match : matches) {
+            text.append("iifname \"").append(interface).append("\" ").append(match).append(" ");
+            text.append(action).append("\n");
+        }
+    }
+    return text + "}\n}\n";
+}
+
+} // namespace
+
+RuleKey KeyOf(const VQ_CONF_RULE &rule)
+{
+    return {static_cast<VQ_CONF_RULE_TBL_TYPE>(rule.Table), rule.Zone, rule.Id};
+}
+
+std::string TableName(const RuleKey &key)
+{
+    const std::string kind = key.table == VQ_CONF_RULE_TBL_TYPE_DNS ? "dns" : "dnat";
+    return "kavel_" + kind + "_" + std::to_string(key.zone) + "_" + std::to_string(key.id);
+}
+
+std::string InstallDnsText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces)
+{
+    CheckDns(rule);
+    const std::array<std::string, kDnsMatches.size()> matches{kDnsMatches[0], kDnsMatches[1]};
+    return InstallText(rule, interfaces, matches, "redirect to :53");
+}
+
+std::string InstallDnatText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces)
+{
+    CheckDnat(rule);
+    return InstallText(rule, interfaces, DnatMatches(rule.Match), "dnat to " + AddressText(rule.Actions.NatInfo.Ip[0]));
+}
+
+std::string RemoveText(const RuleKey &key, std::uint32_t customerId)
+{
+    const std::string table = TableName(key);
+    return "delete chain ip " + table + " " + CustomerChain(customerId) + "\ndelete table ip " + table + "\n";
+}
+
+} // namespace kavel::agent

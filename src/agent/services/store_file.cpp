@@ -1,0 +1,153 @@
+#include "services/store_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+#include "base/failure.h"
+#include "unique_fd.h"
+
+namespace kavel::agent {
+namespace {
+
+constexpr std::int64_t kSchemaVersion = 1;
+constexpr int kLockPatienceMs = 2000;
+constexpr mode_t kFileMode = 0600;
+constexpr mode_t kDirectoryMode = 0700;
+
+void SyncDirectory(const std::filesystem::path &path)
+{
+    const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory || ::fsync(directory.Get()) != 0) {
+        ThrowLastFailure(path);
+    }
+}
+
+void MakeDirectories(const std::filesystem::path &path)
+{
+    if (path.empty() || std::filesystem::is_directory(path)) {
+        return;
+    }
+    MakeDirectories(path.parent_path());
+    if (::mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
+        ThrowLastFailure(path);
+    }
+    SyncDirectory(path.parent_path());
+}
+
+// An empty file is an empty database. The files that SQLite puts beside it take its mode.
+void MakeFile(const std::string &path)
+{
+    const std::filesystem::path directory = std::filesystem::path(path).parent_path();
+    MakeDirectories(directory);
+    const UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, kFileMode));
+    if (!file) {
+        // One that is there may still be read.
+        if (::access(path.c_str(), R_OK) == 0) {
+            return;
+        }
+        ThrowLastFailure(path);
+    }
+    struct stat info {};
+    if (::fstat(file.Get(), &info) != 0) {
+        ThrowLastFailure(path);
+    }
+    if (!S_ISREG(info.st_mode)) {
+        throw StoreError(EINVAL, "is not a file");
+    }
+    if ((info.st_mode & ALLPERMS) != kFileMode && ::fchmod(file.Get(), kFileMode) != 0) {
+        ThrowLastFailure(path);
+    }
+    SyncDirectory(directory);
+}
+
+const std::string &MadeFile(const std::string &path)
+{
+    MakeFile(path);
+    return path;
+}
+
+void MakeTables(const Database &database)
+{
+    std::string text = "BEGIN IMMEDIATE;";
+    for (const char *table : kStoreTables) {
+        text.append("CREATE TABLE ").append(table);
+        text.append(
+            " (vpn_id INTEGER PRIMARY KEY CHECK (vpn_id BETWEEN 0 AND 4294967295), conf TEXT NOT NULL) STRICT;");
+    }
+    database.Execute(text + "PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";COMMIT");
+}
+
+// Whether the tables are there already. The first look into the file: it tells one that is no database at all.
+bool CheckVersion(const Database &database)
+{
+    const std::int64_t version = database.Number("PRAGMA user_version");
+    if (version > kSchemaVersion) {
+        throw StoreError(EOPNOTSUPP, "was written by a newer release (version " + std::to_string(version) + ")");
+    }
+    const bool empty = database.Number("SELECT count(*) FROM sqlite_schema") == 0;
+    if (version < kSchemaVersion && !empty) {
+        throw StoreError(EINVAL, "is a database of another program");
+    }
+    return version == kSchemaVersion;
+}
+
+// The files beside it outlive an orderly end, the log emptied: without them a store on a full or read-only disk could
+// not even be read at the next start.
+void KeepFilesBeside(const Database &database)
+{
+    int keep = 1;
+    (void)sqlite3_file_control(database.Get(), "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
+    database.Execute("PRAGMA journal_size_limit = 0");
+}
+
+void Prepare(const Database &database)
+{
+    const bool made = CheckVersion(database);
+    if (database.IsReadOnly()) {
+        return;
+    }
+    database.Execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL");
+    KeepFilesBeside(database);
+    if (!made) {
+        MakeTables(database);
+    }
+}
+
+} // namespace
+
+StoreFile::StoreFile(const std::string &path) : path_(path), database_(MadeFile(path), kLockPatienceMs)
+{
+    Prepare(database_);
+    main_ = IdentityOf(path_);
+    log_ = IdentityOf(LogPath());
+}
+
+// A database that was put in the place of this one would take the log of this one for its own.
+StoreFile::~StoreFile()
+{
+    if (IdentityOf(path_) == main_ || IdentityOf(LogPath()) != log_) {
+        return;
+    }
+    // For whoever keeps the old file: it is to hold everything.
+    (void)sqlite3_wal_checkpoint_v2(database_.Get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    ::unlink(LogPath().c_str());
+    ::unlink((path_ + "-shm").c_str());
+}
+
+bool StoreFile::IsInPlace() const
+{
+    return IdentityOf(path_) == main_ && IdentityOf(LogPath()) == log_;
+}
+
+StoreFile::Identity StoreFile::IdentityOf(const std::string &path)
+{
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 ? Identity{info.st_dev, info.st_ino} : Identity{};
+}
+
+} // namespace kavel::agent

@@ -1,0 +1,98 @@
+#include "socket/controller_message.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstddef>
+#include <cstdlib>
+#include <string_view>
+#include <utility>
+
+#include "vqDnsmasqConf.h"
+
+namespace kavel::agent {
+namespace {
+
+// Two bytes on the wire can be an empty element of a hundred bytes in memory. The largest message that can be applied
+// takes a tenth of this.
+constexpr std::size_t kUnpackedMax = std::size_t{256} * 1024 * 1024;
+constexpr std::size_t kAllocationOverhead = 16;
+
+void *AllocateWithin(void *budget, std::size_t size)
+{
+    auto &left = *static_cast<std::size_t *>(budget);
+    if (size + kAllocationOverhead > left) {
+        return nullptr;
+    }
+    left -= size + kAllocationOverhead;
+    return std::malloc(size);
+}
+
+// Released with the library's own allocator later, which is free() as well.
+void Release(void * /*budget*/, void *memory)
+{
+    std::free(memory);
+}
+
+std::optional<ControllerMessage> UnpackCpe(std::span<const std::uint8_t> bytes)
+{
+    ControllerMessage message;
+    message.content = UnpackProtobuf(dnsmasq_conf__descriptor, bytes);
+    if (!message.content) {
+        return std::nullopt;
+    }
+    const auto *cpe = reinterpret_cast<const DnsmasqConf *>(message.content.get());
+    message.pointer.cpe = cpe;
+    message.vpn = cpe->has_vpnid != 0 ? cpe->vpnid : 0;
+    message.enables = cpe->enable != 0;
+    message.reloads = message.enables && cpe->operation == VQ_DNSMASQ_OP_RELOAD;
+    message.launches = message.enables && cpe->operation == VQ_DNSMASQ_OP_REBOOT;
+    return message;
+}
+
+// A POP's instance is the box's, and it is always restarted.
+std::optional<ControllerMessage> UnpackPop(std::span<const std::uint8_t> bytes)
+{
+    ControllerMessage message;
+    message.content = UnpackProtobuf(pop_dnsmasq_conf__descriptor, bytes);
+    if (!message.content) {
+        return std::nullopt;
+    }
+    const auto *pop = reinterpret_cast<const PopDnsmasqConf *>(message.content.get());
+    message.pointer.pop = pop;
+    message.enables = pop->enable != 0;
+    message.launches = message.enables;
+    return message;
+}
+
+// What the kernel refuses in the name of an interface, and what would not stay within its line.
+bool IsForbiddenInInterfaceName(unsigned char letter)
+{
+    return std::isspace(letter) != 0 || std::iscntrl(letter) != 0 || letter == '/' || letter == ':';
+}
+
+} // namespace
+
+ProtobufMessage UnpackProtobuf(const ProtobufCMessageDescriptor &type, std::span<const std::uint8_t> bytes)
+{
+    std::size_t budget = kUnpackedMax;
+    ProtobufCAllocator allocator{AllocateWithin, Release, &budget};
+    return ProtobufMessage(protobuf_c_message_unpack(&type, &allocator, bytes.size(), bytes.data()));
+}
+
+std::optional<ControllerMessage> UnpackControllerMessage(Platform platform, std::span<const std::uint8_t> bytes)
+{
+    return platform == Platform::kCpe ? UnpackCpe(bytes) : UnpackPop(bytes);
+}
+
+std::optional<std::string> InterfaceNameHazard(const DnsmasqConf &message)
+{
+    for (std::size_t i = 0; i < message.n_dnsservers; ++i) {
+        const char *name = message.dnsservers[i]->ifname;
+        if (name != nullptr && std::ranges::any_of(std::string_view(name), IsForbiddenInInterfaceName)) {
+            return "dnsservers[" + std::to_string(i) + "].ifname is not an interface name";
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace kavel::agent
