@@ -21,8 +21,8 @@
 #include <vector>
 
 #include "base/config.h"
-#include "base/netns.h"
 #include "services.h"
+#include "services/host.h"
 #include "services/memory_malloc.h"
 
 namespace kavel::bench {
@@ -114,8 +114,7 @@ void Measure(const Options &options)
     agent::ReturnLargeMemory(); // as the agent sets its allocator
     const Workshop workshop(options.parent);
     MakeVpn();
-    agent::RememberOwnNamespace();
-    agent::ActivateConfig(BoxConfig(workshop.Path()));
+    const agent::Host host(BoxConfig(workshop.Path()));
     std::vector<Comparison> comparisons;
     for (const std::string &topic : options.topics) {
         std::ranges::move(Topics().at(topic)({options.pairs, workshop.Path()}), std::back_inserter(comparisons));

@@ -58,7 +58,7 @@ void FillRecord(std::uint32_t vpn, const Amounts &amounts, std::uint8_t octet, V
 
 std::string RecordText(std::uint32_t vpn, const Amounts &amounts, std::uint8_t octet)
 {
-    static const agent::Module module("", agent::Platform::kCpe);
+    static const agent::Module module("", agent::Host::Current());
     const auto record = agent::MapZeroed<VQ_DNSMASQ_CONF>();
     FillRecord(vpn, amounts, octet, *record);
     const std::unique_ptr<char, FreeText> text(VQ_GetDbDataTransOp()->DnsmasqConfToStr(record.get()));

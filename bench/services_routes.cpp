@@ -58,8 +58,8 @@ void WriteBatch(std::uint32_t count)
 
 void ExpectRoutes(std::uint32_t count)
 {
-    const int found = agent::CountRoutes(kVpn, agent::kDnsRouteTable);
-    Expect(found >= 0 && static_cast<std::uint32_t>(found) == count, "routes are missing, or left over");
+    Expect(agent::CountRoutes(agent::Host::Current(), kVpn, agent::kDnsRouteTable) == count,
+           "routes are missing, or left over");
 }
 
 void MeasureOurs(std::uint32_t count, Comparison &added, Comparison &cleared)
@@ -73,7 +73,7 @@ void MeasureOurs(std::uint32_t count, Comparison &added, Comparison &cleared)
 void MeasureFloor(std::uint32_t count, Comparison &added, Comparison &cleared)
 {
     // Entered here, so that the programs need not do it on our time.
-    const agent::NamespaceSwitch inside(kVpn);
+    const agent::NamespaceSwitch inside(agent::Host::Current().namespaces, kVpn);
     added.floor.push_back(SecondsOf([] { RunProgram({"ip", "-batch", kBatchFile}); }));
     ExpectRoutes(count);
     const std::string table = std::to_string(agent::kDnsRouteTable);

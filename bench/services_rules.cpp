@@ -56,8 +56,7 @@ void AddAndRemove()
 
 void ExpectRule(bool there)
 {
-    const auto found = agent::FindInstalledRules(kVpn);
-    Expect(found && found->dns == there, "the rule is missing, or left over");
+    Expect(agent::FindInstalledRules(agent::Host::Current(), kVpn).dns == there, "the rule is missing, or left over");
 }
 
 // What is fast because it does nothing is seen before it is timed.
@@ -71,7 +70,7 @@ void ExpectEffect(Install &&install, Withdraw &&withdraw)
 }
 
 struct Commands {
-    std::string install = agent::InstallDnsText(*SteeringRule(), agent::ActiveConfig().Find(kVpn)->lan);
+    std::string install = agent::InstallDnsText(*SteeringRule(), agent::Host::Current().config.Find(kVpn)->lan);
     std::string remove = agent::RemoveText(agent::KeyOf(*SteeringRule()), kCustomer);
 };
 
@@ -113,7 +112,7 @@ std::vector<Comparison> CompareRules(const Setting &setting)
     WriteCommands(kRemoveFile, commands.remove);
     const std::string work = "steering rule added and removed";
 
-    const agent::NamespaceSwitch inside(kVpn);
+    const agent::NamespaceSwitch inside(agent::Host::Current().namespaces, kVpn);
     const BareLibrary library;
     const auto bareAdd = [&] { library.Run(commands.install); };
     const auto bareRemove = [&] { library.Run(commands.remove); };

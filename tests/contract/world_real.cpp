@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -23,6 +24,7 @@
 #include "base/config.h"
 #include "base/netns.h"
 #include "process_lab.h"
+#include "services/host.h"
 #include "unique_fd.h"
 #include "world.h"
 
@@ -94,9 +96,10 @@ struct Box {
         if (made != "made\n") {
             throw std::runtime_error("the namespaces of the VPNs could not be made");
         }
-        agent::RememberOwnNamespace();
-        agent::ActivateConfig(ConfiguredBox());
+        host.emplace(ConfiguredBox());
     }
+
+    std::optional<agent::Host> host;
 };
 
 // "10.1.1.1 dev lan0 proto static scope link", next hops behind "nexthop", in the words of World::Routes.
@@ -153,7 +156,8 @@ class RealWorld : public World {
   public:
     RealWorld()
     {
-        static const Box box;
+        static Box box;
+        host_ = &*box.host;
         std::filesystem::create_directories(Below("dnsmasq.d"));
         ::pthread_getname_np(::pthread_self(), threadName_.data(), threadName_.size());
     }
@@ -194,7 +198,7 @@ class RealWorld : public World {
         ::stat("/proc/thread-self/ns/net", &info);
         const agent::NamespaceId current{info.st_dev, info.st_ino};
         for (const std::uint32_t vpn : {0U, kVpn, kOtherVpn, kLastVpn}) {
-            if (agent::NamespaceOfVpn(vpn) == current) {
+            if (host_->namespaces.IdOf(vpn) == current) {
                 return vpn;
             }
         }
@@ -202,7 +206,7 @@ class RealWorld : public World {
     }
     void Listen(std::uint32_t vpn, std::uint16_t port) override
     {
-        const agent::NamespaceSwitch inside(vpn);
+        const agent::NamespaceSwitch inside(host_->namespaces, vpn);
         UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -273,6 +277,7 @@ class RealWorld : public World {
         return NamespaceOf(kVpn) + " " + NamespaceOf(kOtherVpn) + " " + NamespaceOf(kLastVpn);
     }
 
+    agent::Host *host_ = nullptr;
     ProcessLab lab_;
     std::vector<UniqueFd> listeners_;
     std::array<char, 16> threadName_{};

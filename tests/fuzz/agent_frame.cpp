@@ -19,7 +19,8 @@
 #include "cpe_model.h"
 #include "frame.h"
 #include "fuzz.h"
-#include "instances/launches.h"
+#include "instances/pending_launches.h"
+#include "services/host.h"
 #include "socket/answer.h"
 #include "socket/connection.h"
 #include "socket/controller_message.h"
@@ -68,18 +69,15 @@ int32_t VerbOf(const Kavel__Request &Request)
 
 class Agent {
   public:
-    Agent() : m_Module(KAVEL_MODULE, m_Config.platform), m_Requests(m_Module, m_Config, m_Launches)
-    {
-        kavel::agent::SetLogThreshold(kavel::agent::LogLevel::kError);
-    }
+    Agent() { kavel::agent::ConfigureLog(kavel::agent::LogLevel::kError); }
 
-    [[nodiscard]] Answer Handle(fuzz::Bytes Frame) const
+    [[nodiscard]] Answer Handle(kavel::agent::ReceivedFrame Frame)
     {
-        if (!IsHarmless(Frame)) {
+        if (!IsHarmless(Frame.Content())) {
             return kavel::agent::Refusal(-EPERM, "not in a test");
         }
         std::optional<Answer> Given;
-        m_Requests.Handle(Frame, [&Given](const Answer &Each) {
+        m_Requests.Handle(std::move(Frame), [&Given](const Answer &Each) {
             fuzz::Require(!Given, "a request is answered twice");
             Given = Each;
         });
@@ -113,11 +111,12 @@ class Agent {
         }
     }
 
-    kavel::agent::Config m_Config;
-    kavel::agent::Module m_Module;
-    kavel::agent::Launches m_Launches;
-    kavel::agent::Requests m_Requests;
-    kavel::agent::ModuleSilence m_Silence;
+    kavel::agent::Host m_Host{kavel::agent::Config{}};
+    kavel::agent::ModuleSilence m_Silence{m_Host};
+    kavel::agent::Module m_Module{KAVEL_MODULE, m_Host};
+    kavel::agent::EventLoop m_Loop;
+    kavel::agent::PendingLaunches m_Launches{m_Loop};
+    kavel::agent::Requests m_Requests{m_Loop, m_Host, m_Module, m_Launches};
 };
 
 // The module takes a name as it comes; what would end its line or is no part of a name is kept from it.
@@ -146,8 +145,8 @@ void CheckVerdict(fuzz::Bytes Frame, const Answer &Given)
     }
     const fuzz::Bytes Message(Request.message.data, Request.has_message != 0 ? Request.message.len : 0);
     const auto Unpacked = kavel::agent::UnpackControllerMessage(kavel::agent::Platform::kCpe, Message);
-    const bool MayPass = Unpacked && !HasHarmfulInterface(*Unpacked->pointer.cpe);
-    const int Expected = MayPass ? fuzz::CpeModel(*Unpacked->pointer.cpe).Result() : -EINVAL;
+    const bool MayPass = Unpacked && !HasHarmfulInterface(*Unpacked->pointer.DnsmasqPbCPE);
+    const int Expected = MayPass ? fuzz::CpeModel(*Unpacked->pointer.DnsmasqPbCPE).Result() : -EINVAL;
     fuzz::RequireSame("the result of a check", Given.result, Expected);
     fuzz::Require(Given.summary.has_value() == (Expected == 0), "a summary without a message, or the other way round");
 }
@@ -196,7 +195,7 @@ void CheckReply(const Buffer &Received, int32_t Result)
 class Conversation {
   public:
     Conversation(kavel::UniqueFd Here, kavel::UniqueFd There, const Stream &Expected)
-        : m_Connection(std::move(Here), 1), m_Peer(std::move(There)), m_Expected(Expected)
+        : m_Connection(std::move(Here), 1, {}), m_Peer(std::move(There)), m_Expected(Expected)
     {
     }
 
@@ -207,7 +206,7 @@ class Conversation {
         while (m_Connection.HasFrame()) {
             AnswerFrame();
         }
-        if (m_Connection.Oversized()) {
+        if (m_Connection.IsOversized()) {
             Dismiss();
         }
     }
@@ -219,19 +218,21 @@ class Conversation {
         fuzz::RequireSame("the number of frames", static_cast<int64_t>(m_Heard),
                           static_cast<int64_t>(m_Expected.Frames.size()));
         fuzz::Require(m_IsDismissed == m_Expected.IsTooLong, "a peer is dismissed, or not, for another length");
-        fuzz::Require(m_Connection.Finished(), "a peer that has gone is still waited for");
-        fuzz::Require(m_Connection.CutShort() == (m_Expected.IsCut && !m_IsDismissed), "an end is taken for another");
+        fuzz::Require(m_Connection.IsFinished(), "a peer that has gone is still waited for");
+        fuzz::Require(m_Connection.IsTruncated() == (m_Expected.IsCut && !m_IsDismissed),
+                      "an end is taken for another");
     }
 
   private:
     void AnswerFrame()
     {
-        static const Agent Here;
-        const fuzz::Bytes Frame = m_Connection.Frame();
+        static Agent Here;
+        const kavel::agent::ReceivedFrame Received = m_Connection.BeginRequest();
+        const fuzz::Bytes Frame = Received.Content();
         fuzz::Require(m_Heard < m_Expected.Frames.size() && std::ranges::equal(Frame, m_Expected.Frames[m_Heard]),
                       "a frame that was not sent");
         ++m_Heard;
-        const Answer Given = Here.Handle(Frame);
+        const Answer Given = Here.Handle(Received);
         CheckVerdict(Frame, Given);
         m_Connection.Reply(kavel::agent::PackAnswer(Given), {});
         CheckReply(m_Peer.Receive(), Given.result);

@@ -308,12 +308,6 @@ std::unique_ptr<json_object, JsonRelease> ParseJson(const std::string &text)
     return root;
 }
 
-Config &Active()
-{
-    static Config config;
-    return config;
-}
-
 } // namespace
 
 const Vpn *Config::Find(std::uint32_t id) const
@@ -340,16 +334,6 @@ Config LoadConfig(const std::string &file)
         throw ConfigError(std::string("cannot be read: ") + std::strerror(errno));
     }
     return ParseConfig(text);
-}
-
-const Config &ActiveConfig()
-{
-    return Active();
-}
-
-void ActivateConfig(Config config)
-{
-    Active() = std::move(config);
 }
 
 } // namespace kavel::agent

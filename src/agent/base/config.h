@@ -56,10 +56,6 @@ struct Config {
 Config LoadConfig(const std::string &file);
 Config ParseConfig(const std::string &text);
 
-// The configuration that the host services answer from; set once, before the module is loaded.
-const Config &ActiveConfig();
-void ActivateConfig(Config config);
-
 } // namespace kavel::agent
 
 #endif

@@ -1,38 +1,51 @@
-// Failures between the agent's C++ and the C functions that it gives the module.
+// Failures of the operating system. Inside the agent they are exceptions: a std::system_error with the errno and a text
+// that names what failed. A negated errno exists only in the results of the C functions (see ResultOf) and in answers.
 #ifndef KAVEL_AGENT_FAILURE_H
 #define KAVEL_AGENT_FAILURE_H
 
 #include <cerrno>
 #include <cstdint>
+#include <exception>
 #include <new>
 #include <string>
 #include <system_error>
 
 namespace kavel::agent {
 
-// The errno of this moment as a result.
-inline int LastFailure()
+// Throws std::system_error for `error`, a positive errno.
+[[noreturn]] inline void ThrowErrno(int error, const std::string &what)
 {
-    return -errno;
+    throw std::system_error(error, std::system_category(), what);
 }
 
-[[noreturn]] inline void ThrowLastFailure(const std::string &what)
+// Throws std::system_error for the errno of the call that has just failed.
+[[noreturn]] inline void ThrowLastErrno(const std::string &what)
 {
-    throw std::system_error(errno, std::system_category(), what);
+    ThrowErrno(errno, what);
 }
 
-// Runs `body` where no exception may leave, and gives its result or the negated errno of what it threw.
-template <typename Body>
-std::int32_t WithoutExceptions(Body body) noexcept
+// The negated errno that stands for the exception that is being handled. Call it inside a catch block only.
+[[nodiscard]] inline std::int32_t ResultOfCurrentException() noexcept
 {
     try {
-        return body();
+        throw;
     } catch (const std::bad_alloc &) {
         return -ENOMEM;
     } catch (const std::system_error &failure) {
         return -failure.code().value();
     } catch (...) {
         return -EIO;
+    }
+}
+
+// Runs `body` where no exception may leave. Returns its result, or the negated errno of what it threw.
+template <typename Body>
+[[nodiscard]] std::int32_t ResultOf(Body body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        return ResultOfCurrentException();
     }
 }
 

@@ -11,7 +11,6 @@
 
 #include "base/failure.h"
 #include "unique_fd.h"
-#include "vqFile.h"
 
 namespace kavel::agent {
 namespace {
@@ -33,7 +32,8 @@ PathParts Split(const std::string &path)
     return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
 }
 
-// A file beside the one that it is to replace; it is removed again unless it has been moved there.
+// A temporary file in the directory of the file that it will replace. Removed by the destructor unless MoveTo() was
+// called.
 class TemporaryFile {
   public:
     // The leading dot keeps dnsmasq's conf-dir from reading a half-written file.
@@ -42,7 +42,7 @@ class TemporaryFile {
         path_ += kTemporarySuffix;
         fd_ = UniqueFd(::mkostemp(path_.data(), O_CLOEXEC));
         if (!fd_) {
-            ThrowLastFailure(path_);
+            ThrowLastErrno(path_);
         }
     }
     TemporaryFile(const TemporaryFile &) = delete;
@@ -61,18 +61,18 @@ class TemporaryFile {
             if (written >= 0) {
                 content.remove_prefix(static_cast<std::size_t>(written));
             } else if (errno != EINTR) {
-                ThrowLastFailure(path_);
+                ThrowLastErrno(path_);
             }
         }
         if (::fchmod(fd_.Get(), kFileMode) != 0 || ::fsync(fd_.Get()) != 0) {
-            ThrowLastFailure(path_);
+            ThrowLastErrno(path_);
         }
     }
 
     void MoveTo(const std::string &target)
     {
         if (::rename(path_.c_str(), target.c_str()) != 0) {
-            ThrowLastFailure(target);
+            ThrowLastErrno(target);
         }
         moved_ = true;
     }
@@ -82,46 +82,6 @@ class TemporaryFile {
     UniqueFd fd_;
     bool moved_ = false;
 };
-
-void SyncDirectory(const std::string &path)
-{
-    const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory || ::fsync(directory.Get()) != 0) {
-        ThrowLastFailure(path);
-    }
-}
-
-std::int32_t WriteFilePath(const char *path, const char *text, std::size_t length)
-{
-    if (path == nullptr || (text == nullptr && length > 0)) {
-        return -EINVAL;
-    }
-    return WithoutExceptions([&] { return ReplaceFile(path, std::string_view(text, length)); });
-}
-
-int CreateFile(const char *path)
-{
-    const UniqueFd file(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
-    if (!file) {
-        return errno == EEXIST ? 0 : LastFailure();
-    }
-    // The umask has had its say above.
-    return ::fchmod(file.Get(), kFileMode) == 0 ? 0 : LastFailure();
-}
-
-int RemoveTree(const char *path)
-{
-    struct stat info {};
-    if (::lstat(path, &info) != 0) {
-        return LastFailure();
-    }
-    if (!S_ISDIR(info.st_mode)) {
-        return -ENOTDIR;
-    }
-    std::error_code failure;
-    std::filesystem::remove_all(path, failure);
-    return -failure.value();
-}
 
 // Whether `entry` is the temporary name under which a file called `name` is written.
 bool IsTemporaryNameOf(std::string_view entry, std::string_view name)
@@ -137,16 +97,45 @@ bool IsTemporaryNameOf(std::string_view entry, std::string_view name)
 
 } // namespace
 
-int ReplaceFile(const std::string &path, std::string_view content)
+void SyncDirectory(const std::string &path)
 {
-    return WithoutExceptions([&] {
-        const PathParts parts = Split(path);
-        TemporaryFile file(parts);
-        file.Write(content);
-        file.MoveTo(path);
-        SyncDirectory(parts.directory);
-        return 0;
-    });
+    const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory || ::fsync(directory.Get()) != 0) {
+        ThrowLastErrno(path);
+    }
+}
+
+void ReplaceFile(const std::string &path, std::string_view content)
+{
+    const PathParts parts = Split(path);
+    TemporaryFile file(parts);
+    file.Write(content);
+    file.MoveTo(path);
+    SyncDirectory(parts.directory);
+}
+
+void CreateFile(const std::string &path)
+{
+    const UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+    if (!file && errno == EEXIST) {
+        return;
+    }
+    // The mode of open() is cut by the umask.
+    if (!file || ::fchmod(file.Get(), kFileMode) != 0) {
+        ThrowLastErrno(path);
+    }
+}
+
+void RemoveTree(const std::string &path)
+{
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0) {
+        ThrowLastErrno(path);
+    }
+    if (!S_ISDIR(info.st_mode)) {
+        ThrowErrno(ENOTDIR, path);
+    }
+    std::filesystem::remove_all(path);
 }
 
 void RemoveLeftovers(const std::filesystem::path &directory, std::span<const std::string_view> names)
@@ -161,29 +150,3 @@ void RemoveLeftovers(const std::filesystem::path &directory, std::span<const std
 }
 
 } // namespace kavel::agent
-
-using namespace kavel::agent;
-
-extern "C" {
-
-int32_t VQ_WriteSyncWithFilePath(const char *Path, const char *Text, size_t Length)
-{
-    return WriteFilePath(Path, Text, Length);
-}
-
-// The stronger promise costs little here, and a crash never leaves a main configuration file cut short.
-int32_t VQ_WriteWithFilePath(const char *Path, const char *Text, size_t Length)
-{
-    return WriteFilePath(Path, Text, Length);
-}
-
-VQ_ERR_T VQ_CreateFilePath(const char *Path)
-{
-    return Path == nullptr ? -EINVAL : WithoutExceptions([&] { return CreateFile(Path); });
-}
-
-VQ_ERR_T VQ_RemoveDirRecursion(char *Path)
-{
-    return Path == nullptr ? -EINVAL : WithoutExceptions([&] { return RemoveTree(Path); });
-}
-}

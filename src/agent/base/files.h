@@ -1,4 +1,4 @@
-// Files of the instances: replaced whole and durably.
+// Files that other programs read: replaced as a whole and durably. Failures throw std::system_error.
 #ifndef KAVEL_AGENT_FILES_H
 #define KAVEL_AGENT_FILES_H
 
@@ -9,10 +9,20 @@
 
 namespace kavel::agent {
 
-// Replaces the file at `path`, mode 0644: after a crash it holds the old bytes or the new ones. 0 or a negated errno.
-int ReplaceFile(const std::string &path, std::string_view content);
+// Writes the directory's entries to the disk.
+void SyncDirectory(const std::string &path);
 
-// Removes what interrupted replacements of the files called `names` left in `directory`.
+// Replaces the file at `path`, mode 0644. After a crash the path holds the old bytes or the new ones.
+void ReplaceFile(const std::string &path, std::string_view content);
+
+// Creates an empty file, mode 0644, unless one exists.
+void CreateFile(const std::string &path);
+
+// Removes a directory with its content. Throws ENOTDIR for anything else.
+void RemoveTree(const std::string &path);
+
+// Removes the temporary files that interrupted replacements of the files called `names` left in `directory`. Failures
+// are ignored.
 void RemoveLeftovers(const std::filesystem::path &directory, std::span<const std::string_view> names);
 
 } // namespace kavel::agent

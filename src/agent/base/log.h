@@ -1,53 +1,36 @@
-// The agent's log on standard error, and what the module reported while one message was handled.
+// The agent's log: one line per event on standard error.
 #ifndef KAVEL_AGENT_LOG_H
 #define KAVEL_AGENT_LOG_H
 
-#include <cstddef>
-#include <cstdint>
-#include <deque>
+#include <cstdarg>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace kavel::agent {
 
+// In order of importance: the most important first.
 enum class LogLevel { kError, kWarning, kNotice, kDebug };
 
-std::optional<LogLevel> LogLevelByName(std::string_view name);
+// The level called `name` ("error", "warning", "notice", "debug"); nothing when there is none.
+[[nodiscard]] std::optional<LogLevel> LogLevelByName(std::string_view name);
 
-// Lines that matter less than `threshold` are not written.
-void SetLogThreshold(LogLevel threshold);
+// Lines that are less important than `threshold` are not written. Until the first call the threshold is kNotice. Also
+// checks whether standard error is the journal, whose lines carry their level as "<3>".
+void ConfigureLog(LogLevel threshold);
 
-// Writes one line; a trailing line feed in the text is neither needed nor doubled.
+// Whether lines of `level` are written.
+[[nodiscard]] bool IsLogged(LogLevel level);
+
+// Writes one line if its level is logged. A trailing line feed in the text is neither needed nor doubled.
 void Log(LogLevel level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// While one lives, lines of the module are not written; its errors are kept in ModuleErrors() all the same.
-class ModuleSilence {
-  public:
-    ModuleSilence();
-    ModuleSilence(const ModuleSilence &) = delete;
-    ModuleSilence &operator=(const ModuleSilence &) = delete;
-    ~ModuleSilence();
-};
+// Writes one line whatever the threshold is. Control characters become '?', and every line of the text after the first
+// is indented: a text from outside cannot forge a line.
+void WriteLogLine(LogLevel level, std::string_view text);
 
-// The error messages of the module, oldest first, without prefix.
-class ErrorTrail {
-  public:
-    void Add(std::string message);
-    void Clear() { messages_.clear(); }
-
-    // The message that says why a call of the module ended in `result`: the innermost of those that pass the same
-    // number up. Empty when there is none.
-    [[nodiscard]] std::string Cause(std::int32_t result) const;
-
-  private:
-    static constexpr std::size_t kMessagesMax = 64;
-
-    std::deque<std::string> messages_;
-};
-
-// What the module has reported since the last Clear().
-ErrorTrail &ModuleErrors();
+// The text of a printf format; the format itself when it cannot be formatted.
+[[nodiscard]] __attribute__((format(printf, 1, 0))) std::string FormatText(const char *format, va_list arguments);
 
 } // namespace kavel::agent
 

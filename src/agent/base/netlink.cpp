@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "base/failure.h"
-#include "base/per_namespace.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {
@@ -25,20 +24,13 @@ constexpr std::size_t kReceiveSize = 32768;
 // holds this many errors.
 constexpr std::size_t kMessagesPerSend = 64;
 
-// One for every VPN: opening another costs more than the socket itself.
-PerNamespace<NetlinkSocket> &OpenSockets()
-{
-    static PerNamespace<NetlinkSocket> sockets(std::numeric_limits<std::size_t>::max());
-    return sockets;
-}
-
-// Low descriptors are scarce: the library behind the rules waits with select(), which knows no others. There is a
-// socket of this kind for every VPN, so that they go where the low ones end, unless the process may not have that many.
+// Low descriptors are scarce: libnftables uses select(), which cannot use descriptors from FD_SETSIZE on. There is one
+// route socket per VPN, so they are moved above that limit, unless the process may not have that many descriptors.
 UniqueFd OpenSocket()
 {
     UniqueFd socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
     if (!socket) {
-        ThrowLastFailure("netlink");
+        ThrowLastErrno("netlink");
     }
     UniqueFd high(::fcntl(socket.Get(), F_DUPFD_CLOEXEC, FD_SETSIZE));
     return high ? std::move(high) : std::move(socket);
@@ -77,32 +69,51 @@ NetlinkSocket::NetlinkSocket() : received_(kReceiveSize)
         (void)handle.Release();
     }
     if (!socket_ || mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
-        ThrowLastFailure("netlink");
+        ThrowLastErrno("netlink");
     }
     SetOption(socket_.get(), NETLINK_CAP_ACK);
     SetOption(socket_.get(), NETLINK_GET_STRICT_CHK);
 }
 
-int NetlinkSocket::Request(NetlinkMessage &message)
+void NetlinkSocket::Request(NetlinkMessage &message)
+{
+    (void)RequestUnless(0, message);
+}
+
+bool NetlinkSocket::RequestUnless(int expected, NetlinkMessage &message)
 {
     nlmsghdr *header = message.Header();
     header->nlmsg_flags |= NLM_F_ACK;
     header->nlmsg_seq = ++sequence_;
     Send(header, header->nlmsg_len);
-    return AwaitAcknowledgement(sequence_, sequence_, 0);
+    const int error = FirstError(sequence_, sequence_, 0);
+    if (error != 0 && error != expected) {
+        throw KernelRefusal(error);
+    }
+    return error == 0;
+}
+
+void NetlinkSocket::BeginRequest(std::uint64_t request)
+{
+    if (request_ != request) {
+        request_ = request;
+        lastInterface_ = {};
+    }
 }
 
 int NetlinkSocket::InterfaceIndex(const std::string &name)
 {
-    if (lastInterface_.round != CurrentRound() || lastInterface_.name != name) {
+    if (lastInterface_.index == 0 || lastInterface_.name != name) {
         ifreq request = InterfaceRequest(name);
-        const int index = ::ioctl(Fd(), SIOCGIFINDEX, &request) == 0 ? request.ifr_ifindex : LastFailure();
-        lastInterface_ = {CurrentRound(), name, index};
+        if (::ioctl(Fd(), SIOCGIFINDEX, &request) != 0) {
+            throw KernelRefusal(errno);
+        }
+        lastInterface_ = {name, request.ifr_ifindex};
     }
     return lastInterface_.index;
 }
 
-int NetlinkSocket::Dump(NetlinkMessage &message, const std::function<void(const nlmsghdr &)> &take)
+void NetlinkSocket::Dump(NetlinkMessage &message, const std::function<void(const nlmsghdr &)> &take)
 {
     nlmsghdr *header = message.Header();
     header->nlmsg_flags |= NLM_F_DUMP;
@@ -117,19 +128,19 @@ int NetlinkSocket::Dump(NetlinkMessage &message, const std::function<void(const 
                 continue;
             }
             if (at->nlmsg_type == NLMSG_DONE) {
-                return 0;
+                return;
             }
             if (at->nlmsg_type == NLMSG_ERROR) {
-                return static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(at))->error;
+                throw KernelRefusal(-static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(at))->error);
             }
             take(*at);
         }
     }
 }
 
-int NetlinkSocket::RequestAll(NetlinkBatch &messages, int ignored)
+void NetlinkSocket::RequestAll(NetlinkBatch &messages, int ignored)
 {
-    int result = 0;
+    int firstError = 0;
     for (std::vector<char> &piece : messages.Pieces()) {
         const std::uint32_t first = sequence_ + 1;
         auto *last = reinterpret_cast<nlmsghdr *>(piece.data());
@@ -138,25 +149,27 @@ int NetlinkSocket::RequestAll(NetlinkBatch &messages, int ignored)
             at->nlmsg_seq = ++sequence_;
             last = at;
         }
-        // The kernel works a piece off in order: the last acknowledgement ends it, errors come before.
+        // The kernel processes a piece in order: the last acknowledgement comes after all errors.
         last->nlmsg_flags |= NLM_F_ACK;
         Send(piece.data(), piece.size());
-        const int answer = AwaitAcknowledgement(first, sequence_, ignored);
-        result = result != 0 ? result : answer;
+        const int error = FirstError(first, sequence_, ignored);
+        firstError = firstError != 0 ? firstError : error;
     }
-    return result;
+    if (firstError != 0) {
+        throw KernelRefusal(firstError);
+    }
 }
 
 void NetlinkSocket::Send(const void *bytes, std::size_t size)
 {
     if (mnl_socket_sendto(socket_.get(), bytes, size) < 0) {
-        ThrowLastFailure("netlink send");
+        ThrowLastErrno("netlink send");
     }
 }
 
-int NetlinkSocket::AwaitAcknowledgement(std::uint32_t first, std::uint32_t last, int ignored)
+int NetlinkSocket::FirstError(std::uint32_t first, std::uint32_t last, int ignored)
 {
-    int result = 0;
+    int firstError = 0;
     for (;;) {
         int left = static_cast<int>(Receive());
         for (auto *at = reinterpret_cast<nlmsghdr *>(received_.data()); mnl_nlmsg_ok(at, left);
@@ -164,12 +177,12 @@ int NetlinkSocket::AwaitAcknowledgement(std::uint32_t first, std::uint32_t last,
             if (at->nlmsg_type != NLMSG_ERROR || at->nlmsg_seq - first > last - first) {
                 continue;
             }
-            const int error = static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(at))->error;
-            if (result == 0 && error != ignored) {
-                result = error;
+            const int error = -static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(at))->error;
+            if (firstError == 0 && error != ignored) {
+                firstError = error;
             }
             if (at->nlmsg_seq == last) {
-                return result;
+                return firstError;
             }
         }
     }
@@ -183,7 +196,7 @@ std::size_t NetlinkSocket::Receive()
             return static_cast<std::size_t>(size);
         }
         if (errno != EINTR) {
-            ThrowLastFailure("netlink receive");
+            ThrowLastErrno("netlink receive");
         }
     }
 }
@@ -195,22 +208,10 @@ ifreq InterfaceRequest(const std::string &name)
     return request;
 }
 
-int WithNetlink(std::uint32_t vpnId, const std::function<int(NetlinkSocket &)> &work)
+// One socket per VPN, without a limit: opening one costs more than a request.
+RouteSockets::RouteSockets(const Namespaces &namespaces)
+    : namespaces_(namespaces), sockets_(namespaces, std::numeric_limits<std::size_t>::max())
 {
-    return WithoutExceptions([&] {
-        NetlinkSocket &socket = OpenSockets().Of(vpnId);
-        try {
-            return work(socket);
-        } catch (...) {
-            OpenSockets().Drop(vpnId);
-            throw;
-        }
-    });
-}
-
-void CloseStaleNetlink()
-{
-    OpenSockets().DropStale();
 }
 
 } // namespace kavel::agent

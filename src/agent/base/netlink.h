@@ -11,7 +11,10 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
+
+#include "base/per_namespace.h"
 
 namespace kavel::agent {
 
@@ -56,23 +59,37 @@ class NetlinkBatch {
     std::size_t inLast_ = 0;
 };
 
-// Kernel answers come back as results, 0 or a negated errno. A socket that fails throws std::system_error and is not to
-// be used again.
+// The kernel refused a request. The socket that carried it stays usable.
+class KernelRefusal : public std::system_error {
+  public:
+    // `error` is a positive errno.
+    explicit KernelRefusal(int error) : system_error(error, std::system_category(), "netlink") {}
+};
+
+// A request that the kernel refuses throws KernelRefusal. A socket that fails throws another std::system_error and must
+// not be used again.
 class NetlinkSocket {
   public:
     // In the calling thread's namespace.
     NetlinkSocket();
 
-    int Request(NetlinkMessage &message);
+    void Request(NetlinkMessage &message);
+    // The same, where the kernel's error `expected`, a positive errno, is no failure. Whether there was none at all.
+    [[nodiscard]] bool RequestUnless(int expected, NetlinkMessage &message);
 
     // Calls `take` for every message of the answer.
-    int Dump(NetlinkMessage &message, const std::function<void(const nlmsghdr &)> &take);
+    void Dump(NetlinkMessage &message, const std::function<void(const nlmsghdr &)> &take);
 
-    // Messages with NLM_F_REQUEST set. The first error among them that is not `ignored`.
-    int RequestAll(NetlinkBatch &messages, int ignored);
+    // Sends messages with NLM_F_REQUEST set. Throws the first error among their answers that is not `ignored`, a
+    // positive errno; all messages are sent.
+    void RequestAll(NetlinkBatch &messages, int ignored);
 
-    // The index of an interface of the namespace, or a negated errno.
-    int InterfaceIndex(const std::string &name);
+    // The index of an interface of the namespace, read once per request. Throws KernelRefusal, with ENODEV when there
+    // is no such interface.
+    [[nodiscard]] int InterfaceIndex(const std::string &name);
+
+    // The number of the request that is handled; see Namespaces.
+    void BeginRequest(std::uint64_t request);
 
     // Any socket of a namespace answers the interface ioctls for it.
     [[nodiscard]] int Fd() const { return mnl_socket_get_fd(socket_.get()); }
@@ -83,29 +100,52 @@ class NetlinkSocket {
     };
 
     void Send(const void *bytes, std::size_t size);
-    // Reads on until `last` is acknowledged.
-    int AwaitAcknowledgement(std::uint32_t first, std::uint32_t last, int ignored);
+    // Reads until `last` is acknowledged. The first error that is not `ignored`, as a positive errno; 0 for none.
+    [[nodiscard]] int FirstError(std::uint32_t first, std::uint32_t last, int ignored);
     std::size_t Receive();
 
     std::unique_ptr<mnl_socket, Close> socket_;
     std::uint32_t sequence_ = 0;
+    std::uint64_t request_ = 0;
     struct {
-        std::uint64_t round = 0;
         std::string name;
-        int index = 0;
-    } lastInterface_; // thousands of routes in a row go through the same
+        int index = 0; // 0: none is cached
+    } lastInterface_;  // thousands of routes in a row use the same one
     std::vector<char> received_;
 };
 
-// What an interface ioctl asks for.
-ifreq InterfaceRequest(const std::string &name);
+// The argument of an interface ioctl.
+[[nodiscard]] ifreq InterfaceRequest(const std::string &name);
 
-// Runs `work` with the VPN's socket. The failures of opening or using it come back as a negated errno; the next call
-// opens another.
-int WithNetlink(std::uint32_t vpnId, const std::function<int(NetlinkSocket &)> &work);
+// The sockets of all VPNs.
+class RouteSockets {
+  public:
+    explicit RouteSockets(const Namespaces &namespaces);
 
-// Closes the sockets whose VPN has another namespace now, or none: an open one would keep the old namespace alive.
-void CloseStaleNetlink();
+    // Runs `work` with the VPN's socket, and returns its result. Throws what `work` throws, and std::system_error when
+    // the socket cannot be opened. After a failure of the socket the next call opens another.
+    template <typename Work>
+    auto With(std::uint32_t vpnId, Work work)
+    {
+        NetlinkSocket &socket = sockets_.Of(vpnId);
+        socket.BeginRequest(namespaces_.CurrentRequest());
+        try {
+            return work(socket);
+        } catch (const KernelRefusal &) {
+            throw;
+        } catch (...) {
+            sockets_.Drop(vpnId);
+            throw;
+        }
+    }
+
+    // Closes the sockets whose VPN has another namespace now, or none: an open one would keep the old namespace alive.
+    void CloseStale() { sockets_.DropStale(); }
+
+  private:
+    const Namespaces &namespaces_;
+    PerNamespace<NetlinkSocket> sockets_;
+};
 
 } // namespace kavel::agent
 

@@ -21,31 +21,45 @@ struct NamespaceId {
     bool operator==(const NamespaceId &) const = default;
 };
 
-// Keeps a handle of the calling thread's namespace as the box's own. Once, at start.
-void RememberOwnNamespace();
+// The path of the VPN's namespace below /run/netns.
+[[nodiscard]] std::string NamespacePath(const Vpn &vpn);
 
-std::string NamespacePath(const Vpn &vpn);
+// The namespace of a process; nothing when the process has ended.
+[[nodiscard]] std::optional<NamespaceId> NamespaceOfProcess(pid_t pid);
 
-// The identity of the VPN's namespace; nothing when the VPN or its namespace does not exist.
-std::optional<NamespaceId> NamespaceOfVpn(std::uint32_t vpnId);
+class Namespaces {
+  public:
+    // Keeps the calling thread's namespace as the box's own. `config` must outlive this object. Throws
+    // std::system_error.
+    explicit Namespaces(const Config &config);
 
-// What changes rarely, and is asked for with every route, is looked at once a round, which is as long as one request
-// takes: a namespace or an interface that is replaced meanwhile is seen by the next.
-std::uint64_t CurrentRound();
-void BeginRound();
+    // The identity of the VPN's namespace; nothing when the VPN or its namespace does not exist.
+    [[nodiscard]] std::optional<NamespaceId> IdOf(std::uint32_t vpnId) const;
 
-std::optional<NamespaceId> NamespaceOfProcess(pid_t pid);
+    // A handle of the VPN's namespace. Throws std::system_error.
+    [[nodiscard]] UniqueFd Open(std::uint32_t vpnId) const;
 
-// Keeps the calling thread in the VPN's namespace for a scope. Throws std::system_error when it cannot enter; a thread
-// that cannot come back ends the process.
+    // Counts requests. What rarely changes and is needed for every route (the namespace of a VPN, the index of an
+    // interface) is read once per request: a change during a request is seen by the next request.
+    [[nodiscard]] std::uint64_t CurrentRequest() const { return request_; }
+    void BeginRequest() { ++request_; }
+
+  private:
+    const Config &config_;
+    UniqueFd own_;
+    std::uint64_t request_ = 1;
+};
+
+// Moves the calling thread into the VPN's namespace for a scope. The constructor throws std::system_error when the
+// namespace cannot be entered. A thread that cannot return aborts the process: it would work in the wrong namespace.
 class NamespaceSwitch {
   public:
-    explicit NamespaceSwitch(std::uint32_t vpnId);
+    NamespaceSwitch(const Namespaces &namespaces, std::uint32_t vpnId);
     NamespaceSwitch(const NamespaceSwitch &) = delete;
     NamespaceSwitch &operator=(const NamespaceSwitch &) = delete;
     ~NamespaceSwitch();
 
-    // Leaves the thread where it is and gives the handle of where it came from.
+    // Leaves the thread in the VPN's namespace. Returns the handle of the namespace that it came from.
     [[nodiscard]] UniqueFd Stay();
 
   private:

@@ -2,11 +2,11 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <string_view>
 
 #include "number.h"
 
@@ -17,23 +17,13 @@ namespace {
 constexpr std::size_t kStartTimeField = 19;
 constexpr std::string_view kGoneStates = "ZXx";
 
-// Empty when there is nothing to read. A process that ends meanwhile makes the read itself fail.
+// The file's content; empty when it cannot be read, which also happens when the process ends during the read.
 std::string ReadAll(const std::string &path)
 {
     const std::ifstream file(path, std::ios::binary);
     std::ostringstream content;
-    content << file.rdbuf(); // turns a failed read into an empty text where an iterator would throw
+    content << file.rdbuf(); // a failed read gives an empty text; an iterator would throw
     return content.str();
-}
-
-std::vector<std::string> SplitArguments(const std::string &commandLine)
-{
-    std::vector<std::string> arguments;
-    std::istringstream stream(commandLine);
-    for (std::string argument; std::getline(stream, argument, '\0');) {
-        arguments.push_back(argument);
-    }
-    return arguments;
 }
 
 std::uint64_t BoxUptimeSeconds()
@@ -51,8 +41,8 @@ std::uint64_t ResidentBytes(const std::string &directory)
     return resident * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
 }
 
-// The name may hold blanks and parentheses: the fields are counted from its last one.
-void TakeStat(Process &process, const std::string &stat)
+// The name may contain blanks and parentheses: the fields start after the last parenthesis.
+void ParseStat(Process &process, const std::string &stat)
 {
     const std::size_t open = stat.find('(');
     const std::size_t close = stat.rfind(')');
@@ -74,17 +64,6 @@ void TakeStat(Process &process, const std::string &stat)
 
 } // namespace
 
-bool Process::HasArgument(std::string_view argument) const
-{
-    return std::ranges::find(arguments, argument) != arguments.end();
-}
-
-bool Process::Mentions(std::string_view text) const
-{
-    return std::ranges::any_of(arguments,
-                               [&](const std::string &argument) { return argument.find(text) != std::string::npos; });
-}
-
 Process InspectProcess(pid_t pid)
 {
     Process process;
@@ -92,13 +71,13 @@ Process InspectProcess(pid_t pid)
         return process;
     }
     const std::string directory = "/proc/" + std::to_string(pid);
-    TakeStat(process, ReadAll(directory + "/stat"));
+    ParseStat(process, ReadAll(directory + "/stat"));
     if (!process.alive) {
         return process;
     }
     std::error_code ignored;
     process.executable = std::filesystem::read_symlink(directory + "/exe", ignored).string();
-    process.arguments = SplitArguments(ReadCommandLine(pid));
+    process.commandLine = ReadCommandLine(pid);
     process.memoryBytes = ResidentBytes(directory);
     return process;
 }

@@ -1,4 +1,4 @@
-// What /proc tells about a process.
+// Reads processes from /proc.
 #ifndef KAVEL_AGENT_PROCFS_H
 #define KAVEL_AGENT_PROCFS_H
 
@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace kavel::agent {
@@ -15,22 +14,19 @@ struct Process {
     bool alive = false; // it exists and is no zombie
     std::string name;   // as the kernel keeps it, 15 characters at most
     std::string executable;
-    std::vector<std::string> arguments;
+    std::string commandLine; // as the kernel keeps it: each argument with its terminator
     std::uint64_t uptimeSeconds = 0;
     std::uint64_t memoryBytes = 0; // resident
-
-    [[nodiscard]] bool HasArgument(std::string_view argument) const;
-    // In any of the arguments.
-    [[nodiscard]] bool Mentions(std::string_view text) const;
 };
 
-Process InspectProcess(pid_t pid);
+// The process with this pid; one that is not alive when there is none.
+[[nodiscard]] Process InspectProcess(pid_t pid);
 
 // The arguments as the kernel keeps them, each with its terminator. Empty for a zombie.
-std::string ReadCommandLine(pid_t pid);
+[[nodiscard]] std::string ReadCommandLine(pid_t pid);
 
-// Every process id there is.
-std::vector<pid_t> AllProcesses();
+// The ids of all processes.
+[[nodiscard]] std::vector<pid_t> AllProcesses();
 
 } // namespace kavel::agent
 

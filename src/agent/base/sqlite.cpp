@@ -108,13 +108,13 @@ void Statement::Run::Check(int code) const
     CheckCode(sqlite3_db_handle(statement_), code);
 }
 
-Database::Database(const std::string &path, int patienceMs)
+Database::Database(const std::string &path, int timeoutMs)
 {
     sqlite3 *database = nullptr;
     const int code = sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_EXRESCODE, nullptr);
     database_.reset(database); // also when it failed
     CheckCode(database, code);
-    CheckCode(database, sqlite3_busy_timeout(database, patienceMs));
+    CheckCode(database, sqlite3_busy_timeout(database, timeoutMs));
 }
 
 bool Database::IsReadOnly() const

@@ -1,4 +1,4 @@
-// SQLite by scope. What fails throws a StoreError with the errno that fits and the library's own message.
+// SQLite handles released by scope. Failures throw StoreError with a fitting errno and the library's message.
 #ifndef KAVEL_AGENT_SQLITE_H
 #define KAVEL_AGENT_SQLITE_H
 
@@ -13,7 +13,7 @@
 
 namespace kavel::agent {
 
-// A failure whose text stands by itself, without that of the errno.
+// Its text does not contain that of the errno.
 class StoreError : public std::system_error {
   public:
     StoreError(int error, std::string text) : system_error(error, std::system_category()), text_(std::move(text)) {}
@@ -28,7 +28,7 @@ class Statement {
   public:
     Statement(sqlite3 *database, const std::string &text);
 
-    // One execution with these values; over at the end of the scope.
+    // One execution with these values. The destructor resets the statement.
     class Run {
       public:
         explicit Run(const Statement &statement) : statement_(statement.statement_.get()) {}
@@ -61,9 +61,9 @@ class Statement {
 
 class Database {
   public:
-    // Opens the file at `path`, which must exist; read-only where it cannot be written. Waits for `patienceMs` where
-    // another program has locked it.
-    Database(const std::string &path, int patienceMs);
+    // Opens the file at `path`, which must exist; read-only where it cannot be written. Waits up to
+    // `timeoutMs` while another program has locked it.
+    Database(const std::string &path, int timeoutMs);
 
     [[nodiscard]] sqlite3 *Get() const { return database_.get(); }
     [[nodiscard]] bool IsReadOnly() const;

@@ -1,8 +1,7 @@
-// One large object in pages of its own. They are zero until they are written, and take memory only then.
+// One large object in pages of its own. The pages are zero until they are written, and take memory only then.
 //
-// The allocator would not do: once it has seen an object of this size released, it serves the next one from recycled
-// memory that it has to clear, so that every byte is paid for. Neither would huge pages, one of which outweighs what an
-// ordinary record holds.
+// calloc is no replacement: once an object of this size was freed, it reuses that memory and has to clear it, so that
+// every page is written. Huge pages are no replacement either: one is larger than the content of an ordinary record.
 #ifndef KAVEL_AGENT_ZEROED_PAGES_H
 #define KAVEL_AGENT_ZEROED_PAGES_H
 
@@ -37,7 +36,7 @@ ZeroedPages<T> MapZeroed()
     return ZeroedPages<T>(static_cast<T *>(pages));
 }
 
-// Makes it zero again, and gives back what it took.
+// Makes the object zero again, and returns its memory to the system.
 template <typename T>
 void ClearPages(T &object)
 {

@@ -2,10 +2,9 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -15,27 +14,17 @@
 
 #include "base/failure.h"
 #include "base/log.h"
-#include "base/netns.h"
-#include "unique_fd.h"
 
 namespace kavel::agent {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr std::uint16_t kDnsPort = 53;
 constexpr std::size_t kHeaderSize = 12;
 constexpr std::uint8_t kResponseFlag = 0x80;
 
-// CHAOS TXT cachesize.bind: answered by dnsmasq itself, never passed on. The id goes into the first two bytes.
+// CHAOS TXT cachesize.bind: dnsmasq answers it itself and never forwards it. The id is in the first two bytes.
 constexpr std::array<std::uint8_t, 32> kQuery{0,   0,   0,   0,   0,   1,   0, 0,   0,   0,   0,   0, 9, 'c', 'a', 'c',
                                               'h', 'e', 's', 'i', 'z', 'e', 4, 'b', 'i', 'n', 'd', 0, 0, 16,  0,   3};
-
-struct Probe {
-    std::uint32_t vpnId;
-    std::uint16_t queryId;
-    UniqueFd socket;
-};
 
 std::array<std::uint8_t, kQuery.size()> QueryWithId(std::uint16_t id)
 {
@@ -45,96 +34,82 @@ std::array<std::uint8_t, kQuery.size()> QueryWithId(std::uint16_t id)
     return query;
 }
 
-UniqueFd OpenSocketIn(std::uint32_t vpnId)
+// Connected, so that a closed port is reported at once.
+UniqueFd SendQuery(const Namespaces &namespaces, std::uint32_t vpnId, std::uint16_t queryId)
 {
-    const NamespaceSwitch inside(vpnId);
+    const NamespaceSwitch inside(namespaces, vpnId);
     UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!socket) {
-        ThrowLastFailure("socket");
-    }
-    return socket;
-}
-
-// Connected, so that a closed port is told at once instead of by silence.
-bool Ask(const Probe &probe)
-{
     sockaddr_in server{};
     server.sin_family = AF_INET;
     server.sin_port = htons(kDnsPort);
     server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const auto query = QueryWithId(probe.queryId);
-    return ::connect(probe.socket.Get(), reinterpret_cast<const sockaddr *>(&server), sizeof server) == 0 &&
-           ::send(probe.socket.Get(), query.data(), query.size(), 0) == static_cast<ssize_t>(query.size());
-}
-
-std::vector<Probe> AskAll(const std::vector<std::uint32_t> &vpnIds)
-{
-    std::random_device random;
-    std::vector<Probe> asked;
-    for (const std::uint32_t vpnId : vpnIds) {
-        try {
-            Probe probe{vpnId, static_cast<std::uint16_t>(random()), OpenSocketIn(vpnId)};
-            if (Ask(probe)) {
-                asked.push_back(std::move(probe));
-            }
-        } catch (const std::system_error &failure) {
-            Log(LogLevel::kDebug, "vpn %u: cannot ask its instance: %s", vpnId, failure.what());
-        }
+    const auto query = QueryWithId(queryId);
+    if (!socket || ::connect(socket.Get(), reinterpret_cast<const sockaddr *>(&server), sizeof server) != 0 ||
+        ::send(socket.Get(), query.data(), query.size(), 0) < 0) {
+        ThrowLastErrno("DNS query");
     }
-    return asked;
+    return socket;
 }
 
 enum class Verdict { kAnswered, kRefused, kPending };
 
-// Reads all that has come: a stray packet may stand before the answer.
-Verdict ReadAnswer(const Probe &probe)
+// Reads every packet that has come: a stray one may precede the answer.
+Verdict ReadPackets(const UniqueFd &socket, std::uint16_t queryId)
 {
     for (;;) {
         std::array<std::uint8_t, 512> answer{};
-        const ssize_t size = ::recv(probe.socket.Get(), answer.data(), answer.size(), 0);
+        const ssize_t size = ::recv(socket.Get(), answer.data(), answer.size(), 0);
         if (size < 0) {
             return errno == EAGAIN || errno == EINTR ? Verdict::kPending : Verdict::kRefused;
         }
-        const bool ours = static_cast<std::size_t>(size) >= kHeaderSize && answer[0] == probe.queryId >> 8U &&
-                          answer[1] == (probe.queryId & 0xFFU) && (answer[2] & kResponseFlag) != 0;
-        if (ours) {
+        const bool isOurs = static_cast<std::size_t>(size) >= kHeaderSize && answer[0] == queryId >> 8U &&
+                            answer[1] == (queryId & 0xFFU) && (answer[2] & kResponseFlag) != 0;
+        if (isOurs) {
             return Verdict::kAnswered;
         }
     }
 }
 
-// Waits until one of them has something to read. False once the deadline has passed.
-bool Await(std::vector<pollfd> &watched, Clock::time_point deadline)
-{
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left > 0 && ::poll(watched.data(), watched.size(), static_cast<int>(left)) > 0;
-}
-
 } // namespace
 
-std::set<std::uint32_t> AnsweringVpns(const std::vector<std::uint32_t> &vpnIds, std::chrono::milliseconds patience)
+DnsProbe::DnsProbe(EventLoop &loop, const Namespaces &namespaces, const std::vector<std::uint32_t> &vpnIds,
+                   std::chrono::milliseconds timeout, OnEnd onEnd)
+    : onEnd_(std::move(onEnd)), timer_(loop.AddTimer([this] { onEnd_(answering_); }))
 {
-    std::set<std::uint32_t> answering;
-    std::vector<Probe> asked = AskAll(vpnIds);
-    const auto deadline = Clock::now() + patience;
-    while (!asked.empty()) {
-        std::vector<pollfd> watched;
-        watched.reserve(asked.size());
-        for (const Probe &probe : asked) {
-            watched.push_back({probe.socket.Get(), POLLIN, 0});
+    std::random_device random;
+    for (const std::uint32_t vpnId : vpnIds) {
+        try {
+            Ask(loop, namespaces, vpnId, static_cast<std::uint16_t>(random()));
+        } catch (const std::system_error &failure) {
+            Log(LogLevel::kDebug, "vpn %u: cannot ask its instance: %s", vpnId, failure.what());
         }
-        if (!Await(watched, deadline)) {
-            break;
-        }
-        std::erase_if(asked, [&](const Probe &probe) {
-            const Verdict verdict = ReadAnswer(probe);
-            if (verdict == Verdict::kAnswered) {
-                answering.insert(probe.vpnId);
-            }
-            return verdict != Verdict::kPending;
-        });
     }
-    return answering;
+    timer_.ArmTimer(EventLoop::Clock::now() + (pending_.empty() ? std::chrono::milliseconds(0) : timeout));
+}
+
+void DnsProbe::Ask(EventLoop &loop, const Namespaces &namespaces, std::uint32_t vpnId, std::uint16_t queryId)
+{
+    UniqueFd socket = SendQuery(namespaces, vpnId, queryId);
+    const int fd = socket.Get();
+    EventSource source =
+        loop.AddIo(fd, EPOLLIN, Priority::kPeer, [this, vpnId](std::uint32_t /*events*/) { ReadAnswer(vpnId); });
+    pending_.insert_or_assign(vpnId, Question{queryId, std::move(socket), std::move(source)});
+}
+
+void DnsProbe::ReadAnswer(std::uint32_t vpnId)
+{
+    const auto question = pending_.find(vpnId);
+    const Verdict verdict = ReadPackets(question->second.socket, question->second.queryId);
+    if (verdict == Verdict::kPending) {
+        return;
+    }
+    if (verdict == Verdict::kAnswered) {
+        answering_.insert(vpnId);
+    }
+    pending_.erase(question);
+    if (pending_.empty()) {
+        timer_.ArmTimer(EventLoop::Clock::now());
+    }
 }
 
 } // namespace kavel::agent

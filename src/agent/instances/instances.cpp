@@ -7,26 +7,23 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string_view>
 
 #include "base/failure.h"
 #include "base/files.h"
+#include "base/instance_process.h"
 #include "base/log.h"
-#include "number.h"
+#include "base/procfs.h"
 #include "unique_fd.h"
-#include "vqFile.h"
 
 namespace kavel::agent {
 namespace {
 
 constexpr const char *kRoot = "/etc/kavel/dnsmasq";
-constexpr std::string_view kTag = "kvl_dns_vpn_";
-constexpr const char *kPidFileOption = "--pid-file=";
-constexpr const char *kStateDirectory = "/run/kavel"; // made for the lock of the agent
+constexpr const char *kStateDirectory = "/run/kavel"; // created with the agent's lock
 
-// As many bytes as the module reads of a pid file.
+// The module reads as many bytes of a pid file.
 constexpr std::size_t kPidTextSize = 32;
 
 constexpr std::array<std::string_view, 6> kInstanceFiles{"hosts",       "resolv.conf",    "dnsmasq.conf",
@@ -43,28 +40,16 @@ std::string MeantPath(std::uint32_t vpnId)
     return std::string(kStateDirectory) + "/vpn_" + std::to_string(vpnId) + ".meant";
 }
 
-// What the paths of all pid files begin with.
-std::string PidFileStem()
-{
-    return std::string(kPidDirectory) + "/" + std::string(kTag);
-}
-
-std::string PidFileArgument(std::uint32_t vpnId)
-{
-    return kPidFileOption + PidFilePath(vpnId);
-}
-
-int CreateBoxFiles()
+void CreateBoxFiles()
 {
     const std::string root = kRoot;
     for (const char *name : {"/hosts", "/resolv.conf"}) {
-        const int created = VQ_CreateFilePath((root + name).c_str());
-        if (created < 0) {
-            return created;
-        }
+        CreateFile(root + name);
     }
     const std::string config = root + "/dnsmasq.conf";
-    return ::access(config.c_str(), F_OK) == 0 ? 0 : ReplaceFile(config, kBoxConfig);
+    if (::access(config.c_str(), F_OK) != 0) {
+        ReplaceFile(config, kBoxConfig);
+    }
 }
 
 void CleanDirectory(const std::filesystem::path &directory)
@@ -80,17 +65,10 @@ std::string InstanceDirectory(std::uint32_t vpnId)
     return vpnId == 0 ? kRoot : std::string(kRoot) + "/vpn_" + std::to_string(vpnId);
 }
 
-std::string PidFilePath(std::uint32_t vpnId)
+void CreateBoxDirectory()
 {
-    return PidFileStem() + std::to_string(vpnId) + ".pid";
-}
-
-int WriteBoxDirectory()
-{
-    return WithoutExceptions([] {
-        std::filesystem::create_directories(std::string(kRoot) + "/dnsmasq.d");
-        return CreateBoxFiles();
-    });
+    std::filesystem::create_directories(std::string(kRoot) + "/dnsmasq.d");
+    CreateBoxFiles();
 }
 
 void RemoveLeftoversOfInstances()
@@ -104,17 +82,6 @@ void RemoveLeftoversOfInstances()
     }
 }
 
-std::optional<std::uint32_t> VpnOfPidFile(std::string_view name)
-{
-    constexpr std::string_view kEnding = ".pid";
-    if (!name.starts_with(kTag) || !name.ends_with(kEnding)) {
-        return std::nullopt;
-    }
-    name.remove_prefix(kTag.size());
-    name.remove_suffix(kEnding.size());
-    return control::WholeNumber<std::uint32_t>(name);
-}
-
 PidFile ReadPidFile(std::uint32_t vpnId)
 {
     PidFile file;
@@ -125,22 +92,11 @@ PidFile ReadPidFile(std::uint32_t vpnId)
     file.exists = true;
     std::array<char, kPidTextSize + 1> text{};
     const ssize_t size = ::read(handle.Get(), text.data(), kPidTextSize);
-    file.empty = size <= 0;
-    if (!file.empty) {
+    file.isEmpty = size <= 0;
+    if (!file.isEmpty) {
         file.pid = static_cast<pid_t>(std::strtol(text.data(), nullptr, 10));
     }
     return file;
-}
-
-bool IsDnsmasq(const Process &process)
-{
-    return process.alive &&
-           (process.name == "dnsmasq" || std::filesystem::path(process.executable).filename() == "dnsmasq");
-}
-
-bool IsInstanceOf(const Process &process, std::uint32_t vpnId)
-{
-    return IsDnsmasq(process) && process.HasArgument(PidFileArgument(vpnId));
 }
 
 bool IsRunning(std::uint32_t vpnId)
@@ -148,29 +104,34 @@ bool IsRunning(std::uint32_t vpnId)
     return IsInstanceOf(InspectProcess(ReadPidFile(vpnId).pid), vpnId);
 }
 
-bool MeantToRun(std::uint32_t vpnId)
+bool IsMeantToRun(std::uint32_t vpnId)
 {
     return ::access(MeantPath(vpnId).c_str(), F_OK) == 0;
 }
 
-void SetMeantToRun(std::uint32_t vpnId, bool meant)
+void SetMeantToRun(std::uint32_t vpnId, bool isMeant)
 {
     const std::string path = MeantPath(vpnId);
-    const int kept = meant ? VQ_CreateFilePath(path.c_str()) : (::unlink(path.c_str()) == 0 ? 0 : LastFailure());
-    if (kept < 0 && kept != -ENOENT) {
-        Log(LogLevel::kWarning, "vpn %u: %s: %s", vpnId, path.c_str(), std::strerror(-kept));
+    try {
+        if (isMeant) {
+            CreateFile(path);
+        } else if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+            ThrowLastErrno(path);
+        }
+    } catch (const std::system_error &failure) {
+        Log(LogLevel::kWarning, "vpn %u: %s", vpnId, failure.what());
     }
 }
 
-std::optional<std::string> ReloadHazard(std::uint32_t vpnId)
+std::optional<std::string> ReloadObjection(std::uint32_t vpnId)
 {
     const PidFile file = ReadPidFile(vpnId);
-    if (!file.exists || file.empty) {
+    if (!file.exists || file.isEmpty) {
         return std::nullopt;
     }
     const std::string subject = "pid file " + PidFilePath(vpnId);
     if (file.pid <= 0) {
-        return subject + " holds " + std::to_string(file.pid) + ", which is no process";
+        return subject + " holds " + std::to_string(file.pid) + ", which is not a process id";
     }
     const Process process = InspectProcess(file.pid);
     if (!process.alive || IsInstanceOf(process, vpnId)) {
@@ -178,20 +139,6 @@ std::optional<std::string> ReloadHazard(std::uint32_t vpnId)
     }
     return subject + " names process " + std::to_string(file.pid) + " (" + process.name +
            "), which is not this VPN's dnsmasq";
-}
-
-std::set<std::uint32_t> VpnsWithProcesses()
-{
-    const std::string stem = kPidFileOption + PidFileStem();
-    std::set<std::uint32_t> found;
-    for (const pid_t pid : AllProcesses()) {
-        const std::string commandLine = ReadCommandLine(pid);
-        const std::size_t at = commandLine.find(stem);
-        if (at != std::string::npos) {
-            found.insert(static_cast<std::uint32_t>(std::strtoul(commandLine.c_str() + at + stem.size(), nullptr, 10)));
-        }
-    }
-    return found;
 }
 
 } // namespace kavel::agent

@@ -4,9 +4,7 @@
 #include <cstdint>
 #include <set>
 #include <system_error>
-#include <vector>
 
-#include "base/config.h"
 #include "base/log.h"
 #include "instances/instances.h"
 #include "services/rules_nftables.h"
@@ -15,58 +13,57 @@
 namespace kavel::agent {
 namespace {
 
-// All are launched by the time that the wait begins: it is for the last of them.
-constexpr std::chrono::milliseconds kStartPatience{10000};
+// All instances are launched before the wait begins: this is the time for the last of them.
+constexpr std::chrono::milliseconds kRecoveryTimeout{10000};
 
-std::vector<StoredRecord> ReadableRecords()
+bool HasNoRule(Host &host, std::uint32_t vpnId)
 {
     try {
-        std::vector<StoredRecord> records = ReadStored();
-        std::erase_if(records, [](const StoredRecord &record) {
-            return !record.problem.empty() || !ActiveConfig().Serves(record.vpn);
-        });
-        return records;
-    } catch (const std::system_error &) {
-        return {}; // the module's own attempt to read them has been logged
+        const InstalledRules rules = FindInstalledRules(host, vpnId);
+        return !rules.dns && !rules.dnat;
+    } catch (const std::system_error &failure) {
+        Log(LogLevel::kWarning, "vpn %u: its rules cannot be read: %s", vpnId, failure.what());
+        return false;
     }
 }
 
-// Without its rule the module does not stop an instance: one that failed to go may still lead queries there. Where the
-// kernel knows of none, an agent died between the launch and the rule of a message that was never confirmed.
-void StopUnsteered(const Module &module, std::uint32_t vpnId)
+// An instance whose record is switched off and that has no steering rule was launched by a message that was never
+// confirmed: the agent died between the launch and the rule. With a rule it stays: the module could not remove the
+// rule, and queries may still be steered to the instance.
+void StopUnconfirmed(Host &host, const Module &module, std::uint32_t vpnId)
 {
-    if (!IsRunning(vpnId)) {
-        return;
-    }
-    const auto rules = FindInstalledRules(vpnId);
-    if (rules && !rules->dns && !rules->dnat) {
-        Log(LogLevel::kNotice, "vpn %u: stored as switched off, and no rule leads to its instance: it is stopped",
+    if (IsRunning(vpnId) && HasNoRule(host, vpnId)) {
+        Log(LogLevel::kNotice, "vpn %u: stopping its instance: it is stored as switched off and has no steering rule",
             vpnId);
-        (void)module.stopInstance(vpnId); // its failure is logged
+        (void)module.stopInstance(vpnId); // the module logs a failure
     }
 }
 
 } // namespace
 
-void RecoverStored(const Module &module, Launches &launches)
+bool RecoverStored(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches)
 {
-    ModuleErrors().Clear();
-    (void)module.recover(); // succeeds always
-    const std::vector<StoredRecord> records = ReadableRecords();
+    host.moduleErrors.Clear();
+    (void)module.recover(); // always succeeds
     std::set<std::uint32_t> enabled;
-    for (const StoredRecord &record : records) {
+    for (const StoredRecord &record : host.store.Listed()) {
         SetMeantToRun(record.vpn, record.enable);
         if (record.enable) {
             enabled.insert(record.vpn);
         } else {
-            StopUnsteered(module, record.vpn);
+            StopUnconfirmed(host, module, record.vpn);
         }
     }
-    const auto failed = AwaitStarts(launches, enabled, kStartPatience);
-    for (const std::uint32_t vpnId : failed) {
+    const auto failed = RunUntilLaunched(loop, launches, enabled, kRecoveryTimeout);
+    if (!failed) {
+        return false;
+    }
+    for (const std::uint32_t vpnId : *failed) {
         Log(LogLevel::kError, "vpn %u: its instance did not come up again", vpnId);
     }
-    Log(LogLevel::kNotice, "recovered: %zu stored, %zu running", records.size(), enabled.size() - failed.size());
+    Log(LogLevel::kNotice, "recovered: %zu stored, %zu running", host.store.Listed().size(),
+        enabled.size() - failed->size());
+    return true;
 }
 
 } // namespace kavel::agent

@@ -1,14 +1,17 @@
-// What the box does at start with what it has stored.
+// Puts the stored records into force again when the agent starts.
 #ifndef KAVEL_AGENT_RECOVERY_H
 #define KAVEL_AGENT_RECOVERY_H
 
-#include "instances/launches.h"
+#include "base/event_loop.h"
 #include "instances/module.h"
+#include "instances/pending_launches.h"
+#include "services/host.h"
 
 namespace kavel::agent {
 
-// Puts every stored record into force again, and returns once the instances are up. Failures are logged.
-void RecoverStored(const Module &module, Launches &launches);
+// Applies every stored record through the module, then runs the loop until the instances run, 10 s at most. Failures
+// are logged. False when the loop was told to exit.
+[[nodiscard]] bool RecoverStored(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches);
 
 } // namespace kavel::agent
 

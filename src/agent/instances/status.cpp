@@ -1,27 +1,19 @@
 #include "instances/status.h"
 
-#include <algorithm>
-#include <chrono>
-#include <cstring>
 #include <fstream>
-#include <iterator>
-#include <map>
-#include <set>
 #include <system_error>
 #include <utility>
 
-#include "base/config.h"
+#include "base/instance_process.h"
+#include "base/log.h"
 #include "base/netns.h"
-#include "instances/dns_probe.h"
+#include "base/procfs.h"
 #include "instances/instances.h"
 #include "services/routes_netlink.h"
 #include "services/rules_nftables.h"
-#include "services/store.h"
 
 namespace kavel::agent {
 namespace {
-
-constexpr std::chrono::milliseconds kAnswerPatience{500};
 
 std::uint32_t CountLines(const std::string &path)
 {
@@ -33,224 +25,226 @@ std::uint32_t CountLines(const std::string &path)
     return count;
 }
 
-void CountFiles(VpnStatus &status)
+VpnStatus NewStatus(std::uint32_t vpnId)
 {
-    const std::string directory = InstanceDirectory(status.vpn);
-    status.hosts = CountLines(directory + "/hosts");
-    status.mxHosts = CountLines(directory + "/dnsmasq.d/Mxhost.conf");
-    status.servers = CountLines(directory + "/resolv.conf");
-    status.forwards = CountLines(directory + "/dnsmasq.d/DnsProxy.conf");
+    VpnStatus status;
+    status.fields.vpn = vpnId;
+    status.netns = "-";
+    const std::string directory = InstanceDirectory(vpnId);
+    status.fields.hosts = CountLines(directory + "/hosts");
+    status.fields.mx_hosts = CountLines(directory + "/dnsmasq.d/Mxhost.conf");
+    status.fields.servers = CountLines(directory + "/resolv.conf");
+    status.fields.forwards = CountLines(directory + "/dnsmasq.d/DnsProxy.conf");
+    return status;
 }
 
-std::string NameOfProcess(const VpnStatus &status)
+protobuf_c_boolean Boolean(bool value)
 {
-    return "process " + std::to_string(status.pid);
+    return value ? 1 : 0;
 }
 
-std::string Stranger(const VpnStatus &status, const Process &process)
+// An optional field that is known.
+void SetKnown(protobuf_c_boolean &has, protobuf_c_boolean &field, bool value)
 {
-    const std::string text = "pid file names " + NameOfProcess(status);
-    return IsDnsmasq(process) ? text + ", which is another dnsmasq" : text + ", which is not dnsmasq";
+    has = 1;
+    field = Boolean(value);
 }
 
-// What is wrong with the pid file or with the process in it; nothing is the empty text.
-std::string ProcessProblem(const VpnStatus &status, const PidFile &file, const Process &process)
+void AddProblem(VpnStatus &status, std::optional<std::string> problem)
 {
-    if (!status.pidFile) {
-        return status.meant ? "no instance runs: it did not start, or was ended from outside" : std::string{};
-    }
-    if (file.empty || status.pid <= 0) {
-        return "pid file names no process";
-    }
-    if (!status.alive) {
-        return NameOfProcess(status) + " is gone";
-    }
-    if (!status.isDnsmasq) {
-        return Stranger(status, process);
-    }
-    if (!status.inNamespace) {
-        return "runs in another network namespace";
-    }
-    return status.meant ? std::string{} : "runs although it is switched off";
-}
-
-// The box may have a resolver of its own: an answer there is no surprise.
-std::string AnswerProblem(const VpnStatus &status)
-{
-    if (status.alive && !status.answers) {
-        return "does not answer on port 53";
-    }
-    if (!status.meant && !status.alive && status.answers && status.vpn != 0) {
-        return "something answers on port 53 although no instance is meant to run";
-    }
-    return {};
-}
-
-void AddProblem(VpnStatus &status, std::string problem)
-{
-    if (!problem.empty()) {
-        status.problems.push_back(std::move(problem));
+    if (problem) {
+        status.problems.push_back(*std::move(problem));
     }
 }
 
-void TakeProcess(VpnStatus &status, const PidFile &file, const Process &process)
+void SetProcess(Kavel__VpnStatus &status, const PidFile &file, const Process &process)
 {
-    status.pidFile = file.exists;
+    status.pid_file = Boolean(file.exists);
     status.pid = file.pid;
-    status.alive = process.alive;
-    status.isDnsmasq = IsInstanceOf(process, status.vpn);
-    status.uptimeSeconds = process.uptimeSeconds;
-    status.memoryBytes = process.memoryBytes;
+    status.alive = Boolean(process.alive);
+    status.is_dnsmasq = Boolean(IsInstanceOf(process, status.vpn));
+    status.uptime_seconds = process.uptimeSeconds;
+    status.memory_bytes = process.memoryBytes;
 }
 
-void TakeInstance(VpnStatus &status)
+void SetInstance(const Host &host, VpnStatus &status)
 {
-    const PidFile file = ReadPidFile(status.vpn);
+    Kavel__VpnStatus &fields = status.fields;
+    const PidFile file = ReadPidFile(fields.vpn);
     const Process process = InspectProcess(file.pid);
-    TakeProcess(status, file, process);
-    const auto netns = NamespaceOfVpn(status.vpn);
-    status.inNamespace = process.alive && netns && NamespaceOfProcess(file.pid) == netns;
-    AddProblem(status, ProcessProblem(status, file, process));
+    SetProcess(fields, file, process);
+    const auto netns = host.namespaces.IdOf(fields.vpn);
+    fields.in_namespace = Boolean(process.alive && netns && NamespaceOfProcess(file.pid) == netns);
+    AddProblem(status, ProcessProblem(fields, {file.isEmpty, IsDnsmasq(process)}));
 }
 
-void TakeRoutes(VpnStatus &status)
+void SetRoutes(Host &host, VpnStatus &status)
 {
-    const int routes = CountRoutes(status.vpn, kDnsRouteTable);
-    if (routes < 0) {
-        AddProblem(status, std::string("its routes cannot be read: ") + std::strerror(-routes));
-        return;
-    }
-    status.routes = static_cast<std::uint32_t>(routes);
-}
-
-std::string RuleProblem(const VpnStatus &status, bool installed, const std::string &rule)
-{
-    if (status.meant == installed) {
-        return {};
-    }
-    return installed ? rule + " is installed although the service is switched off" : rule + " is missing";
-}
-
-void TakeRules(VpnStatus &status)
-{
-    const auto rules = FindInstalledRules(status.vpn);
-    if (!rules) {
-        AddProblem(status, "its rules cannot be read");
-        return;
-    }
-    status.rule = rules->dns;
-    AddProblem(status, RuleProblem(status, rules->dns, "the steering rule"));
-    if (status.vpn == 0 && ActiveConfig().platform == Platform::kPop) {
-        status.dnat = rules->dnat;
-        AddProblem(status, RuleProblem(status, rules->dnat, "the DNAT rule"));
-    }
-}
-
-// What is stored, for every VPN that is asked about.
-struct StoredRecords {
-    bool known = false;
-    std::map<std::uint32_t, StoredRecord> records;
-    std::string problem; // why nothing is known although something should be
-};
-
-StoredRecords ReadRecords(const std::vector<std::uint32_t> &vpnIds)
-{
-    StoredRecords stored;
-    if (!ActiveConfig().persistence) {
-        return stored;
-    }
     try {
-        if (vpnIds.size() == 1) {
-            if (auto record = ReadStored(vpnIds.front())) {
-                stored.records.emplace(record->vpn, std::move(*record));
-            }
-        } else {
-            for (StoredRecord &record : ReadStored()) {
-                stored.records.emplace(record.vpn, std::move(record));
-            }
-        }
-        stored.known = true;
+        status.fields.routes = CountRoutes(host, status.fields.vpn, kDnsRouteTable);
     } catch (const std::system_error &failure) {
-        stored.problem = std::string("the store cannot be read: ") + failure.what();
+        AddProblem(status, "its routes cannot be read: " + failure.code().message());
     }
-    return stored;
 }
 
-void TakeStored(VpnStatus &status, const StoredRecords &stored)
+void SetRules(Host &host, VpnStatus &status)
 {
-    if (!stored.known) {
+    Kavel__VpnStatus &fields = status.fields;
+    try {
+        const InstalledRules rules = FindInstalledRules(host, fields.vpn);
+        SetKnown(fields.has_rule, fields.rule, rules.dns);
+        AddProblem(status, RuleProblem(fields, rules.dns, "the steering rule"));
+        if (fields.vpn == 0 && host.config.platform == Platform::kPop) {
+            SetKnown(fields.has_dnat, fields.dnat, rules.dnat);
+            AddProblem(status, RuleProblem(fields, rules.dnat, "the DNAT rule"));
+        }
+    } catch (const std::system_error &failure) {
+        Log(LogLevel::kWarning, "vpn %u: its rules cannot be read: %s", fields.vpn, failure.what());
+        AddProblem(status, "its rules cannot be read");
+    }
+}
+
+void SetStored(VpnStatus &status, const StoredRecords &stored)
+{
+    if (!stored.isKnown) {
         return;
     }
-    const auto found = stored.records.find(status.vpn);
-    status.stored = found != stored.records.end();
-    if (!*status.stored) {
+    Kavel__VpnStatus &fields = status.fields;
+    const auto found = stored.records.find(fields.vpn);
+    SetKnown(fields.has_stored, fields.stored, found != stored.records.end());
+    if (found == stored.records.end()) {
         return;
     }
     const StoredRecord &record = found->second;
-    if (!record.problem.empty()) {
-        AddProblem(status, "its stored record cannot be read: " + record.problem);
-        return;
+    if (!record.problem) {
+        SetKnown(fields.has_stored_enable, fields.stored_enable, record.enable);
     }
-    status.storedEnable = record.enable;
-    if (record.enable != status.meant) {
-        AddProblem(status, record.enable ? "stored as switched on, but not meant to run"
-                                         : "stored as switched off, but meant to run");
-    }
-}
-
-VpnStatus StatusOfVpn(std::uint32_t vpnId, bool answers, const StoredRecords &stored)
-{
-    VpnStatus status;
-    status.vpn = vpnId;
-    status.netns = vpnId == 0 ? "-" : ActiveConfig().Find(vpnId)->netns;
-    status.meant = MeantToRun(vpnId);
-    status.answers = answers;
-    CountFiles(status);
-    TakeStored(status, stored);
-    TakeInstance(status);
-    if (NamespaceOfVpn(vpnId)) {
-        TakeRoutes(status);
-        TakeRules(status);
-        AddProblem(status, AnswerProblem(status));
-    } else {
-        AddProblem(status, "namespace " + status.netns + " does not exist");
-    }
-    return status;
+    AddProblem(status, StoredProblem(fields, record));
 }
 
 VpnStatus StatusOfStray(std::uint32_t vpnId)
 {
-    VpnStatus status;
-    status.vpn = vpnId;
-    status.netns = "-";
-    CountFiles(status);
+    VpnStatus status = NewStatus(vpnId);
     const PidFile file = ReadPidFile(vpnId);
-    TakeProcess(status, file, InspectProcess(file.pid));
+    SetProcess(status.fields, file, InspectProcess(file.pid));
     AddProblem(status, "an instance runs, but the VPN is not configured");
     return status;
 }
 
 } // namespace
 
-std::vector<VpnStatus> StatusOf(const std::vector<std::uint32_t> &vpnIds)
+std::optional<std::string> ProcessProblem(const Kavel__VpnStatus &status, PidFileTraits traits)
 {
-    const std::set<std::uint32_t> answering = AnsweringVpns(vpnIds, kAnswerPatience);
-    const StoredRecords stored = ReadRecords(vpnIds);
-    std::vector<VpnStatus> all;
-    all.reserve(vpnIds.size());
-    std::ranges::transform(vpnIds, std::back_inserter(all),
-                           [&](std::uint32_t vpnId) { return StatusOfVpn(vpnId, answering.contains(vpnId), stored); });
-    if (!all.empty()) {
-        AddProblem(all.front(), stored.problem); // once is enough
+    if (status.starting != 0) {
+        return std::nullopt; // the pid file is not written yet, or is that of the instance that was ended
     }
-    return all;
+    const std::string process = "process " + std::to_string(status.pid);
+    if (status.pid_file == 0) {
+        return status.meant != 0 ? std::optional("no instance runs: it did not start, or was ended from outside")
+                                 : std::nullopt;
+    }
+    if (traits.isEmptyPidFile || status.pid <= 0) {
+        return "pid file names no process";
+    }
+    if (status.alive == 0) {
+        return process + " is gone";
+    }
+    if (status.is_dnsmasq == 0) {
+        return "pid file names " + process +
+               (traits.isOtherDnsmasq ? ", which is another dnsmasq" : ", which is not dnsmasq");
+    }
+    if (status.in_namespace == 0) {
+        return "runs in another network namespace";
+    }
+    return status.meant != 0 ? std::nullopt : std::optional("runs although it is switched off");
 }
 
-std::vector<VpnStatus> StatusOfStrays()
+// The box may have a resolver of its own, so an answer in VPN 0 is not a problem.
+std::optional<std::string> AnswerProblem(const Kavel__VpnStatus &status)
+{
+    if (status.starting != 0) {
+        return std::nullopt;
+    }
+    if (status.alive != 0 && status.answers == 0) {
+        return "does not answer on port 53";
+    }
+    if (status.meant == 0 && status.alive == 0 && status.answers != 0 && status.vpn != 0) {
+        return "something answers on port 53 although no instance is meant to run";
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> RuleProblem(const Kavel__VpnStatus &status, bool isInstalled, const std::string &rule)
+{
+    if ((status.meant != 0) == isInstalled) {
+        return std::nullopt;
+    }
+    return isInstalled ? rule + " is installed although the service is switched off" : rule + " is missing";
+}
+
+std::optional<std::string> StoredProblem(const Kavel__VpnStatus &status, const StoredRecord &record)
+{
+    if (record.problem) {
+        return "its stored record cannot be read: " + *record.problem;
+    }
+    if (record.enable == (status.meant != 0)) {
+        return std::nullopt;
+    }
+    return record.enable ? "stored as switched on, but not meant to run" : "stored as switched off, but meant to run";
+}
+
+StoredRecords ReadStoredRecords(Host &host, const std::vector<std::uint32_t> &vpnIds)
+{
+    StoredRecords stored;
+    if (!host.config.persistence) {
+        return stored;
+    }
+    try {
+        if (vpnIds.size() == 1) {
+            if (auto record = host.store.Read(vpnIds.front())) {
+                stored.records.emplace(record->vpn, *std::move(record));
+            }
+        } else {
+            for (StoredRecord &record : host.store.Read()) {
+                stored.records.emplace(record.vpn, std::move(record));
+            }
+        }
+        stored.isKnown = true;
+    } catch (const std::system_error &failure) {
+        stored.problem = std::string("the store cannot be read: ") + failure.what();
+    }
+    return stored;
+}
+
+VpnStatus StatusOfVpn(Host &host, std::uint32_t vpnId, KnownState known, const StoredRecords &stored)
+{
+    VpnStatus status = NewStatus(vpnId);
+    Kavel__VpnStatus &fields = status.fields;
+    fields.meant = Boolean(IsMeantToRun(vpnId));
+    fields.answers = Boolean(known.answers);
+    if (known.starting) {
+        SetKnown(fields.has_starting, fields.starting, true);
+    }
+    if (vpnId != 0) {
+        status.netns = host.config.Find(vpnId)->netns;
+    }
+    SetStored(status, stored);
+    SetInstance(host, status);
+    if (host.namespaces.IdOf(vpnId)) {
+        SetRoutes(host, status);
+        SetRules(host, status);
+        AddProblem(status, AnswerProblem(fields));
+    } else {
+        AddProblem(status, "namespace " + status.netns + " does not exist");
+    }
+    return status;
+}
+
+std::vector<VpnStatus> StatusOfStrays(const Config &config)
 {
     std::vector<VpnStatus> strays;
     for (const std::uint32_t vpnId : VpnsWithProcesses()) {
-        if (!ActiveConfig().Serves(vpnId)) {
+        if (!config.Serves(vpnId)) {
             strays.push_back(StatusOfStray(vpnId));
         }
     }

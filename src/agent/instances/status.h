@@ -2,44 +2,57 @@
 #ifndef KAVEL_AGENT_STATUS_H
 #define KAVEL_AGENT_STATUS_H
 
-#include <sys/types.h>
-
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "control.pb-c.h"
+#include "services/host.h"
+#include "services/store.h"
+
 namespace kavel::agent {
 
+// The fields are those of the control socket's message; its texts are the members below them.
 struct VpnStatus {
-    std::uint32_t vpn = 0;
-    std::string netns; // "-" for the box's own
-    bool meant = false;
-    bool pidFile = false;
-    pid_t pid = 0;
-    bool alive = false;
-    bool isDnsmasq = false;
-    bool inNamespace = false;
-    bool answers = false;
-    std::uint64_t uptimeSeconds = 0;
-    std::uint64_t memoryBytes = 0;
-    std::uint32_t hosts = 0;
-    std::uint32_t mxHosts = 0;
-    std::uint32_t servers = 0;
-    std::uint32_t forwards = 0;
-    std::uint32_t routes = 0;
-    std::optional<bool> stored; // nothing: not known, or persistence is switched off
-    std::optional<bool> storedEnable;
-    std::optional<bool> rule;          // nothing: not known
-    std::optional<bool> dnat;          // nothing: not known, or none belongs here
+    Kavel__VpnStatus fields = KAVEL__VPN_STATUS__INIT;
+    std::string netns;                 // "-" for the box's own
     std::vector<std::string> problems; // plain words
 };
 
-// In the order of `vpnIds`, which are configured VPNs or 0.
-std::vector<VpnStatus> StatusOf(const std::vector<std::uint32_t> &vpnIds);
+// What is stored for the VPNs whose status is asked for.
+struct StoredRecords {
+    bool isKnown = false; // false: persistence is switched off, or the store cannot be read
+    std::map<std::uint32_t, StoredRecord> records;
+    std::optional<std::string> problem; // why the store cannot be read
+};
 
-// Of the instances that run although their VPNs are not configured any more.
-std::vector<VpnStatus> StatusOfStrays();
+[[nodiscard]] StoredRecords ReadStoredRecords(Host &host, const std::vector<std::uint32_t> &vpnIds);
+
+// What is known about a VPN before the system is asked.
+struct KnownState {
+    bool starting = false;
+    bool answers = false; // to a DNS query that was sent just now
+};
+
+// The status of a configured VPN or of VPN 0.
+[[nodiscard]] VpnStatus StatusOfVpn(Host &host, std::uint32_t vpnId, KnownState known, const StoredRecords &stored);
+
+// The status of the instances that run although their VPNs are not configured.
+[[nodiscard]] std::vector<VpnStatus> StatusOfStrays(const Config &config);
+
+// The problems that follow from the fields of a status; nothing when there is none. `traits` are those of the process
+// that the pid file names.
+struct PidFileTraits {
+    bool isEmptyPidFile = false;
+    bool isOtherDnsmasq = false;
+};
+[[nodiscard]] std::optional<std::string> ProcessProblem(const Kavel__VpnStatus &status, PidFileTraits traits);
+[[nodiscard]] std::optional<std::string> AnswerProblem(const Kavel__VpnStatus &status);
+[[nodiscard]] std::optional<std::string> RuleProblem(const Kavel__VpnStatus &status, bool isInstalled,
+                                                     const std::string &rule);
+[[nodiscard]] std::optional<std::string> StoredProblem(const Kavel__VpnStatus &status, const StoredRecord &record);
 
 } // namespace kavel::agent
 

@@ -9,7 +9,6 @@
 #include <new>
 #include <utility>
 
-#include "base/config.h"
 #include "base/failure.h"
 #include "base/log.h"
 #include "base/netlink.h"
@@ -20,7 +19,7 @@ namespace {
 
 void ReleaseNodes(VQ_LIST_HEAD *list)
 {
-    // The link is a node's first member: both kinds of node go back where they came from.
+    // The link is the first member of both kinds of node: its address is the node's.
     for (VQ_LIST_HEAD *node = list->next; node != list;) {
         VQ_LIST_HEAD *next = node->next;
         std::free(node);
@@ -29,7 +28,7 @@ void ReleaseNodes(VQ_LIST_HEAD *list)
     std::free(list);
 }
 
-// A list under construction, in memory that plain C can release.
+// A list under construction, allocated with malloc: VQ_RtcNetioNodeListRelease frees it.
 class NodeList {
   public:
     NodeList() : head_(static_cast<VQ_LIST_HEAD *>(std::malloc(sizeof(VQ_LIST_HEAD))))
@@ -61,7 +60,7 @@ class NodeList {
     }
 
     // Null when nothing was appended.
-    VQ_LIST_HEAD *Give(std::uint32_t &count)
+    VQ_LIST_HEAD *Release(std::uint32_t &count)
     {
         count = count_;
         return count_ == 0 ? nullptr : std::exchange(head_, nullptr);
@@ -72,45 +71,49 @@ class NodeList {
     std::uint32_t count_ = 0;
 };
 
-VQ_LIST_HEAD *WanList(const Vpn &vpn, std::uint32_t &count)
+VQ_LIST_HEAD *WanList(Host & /*host*/, const Vpn &vpn, std::uint32_t &count)
 {
     NodeList list;
     for (const Wan &wan : vpn.wan) {
         list.Append<VQ_RTCWanListNode>().WanConf.CommConf.SysRoute = wan.sysRoute ? 1U : 0U;
     }
-    return list.Give(count);
+    return list.Release(count);
 }
 
-VQ_LIST_HEAD *LanList(const Vpn &vpn, std::uint32_t &count)
+VQ_LIST_HEAD *LanList(Host &host, const Vpn &vpn, std::uint32_t &count)
 {
     NodeList list;
     for (const std::string &name : vpn.lan) {
-        // A route through an interface that is not there would be refused.
-        const int index = InterfaceIndex(vpn.id, name);
-        if (index < 0) {
+        // A route through an interface that does not exist would be refused.
+        try {
+            (void)InterfaceIndex(host, vpn.id, name);
+        } catch (const std::system_error &failure) {
             Log(LogLevel::kWarning, "vpn %u: LAN interface \"%s\" is left out: %s", vpn.id, name.c_str(),
-                std::strerror(-index));
+                failure.code().message().c_str());
             continue;
         }
         char *target = list.Append<VQ_RTCLanListNode>().LanConf.PhyIfName;
         name.copy(target, VQ_IF_NAME_SIZE - 1);
     }
-    return list.Give(count);
+    return list.Release(count);
 }
 
-VQ_LIST_HEAD *ListOf(std::uint32_t vpnId, std::uint32_t *count, VQ_LIST_HEAD *(*build)(const Vpn &, std::uint32_t &))
+using BuildList = VQ_LIST_HEAD *(Host &host, const Vpn &vpn, std::uint32_t &count);
+
+VQ_LIST_HEAD *ListOf(std::uint32_t vpnId, std::uint32_t *count, BuildList *build)
 {
     if (count == nullptr) {
         return nullptr;
     }
     *count = 0;
-    const Vpn *vpn = ActiveConfig().Find(vpnId);
+    Host &host = Host::Current();
+    const Vpn *vpn = host.config.Find(vpnId);
     if (vpn == nullptr) {
         return nullptr;
     }
     VQ_LIST_HEAD *list = nullptr;
-    const int result = WithoutExceptions([&] {
-        list = build(*vpn, *count);
+    const std::int32_t result = ResultOf([&] {
+        list = build(host, *vpn, *count);
         return 0;
     });
     if (result < 0) {
@@ -121,23 +124,25 @@ VQ_LIST_HEAD *ListOf(std::uint32_t vpnId, std::uint32_t *count, VQ_LIST_HEAD *(*
 
 } // namespace
 
-int InterfaceIndex(std::uint32_t vpnId, const std::string &name)
+int InterfaceIndex(Host &host, std::uint32_t vpnId, const std::string &name)
 {
-    return WithNetlink(vpnId, [&](NetlinkSocket &socket) { return socket.InterfaceIndex(name); });
+    return host.routeSockets.With(vpnId, [&](NetlinkSocket &socket) { return socket.InterfaceIndex(name); });
 }
 
-int BringLoopbackUp(std::uint32_t vpnId)
+void BringLoopbackUp(Host &host, std::uint32_t vpnId)
 {
-    return WithNetlink(vpnId, [](NetlinkSocket &socket) {
+    host.routeSockets.With(vpnId, [](const NetlinkSocket &socket) {
         ifreq request = InterfaceRequest("lo");
         if (::ioctl(socket.Fd(), SIOCGIFFLAGS, &request) != 0) {
-            return LastFailure();
+            throw KernelRefusal(errno);
         }
         if ((request.ifr_flags & IFF_UP) != 0) {
-            return 0;
+            return;
         }
         request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
-        return ::ioctl(socket.Fd(), SIOCSIFFLAGS, &request) == 0 ? 0 : LastFailure();
+        if (::ioctl(socket.Fd(), SIOCSIFFLAGS, &request) != 0) {
+            throw KernelRefusal(errno);
+        }
     });
 }
 

@@ -5,13 +5,15 @@
 #include <cstdint>
 #include <string>
 
+#include "services/host.h"
+
 namespace kavel::agent {
 
-// The interface's index in the VPN's namespace, or a negated errno.
-int InterfaceIndex(std::uint32_t vpnId, const std::string &name);
+// The interface's index in the VPN's namespace. Throws std::system_error, with ENODEV when there is no such interface.
+[[nodiscard]] int InterfaceIndex(Host &host, std::uint32_t vpnId, const std::string &name);
 
-// Queries to an instance's loopback address need the interface up. 0 or a negated errno.
-int BringLoopbackUp(std::uint32_t vpnId);
+// Sets the loopback interface up: queries to an instance's loopback address need it. Throws std::system_error.
+void BringLoopbackUp(Host &host, std::uint32_t vpnId);
 
 } // namespace kavel::agent
 

@@ -15,8 +15,8 @@ constexpr int kLargeObject = 1024 * 1024;
 
 constexpr std::size_t kHugePage = std::size_t{2} * 1024 * 1024;
 
-// A large object that is asked for without being zeroed is written from end to end: huge pages, and no others at its
-// ends, spare it thousands of faults. A kernel that has none, or none left, serves it all the same.
+// A large object that need not be zeroed is written completely: huge pages avoid thousands of page faults. Its size is
+// rounded up so that it consists of huge pages only. A kernel without huge pages serves ordinary ones.
 void *AllocateInHugePages(std::size_t size)
 {
     const std::size_t whole = (size + kHugePage - 1) / kHugePage * kHugePage;

@@ -4,9 +4,8 @@
 
 namespace kavel::agent {
 
-// Lets every large object go back to the system when it is released. Left alone, the allocator raises its idea of large
-// to the largest object that it has seen, which is a record of 17 MB, and keeps such an amount for good. Once, at
-// start.
+// Makes the allocator return every large object to the system when it is freed. By default it raises its threshold to
+// the largest object that was freed, here a record of 17 MB, and keeps as much memory for ever. Call it once, at start.
 void ReturnLargeMemory();
 
 } // namespace kavel::agent

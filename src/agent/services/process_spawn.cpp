@@ -1,4 +1,4 @@
-// Shell commands, and the end of DNS instances.
+// Runs shell commands, and ends the processes of DNS instances.
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -20,6 +20,7 @@ extern "C" {
 #include <vector>
 
 #include "base/failure.h"
+#include "base/instance_process.h"
 #include "base/log.h"
 #include "base/procfs.h"
 #include "unique_fd.h"
@@ -30,12 +31,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kEndPatience{2000};
+constexpr std::chrono::milliseconds kEndTimeout{2000};
 
 void Check(int error, const char *what)
 {
     if (error != 0) {
-        throw std::system_error(error, std::system_category(), what);
+        ThrowErrno(error, what);
     }
 }
 
@@ -46,7 +47,8 @@ class SpawnActions {
     SpawnActions &operator=(const SpawnActions &) = delete;
     ~SpawnActions() { posix_spawn_file_actions_destroy(&actions_); }
 
-    // What a command leaves in the background outlives the agent: it takes nothing of the agent's along.
+    // A background process of the command outlives the agent: it must not keep the agent's directory, streams and
+    // descriptors.
     void Detach()
     {
         Check(posix_spawn_file_actions_addchdir_np(&actions_, "/"), "spawn directory");
@@ -68,8 +70,8 @@ class SpawnAttributes {
     SpawnAttributes &operator=(const SpawnAttributes &) = delete;
     ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
 
-    // No signal mask or disposition of the agent's, and a session of its own: a terminal's signals are the agent's.
-    void StartAfresh()
+    // The default signal mask and dispositions, and a session of its own, so that a terminal's signals do not reach it.
+    void ResetSignalsAndSession()
     {
         sigset_t none;
         sigset_t all;
@@ -86,7 +88,7 @@ class SpawnAttributes {
     posix_spawnattr_t attributes_{};
 };
 
-// What a service manager says to this process alone: a child that believed it would answer in the agent's name.
+// Variables that a service manager sets for this process alone: a child that used them would speak for the agent.
 constexpr std::array<std::string_view, 7> kOwnVariables{
     "NOTIFY_SOCKET=", "WATCHDOG_PID=",   "WATCHDOG_USEC=", "LISTEN_PID=",
     "LISTEN_FDS=",    "LISTEN_FDNAMES=", "JOURNAL_STREAM="};
@@ -109,7 +111,7 @@ int AwaitShell(pid_t shell)
     siginfo_t info{};
     while (::waitid(P_PID, static_cast<id_t>(shell), &info, WEXITED) != 0) {
         if (errno != EINTR) {
-            return LastFailure();
+            ThrowLastErrno("wait");
         }
     }
     return info.si_code == CLD_EXITED && info.si_status == 0 ? 0 : -EIO;
@@ -121,7 +123,7 @@ int RunShell(char *command)
     SpawnActions actions;
     actions.Detach();
     SpawnAttributes attributes;
-    attributes.StartAfresh();
+    attributes.ResetSignalsAndSession();
 
     std::string name = "sh";
     std::string option = "-c";
@@ -133,15 +135,15 @@ int RunShell(char *command)
     return AwaitShell(shell);
 }
 
-bool IsGone(const UniqueFd &process, std::chrono::milliseconds patience)
+bool IsGone(const UniqueFd &process, std::chrono::milliseconds timeout)
 {
-    const auto deadline = Clock::now() + patience;
+    const auto deadline = Clock::now() + timeout;
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd watched{process.Get(), POLLIN, 0};
         const int ready = ::poll(&watched, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
         if (ready < 0 && errno != EINTR) {
-            ThrowLastFailure("pidfd");
+            ThrowLastErrno("pidfd");
         }
         if (ready >= 0) {
             return ready > 0;
@@ -149,43 +151,44 @@ bool IsGone(const UniqueFd &process, std::chrono::milliseconds patience)
     }
 }
 
-// A pid file may outlive its process, and the number may have gone to another one since.
-bool IsInstance(pid_t pid)
+// A pid file may outlive its process, and the pid may have been given to another process since.
+bool IsOrBecomesInstance(pid_t pid)
 {
     const Process process = InspectProcess(pid);
-    if (process.Mentions("dnsmasq") && process.Mentions("kvl_dns_vpn_")) {
-        return true;
+    if (!process.alive) {
+        return false;
     }
-    if (process.alive) {
-        Log(LogLevel::kWarning, "process %d (%s) is not a DNS instance and is left alone", pid, process.name.c_str());
+    if (!VpnOfCommandLine(process.commandLine)) {
+        Log(LogLevel::kWarning, "process %d (%s) is not a DNS instance and is not ended", pid, process.name.c_str());
+        return false;
     }
-    return false;
+    return true;
 }
 
-bool EndedBy(const UniqueFd &process, int signal)
+bool EndsBy(const UniqueFd &process, int signal)
 {
     if (::pidfd_send_signal(process.Get(), signal, nullptr, 0) != 0 && errno != ESRCH) {
-        ThrowLastFailure("signal");
+        ThrowLastErrno("signal");
     }
-    return IsGone(process, kEndPatience);
+    return IsGone(process, kEndTimeout);
 }
 
 int EndProcess(pid_t pid)
 {
-    // The handle comes first: what is inspected after it is what will be ended.
+    // The pidfd is opened first: the process that is inspected then is the one that will be ended.
     const UniqueFd process(::pidfd_open(pid, 0));
     if (!process) {
-        // A thread's id is no process.
-        return errno == EINVAL || errno == ENOENT ? -ESRCH : LastFailure();
+        // EINVAL: the id of a thread.
+        return errno == EINVAL || errno == ENOENT ? -ESRCH : -errno;
     }
-    if (IsGone(process, std::chrono::milliseconds(0)) || !IsInstance(pid)) {
+    if (IsGone(process, std::chrono::milliseconds(0)) || !IsOrBecomesInstance(pid)) {
         return -ESRCH;
     }
-    if (EndedBy(process, SIGTERM)) {
+    if (EndsBy(process, SIGTERM)) {
         return 0;
     }
-    Log(LogLevel::kWarning, "process %d does not end by itself and is killed", pid);
-    return EndedBy(process, SIGKILL) ? 0 : -ETIMEDOUT;
+    Log(LogLevel::kWarning, "process %d ignored SIGTERM and is killed", pid);
+    return EndsBy(process, SIGKILL) ? 0 : -ETIMEDOUT;
 }
 
 } // namespace
@@ -197,11 +200,11 @@ extern "C" {
 
 int32_t VQ_CmdExec(char *Command)
 {
-    return Command == nullptr ? -EINVAL : WithoutExceptions([&] { return RunShell(Command); });
+    return Command == nullptr ? -EINVAL : ResultOf([&] { return RunShell(Command); });
 }
 
 VQ_ERR_T VQ_KillPid(const pid_t Pid)
 {
-    return Pid <= 0 ? -EINVAL : WithoutExceptions([&] { return EndProcess(Pid); });
+    return Pid <= 0 ? -EINVAL : ResultOf([&] { return EndProcess(Pid); });
 }
 }

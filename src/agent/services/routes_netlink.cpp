@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "base/failure.h"
 #include "base/netlink.h"
 #include "vqRoute.h"
 
@@ -23,7 +24,7 @@ namespace {
 constexpr std::uint32_t kRulePriority = 199;
 constexpr std::uint8_t kHostMask = 32;
 
-// The header's field has eight bits; the attribute tells the whole number.
+// The header's field has eight bits; the attribute has the whole number.
 std::uint8_t HeaderTable(std::uint32_t table)
 {
     return table < RT_TABLE_COMPAT ? static_cast<std::uint8_t>(table) : std::uint8_t{RT_TABLE_UNSPEC};
@@ -43,19 +44,24 @@ std::uint32_t TableOf(const nlmsghdr &message)
     return table;
 }
 
-int ForEachRoute(NetlinkSocket &socket, std::uint32_t table, const std::function<void(const nlmsghdr &)> &take)
+void ForEachRoute(NetlinkSocket &socket, std::uint32_t table, const std::function<void(const nlmsghdr &)> &take)
 {
     NetlinkMessage message(RTM_GETROUTE, NLM_F_DUMP);
     auto *route = message.PutExtra<rtmsg>();
     route->rtm_family = AF_INET;
     mnl_attr_put_u32(message.Header(), RTA_TABLE, table);
-    const int result = socket.Dump(message, [&](const nlmsghdr &found) {
-        if (found.nlmsg_type == RTM_NEWROUTE && TableOf(found) == table) {
-            take(found);
+    try {
+        socket.Dump(message, [&](const nlmsghdr &found) {
+            if (found.nlmsg_type == RTM_NEWROUTE && TableOf(found) == table) {
+                take(found);
+            }
+        });
+    } catch (const KernelRefusal &refusal) {
+        // A table that never had a route does not exist.
+        if (refusal.code().value() != ENOENT) {
+            throw;
         }
-    });
-    // A table without routes may not exist at all.
-    return result == -ENOENT ? 0 : result;
+    }
 }
 
 bool IsIpv4(const VQ_CONF_IP_MASK &prefix)
@@ -63,52 +69,43 @@ bool IsIpv4(const VQ_CONF_IP_MASK &prefix)
     return prefix.IpType == VQ_IN_ADDR_TYPE_IPV4;
 }
 
-int Validate(const VQ_RTC_ROUTE_CONF &route)
+void Validate(const VQ_RTC_ROUTE_CONF &route)
 {
-    if (!IsIpv4(route.TargetIp)) {
-        return -EAFNOSUPPORT;
-    }
-    if (route.TargetIp.Mask > kHostMask || route.NexthopNum > VQ_RTC_NEXTHOP_MAX) {
-        return -EINVAL;
-    }
-    for (unsigned hop = 0; hop < route.NexthopNum; ++hop) {
-        if (!IsIpv4(route.Nexthop[hop])) {
-            return -EAFNOSUPPORT;
+    const auto checkFamily = [](const VQ_CONF_IP_MASK &prefix) {
+        if (!IsIpv4(prefix)) {
+            ThrowErrno(EAFNOSUPPORT, "route");
         }
+    };
+    checkFamily(route.TargetIp);
+    if (route.TargetIp.Mask > kHostMask || route.NexthopNum > VQ_RTC_NEXTHOP_MAX) {
+        ThrowErrno(EINVAL, "route");
     }
-    return 0;
+    std::for_each(std::begin(route.Nexthop), std::begin(route.Nexthop) + route.NexthopNum, checkFamily);
 }
 
-// 0 when the next hop names no interface, a negated errno when there is none of that name.
+// 0 when the next hop names no interface.
 int IndexOfHop(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, unsigned hop)
 {
     const std::string name(route.IfName[hop], strnlen(route.IfName[hop], VQ_IF_NAME_SIZE));
     return name.empty() ? 0 : socket.InterfaceIndex(name);
 }
 
-int PutSingleHop(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
+void PutSingleHop(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
 {
     const int index = IndexOfHop(socket, route, 0);
-    if (index < 0) {
-        return index;
-    }
     if (route.Nexthop[0].Ip != 0) {
         mnl_attr_put_u32(message, RTA_GATEWAY, htonl(route.Nexthop[0].Ip));
     }
     if (index > 0) {
         mnl_attr_put_u32(message, RTA_OIF, static_cast<std::uint32_t>(index));
     }
-    return 0;
 }
 
-int PutHops(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
+void PutHops(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
 {
     nlattr *hops = mnl_attr_nest_start(message, RTA_MULTIPATH);
     for (unsigned hop = 0; hop < route.NexthopNum; ++hop) {
         const int index = IndexOfHop(socket, route, hop);
-        if (index < 0) {
-            return index;
-        }
         auto *next = static_cast<rtnexthop *>(mnl_nlmsg_get_payload_tail(message));
         *next = {.rtnh_len = sizeof(rtnexthop), .rtnh_flags = 0, .rtnh_hops = 0, .rtnh_ifindex = index};
         const std::uint32_t start = message->nlmsg_len;
@@ -118,10 +115,9 @@ int PutHops(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *mes
         }
         next->rtnh_len = static_cast<unsigned short>(message->nlmsg_len - start);
     }
-    // RTA_MULTIPATH holds rtnexthop structures, not attributes: it does not bear the flag of a nest.
+    // RTA_MULTIPATH holds rtnexthop structures, not attributes: it does not have the flag of a nest.
     mnl_attr_nest_end(message, hops);
     hops->nla_type = RTA_MULTIPATH;
-    return 0;
 }
 
 bool HasGateway(const VQ_RTC_ROUTE_CONF &route)
@@ -134,23 +130,24 @@ bool HasGateway(const VQ_RTC_ROUTE_CONF &route)
     return false;
 }
 
-// What the module asks for in a VPN without LAN interfaces.
-bool NamesNoWay(const VQ_RTC_ROUTE_CONF &route)
+// Neither a gateway nor an interface: the module asks for such a route in a VPN without LAN interfaces.
+bool LacksNextHop(const VQ_RTC_ROUTE_CONF &route)
 {
-    const auto named = [](const auto &name) { return name[0] != '\0'; };
+    const auto isNamed = [](const auto &name) { return name[0] != '\0'; };
     return route.NexthopNum > 0 && !HasGateway(route) &&
-           std::none_of(std::begin(route.IfName), std::begin(route.IfName) + route.NexthopNum, named);
+           std::none_of(std::begin(route.IfName), std::begin(route.IfName) + route.NexthopNum, isNamed);
 }
 
-int PutNextHops(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
+void PutNextHops(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route, nlmsghdr *message)
 {
-    if (route.NexthopNum == 0) {
-        return 0;
+    if (route.NexthopNum == 1) {
+        PutSingleHop(socket, route, message);
+    } else if (route.NexthopNum > 1) {
+        PutHops(socket, route, message);
     }
-    return route.NexthopNum == 1 ? PutSingleHop(socket, route, message) : PutHops(socket, route, message);
 }
 
-int RequestRoute(NetlinkSocket &socket, std::uint16_t type, std::uint16_t flags, const VQ_RTC_ROUTE_CONF &route)
+void RequestRoute(NetlinkSocket &socket, std::uint16_t type, std::uint16_t flags, const VQ_RTC_ROUTE_CONF &route)
 {
     NetlinkMessage message(type, flags);
     auto *header = message.PutExtra<rtmsg>();
@@ -161,8 +158,8 @@ int RequestRoute(NetlinkSocket &socket, std::uint16_t type, std::uint16_t flags,
         header->rtm_protocol = RTPROT_STATIC;
         header->rtm_scope = HasGateway(route) ? RT_SCOPE_UNIVERSE : RT_SCOPE_LINK;
         header->rtm_type = RTN_UNICAST;
-        if (NamesNoWay(route)) {
-            // Sends the search on to the ordinary routes, which know the way if anyone does.
+        if (LacksNextHop(route)) {
+            // Continues the lookup in the tables of the ordinary routes.
             header->rtm_type = RTN_THROW;
             header->rtm_scope = RT_SCOPE_UNIVERSE;
         }
@@ -171,12 +168,12 @@ int RequestRoute(NetlinkSocket &socket, std::uint16_t type, std::uint16_t flags,
     }
     mnl_attr_put_u32(message.Header(), RTA_DST, htonl(route.TargetIp.Ip));
     mnl_attr_put_u32(message.Header(), RTA_TABLE, route.TableId);
-    const int hops = PutNextHops(socket, route, message.Header());
-    return hops < 0 ? hops : socket.Request(message);
+    PutNextHops(socket, route, message.Header());
+    socket.Request(message);
 }
 
-// What the kernel dumped, turned into the request to delete just that.
-void TurnIntoDeletion(nlmsghdr &route)
+// Turns a route from a dump into the request that deletes exactly this route.
+void ConvertToDeletion(nlmsghdr &route)
 {
     route.nlmsg_type = RTM_DELROUTE;
     route.nlmsg_flags = NLM_F_REQUEST;
@@ -184,16 +181,15 @@ void TurnIntoDeletion(nlmsghdr &route)
     static_cast<rtmsg *>(mnl_nlmsg_get_payload(&route))->rtm_flags = 0;
 }
 
-int FlushTable(NetlinkSocket &socket, std::uint32_t table)
+void FlushTable(NetlinkSocket &socket, std::uint32_t table)
 {
     NetlinkBatch requests;
-    const int dumped =
-        ForEachRoute(socket, table, [&](const nlmsghdr &route) { TurnIntoDeletion(requests.Append(route)); });
-    if (dumped < 0) {
-        return dumped;
+    ForEachRoute(socket, table, [&](const nlmsghdr &route) { ConvertToDeletion(requests.Append(route)); });
+    if (requests.IsEmpty()) {
+        ThrowErrno(ENOENT, "route table " + std::to_string(table));
     }
-    // A route that went meanwhile, with its interface, is gone all the same.
-    return requests.IsEmpty() ? -ENOENT : socket.RequestAll(requests, -ESRCH);
+    // ESRCH: the route was removed meanwhile, with its interface.
+    socket.RequestAll(requests, ESRCH);
 }
 
 bool SelectsWholeTable(const VQ_RTC_ROUTE_CONF &route)
@@ -201,20 +197,44 @@ bool SelectsWholeTable(const VQ_RTC_ROUTE_CONF &route)
     return route.TargetIp.Ip == 0 && route.TargetIp.Mask == 0 && route.NexthopNum == 0;
 }
 
-int DeleteRoute(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route)
+void AddRoute(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route)
+{
+    RequestRoute(socket, RTM_NEWROUTE, NLM_F_CREATE | NLM_F_EXCL, route);
+}
+
+void DeleteRoute(NetlinkSocket &socket, const VQ_RTC_ROUTE_CONF &route)
 {
     if (SelectsWholeTable(route)) {
-        return FlushTable(socket, route.TableId);
+        FlushTable(socket, route.TableId);
+        return;
     }
-    const int result = RequestRoute(socket, RTM_DELROUTE, 0, route);
+    RequestRoute(socket, RTM_DELROUTE, 0, route);
+}
+
+// The kernel says ESRCH for a route that does not exist, the host interface ENOENT.
+VQ_ERR_T DeletionResult(VQ_ERR_T result)
+{
     return result == -ESRCH ? -ENOENT : result;
+}
+
+VQ_ERR_T ChangeRoute(std::uint32_t vpnId, const VQ_RTC_ROUTE_CONF *route,
+                     void (*change)(NetlinkSocket &, const VQ_RTC_ROUTE_CONF &))
+{
+    if (route == nullptr) {
+        return -EINVAL;
+    }
+    return ResultOf([&] {
+        Validate(*route);
+        Host::Current().routeSockets.With(vpnId, [&](NetlinkSocket &socket) { change(socket, *route); });
+        return 0;
+    });
 }
 
 } // namespace
 
-int EnsurePolicyRule(std::uint32_t vpnId)
+void EnsurePolicyRule(Host &host, std::uint32_t vpnId)
 {
-    return WithNetlink(vpnId, [](NetlinkSocket &socket) {
+    host.routeSockets.With(vpnId, [](NetlinkSocket &socket) {
         NetlinkMessage message(RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL);
         auto *rule = message.PutExtra<fib_rule_hdr>();
         rule->family = AF_INET;
@@ -222,17 +242,16 @@ int EnsurePolicyRule(std::uint32_t vpnId)
         rule->action = FR_ACT_TO_TBL;
         mnl_attr_put_u32(message.Header(), FRA_PRIORITY, kRulePriority);
         mnl_attr_put_u32(message.Header(), FRA_TABLE, kDnsRouteTable);
-        const int result = socket.Request(message);
-        return result == -EEXIST ? 0 : result;
+        (void)socket.RequestUnless(EEXIST, message);
     });
 }
 
-int CountRoutes(std::uint32_t vpnId, std::uint32_t table)
+std::uint32_t CountRoutes(Host &host, std::uint32_t vpnId, std::uint32_t table)
 {
-    return WithNetlink(vpnId, [&](NetlinkSocket &socket) {
-        int count = 0;
-        const int result = ForEachRoute(socket, table, [&](const nlmsghdr &) { ++count; });
-        return result < 0 ? result : count;
+    return host.routeSockets.With(vpnId, [table](NetlinkSocket &socket) {
+        std::uint32_t count = 0;
+        ForEachRoute(socket, table, [&](const nlmsghdr &) { ++count; });
+        return count;
     });
 }
 
@@ -244,21 +263,11 @@ extern "C" {
 
 VQ_ERR_T VQ_RTCRouteAdd(uint32_t VpnId, const VQ_RTC_ROUTE_CONF *Route)
 {
-    const int valid = Route == nullptr ? -EINVAL : Validate(*Route);
-    if (valid < 0) {
-        return valid;
-    }
-    return WithNetlink(VpnId, [&](NetlinkSocket &socket) {
-        return RequestRoute(socket, RTM_NEWROUTE, NLM_F_CREATE | NLM_F_EXCL, *Route);
-    });
+    return ChangeRoute(VpnId, Route, AddRoute);
 }
 
 VQ_ERR_T VQ_RTCRouteDel(uint32_t VpnId, const VQ_RTC_ROUTE_CONF *Route)
 {
-    const int valid = Route == nullptr ? -EINVAL : Validate(*Route);
-    if (valid < 0) {
-        return valid;
-    }
-    return WithNetlink(VpnId, [&](NetlinkSocket &socket) { return DeleteRoute(socket, *Route); });
+    return DeletionResult(ChangeRoute(VpnId, Route, DeleteRoute));
 }
 }

@@ -1,19 +1,21 @@
-// The IPv4 routes of the VPNs and the policy rule that brings their table into play.
+// The IPv4 routes of the VPNs, and the policy rule that selects their table.
 #ifndef KAVEL_AGENT_ROUTES_NETLINK_H
 #define KAVEL_AGENT_ROUTES_NETLINK_H
 
 #include <cstdint>
+
+#include "services/host.h"
 
 namespace kavel::agent {
 
 // The table with the host routes of an instance, the same number in every VPN.
 inline constexpr std::uint32_t kDnsRouteTable = 199;
 
-// Makes sure that the VPN's namespace looks routes up in kDnsRouteTable. 0 or a negated errno.
-int EnsurePolicyRule(std::uint32_t vpnId);
+// Makes the VPN's namespace look routes up in kDnsRouteTable, unless it does already. Throws std::system_error.
+void EnsurePolicyRule(Host &host, std::uint32_t vpnId);
 
-// The number of IPv4 routes in `table` of the VPN, or a negated errno.
-int CountRoutes(std::uint32_t vpnId, std::uint32_t table);
+// The number of IPv4 routes in `table` of the VPN. Throws std::system_error.
+[[nodiscard]] std::uint32_t CountRoutes(Host &host, std::uint32_t vpnId, std::uint32_t table);
 
 } // namespace kavel::agent
 

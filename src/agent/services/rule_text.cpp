@@ -16,12 +16,12 @@ constexpr std::array<const char *, 2> kDnsMatches{"udp dport 53", "tcp dport 53"
 
 [[noreturn]] void RefuseInvalid(const std::string &text)
 {
-    throw RuleError(-EINVAL, text);
+    throw RuleError(EINVAL, text);
 }
 
 [[noreturn]] void RefuseUnsupported(const std::string &text)
 {
-    throw RuleError(-EOPNOTSUPP, text);
+    throw RuleError(EOPNOTSUPP, text);
 }
 
 bool AnySet(std::initializer_list<unsigned> values)
@@ -38,8 +38,8 @@ void CheckCounts(const VQ_CONF_RULE_MATCH &match)
     }
 }
 
-// What no rule of this host can look at or do.
-void RefuseTheRest(const VQ_CONF_RULE &rule)
+// Refuses every match and action that no rule of this host can have.
+void RefuseUnknownFields(const VQ_CONF_RULE &rule)
 {
     const VQ_CONF_RULE_MATCH &match = rule.Match;
     if (AnySet({match.SrcIpNum, match.DstIpNum, match.SrcPortNum, match.DscpNum, match.TransIdNum, match.RegNum,
@@ -58,7 +58,7 @@ void CheckDns(const VQ_CONF_RULE &rule)
     const VQ_CONF_RULE_MATCH &match = rule.Match;
     const VQ_CONF_RULE_ACTIONS &actions = rule.Actions;
     CheckCounts(match);
-    RefuseTheRest(rule);
+    RefuseUnknownFields(rule);
     // A deletion names no VPN: it finds the namespace by the id.
     if (rule.Id != rule.VpnId + kDnsRuleIdOffset) {
         RefuseInvalid("it is not the rule of vpn " + std::to_string(rule.VpnId));
@@ -85,7 +85,7 @@ void CheckDnat(const VQ_CONF_RULE &rule)
 {
     const VQ_CONF_RULE_MATCH &match = rule.Match;
     CheckCounts(match);
-    RefuseTheRest(rule);
+    RefuseUnknownFields(rule);
     if (AnySet({match.OutPortNum, rule.Actions.OutputNum}) || rule.Actions.DnatFlag == 0) {
         RefuseUnsupported("a DNAT rule can only rewrite the destination");
     }
@@ -139,19 +139,19 @@ std::string AddressText(std::uint32_t address)
            std::to_string(address >> 8U & 0xFFU) + "." + std::to_string(address & 0xFFU);
 }
 
-// The customer stands in the name of an empty chain: removing that chain is the test for the customer.
+// The customer's id is in the name of an empty chain. A removal deletes that chain first, which fails for another
+// customer.
 std::string CustomerChain(std::uint32_t customerId)
 {
     return "customer_" + std::to_string(customerId);
 }
 
-// Every match on every interface. A table without interfaces is there all the same: the rule is installed, and nothing
-// comes its way.
+// Every match on every interface. A rule without interfaces still gets its table: it is installed, and matches nothing.
 std::string InstallText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces,
                         std::span<const std::string> matches, const std::string &action)
 {
     const std::string table = "table ip " + TableName(KeyOf(rule));
-    // Adding it first lets the deletion succeed where there was none.
+    // Deleting a table that does not exist fails, so it is added first.
     std::string text = "add " + table + "\ndelete " + table + "\n" + table + " {\nchain " +
                        CustomerChain(rule.CustomerId) +
                        " {\n}\nchain prerouting {\ntype nat hook prerouting priority dstnat; policy accept;\n";

@@ -3,43 +3,50 @@
 #define KAVEL_AGENT_RULE_TEXT_H
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "vqRule.h"
 
 namespace kavel::agent {
 
-// A rule that this host cannot carry out: `result` is the negated errno, the text says what of it.
-class RuleError : public std::runtime_error {
+// A rule that this host cannot install.
+class RuleError : public std::system_error {
   public:
-    RuleError(std::int32_t code, const std::string &text) : std::runtime_error(text), result(code) {}
+    // `error` is a positive errno; the text says which property of the rule is the reason.
+    RuleError(int error, std::string text) : system_error(error, std::system_category()), text_(std::move(text)) {}
 
-    std::int32_t result;
+    [[nodiscard]] const char *what() const noexcept override { return text_.c_str(); }
+
+  private:
+    std::string text_;
 };
 
-// What names a rule beside its customer.
+// Identifies a rule of a customer.
 struct RuleKey {
     VQ_CONF_RULE_TBL_TYPE table;
     std::uint8_t zone;
     std::uint32_t id;
 };
 
-RuleKey KeyOf(const VQ_CONF_RULE &rule);
+[[nodiscard]] RuleKey KeyOf(const VQ_CONF_RULE &rule);
 
 // A DNS-table rule has the id of its VPN plus this.
 inline constexpr std::uint32_t kDnsRuleIdOffset = 2;
 
 // The name of the rule's table, "kavel_dns_0_9".
-std::string TableName(const RuleKey &key);
+[[nodiscard]] std::string TableName(const RuleKey &key);
 
-// Installs the rule for traffic that arrives on `interfaces`, in the place of one with the same key. Throws RuleError.
-std::string InstallDnsText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces);
-std::string InstallDnatText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces);
+// The commands that install the rule for traffic that arrives on `interfaces`, and replace a rule with the same key.
+// Throw RuleError.
+[[nodiscard]] std::string InstallDnsText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces);
+[[nodiscard]] std::string InstallDnatText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces);
 
-// Removes the rule; refused by the kernel when it is not there or not the customer's.
-std::string RemoveText(const RuleKey &key, std::uint32_t customerId);
+// The commands that remove the rule. The kernel refuses them with ENOENT when the rule is not installed or is another
+// customer's.
+[[nodiscard]] std::string RemoveText(const RuleKey &key, std::uint32_t customerId);
 
 } // namespace kavel::agent
 

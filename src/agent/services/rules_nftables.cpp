@@ -1,175 +1,93 @@
-// Steering rules through nftables, and the customer ids from the configuration.
+// Steering rules through nftables.
 #include "services/rules_nftables.h"
 
-#include <nftables/libnftables.h>
-#include <sys/select.h>
-#include <sys/socket.h>
-
-#include <linux/netlink.h>
-
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include "base/config.h"
 #include "base/failure.h"
 #include "base/log.h"
-#include "base/per_namespace.h"
+#include "base/nftables.h"
 #include "services/rule_text.h"
-#include "unique_fd.h"
 #include "vqRule.h"
 
 namespace kavel::agent {
 namespace {
-
-// What a context remembers of the tables it has met takes half a megabyte. Few at a time also means that each is closed
-// long after its last transaction: closed right after it, its socket would wait for the kernel to clear away what the
-// transaction replaced.
-constexpr std::size_t kContextsMax = 16;
-
-struct KernelAnswer {
-    int result; // 0 or a negated errno
-    std::string text;
-};
-
-// The library ends the whole process when it gets no socket, or one with a number that select() does not know. It will
-// get the number that is free now.
-void CheckSocket()
-{
-    const UniqueFd probe(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
-    if (!probe) {
-        ThrowLastFailure("nftables");
-    }
-    if (probe.Get() >= FD_SETSIZE) {
-        throw std::system_error(EMFILE, std::system_category(), "nftables");
-    }
-}
-
-class RuleContext {
-  public:
-    // In the calling thread's namespace.
-    RuleContext() : context_(Open())
-    {
-        if (!context_ || nft_ctx_buffer_output(context_.get()) != 0 || nft_ctx_buffer_error(context_.get()) != 0) {
-            throw std::bad_alloc();
-        }
-    }
-
-    // Runs `commands` as one transaction. The text is what was listed, or the first line of what went wrong.
-    KernelAnswer Run(const std::string &commands)
-    {
-        errno = 0;
-        if (nft_run_cmd_from_buffer(context_.get(), commands.c_str()) == 0) {
-            return {0, nft_ctx_get_output_buffer(context_.get())};
-        }
-        // The kernel's answer is left in errno; a socket that was read to its end stands for no answer at all.
-        const int error = errno;
-        std::string text = nft_ctx_get_error_buffer(context_.get());
-        text.resize(std::min(text.find('\n'), text.size()));
-        return {error == 0 || error == EAGAIN ? -EIO : -error, text};
-    }
-
-  private:
-    struct Free {
-        void operator()(nft_ctx *context) const { nft_ctx_free(context); }
-    };
-
-    static nft_ctx *Open()
-    {
-        CheckSocket();
-        return nft_ctx_new(NFT_CTX_DEFAULT);
-    }
-
-    std::unique_ptr<nft_ctx, Free> context_;
-};
-
-PerNamespace<RuleContext> &Contexts()
-{
-    static PerNamespace<RuleContext> contexts(kContextsMax);
-    return contexts;
-}
-
-KernelAnswer RunIn(std::uint32_t vpnId, const std::string &commands)
-{
-    KernelAnswer answer{0, ""};
-    answer.result = WithoutExceptions([&] {
-        answer = Contexts().Of(vpnId).Run(commands);
-        return answer.result;
-    });
-    return answer;
-}
 
 std::string Describe(std::uint32_t vpnId, const RuleKey &key)
 {
     return "vpn " + std::to_string(vpnId) + ": rule " + TableName(key);
 }
 
-int Report(const std::string &subject, const char *failed, int result, const std::string &why)
+void LogFailure(const std::string &subject, const char *operation, const std::system_error &failure)
 {
-    Log(LogLevel::kError, "%s cannot be %s: %s", subject.c_str(), failed,
-        why.empty() ? std::strerror(-result) : why.c_str());
-    return result;
+    Log(LogLevel::kError, "%s cannot be %s: %s", subject.c_str(), operation, failure.what());
 }
 
-const std::vector<std::string> &LanOf(std::uint32_t vpnId)
+const std::vector<std::string> &LanOf(const Config &config, std::uint32_t vpnId)
 {
     if (vpnId == 0) {
-        return ActiveConfig().lan;
+        return config.lan;
     }
-    const Vpn *vpn = ActiveConfig().Find(vpnId);
+    const Vpn *vpn = config.Find(vpnId);
     if (vpn == nullptr) {
-        throw RuleError(-ENOENT, "the VPN is not configured");
+        throw RuleError(ENOENT, "the VPN is not configured");
     }
     return vpn->lan;
 }
 
-// Where a rule lives, and its text; by the operation code.
+// The VPN in whose namespace a rule is installed, and the rule's commands.
 struct Plan {
     std::uint32_t vpnId;
-    std::string text;
+    std::string commands;
 };
 
-Plan PlanOf(const VQ_CONF_RULE &rule, std::uint16_t op)
+Plan PlanOf(const Config &config, const VQ_CONF_RULE &rule, std::uint16_t op)
 {
     if (rule.OpType != VQ_CONF_RULE_OP_TYPE_INSERT) {
-        throw RuleError(-EOPNOTSUPP, "it is not an insertion");
+        throw RuleError(EOPNOTSUPP, "it is not an insertion");
     }
     if (op == VQ_IMC_OP_TYPE_RULE_DNS_INSERT && rule.Table == VQ_CONF_RULE_TBL_TYPE_DNS) {
-        return {rule.VpnId, InstallDnsText(rule, LanOf(rule.VpnId))};
+        return {rule.VpnId, InstallDnsText(rule, LanOf(config, rule.VpnId))};
     }
     if (op == VQ_IMC_OP_TYPE_RULE_DNAT_INSERT && rule.Table == VQ_CONF_RULE_TBL_TYPE_DNAT) {
-        return {0, InstallDnatText(rule, ActiveConfig().c2p)};
+        return {0, InstallDnatText(rule, config.c2p)};
     }
-    throw RuleError(-EOPNOTSUPP,
+    throw RuleError(EOPNOTSUPP,
                     "operation " + std::to_string(op) + " is not known for table " + std::to_string(rule.Table));
 }
 
-int Install(const VQ_CONF_RULE &rule, std::uint16_t op)
+int Install(Host &host, const VQ_CONF_RULE &rule, std::uint16_t op)
 {
-    const std::string subject = Describe(rule.VpnId, KeyOf(rule));
     try {
-        const Plan plan = PlanOf(rule, op);
-        const KernelAnswer answer = RunIn(plan.vpnId, plan.text);
-        return answer.result < 0 ? Report(subject, "installed", answer.result, answer.text) : 0;
-    } catch (const RuleError &refused) {
-        return Report(subject, "installed", refused.result, refused.what());
+        const Plan plan = PlanOf(host.config, rule, op);
+        host.nftables.Run(plan.vpnId, plan.commands);
+        return 0;
+    } catch (const std::system_error &failure) {
+        LogFailure(Describe(rule.VpnId, KeyOf(rule)), "installed", failure);
+        throw;
     }
 }
 
-int Remove(std::uint32_t vpnId, const RuleKey &key, std::uint32_t customerId)
+int Remove(Host &host, std::uint32_t vpnId, const RuleKey &key, std::uint32_t customerId)
 {
-    const KernelAnswer answer = RunIn(vpnId, RemoveText(key, customerId));
-    if (answer.result == -ENOENT) {
-        Log(LogLevel::kNotice, "%s is not there for customer %u", Describe(vpnId, key).c_str(), customerId);
-        return answer.result;
+    const std::string subject = Describe(vpnId, key);
+    try {
+        host.nftables.Run(vpnId, RemoveText(key, customerId));
+        return 0;
+    } catch (const std::system_error &failure) {
+        if (failure.code().value() != ENOENT) {
+            LogFailure(subject, "removed", failure);
+            throw;
+        }
     }
-    return answer.result < 0 ? Report(Describe(vpnId, key), "removed", answer.result, answer.text) : 0;
+    // Not an error: the module may remove a rule that was never installed.
+    Log(LogLevel::kNotice, "%s is not installed for customer %u", subject.c_str(), customerId);
+    return -ENOENT;
 }
 
-// Whether `name` stands in what "list tables" gave.
+// Whether the table `name` is in the output of "list tables".
 bool Lists(std::string_view tables, const std::string &name)
 {
     return tables.find("table ip " + name + "\n") != std::string_view::npos;
@@ -177,23 +95,14 @@ bool Lists(std::string_view tables, const std::string &name)
 
 } // namespace
 
-std::optional<InstalledRules> FindInstalledRules(std::uint32_t vpnId)
+InstalledRules FindInstalledRules(Host &host, std::uint32_t vpnId)
 {
-    const KernelAnswer answer = RunIn(vpnId, "list tables ip\n");
-    if (answer.result < 0) {
-        Log(LogLevel::kWarning, "vpn %u: its rules cannot be read: %s", vpnId, std::strerror(-answer.result));
-        return std::nullopt;
-    }
+    const std::string tables = host.nftables.Run(vpnId, "list tables ip\n");
     InstalledRules found;
-    found.dns = Lists(answer.text, TableName({VQ_CONF_RULE_TBL_TYPE_DNS, 0, vpnId + kDnsRuleIdOffset}));
+    found.dns = Lists(tables, TableName({VQ_CONF_RULE_TBL_TYPE_DNS, 0, vpnId + kDnsRuleIdOffset}));
     found.dnat =
-        vpnId == 0 && Lists(answer.text, TableName({VQ_CONF_RULE_TBL_TYPE_DNAT, 0, VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ}));
+        vpnId == 0 && Lists(tables, TableName({VQ_CONF_RULE_TBL_TYPE_DNAT, 0, VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ}));
     return found;
-}
-
-void CloseStaleRuleContexts()
-{
-    Contexts().DropStale();
 }
 
 } // namespace kavel::agent
@@ -204,39 +113,22 @@ extern "C" {
 
 VQ_ERR_T VQ_RtcRuleConfAdd(VQ_CONF_RULE *Rule, uint16_t Op, BOOL /*Flag1*/, BOOL /*Flag2*/)
 {
-    return Rule == nullptr ? -EINVAL : WithoutExceptions([&] { return Install(*Rule, Op); });
+    return Rule == nullptr ? -EINVAL : ResultOf([&] { return Install(Host::Current(), *Rule, Op); });
 }
 
 VQ_ERR_T VQ_RtcRuleConfDel(uint8_t Zone, uint32_t RuleId, uint32_t CustomerId, uint16_t Op, BOOL /*Flag*/)
 {
-    return WithoutExceptions([&] {
+    return ResultOf([&] {
+        Host &host = Host::Current();
         switch (Op) {
         case VQ_IMC_OP_TYPE_RULE_DNS_DELETE:
-            return Remove(RuleId - kDnsRuleIdOffset, {VQ_CONF_RULE_TBL_TYPE_DNS, Zone, RuleId}, CustomerId);
+            return Remove(host, RuleId - kDnsRuleIdOffset, {VQ_CONF_RULE_TBL_TYPE_DNS, Zone, RuleId}, CustomerId);
         case VQ_IMC_OP_TYPE_RULE_DNAT_DELETE:
-            return Remove(0, {VQ_CONF_RULE_TBL_TYPE_DNAT, Zone, RuleId}, CustomerId);
+            return Remove(host, 0, {VQ_CONF_RULE_TBL_TYPE_DNAT, Zone, RuleId}, CustomerId);
         default:
             Log(LogLevel::kError, "rule %u cannot be removed: operation %u is not known", RuleId, unsigned{Op});
             return -EOPNOTSUPP;
         }
     });
-}
-
-uint32_t VQ_PlatformGetCustomerId(void)
-{
-    return ActiveConfig().customer;
-}
-
-VQ_ERR_T VQ_GetCustomerIdByVpnId(uint32_t VpnId, uint32_t *CustomerId)
-{
-    if (CustomerId == nullptr) {
-        return -EINVAL;
-    }
-    const Vpn *vpn = ActiveConfig().Find(VpnId);
-    if (vpn == nullptr || !vpn->customer) {
-        return -ENOENT;
-    }
-    *CustomerId = *vpn->customer;
-    return 0;
 }
 }

@@ -1,9 +1,10 @@
-// The steering rules of this box as the kernel has them.
+// The steering rules that are installed in the kernel.
 #ifndef KAVEL_AGENT_RULES_NFTABLES_H
 #define KAVEL_AGENT_RULES_NFTABLES_H
 
 #include <cstdint>
-#include <optional>
+
+#include "services/host.h"
 
 namespace kavel::agent {
 
@@ -12,11 +13,8 @@ struct InstalledRules {
     bool dnat = false; // the DNAT rule of the box; looked for in VPN 0 alone
 };
 
-// What is installed for a VPN; nothing when the kernel cannot be asked, which is logged.
-std::optional<InstalledRules> FindInstalledRules(std::uint32_t vpnId);
-
-// Lets go of namespaces that are no VPN's any more.
-void CloseStaleRuleContexts();
+// The rules that are installed for a VPN. Throws std::system_error when the kernel cannot be asked.
+[[nodiscard]] InstalledRules FindInstalledRules(Host &host, std::uint32_t vpnId);
 
 } // namespace kavel::agent
 

@@ -1,21 +1,23 @@
-// The stored records of this box, as the agent itself looks at them.
+// The persistent store: one stored record per VPN, as JSON text, in a SQLite file.
 #ifndef KAVEL_AGENT_STORE_H
 #define KAVEL_AGENT_STORE_H
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "vqStore.h"
 
 namespace kavel::agent {
 
+class Host;
+
 struct StoredRecord {
     std::uint32_t vpn = 0;
-    std::string problem; // why its text cannot be read; the members below but the last are meaningless then
+    std::optional<std::string> problem; // why its text cannot be read; if set, only `vpn` and `bytes` have a meaning
     bool enable = false;
     std::uint32_t hosts = 0;
     std::uint32_t mxHosts = 0;
@@ -24,34 +26,81 @@ struct StoredRecord {
     std::size_t bytes = 0; // of its text
 };
 
-// What is looked at is the table of this platform. All three throw std::system_error, which is not logged. Records come
-// by rising VPN.
-std::vector<StoredRecord> ReadStored();
-std::optional<StoredRecord> ReadStored(std::uint32_t vpnId);
-std::optional<std::string> ReadStoredText(std::uint32_t vpnId);
+// The functions that read use the table of the host's platform. All of them throw std::system_error, with EOPNOTSUPP
+// when persistence is switched off, and log nothing unless they say so. After a failure the next call opens the file
+// again: the cause may be gone by then.
+class Store {
+  public:
+    // `host` must outlive this object. The file is opened by the first use.
+    explicit Store(Host &host);
+    Store(const Store &) = delete;
+    Store &operator=(const Store &) = delete;
+    ~Store();
 
-// While one lives, the removal of a row waits for the end: the module removes a row before it adds it again, and an
-// agent that ends in between must not have lost it. An addition takes the place of the removal.
+    // By rising VPN.
+    [[nodiscard]] std::vector<StoredRecord> Read();
+    [[nodiscard]] std::optional<StoredRecord> Read(std::uint32_t vpnId);
+    [[nodiscard]] std::optional<std::string> ReadText(std::uint32_t vpnId);
+
+    // What the module asks for. Failures are logged before they are thrown. Inside a StoreChange a removal is only
+    // noted, since the module removes a row before it adds it again. Remove throws ENOENT when there is no row.
+    void Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL table);
+    void Remove(std::uint32_t vpnId, VQ_SQL_CONF_TBL table);
+
+    // The list of the readable records of the configured VPNs, for the module; null when none could be read. Failures
+    // and records that are left out are logged. VQ_SqliteConfListRelease releases it.
+    [[nodiscard]] VQ_PersistentConfList *List(VQ_SQL_CONF_TBL table);
+
+    // The records of the last List().
+    [[nodiscard]] const std::vector<StoredRecord> &Listed() const { return listed_; }
+
+  private:
+    friend class StoreChange;
+    class Opened;
+
+    struct Change {
+        bool isBegun = false;
+        struct Removal {
+            std::uint32_t vpnId;
+            VQ_SQL_CONF_TBL table;
+        };
+        std::optional<Removal> removal;
+    };
+
+    Opened &Open();
+    template <typename Work>
+    auto With(Work work);
+    template <typename Work>
+    void WithReport(const std::string &operation, Work work);
+    void RemoveNow(std::uint32_t vpnId, VQ_SQL_CONF_TBL table);
+    [[nodiscard]] VQ_SQL_CONF_TBL TableOfPlatform() const;
+    [[nodiscard]] std::optional<std::string> Parse(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record);
+    [[nodiscard]] StoredRecord Describe(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record);
+    void AppendRecord(VQ_PersistentConfList &list, std::uint32_t vpnId, std::string_view text);
+
+    Host &host_;
+    std::unique_ptr<Opened> opened_;
+    std::optional<Change> change_;
+    std::vector<StoredRecord> listed_;
+};
+
+// Delays the removal of a row to the end of the scope's work: the module removes a row before it adds it again, and an
+// agent that is killed in between must not lose the row. An addition replaces the noted removal. One at a time.
 class StoreChange {
   public:
-    StoreChange();
+    explicit StoreChange(Store &store);
     StoreChange(const StoreChange &) = delete;
     StoreChange &operator=(const StoreChange &) = delete;
     ~StoreChange();
 
-    // Whether the module has come to the store at all, which it does once the message is in force.
-    [[nodiscard]] bool Begun() const { return begun_; }
+    // Whether the module has used the store, which it does once the message is in force.
+    [[nodiscard]] bool IsBegun() const;
 
-    // Carries out the removal that is left, if any. 0 or a negated errno, which is logged.
-    [[nodiscard]] int Finish();
-
-    // What the module asks the store for meanwhile.
-    void TakeRemoval(std::uint32_t vpnId, VQ_SQL_CONF_TBL table);
-    void TakeAddition();
+    // Carries out the noted removal, if there is one. Whether that succeeded; a failure is logged.
+    [[nodiscard]] bool Finish();
 
   private:
-    bool begun_ = false;
-    std::optional<std::pair<std::uint32_t, VQ_SQL_CONF_TBL>> removal_;
+    Store &store_;
 };
 
 } // namespace kavel::agent

@@ -9,23 +9,16 @@
 #include <system_error>
 
 #include "base/failure.h"
+#include "base/files.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {
 namespace {
 
 constexpr std::int64_t kSchemaVersion = 1;
-constexpr int kLockPatienceMs = 2000;
+constexpr int kLockTimeoutMs = 2000;
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kDirectoryMode = 0700;
-
-void SyncDirectory(const std::filesystem::path &path)
-{
-    const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory || ::fsync(directory.Get()) != 0) {
-        ThrowLastFailure(path);
-    }
-}
 
 void MakeDirectories(const std::filesystem::path &path)
 {
@@ -34,33 +27,33 @@ void MakeDirectories(const std::filesystem::path &path)
     }
     MakeDirectories(path.parent_path());
     if (::mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
-        ThrowLastFailure(path);
+        ThrowLastErrno(path);
     }
     SyncDirectory(path.parent_path());
 }
 
-// An empty file is an empty database. The files that SQLite puts beside it take its mode.
+// Creates an empty file, which is an empty database. SQLite gives the files that it puts beside it the same mode.
 void MakeFile(const std::string &path)
 {
     const std::filesystem::path directory = std::filesystem::path(path).parent_path();
     MakeDirectories(directory);
     const UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, kFileMode));
     if (!file) {
-        // One that is there may still be read.
+        // A file that exists may still be readable.
         if (::access(path.c_str(), R_OK) == 0) {
             return;
         }
-        ThrowLastFailure(path);
+        ThrowLastErrno(path);
     }
     struct stat info {};
     if (::fstat(file.Get(), &info) != 0) {
-        ThrowLastFailure(path);
+        ThrowLastErrno(path);
     }
     if (!S_ISREG(info.st_mode)) {
         throw StoreError(EINVAL, "is not a file");
     }
     if ((info.st_mode & ALLPERMS) != kFileMode && ::fchmod(file.Get(), kFileMode) != 0) {
-        ThrowLastFailure(path);
+        ThrowLastErrno(path);
     }
     SyncDirectory(directory);
 }
@@ -82,7 +75,7 @@ void MakeTables(const Database &database)
     database.Execute(text + "PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";COMMIT");
 }
 
-// Whether the tables are there already. The first look into the file: it tells one that is no database at all.
+// Whether the tables exist already. This is the first read of the file: it fails for a file that is not a database.
 bool CheckVersion(const Database &database)
 {
     const std::int64_t version = database.Number("PRAGMA user_version");
@@ -96,8 +89,8 @@ bool CheckVersion(const Database &database)
     return version == kSchemaVersion;
 }
 
-// The files beside it outlive an orderly end, the log emptied: without them a store on a full or read-only disk could
-// not even be read at the next start.
+// The write-ahead log and its index stay when the database is closed, the log emptied: without them a store on a full
+// or read-only disk could not even be read at the next start.
 void KeepFilesBeside(const Database &database)
 {
     int keep = 1;
@@ -120,20 +113,20 @@ void Prepare(const Database &database)
 
 } // namespace
 
-StoreFile::StoreFile(const std::string &path) : path_(path), database_(MadeFile(path), kLockPatienceMs)
+StoreFile::StoreFile(const std::string &path) : path_(path), database_(MadeFile(path), kLockTimeoutMs)
 {
     Prepare(database_);
     main_ = IdentityOf(path_);
     log_ = IdentityOf(LogPath());
 }
 
-// A database that was put in the place of this one would take the log of this one for its own.
+// If another database was put at the path, the log must not stay there: SQLite would apply it to that database.
 StoreFile::~StoreFile()
 {
     if (IdentityOf(path_) == main_ || IdentityOf(LogPath()) != log_) {
         return;
     }
-    // For whoever keeps the old file: it is to hold everything.
+    // The replaced file gets everything that is in the log.
     (void)sqlite3_wal_checkpoint_v2(database_.Get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
     ::unlink(LogPath().c_str());
     ::unlink((path_ + "-shm").c_str());

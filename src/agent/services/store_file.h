@@ -1,4 +1,4 @@
-// The database file of the store: made, opened, and known again.
+// The database file of the store: created, opened, and recognised after it was replaced.
 #ifndef KAVEL_AGENT_STORE_FILE_H
 #define KAVEL_AGENT_STORE_FILE_H
 
@@ -12,13 +12,13 @@
 
 namespace kavel::agent {
 
-// The tables, one for each kind of box. Their rows are `vpn_id` and `conf`.
+// The tables, one for each kind of box, with the columns `vpn_id` and `conf`.
 inline constexpr std::array<const char *, 2> kStoreTables{"cpe_dnsmasq", "pop_dnsmasq"};
 
 class StoreFile {
   public:
-    // Opens the store at `path`, and makes what is missing of it. Throws std::system_error; a file that is no store of
-    // this release is left as it is.
+    // Opens the store at `path`, and creates the file and its tables if they are missing. Throws std::system_error. A
+    // file that is not a store of this release is not changed.
     explicit StoreFile(const std::string &path);
     StoreFile(const StoreFile &) = delete;
     StoreFile &operator=(const StoreFile &) = delete;
@@ -26,7 +26,7 @@ class StoreFile {
 
     [[nodiscard]] const Database &Get() const { return database_; }
 
-    // Whether the opened files are still those at the path. What is written to others is in no store.
+    // Whether the opened files are still the ones at the path. If not, what is written to them is lost.
     [[nodiscard]] bool IsInPlace() const;
 
   private:

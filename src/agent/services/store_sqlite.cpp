@@ -1,27 +1,24 @@
-// The persistent store in SQLite: one row for each VPN, in a table for each kind of box.
+// The persistent store in SQLite: one row per VPN, in a table for each kind of box.
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
-#include "base/config.h"
 #include "base/failure.h"
 #include "base/log.h"
 #include "base/zeroed_pages.h"
+#include "services/host.h"
 #include "services/store.h"
 #include "services/store_file.h"
-#include "vqMemory.h"
 #include "vqStore.h"
 
 namespace kavel::agent {
 namespace {
 
-// The text form of a record cannot carry these two VPN ids, and gives 0 in their place.
+// The text form of a record cannot represent these two VPN ids: it has 0 in their place.
 constexpr std::array<std::uint32_t, 2> kUnreadableIds{0x7FFFFFFFU, 0x80000000U};
 
 struct TableStatements {
@@ -41,9 +38,38 @@ struct TableStatements {
     Statement all;
 };
 
-// The statements go before the database that they belong to.
-struct OpenedStore {
-    explicit OpenedStore(const std::string &path)
+std::string Subject(std::uint32_t vpnId)
+{
+    return "vpn " + std::to_string(vpnId);
+}
+
+// Calls `take` with the VPN and the text of each row.
+template <typename Take>
+void ForEachRow(Statement::Run &run, Take take)
+{
+    while (run.Step()) {
+        take(static_cast<std::uint32_t>(run.Number(0)), run.Text(1));
+    }
+}
+
+struct ReleaseList {
+    void operator()(VQ_PersistentConfList *list) const { VQ_SqliteConfListRelease(list); }
+};
+using ListPtr = std::unique_ptr<VQ_PersistentConfList, ReleaseList>;
+
+ListPtr NewList()
+{
+    auto list = std::make_unique<VQ_PersistentConfList>();
+    CDS_INIT_LIST_HEAD(&list->Head);
+    return ListPtr(list.release());
+}
+
+} // namespace
+
+// Statements are finalized before their database is closed.
+class Store::Opened {
+  public:
+    explicit Opened(const std::string &path)
         : file(path), cpe(file.Get(), kStoreTables[0]), pop(file.Get(), kStoreTables[1])
     {
     }
@@ -64,190 +90,109 @@ struct OpenedStore {
     TableStatements pop;
 };
 
-std::unique_ptr<OpenedStore> &Opened()
-{
-    static std::unique_ptr<OpenedStore> opened;
-    return opened;
-}
+Store::Store(Host &host) : host_(host) {}
 
-OpenedStore &Store()
+Store::~Store() = default;
+
+Store::Opened &Store::Open()
 {
-    if (!ActiveConfig().persistence) {
+    const Config &config = host_.config;
+    if (!config.persistence) {
         throw StoreError(EOPNOTSUPP, "persistence is switched off");
     }
-    std::unique_ptr<OpenedStore> &opened = Opened();
-    if (opened && !opened->file.IsInPlace()) {
-        Log(LogLevel::kWarning, "store %s was removed or replaced: it is opened anew", ActiveConfig().store.c_str());
-        // Closed before the next is opened: closing removes files beside it by their names.
-        opened.reset();
+    if (opened_ && !opened_->file.IsInPlace()) {
+        Log(LogLevel::kWarning, "store %s was removed or replaced: it is opened again", config.store.c_str());
+        // Closed before the next one is opened: closing removes files beside it by their names.
+        opened_.reset();
     }
-    if (opened && opened->file.Get().IsReadOnly()) {
-        opened.reset(); // it may have become writable meanwhile
+    if (opened_ && opened_->file.Get().IsReadOnly()) {
+        opened_.reset(); // it may be writable by now
     }
-    if (!opened) {
-        opened = std::make_unique<OpenedStore>(ActiveConfig().store);
+    if (!opened_) {
+        opened_ = std::make_unique<Opened>(config.store);
     }
-    return *opened;
+    return *opened_;
 }
 
-// After a failure the store is opened anew: what was wrong may have been put right by then.
 template <typename Work>
-auto WithStore(Work work)
+auto Store::With(Work work)
 {
     try {
-        return work(Store());
+        return work(Open());
     } catch (...) {
-        Opened().reset();
+        opened_.reset();
         throw;
     }
 }
 
-void LogFailure(const std::string &what, const std::exception &failure)
-{
-    Log(LogLevel::kError, "store %s: %s: %s", ActiveConfig().store.c_str(), what.c_str(), failure.what());
-}
-
-// `work` with the store; a failure is logged as one of `what`, and comes back as a negated errno.
 template <typename Work>
-int Guarded(const std::string &what, Work work)
+void Store::WithReport(const std::string &operation, Work work)
 {
-    return WithoutExceptions([&] {
-        try {
-            return WithStore(work);
-        } catch (const std::exception &failure) {
-            LogFailure(what, failure);
-            throw;
-        }
-    });
+    try {
+        With(work);
+    } catch (const std::exception &failure) {
+        Log(LogLevel::kError, "store %s: %s: %s", host_.config.store.c_str(), operation.c_str(), failure.what());
+        throw;
+    }
 }
 
-std::string Subject(std::uint32_t vpnId)
+void Store::Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL table)
 {
-    return "vpn " + std::to_string(vpnId);
-}
-
-int Put(std::uint32_t vpnId, std::string_view text, VQ_SQL_CONF_TBL table)
-{
-    return Guarded(Subject(vpnId) + " cannot be stored", [&](OpenedStore &store) {
+    if (change_) {
+        *change_ = {.isBegun = true, .removal = std::nullopt};
+    }
+    WithReport(Subject(vpnId) + " cannot be stored", [&](Opened &store) {
         Statement::Run run(store.Of(table).put);
         run.Bind(1, vpnId);
         run.Bind(2, text);
         run.Step();
-        return 0;
     });
 }
 
-int Remove(std::uint32_t vpnId, VQ_SQL_CONF_TBL table)
+void Store::Remove(std::uint32_t vpnId, VQ_SQL_CONF_TBL table)
 {
-    return Guarded(Subject(vpnId) + " cannot be removed", [&](OpenedStore &store) {
+    if (change_) {
+        *change_ = {.isBegun = true, .removal = Change::Removal{vpnId, table}};
+        return;
+    }
+    RemoveNow(vpnId, table);
+}
+
+void Store::RemoveNow(std::uint32_t vpnId, VQ_SQL_CONF_TBL table)
+{
+    bool isMissing = false;
+    WithReport(Subject(vpnId) + " cannot be removed", [&](Opened &store) {
         Statement::Run run(store.Of(table).remove);
         run.Bind(1, vpnId);
         run.Step();
-        return store.file.Get().Changes() == 0 ? -ENOENT : 0;
+        isMissing = store.file.Get().Changes() == 0;
     });
+    if (isMissing) {
+        throw StoreError(ENOENT, Subject(vpnId) + " is not stored");
+    }
 }
 
-// The one that lives; null when none does.
-StoreChange *&CurrentChange()
+// Fills the zeroed record from a row's text. Returns why that is not possible, or nothing.
+std::optional<std::string> Store::Parse(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record)
 {
-    static StoreChange *current = nullptr;
-    return current;
-}
-
-int Carry(std::uint32_t vpnId, const char *text, VQ_SQL_CONF_OP op, VQ_SQL_CONF_TBL table)
-{
-    StoreChange *const change = CurrentChange();
-    if (op == VQ_SQL_CONF_OP_ADD && text != nullptr) {
-        if (change != nullptr) {
-            change->TakeAddition();
-        }
-        return Put(vpnId, text, table);
-    }
-    if (op != VQ_SQL_CONF_OP_DEL) {
-        return -EINVAL;
-    }
-    if (change != nullptr) {
-        change->TakeRemoval(vpnId, table);
-        return 0;
-    }
-    return Remove(vpnId, table);
-}
-
-// Fills the zeroed record from a row's text. Empty, or why that is not possible.
-std::string Parse(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record)
-{
-    const auto convert = VQ_GetDbDataTransOp()->DnsmasqStrToConf;
+    const auto convert = host_.conversions.DnsmasqStrToConf;
     if (convert == nullptr) {
         return "the module has no conversion for it";
     }
-    const ModuleSilence quiet;
-    ModuleErrors().Clear();
+    const ModuleSilence silence(host_);
+    host_.moduleErrors.Clear();
     const VQ_ERR_T result = convert(&record, text.data());
     if (result < 0) {
-        const std::string cause = ModuleErrors().Cause(result);
-        return cause.empty() ? std::strerror(-result) : cause;
+        return host_.moduleErrors.Cause(result).value_or(std::strerror(-result));
     }
     if (record.VpnId == 0 && std::ranges::find(kUnreadableIds, vpnId) != kUnreadableIds.end()) {
         record.VpnId = vpnId;
     }
-    return record.VpnId == vpnId ? "" : "it is a record of " + Subject(record.VpnId);
+    return record.VpnId == vpnId ? std::nullopt : std::optional("it is a record of " + Subject(record.VpnId));
 }
 
-void ForEachRow(Statement::Run &run, const std::function<void(std::uint32_t, std::string_view)> &take)
+StoredRecord Store::Describe(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record)
 {
-    while (run.Step()) {
-        take(static_cast<std::uint32_t>(run.Number(0)), run.Text(1));
-    }
-}
-
-struct ReleaseList {
-    void operator()(VQ_PersistentConfList *list) const { VQ_SqliteConfListRelease(list); }
-};
-using ListPtr = std::unique_ptr<VQ_PersistentConfList, ReleaseList>;
-
-ListPtr NewList()
-{
-    auto list = std::make_unique<VQ_PersistentConfList>();
-    CDS_INIT_LIST_HEAD(&list->Head);
-    return ListPtr(list.release());
-}
-
-void AppendRecord(VQ_PersistentConfList &list, std::uint32_t vpnId, std::string_view text)
-{
-    if (!ActiveConfig().Serves(vpnId)) {
-        Log(LogLevel::kWarning, "vpn %u: its stored record is left alone: the VPN is not configured", vpnId);
-        return;
-    }
-    auto node = MapZeroed<VQ_DnsmasqConfNode>();
-    const std::string problem = Parse(vpnId, text, node->Dnsmasq);
-    if (!problem.empty()) {
-        Log(LogLevel::kError, "vpn %u: its stored record cannot be read, and is kept: %s", vpnId, problem.c_str());
-        return;
-    }
-    cds_list_add_tail(&node.release()->List, &list.Head);
-    ++list.Count;
-}
-
-// What was read before a failure is handed out all the same: it is better than nothing.
-VQ_PersistentConfList *ReadList(VQ_SQL_CONF_TBL table)
-{
-    ListPtr list = NewList();
-    const int result = Guarded("the stored records cannot be read", [&](OpenedStore &store) {
-        Statement::Run run(store.Of(table).all);
-        ForEachRow(run, [&](std::uint32_t vpnId, std::string_view text) { AppendRecord(*list, vpnId, text); });
-        return 0;
-    });
-    return result < 0 && list->Count == 0 ? nullptr : list.release();
-}
-
-VQ_SQL_CONF_TBL TableOfPlatform()
-{
-    return ActiveConfig().platform == Platform::kCpe ? VQ_SQL_CONF_CPE_DNSMASQ : VQ_SQL_CONF_POP_DNSMASQ;
-}
-
-StoredRecord Describe(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record)
-{
-    ClearPages(record);
     StoredRecord stored;
     stored.vpn = vpnId;
     stored.bytes = text.size();
@@ -260,66 +205,101 @@ StoredRecord Describe(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CON
     return stored;
 }
 
-} // namespace
-
-std::vector<StoredRecord> ReadStored()
+void Store::AppendRecord(VQ_PersistentConfList &list, std::uint32_t vpnId, std::string_view text)
 {
-    return WithStore([](OpenedStore &store) {
+    if (!host_.config.Serves(vpnId)) {
+        Log(LogLevel::kWarning, "vpn %u: its stored record is not applied: the VPN is not configured", vpnId);
+        return;
+    }
+    auto node = MapZeroed<VQ_DnsmasqConfNode>();
+    StoredRecord stored = Describe(vpnId, text, node->Dnsmasq);
+    if (stored.problem) {
+        Log(LogLevel::kError, "vpn %u: its stored record cannot be read, and is kept: %s", vpnId,
+            stored.problem->c_str());
+        return;
+    }
+    listed_.push_back(std::move(stored));
+    cds_list_add_tail(&node.release()->List, &list.Head);
+    ++list.Count;
+}
+
+// Records that were read before a failure are in the list all the same.
+VQ_PersistentConfList *Store::List(VQ_SQL_CONF_TBL table)
+{
+    listed_.clear();
+    ListPtr list = NewList();
+    const std::int32_t result = ResultOf([&] {
+        WithReport("the stored records cannot be read", [&](Opened &store) {
+            Statement::Run run(store.Of(table).all);
+            ForEachRow(run, [&](std::uint32_t vpnId, std::string_view text) { AppendRecord(*list, vpnId, text); });
+        });
+        return 0;
+    });
+    return result < 0 && list->Count == 0 ? nullptr : list.release();
+}
+
+VQ_SQL_CONF_TBL Store::TableOfPlatform() const
+{
+    return host_.config.platform == Platform::kCpe ? VQ_SQL_CONF_CPE_DNSMASQ : VQ_SQL_CONF_POP_DNSMASQ;
+}
+
+std::vector<StoredRecord> Store::Read()
+{
+    return With([this](Opened &store) {
         std::vector<StoredRecord> records;
         const auto record = MapZeroed<VQ_DNSMASQ_CONF>();
         Statement::Run run(store.Of(TableOfPlatform()).all);
         ForEachRow(run, [&](std::uint32_t vpnId, std::string_view text) {
+            ClearPages(*record);
             records.push_back(Describe(vpnId, text, *record));
         });
         return records;
     });
 }
 
-std::optional<StoredRecord> ReadStored(std::uint32_t vpnId)
+std::optional<StoredRecord> Store::Read(std::uint32_t vpnId)
 {
-    const std::optional<std::string> text = ReadStoredText(vpnId);
+    const std::optional<std::string> text = ReadText(vpnId);
     if (!text) {
         return std::nullopt;
     }
     return Describe(vpnId, *text, *MapZeroed<VQ_DNSMASQ_CONF>());
 }
 
-std::optional<std::string> ReadStoredText(std::uint32_t vpnId)
+std::optional<std::string> Store::ReadText(std::uint32_t vpnId)
 {
-    return WithStore([vpnId](OpenedStore &store) -> std::optional<std::string> {
+    return With([&](Opened &store) -> std::optional<std::string> {
         Statement::Run run(store.Of(TableOfPlatform()).one);
         run.Bind(1, vpnId);
         return run.Step() ? std::optional(std::string(run.Text(1))) : std::nullopt;
     });
 }
 
-StoreChange::StoreChange()
+StoreChange::StoreChange(Store &store) : store_(store)
 {
-    CurrentChange() = this;
+    store_.change_.emplace();
 }
 
 StoreChange::~StoreChange()
 {
-    CurrentChange() = nullptr;
+    store_.change_.reset();
 }
 
-int StoreChange::Finish()
+bool StoreChange::IsBegun() const
 {
-    const auto removal = std::exchange(removal_, std::nullopt);
-    const int result = removal ? Remove(removal->first, removal->second) : 0;
-    return result == -ENOENT ? 0 : result;
+    return store_.change_->isBegun;
 }
 
-void StoreChange::TakeRemoval(std::uint32_t vpnId, VQ_SQL_CONF_TBL table)
+bool StoreChange::Finish()
 {
-    begun_ = true;
-    removal_.emplace(vpnId, table);
-}
-
-void StoreChange::TakeAddition()
-{
-    begun_ = true;
-    removal_.reset();
+    const auto removal = std::exchange(store_.change_->removal, std::nullopt);
+    const std::int32_t result = ResultOf([&] {
+        if (removal) {
+            store_.RemoveNow(removal->vpnId, removal->table);
+        }
+        return 0;
+    });
+    return result == 0 || result == -ENOENT;
 }
 
 } // namespace kavel::agent
@@ -330,30 +310,36 @@ extern "C" {
 
 BOOL VQ_IsPersistentConfEnable(void)
 {
-    return ActiveConfig().persistence ? TRUE : FALSE;
+    return Host::Current().config.persistence ? TRUE : FALSE;
 }
 
-// Its conversions of DNS records are the module's own.
+// The conversions of DNS records are the module's own.
 VQ_DATA_CONTENT_TRANS_OP *VQ_GetDbDataTransOp(void)
 {
-    static VQ_DATA_CONTENT_TRANS_OP operations = [] {
-        VQ_DATA_CONTENT_TRANS_OP empty = {};
-        empty.DataTransJsonStrFree = [](char *text) { VQ_AgentMemFree(text); };
-        return empty;
-    }();
-    return &operations;
+    return &Host::Current().conversions;
 }
 
 VQ_ERR_T VQ_SqliteDnsMasqConfOp(BOOL VpnId, char *Text, VQ_SQL_CONF_OP Op, VQ_SQL_CONF_TBL Table)
 {
-    return WithoutExceptions([&] { return Carry(static_cast<std::uint32_t>(VpnId), Text, Op, Table); });
+    return ResultOf([&] {
+        Store &store = Host::Current().store;
+        const auto vpnId = static_cast<std::uint32_t>(VpnId);
+        if (Op == VQ_SQL_CONF_OP_ADD && Text != nullptr) {
+            store.Put(vpnId, Text, Table);
+        } else if (Op == VQ_SQL_CONF_OP_DEL) {
+            store.Remove(vpnId, Table);
+        } else {
+            return -EINVAL;
+        }
+        return 0;
+    });
 }
 
 VQ_PersistentConfList *VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_TBL Table)
 {
     VQ_PersistentConfList *list = nullptr;
-    (void)WithoutExceptions([&] {
-        list = ReadList(Table);
+    (void)ResultOf([&] {
+        list = Host::Current().store.List(Table);
         return 0;
     });
     return list;

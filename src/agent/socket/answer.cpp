@@ -10,39 +10,24 @@
 namespace kavel::agent {
 namespace {
 
-// The generated structures point at text without changing it.
+// The generated structures do not change the text that they point at.
 char *Borrow(const std::string &text)
 {
     return const_cast<char *>(text.c_str()); // NOLINT(cppcoreguidelines-pro-type-const-cast): for those structures
 }
 
-void Put(std::optional<bool> value, protobuf_c_boolean &has, protobuf_c_boolean &target)
-{
-    has = value ? 1 : 0;
-    target = value.value_or(false) ? 1 : 0;
-}
-
-// One VPN's status as the message has it; it points into `status`.
+// A VPN's status with its texts, which point into the status.
 class PackedStatus {
   public:
-    explicit PackedStatus(const VpnStatus &status) : message_(KAVEL__VPN_STATUS__INIT)
+    explicit PackedStatus(const VpnStatus &status) : message_(status.fields)
     {
+        message_.namespace_ = Borrow(status.netns);
         for (const std::string &problem : status.problems) {
             problems_.push_back(Borrow(problem));
         }
-        TakeProcess(status);
-        message_.hosts = status.hosts;
-        message_.mx_hosts = status.mxHosts;
-        message_.servers = status.servers;
-        message_.forwards = status.forwards;
-        message_.routes = status.routes;
-        Put(status.stored, message_.has_stored, message_.stored);
-        Put(status.storedEnable, message_.has_stored_enable, message_.stored_enable);
-        Put(status.rule, message_.has_rule, message_.rule);
-        Put(status.dnat, message_.has_dnat, message_.dnat);
     }
 
-    // Valid while this object stays where it is.
+    // Valid until this object is moved or destroyed.
     Kavel__VpnStatus *Message()
     {
         message_.problems = problems_.data();
@@ -51,21 +36,6 @@ class PackedStatus {
     }
 
   private:
-    void TakeProcess(const VpnStatus &status)
-    {
-        message_.vpn = status.vpn;
-        message_.namespace_ = Borrow(status.netns);
-        message_.meant = status.meant ? 1 : 0;
-        message_.pid_file = status.pidFile ? 1 : 0;
-        message_.pid = status.pid;
-        message_.alive = status.alive ? 1 : 0;
-        message_.is_dnsmasq = status.isDnsmasq ? 1 : 0;
-        message_.in_namespace = status.inNamespace ? 1 : 0;
-        message_.answers = status.answers ? 1 : 0;
-        message_.uptime_seconds = status.uptimeSeconds;
-        message_.memory_bytes = status.memoryBytes;
-    }
-
     Kavel__VpnStatus message_;
     std::vector<char *> problems_;
 };
@@ -76,12 +46,12 @@ Kavel__StoredRecord PackRecord(const StoredRecord &record)
     Kavel__StoredRecord message = KAVEL__STORED_RECORD__INIT;
     message.vpn = record.vpn;
     message.bytes = record.bytes;
-    if (!record.problem.empty()) {
-        message.problem = Borrow(record.problem);
+    if (record.problem) {
+        message.problem = Borrow(*record.problem);
         return message;
     }
-    Put(record.enable, message.has_enable, message.enable);
-    message.has_hosts = message.has_mx_hosts = message.has_servers = message.has_forwards = 1;
+    message.enable = record.enable ? 1 : 0;
+    message.has_enable = message.has_hosts = message.has_mx_hosts = message.has_servers = message.has_forwards = 1;
     message.hosts = record.hosts;
     message.mx_hosts = record.mxHosts;
     message.servers = record.servers;
@@ -106,14 +76,19 @@ std::vector<std::uint8_t> PackReply(const Kavel__Reply &reply)
     return frame;
 }
 
-std::string TextOf(const Answer &answer)
+std::optional<std::string> TextOf(const Answer &answer)
 {
-    return answer.text.empty() && answer.result < 0 ? std::strerror(-answer.result) : answer.text;
+    return answer.text || answer.result >= 0 ? answer.text : std::optional(std::strerror(-answer.result));
+}
+
+char *BorrowOrNull(const std::optional<std::string> &text)
+{
+    return text ? Borrow(*text) : nullptr;
 }
 
 } // namespace
 
-Answer Refusal(std::int32_t result, std::string text)
+Answer Refusal(std::int32_t result, std::optional<std::string> text)
 {
     Answer answer;
     answer.result = result;
@@ -125,9 +100,9 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
 {
     Kavel__Reply reply = KAVEL__REPLY__INIT;
     reply.result = answer.result;
-    const std::string text = TextOf(answer);
-    reply.text = text.empty() ? nullptr : Borrow(text);
-    reply.reason = answer.reason.empty() ? nullptr : Borrow(answer.reason);
+    const std::optional<std::string> text = TextOf(answer);
+    reply.text = BorrowOrNull(text);
+    reply.reason = BorrowOrNull(answer.reason);
     reply.has_vpn = answer.vpn ? 1 : 0;
     reply.vpn = answer.vpn.value_or(0);
     std::optional<Kavel__Summary> summary = answer.summary;

@@ -1,8 +1,9 @@
-// What goes back to a caller on the control socket.
+// What goes back to a client of the control socket.
 #ifndef KAVEL_AGENT_ANSWER_H
 #define KAVEL_AGENT_ANSWER_H
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,21 +15,24 @@
 namespace kavel::agent {
 
 struct Answer {
-    std::int32_t result = 0;
-    std::string text;   // what the agent itself found wrong; else the text of a negative result is sent
-    std::string reason; // the module's message that says why
+    std::int32_t result = 0;           // 0 or more: carried out; a negated errno: refused
+    std::optional<std::string> text;   // what the agent found wrong; without it the errno's text is sent
+    std::optional<std::string> reason; // the module's message that says why
     std::optional<std::uint32_t> vpn;
-    bool awaitsLaunch = false; // of the VPN's instance: not to be told before
     std::optional<Kavel__Summary> summary;
     std::vector<VpnStatus> vpns;
     std::vector<StoredRecord> stored;
     std::optional<std::string> storedText;
 };
 
-Answer Refusal(std::int32_t result, std::string text);
+// Sends the answer to its client. Called exactly once per request.
+using Respond = std::function<void(const Answer &answer)>;
 
-// The frame, header included, that tells `answer`.
-std::vector<std::uint8_t> PackAnswer(const Answer &answer);
+// An answer with a negated errno; without a text the errno's own is sent.
+[[nodiscard]] Answer Refusal(std::int32_t result, std::optional<std::string> text = std::nullopt);
+
+// The frame of `answer`, header included.
+[[nodiscard]] std::vector<std::uint8_t> PackAnswer(const Answer &answer);
 
 } // namespace kavel::agent
 

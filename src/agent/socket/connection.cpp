@@ -1,6 +1,6 @@
 #include "socket/connection.h"
 
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -12,25 +12,27 @@
 namespace kavel::agent {
 namespace {
 
-constexpr std::chrono::seconds kPatience{10};
+constexpr std::chrono::seconds kStallTimeout{10};
 constexpr std::size_t kReadSize = 65536;
 
-// What a connection keeps allocated between two frames.
-constexpr std::size_t kIdleCapacity = 65536;
-
-bool WouldWait(int error)
+bool WouldBlock(int error)
 {
     return error == EAGAIN || error == EINTR;
 }
 
 } // namespace
 
-short Connection::Wanted() const
+std::span<const std::uint8_t> ReceivedFrame::Content() const
+{
+    return std::span(bytes).subspan(control::kFrameHeaderSize);
+}
+
+std::uint32_t Connection::WantedEvents() const
 {
     if (HasUnsentReply()) {
-        return POLLOUT;
+        return EPOLLOUT;
     }
-    return MayRead() ? POLLIN : short{0};
+    return MayRead() ? std::uint32_t{EPOLLIN} : 0;
 }
 
 void Connection::Advance(Clock::time_point now)
@@ -46,24 +48,24 @@ void Connection::Advance(Clock::time_point now)
 
 bool Connection::MayRead() const
 {
-    return !broken_ && !ended_ && !HasUnsentReply() && !HoldsFrame() && !Oversized();
+    return !isBusy_ && !isBroken_ && !hasEnded_ && !HasUnsentReply() && !HoldsFrame() && !IsOversized();
 }
 
-// Takes bytes as they come: what a header announces is worth no memory before it is there.
+// The buffer grows with what was received, not with what a header announces.
 void Connection::Read()
 {
     std::array<std::uint8_t, kReadSize> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): recv fills it
     while (MayRead()) {
         const ssize_t size = ::recv(socket_.Get(), bytes.data(), bytes.size(), 0);
         if (size < 0) {
-            broken_ = !WouldWait(errno);
+            isBroken_ = !WouldBlock(errno);
             return;
         }
         if (size == 0) {
-            ended_ = true;
+            hasEnded_ = true;
             return;
         }
-        if (!dismissed_) {
+        if (!isDismissed_) {
             in_.insert(in_.end(), bytes.begin(), bytes.begin() + size);
         }
     }
@@ -74,14 +76,14 @@ void Connection::Write()
     while (HasUnsentReply()) {
         const ssize_t size = ::send(socket_.Get(), out_.data() + sent_, out_.size() - sent_, MSG_NOSIGNAL);
         if (size < 0) {
-            broken_ = !WouldWait(errno);
+            isBroken_ = !WouldBlock(errno);
             return;
         }
         sent_ += static_cast<std::size_t>(size);
     }
     out_ = {};
     sent_ = 0;
-    if (dismissed_) {
+    if (isDismissed_) {
         ::shutdown(socket_.Get(), SHUT_WR);
     } else {
         deadline_.reset();
@@ -102,12 +104,18 @@ bool Connection::HoldsFrame() const
     return length && *length <= control::kFrameMax && in_.size() - control::kFrameHeaderSize >= *length;
 }
 
-std::span<const std::uint8_t> Connection::Frame() const
+// What follows the frame in the buffer stays there.
+ReceivedFrame Connection::BeginRequest()
 {
-    return std::span(in_).subspan(control::kFrameHeaderSize, *AnnouncedLength());
+    const auto end = in_.begin() + static_cast<std::ptrdiff_t>(control::kFrameHeaderSize + *AnnouncedLength());
+    std::vector<std::uint8_t> rest(end, in_.end());
+    in_.erase(end, in_.end());
+    isBusy_ = true;
+    deadline_.reset();
+    return {std::exchange(in_, std::move(rest))};
 }
 
-bool Connection::Oversized() const
+bool Connection::IsOversized() const
 {
     const auto length = AnnouncedLength();
     return length && *length > control::kFrameMax;
@@ -115,19 +123,15 @@ bool Connection::Oversized() const
 
 void Connection::Reply(std::vector<std::uint8_t> frame, Clock::time_point now)
 {
-    const auto used = static_cast<std::ptrdiff_t>(control::kFrameHeaderSize + *AnnouncedLength());
-    in_.erase(in_.begin(), in_.begin() + used);
-    if (in_.capacity() > kIdleCapacity) {
-        in_.shrink_to_fit();
-    }
-    isInHand_ = false;
-    served_ = true;
+    isBusy_ = false;
+    wasServed_ = true;
+    activeAt_ = now;
     Send(std::move(frame), now);
 }
 
 void Connection::Dismiss(std::vector<std::uint8_t> frame, Clock::time_point now)
 {
-    dismissed_ = true;
+    isDismissed_ = true;
     in_ = {};
     Send(std::move(frame), now);
 }
@@ -140,25 +144,18 @@ void Connection::Send(std::vector<std::uint8_t> frame, Clock::time_point now)
     Advance(now);
 }
 
-bool Connection::Finished() const
+bool Connection::IsFinished() const
 {
-    return broken_ || (ended_ && !HasUnsentReply() && !HoldsFrame() && !Oversized());
+    return isBroken_ || (hasEnded_ && !isBusy_ && !HasUnsentReply() && !HoldsFrame() && !IsOversized());
 }
 
 void Connection::UpdateDeadline(Clock::time_point now)
 {
-    const bool partial = !in_.empty() && !HoldsFrame();
-    if (!HasUnsentReply() && !partial && !dismissed_) {
+    const bool isPartial = !in_.empty() && !HoldsFrame();
+    if (!HasUnsentReply() && !isPartial && !isDismissed_) {
         deadline_.reset();
     } else if (!deadline_) {
-        deadline_ = now + kPatience;
-    }
-}
-
-void Connection::Postpone(Clock::duration delay)
-{
-    if (deadline_) {
-        *deadline_ += delay;
+        deadline_ = now + kStallTimeout;
     }
 }
 

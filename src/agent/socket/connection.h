@@ -1,4 +1,4 @@
-// One peer of the control socket: its bytes in, its bytes out, and how long it may take.
+// One client of the control socket: the bytes that it sends and gets, and its deadlines.
 #ifndef KAVEL_AGENT_CONNECTION_H
 #define KAVEL_AGENT_CONNECTION_H
 
@@ -16,49 +16,61 @@
 
 namespace kavel::agent {
 
+// A frame as it was received, header included.
+struct ReceivedFrame {
+    std::vector<std::uint8_t> bytes;
+
+    // Without the header.
+    [[nodiscard]] std::span<const std::uint8_t> Content() const;
+};
+
+// Reads one frame at a time: the next one is read when the last one was replied to. A frame that was begun and a reply
+// that was not read within 10 s are stalls; the owner compares Deadline() with its time and closes such a connection.
 class Connection {
   public:
     using Clock = std::chrono::steady_clock;
 
-    Connection(UniqueFd socket, pid_t peer) : socket_(std::move(socket)), peer_(peer) {}
+    // `socket` does not block. `peer` is the client's process, for the log. `now` counts as its last activity.
+    Connection(UniqueFd socket, pid_t peer, Clock::time_point now)
+        : socket_(std::move(socket)), peer_(peer), activeAt_(now)
+    {
+    }
 
     [[nodiscard]] int Fd() const { return socket_.Get(); }
     [[nodiscard]] pid_t Peer() const { return peer_; }
 
-    // The poll events that it waits for.
-    [[nodiscard]] short Wanted() const;
+    // The epoll events that it waits for; 0: none.
+    [[nodiscard]] std::uint32_t WantedEvents() const;
 
-    // Reads and writes as far as it goes without waiting.
+    // Reads and writes what is possible without blocking.
     void Advance(Clock::time_point now);
 
-    // A whole frame has come and the one before it is answered.
-    [[nodiscard]] bool HasFrame() const { return HoldsFrame() && !HasUnsentReply() && !isInHand_; }
-    [[nodiscard]] std::span<const std::uint8_t> Frame() const;
-    // From now on Frame() is being dealt with. Until it is replied to, the peer is neither heard nor dropped.
-    void TakeInHand() { isInHand_ = true; }
-    [[nodiscard]] bool IsInHand() const { return isInHand_; }
-    // Frame() is done with, and this is what it is answered with.
+    // Whether a frame is complete and the one before it is replied to.
+    [[nodiscard]] bool HasFrame() const { return HoldsFrame() && !HasUnsentReply() && !isBusy_; }
+    // Takes the frame out. Until Reply() the client's bytes are not read and it has no deadline.
+    [[nodiscard]] ReceivedFrame BeginRequest();
+    [[nodiscard]] bool IsBusy() const { return isBusy_; }
+    // Sends the answer to the frame of BeginRequest(), and begins to read again once it is sent.
     void Reply(std::vector<std::uint8_t> frame, Clock::time_point now);
 
-    // The next frame is announced longer than is taken.
-    [[nodiscard]] bool Oversized() const;
-    // Says so; what still comes is discarded, so that the peer gets to read the reply.
+    // Whether the header of the next frame announces more bytes than are accepted.
+    [[nodiscard]] bool IsOversized() const;
+    // Sends a last answer. What the client still sends is discarded, so that it can read the answer.
     void Dismiss(std::vector<std::uint8_t> frame, Clock::time_point now);
 
-    // Nothing of a frame has come, and no reply waits to be taken.
-    [[nodiscard]] bool Idle() const { return in_.empty() && !deadline_; }
-    // At least one frame was answered.
-    [[nodiscard]] bool Served() const { return served_; }
-    // Nothing more can or need be done for the peer.
-    [[nodiscard]] bool Finished() const;
-    // The peer ended with a frame begun.
-    [[nodiscard]] bool CutShort() const { return ended_ && !in_.empty(); }
+    // Whether nothing of a frame was received and no reply is unread.
+    [[nodiscard]] bool IsIdle() const { return in_.empty() && !deadline_ && !isBusy_; }
+    // Whether at least one frame was replied to, and when the client was active last.
+    [[nodiscard]] bool WasServed() const { return wasServed_; }
+    [[nodiscard]] Clock::time_point ActiveAt() const { return activeAt_; }
+    // Whether nothing more can or need be done for the client.
+    [[nodiscard]] bool IsFinished() const;
+    // Whether the client disconnected in the middle of a frame.
+    [[nodiscard]] bool IsTruncated() const { return hasEnded_ && !in_.empty(); }
     [[nodiscard]] bool HasUnsentReply() const { return sent_ < out_.size(); }
 
-    // Until when the frame or reply at hand must be through.
+    // When the current frame or reply must be complete; nothing while none is under way.
     [[nodiscard]] std::optional<Clock::time_point> Deadline() const { return deadline_; }
-    // Time that the agent took for others does not count.
-    void Postpone(Clock::duration delay);
 
   private:
     void Read();
@@ -74,11 +86,12 @@ class Connection {
     std::vector<std::uint8_t> in_;
     std::vector<std::uint8_t> out_;
     std::size_t sent_ = 0;
-    bool ended_ = false;     // the peer sends no more
-    bool broken_ = false;    // the peer is gone
-    bool dismissed_ = false; // it is heard no more
-    bool isInHand_ = false;
-    bool served_ = false;
+    bool hasEnded_ = false;    // the client sends no more
+    bool isBroken_ = false;    // the client is gone
+    bool isDismissed_ = false; // what the client sends is discarded
+    bool isBusy_ = false;      // a request is being handled
+    bool wasServed_ = false;
+    Clock::time_point activeAt_;
     std::optional<Clock::time_point> deadline_;
 };
 

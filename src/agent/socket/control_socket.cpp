@@ -1,5 +1,6 @@
 #include "socket/control_socket.h"
 
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -7,7 +8,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <optional>
+#include <tuple>
 #include <utility>
 
 #include "base/failure.h"
@@ -17,9 +21,9 @@
 namespace kavel::agent {
 namespace {
 
-constexpr std::size_t kConnectionsMax = 64;
-constexpr std::chrono::seconds kAcceptPause{1};
-constexpr std::chrono::seconds kFlushPatience{1};
+constexpr std::size_t kClientsMax = 64;
+constexpr std::chrono::seconds kAcceptPause{1}; // after a failure, such as a lack of descriptors
+constexpr std::chrono::seconds kDrainTimeout{1};
 constexpr mode_t kSocketUmask = 0177;
 
 class UmaskScope {
@@ -45,30 +49,32 @@ UniqueFd Listen(const std::string &path)
 {
     UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) {
-        ThrowLastFailure("socket");
+        ThrowLastErrno("socket");
     }
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     RemoveStaleSocket(path);
-    // The mode must be right from the first moment on.
+    // The socket must not be accessible to others at any moment.
     const UmaskScope umask(kSocketUmask);
     if (::bind(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
         ::listen(socket.Get(), SOMAXCONN) != 0) {
-        ThrowLastFailure(path);
+        ThrowLastErrno(path);
     }
     return socket;
 }
 
-int Milliseconds(Connection::Clock::duration left)
-{
-    return static_cast<int>(std::max<std::int64_t>(std::chrono::ceil<std::chrono::milliseconds>(left).count(), 0));
-}
-
 } // namespace
 
-ControlSocket::ControlSocket(std::string path, Handler handler)
-    : path_(std::move(path)), handler_(std::move(handler)), listener_(Listen(path_))
+ControlSocket::ControlSocket(EventLoop &loop, std::string path, Handler handler)
+    : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), listener_(Listen(path_)),
+      accept_(loop.AddIo(listener_.Get(), EPOLLIN, Priority::kAccept, [this](std::uint32_t /*events*/) { Accept(); })),
+      resumeAccepting_(loop.AddTimer([this] {
+          isAcceptPaused_ = false;
+          UpdateListener();
+      })),
+      deadlines_(loop.AddTimer([this] { CloseStalledClients(); })),
+      nextFrame_(loop.AddDeferred(Priority::kPeer, [this] { HandleNextFrame(); }))
 {
 }
 
@@ -77,131 +83,45 @@ ControlSocket::~ControlSocket()
     ::unlink(path_.c_str());
 }
 
-void ControlSocket::Watch(int fd, std::function<bool()> onEvent)
-{
-    watched_.push_back({fd, std::move(onEvent)});
-}
-
-void ControlSocket::Serve()
-{
-    while (ServeOnce()) {
-    }
-    FlushReplies();
-}
-
-// One request at most, so that a signal is seen between two of them.
-bool ControlSocket::ServeOnce()
-{
-    DropFinished();
-    std::vector<pollfd> polled = PollList(Clock::now());
-    if (::poll(polled.data(), polled.size(), PollTimeout(Clock::now())) < 0) {
-        if (errno != EINTR) {
-            ThrowLastFailure("poll");
-        }
-        return true;
-    }
-    const auto now = Clock::now();
-    const std::span<const pollfd> events(polled);
-    if (!RunWatchers(events.first(watched_.size()))) {
-        return false;
-    }
-    AdvanceAll(events.subspan(watched_.size() + 1), now);
-    DropStalled(now);
-    if (events[watched_.size()].revents != 0) {
-        MakeRoom();
-        AcceptAll(now);
-    }
-    DismissOversized(now);
-    HandleNext();
-    return true;
-}
-
-// The watched descriptors, the listener, the connections.
-std::vector<pollfd> ControlSocket::PollList(Clock::time_point now) const
-{
-    std::vector<pollfd> polled;
-    polled.reserve(watched_.size() + 1 + connections_.size());
-    for (const Watched &watched : watched_) {
-        polled.push_back({watched.fd, POLLIN, 0});
-    }
-    // poll passes over a negative descriptor: later peers wait in the backlog.
-    polled.push_back({Accepts(now) ? listener_.Get() : -1, POLLIN, 0});
-    // Nor is one that waits for its answer looked at: that its peer has gone changes nothing.
-    for (const Connection &connection : connections_) {
-        polled.push_back({connection.IsInHand() ? -1 : connection.Fd(), connection.Wanted(), 0});
-    }
-    return polled;
-}
-
-bool ControlSocket::Accepts(Clock::time_point now) const
-{
-    return now >= acceptAfter_ && (!IsFull() || std::ranges::any_of(connections_, &Connection::Idle));
-}
-
 bool ControlSocket::IsFull() const
 {
-    return connections_.size() >= kConnectionsMax;
+    return clients_.size() >= kClientsMax;
 }
 
-int ControlSocket::PollTimeout(Clock::time_point now) const
+// At most one client is closed per call: what the others have sent meanwhile is read before the next call.
+void ControlSocket::Accept()
 {
-    if (std::ranges::any_of(connections_, &Connection::HasFrame)) {
-        return 0;
+    if (IsFull()) {
+        CloseIdleClient();
     }
-    std::optional<Clock::time_point> next;
-    if (now < acceptAfter_) {
-        next = acceptAfter_;
-    }
-    for (const Connection &connection : connections_) {
-        const auto deadline = connection.Deadline();
-        if (deadline && (!next || *deadline < *next)) {
-            next = deadline;
-        }
-    }
-    return next ? Milliseconds(*next - now) : -1;
-}
-
-bool ControlSocket::RunWatchers(std::span<const pollfd> events) const
-{
-    bool goesOn = true;
-    for (std::size_t i = 0; i < events.size(); ++i) {
-        if (events[i].revents != 0) {
-            goesOn = watched_[i].onEvent() && goesOn;
-        }
-    }
-    return goesOn;
-}
-
-// Peers that say nothing must not keep out those that would. One gives way at a time: what the others have sent
-// meanwhile is read before the next does. The first one is the one that has been silent longest.
-void ControlSocket::MakeRoom()
-{
-    if (!IsFull()) {
-        return;
-    }
-    const auto silent = [](const Connection &connection) { return connection.Idle() && !connection.Served(); };
-    auto leaving = std::ranges::find_if(connections_, silent);
-    if (leaving == connections_.end()) {
-        leaving = std::ranges::find_if(connections_, &Connection::Idle);
-    }
-    if (leaving != connections_.end()) {
-        Log(LogLevel::kNotice, "control socket: process %d says nothing and gives way to another", leaving->Peer());
-        connections_.erase(leaving);
-    }
-}
-
-void ControlSocket::AcceptAll(Clock::time_point now)
-{
-    while (!IsFull() && now >= acceptAfter_) {
+    while (!IsFull()) {
         UniqueFd socket(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket) {
             Admit(std::move(socket));
         } else if (errno == EAGAIN) {
-            return;
+            break;
         } else if (errno != EINTR && errno != ECONNABORTED) {
             Log(LogLevel::kWarning, "control socket: cannot accept: %s", std::strerror(errno));
-            acceptAfter_ = now + kAcceptPause;
+            isAcceptPaused_ = true;
+            resumeAccepting_.ArmTimer(Clock::now() + kAcceptPause);
+            break;
         }
+    }
+    UpdateListener();
+}
+
+// A client that never sent a request is closed before one that did, and the one that is idle longest before others.
+void ControlSocket::CloseIdleClient()
+{
+    const auto rank = [](const auto &entry) {
+        const Connection &connection = entry.second.connection;
+        return std::tuple(!connection.IsIdle(), connection.WasServed(), connection.ActiveAt());
+    };
+    const auto leaving = std::ranges::min_element(clients_, {}, rank);
+    if (leaving != clients_.end() && leaving->second.connection.IsIdle()) {
+        Log(LogLevel::kNotice, "control socket: closing the idle connection of process %d: all %zu are in use",
+            leaving->second.connection.Peer(), kClientsMax);
+        clients_.erase(leaving);
     }
 }
 
@@ -210,117 +130,164 @@ void ControlSocket::Admit(UniqueFd socket)
     ucred peer{};
     socklen_t size = sizeof peer;
     if (::getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-        Log(LogLevel::kWarning, "control socket: a peer without credentials is dropped: %s", std::strerror(errno));
+        Log(LogLevel::kWarning, "control socket: rejected a client without credentials: %s", std::strerror(errno));
         return;
     }
     if (peer.uid != 0 && peer.uid != ::geteuid()) {
-        Log(LogLevel::kWarning, "control socket: process %d of user %u may not connect and is dropped", peer.pid,
-            peer.uid);
+        Log(LogLevel::kWarning, "control socket: rejected process %d: user %u may not connect", peer.pid, peer.uid);
         return;
     }
-    connections_.emplace_back(std::move(socket), peer.pid);
+    const ClientId id = ++lastId_;
+    EventSource source = loop_.AddIo(socket.Get(), EPOLLIN, Priority::kPeer,
+                                     [this, id](std::uint32_t /*events*/) { ProcessClient(id); });
+    clients_.emplace(id, Client{Connection(std::move(socket), peer.pid, loop_.IdleTime()), std::move(source)});
 }
 
-void ControlSocket::AdvanceAll(std::span<const pollfd> events, Clock::time_point now)
+void ControlSocket::ProcessClient(ClientId id)
 {
-    for (std::size_t i = 0; i < events.size(); ++i) {
-        if (events[i].revents != 0) {
-            connections_[i].Advance(now);
-        }
-    }
-}
-
-void ControlSocket::DropFinished()
-{
-    std::erase_if(connections_, [](const Connection &connection) {
-        if (connection.Finished() && connection.CutShort()) {
-            Log(LogLevel::kWarning, "control socket: process %d left in the middle of a frame", connection.Peer());
-        }
-        return connection.Finished();
-    });
-}
-
-void ControlSocket::DropStalled(Clock::time_point now)
-{
-    std::erase_if(connections_, [&](const Connection &connection) {
-        const bool stalled = !connection.Finished() && connection.Deadline() && *connection.Deadline() <= now;
-        if (stalled) {
-            Log(LogLevel::kWarning, "control socket: process %d stalls and is dropped", connection.Peer());
-        }
-        return stalled;
-    });
-}
-
-void ControlSocket::DismissOversized(Clock::time_point now)
-{
-    for (Connection &connection : connections_) {
-        if (connection.Oversized()) {
-            const std::string text = "a frame holds " + std::to_string(control::kFrameMax) + " bytes at most";
-            Log(LogLevel::kWarning, "control socket: process %d announces too much: %s", connection.Peer(),
-                text.c_str());
-            connection.Dismiss(PackAnswer(Refusal(-EMSGSIZE, text)), now);
-        }
-    }
-}
-
-void ControlSocket::HandleNext()
-{
-    const auto next = std::ranges::find_if(connections_, &Connection::HasFrame);
-    if (next == connections_.end()) {
+    Connection &connection = clients_.at(id).connection;
+    connection.Advance(loop_.IdleTime());
+    if (onDrained_) {
+        UpdateDraining(id);
         return;
     }
-    const auto started = Clock::now();
-    next->TakeInHand();
-    Handle(*next);
-    const auto took = Clock::now() - started;
-    for (Connection &connection : connections_) {
-        connection.Postpone(took);
+    if (connection.HasFrame()) {
+        ProcessFrame(id);
+    } else if (connection.IsOversized()) {
+        const std::string text = "a frame holds " + std::to_string(control::kFrameMax) + " bytes at most";
+        Log(LogLevel::kWarning, "control socket: process %d announced a longer frame: %s", connection.Peer(),
+            text.c_str());
+        connection.Dismiss(PackAnswer(Refusal(-EMSGSIZE, text)), loop_.IdleTime());
     }
-    // The one just served comes last next time.
-    std::rotate(next, next + 1, connections_.end());
+    Update(id);
 }
 
-void ControlSocket::Handle(const Connection &connection)
+void ControlSocket::ProcessFrame(ClientId id)
 {
-    const int fd = connection.Fd();
-    const int result = WithoutExceptions([&] {
-        handler_(connection.Frame(), [this, fd](const Answer &answer) { Reply(fd, answer); });
-        return 0;
+    handler_(clients_.at(id).connection.BeginRequest(), [this, id](const Answer &answer) { SendAnswer(id, answer); });
+}
+
+// A frame that was received together with the one before it: no event of its socket will announce it.
+void ControlSocket::HandleNextFrame()
+{
+    const ClientId id = ready_.front();
+    ready_.pop_front();
+    if (!ready_.empty()) {
+        nextFrame_.Enable();
+    }
+    if (clients_.contains(id) && clients_.at(id).connection.HasFrame()) {
+        ProcessFrame(id);
+        Update(id);
+    }
+}
+
+// A client stays while its request is handled, unless the socket was drained meanwhile.
+void ControlSocket::SendAnswer(ClientId id, const Answer &answer)
+{
+    const auto client = clients_.find(id);
+    if (client != clients_.end() && client->second.connection.IsBusy()) {
+        client->second.connection.Reply(PackAnswer(answer), loop_.IdleTime());
+        Update(id);
+    }
+}
+
+// Brings everything that depends on the client's state up to date.
+void ControlSocket::Update(ClientId id)
+{
+    const auto found = clients_.find(id);
+    if (found == clients_.end()) {
+        return;
+    }
+    if (onDrained_) {
+        UpdateDraining(id);
+        return;
+    }
+    auto &[connection, source] = found->second;
+    if (connection.IsFinished()) {
+        if (connection.IsTruncated()) {
+            Log(LogLevel::kWarning, "control socket: process %d disconnected in the middle of a frame",
+                connection.Peer());
+        }
+        clients_.erase(found);
+    } else {
+        if (connection.HasFrame() && std::ranges::find(ready_, id) == ready_.end()) {
+            ready_.push_back(id);
+            nextFrame_.Enable();
+        }
+        // Without wanted events the source is disabled: epoll reports a hang-up even if it is not asked for it.
+        source.SetIoEvents(connection.WantedEvents());
+        connection.WantedEvents() != 0 ? source.Enable() : source.Disable();
+    }
+    UpdateListener();
+    UpdateDeadlineTimer();
+}
+
+// While all slots are in use and no client is idle, later clients wait in the backlog.
+void ControlSocket::UpdateListener()
+{
+    const auto isIdle = [](const auto &entry) { return entry.second.connection.IsIdle(); };
+    const bool accepts = !onDrained_ && !isAcceptPaused_ && (!IsFull() || std::ranges::any_of(clients_, isIdle));
+    accepts ? accept_.Enable() : accept_.Disable();
+}
+
+void ControlSocket::UpdateDeadlineTimer()
+{
+    std::optional<Clock::time_point> next;
+    for (const auto &[id, client] : clients_) {
+        const auto deadline = client.connection.Deadline();
+        if (deadline && (!next || *deadline < *next)) {
+            next = deadline;
+        }
+    }
+    if (next) {
+        deadlines_.ArmTimer(Clock::now() + (*next - loop_.IdleTime()));
+    } else {
+        deadlines_.Disable();
+    }
+}
+
+void ControlSocket::CloseStalledClients()
+{
+    const auto now = loop_.IdleTime();
+    std::erase_if(clients_, [now](const auto &entry) {
+        const Connection &connection = entry.second.connection;
+        const bool isStalled = connection.Deadline() && *connection.Deadline() <= now;
+        if (isStalled) {
+            Log(LogLevel::kWarning, "control socket: process %d stalled; its connection is closed", connection.Peer());
+        }
+        return isStalled;
     });
-    if (result < 0) {
-        Log(LogLevel::kError, "control socket: a request failed: %s", std::strerror(-result));
-        Reply(fd, Refusal(result, ""));
+    UpdateListener();
+    UpdateDeadlineTimer();
+}
+
+void ControlSocket::Drain(std::function<void()> onDrained)
+{
+    onDrained_ = std::move(onDrained);
+    deadlines_.Disable();
+    nextFrame_.Disable();
+    UpdateListener();
+    drainTimer_ = loop_.AddTimer([this] { onDrained_(); });
+    drainTimer_.ArmTimer(Clock::now() + kDrainTimeout);
+    for (auto at = clients_.begin(); at != clients_.end();) {
+        UpdateDraining((at++)->first);
+    }
+    if (clients_.empty()) {
+        drainTimer_.ArmTimer(Clock::now());
     }
 }
 
-// While its request is in hand, a connection stays, and so does the number of its descriptor.
-void ControlSocket::Reply(int fd, const Answer &answer)
+void ControlSocket::UpdateDraining(ClientId id)
 {
-    const auto asking = std::ranges::find_if(
-        connections_, [fd](const Connection &connection) { return connection.Fd() == fd && connection.IsInHand(); });
-    if (asking != connections_.end()) {
-        asking->Reply(PackAnswer(answer), Clock::now());
+    auto &[connection, source] = clients_.at(id);
+    if (!connection.IsFinished() && connection.HasUnsentReply()) {
+        source.SetIoEvents(EPOLLOUT);
+        source.Enable();
+        return;
     }
-}
-
-void ControlSocket::FlushReplies()
-{
-    const auto deadline = Clock::now() + kFlushPatience;
-    for (;;) {
-        std::erase_if(connections_, [](const Connection &connection) {
-            return connection.Finished() || !connection.HasUnsentReply();
-        });
-        const auto now = Clock::now();
-        if (connections_.empty() || now >= deadline) {
-            return;
-        }
-        std::vector<pollfd> polled;
-        for (const Connection &connection : connections_) {
-            polled.push_back({connection.Fd(), POLLOUT, 0});
-        }
-        if (::poll(polled.data(), polled.size(), Milliseconds(deadline - now)) > 0) {
-            AdvanceAll(polled, Clock::now());
-        }
+    clients_.erase(id);
+    if (clients_.empty()) {
+        drainTimer_.ArmTimer(Clock::now());
     }
 }
 

@@ -1,72 +1,76 @@
-// The control socket: many peers, one request at a time, and answers when they are there.
+// The control socket: accepts clients, hands their frames to a handler, and sends the answers when they are ready.
 #ifndef KAVEL_AGENT_CONTROL_SOCKET_H
 #define KAVEL_AGENT_CONTROL_SOCKET_H
 
-#include <poll.h>
-
+#include <cstddef>
+#include <cstdint>
+#include <deque>
 #include <functional>
-#include <span>
+#include <map>
 #include <string>
-#include <vector>
 
+#include "base/event_loop.h"
 #include "socket/answer.h"
 #include "socket/connection.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {
 
+// Of all connections together one frame is handed over per iteration of the loop, so that signals and other events are
+// seen between two requests, and a client with many requests does not delay the others.
 class ControlSocket {
   public:
-    using Respond = std::function<void(const Answer &)>;
-    // Gets a frame and what to call with its answer: once, before it returns or later, but not after Serve() has. The
-    // frame is gone by then.
-    using Handler = std::function<void(std::span<const std::uint8_t> frame, const Respond &respond)>;
+    // Handles one frame. `respond` is called once, before the handler returns or later.
+    using Handler = std::function<void(ReceivedFrame frame, const Respond &respond)>;
 
-    // Replaces a socket that an earlier agent left at `path`; only the holder of the agent's lock may do so. Throws
-    // std::system_error. The socket is removed again with this object.
-    ControlSocket(std::string path, Handler handler);
+    // Listens at `path`, in the place of a socket that an earlier agent left there; only the holder of the agent's lock
+    // may do so. Clients are root and the agent's own user. Throws std::system_error. `loop` must outlive this object.
+    ControlSocket(EventLoop &loop, std::string path, Handler handler);
     ControlSocket(const ControlSocket &) = delete;
     ControlSocket &operator=(const ControlSocket &) = delete;
+    // Removes the socket.
     ~ControlSocket();
 
-    // Calls `onEvent` whenever `fd` can be read; it says whether serving goes on.
-    void Watch(int fd, std::function<bool()> onEvent);
-
-    // Serves until a watched event ends it.
-    void Serve();
+    // Stops accepting and reading. Calls `onDrained` when every reply is sent, and after 1 s at the latest.
+    void Drain(std::function<void()> onDrained);
 
   private:
-    using Clock = Connection::Clock;
+    using Clock = EventLoop::Clock;
+    using ClientId = std::uint64_t; // never used again, unlike a descriptor
 
-    struct Watched {
-        int fd;
-        std::function<bool()> onEvent;
+    struct Client {
+        Connection connection;
+        EventSource source;
     };
 
-    bool ServeOnce();
-    [[nodiscard]] std::vector<pollfd> PollList(Clock::time_point now) const;
-    [[nodiscard]] int PollTimeout(Clock::time_point now) const;
-    [[nodiscard]] bool Accepts(Clock::time_point now) const;
-    [[nodiscard]] bool IsFull() const;
-    bool RunWatchers(std::span<const pollfd> events) const;
-    void MakeRoom();
-    void AcceptAll(Clock::time_point now);
+    void Accept();
+    void CloseIdleClient();
     void Admit(UniqueFd socket);
-    void AdvanceAll(std::span<const pollfd> events, Clock::time_point now);
-    void DropFinished();
-    void DropStalled(Clock::time_point now);
-    void DismissOversized(Clock::time_point now);
-    void HandleNext();
-    void Handle(const Connection &connection);
-    void Reply(int fd, const Answer &answer);
-    void FlushReplies();
+    void ProcessClient(ClientId id);
+    void ProcessFrame(ClientId id);
+    void HandleNextFrame();
+    void SendAnswer(ClientId id, const Answer &answer);
+    void Update(ClientId id);
+    void UpdateDraining(ClientId id);
+    void UpdateListener();
+    void UpdateDeadlineTimer();
+    void CloseStalledClients();
+    [[nodiscard]] bool IsFull() const;
 
+    EventLoop &loop_;
     std::string path_;
     Handler handler_;
     UniqueFd listener_;
-    std::vector<Watched> watched_;
-    std::vector<Connection> connections_;
-    Clock::time_point acceptAfter_{};
+    std::map<ClientId, Client> clients_;
+    ClientId lastId_ = 0;
+    std::deque<ClientId> ready_; // clients whose next frame is in their buffer
+    EventSource accept_;
+    EventSource resumeAccepting_;
+    EventSource deadlines_;
+    EventSource nextFrame_;
+    EventSource drainTimer_;
+    bool isAcceptPaused_ = false;
+    std::function<void()> onDrained_; // set while draining
 };
 
 } // namespace kavel::agent

@@ -27,7 +27,7 @@ void *AllocateWithin(void *budget, std::size_t size)
     return std::malloc(size);
 }
 
-// Released with the library's own allocator later, which is free() as well.
+// The message is released later with the library's default allocator, which is free() as well.
 void Release(void * /*budget*/, void *memory)
 {
     std::free(memory);
@@ -41,7 +41,7 @@ std::optional<ControllerMessage> UnpackCpe(std::span<const std::uint8_t> bytes)
         return std::nullopt;
     }
     const auto *cpe = reinterpret_cast<const DnsmasqConf *>(message.content.get());
-    message.pointer.cpe = cpe;
+    message.pointer.DnsmasqPbCPE = cpe;
     message.vpn = cpe->has_vpnid != 0 ? cpe->vpnid : 0;
     message.enables = cpe->enable != 0;
     message.reloads = message.enables && cpe->operation == VQ_DNSMASQ_OP_RELOAD;
@@ -58,13 +58,13 @@ std::optional<ControllerMessage> UnpackPop(std::span<const std::uint8_t> bytes)
         return std::nullopt;
     }
     const auto *pop = reinterpret_cast<const PopDnsmasqConf *>(message.content.get());
-    message.pointer.pop = pop;
+    message.pointer.DnsmasqPbPOP = pop;
     message.enables = pop->enable != 0;
     message.launches = message.enables;
     return message;
 }
 
-// What the kernel refuses in the name of an interface, and what would not stay within its line.
+// What the kernel refuses in an interface name, and what would begin a new line.
 bool IsForbiddenInInterfaceName(unsigned char letter)
 {
     return std::isspace(letter) != 0 || std::iscntrl(letter) != 0 || letter == '/' || letter == ':';
@@ -84,7 +84,7 @@ std::optional<ControllerMessage> UnpackControllerMessage(Platform platform, std:
     return platform == Platform::kCpe ? UnpackCpe(bytes) : UnpackPop(bytes);
 }
 
-std::optional<std::string> InterfaceNameHazard(const DnsmasqConf &message)
+std::optional<std::string> InterfaceNameObjection(const DnsmasqConf &message)
 {
     for (std::size_t i = 0; i < message.n_dnsservers; ++i) {
         const char *name = message.dnsservers[i]->ifname;

@@ -1,4 +1,4 @@
-// A controller's message, unpacked.
+// Unpacks a controller's message.
 #ifndef KAVEL_AGENT_CONTROLLER_MESSAGE_H
 #define KAVEL_AGENT_CONTROLLER_MESSAGE_H
 
@@ -12,7 +12,7 @@
 
 #include "advanced_dns.pb-c.h"
 #include "base/config.h"
-#include "instances/module.h"
+#include "vqCtrlAdvancedDns.h"
 
 namespace kavel::agent {
 
@@ -21,12 +21,13 @@ struct ProtobufRelease {
 };
 using ProtobufMessage = std::unique_ptr<ProtobufCMessage, ProtobufRelease>;
 
-// Null for bytes that are no such message, and for those that would take an unreasonable amount of memory.
-ProtobufMessage UnpackProtobuf(const ProtobufCMessageDescriptor &type, std::span<const std::uint8_t> bytes);
+// The message; null when the bytes are not one of this type, or when unpacking it would take more than 256 MiB.
+[[nodiscard]] ProtobufMessage UnpackProtobuf(const ProtobufCMessageDescriptor &type,
+                                             std::span<const std::uint8_t> bytes);
 
 struct ControllerMessage {
     ProtobufMessage content;
-    MessagePointer pointer{}; // into `content`, for the module
+    VQ_CTRL_DNSMASQ_CONFIG_PB pointer{}; // into `content`, for the module
     std::uint32_t vpn = 0;
     bool enables = false;  // once it is applied, an instance is meant to run
     bool reloads = false;  // applying it signals the running instance
@@ -34,12 +35,13 @@ struct ControllerMessage {
 };
 
 // The message that controllers send to boxes of this platform; nothing when the bytes are not one.
-std::optional<ControllerMessage> UnpackControllerMessage(Platform platform, std::span<const std::uint8_t> bytes);
+[[nodiscard]] std::optional<ControllerMessage> UnpackControllerMessage(Platform platform,
+                                                                       std::span<const std::uint8_t> bytes);
 
-// Why a server of a CPE message may not reach the module: its interface name, which the module writes into an
-// instance's configuration as it comes, holds what no interface's name can. One with a line break would be options of
-// the controller's choice. Nothing when all are in order.
-std::optional<std::string> InterfaceNameHazard(const DnsmasqConf &message);
+// Why a CPE message must not reach the module; nothing when it may. The module writes the interface name of a server
+// into an instance's configuration without a check: a name with a line break would add options of the sender's choice.
+// Names with characters that no interface name can have are objected to.
+[[nodiscard]] std::optional<std::string> InterfaceNameObjection(const DnsmasqConf &message);
 
 } // namespace kavel::agent
 

@@ -1,34 +1,30 @@
 #include "socket/requests.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <iterator>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <utility>
 
+#include "base/failure.h"
 #include "base/log.h"
-#include "base/netns.h"
 #include "instances/instances.h"
-#include "services/interfaces_netlink.h"
-#include "services/routes_netlink.h"
-#include "services/store.h"
-#include "socket/controller_message.h"
+#include "instances/startup.h"
 #include "socket/store_requests.h"
 #include "vqMemory.h"
 
 namespace kavel::agent {
 namespace {
 
-constexpr std::chrono::milliseconds kStartPatience{2000};
+constexpr std::chrono::milliseconds kLaunchTimeout{2000};
 
 struct RecordRelease {
     void operator()(VQ_DNSMASQ_CONF *record) const { VQ_AgentMemFree(record); }
 };
 
-Answer RefusalOf(std::uint32_t vpnId, std::int32_t result, std::string why)
+Answer RefusalOf(std::uint32_t vpnId, std::int32_t result, std::optional<std::string> why)
 {
     Answer answer = Refusal(result, std::move(why));
     answer.vpn = vpnId;
@@ -45,14 +41,14 @@ Answer MalformedMessage(Platform platform)
     return Refusal(-EINVAL, platform == Platform::kCpe ? "not a CPE message" : "not a POP message");
 }
 
-// What the module does not look at and must not get.
-std::optional<Answer> Objection(Platform platform, const ControllerMessage &message)
+// What the module does not check and must not get.
+std::optional<Answer> MessageObjection(Platform platform, const ControllerMessage &message)
 {
-    auto hazard = platform == Platform::kCpe ? InterfaceNameHazard(*message.pointer.cpe) : std::nullopt;
-    return hazard ? std::optional(RefusalOf(message.vpn, -EINVAL, std::move(*hazard))) : std::nullopt;
+    auto objection = platform == Platform::kCpe ? InterfaceNameObjection(*message.pointer.DnsmasqPbCPE) : std::nullopt;
+    return objection ? std::optional(RefusalOf(message.vpn, -EINVAL, std::move(objection))) : std::nullopt;
 }
 
-// The enumeration has no room for the negative numbers that a peer can send.
+// The generated enumeration has no negative values, but a client can send them.
 std::int32_t VerbOf(const Kavel__Request &request)
 {
     std::int32_t verb = 0;
@@ -61,14 +57,19 @@ std::int32_t VerbOf(const Kavel__Request &request)
     return verb;
 }
 
-// The outcome of a call of the module, with what the module itself said about it.
-Answer Outcome(std::int32_t result, std::uint32_t vpnId)
+std::span<const std::uint8_t> MessageOf(const Kavel__Request &request)
+{
+    return {request.message.data, request.has_message != 0 ? request.message.len : 0};
+}
+
+// The outcome of a call of the module, with the module's message about a failure.
+Answer OutcomeOf(const Host &host, std::int32_t result, std::uint32_t vpnId)
 {
     Answer answer;
     answer.result = result;
     answer.vpn = vpnId;
     if (result < 0) {
-        answer.reason = ModuleErrors().Cause(result);
+        answer.reason = host.moduleErrors.Cause(result);
     }
     return answer;
 }
@@ -80,9 +81,9 @@ void LogOutcome(const Answer &answer, const char *done)
         Log(LogLevel::kNotice, "vpn %u: %s", vpnId, done);
         return;
     }
-    const std::string &why = answer.reason.empty() ? answer.text : answer.reason;
+    const std::optional<std::string> &why = answer.reason ? answer.reason : answer.text;
     Log(LogLevel::kWarning, "vpn %u: refused (%d %s)%s%s", vpnId, answer.result, std::strerror(-answer.result),
-        why.empty() ? "" : ": ", why.c_str());
+        why ? ": " : "", why ? why->c_str() : "");
 }
 
 Kavel__Summary Summarise(const VQ_DNSMASQ_CONF &record)
@@ -98,168 +99,256 @@ Kavel__Summary Summarise(const VQ_DNSMASQ_CONF &record)
     return summary;
 }
 
-// It does not undo what was applied.
-void TellTrouble(Answer &answer, const char *wrong)
+// The message stays applied.
+void ReportServiceProblem(Answer &answer, const char *problem)
 {
-    answer.text = wrong;
-    Log(LogLevel::kError, "vpn %u: %s", answer.vpn.value_or(0), wrong);
+    answer.text = problem;
+    Log(LogLevel::kError, "vpn %u: %s", answer.vpn.value_or(0), problem);
 }
 
-// After a message has come into force.
-void Settle(Answer &answer, const ControllerMessage &message)
+// What is meant to run from now on, and whether it does.
+void RecordOutcome(Answer &answer, const ControllerMessage &message)
 {
     SetMeantToRun(message.vpn, message.enables);
-    answer.awaitsLaunch = message.launches;
     if (message.reloads && !IsRunning(message.vpn)) {
-        TellTrouble(answer, "no instance runs, and a reload starts none");
+        ReportServiceProblem(answer, "no instance runs, and a reload starts none");
     } else if (!message.enables && IsRunning(message.vpn)) {
-        TellTrouble(answer, "the instance still runs");
+        ReportServiceProblem(answer, "the instance still runs");
+    }
+}
+
+void PrepareNamespaceOrLog(Host &host, std::uint32_t vpnId)
+{
+    try {
+        PrepareNamespace(host, vpnId);
+    } catch (const std::system_error &failure) {
+        Log(LogLevel::kWarning, "vpn %u: its namespace is not ready: %s", vpnId, failure.what());
+    }
+}
+
+// Runs `work`; what it throws becomes the answer. A client that was answered already gets no second answer.
+template <typename Work>
+void WithAnswer(const Respond &respond, Work work)
+{
+    try {
+        work();
+    } catch (const std::exception &failure) {
+        const std::int32_t result = ResultOfCurrentException();
+        Log(LogLevel::kError, "control socket: a request failed: %s", failure.what());
+        respond(Refusal(result));
     }
 }
 
 } // namespace
 
-int PrepareNamespace(std::uint32_t vpnId)
+Requests::Requests(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches)
+    : loop_(loop), host_(host), module_(module), launches_(launches),
+      drain_(loop.AddDeferred(Priority::kPeer, [this] { DrainQueues(); }))
 {
-    if (vpnId == 0) {
-        return 0; // the box's own namespace is not the agent's to change
-    }
-    const int loopback = BringLoopbackUp(vpnId);
-    return loopback < 0 ? loopback : EnsurePolicyRule(vpnId);
 }
 
-void Requests::Handle(std::span<const std::uint8_t> frame, const Respond &respond) const
+void Requests::Handle(ReceivedFrame frame, const Respond &respond)
 {
-    const ProtobufMessage envelope = UnpackProtobuf(kavel__request__descriptor, frame);
-    if (!envelope) {
-        respond(Refusal(-EINVAL, "not a request"));
-        return;
-    }
-    Answer answer = AnswerTo(*reinterpret_cast<const Kavel__Request *>(envelope.get()));
-    if (!answer.awaitsLaunch) {
-        respond(answer);
-        return;
-    }
-    launches_.Add(answer.vpn.value_or(0), kStartPatience, [answer, respond](bool isUp) mutable {
-        if (!isUp) {
-            TellTrouble(answer, "the instance did not come up");
+    Dispatch({std::move(frame), respond}, false);
+}
+
+void Requests::Dispatch(ReceivedRequest received, bool wasQueued)
+{
+    const Respond respond = received.respond;
+    WithAnswer(respond, [&] {
+        const ProtobufMessage envelope = UnpackProtobuf(kavel__request__descriptor, received.frame.Content());
+        if (!envelope) {
+            respond(Refusal(-EINVAL, "not a request"));
+            return;
         }
-        respond(answer);
+        host_.namespaces.BeginRequest();
+        host_.moduleErrors.Clear();
+        DispatchVerb(*reinterpret_cast<const Kavel__Request *>(envelope.get()), std::move(received), wasQueued);
     });
 }
 
-Answer Requests::AnswerTo(const Kavel__Request &request) const
+void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest received, bool wasQueued)
 {
-    BeginRound();
-    ModuleErrors().Clear();
-    const std::span<const std::uint8_t> message(request.message.data,
-                                                request.has_message != 0 ? request.message.len : 0);
     const std::int32_t verb = VerbOf(request);
     switch (verb) {
     case KAVEL__REQUEST__VERB__APPLY:
-        return Apply(message);
-    case KAVEL__REQUEST__VERB__CHECK:
-        return Check(message);
-    case KAVEL__REQUEST__VERB__STATUS:
-        return Status(request);
+        HandleApply(request, std::move(received), wasQueued);
+        return;
     case KAVEL__REQUEST__VERB__VPN_INIT:
-        return InitDirectory(request);
     case KAVEL__REQUEST__VERB__VPN_RELEASE:
-        return ReleaseDirectory(request);
+        HandleDirectory(request, std::move(received), wasQueued);
+        return;
+    case KAVEL__REQUEST__VERB__STATUS:
+        BeginStatus(request, received.respond);
+        return;
+    case KAVEL__REQUEST__VERB__CHECK:
+        received.respond(Check(MessageOf(request)));
+        return;
     case KAVEL__REQUEST__VERB__STORE_LIST:
-        return ListStore();
+        received.respond(ListStore(host_.store));
+        return;
     case KAVEL__REQUEST__VERB__STORE_SHOW:
-        return ShowStored(request);
+        received.respond(ShowStored(host_.store, request));
+        return;
     default:
-        return Refusal(-EINVAL, "unknown verb " + std::to_string(verb));
+        received.respond(Refusal(-EINVAL, "unknown verb " + std::to_string(verb)));
     }
 }
 
-Answer Requests::Apply(std::span<const std::uint8_t> message) const
+// Runs `work` now, or after the requests for the VPN that came before. A queued request is handled again from its
+// frame.
+void Requests::RunInOrder(std::uint32_t vpnId, ReceivedRequest received, bool wasQueued,
+                          const std::function<void(const Respond &respond)> &work)
 {
-    const auto unpacked = UnpackControllerMessage(config_.platform, message);
-    if (!unpacked) {
-        return MalformedMessage(config_.platform);
+    const bool mustWait = !wasQueued && (launches_.IsPending(vpnId) || !queues_.IsEmpty(vpnId));
+    if (!mustWait) {
+        work(received.respond);
+        return;
     }
-    const std::uint32_t vpnId = unpacked->vpn;
-    if (!config_.Serves(vpnId)) {
-        return NotConfigured(vpnId);
-    }
-    launches_.Await(vpnId); // the module finds an instance by its pid file, which is still to come
-    if (auto objection = Objection(config_.platform, *unpacked)) {
-        LogOutcome(*objection, "");
-        return *objection;
-    }
-    if (auto hazard = unpacked->reloads ? ReloadHazard(vpnId) : std::nullopt) {
-        Answer answer = RefusalOf(vpnId, -ESRCH, std::move(*hazard));
+    if (auto objection = queues_.Objection(vpnId, received.frame.bytes.size())) {
+        const Answer answer = RefusalOf(vpnId, -EBUSY, std::move(objection));
         LogOutcome(answer, "");
-        return answer;
+        received.respond(answer);
+        return;
     }
-    const int prepared = PrepareNamespace(vpnId);
-    if (prepared < 0) {
-        Log(LogLevel::kWarning, "vpn %u: its namespace is not ready: %s", vpnId, std::strerror(-prepared));
+    queues_.Add(vpnId, std::move(received));
+}
+
+void Requests::HandleApply(const Kavel__Request &request, ReceivedRequest received, bool wasQueued)
+{
+    const auto message = UnpackControllerMessage(host_.config.platform, MessageOf(request));
+    if (!message) {
+        received.respond(MalformedMessage(host_.config.platform));
+    } else if (!host_.config.Serves(message->vpn)) {
+        received.respond(NotConfigured(message->vpn));
+    } else {
+        RunInOrder(message->vpn, std::move(received), wasQueued,
+                   [&](const Respond &respond) { Apply(*message, respond); });
     }
-    StoreChange change;
-    Answer answer = Outcome(module_.configure(&unpacked->pointer), vpnId);
+}
+
+std::optional<Answer> Requests::ApplyObjection(const ControllerMessage &message) const
+{
+    if (auto objection = MessageObjection(host_.config.platform, message)) {
+        return objection;
+    }
+    auto objection = message.reloads ? ReloadObjection(message.vpn) : std::nullopt;
+    return objection ? std::optional(RefusalOf(message.vpn, -ESRCH, std::move(objection))) : std::nullopt;
+}
+
+void Requests::Apply(const ControllerMessage &message, const Respond &respond)
+{
+    if (const auto objection = ApplyObjection(message)) {
+        LogOutcome(*objection, "");
+        respond(*objection);
+        return;
+    }
+    PrepareNamespaceOrLog(host_, message.vpn);
+    StoreChange change(host_.store);
+    Answer answer = OutcomeOf(host_, module_.configure(&message.pointer), message.vpn);
     LogOutcome(answer, "applied");
-    if (answer.result >= 0 && change.Finish() < 0) {
+    if (answer.result >= 0 && !change.Finish()) {
         answer.text = "what was stored before is still stored, and comes back at the next start";
     }
-    if (answer.result < 0 && change.Begun()) {
-        answer.reason += "; the message is in force all the same, and what was stored before is still stored";
+    if (answer.result < 0 && change.IsBegun()) {
+        answer.reason = answer.reason.value_or("") +
+                        "; the message is in force all the same, and what was stored before is still stored";
     }
-    if (answer.result >= 0 || change.Begun()) {
-        Settle(answer, *unpacked);
+    const bool isInForce = answer.result >= 0 || change.IsBegun();
+    if (isInForce) {
+        RecordOutcome(answer, message);
     }
-    return answer;
+    if (!isInForce || !message.launches) {
+        respond(answer);
+        return;
+    }
+    launches_.Add(message.vpn, kLaunchTimeout,
+                  [this, answer, respond](LaunchOutcome outcome) { EndLaunch(answer, outcome, respond); });
 }
 
-Answer Requests::Check(std::span<const std::uint8_t> message) const
+void Requests::EndLaunch(Answer answer, LaunchOutcome outcome, const Respond &respond)
 {
-    if (module_.translate == nullptr) {
-        return Refusal(-EOPNOTSUPP, "the module cannot check a message of this platform");
+    if (outcome == LaunchOutcome::kFailed) {
+        ReportServiceProblem(answer, "the instance did not come up");
+    } else if (outcome == LaunchOutcome::kCancelled) {
+        answer.text = "the agent is stopping; the instance was still starting";
     }
-    const auto unpacked = UnpackControllerMessage(config_.platform, message);
-    if (!unpacked) {
-        return MalformedMessage(config_.platform);
+    respond(answer);
+    if (!queues_.IsEmpty(*answer.vpn)) {
+        drainable_.insert(*answer.vpn);
+        drain_.Enable();
     }
-    if (auto objection = Objection(config_.platform, *unpacked)) {
-        return *objection;
+}
+
+// One request per iteration of the loop, until one of them launches an instance again.
+void Requests::DrainQueues()
+{
+    const std::uint32_t vpnId = *drainable_.begin();
+    if (auto request = queues_.Take(vpnId)) {
+        Dispatch(*std::move(request), true);
+    }
+    if (queues_.IsEmpty(vpnId) || launches_.IsPending(vpnId)) {
+        drainable_.erase(vpnId);
+    }
+    if (!drainable_.empty()) {
+        drain_.Enable();
+    }
+}
+
+void Requests::Stop()
+{
+    drainable_.clear();
+    drain_.Disable();
+    for (const ReceivedRequest &waiting : queues_.TakeAll()) {
+        waiting.respond(Refusal(-ECANCELED, "the agent is stopping; nothing was applied"));
+    }
+    for (const PendingStatus &status : statuses_) {
+        status.respond(Refusal(-ECANCELED, "the agent is stopping"));
+    }
+    statuses_.clear();
+    launches_.CancelAll();
+}
+
+Answer Requests::Check(std::span<const std::uint8_t> bytes) const
+{
+    const auto message = UnpackControllerMessage(host_.config.platform, bytes);
+    if (!message) {
+        return MalformedMessage(host_.config.platform);
+    }
+    if (auto objection = MessageObjection(host_.config.platform, *message)) {
+        return *std::move(objection);
     }
     const std::unique_ptr<VQ_DNSMASQ_CONF, RecordRelease> record(
         static_cast<VQ_DNSMASQ_CONF *>(VQ_AgentMemZeroAlloc(sizeof(VQ_DNSMASQ_CONF))));
     if (!record) {
-        return Refusal(-ENOMEM, "");
+        return Refusal(-ENOMEM);
     }
-    Answer answer = Outcome(module_.translate(&unpacked->pointer, record.get()), unpacked->vpn);
+    Answer answer = OutcomeOf(host_, module_.translate(&message->pointer, record.get()), message->vpn);
     if (answer.result >= 0) {
         answer.summary = Summarise(*record);
     }
     return answer;
 }
 
-Answer Requests::Status(const Kavel__Request &request) const
+void Requests::BeginStatus(const Kavel__Request &request, const Respond &respond)
 {
-    std::vector<std::uint32_t> vpnIds;
-    if (request.has_vpn != 0) {
-        if (!config_.Serves(request.vpn)) {
-            return NotConfigured(request.vpn);
+    StatusScope scope{{request.vpn}, request.has_vpn == 0};
+    if (scope.isAll) {
+        scope.vpnIds = {0};
+        for (const Vpn &vpn : host_.config.vpns) {
+            scope.vpnIds.push_back(vpn.id);
         }
-        vpnIds.push_back(request.vpn);
-        launches_.Await(request.vpn);
-    } else {
-        launches_.AwaitAll();
-        vpnIds.push_back(0);
-        for (const Vpn &vpn : config_.vpns) {
-            vpnIds.push_back(vpn.id);
-        }
+    } else if (!host_.config.Serves(request.vpn)) {
+        respond(NotConfigured(request.vpn));
+        return;
     }
-    Answer answer;
-    answer.vpns = StatusOf(vpnIds);
-    if (request.has_vpn == 0) {
-        std::ranges::move(StatusOfStrays(), std::back_inserter(answer.vpns));
-    }
-    return answer;
+    const auto status = statuses_.insert(statuses_.end(), PendingStatus{respond, std::nullopt});
+    status->query.emplace(loop_, host_, launches_, std::move(scope), [this, status](std::vector<VpnStatus> statuses) {
+        Answer answer;
+        answer.vpns = std::move(statuses);
+        status->respond(answer);
+        statuses_.erase(status);
+    });
 }
 
 std::optional<Answer> Requests::DirectoryObjection(const Kavel__Request &request) const
@@ -270,29 +359,34 @@ std::optional<Answer> Requests::DirectoryObjection(const Kavel__Request &request
     if (request.vpn == 0) {
         return Refusal(-EINVAL, "vpn 0 is the box itself and has no directory of its own");
     }
-    return config_.Serves(request.vpn) ? std::nullopt : std::optional(NotConfigured(request.vpn));
+    return host_.config.Serves(request.vpn) ? std::nullopt : std::optional(NotConfigured(request.vpn));
 }
 
-Answer Requests::InitDirectory(const Kavel__Request &request) const
+void Requests::HandleDirectory(const Kavel__Request &request, ReceivedRequest received, bool wasQueued)
 {
-    if (auto objection = DirectoryObjection(request)) {
-        return *objection;
+    if (const auto objection = DirectoryObjection(request)) {
+        received.respond(*objection);
+        return;
     }
-    Answer answer = Outcome(module_.initDirectory(request.vpn), request.vpn);
-    LogOutcome(answer, "directory made");
+    RunInOrder(request.vpn, std::move(received), wasQueued, [&](const Respond &respond) {
+        const bool isInit = VerbOf(request) == KAVEL__REQUEST__VERB__VPN_INIT;
+        respond(isInit ? InitDirectory(request.vpn) : ReleaseDirectory(request.vpn));
+    });
+}
+
+Answer Requests::InitDirectory(std::uint32_t vpnId) const
+{
+    Answer answer = OutcomeOf(host_, module_.initDirectory(vpnId), vpnId);
+    LogOutcome(answer, "directory created");
     return answer;
 }
 
-Answer Requests::ReleaseDirectory(const Kavel__Request &request) const
+Answer Requests::ReleaseDirectory(std::uint32_t vpnId) const
 {
-    if (auto objection = DirectoryObjection(request)) {
-        return *objection;
+    if (IsRunning(vpnId)) {
+        return RefusalOf(vpnId, -EBUSY, "the instance of vpn " + std::to_string(vpnId) + " is running");
     }
-    launches_.Await(request.vpn);
-    if (IsRunning(request.vpn)) {
-        return RefusalOf(request.vpn, -EBUSY, "the instance of vpn " + std::to_string(request.vpn) + " is running");
-    }
-    Answer answer = Outcome(module_.releaseDirectory(request.vpn), request.vpn);
+    Answer answer = OutcomeOf(host_, module_.releaseDirectory(vpnId), vpnId);
     LogOutcome(answer, "directory removed");
     return answer;
 }

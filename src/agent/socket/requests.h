@@ -1,51 +1,71 @@
-// The verbs of the control socket.
+// Handles the requests of the control socket.
 #ifndef KAVEL_AGENT_REQUESTS_H
 #define KAVEL_AGENT_REQUESTS_H
 
 #include <cstdint>
-#include <functional>
+#include <list>
 #include <optional>
+#include <set>
 #include <span>
 
-#include "base/config.h"
-#include "instances/launches.h"
+#include "base/event_loop.h"
 #include "instances/module.h"
+#include "instances/pending_launches.h"
+#include "services/host.h"
 #include "socket/answer.h"
+#include "socket/controller_message.h"
+#include "socket/request_queues.h"
+#include "socket/status_query.h"
 
 namespace kavel::agent {
 
-// What a VPN's namespace must hold before its instance is of use: loopback up, and the rule that selects the instance's
-// route table. 0 or a negated errno.
-int PrepareNamespace(std::uint32_t vpnId);
-
+// A message that starts an instance is answered when the launch has ended. Until then the VPN is busy: the requests
+// that change it wait in its queue, since the module finds an instance by its pid file, which is not written yet.
+// Requests that only read are answered at once.
 class Requests {
   public:
-    using Respond = std::function<void(const Answer &)>;
+    // The references must outlive this object. Throws std::system_error.
+    Requests(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches);
 
-    // All of them outlive this object.
-    Requests(const Module &module, const Config &config, Launches &launches)
-        : module_(module), config_(config), launches_(launches)
-    {
-    }
+    // Handles a frame that holds one packed Request. `respond` is called once, before this returns or by the loop.
+    void Handle(ReceivedFrame frame, const Respond &respond);
 
-    // `frame` holds one packed Request. `respond` is called once: before this returns, or, of a message that launches
-    // an instance, when that launch ends.
-    void Handle(std::span<const std::uint8_t> frame, const Respond &respond) const;
+    // Answers everything that is not answered yet: refuses what waits in a queue and status requests, and cancels the
+    // launches. No request may follow.
+    void Stop();
 
   private:
-    [[nodiscard]] Answer AnswerTo(const Kavel__Request &request) const;
-    [[nodiscard]] Answer Apply(std::span<const std::uint8_t> message) const;
-    [[nodiscard]] Answer Check(std::span<const std::uint8_t> message) const;
-    [[nodiscard]] Answer Status(const Kavel__Request &request) const;
-    [[nodiscard]] Answer InitDirectory(const Kavel__Request &request) const;
-    [[nodiscard]] Answer ReleaseDirectory(const Kavel__Request &request) const;
+    using OptionalAnswer = std::optional<Answer>;
 
-    // Why the directory of the request's VPN cannot be made or removed; nothing when it can.
-    [[nodiscard]] std::optional<Answer> DirectoryObjection(const Kavel__Request &request) const;
+    void Dispatch(ReceivedRequest received, bool wasQueued);
+    void DispatchVerb(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
+    void RunInOrder(std::uint32_t vpnId, ReceivedRequest received, bool wasQueued,
+                    const std::function<void(const Respond &respond)> &work);
+    void HandleApply(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
+    void HandleDirectory(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
+    void Apply(const ControllerMessage &message, const Respond &respond);
+    [[nodiscard]] OptionalAnswer ApplyObjection(const ControllerMessage &message) const;
+    [[nodiscard]] Answer Check(std::span<const std::uint8_t> bytes) const;
+    void BeginStatus(const Kavel__Request &request, const Respond &respond);
+    [[nodiscard]] Answer InitDirectory(std::uint32_t vpnId) const;
+    [[nodiscard]] Answer ReleaseDirectory(std::uint32_t vpnId) const;
+    [[nodiscard]] OptionalAnswer DirectoryObjection(const Kavel__Request &request) const;
+    void EndLaunch(Answer answer, LaunchOutcome outcome, const Respond &respond);
+    void DrainQueues();
 
+    struct PendingStatus {
+        Respond respond;
+        std::optional<StatusQuery> query;
+    };
+
+    EventLoop &loop_;
+    Host &host_;
     const Module &module_;
-    const Config &config_;
-    Launches &launches_;
+    PendingLaunches &launches_;
+    RequestQueues queues_;
+    std::set<std::uint32_t> drainable_; // VPNs that have ended a launch and have requests in their queues
+    EventSource drain_;
+    std::list<PendingStatus> statuses_;
 };
 
 } // namespace kavel::agent

@@ -6,32 +6,32 @@
 #include <utility>
 
 #include "frame.h"
-#include "services/store.h"
 
 namespace kavel::agent {
 namespace {
 
-// Of a frame, for everything in an answer but the stored text.
+// The part of a frame that is left for the other fields of an answer.
 constexpr std::size_t kAnswerOverhead = 1024;
 
-template <typename Look>
-Answer LookInto(Look look)
+template <typename Read>
+Answer WithStoreErrors(Read read)
 {
     try {
-        return look();
+        return read();
     } catch (const std::system_error &failure) {
         return Refusal(-failure.code().value(), failure.what());
     }
 }
 
-Answer ShowText(std::uint32_t vpnId)
+Answer ShowText(Store &store, std::uint32_t vpnId)
 {
-    std::optional<std::string> text = ReadStoredText(vpnId);
+    std::optional<std::string> text = store.ReadText(vpnId);
     if (!text) {
         return Refusal(-ENOENT, "nothing is stored for vpn " + std::to_string(vpnId));
     }
     if (text->size() > control::kFrameMax - kAnswerOverhead) {
-        return Refusal(-EOVERFLOW, "its text of " + std::to_string(text->size()) + " bytes fits no answer");
+        return Refusal(-EOVERFLOW,
+                       "its text of " + std::to_string(text->size()) + " bytes does not fit into an answer");
     }
     Answer answer;
     answer.storedText = std::move(text);
@@ -40,21 +40,21 @@ Answer ShowText(std::uint32_t vpnId)
 
 } // namespace
 
-Answer ListStore()
+Answer ListStore(Store &store)
 {
-    return LookInto([] {
+    return WithStoreErrors([&] {
         Answer answer;
-        answer.stored = ReadStored();
+        answer.stored = store.Read();
         return answer;
     });
 }
 
-Answer ShowStored(const Kavel__Request &request)
+Answer ShowStored(Store &store, const Kavel__Request &request)
 {
     if (request.has_vpn == 0) {
         return Refusal(-EINVAL, "no vpn is named");
     }
-    Answer answer = LookInto([&] { return ShowText(request.vpn); });
+    Answer answer = WithStoreErrors([&] { return ShowText(store, request.vpn); });
     answer.vpn = request.vpn;
     return answer;
 }

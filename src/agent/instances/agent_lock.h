@@ -1,6 +1,6 @@
-// One agent per box.
-#ifndef KAVEL_AGENT_INSTANCE_LOCK_H
-#define KAVEL_AGENT_INSTANCE_LOCK_H
+// Allows one agent per box.
+#ifndef KAVEL_AGENT_AGENT_LOCK_H
+#define KAVEL_AGENT_AGENT_LOCK_H
 
 #include <sys/types.h>
 
@@ -17,10 +17,10 @@ class AlreadyRunning : public std::runtime_error {
 };
 
 // Held for as long as the object lives. The kernel releases it with the process, however that ends.
-class InstanceLock {
+class AgentLock {
   public:
     // Throws AlreadyRunning, or std::system_error.
-    InstanceLock();
+    AgentLock();
 
   private:
     UniqueFd file_;

@@ -1,4 +1,4 @@
-#include "instances/instance_lock.h"
+#include "instances/agent_lock.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -23,12 +23,12 @@ flock WholeFile()
     return lock;
 }
 
-// 0 when it has let go meanwhile.
+// The process that holds the lock; 0 when it was released meanwhile.
 pid_t HolderOf(const UniqueFd &file)
 {
     flock lock = WholeFile();
     if (::fcntl(file.Get(), F_GETLK, &lock) != 0) {
-        ThrowLastFailure(kPath);
+        ThrowLastErrno(kPath);
     }
     return lock.l_type == F_UNLCK ? 0 : lock.l_pid;
 }
@@ -38,7 +38,7 @@ void Acquire(const UniqueFd &file)
     flock lock = WholeFile();
     while (::fcntl(file.Get(), F_SETLK, &lock) != 0) {
         if (errno != EACCES && errno != EAGAIN) {
-            ThrowLastFailure(kPath);
+            ThrowLastErrno(kPath);
         }
         if (const pid_t holder = HolderOf(file); holder != 0) {
             throw AlreadyRunning(holder);
@@ -51,18 +51,18 @@ void WritePid(const UniqueFd &file)
     const std::string text = std::to_string(::getpid()) + "\n";
     if (::ftruncate(file.Get(), 0) != 0 ||
         ::pwrite(file.Get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
-        ThrowLastFailure(kPath);
+        ThrowLastErrno(kPath);
     }
 }
 
 } // namespace
 
-InstanceLock::InstanceLock()
+AgentLock::AgentLock()
 {
     std::filesystem::create_directories(kDirectory);
     file_ = UniqueFd(::open(kPath, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     if (!file_) {
-        ThrowLastFailure(kPath);
+        ThrowLastErrno(kPath);
     }
     Acquire(file_);
     WritePid(file_);

@@ -1,0 +1,69 @@
+// Instances that were launched and have not written their pid file yet.
+#ifndef KAVEL_AGENT_PENDING_LAUNCHES_H
+#define KAVEL_AGENT_PENDING_LAUNCHES_H
+
+#include <sys/inotify.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "base/event_loop.h"
+
+namespace kavel::agent {
+
+// How a launch ended. kCancelled: the agent stops waiting; the instance may still come up.
+enum class LaunchOutcome { kRunning, kFailed, kCancelled };
+
+// dnsmasq writes its pid file when it holds its ports: then the instance runs. A launch has failed as soon as no
+// process of it is left, and when its timeout has passed.
+class PendingLaunches {
+  public:
+    using OnEnd = std::function<void(LaunchOutcome outcome)>;
+
+    // Throws std::system_error. `loop` must outlive this object.
+    explicit PendingLaunches(EventLoop &loop);
+
+    // Watches a launch of the VPN, which must have none pending. `onEnd` is called once: by the loop, or before this
+    // returns when the instance runs already.
+    void Add(std::uint32_t vpnId, std::chrono::milliseconds timeout, OnEnd onEnd);
+
+    [[nodiscard]] bool IsPending(std::uint32_t vpnId) const { return launches_.contains(vpnId); }
+    [[nodiscard]] bool IsEmpty() const { return launches_.empty(); }
+
+    // Ends every launch as kCancelled.
+    void CancelAll();
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Launch {
+        Clock::time_point since;
+        Clock::time_point deadline;
+        bool hadProcess; // in the last check
+        OnEnd onEnd;
+    };
+
+    void ProcessEvents(const inotify_event &event);
+    void CheckQuiet();
+    [[nodiscard]] std::vector<std::uint32_t> EndedQuietLaunches(Clock::time_point now);
+    void End(std::uint32_t vpnId, LaunchOutcome outcome);
+
+    std::map<std::uint32_t, Launch> launches_;
+    std::optional<EventSource> pidFiles_; // nothing when the user has no inotify instance left: the timer serves alone
+    EventSource timer_;
+};
+
+// Runs the loop until the launches of `vpnIds` have ended. Returns the VPNs whose instance does not run; nothing when
+// the loop was told to exit.
+[[nodiscard]] std::optional<std::set<std::uint32_t>> RunUntilLaunched(EventLoop &loop, PendingLaunches &launches,
+                                                                      const std::set<std::uint32_t> &vpnIds,
+                                                                      std::chrono::milliseconds timeout);
+
+} // namespace kavel::agent
+
+#endif

@@ -1,0 +1,60 @@
+// Files of the instances.
+#include <cerrno>
+#include <cstddef>
+#include <string_view>
+
+#include "base/failure.h"
+#include "base/files.h"
+#include "vqFile.h"
+
+namespace kavel::agent {
+namespace {
+
+std::int32_t WriteFilePath(const char *path, const char *text, std::size_t length)
+{
+    if (path == nullptr || (text == nullptr && length > 0)) {
+        return -EINVAL;
+    }
+    return ResultOf([&] {
+        ReplaceFile(path, std::string_view(text, length));
+        return 0;
+    });
+}
+
+template <typename Work>
+std::int32_t WithPath(const char *path, Work work)
+{
+    return path == nullptr ? -EINVAL : ResultOf([&] {
+        work(path);
+        return 0;
+    });
+}
+
+} // namespace
+} // namespace kavel::agent
+
+using namespace kavel::agent;
+
+extern "C" {
+
+int32_t VQ_WriteSyncWithFilePath(const char *Path, const char *Text, size_t Length)
+{
+    return WriteFilePath(Path, Text, Length);
+}
+
+// Durable as well: it costs little, and a crash never leaves a main configuration file cut short.
+int32_t VQ_WriteWithFilePath(const char *Path, const char *Text, size_t Length)
+{
+    return WriteFilePath(Path, Text, Length);
+}
+
+VQ_ERR_T VQ_CreateFilePath(const char *Path)
+{
+    return WithPath(Path, CreateFile);
+}
+
+VQ_ERR_T VQ_RemoveDirRecursion(char *Path)
+{
+    return WithPath(Path, RemoveTree);
+}
+}

@@ -1,0 +1,55 @@
+// The state that the module's services share. There is one Host per process: main makes it, and the C functions reach
+// it through Host::Current().
+#ifndef KAVEL_AGENT_HOST_H
+#define KAVEL_AGENT_HOST_H
+
+#include <string>
+
+#include "base/config.h"
+#include "base/netlink.h"
+#include "base/netns.h"
+#include "base/nftables.h"
+#include "services/error_trail.h"
+#include "services/store.h"
+#include "vqStore.h"
+
+namespace kavel::agent {
+
+class Host {
+  public:
+    // Becomes the current host until it is destroyed. The calling thread's namespace becomes the box's own. Throws
+    // std::system_error.
+    explicit Host(Config configuration);
+    Host(const Host &) = delete;
+    Host &operator=(const Host &) = delete;
+    ~Host();
+
+    // The living host. Aborts the process when there is none: a service was called before main was ready.
+    static Host &Current();
+
+    const Config config;
+    Namespaces namespaces{config};
+    RouteSockets routeSockets{namespaces};
+    NftablesContexts nftables{namespaces};
+    ErrorTrail moduleErrors; // since the last Clear()
+    std::string flexLog;
+    bool moduleIsSilent = false; // the module's lines are not written; its errors are kept all the same
+    VQ_DATA_CONTENT_TRANS_OP conversions{};
+    Store store{*this};
+};
+
+// Keeps the module's lines out of the log for a scope.
+class ModuleSilence {
+  public:
+    explicit ModuleSilence(Host &host) : host_(host) { host_.moduleIsSilent = true; }
+    ModuleSilence(const ModuleSilence &) = delete;
+    ModuleSilence &operator=(const ModuleSilence &) = delete;
+    ~ModuleSilence() { host_.moduleIsSilent = false; }
+
+  private:
+    Host &host_;
+};
+
+} // namespace kavel::agent
+
+#endif
