@@ -1,4 +1,4 @@
-// Nothing is worth timing that did not work.
+// Stops a benchmark whose work fails: its time would mean nothing.
 #ifndef BENCH_EXPECT_H
 #define BENCH_EXPECT_H
 
@@ -8,10 +8,10 @@
 
 namespace kavel::bench {
 
-// Throws std::runtime_error with `what` unless it worked.
-inline void Expect(bool worked, std::string_view what)
+// Throws std::runtime_error with `what` if `succeeded` is false.
+inline void Expect(bool succeeded, std::string_view what)
 {
-    if (!worked) {
+    if (!succeeded) {
         throw std::runtime_error(std::string(what));
     }
 }

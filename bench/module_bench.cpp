@@ -1,5 +1,5 @@
-// The module's work beside its floors. With --out the pairs are taken and written; otherwise the works stand as
-// benchmarks of their own, for whoever wants to look at one.
+// Measures the module's work and its floors. With --out it measures pairs and writes them to a file. Without, every
+// case is a benchmark of the benchmark library, with that library's options, for example to look at a single one.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -11,9 +11,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include "module_cases.h"
 #include "module_counts.h"
 #include "module_host.h"
-#include "module_works.h"
 #include "pairs.h"
 
 namespace kavel::bench {
@@ -22,7 +22,7 @@ namespace {
 
 struct Effort {
     std::size_t pairs;
-    double secondsPerValue; // at least
+    double secondsPerValue; // minimum
 };
 
 constexpr Effort kUsual{7, 0.1};
@@ -40,8 +40,8 @@ void Log(const Comparison &comparison)
                                    comparison.unit.c_str(), ratios[ratios.size() / 2], ratios.front(), ratios.back()));
 }
 
-// Short work is done in batches, beside which reading the clock is nothing.
-Comparison TimesOf(const Work &work, const Effort &effort)
+// Short work runs in batches, so that the cost of reading the clock is negligible.
+Comparison TimesOf(const Case &work, const Effort &effort)
 {
     constexpr double kBatchSeconds = 0.002;
     Comparison out{work.name, work.n, "s", work.floorName, work.target, {}, {}};
@@ -66,8 +66,8 @@ Comparison TimesOf(const Work &work, const Effort &effort)
     return out;
 }
 
-// One pair: what is counted does not vary.
-std::vector<Comparison> MemoryOf(const Work &work)
+// A single pair: the counts do not vary.
+std::vector<Comparison> MemoryOf(const Case &work)
 {
     std::vector<Comparison> out;
     for (const auto &[name, unit] : std::array<std::array<const char *, 2>, 4>{
@@ -87,15 +87,15 @@ std::vector<Comparison> MemoryOf(const Work &work)
     return out;
 }
 
-void WritePairs(const Works &works, const Effort &effort, const std::string &path)
+void WritePairs(const Cases &cases, const Effort &effort, const std::string &path)
 {
     std::vector<Comparison> out;
-    for (const Work &each : works.full) {
+    for (const Case &each : cases.full) {
         out.push_back(TimesOf(each, effort));
         const std::vector<Comparison> counts = MemoryOf(each);
         out.insert(out.end(), counts.begin(), counts.end());
     }
-    for (const Work &each : works.growing) {
+    for (const Case &each : cases.growing) {
         out.push_back(TimesOf(each, effort));
     }
     WriteJson(path, out);
@@ -110,10 +110,10 @@ void RegisterBenchmark(const std::string &name, const std::function<void()> &wor
     });
 }
 
-void RunBenchmarks(const Works &works)
+void RunBenchmarks(const Cases &cases)
 {
-    for (const auto *list : {&works.full, &works.growing}) {
-        for (const Work &each : *list) {
+    for (const auto *list : {&cases.full, &cases.growing}) {
+        for (const Case &each : *list) {
             const std::string name = each.name + '/' + std::to_string(each.n);
             RegisterBenchmark(name + "/ours", each.ours);
             RegisterBenchmark(name + "/floor", each.floor);
@@ -122,7 +122,7 @@ void RunBenchmarks(const Works &works)
     benchmark::RunSpecifiedBenchmarks();
 }
 
-// The text behind "--out"; empty without one.
+// The argument of --out; empty without one.
 std::string OutPath(int count, char **arguments)
 {
     const auto *end = arguments + count;
@@ -133,15 +133,15 @@ std::string OutPath(int count, char **arguments)
 void Run(int count, char **arguments)
 {
     const NullHost host;
-    const Works works;
+    const Cases cases;
     const std::string path = OutPath(count, arguments);
     if (path.empty()) {
         benchmark::Initialize(&count, arguments);
-        RunBenchmarks(works);
+        RunBenchmarks(cases);
         return;
     }
     const bool quick = std::find(arguments, arguments + count, std::string_view("--quick")) != arguments + count;
-    WritePairs(works, quick ? kQuick : kUsual, path);
+    WritePairs(cases, quick ? kQuick : kUsual, path);
 }
 
 } // namespace

@@ -34,7 +34,7 @@ RecordOwner NewRecord()
 }
 
 template <std::size_t Size>
-void Put(char (&target)[Size], const std::string &text)
+void CopyText(char (&target)[Size], const std::string &text)
 {
     target[text.copy(target, Size - 1)] = '\0';
 }
@@ -47,7 +47,7 @@ Content::Content(const Amount &amount) : record(NewRecord())
     message.Pb().has_persistentflag = 1;
     message.Pb().persistentflag = amount.stored ? 1 : 0;
     carrier = message.Carrier();
-    Expect(VQCtrl_PbToAdvancedDnsConfPlatformCPE(&carrier, record.get()) == 0, "the message is not taken");
+    Expect(VQCtrl_PbToAdvancedDnsConfPlatformCPE(&carrier, record.get()) == 0, "translating the message failed");
     FillTexts();
 }
 
@@ -96,7 +96,7 @@ void Content::FillTexts()
         proxyIps.push_back(Dotted(conf.DnsProxy[i].ServerIp));
     }
     char *stored = VQCtrl_AdvancedDnsConfToJsonStr(&conf);
-    Expect(stored != nullptr, "the record has no stored form");
+    Expect(stored != nullptr, "converting the record to text failed");
     text = stored;
     VQ_AgentMemFree(stored);
 }
@@ -111,19 +111,19 @@ RecordOwner RecordOf(std::size_t count)
     conf->DnsProxyNum = static_cast<std::uint16_t>(std::min<std::size_t>(count, VQ_DNS_PROXY_MAX - 1));
     for (std::size_t i = 0; i < conf->DnsHostNum; ++i) {
         conf->DnsHost[i].Ip = IpOf(i);
-        Put(conf->DnsHost[i].Domain, NameOf("host", i));
+        CopyText(conf->DnsHost[i].Domain, NameOf("host", i));
     }
     for (std::size_t i = 0; i < conf->DnsMxHostNum; ++i) {
-        Put(conf->DnsMxHost[i].TargetDomain, NameOf("mx", i));
-        Put(conf->DnsMxHost[i].SourceDomain, NameOf("mail", i));
+        CopyText(conf->DnsMxHost[i].TargetDomain, NameOf("mx", i));
+        CopyText(conf->DnsMxHost[i].SourceDomain, NameOf("mail", i));
     }
     for (std::size_t i = 0; i < conf->DnsServerNum; ++i) {
         conf->DnsServer[i].DnsServerIp = IpOf(i);
-        Put(conf->DnsServer[i].Ifname, "lan" + std::to_string(i));
+        CopyText(conf->DnsServer[i].Ifname, "lan" + std::to_string(i));
     }
     for (std::size_t i = 0; i < conf->DnsProxyNum; ++i) {
         conf->DnsProxy[i].ServerIp = IpOf(i);
-        Put(conf->DnsProxy[i].Domain, NameOf("forward", i));
+        CopyText(conf->DnsProxy[i].Domain, NameOf("forward", i));
     }
     return conf;
 }

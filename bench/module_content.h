@@ -1,4 +1,4 @@
-// What the measured work is done on: a message of a given size, its record, and the texts that are in both.
+// The input of the measured work: a message of a given size, its record, and the texts of both.
 #ifndef BENCH_MODULE_CONTENT_H
 #define BENCH_MODULE_CONTENT_H
 
@@ -28,8 +28,8 @@ struct Amount {
     auto operator<=>(const Amount &other) const = default;
 };
 
-// The largest message whose every list is in force: of the last item one server is left out, since a full table counts
-// as an empty one.
+// The largest message in which every list takes effect. The last item has one server less, because the module treats a
+// full table as an empty one.
 inline constexpr Amount kFullAmount{
     .hosts = 1024, .mxs = 128, .servers = 8, .proxyDomains = 8192, .serversPerDomain = 8};
 
@@ -45,8 +45,8 @@ class Content {
 
     CpeMessage message{kVpnId, true, VQ_CTRL_DNSMASQ_OP_RELOAD};
     VQ_CTRL_DNSMASQ_CONFIG_PB carrier{};
-    RecordOwner record;             // as translated
-    std::vector<std::string> names; // every name that a rule makes the translation check
+    RecordOwner record;             // the message, translated
+    std::vector<std::string> names; // every name that the translation has to check
     std::vector<std::string> hostIps;
     std::vector<std::string> serverIps;
     std::vector<std::string> proxyIps;
@@ -58,8 +58,7 @@ class Content {
     void FillTexts();
 };
 
-// A record with `count` entries in each list that has the room, otherwise as many as fit; for work that takes records
-// which no message could give.
+// A record with `count` entries in each list, or as many as fit. For sizes that no message can have.
 RecordOwner RecordOf(std::size_t count);
 
 } // namespace kavel::bench

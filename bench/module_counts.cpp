@@ -5,7 +5,7 @@
 #include <cstring>
 #include <malloc.h>
 
-// The allocator's own names for what is replaced below, and the linker's for what it wraps.
+// The C library's names of the replaced functions, and the linker's names of the wrapped ones.
 extern "C" {
 void *__libc_malloc(size_t size) noexcept;
 void *__libc_calloc(size_t count, size_t size) noexcept;
@@ -24,7 +24,7 @@ namespace {
 bool s_counting = false;
 Counts s_counts;
 
-void *Taken(void *block)
+void *CountAllocated(void *block)
 {
     if (s_counting && block != nullptr) {
         ++s_counts.allocations;
@@ -34,7 +34,7 @@ void *Taken(void *block)
     return block;
 }
 
-void Given(void *block)
+void CountFreed(void *block)
 {
     if (s_counting && block != nullptr) {
         s_counts.liveBytes -= static_cast<std::int64_t>(malloc_usable_size(block));
@@ -64,14 +64,14 @@ void CountCopied(std::size_t bytes)
 
 } // namespace kavel::bench
 
-using kavel::bench::Given;
+using kavel::bench::CountAllocated;
+using kavel::bench::CountFreed;
 using kavel::bench::s_counting;
 using kavel::bench::s_counts;
-using kavel::bench::Taken;
 
 void *malloc(size_t size) noexcept
 {
-    return Taken(__libc_malloc(size));
+    return CountAllocated(__libc_malloc(size));
 }
 
 void *calloc(size_t nmemb, size_t size) noexcept
@@ -79,18 +79,18 @@ void *calloc(size_t nmemb, size_t size) noexcept
     if (s_counting) {
         s_counts.clearedBytes += nmemb * size;
     }
-    return Taken(__libc_calloc(nmemb, size));
+    return CountAllocated(__libc_calloc(nmemb, size));
 }
 
 void *realloc(void *ptr, size_t size) noexcept
 {
-    Given(ptr);
-    return Taken(__libc_realloc(ptr, size));
+    CountFreed(ptr);
+    return CountAllocated(__libc_realloc(ptr, size));
 }
 
 void free(void *ptr) noexcept
 {
-    Given(ptr);
+    CountFreed(ptr);
     __libc_free(ptr);
 }
 

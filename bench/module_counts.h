@@ -1,4 +1,4 @@
-// What a piece of work asks of the memory: counted in a run of its own, since counting takes time.
+// Counts memory operations. Counting takes time, so that it has a run of its own.
 #ifndef BENCH_MODULE_COUNTS_H
 #define BENCH_MODULE_COUNTS_H
 
@@ -8,16 +8,16 @@
 namespace kavel::bench {
 
 struct Counts {
-    std::uint64_t allocations = 0;  // by anybody, libraries too
-    std::int64_t liveBytes = 0;     // allocated and not yet released
-    std::int64_t peakBytes = 0;     // the most that was
-    std::uint64_t copiedBytes = 0;  // block copies and formatted text, outside of libraries
-    std::uint64_t clearedBytes = 0; // filled by the module, or asked for zeroed
+    std::uint64_t allocations = 0;  // including those of libraries
+    std::int64_t liveBytes = 0;     // allocated and not yet freed
+    std::int64_t peakBytes = 0;     // largest value of liveBytes
+    std::uint64_t copiedBytes = 0;  // memcpy and formatted text, without libraries
+    std::uint64_t clearedBytes = 0; // memset by the module, and calloc
 };
 
 void StartCounting();
 Counts StopCounting();
-// For text that no block copy shows.
+// For text that is written without memcpy.
 void CountCopied(std::size_t bytes);
 
 template <typename Work>

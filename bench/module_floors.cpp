@@ -16,12 +16,12 @@ namespace kavel::bench {
 
 namespace {
 
-struct GiveBack {
+struct FreeBlock {
     void operator()(void *block) const { VQ_AgentMemFree(block); }
 };
 
 template <typename T>
-using HostBlock = std::unique_ptr<T, GiveBack>;
+using HostBlock = std::unique_ptr<T, FreeBlock>;
 
 constexpr std::size_t kServerFileSize = 1024;
 
@@ -32,7 +32,7 @@ void WriteLines(char *buffer, std::size_t size, std::size_t count, FormatLine fo
     for (std::size_t i = 0; i < count; ++i) {
         length += format(i, buffer + length, size - length);
     }
-    Expect(VQ_WriteSyncWithFilePath("", buffer, length) == 0, "a file is not written");
+    Expect(VQ_WriteSyncWithFilePath("", buffer, length) == 0, "writing a file failed");
 }
 
 template <typename FormatLine>
@@ -129,52 +129,52 @@ const char *TextOf(json_object *item, const char *key)
 }
 
 template <std::size_t Size>
-void TakeText(json_object *item, const char *key, char (&target)[Size])
+void ReadText(json_object *item, const char *key, char (&target)[Size])
 {
     static_cast<void>(VQ_SafeStrCopy(target, Size, TextOf(item, key)));
 }
 
-void TakeIp(json_object *item, const char *key, std::uint32_t *ip)
+void ReadIp(json_object *item, const char *key, std::uint32_t *ip)
 {
     const char *text = TextOf(item, key);
-    Expect(VQ_SafeStrGetIp4Addr(text, std::strlen(text), ip) != nullptr, "an address is not read");
+    Expect(VQ_SafeStrGetIp4Addr(text, std::strlen(text), ip) != nullptr, "reading an address failed");
 }
 
-template <typename TakeItem>
-void TakeList(json_object *root, const char *key, TakeItem take)
+template <typename ReadItem>
+void ReadList(json_object *root, const char *key, ReadItem read)
 {
     json_object *array = nullptr;
     json_object_object_get_ex(root, key, &array);
     const std::size_t count = json_object_array_length(array);
     for (std::size_t i = 0; i < count; ++i) {
-        take(json_object_array_get_idx(array, i), i);
+        read(json_object_array_get_idx(array, i), i);
     }
 }
 
-void TakeLists(json_object *root, VQ_CTRL_DNSMASQ_CONF &conf)
+void ReadLists(json_object *root, VQ_CTRL_DNSMASQ_CONF &conf)
 {
-    TakeList(root, "DnsHost", [&](json_object *item, std::size_t i) {
-        TakeIp(item, "Ip", &conf.DnsHost[i].Ip);
-        TakeText(item, "Domain", conf.DnsHost[i].Domain);
+    ReadList(root, "DnsHost", [&](json_object *item, std::size_t i) {
+        ReadIp(item, "Ip", &conf.DnsHost[i].Ip);
+        ReadText(item, "Domain", conf.DnsHost[i].Domain);
     });
-    TakeList(root, "DnsMxHost", [&](json_object *item, std::size_t i) {
+    ReadList(root, "DnsMxHost", [&](json_object *item, std::size_t i) {
         json_object *preference = nullptr;
-        TakeText(item, "TargetDomain", conf.DnsMxHost[i].TargetDomain);
-        TakeText(item, "SourceDomain", conf.DnsMxHost[i].SourceDomain);
+        ReadText(item, "TargetDomain", conf.DnsMxHost[i].TargetDomain);
+        ReadText(item, "SourceDomain", conf.DnsMxHost[i].SourceDomain);
         json_object_object_get_ex(item, "Preference", &preference);
         conf.DnsMxHost[i].Preference = static_cast<std::uint32_t>(json_object_get_int(preference));
     });
-    TakeList(root, "DnsServer", [&](json_object *item, std::size_t i) {
-        TakeIp(item, "DnsServerIp", &conf.DnsServer[i].DnsServerIp);
-        TakeText(item, "Ifname", conf.DnsServer[i].Ifname);
+    ReadList(root, "DnsServer", [&](json_object *item, std::size_t i) {
+        ReadIp(item, "DnsServerIp", &conf.DnsServer[i].DnsServerIp);
+        ReadText(item, "Ifname", conf.DnsServer[i].Ifname);
     });
-    TakeList(root, "DnsProxy", [&](json_object *item, std::size_t i) {
-        TakeIp(item, "ServerIp", &conf.DnsProxy[i].ServerIp);
-        TakeText(item, "Domain", conf.DnsProxy[i].Domain);
+    ReadList(root, "DnsProxy", [&](json_object *item, std::size_t i) {
+        ReadIp(item, "ServerIp", &conf.DnsProxy[i].ServerIp);
+        ReadText(item, "Domain", conf.DnsProxy[i].Domain);
     });
 }
 
-// As the module keeps a record: the row of before goes, the new one comes.
+// Like the module: delete the old row, then add the new one.
 void StoreDocument(const Content &content)
 {
     const auto row = static_cast<BOOL>(kVpnId);
@@ -182,7 +182,7 @@ void StoreDocument(const Content &content)
     PrintDocument(content, Addresses::kAreTexts, &text);
     static_cast<void>(VQ_SqliteDnsMasqConfOp(row, nullptr, VQ_SQL_CONF_OP_DEL, VQ_SQL_CONF_CPE_DNSMASQ));
     Expect(VQ_SqliteDnsMasqConfOp(row, text.data(), VQ_SQL_CONF_OP_ADD, VQ_SQL_CONF_CPE_DNSMASQ) >= 0,
-           "a record is not stored");
+           "storing a record failed");
 }
 
 } // namespace
@@ -257,7 +257,7 @@ void PrintDocument(const Content &content, Addresses addresses, std::string *pri
     AddLists(root, content, addresses);
     AddText(root, "LocalIp", "0.0.0.0");
     const char *text = json_object_to_json_string(root);
-    Expect(text != nullptr, "the document is not printed");
+    Expect(text != nullptr, "printing the document failed");
     if (printed != nullptr) {
         *printed = text;
     }
@@ -267,15 +267,15 @@ void PrintDocument(const Content &content, Addresses addresses, std::string *pri
 void ParseDocument(const std::string &text)
 {
     json_object *root = json_tokener_parse(text.c_str());
-    Expect(root != nullptr, "the document is not parsed");
+    Expect(root != nullptr, "parsing the document failed");
     json_object_put(root);
 }
 
-void TakeDocument(const std::string &text, VQ_CTRL_DNSMASQ_CONF *target)
+void ReadDocument(const std::string &text, VQ_CTRL_DNSMASQ_CONF *target)
 {
     json_object *root = json_tokener_parse(text.c_str());
-    Expect(root != nullptr, "the document is not parsed");
-    TakeLists(root, *target);
+    Expect(root != nullptr, "parsing the document failed");
+    ReadLists(root, *target);
     json_object_put(root);
 }
 
@@ -292,15 +292,15 @@ void AddRoutes(const VQ_CTRL_DNSMASQ_CONF &conf)
     VQ_RTC_ROUTE_CONF route = {};
     for (std::size_t i = 0; i < conf.DnsServerNum; ++i) {
         route.TargetIp.Ip = conf.DnsServer[i].DnsServerIp;
-        Expect(VQ_RTCRouteAdd(kVpnId, &route) == 0, "a route is not added");
+        Expect(VQ_RTCRouteAdd(kVpnId, &route) == 0, "adding a route failed");
     }
     for (std::size_t i = 0; i < conf.DnsProxyNum; ++i) {
         route.TargetIp.Ip = conf.DnsProxy[i].ServerIp;
-        Expect(VQ_RTCRouteAdd(kVpnId, &route) == 0, "a route is not added");
+        Expect(VQ_RTCRouteAdd(kVpnId, &route) == 0, "adding a route failed");
     }
 }
 
-void CarryMessage(const Content &content)
+void DoMessageParts(const Content &content)
 {
     ClearRecord();
     MatchNames(content.names);

@@ -1,4 +1,4 @@
-// The least that each piece of the module's work can cost: what its rules force, done bare.
+// The floors: the least that each piece of the module's work can cost. They do what the work requires and nothing else.
 #ifndef BENCH_MODULE_FLOORS_H
 #define BENCH_MODULE_FLOORS_H
 
@@ -9,32 +9,32 @@
 
 namespace kavel::bench {
 
-// Every name against a pattern of its own, compiled for it and freed behind it.
+// Compiles a pattern for each name, matches the name and frees the pattern.
 void MatchNames(std::span<const std::string> names);
 
-// The servers' interface names, which no rule makes anybody check.
+// Copies the interface names of the servers, which need no check.
 void CopyServers(const Content &content, VQ_CTRL_DNSMASQ_CONF *target);
 
-// The lines of one file, each formatted once into a zeroed buffer of the prescribed size, and written.
+// Formats the lines of one file, each once, into a zeroed buffer of the required size, and writes the file.
 void WriteHostLines(const VQ_CTRL_DNSMASQ_CONF &conf);
 void WriteMxLines(const VQ_CTRL_DNSMASQ_CONF &conf);
 void WriteServerLines(const VQ_CTRL_DNSMASQ_CONF &conf);
 void WriteResolvLines(const VQ_CTRL_DNSMASQ_CONF &conf);
 void WriteProxyLines(const VQ_CTRL_DNSMASQ_CONF &conf);
 
-// The stored document built, printed and freed. With `printed` the text is kept.
-enum class Addresses { kAreTexts, kAreFormatted }; // there already, or by the host's service
+// Builds, prints and frees the stored document. If `printed` is not null, it receives the text.
+enum class Addresses { kAreTexts, kAreFormatted }; // prepared before, or formatted by the host's service
 void PrintDocument(const Content &content, Addresses addresses, std::string *printed);
-// Parsed and freed; before that, in the second case, every member is looked up and put where it belongs.
+// ParseDocument parses and frees the document. ReadDocument also looks up every member and copies it to the record.
 void ParseDocument(const std::string &text);
-void TakeDocument(const std::string &text, VQ_CTRL_DNSMASQ_CONF *target);
+void ReadDocument(const std::string &text, VQ_CTRL_DNSMASQ_CONF *target);
 
-// A record taken, zeroed and given back.
+// Allocates, zeroes and frees a record.
 void ClearRecord();
-// One call for each server of the record, on one description.
+// Calls the route service once for each server of the record, with the same description.
 void AddRoutes(const VQ_CTRL_DNSMASQ_CONF &conf);
-// All of a message's parts.
-void CarryMessage(const Content &content);
+// All parts of a message.
+void DoMessageParts(const Content &content);
 
 } // namespace kavel::bench
 

@@ -43,14 +43,14 @@ NullHost::NullHost()
     VQCtrl_AgentSetCPEAdvancedDnsOps();
 }
 
-void KeepWritten(std::string *target)
+void CaptureWrites(std::string *target)
 {
     s_written = target;
 }
 
 } // namespace kavel::bench
 
-// ---- Bare services ----
+// ---- Services without bookkeeping ----
 
 extern "C" {
 void *__wrap_VQ_AgentMemAlloc(size_t size);
@@ -131,10 +131,10 @@ VQ_ERR_T __wrap_VQ_RTCRouteAdd(uint32_t /*vpnId*/, const VQ_RTC_ROUTE_CONF * /*r
     return 0;
 }
 
-// ---- The libraries themselves ----
+// ---- The libraries ----
 
-// The fake host stands before json-c and the pattern compiler wherever a program lets the linker wrap them. This one
-// does not; what the fake host would call then is still asked for by name.
+// The fake host expects that the linker wraps json-c and the regex functions. In this program it does not, but the fake
+// host still refers to the __real_ names, which are defined here.
 #define BENCH_REAL(result, name, parameters, arguments) \
     extern "C" result __real_##name parameters;         \
     result __real_##name parameters                     \

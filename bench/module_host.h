@@ -1,6 +1,6 @@
-// The fake host as a measure of nothing but the module: it records nothing, and the services that are called by the
-// thousand do their work bare, since their bookkeeping would cost more than the work and hide what is measured. Floors
-// call the same services, so that what is left of the host's cost stands on both sides.
+// The fake host with as little cost of its own as possible. It records nothing, and the services that are called
+// thousands of times are replaced by functions without bookkeeping, which would cost more than the measured work. The
+// floors call the same services, so that the remaining cost of the host is the same in both.
 #ifndef BENCH_MODULE_HOST_H
 #define BENCH_MODULE_HOST_H
 
@@ -14,7 +14,7 @@ namespace kavel::bench {
 // The VPN of every message.
 inline constexpr std::uint32_t kVpnId = 7;
 
-// A box on which the instance of the VPN runs and every message is carried out: without system routes, with a store.
+// A box where the instance of the VPN is running and every message is applied. It has a store and no system routes.
 class NullHost {
   public:
     NullHost();
@@ -23,8 +23,8 @@ class NullHost {
     fakehost::Host host_;
 };
 
-// What is written to files from here on is kept in `target`, one after another; null ends it.
-void KeepWritten(std::string *target);
+// From now on, appends everything that is written to files to `target`. Null ends this.
+void CaptureWrites(std::string *target);
 
 } // namespace kavel::bench
 

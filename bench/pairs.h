@@ -1,4 +1,4 @@
-// One piece of work done in two ways, taken in turns: whatever else the machine does meanwhile hits both.
+// Measures a piece of work and its floor alternately, so that other load on the machine affects both.
 #ifndef BENCH_PAIRS_H
 #define BENCH_PAIRS_H
 
@@ -21,15 +21,15 @@ namespace kavel::bench {
 
 struct Comparison {
     std::string work;
-    std::uint64_t n;  // of what the work is done on
+    std::uint64_t n;  // size of the input; its meaning depends on the work
     std::string unit; // of the values: "s", "bytes", "count" or "queries"
     std::string floorName;
-    std::optional<double> target; // that the ratio is to reach
+    std::optional<double> target; // aim: the largest ratio of ours to floor
     std::vector<double> ours;
-    std::vector<double> floor; // each taken beside the one of `ours` in its place
+    std::vector<double> floor; // floor[i] is measured next to ours[i]
 };
 
-// The processor's time for this process: of work that never waits, whatever else runs on the machine.
+// Processor time of this process, for work that never waits: other load on the machine does not count.
 struct CpuClock {
     using duration = std::chrono::nanoseconds;
     using time_point = std::chrono::time_point<CpuClock, duration>;
@@ -50,7 +50,8 @@ double SecondsOf(Work &&work)
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Appends one pair: the average seconds of each over `repetitions`. They take turns, and in who comes first.
+// Appends one pair: the mean seconds of each over `repetitions` (at least 1). Both run alternately, and the one that
+// comes first alternates too.
 template <typename Clock = std::chrono::steady_clock, typename Ours, typename Floor>
 void AppendPair(Comparison &comparison, std::size_t repetitions, Ours &&ours, Floor &&floor)
 {
@@ -75,7 +76,7 @@ inline void PrintValues(std::ostream &out, std::span<const double> values)
     out << ']';
 }
 
-// The names hold nothing that JSON would have to escape.
+// The names contain no characters that JSON escapes.
 inline void PrintJson(std::ostream &out, const Comparison &comparison)
 {
     out << R"({"work": ")" << comparison.work << R"(", "n": )" << comparison.n << R"(, "unit": ")" << comparison.unit
@@ -91,6 +92,7 @@ inline void PrintJson(std::ostream &out, const Comparison &comparison)
     }
 }
 
+// Replaces the file with an array of the comparisons. Throws std::runtime_error if the write fails.
 inline void WriteJson(const std::string &path, std::span<const Comparison> comparisons)
 {
     constexpr int kDigits = 9;
@@ -103,7 +105,7 @@ inline void WriteJson(const std::string &path, std::span<const Comparison> compa
     }
     file << "\n]\n";
     if (!file.flush()) {
-        throw std::runtime_error(path + ": cannot be written");
+        throw std::runtime_error(path + ": write failed");
     }
 }
 

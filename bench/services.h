@@ -1,4 +1,4 @@
-// The agent's services on a box of their own, each beside the least that the same work costs.
+// Benchmarks of the agent's services, each with the least that the same work costs (its floor).
 #ifndef BENCH_SERVICES_H
 #define BENCH_SERVICES_H
 
@@ -13,14 +13,14 @@
 
 namespace kavel::bench {
 
-// The box has the VPNs from 1 to the last. One of them has a namespace, with the LAN interface kLan.
+// The configuration has the VPNs 1 to kLastVpn. Only kVpn has a namespace, with the LAN interface kLan.
 inline constexpr std::uint32_t kVpn = 7;
 inline constexpr std::uint32_t kLastVpn = 1000;
 inline constexpr const char *kLan = "lan0";
 
 struct Setting {
     std::size_t pairs;
-    std::filesystem::path directory; // on a file system that a disk is behind; for what is to be durable
+    std::filesystem::path directory; // for files that are written durably; should be on a disk
 };
 
 std::vector<Comparison> CompareRoutes(const Setting &setting);
@@ -29,10 +29,11 @@ std::vector<Comparison> CompareFiles(const Setting &setting);
 std::vector<Comparison> CompareStore(const Setting &setting);
 std::vector<Comparison> CompareMemory(const Setting &setting);
 
-// Runs a program in the calling thread's namespace and waits for it. Throws unless it succeeds.
+// Runs a program in the calling thread's namespace and waits for it. Throws if it fails.
 void RunProgram(std::vector<std::string> words);
 
-// How often both have to be done for a sample that the clock, the scheduler and the disk do not blur.
+// The number of repetitions of both for a sample of at least 0.4 s, which limits the noise of clock, scheduler and
+// disk.
 template <typename Ours, typename Floor>
 std::size_t RepetitionsFor(Ours &&ours, Floor &&floor)
 {
@@ -44,7 +45,7 @@ std::size_t RepetitionsFor(Ours &&ours, Floor &&floor)
     return repetitions;
 }
 
-// Work that may be too short for a sample of its own.
+// Measures work that may be too short to be timed once.
 template <typename Ours, typename Floor>
 Comparison Compare(const Setting &setting, Comparison comparison, Ours &&ours, Floor &&floor)
 {

@@ -1,4 +1,4 @@
-// A file replaced so that a crash leaves the old bytes or the new ones, beside the bare system calls for it.
+// Measures the atomic, durable replacement of a file. The floor is the system calls that it needs.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -19,19 +19,19 @@ void ReplaceBare(const std::string &directory, const std::string &path, std::str
     {
         const UniqueFd file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         Expect(::write(file.Get(), content.data(), content.size()) == static_cast<ssize_t>(content.size()),
-               "no bytes written");
-        Expect(::fsync(file.Get()) == 0, "the file is not durable");
+               "write failed");
+        Expect(::fsync(file.Get()) == 0, "fsync of the file failed");
     }
-    Expect(::rename(temporary.c_str(), path.c_str()) == 0, "the file is not in place");
+    Expect(::rename(temporary.c_str(), path.c_str()) == 0, "rename failed");
     const UniqueFd opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    Expect(::fsync(opened.Get()) == 0, "the directory is not durable");
+    Expect(::fsync(opened.Get()) == 0, "fsync of the directory failed");
 }
 
 } // namespace
 
 std::vector<Comparison> CompareFiles(const Setting &setting)
 {
-    // Each in a directory of its own: neither writes what the other has changed.
+    // Separate directories: otherwise one fsync of the directory would write the changes of the other.
     const std::string oursDirectory = setting.directory / "ours";
     const std::string floorDirectory = setting.directory / "floor";
     std::filesystem::create_directory(oursDirectory);
@@ -44,7 +44,10 @@ std::vector<Comparison> CompareFiles(const Setting &setting)
         const std::string content(size, 'a');
         comparisons.push_back(Compare(
             setting, {"file replaced durably", size, "s", "write, fsync, rename, fsync", 1.1, {}, {}},
-            [&] { Expect(VQ_WriteSyncWithFilePath(ours.c_str(), content.data(), size) >= 0, "no file written"); },
+            [&] {
+                Expect(VQ_WriteSyncWithFilePath(ours.c_str(), content.data(), size) >= 0,
+                       "VQ_WriteSyncWithFilePath failed");
+            },
             [&] { ReplaceBare(floorDirectory, floor, content); }));
     }
     return comparisons;

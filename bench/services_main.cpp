@@ -1,5 +1,5 @@
-// Makes a box with one real VPN and measures the agent's services on it. For scripts/private: it changes the network of
-// the namespace that it runs in.
+// Sets up a box with one real VPN and measures the agent's services on it. It changes the network of its namespace:
+// run it with scripts/private.
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -54,7 +54,7 @@ struct Options {
     std::vector<std::string> topics = TopicNames();
 };
 
-// A directory of our own, gone with the scope.
+// A temporary directory; the destructor removes it.
 class Workshop {
   public:
     explicit Workshop(const std::string &parent) : path_(parent + "/kavel-bench.XXXXXX")
@@ -98,7 +98,7 @@ agent::Config BoxConfig(const std::string &directory)
     return config;
 }
 
-// The interface has its other end in the same namespace.
+// Both ends of the interface are in the same namespace.
 void MakeVpn()
 {
     const std::string name = NamespaceName(kVpn);
@@ -111,7 +111,7 @@ void MakeVpn()
 
 void Measure(const Options &options)
 {
-    agent::ReturnLargeMemory(); // as the agent sets its allocator
+    agent::ReturnLargeMemory(); // the agent configures its allocator in the same way
     const Workshop workshop(options.parent);
     MakeVpn();
     const agent::Host host(BoxConfig(workshop.Path()));
@@ -144,12 +144,12 @@ int main(int argc, char **argv)
 {
     try {
         kavel::bench::Options options;
-        CLI::App app("Measures the agent's services beside the least that their work costs.", "bench_services");
-        app.add_option("--out", options.out, "file for the figures, as JSON")->required();
-        app.add_option("--pairs", options.pairs, "measurements of each work")->check(CLI::Range(1, 1000));
-        app.add_option("--directory", options.parent, "where files are made durable, and removed again")
+        CLI::App app("Measures the agent's services, each with the least that the same work costs.", "bench_services");
+        app.add_option("--out", options.out, "file for the figures, JSON")->required();
+        app.add_option("--pairs", options.pairs, "pairs of measurements for each case")->check(CLI::Range(1, 1000));
+        app.add_option("--directory", options.parent, "parent of a temporary directory for durable files")
             ->capture_default_str();
-        app.add_option("topics", options.topics, "what to measure; everything if none is named")
+        app.add_option("topics", options.topics, "what to measure; default: everything")
             ->check(CLI::IsMember(kavel::bench::TopicNames()));
         CLI11_PARSE(app, argc, argv);
         kavel::bench::Measure(options);

@@ -1,4 +1,4 @@
-// The memory of a list of stored records, beside that of what they hold.
+// Measures the memory of a list of stored records. The floors are the memory of the same data in other forms.
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -24,16 +24,16 @@ std::uint64_t KilobytesIn(const char *file, const std::string &key)
             return number;
         }
     }
-    throw std::runtime_error(std::string(file) + ": no " + key);
+    throw std::runtime_error(std::string(file) + ": no field " + key);
 }
 
-// Of this process: what it has written, and the tables that the kernel keeps for it.
+// Bytes of this process: anonymous memory and page tables.
 std::uint64_t MemoryInUse()
 {
     return (KilobytesIn("/proc/self/smaps_rollup", "Anonymous:") + KilobytesIn("/proc/self/status", "VmPTE:")) * kKilo;
 }
 
-// What is alive once `make` has returned; it goes with the result.
+// The bytes that the result of `make` occupies.
 template <typename Make>
 double MemoryOf(Make &&make)
 {
@@ -48,7 +48,7 @@ void StoreRecords()
         std::string text = RecordText(vpn, kOrdinary, 1);
         const VQ_ERR_T result =
             VQ_SqliteDnsMasqConfOp(static_cast<BOOL>(vpn), text.data(), VQ_SQL_CONF_OP_ADD, VQ_SQL_CONF_CPE_DNSMASQ);
-        Expect(result == 0, "no record stored");
+        Expect(result == 0, "storing a record failed");
     }
 }
 
@@ -59,11 +59,11 @@ struct ReleaseList {
 auto StoredList()
 {
     std::unique_ptr<VQ_PersistentConfList, ReleaseList> list(VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_CPE_DNSMASQ));
-    Expect(list != nullptr && list->Count == static_cast<std::int32_t>(kLastVpn), "not every record is read");
+    Expect(list != nullptr && list->Count == static_cast<std::int32_t>(kLastVpn), "the list is incomplete");
     return list;
 }
 
-// The least that records of this form can take: only the pages that hold something.
+// The least memory for records of this form: only the pages that hold data.
 auto RecordsInPages()
 {
     std::vector<agent::ZeroedPages<VQ_DnsmasqConfNode>> records;
@@ -74,7 +74,7 @@ auto RecordsInPages()
     return records;
 }
 
-// Their text alone.
+// Only their text.
 auto RecordsAsText()
 {
     std::vector<std::string> texts;
@@ -88,7 +88,7 @@ template <typename Floor>
 Comparison CompareWith(const Setting &setting, const std::string &name, Floor &&floor)
 {
     Comparison comparison{"memory of a list of stored records", kLastVpn, "bytes", name, std::nullopt, {}, {}};
-    // Whatever is taken once and kept, by the allocator and the database, is taken now.
+    // Warm-up: memory that the allocator and the database allocate once and keep must not count.
     (void)MemoryOf(StoredList);
     (void)MemoryOf(floor);
     for (std::size_t pair = 0; pair < setting.pairs; ++pair) {
@@ -103,7 +103,7 @@ Comparison CompareWith(const Setting &setting, const std::string &name, Floor &&
 std::vector<Comparison> CompareMemory(const Setting &setting)
 {
     StoreRecords();
-    return {CompareWith(setting, "the pages that hold something", RecordsInPages),
+    return {CompareWith(setting, "only the pages that hold data", RecordsInPages),
             CompareWith(setting, "the stored text", RecordsAsText)};
 }
 

@@ -62,7 +62,7 @@ std::string RecordText(std::uint32_t vpn, const Amounts &amounts, std::uint8_t o
     const auto record = agent::MapZeroed<VQ_DNSMASQ_CONF>();
     FillRecord(vpn, amounts, octet, *record);
     const std::unique_ptr<char, FreeText> text(VQ_GetDbDataTransOp()->DnsmasqConfToStr(record.get()));
-    Expect(text != nullptr, "no text of a record");
+    Expect(text != nullptr, "converting a record to text failed");
     return text.get();
 }
 

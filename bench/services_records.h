@@ -1,4 +1,4 @@
-// Records of a VPN, and their stored text.
+// Makes records of a VPN and their stored text.
 #ifndef BENCH_SERVICES_RECORDS_H
 #define BENCH_SERVICES_RECORDS_H
 
@@ -19,10 +19,10 @@ struct Amounts {
 inline constexpr Amounts kOrdinary{20, 2, 2, 20};
 inline constexpr Amounts kLarge{VQ_DNS_HOST_MAX, 128, VQ_DNS_SERVER_MAX, 8192};
 
-// Fills the zeroed record. Every address in it has `octet` in the end.
+// Fills a zeroed record. The last octet of every address is `octet`.
 void FillRecord(std::uint32_t vpn, const Amounts &amounts, std::uint8_t octet, VQ_DNSMASQ_CONF &record);
 
-// Such a record as the module stores it; loads the module when it is first asked for.
+// The text that the module stores for such a record. The first call loads the module.
 std::string RecordText(std::uint32_t vpn, const Amounts &amounts, std::uint8_t octet);
 
 } // namespace kavel::bench

@@ -1,4 +1,4 @@
-// The routes of a VPN added and cleared, beside the program that every administrator has for it.
+// Measures adding and clearing the routes of a VPN. The floor is the ip program.
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -20,14 +20,14 @@ void AddOurs(std::uint32_t count)
 {
     VQ_RTC_ROUTE_CONF route;
     for (std::uint32_t i = 0; i < count; ++i) {
-        // Made anew for each, as a caller does.
+        // The module fills a new description for each route, too.
         std::memset(&route, 0, sizeof route);
         route.TableId = agent::kDnsRouteTable;
         route.TargetIp.Ip = kFirstTarget + i;
         route.TargetIp.Mask = 32;
         route.NexthopNum = 1;
         VQ_SafeStrCopy(route.IfName[0], sizeof route.IfName[0], kLan);
-        Expect(VQ_RTCRouteAdd(kVpn, &route) == 0, "a route cannot be added");
+        Expect(VQ_RTCRouteAdd(kVpn, &route) == 0, "adding a route failed");
     }
 }
 
@@ -35,13 +35,13 @@ void ClearOurs()
 {
     VQ_RTC_ROUTE_CONF all{};
     all.TableId = agent::kDnsRouteTable;
-    Expect(VQ_RTCRouteDel(kVpn, &all) == 0, "the routes cannot be cleared");
+    Expect(VQ_RTCRouteDel(kVpn, &all) == 0, "clearing the routes failed");
 }
 
 std::string AddressText(std::uint32_t address)
 {
     char text[16];
-    Expect(VQ_IPNum2IPStr(address, 0, text, sizeof text) >= 0, "no address");
+    Expect(VQ_IPNum2IPStr(address, 0, text, sizeof text) >= 0, "formatting an address failed");
     return text;
 }
 
@@ -53,13 +53,13 @@ void WriteBatch(std::uint32_t count)
     for (std::uint32_t i = 0; i < count; ++i) {
         file << "route add " << AddressText(kFirstTarget + i) << rest << '\n';
     }
-    Expect(static_cast<bool>(file.flush()), "the batch cannot be written");
+    Expect(static_cast<bool>(file.flush()), "writing the batch file failed");
 }
 
 void ExpectRoutes(std::uint32_t count)
 {
     Expect(agent::CountRoutes(agent::Host::Current(), kVpn, agent::kDnsRouteTable) == count,
-           "routes are missing, or left over");
+           "the table has the wrong number of routes");
 }
 
 void MeasureOurs(std::uint32_t count, Comparison &added, Comparison &cleared)
@@ -72,7 +72,7 @@ void MeasureOurs(std::uint32_t count, Comparison &added, Comparison &cleared)
 
 void MeasureFloor(std::uint32_t count, Comparison &added, Comparison &cleared)
 {
-    // Entered here, so that the programs need not do it on our time.
+    // Enter the namespace before the timing starts: the floor must not include it.
     const agent::NamespaceSwitch inside(agent::Host::Current().namespaces, kVpn);
     added.floor.push_back(SecondsOf([] { RunProgram({"ip", "-batch", kBatchFile}); }));
     ExpectRoutes(count);

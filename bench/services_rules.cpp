@@ -1,4 +1,4 @@
-// A steering rule added and removed, beside the library below it with the same commands, and beside its program.
+// Measures adding and removing a steering rule. The floors are libnftables and the nft program with the same commands.
 #include <nftables/libnftables.h>
 
 #include <fstream>
@@ -40,12 +40,13 @@ std::unique_ptr<VQ_CONF_RULE> SteeringRule()
 void Add()
 {
     const auto rule = SteeringRule();
-    Expect(VQ_RtcRuleConfAdd(rule.get(), VQ_IMC_OP_TYPE_RULE_DNS_INSERT, FALSE, TRUE) == 0, "no rule added");
+    Expect(VQ_RtcRuleConfAdd(rule.get(), VQ_IMC_OP_TYPE_RULE_DNS_INSERT, FALSE, TRUE) == 0, "adding the rule failed");
 }
 
 void Remove()
 {
-    Expect(VQ_RtcRuleConfDel(0, kRuleId, kCustomer, VQ_IMC_OP_TYPE_RULE_DNS_DELETE, TRUE) == 0, "no rule removed");
+    Expect(VQ_RtcRuleConfDel(0, kRuleId, kCustomer, VQ_IMC_OP_TYPE_RULE_DNS_DELETE, TRUE) == 0,
+           "removing the rule failed");
 }
 
 void AddAndRemove()
@@ -56,10 +57,10 @@ void AddAndRemove()
 
 void ExpectRule(bool there)
 {
-    Expect(agent::FindInstalledRules(agent::Host::Current(), kVpn).dns == there, "the rule is missing, or left over");
+    Expect(agent::FindInstalledRules(agent::Host::Current(), kVpn).dns == there, "the rule is in the wrong state");
 }
 
-// What is fast because it does nothing is seen before it is timed.
+// Checks before the timing that both functions have an effect.
 template <typename Install, typename Withdraw>
 void ExpectEffect(Install &&install, Withdraw &&withdraw)
 {
@@ -76,16 +77,16 @@ struct Commands {
 
 class BareLibrary {
   public:
-    // In the calling thread's namespace.
+    // Works on the calling thread's namespace.
     BareLibrary() : context_(nft_ctx_new(NFT_CTX_DEFAULT))
     {
         Expect(context_ && nft_ctx_buffer_output(context_.get()) == 0 && nft_ctx_buffer_error(context_.get()) == 0,
-               "no nftables context");
+               "creating the nftables context failed");
     }
 
     void Run(const std::string &commands) const
     {
-        Expect(nft_run_cmd_from_buffer(context_.get(), commands.c_str()) == 0, "nftables refuses");
+        Expect(nft_run_cmd_from_buffer(context_.get(), commands.c_str()) == 0, "nftables refused the commands");
     }
 
   private:
@@ -100,7 +101,7 @@ void WriteCommands(const char *path, const std::string &commands)
 {
     std::ofstream file(path);
     file << commands;
-    Expect(static_cast<bool>(file.flush()), "the commands cannot be written");
+    Expect(static_cast<bool>(file.flush()), "writing the commands failed");
 }
 
 } // namespace

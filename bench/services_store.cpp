@@ -1,4 +1,4 @@
-// A record stored, beside the same statement on a database that was made in the same way.
+// Measures storing a record. The floor is the same statement on a database that was created in the same way.
 #include <sqlite3.h>
 
 #include <array>
@@ -22,7 +22,7 @@ class BareStore {
                                  " ON CONFLICT (vpn_id) DO UPDATE SET conf = excluded.conf";
         Expect(sqlite3_prepare_v3(file_.Get().Get(), text, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) ==
                    SQLITE_OK,
-               "no statement");
+               "preparing the statement failed");
         put_.reset(statement);
     }
 
@@ -30,7 +30,7 @@ class BareStore {
     {
         sqlite3_bind_int64(put_.get(), 1, kVpn);
         sqlite3_bind_text64(put_.get(), 2, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
-        Expect(sqlite3_step(put_.get()) == SQLITE_DONE, "no row written");
+        Expect(sqlite3_step(put_.get()) == SQLITE_DONE, "writing the row failed");
         sqlite3_reset(put_.get());
     }
 
@@ -43,7 +43,7 @@ class BareStore {
     std::unique_ptr<sqlite3_stmt, Finalize> put_;
 };
 
-// Never twice the same: a row that stays as it is costs no write.
+// Alternates between two texts: writing an unchanged row costs no write.
 class Texts {
   public:
     explicit Texts(const Amounts &amounts) : texts_{RecordText(kVpn, amounts, 1), RecordText(kVpn, amounts, 2)} {}
@@ -68,7 +68,7 @@ Comparison CompareRecords(const Setting &setting, BareStore &bare, const std::st
         [&] {
             const VQ_ERR_T result = VQ_SqliteDnsMasqConfOp(static_cast<BOOL>(kVpn), ours.Next().data(),
                                                            VQ_SQL_CONF_OP_ADD, VQ_SQL_CONF_CPE_DNSMASQ);
-            Expect(result == 0, "no record stored");
+            Expect(result == 0, "storing a record failed");
         },
         [&] { bare.Put(floor.Next()); });
 }

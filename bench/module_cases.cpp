@@ -1,4 +1,4 @@
-#include "module_works.h"
+#include "module_cases.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -17,7 +17,7 @@ constexpr const char *kLines = "the same lines, each formatted once into one zer
 constexpr const char *kPrinting = "json-c building, printing and freeing the same document";
 constexpr const char *kParsing = "json-c parsing and freeing the same document";
 constexpr const char *kBoth = "json-c building, printing, parsing and freeing the same document";
-constexpr const char *kParts = "the floors of its parts one after another, and a zeroed record";
+constexpr const char *kParts = "the floors of its parts in sequence, and a zeroed record";
 
 // 1, 10, 100, ... well below the capacity, and the capacity.
 std::vector<std::size_t> SizesUpTo(std::size_t capacity)
@@ -37,13 +37,13 @@ std::size_t EntriesOf(const VQ_CTRL_DNSMASQ_CONF &conf)
 
 void Translate(const Content &content, VQ_CTRL_DNSMASQ_CONF *target)
 {
-    Expect(VQCtrl_PbToAdvancedDnsConfPlatformCPE(&content.carrier, target) == 0, "the message is not taken");
+    Expect(VQCtrl_PbToAdvancedDnsConfPlatformCPE(&content.carrier, target) == 0, "translating the message failed");
 }
 
 void PrintRecord(const Content &content, std::string *printed)
 {
     char *text = VQCtrl_AdvancedDnsConfToJsonStr(content.record.get());
-    Expect(text != nullptr, "the record has no stored form");
+    Expect(text != nullptr, "converting the record to text failed");
     if (printed != nullptr) {
         *printed = text;
     }
@@ -52,20 +52,21 @@ void PrintRecord(const Content &content, std::string *printed)
 
 void ReadRecord(const Content &content, VQ_CTRL_DNSMASQ_CONF *target)
 {
-    Expect(VQCtrl_AdvancedDnsJsonStrToConf(target, content.text.c_str()) == 0, "the text is not read");
+    Expect(VQCtrl_AdvancedDnsJsonStrToConf(target, content.text.c_str()) == 0,
+           "converting the text to a record failed");
 }
 
 void Configure(const Content &content)
 {
-    Expect(VQCtrl_ConfigAdvancedDns(&content.carrier) >= 0, "the message is not carried out");
+    Expect(VQCtrl_ConfigAdvancedDns(&content.carrier) >= 0, "applying the message failed");
 }
 
 std::string WrittenBy(const std::function<void()> &work)
 {
     std::string written;
-    KeepWritten(&written);
+    CaptureWrites(&written);
     work();
-    KeepWritten(nullptr);
+    CaptureWrites(nullptr);
     return written;
 }
 
@@ -78,7 +79,7 @@ void RequireSame(const std::string &work, const std::string &ours, const std::st
 
 } // namespace
 
-Works::Works()
+Cases::Cases()
 {
     AddTranslations();
     AddFiles();
@@ -86,20 +87,20 @@ Works::Works()
     AddMessages();
 }
 
-const Content &Works::ContentOf(const Amount &amount)
+const Content &Cases::ContentOf(const Amount &amount)
 {
     return contents_.try_emplace(amount, amount).first->second;
 }
 
-void Works::AddTranslation(std::deque<Work> &works, const std::string &name, std::size_t n, const Amount &amount,
+void Cases::AddTranslation(std::deque<Case> &cases, const std::string &name, std::size_t n, const Amount &amount,
                            std::optional<double> target)
 {
     const Content &content = ContentOf(amount);
-    works.push_back({name, n, kMatching, target, [&content, this] { Translate(content, target_.get()); },
+    cases.push_back({name, n, kMatching, target, [&content, this] { Translate(content, target_.get()); },
                      [&content] { MatchNames(content.names); }});
 }
 
-void Works::AddTranslations()
+void Cases::AddTranslations()
 {
     const std::size_t names = kFullAmount.hosts + 2 * kFullAmount.mxs + kFullAmount.proxyDomains;
     AddTranslation(full, "translation", names, kFullAmount, 1.05);
@@ -112,7 +113,7 @@ void Works::AddTranslations()
     for (const std::size_t n : SizesUpTo(kFullAmount.proxyDomains)) {
         AddTranslation(growing, "translation of proxy domains", n, {.proxyDomains = n}, std::nullopt);
     }
-    // Each is compared with those before it, of which there are seven at most.
+    // The translation compares each server with the previous ones, at most seven.
     for (std::size_t n = 1; n <= kFullAmount.servers; n *= 2) {
         const Content &content = ContentOf({.servers = n});
         growing.push_back({"translation of servers", n, "their interface names copied", std::nullopt,
@@ -121,13 +122,13 @@ void Works::AddTranslations()
     }
 }
 
-void Works::AddFile(const std::string &name, std::size_t capacity, VQ_ERR_T (*ours)(const VQ_CTRL_DNSMASQ_CONF *),
+void Cases::AddFile(const std::string &name, std::size_t capacity, VQ_ERR_T (*ours)(const VQ_CTRL_DNSMASQ_CONF *),
                     void (*floor)(const VQ_CTRL_DNSMASQ_CONF &))
 {
     for (const std::size_t n : SizesUpTo(capacity)) {
         const VQ_CTRL_DNSMASQ_CONF *conf = records_.emplace_back(RecordOf(n)).get();
-        const Work work{
-            name + " by size",    n, kLines, std::nullopt, [=] { Expect(ours(conf) >= 0, "a file is not written"); },
+        const Case work{
+            name + " by size",    n, kLines, std::nullopt, [=] { Expect(ours(conf) >= 0, "writing a file failed"); },
             [=] { floor(*conf); }};
         RequireSame(name, WrittenBy(work.ours), WrittenBy(work.floor));
         growing.push_back(work);
@@ -136,7 +137,7 @@ void Works::AddFile(const std::string &name, std::size_t capacity, VQ_ERR_T (*ou
     full.back().name = name;
 }
 
-void Works::AddFiles()
+void Cases::AddFiles()
 {
     AddFile("hosts file", VQ_DNS_HOST_MAX, VQCtrl_SetDnsHostConf, WriteHostLines);
     AddFile("MX file", VQ_DNS_MX_HOST_MAX, VQCtrl_SetDnsMxHostConf, WriteMxLines);
@@ -145,7 +146,7 @@ void Works::AddFiles()
     AddFile("proxy file", VQ_DNS_PROXY_MAX - 1, VQCtrl_SetDnsProxyConf, WriteProxyLines);
 }
 
-void Works::AddDocument(std::deque<Work> &works, const Amount &amount, std::optional<double> target)
+void Cases::AddDocument(std::deque<Case> &cases, const Amount &amount, std::optional<double> target)
 {
     const Content &content = ContentOf(amount);
     std::string ours;
@@ -154,14 +155,14 @@ void Works::AddDocument(std::deque<Work> &works, const Amount &amount, std::opti
     PrintDocument(content, Addresses::kAreTexts, &floor);
     RequireSame("record to text", ours, floor);
 
-    const std::string suffix = &works == &full ? "" : " by size";
+    const std::string suffix = &cases == &full ? "" : " by size";
     const std::size_t n = EntriesOf(*content.record);
-    works.push_back({"record to text" + suffix, n, kPrinting, target, [&content] { PrintRecord(content, nullptr); },
+    cases.push_back({"record to text" + suffix, n, kPrinting, target, [&content] { PrintRecord(content, nullptr); },
                      [&content] { PrintDocument(content, Addresses::kAreTexts, nullptr); }});
-    works.push_back({"text to record" + suffix, n, kParsing, target,
+    cases.push_back({"text to record" + suffix, n, kParsing, target,
                      [&content, this] { ReadRecord(content, target_.get()); },
                      [&content] { ParseDocument(content.text); }});
-    works.push_back({"record to text and back" + suffix, n, kBoth, target,
+    cases.push_back({"record to text and back" + suffix, n, kBoth, target,
                      [&content, this] {
                          PrintRecord(content, nullptr);
                          ReadRecord(content, target_.get());
@@ -172,44 +173,44 @@ void Works::AddDocument(std::deque<Work> &works, const Amount &amount, std::opti
                      }});
 }
 
-void Works::AddDocuments()
+void Cases::AddDocuments()
 {
     AddDocument(full, kFullAmount, 1.15);
-    // What of the difference lies in the rules: numbers that become texts, and members that have to be found.
+    // Floors that include the host's services: addresses are formatted, members are looked up.
     const Content &content = ContentOf(kFullAmount);
     const std::size_t n = EntriesOf(*content.record);
-    full.push_back({"record to text, beside formatting too", n,
+    full.push_back({"record to text, addresses formatted", n,
                     "json-c building, printing and freeing, each address formatted by the host", std::nullopt,
                     [&content] { PrintRecord(content, nullptr); },
                     [&content] { PrintDocument(content, Addresses::kAreFormatted, nullptr); }});
-    full.push_back({"text to record, beside looking up too", n,
+    full.push_back({"text to record, members looked up", n,
                     "json-c parsing, looking up and freeing, each text copied and each address read by the host",
                     std::nullopt, [&content, this] { ReadRecord(content, target_.get()); },
-                    [&content, this] { TakeDocument(content.text, target_.get()); }});
+                    [&content, this] { ReadDocument(content.text, target_.get()); }});
     for (const std::size_t domains : SizesUpTo(kFullAmount.proxyDomains)) {
         AddDocument(growing, {.proxyDomains = domains}, std::nullopt);
     }
 }
 
-void Works::AddMessage(std::deque<Work> &works, const std::string &name, std::size_t n, const Amount &amount,
+void Cases::AddMessage(std::deque<Case> &cases, const std::string &name, std::size_t n, const Amount &amount,
                        std::optional<double> target)
 {
     const Content &content = ContentOf(amount);
-    works.push_back(
-        {name, n, kParts, target, [&content] { Configure(content); }, [&content] { CarryMessage(content); }});
+    cases.push_back(
+        {name, n, kParts, target, [&content] { Configure(content); }, [&content] { DoMessageParts(content); }});
 }
 
-void Works::AddMessages()
+void Cases::AddMessages()
 {
     const Content &some = ContentOf({.hosts = 2, .mxs = 2, .servers = 2, .proxyDomains = 2});
-    RequireSame("message", WrittenBy([&some] { Configure(some); }), WrittenBy([&some] { CarryMessage(some); }));
+    RequireSame("message", WrittenBy([&some] { Configure(some); }), WrittenBy([&some] { DoMessageParts(some); }));
     const std::size_t entries = EntriesOf(*ContentOf(kFullAmount).record);
     Amount stored = kFullAmount;
     stored.stored = true;
     AddMessage(full, "full message", entries, kFullAmount, 1.10);
     AddMessage(full, "full message, stored", entries, stored, 1.10);
     const Content &smallest = ContentOf({});
-    full.push_back({"smallest message", 0, "a record taken, zeroed and given back", std::nullopt,
+    full.push_back({"smallest message", 0, "a record allocated, zeroed and freed", std::nullopt,
                     [&smallest] { Configure(smallest); }, ClearRecord});
     for (const std::size_t n : SizesUpTo(kFullAmount.proxyDomains)) {
         AddMessage(growing, "message by size", n, {.proxyDomains = n}, std::nullopt);
