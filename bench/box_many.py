@@ -1,6 +1,6 @@
-"""Many VPNs: brought up from messages, recovered, looked at; what each takes of the box's memory.
+"""Many VPNs: started by messages, recovered, their status and their memory.
 
-KAVEL_BUILD=FOLDER scripts/private bench/box_many.py --out FILE [--quick]
+KAVEL_BUILD=BUILD_DIR scripts/private bench/box_many.py --out FILE [--quick | --brief]
 """
 
 import contextlib
@@ -10,30 +10,30 @@ import signal
 import sys
 
 from box_dns import Client
-from box_world import (STORE, Controllers, add_namespaces, agent, bytes_in, contents_of, disk, end_instances, host_of,
-                       hosts_message, instances, messages_for, most_instances, replace_durably, start_bare)
-from pairs import PAIRS, Figures, arguments, interleaved, seconds
+from box_world import (STORE, Controllers, add_namespaces, agent, bytes_in, contents_of, disk, host_of, hosts_message,
+                       instances, messages_for, most_instances, replace_durably, start_bare, stop_instances)
+from pairs import Figures, arguments, interleaved, seconds
 
-FIRST = 1001  # all numbers have four digits: none begins another
+FIRST = 1001  # all ids have four digits, so that none is the beginning of another
 SIZES = (1, 10, 100, 1000)
 HOSTS = 20
-CONTROLLERS = 4  # connections that messages come through
+CONTROLLERS = 4  # connections that send messages
 ADDRESS = "192.0.2.1"
-RECOVERY_MEMORY = 300 << 20
-IDLE_MEMORY = 12 << 20
-STATUS_SECONDS = 2
-MOST_IN_DETAIL = 100
+RECOVERY_MEMORY = 300 << 20  # aim, bytes
+IDLE_MEMORY = 12 << 20  # aim, bytes
+STATUS_SECONDS = 2  # aim
+MOST_IN_DETAIL = 100  # VPNs in the cases with one host, one by one and on disk
 OTHER_DESCRIPTORS = 256
-ENOUGH_TO_WEIGH = 1000  # below, what else the box does weighs more
-BARE_LOOP = "the same instances started on prepared files"
+LEAST_FOR_MEMORY = 1000  # VPNs; with fewer, other changes of the box's free memory are larger
+BARE_LOOP = "dnsmasq alone, started with prepared files"
 
 
-class Crowd:
-    """VPNs and their clients."""
+class Vpns:
+    """VPNs, each with a client."""
 
     def __init__(self, count):
-        self.vpns = range(FIRST, FIRST + count)
-        self.clients = [Client(vpn, host_of(vpn)) for vpn in self.vpns]
+        self.ids = range(FIRST, FIRST + count)
+        self.clients = [Client(vpn, host_of(vpn)) for vpn in self.ids]
 
     def close(self):
         for client in self.clients:
@@ -44,14 +44,14 @@ class Crowd:
             client.until(ADDRESS)
 
     def messages(self, hosts=HOSTS, **options):
-        return messages_for(self.vpns, hosts, ADDRESS, "reboot", **options)
+        return messages_for(self.ids, hosts, ADDRESS, "reboot", **options)
 
     def start_bare(self, one_by_one=False):
-        """Seconds until all answer; the instances are gone afterwards."""
+        """Starts instances without the agent. Seconds until all answer; stops them afterwards."""
         started = []
 
         def work():
-            for vpn, client in zip(self.vpns, self.clients):
+            for vpn, client in zip(self.ids, self.clients):
                 started.append(start_bare(vpn))
                 if one_by_one:
                     client.until(ADDRESS)
@@ -62,89 +62,90 @@ class Crowd:
             os.kill(pid, signal.SIGTERM)
         for pid in started:
             os.waitpid(pid, 0)
-        end_instances()
+        stop_instances()
         return took
 
     def start_bare_durably(self):
-        """The same with the files of each written first, as durably as those of a message."""
-        contents = {vpn: contents_of(vpn) for vpn in self.vpns}
+        """The same, including a durable write of all files before the start."""
+        contents = {vpn: contents_of(vpn) for vpn in self.ids}
 
         def work():
-            for vpn in self.vpns:
+            for vpn in self.ids:
                 replace_durably(vpn, contents[vpn])
 
         return seconds(work) + self.start_bare()
 
 
 @contextlib.contextmanager
-def crowd_of(count):
-    crowd = Crowd(count)
+def vpns_with_clients(count):
+    vpns = Vpns(count)
     try:
-        yield crowd
+        yield vpns
     finally:
-        crowd.close()
+        vpns.close()
 
 
-def bring_up(crowd, controllers, messages, switch_off):
-    """Seconds until all answer; they are switched off again afterwards."""
+def start_by_messages(vpns, controllers, messages, disable):
+    """Seconds until all answer; disables them again afterwards."""
     def work():
         controllers.send_all(messages)
-        crowd.until_all_answer()
+        vpns.until_all_answer()
 
     took = seconds(work)
-    controllers.send_all(switch_off)
+    controllers.send_all(disable)
     return took
 
 
-def brought_up(crowd, figures, work, floor, floor_name, target=None, at_once=CONTROLLERS, hosts=HOSTS):
-    with agent(crowd.vpns):
-        controllers = Controllers(at_once)
-        messages, switch_off = crowd.messages(hosts), crowd.messages(hosts, enable=False)
-        bring_up(crowd, controllers, messages, switch_off)
-        ours, least = interleaved(PAIRS, lambda: bring_up(crowd, controllers, messages, switch_off), floor)
+def compare_start(vpns, figures, work, floor, floor_name, target=None, connections=CONTROLLERS, hosts=HOSTS):
+    with agent(vpns.ids):
+        controllers = Controllers(connections)
+        messages, disable = vpns.messages(hosts), vpns.messages(hosts, enable=False)
+        start_by_messages(vpns, controllers, messages, disable)
+        ours, least = interleaved(
+            figures.pairs, lambda: start_by_messages(vpns, controllers, messages, disable), floor)
         controllers.close()
-    figures.add(work, len(crowd.vpns), "s", ours, least, floor_name, target=target)
+    figures.add(work, len(vpns.ids), "s", ours, least, floor_name, target=target)
 
 
-def status(box, figures, count, what):
-    def look():
+def measure_status(box, figures, count, what):
+    def status():
         box.vqctl("status")
 
-    figures.add(f"vqctl status, {what}, by VPNs", count, "s", [seconds(look) for _ in range(PAIRS)],
-                limit=STATUS_SECONDS)
+    figures.add(f"vqctl status, all instances {what}, by VPNs", count, "s",
+                [seconds(status) for _ in range(figures.pairs)], limit=STATUS_SECONDS)
 
 
-def memory_of_instances(figures, count):
+def measure_instance_memory(figures, count):
     running = instances()[:25]
     for what, field in (("PSS", "Pss:"), ("USS", "Private_")):
-        figures.add(f"an instance's {what}, {HOSTS} hosts, by VPNs", count, "bytes",
+        figures.add(f"{what} of an instance with {HOSTS} hosts, by VPNs", count, "bytes",
                     [bytes_in(f"{pid}/smaps_rollup", field) for pid in running])
 
 
-def stored_and_running(crowd, figures):
-    """All of them stored and running, looked at; then stopped and looked at again. The store is left for recovery."""
-    count = len(crowd.vpns)
+def measure_stored_and_running(vpns, figures):
+    """Memory and status while all VPNs run, then status with all stopped. The store is kept for recovery."""
+    count = len(vpns.ids)
     before = bytes_in("meminfo", "MemAvailable")
-    with agent(crowd.vpns, persistence=True, store=str(STORE)) as box:
+    with agent(vpns.ids, persistence=True, store=str(STORE)) as box:
         controllers = Controllers(CONTROLLERS)
-        controllers.send_all(crowd.messages(kept=True))
-        crowd.until_all_answer()
-        memory_of_instances(figures, count)
+        controllers.send_all(vpns.messages(kept=True))
+        vpns.until_all_answer()
+        measure_instance_memory(figures, count)
         left = bytes_in("meminfo", "MemAvailable")
-        if count >= ENOUGH_TO_WEIGH:
-            figures.add("box memory taken by a VPN that runs, by VPNs", count, "bytes", [(before - left) / count])
-        status(box, figures, count, "running")
-        end_instances()
-        status(box, figures, count, "instances gone")
+        if count >= LEAST_FOR_MEMORY:
+            figures.add("memory of the box per running VPN, by VPNs", count, "bytes", [(before - left) / count])
+        measure_status(box, figures, count, "running")
+        stop_instances()
+        measure_status(box, figures, count, "stopped")
         controllers.close()
 
 
-def recover(crowd, peaks):
-    """Seconds from the agent's start until all that is stored answers."""
+def recover(vpns, peaks):
+    """Seconds from the start of the agent until all stored VPNs answer."""
     def work():
         entered.append(running.enter_context(
-            agent(crowd.vpns, persistence=True, store=str(STORE))))
-        crowd.until_all_answer()
+            agent(vpns.ids, persistence=True, store=str(STORE))))
+        vpns.until_all_answer()
 
     entered = []
     with contextlib.ExitStack() as running:
@@ -153,44 +154,44 @@ def recover(crowd, peaks):
     return took
 
 
-def recovered(crowd, figures):
+def compare_recovery(vpns, figures):
     peaks = []
-    ours, floor = interleaved(PAIRS, lambda: recover(crowd, peaks), crowd.start_bare)
-    figures.add("stored VPNs recovered until all answer, by VPNs", len(crowd.vpns), "s", ours, floor, BARE_LOOP)
-    figures.add("peak memory of the agent at recovery, by VPNs", len(crowd.vpns), "bytes", peaks,
+    ours, floor = interleaved(figures.pairs, lambda: recover(vpns, peaks), vpns.start_bare)
+    figures.add("stored VPNs recovered until all answer, by VPNs", len(vpns.ids), "s", ours, floor, BARE_LOOP)
+    figures.add("peak memory of the agent during recovery, by VPNs", len(vpns.ids), "bytes", peaks,
                 limit=RECOVERY_MEMORY)
 
 
-def idle(figures):
-    """The agent with one VPN that runs, after its first message."""
+def measure_idle(figures):
+    """Memory of the agent with one running VPN, after its first message."""
     resident = []
-    for _ in range(PAIRS):
+    for _ in range(figures.pairs):
         with agent((FIRST,), persistence=True, store=str(STORE)) as box:
             Controllers().send(hosts_message(FIRST, HOSTS, ADDRESS, "reboot"))
             resident.append(bytes_in(f"{box.agent.pid}/status", "VmRSS:"))
-    figures.add("idle agent, resident", 1, "bytes", resident, limit=IDLE_MEMORY)
+    figures.add("resident memory of the idle agent", 1, "bytes", resident, limit=IDLE_MEMORY)
 
 
 def measure(count, figures):
-    with crowd_of(count) as crowd:
-        brought_up(crowd, figures, "VPNs brought up from messages until all answer, files in memory, by VPNs",
-                   crowd.start_bare, BARE_LOOP, target=1.5)
-        stored_and_running(crowd, figures)
-        recovered(crowd, figures)
+    with vpns_with_clients(count) as vpns:
+        compare_start(vpns, figures, "VPNs started by messages until all answer, files in memory, by VPNs",
+                      vpns.start_bare, BARE_LOOP, target=1.5)
+        measure_stored_and_running(vpns, figures)
+        compare_recovery(vpns, figures)
         if count <= MOST_IN_DETAIL:
-            brought_up(crowd, figures, "VPNs of one host brought up, files in memory, by VPNs", crowd.start_bare,
-                       BARE_LOOP, hosts=1)
-            brought_up(crowd, figures, "VPNs brought up one by one, files in memory, by VPNs",
-                       lambda: crowd.start_bare(one_by_one=True), "the same instances, each awaited before the next",
-                       at_once=1)
+            compare_start(vpns, figures, "VPNs with one host started by messages, files in memory, by VPNs",
+                          vpns.start_bare, BARE_LOOP, hosts=1)
+            compare_start(vpns, figures, "VPNs started by messages one by one, files in memory, by VPNs",
+                          lambda: vpns.start_bare(one_by_one=True), "dnsmasq alone, one after the other",
+                          connections=1)
             with disk():
-                brought_up(crowd, figures, "VPNs brought up from messages until all answer, files on disk, by VPNs",
-                           crowd.start_bare_durably, "the same, and their files written durably before")
+                compare_start(vpns, figures, "VPNs started by messages until all answer, files on disk, by VPNs",
+                              vpns.start_bare_durably, "dnsmasq alone, after its files were written durably")
 
 
-def affordable(options):
-    """The sizes that this box, and the patience of whoever measures, allow."""
-    most = min(100 if options.quick else SIZES[-1], most_instances())
+def sizes_to_measure(options):
+    """The sizes that the options and the number of inotify instances allow."""
+    most = min(10 if options.brief else 100 if options.quick else SIZES[-1], most_instances())
     sizes = [size for size in SIZES if size <= most]
     if sizes[-1] < SIZES[-1]:
         print(f"box_many: up to {sizes[-1]} VPNs, not {SIZES[-1]}", file=sys.stderr)
@@ -202,21 +203,21 @@ def allow_descriptors(clients):
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(max(least, clients + OTHER_DESCRIPTORS), most), most))
 
 
-def namespaces(count, figures):
+def measure_namespaces(count, figures):
     before = bytes_in("meminfo", "MemAvailable")
     add_namespaces(range(FIRST, FIRST + count))
-    if count >= ENOUGH_TO_WEIGH:
-        figures.add("box memory taken by an empty namespace", count, "bytes",
+    if count >= LEAST_FOR_MEMORY:
+        figures.add("memory of an empty network namespace", count, "bytes",
                     [(before - bytes_in("meminfo", "MemAvailable")) / count])
 
 
 def main():
     options = arguments(__doc__)
-    figures = Figures(options.out)
-    sizes = affordable(options)
+    figures = Figures(options)
+    sizes = sizes_to_measure(options)
     allow_descriptors(sizes[-1])
-    namespaces(sizes[-1], figures)
-    idle(figures)
+    measure_namespaces(sizes[-1], figures)
+    measure_idle(figures)
     for count in sizes:
         measure(count, figures)
     figures.write()

@@ -1,6 +1,6 @@
-"""A box for measuring: lean namespaces, an agent with the module, and the same instances without either.
+"""A box for benchmarks: namespaces with nothing but lo, an agent with the module, and instances without the agent.
 
-Runs inside scripts/private. Files lie on a real file system, so that durable writes cost what they cost.
+Runs inside scripts/private. Inside `disk`, files are on a real file system: durable writes have their real cost.
 """
 
 import concurrent.futures
@@ -22,21 +22,21 @@ from box_dns import inside  # noqa: E402
 STORE = CONFIG.parent / "agent.db"
 PROGRAM = "/usr/sbin/dnsmasq"
 FILES = ("hosts", "dnsmasq.d/Mxhost.conf", "dnsmasq.d/ServerMap.conf", "resolv.conf", "dnsmasq.d/DnsProxy.conf")
-WORKERS = 2  # programs at once that prepare what is measured
+WORKERS = 2  # concurrent programs that encode messages
 INOTIFY = pathlib.Path("/proc/sys/fs/inotify/max_user_instances")
-OTHER_WATCHES = 28  # of the box's own programs and the agent
+OTHER_WATCHES = 28  # inotify instances left for the box's own programs and the agent
 
 
 def most_instances():
-    """How many instances find an inotify instance each."""
+    """How many DNS instances can have an inotify instance each."""
     return int(INOTIFY.read_text()) - OTHER_WATCHES
 
 
 @contextlib.contextmanager
 def disk():
-    """/etc/kavel on a real file system; gone in the end."""
+    """Inside the block, /etc/kavel is on a real file system. Its files are removed afterwards."""
     with tempfile.TemporaryDirectory(prefix="kavel-bench-", dir="/var/tmp") as folder:
-        os.chmod(folder, 0o755)  # instances read their files as an unprivileged user
+        os.chmod(folder, 0o755)  # dnsmasq reads its files as an unprivileged user
         CONFIG.parent.mkdir(exist_ok=True)
         run("mount", "--bind", folder, CONFIG.parent)
         try:
@@ -53,7 +53,7 @@ def add_namespaces(vpns):
 
 
 def host_of(vpn):
-    """The name that is asked for: the last of a VPN's hosts."""
+    """The queried name: the last of a VPN's hosts."""
     return f"asked.vpn{vpn}.example"
 
 
@@ -63,7 +63,7 @@ def filler(vpn, count):
 
 
 def hosts_message(vpn, count, address, operation, kept=False, enable=True):
-    """A message of `count` hosts, the last of which is asked for."""
+    """A message with `count` hosts, the last of which is the queried one."""
     hosts = [{"domain": domain, "ip": ip} for ip, domain in [*filler(vpn, count), (address, host_of(vpn))]]
     return Message(vpn, dnshosts=hosts, dnsservers=None, operation=operation, persistentflag=kept, enable=enable)
 
@@ -74,18 +74,18 @@ def messages_for(vpns, *fields, **options):
 
 
 def write_hosts(vpn, count, address):
-    """What such a message leaves in the hosts file, without a message."""
+    """Writes the hosts file that such a message results in."""
     lines = [f"{ip} {domain}\n" for ip, domain in [*filler(vpn, count), (address, host_of(vpn))]]
     (DNSMASQ / f"vpn_{vpn}/hosts").write_text("".join(lines))
 
 
 def contents_of(vpn):
-    """The files that a message writes, as the last one left them."""
+    """The contents of the files that a message writes, by name."""
     return {file: (DNSMASQ / f"vpn_{vpn}" / file).read_bytes() for file in FILES}
 
 
 def replace_durably(vpn, contents):
-    """As durably as a message does, and by nothing else."""
+    """Writes these files as durably as a message does, and does nothing else."""
     for file, content in contents.items():
         replace_file_durably(DNSMASQ / f"vpn_{vpn}" / file, content)
 
@@ -103,7 +103,7 @@ def replace_file_durably(path, content):
 
 
 class Controllers:
-    """Connections to the agent: as many messages are under way at once."""
+    """Connections to the agent. Each can have one pending message."""
 
     def __init__(self, count=1):
         self.peers = [connect() for _ in range(count)]
@@ -115,16 +115,16 @@ class Controllers:
         free, busy = list(self.peers), {}
         for one in messages:
             if not free:
-                free.append(self.take_answer(busy))
+                free.append(self.receive_answer(busy))
             peer = free.pop()
             peer.sendall(one.request)
             busy[peer] = one
         while busy:
-            self.take_answer(busy)
+            self.receive_answer(busy)
 
     @staticmethod
-    def take_answer(busy):
-        """The peer of the next answer that comes."""
+    def receive_answer(busy):
+        """The connection on which the next answer arrived. Throws if the message was refused."""
         peer = select.select(list(busy), [], [])[0][0]
         one, result = busy.pop(peer), result_of(read_frame(peer))
         if result < 0:
@@ -138,7 +138,7 @@ class Controllers:
 
 @contextlib.contextmanager
 def agent(vpns, **changes):
-    """A box whose agent is ready and serves these VPNs; its instances end with it."""
+    """A box whose agent is ready and serves these VPNs. Stops the agent and all instances afterwards."""
     box = Box()
     box.configure(*({"id": vpn} for vpn in vpns), log="notice", **changes)
     try:
@@ -146,40 +146,40 @@ def agent(vpns, **changes):
     finally:
         if box.agent is not None:
             box.stop()
-        end_instances()
+        stop_instances()
 
 
-def end_instances():
-    """Ends every instance that an agent left running."""
+def stop_instances():
+    """Stops every running instance and removes the pid files."""
     for pid in instances():
-        end(pid)
+        stop(pid)
     for leftover in pathlib.Path("/run").glob("kvl_dns_vpn_*.pid"):
         leftover.unlink()
 
 
-def end(pid):
+def stop(pid):
     process = os.pidfd_open(pid)
     signal.pidfd_send_signal(process, signal.SIGTERM)
-    gone = select.poll()
-    gone.register(process, select.POLLIN)
-    gone.poll()
+    exited = select.poll()
+    exited.register(process, select.POLLIN)
+    exited.poll()
     os.close(process)
 
 
 def start_bare(vpn):
-    """The command that the agent runs for a VPN, in its namespace, without a shell; its process."""
+    """Runs the command that the agent runs for a VPN, in its namespace, but without a shell. Returns the pid."""
     words = [PROGRAM, "-C", f"{DNSMASQ}/vpn_{vpn}/dnsmasq.conf", "--dns-forward-max=1000", "--no-hosts",
              f"--pid-file={pid_file(vpn)}", "-k"]
     with inside(vpn):
         return os.posix_spawn(PROGRAM, words, os.environ)
 
 
-def end_bare(pid):
+def stop_bare(pid):
     os.kill(pid, signal.SIGTERM)
     os.waitpid(pid, 0)
 
 
 def bytes_in(path, field):
-    """The sum of a field that a file below /proc tells in kB."""
+    """The sum of all fields of a file in /proc that start with `field` and are in kB."""
     lines = pathlib.Path("/proc", str(path)).read_text().splitlines()
     return sum(int(line.split()[1]) * 1024 for line in lines if line.startswith(field))

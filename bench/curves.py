@@ -1,4 +1,4 @@
-"""Curves as SVG: a panel for each work, value over size, both axes logarithmic."""
+"""Curves as SVG: one panel for each case, value over size, both axes logarithmic."""
 
 import math
 import statistics
@@ -12,7 +12,7 @@ LONGEST_TITLE_LINE = 46
 
 
 class Scale:
-    """Whole decades around the values, laid over a stretch of the picture."""
+    """Maps whole decades around the values to a range of the picture."""
 
     def __init__(self, values, start, length):
         self.first = math.floor(math.log10(min(values)))
@@ -33,13 +33,13 @@ def text(x, y, words, anchor="middle", color=TEXT, extra=""):
 
 
 def power(value):
-    """A tick's label: plain between a hundredth and ten thousand."""
+    """The label of a tick: a plain number between 0.01 and 10,000, otherwise an exponent."""
     exponent = round(math.log10(value))
     return f"{value:g}" if -2 <= exponent <= 4 else f"1e{exponent}"
 
 
 def points(entries, key):
-    """Medians by size. What is not above nothing has no place on a logarithmic axis."""
+    """Medians by size. Logarithmic axes cannot show values and sizes of 0."""
     found = [(entry["n"], statistics.median(entry[key])) for entry in entries if entry[key]]
     return [(size, value) for size, value in found if size > 0 and value > 0]
 
@@ -66,7 +66,7 @@ def grid(across, up):
 
 
 def title(work):
-    """In two lines where one is too short."""
+    """The name of the case, in two lines if it is long."""
     head, rest = work, ""
     if len(work) > LONGEST_TITLE_LINE:
         cut = work.rfind(" ", 0, LONGEST_TITLE_LINE)
@@ -91,14 +91,14 @@ def panel(work, entries, unit):
 
 
 def legend(width):
-    return (f'<g transform="translate({width / 2 - 70} 8)">'
-            f'<line x1="0" y1="6" x2="24" y2="6" stroke="{OURS}" stroke-width="2"/>{text(30, 10, "ours", "start")}'
-            f'<line x1="80" y1="6" x2="104" y2="6" stroke="{FLOOR}" stroke-width="2" stroke-dasharray="5 3"/>'
-            f'{text(110, 10, "floor", "start")}</g>')
+    return (f'<g transform="translate({width / 2 - 78} 8)">'
+            f'<line x1="0" y1="6" x2="24" y2="6" stroke="{OURS}" stroke-width="2"/>{text(30, 10, "measured", "start")}'
+            f'<line x1="95" y1="6" x2="119" y2="6" stroke="{FLOOR}" stroke-width="2" stroke-dasharray="5 3"/>'
+            f'{text(125, 10, "floor", "start")}</g>')
 
 
 def draw(works, unit):
-    """The picture of `works`: entries by the name of the work."""
+    """The picture of `works`: entries by the name of the case."""
     columns = min(COLUMNS, len(works))
     width, height = columns * PANEL[0], 20 + math.ceil(len(works) / columns) * PANEL[1]
     panels = [f'<g transform="translate({at % columns * PANEL[0]} {20 + at // columns * PANEL[1]})">'

@@ -1,4 +1,4 @@
-"""What the figures are taken with: processor, memory, kernel, programs and libraries. machine.py FILE"""
+"""Writes what the figures are measured on: processor, memory, kernel, programs and libraries. machine.py FILE"""
 
 import json
 import os

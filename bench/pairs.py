@@ -1,4 +1,4 @@
-"""Work and its floor measured in turns, and the figures that come of it."""
+"""Measures a case and its floor alternately, and writes the figures."""
 
 import argparse
 import json
@@ -8,48 +8,54 @@ import sys
 import time
 
 PAIRS = 5
+BRIEF_PAIRS = 2
 
 
 def arguments(description):
-    """The command line of a program that measures."""
+    """The command line of a benchmark program."""
     parser = argparse.ArgumentParser(description=description)
-    parser.add_argument("--out", type=pathlib.Path, required=True, help="file that takes the figures, JSON")
-    parser.add_argument("--quick", action="store_true", help="fewer repetitions, at most 100 VPNs")
+    parser.add_argument("--out", type=pathlib.Path, required=True, help="file for the figures, JSON")
+    effort = parser.add_mutually_exclusive_group()
+    effort.add_argument("--quick", action="store_true", help="fewer repetitions, at most 100 VPNs")
+    effort.add_argument("--brief", action="store_true",
+                        help="for comparing builds: the fewest repetitions, at most 10 VPNs, only cases of the agent")
     return parser.parse_args()
 
 
 def seconds(work):
-    began = time.perf_counter()
+    """How long `work` takes."""
+    start = time.perf_counter()
     work()
-    return time.perf_counter() - began
+    return time.perf_counter() - start
 
 
 def interleaved(pairs, ours, floor):
-    """The values that both return, taken in turns. Every other pair begins with the floor: neither is always the first
-    to find warm caches."""
-    mine, least = [], []
+    """The values that both functions return, measured alternately. Every other pair starts with the floor, so that
+    neither always finds warm caches."""
+    our_values, floor_values = [], []
     for pair in range(pairs):
-        turns = [(ours, mine), (floor, least)]
+        turns = [(ours, our_values), (floor, floor_values)]
         for measure, values in turns if pair % 2 == 0 else reversed(turns):
             values.append(measure())
-    return mine, least
+    return our_values, floor_values
 
 
 class Figures:
     """What a program measured. `target` bounds the ratio to the floor, `limit` the value itself, in its unit."""
 
-    def __init__(self, path):
-        self.path = path
+    def __init__(self, options):
+        self.path = options.out
+        self.pairs = BRIEF_PAIRS if options.brief else PAIRS
         self.entries = []
 
     def add(self, work, n, unit, ours, floor=(), floor_name="", target=None, limit=None):
         self.entries.append({"work": work, "n": n, "unit": unit, "ours": list(ours), "floor_name": floor_name,
                              "floor": list(floor), "target": target, "limit": limit})
-        beside = f" beside {statistics.median(floor):.6g}" if floor else ""
+        beside = f", floor {statistics.median(floor):.6g}" if floor else ""
         print(f"{work} [{n}]: {statistics.median(ours):.6g}{beside} {unit}", file=sys.stderr, flush=True)
 
     def write(self):
-        """Whole or not at all: an interrupted run leaves the last one's figures."""
+        """Replaces the file atomically: after an interrupted run it still holds the figures of the run before."""
         fresh = self.path.with_suffix(".new")
         fresh.write_text(json.dumps(self.entries, indent=1) + "\n")
         fresh.replace(self.path)

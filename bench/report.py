@@ -1,140 +1,107 @@
-"""Tables and curves out of the figures in bench/data.
+"""Generates tables and curves from the figures in bench/data.
 
-report.py [FILE...]: in each document, what stands between
+report.py [FILE...]: in each document, this program replaces the text between
 
-    <!-- figures: NAME... -->
+    <!-- figures: NAME -->
     <!-- end of figures -->
 
-is replaced by a table of bench/data/NAME.json; figures that a program took at three sizes or more are curves as well, in
-docs/NAME-UNIT.svg. Without arguments: all documents below docs/.
+NAME is one of
+- a program (module, services, box_answers, box_many): all its figures and curves;
+- machine: what the figures were measured on;
+- aims: every case that has an aim; worst: the largest ratios of all other cases;
+- scale box, scale hosts, scale messages, scale fleet: the tables of docs/scale.md.
+
+A case that was measured at three sizes or more is also a curve, in docs/PROGRAM-UNIT.svg. Without arguments, all
+documents in docs/ are renewed.
 """
 
 import collections
 import json
 import pathlib
 import re
-import statistics
 import sys
 
+import scale
+import tables
 from curves import draw
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 DATA = ROOT / "bench/data"
+PROGRAMS = ("module", "services", "box_answers", "box_many")
 MARKED = re.compile(r"(<!-- figures: ([\w ]+) -->\n).*?(<!-- end of figures -->)", re.DOTALL)
-HEAD = ("| Work | n | Ours | Floor | Ratio | Spread | Target | Reached |\n"
-        "|---|---:|---:|---|---:|---|---|---|\n")
-ENOUGH_FOR_A_CURVE = 3
-SECONDS = ((1, "s"), (1e-3, "ms"), (1e-6, "µs"), (0, "ns"))
-BYTES = ((1 << 30, "GiB"), (1 << 20, "MiB"), (1 << 10, "KiB"), (0, "B"))
+SIZES_OF_A_CURVE = 3
 
 
-def shown(value, unit):
-    """Three digits, in the largest unit that leaves something before the point."""
-    steps = {"s": SECONDS, "bytes": BYTES}.get(unit)
-    if steps is None:
-        return f"{value:,.0f}" if value == int(value) or value >= 100 else f"{value:.3g}"
-    least, name = next(step for step in steps if abs(value) >= step[0])
-    scaled = value / (least or {"s": 1e-9, "bytes": 1}[unit])
-    return f"{scaled:,.0f} {name}" if abs(scaled) >= 100 else f"{scaled:.3g} {name}"
+def read(name):
+    """The figures of a program; none if it has not run."""
+    path = DATA / f"{name}.json"
+    if not path.exists():
+        print(f"report: no figures of {name}", file=sys.stderr)
+        return []
+    return json.loads(path.read_text())
 
 
-def ratios(entry):
-    """Pair by pair; none where there is no floor, or the floor is nothing."""
-    return [ours / floor for ours, floor in zip(entry["ours"], entry["floor"]) if floor > 0]
+def read_all():
+    return [entry for name in PROGRAMS for entry in read(name)]
 
 
-def verdict(entry, ratio):
-    """The target in words, and whether it is reached."""
-    unit, limit = entry["unit"], entry.get("limit")
-    told, reached = [], []
-    if entry["target"] is not None and ratio is not None:
-        told.append(f"≤ {entry['target']:g}")
-        reached.append(ratio <= entry["target"])
-    if limit is not None:
-        told.append(f"≤ {shown(limit, unit)}" if limit else "none")
-        reached.append(max(entry["ours"]) <= limit)
-    return " and ".join(told), "" if not told else "yes" if all(reached) else "no"
-
-
-def row(entry):
-    unit, each = entry["unit"], ratios(entry)
-    ratio = statistics.median(each) if each else None
-    spread = each or entry["ours"]
-    ends = [f"{end:.2f}" if each else shown(end, unit) for end in (min(spread), max(spread))]
-    floor = f"{shown(statistics.median(entry['floor']), unit)}: {entry['floor_name']}" if entry["floor"] else ""
-    target, reached = verdict(entry, ratio)
-    cells = [entry["work"], f"{entry['n']:,}", shown(statistics.median(entry["ours"]), unit), floor,
-             f"{ratio:.2f}" if each else "", " to ".join(ends), target, reached]
-    return f"| {' | '.join(cells)} |\n"
-
-
-def families(entries):
-    """Figures of the same work at several sizes, by unit."""
+def cases_by_unit(entries):
+    """The cases that have enough sizes for a curve: entries by unit and name."""
     works = collections.defaultdict(list)
     for entry in entries:
         works[entry["unit"], entry["work"]].append(entry)
     units = collections.defaultdict(dict)
     for (unit, work), of_work in works.items():
-        if len({entry["n"] for entry in of_work}) >= ENOUGH_FOR_A_CURVE:
+        if len({entry["n"] for entry in of_work}) >= SIZES_OF_A_CURVE:
             units[unit][work] = sorted(of_work, key=lambda entry: entry["n"])
     return units
 
 
 def curves(name, entries):
-    """Draws the curves of one data file; the lines that show them in a document."""
-    shows = ""
-    for unit, works in families(entries).items():
+    """Draws the curves of one program. Returns the lines that show them in a document."""
+    lines = ""
+    for unit, works in cases_by_unit(entries).items():
         picture = f"{name}-{unit}.svg"
         (ROOT / "docs" / picture).write_text(draw(works, unit))
-        shows += f"\n![{name}, {unit}: each work by its size, beside its floor]({picture})\n"
-    return shows
-
-
-def figures(names):
-    text = ""
-    for name in names.split():
-        path = DATA / f"{name}.json"
-        if not path.exists():
-            print(f"report: no figures of {name}", file=sys.stderr)
-            continue
-        entries = json.loads(path.read_text())
-        text += "\n" * bool(text) + tables(entries) + curves(name, entries)
-    return text
-
-
-def in_short(entries):
-    """What a reader looks for first: times and what has a bound, each at its full size; and all the rest."""
-    full = {}
-    for entry in entries:
-        key = entry["unit"], entry["work"], entry["floor_name"]
-        full[key] = max(entry["n"], full.get(key, 0))
-    first, rest = [], []
-    for entry in entries:
-        bounded = entry["target"] is not None or entry.get("limit") is not None
-        whole = entry["n"] == full[entry["unit"], entry["work"], entry["floor_name"]]
-        (first if whole and (bounded or entry["unit"] == "s") else rest).append(entry)
-    return first, rest
-
-
-def tables(entries):
-    first, rest = in_short(entries)
-    text = HEAD + "".join(map(row, first))
-    if rest:
-        text += f"\n<details><summary>Sizes, memory, counts</summary>\n\n{HEAD}{''.join(map(row, rest))}\n</details>\n"
-    return text
+        lines += f"\n![{name}, {unit}: each case by size, with its floor]({picture})\n"
+    return lines
 
 
 def machine():
-    """On what the figures were taken, in a sentence."""
+    """One sentence: hardware, kernel and versions."""
     path = DATA / "machine.json"
-    told = json.loads(path.read_text()) if path.exists() else {}
-    return "".join(f"{'Taken with: ' if not at else ', '}{what} {version}"
-                   for at, (what, version) in enumerate(told.items())) + "\n\n" * bool(told)
+    facts = json.loads(path.read_text()) if path.exists() else {}
+    return f"Measured on: {', '.join(f'{what} {version}' for what, version in facts.items())}.\n" if facts else ""
+
+
+def generated(name):
+    """The text of one marked section."""
+    if name == "machine":
+        return machine()
+    if name == "aims":
+        return tables.aims(read_all())
+    if name == "worst":
+        return tables.worst(read_all())
+    if name.startswith("scale "):
+        return scale.TABLES[name.removeprefix("scale ")](scale.Measured(read_all()))
+    if name not in PROGRAMS:
+        raise ValueError(f"'{name}' names no figures")
+    entries = read(name)
+    return tables.all_figures(entries) + curves(name, entries) if entries else ""
+
+
+def section(found):
+    """The new text of a marked section. A table that lacks figures stays as it is."""
+    try:
+        return found[1] + generated(found[2]) + found[3]
+    except scale.NotMeasured as missing:
+        print(f"report: section '{found[2]}' stays unchanged: {missing}", file=sys.stderr)
+        return found[0]
 
 
 def renew(document):
     text = document.read_text()
-    renewed = MARKED.sub(lambda found: found[1] + machine() + figures(found[2]) + found[3], text)
+    renewed = MARKED.sub(section, text)
     if renewed != text:
         document.write_text(renewed)
 
