@@ -91,7 +91,7 @@ def test_a_stalled_peer_is_dropped_and_disturbs_nobody(running):
             stalled.recv(1)
         stalled.settimeout(30)
         assert stalled.recv(1) == b""
-    assert "stalls and is dropped" in running.log()
+    assert "stalled; its connection is closed" in running.log()
 
 
 def test_an_idle_peer_is_kept(running):

@@ -228,7 +228,7 @@ def test_a_store_that_is_removed(box, small_store):
     box.apply(kept(7, "192.168.7.15"))
 
     assert list(rows()) == [7]
-    assert f"store {STORE} was removed or replaced: it is opened anew" in box.log()
+    assert f"store {STORE} was removed or replaced: it is opened again" in box.log()
     assert not box.status(8)["stored"]
     crash_and_start(box)
     expect("192.168.7.15", "nas.vpn7.example")

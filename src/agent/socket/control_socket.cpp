@@ -153,11 +153,6 @@ void ControlSocket::ProcessClient(ClientId id)
     }
     if (connection.HasFrame()) {
         ProcessFrame(id);
-    } else if (connection.IsOversized()) {
-        const std::string text = "a frame holds " + std::to_string(control::kFrameMax) + " bytes at most";
-        Log(LogLevel::kWarning, "control socket: process %d announced a longer frame: %s", connection.Peer(),
-            text.c_str());
-        connection.Dismiss(PackAnswer(Refusal(-EMSGSIZE, text)), loop_.IdleTime());
     }
     Update(id);
 }
@@ -191,6 +186,13 @@ void ControlSocket::SendAnswer(ClientId id, const Answer &answer)
     }
 }
 
+void ControlSocket::Dismiss(Connection &connection) const
+{
+    const std::string text = "a frame holds " + std::to_string(control::kFrameMax) + " bytes at most";
+    Log(LogLevel::kWarning, "control socket: process %d announced a longer frame: %s", connection.Peer(), text.c_str());
+    connection.Dismiss(PackAnswer(Refusal(-EMSGSIZE, text)), loop_.IdleTime());
+}
+
 // Brings everything that depends on the client's state up to date.
 void ControlSocket::Update(ClientId id)
 {
@@ -203,6 +205,9 @@ void ControlSocket::Update(ClientId id)
         return;
     }
     auto &[connection, source] = found->second;
+    if (connection.IsOversized()) {
+        Dismiss(connection);
+    }
     if (connection.IsFinished()) {
         if (connection.IsTruncated()) {
             Log(LogLevel::kWarning, "control socket: process %d disconnected in the middle of a frame",

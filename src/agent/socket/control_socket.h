@@ -50,6 +50,7 @@ class ControlSocket {
     void ProcessFrame(ClientId id);
     void HandleNextFrame();
     void SendAnswer(ClientId id, const Answer &answer);
+    void Dismiss(Connection &connection) const;
     void Update(ClientId id);
     void UpdateDraining(ClientId id);
     void UpdateListener();
