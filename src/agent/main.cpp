@@ -20,6 +20,7 @@
 #include "base/log.h"
 #include "base/netns.h"
 #include "instances/agent_lock.h"
+#include "instances/instances.h"
 #include "instances/module.h"
 #include "instances/pending_launches.h"
 #include "instances/startup.h"
@@ -117,16 +118,16 @@ std::array<EventSource, 2> AddStopSignals(EventLoop &loop, const std::function<v
 }
 
 // False when a signal ended the start.
-bool Start(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches)
+bool Start(EventLoop &loop, Host &host, const Instances &instances, const Module &module, PendingLaunches &launches)
 {
     const auto signals = AddStopSignals(loop, [&] { loop.Exit(); });
-    return StartServices(loop, host, module, launches);
+    return StartServices(loop, host, instances, module.Functions(), launches);
 }
 
 // From the open control socket to the last reply.
-void Serve(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches)
+void Serve(EventLoop &loop, Host &host, const Instances &instances, const Module &module, PendingLaunches &launches)
 {
-    Requests requests(loop, host, module, launches);
+    Requests requests(loop, host, instances, module.Functions(), launches);
     ControlSocket socket(loop, host.config.socket, [&](ReceivedFrame frame, const Respond &respond) {
         requests.Handle(std::move(frame), respond);
     });
@@ -164,9 +165,10 @@ void Run(const Options &options)
     const Module module(options.module, host);
     Log(LogLevel::kDebug, "module %s", module.Path().c_str());
     EventLoop loop;
-    PendingLaunches launches(loop);
-    if (Start(loop, host, module, launches)) {
-        Serve(loop, host, module, launches);
+    const Instances instances;
+    PendingLaunches launches(loop, instances);
+    if (Start(loop, host, instances, module, launches)) {
+        Serve(loop, host, instances, module, launches);
     } else {
         Log(LogLevel::kNotice, "stopped during the start; DNS instances keep running");
     }

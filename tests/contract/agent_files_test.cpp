@@ -150,7 +150,7 @@ TEST_P(Replacement, HoldsOldOrNewBytesAfterACrash)
                 sawNew |= HoldsNew();
                 EXPECT_THAT(FilesBeside(), testing::Each(StartsWith(".hosts.")));
                 constexpr std::array<std::string_view, 1> kNames{"hosts"};
-                agent::RemoveLeftovers(kDirectory, kNames);
+                agent::RemoveTemporaryFiles(kDirectory, kNames);
                 EXPECT_THAT(FilesBeside(), IsEmpty());
             });
         EXPECT_EQ(calls, 9U);
@@ -170,7 +170,7 @@ TEST_P(Replacement, SucceedsAfterACrash)
             EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("later\n")));
             EXPECT_EQ(FilesBeside(), leftBehind);
             constexpr std::array<std::string_view, 1> kNames{"hosts"};
-            agent::RemoveLeftovers(kDirectory, kNames);
+            agent::RemoveTemporaryFiles(kDirectory, kNames);
         });
     EXPECT_THAT(FilesBeside(), IsEmpty());
 }

@@ -115,8 +115,9 @@ class Agent {
     kavel::agent::ModuleSilence m_Silence{m_Host};
     kavel::agent::Module m_Module{KAVEL_MODULE, m_Host};
     kavel::agent::EventLoop m_Loop;
-    kavel::agent::PendingLaunches m_Launches{m_Loop};
-    kavel::agent::Requests m_Requests{m_Loop, m_Host, m_Module, m_Launches};
+    kavel::agent::Instances m_Instances;
+    kavel::agent::PendingLaunches m_Launches{m_Loop, m_Instances};
+    kavel::agent::Requests m_Requests{m_Loop, m_Host, m_Instances, m_Module.Functions(), m_Launches};
 };
 
 // The module takes a name as it comes; what would end its line or is no part of a name is kept from it.

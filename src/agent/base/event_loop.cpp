@@ -141,15 +141,15 @@ EventSource EventLoop::AddTimer(std::function<void()> handler)
     return added;
 }
 
-std::optional<EventSource> EventLoop::AddInotify(const char *path, std::uint32_t mask,
+std::optional<EventSource> EventLoop::AddInotify(const std::string &path, std::uint32_t mask,
                                                  std::function<void(const inotify_event &event)> handler)
 {
     EventSource added;
     added.handler_ = NewHandler();
     added.handler_->onInotify = std::move(handler);
     sd_event_source *source = nullptr;
-    if (sd_event_add_inotify(event_.get(), &source, path, mask, EventSource::Handler::OnInotify, added.handler_.get()) <
-        0) {
+    if (sd_event_add_inotify(event_.get(), &source, path.c_str(), mask, EventSource::Handler::OnInotify,
+                             added.handler_.get()) < 0) {
         return std::nullopt;
     }
     added.source_.reset(source);

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace kavel::agent {
 
@@ -66,7 +67,7 @@ class EventLoop {
     [[nodiscard]] EventSource AddTimer(std::function<void()> handler);
     // Watches a directory, with a mask of inotify(7). Nothing when the user has no inotify instance or watch left, or
     // when the directory does not exist.
-    [[nodiscard]] std::optional<EventSource> AddInotify(const char *path, std::uint32_t mask,
+    [[nodiscard]] std::optional<EventSource> AddInotify(const std::string &path, std::uint32_t mask,
                                                         std::function<void(const inotify_event &event)> handler);
     // Runs `handler` once in a later iteration, each time that it is enabled. It is disabled now.
     [[nodiscard]] EventSource AddDeferred(Priority priority, std::function<void()> handler);

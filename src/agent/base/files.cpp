@@ -138,7 +138,7 @@ void RemoveTree(const std::string &path)
     std::filesystem::remove_all(path);
 }
 
-void RemoveLeftovers(const std::filesystem::path &directory, std::span<const std::string_view> names)
+void RemoveTemporaryFiles(const std::filesystem::path &directory, std::span<const std::string_view> names)
 {
     std::error_code ignored;
     for (const auto &entry : std::filesystem::directory_iterator(directory, ignored)) {

@@ -23,7 +23,7 @@ void RemoveTree(const std::string &path);
 
 // Removes the temporary files that interrupted replacements of the files called `names` left in `directory`. Failures
 // are ignored.
-void RemoveLeftovers(const std::filesystem::path &directory, std::span<const std::string_view> names);
+void RemoveTemporaryFiles(const std::filesystem::path &directory, std::span<const std::string_view> names);
 
 } // namespace kavel::agent
 

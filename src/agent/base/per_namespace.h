@@ -13,11 +13,12 @@
 
 namespace kavel::agent {
 
-template <typename T>
+// `Box` tells which namespace a VPN has now, and `Scope` enters it: a test can replace both.
+template <typename T, typename Box = Namespaces, typename Scope = NamespaceSwitch>
 class PerNamespace {
   public:
     // Keeps at most `limit` objects: the most recently used ones. `namespaces` must outlive this object.
-    PerNamespace(const Namespaces &namespaces, std::size_t limit) : namespaces_(namespaces), limit_(limit) {}
+    PerNamespace(const Box &namespaces, std::size_t limit) : namespaces_(namespaces), limit_(limit) {}
 
     // The object of the VPN's current namespace, created when there is none. Throws what its constructor throws, and
     // std::system_error when the namespace cannot be entered. Valid until the next call.
@@ -31,7 +32,7 @@ class PerNamespace {
         Drop(vpnId);
         const auto netns = namespaces_.IdOf(vpnId);
         {
-            const NamespaceSwitch inside(namespaces_, vpnId);
+            const Scope inside(namespaces_, vpnId);
             kept_.emplace_front(vpnId, netns, namespaces_.CurrentRequest());
         }
         index_[vpnId] = kept_.begin();
@@ -83,7 +84,7 @@ class PerNamespace {
         return kept.checkedIn == namespaces_.CurrentRequest();
     }
 
-    const Namespaces &namespaces_;
+    const Box &namespaces_;
     std::size_t limit_;
     std::list<Kept> kept_; // the most recently used one in front
     std::unordered_map<std::uint32_t, typename std::list<Kept>::iterator> index_;

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
+#include <utility>
 
 #include "base/failure.h"
 #include "base/files.h"
@@ -20,7 +21,7 @@
 namespace kavel::agent {
 namespace {
 
-constexpr const char *kRoot = "/etc/kavel/dnsmasq";
+constexpr const char *kBoxDirectory = "/etc/kavel/dnsmasq";
 constexpr const char *kStateDirectory = "/run/kavel"; // created with the agent's lock
 
 // The module reads as many bytes of a pid file.
@@ -35,57 +36,61 @@ constexpr std::string_view kBoxConfig = "resolv-file=/etc/kavel/dnsmasq/resolv.c
                                         "cache-size=1000\n"
                                         "domain-needed\n";
 
-std::string MeantPath(std::uint32_t vpnId)
+void CleanDirectory(const std::filesystem::path &directory)
 {
-    return std::string(kStateDirectory) + "/vpn_" + std::to_string(vpnId) + ".meant";
+    RemoveTemporaryFiles(directory, kInstanceFiles);
+    RemoveTemporaryFiles(directory / "dnsmasq.d", kInstanceFiles);
 }
 
-void CreateBoxFiles()
+} // namespace
+
+Instances::Instances(std::string root) : root_(std::move(root)) {}
+
+std::string Instances::PidDirectory() const
 {
-    const std::string root = kRoot;
+    return root_ + kPidDirectory;
+}
+
+std::string Instances::Directory(std::uint32_t vpnId) const
+{
+    const std::string box = root_ + kBoxDirectory;
+    return vpnId == 0 ? box : box + "/vpn_" + std::to_string(vpnId);
+}
+
+void Instances::CreateBoxDirectory() const
+{
+    const std::string box = Directory(0);
+    std::filesystem::create_directories(box + "/dnsmasq.d");
     for (const char *name : {"/hosts", "/resolv.conf"}) {
-        CreateFile(root + name);
+        CreateFile(box + name);
     }
-    const std::string config = root + "/dnsmasq.conf";
+    const std::string config = box + "/dnsmasq.conf";
     if (::access(config.c_str(), F_OK) != 0) {
         ReplaceFile(config, kBoxConfig);
     }
 }
 
-void CleanDirectory(const std::filesystem::path &directory)
+void Instances::RemoveLeftovers() const
 {
-    RemoveLeftovers(directory, kInstanceFiles);
-    RemoveLeftovers(directory / "dnsmasq.d", kInstanceFiles);
-}
-
-} // namespace
-
-std::string InstanceDirectory(std::uint32_t vpnId)
-{
-    return vpnId == 0 ? kRoot : std::string(kRoot) + "/vpn_" + std::to_string(vpnId);
-}
-
-void CreateBoxDirectory()
-{
-    std::filesystem::create_directories(std::string(kRoot) + "/dnsmasq.d");
-    CreateBoxFiles();
-}
-
-void RemoveLeftoversOfInstances()
-{
-    CleanDirectory(kRoot);
+    const std::string box = Directory(0);
+    CleanDirectory(box);
     std::error_code ignored;
-    for (const auto &entry : std::filesystem::directory_iterator(kRoot, ignored)) {
+    for (const auto &entry : std::filesystem::directory_iterator(box, ignored)) {
         if (entry.is_directory(ignored) && entry.path().filename().string().starts_with("vpn_")) {
             CleanDirectory(entry.path());
         }
     }
 }
 
-PidFile ReadPidFile(std::uint32_t vpnId)
+std::string Instances::MeantPath(std::uint32_t vpnId) const
+{
+    return root_ + kStateDirectory + "/vpn_" + std::to_string(vpnId) + ".meant";
+}
+
+PidFile Instances::ReadPidFile(std::uint32_t vpnId) const
 {
     PidFile file;
-    const UniqueFd handle(::open(PidFilePath(vpnId).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const UniqueFd handle(::open((root_ + PidFilePath(vpnId)).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!handle) {
         return file;
     }
@@ -99,17 +104,17 @@ PidFile ReadPidFile(std::uint32_t vpnId)
     return file;
 }
 
-bool IsRunning(std::uint32_t vpnId)
+bool Instances::IsRunning(std::uint32_t vpnId) const
 {
     return IsInstanceOf(InspectProcess(ReadPidFile(vpnId).pid), vpnId);
 }
 
-bool IsMeantToRun(std::uint32_t vpnId)
+bool Instances::IsMeantToRun(std::uint32_t vpnId) const
 {
     return ::access(MeantPath(vpnId).c_str(), F_OK) == 0;
 }
 
-void SetMeantToRun(std::uint32_t vpnId, bool isMeant)
+void Instances::SetMeantToRun(std::uint32_t vpnId, bool isMeant) const
 {
     const std::string path = MeantPath(vpnId);
     try {
@@ -123,7 +128,7 @@ void SetMeantToRun(std::uint32_t vpnId, bool isMeant)
     }
 }
 
-std::optional<std::string> ReloadObjection(std::uint32_t vpnId)
+std::optional<std::string> Instances::ReloadObjection(std::uint32_t vpnId) const
 {
     const PidFile file = ReadPidFile(vpnId);
     if (!file.exists || file.isEmpty) {

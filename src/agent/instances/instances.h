@@ -10,33 +10,47 @@
 
 namespace kavel::agent {
 
-// The directory of the instance's files; the box-wide directory for VPN 0. Without a slash at the end.
-[[nodiscard]] std::string InstanceDirectory(std::uint32_t vpnId);
-
-// Creates what is missing of the box-wide directory, which the module expects to exist. Throws std::system_error.
-void CreateBoxDirectory();
-
-// Removes what interrupted writes left in the instance directories.
-void RemoveLeftoversOfInstances();
-
 struct PidFile {
     bool exists = false;
     bool isEmpty = true; // nothing could be read from it
     pid_t pid = 0;       // read the way the module reads it: text that is not a number is 0
 };
 
-[[nodiscard]] PidFile ReadPidFile(std::uint32_t vpnId);
+class Instances {
+  public:
+    // `root` is put in front of every path: empty on a box, a temporary directory in a test.
+    explicit Instances(std::string root = {});
 
-// Whether the process in the pid file is alive and is the VPN's instance.
-[[nodiscard]] bool IsRunning(std::uint32_t vpnId);
+    // The directory of pid files; absolute.
+    [[nodiscard]] std::string PidDirectory() const;
 
-// Whether an instance of the VPN is meant to run, according to the last applied message. The mark is kept as long as
-// instances live: over a restart of the agent, but not over a restart of the box.
-[[nodiscard]] bool IsMeantToRun(std::uint32_t vpnId);
-void SetMeantToRun(std::uint32_t vpnId, bool isMeant);
+    // The directory of the instance's files; the box-wide directory for VPN 0. Without a slash at the end.
+    [[nodiscard]] std::string Directory(std::uint32_t vpnId) const;
 
-// Why a reload would signal a process that is not the VPN's instance; nothing when it is safe.
-[[nodiscard]] std::optional<std::string> ReloadObjection(std::uint32_t vpnId);
+    // Creates what is missing of the box-wide directory, which the module expects to exist. Throws std::system_error.
+    void CreateBoxDirectory() const;
+
+    // Removes what interrupted writes left in the instance directories.
+    void RemoveLeftovers() const;
+
+    [[nodiscard]] PidFile ReadPidFile(std::uint32_t vpnId) const;
+
+    // Whether the process in the pid file is alive and is the VPN's instance.
+    [[nodiscard]] bool IsRunning(std::uint32_t vpnId) const;
+
+    // Whether an instance of the VPN is meant to run, according to the last applied message. The mark is kept as long
+    // as instances live: over a restart of the agent, but not over a restart of the box. Failures are logged.
+    [[nodiscard]] bool IsMeantToRun(std::uint32_t vpnId) const;
+    void SetMeantToRun(std::uint32_t vpnId, bool isMeant) const;
+
+    // Why a reload would signal a process that is not the VPN's instance; nothing when it is safe.
+    [[nodiscard]] std::optional<std::string> ReloadObjection(std::uint32_t vpnId) const;
+
+  private:
+    [[nodiscard]] std::string MeantPath(std::uint32_t vpnId) const;
+
+    std::string root_;
+};
 
 } // namespace kavel::agent
 

@@ -41,14 +41,15 @@ Module::Module(const std::string &path, Host &host)
     }
     CheckExports();
     const bool isCpe = host.config.platform == Platform::kCpe;
-    Find(setPlatform, isCpe ? "VQCtrl_AgentSetCPEAdvancedDnsOps" : "VQCtrl_AgentSetPOPAdvancedDnsOps");
-    Find(stopOldService, "VQCtrl_StopOldVersionDnsmasqService");
-    Find(configure, "VQCtrl_ConfigAdvancedDns");
-    Find(translate, isCpe ? "VQCtrl_PbToAdvancedDnsConfPlatformCPE" : "VQCtrl_PbToAdvancedDnsConfPlatformPOP");
-    Find(recover, "VQCtrl_AgentRecoverAdvancedDnsConf");
-    Find(initDirectory, "VQCtrl_DnsmasqConfInitByVpnId");
-    Find(releaseDirectory, "VQCtrl_DnsmasqConfRelaseByVpnId");
-    Find(stopInstance, "VQCtrl_DnsmasqStop");
+    Find(functions_.setPlatform, isCpe ? "VQCtrl_AgentSetCPEAdvancedDnsOps" : "VQCtrl_AgentSetPOPAdvancedDnsOps");
+    Find(functions_.stopOldService, "VQCtrl_StopOldVersionDnsmasqService");
+    Find(functions_.configure, "VQCtrl_ConfigAdvancedDns");
+    Find(functions_.translate,
+         isCpe ? "VQCtrl_PbToAdvancedDnsConfPlatformCPE" : "VQCtrl_PbToAdvancedDnsConfPlatformPOP");
+    Find(functions_.recover, "VQCtrl_AgentRecoverAdvancedDnsConf");
+    Find(functions_.initDirectory, "VQCtrl_DnsmasqConfInitByVpnId");
+    Find(functions_.releaseDirectory, "VQCtrl_DnsmasqConfRelaseByVpnId");
+    Find(functions_.stopInstance, "VQCtrl_DnsmasqStop");
     Find(host.conversions.DnsmasqConfToStr, "VQCtrl_AdvancedDnsConfToJsonStr");
     Find(host.conversions.DnsmasqStrToConf, "VQCtrl_AdvancedDnsJsonStrToConf");
 }

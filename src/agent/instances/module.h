@@ -11,14 +11,8 @@
 
 namespace kavel::agent {
 
-class Module {
-  public:
-    // Loads `path`; if it is empty, the library beside the program, or else the installed one. Gives `host` the
-    // module's conversions. Throws std::runtime_error when the library cannot be loaded, needs a service that this
-    // program lacks, or lacks a function.
-    Module(const std::string &path, Host &host);
-
-    // The functions of the host's platform.
+// The functions that the agent calls, of the platform of its box.
+struct ModuleFunctions {
     decltype(&VQCtrl_AgentSetCPEAdvancedDnsOps) setPlatform = nullptr;
     decltype(&VQCtrl_StopOldVersionDnsmasqService) stopOldService = nullptr;
     decltype(&VQCtrl_ConfigAdvancedDns) configure = nullptr;
@@ -27,7 +21,17 @@ class Module {
     decltype(&VQCtrl_DnsmasqConfInitByVpnId) initDirectory = nullptr;
     decltype(&VQCtrl_DnsmasqConfRelaseByVpnId) releaseDirectory = nullptr;
     decltype(&VQCtrl_DnsmasqStop) stopInstance = nullptr;
+};
 
+class Module {
+  public:
+    // Loads `path`; if it is empty, the library beside the program, or else the installed one. Gives `host` the
+    // module's conversions. Throws std::runtime_error when the library cannot be loaded, needs a service that this
+    // program lacks, or lacks a function.
+    Module(const std::string &path, Host &host);
+
+    // Valid while this object lives.
+    [[nodiscard]] const ModuleFunctions &Functions() const { return functions_; }
     [[nodiscard]] const std::string &Path() const { return path_; }
 
   private:
@@ -40,6 +44,7 @@ class Module {
     void CheckExports() const;
 
     std::string path_;
+    ModuleFunctions functions_;
     std::unique_ptr<void, Close> handle_;
 };
 

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "base/instance_process.h"
-#include "instances/instances.h"
 
 namespace kavel::agent {
 namespace {
@@ -22,16 +21,16 @@ LaunchOutcome OutcomeOf(bool isRunning)
 
 } // namespace
 
-PendingLaunches::PendingLaunches(EventLoop &loop)
-    : pidFiles_(loop.AddInotify(kPidDirectory, IN_CLOSE_WRITE | IN_MOVED_TO,
-                                [this](const inotify_event &event) { ProcessEvents(event); })),
+PendingLaunches::PendingLaunches(EventLoop &loop, const Instances &instances)
+    : instances_(instances), pidFiles_(loop.AddInotify(instances.PidDirectory(), IN_CLOSE_WRITE | IN_MOVED_TO,
+                                                       [this](const inotify_event &event) { ProcessEvents(event); })),
       timer_(loop.AddTimer([this] { CheckQuiet(); }))
 {
 }
 
 void PendingLaunches::Add(std::uint32_t vpnId, std::chrono::milliseconds timeout, OnEnd onEnd)
 {
-    if (IsRunning(vpnId)) {
+    if (instances_.IsRunning(vpnId)) {
         onEnd(LaunchOutcome::kRunning);
         return;
     }
@@ -46,7 +45,7 @@ void PendingLaunches::Add(std::uint32_t vpnId, std::chrono::milliseconds timeout
 void PendingLaunches::ProcessEvents(const inotify_event &event)
 {
     const auto vpnId = VpnOfPidFile(event.len > 0 ? event.name : "");
-    if (vpnId && IsPending(*vpnId) && IsRunning(*vpnId)) {
+    if (vpnId && IsPending(*vpnId) && instances_.IsRunning(*vpnId)) {
         End(*vpnId, LaunchOutcome::kRunning);
     }
 }
@@ -55,7 +54,7 @@ void PendingLaunches::CheckQuiet()
 {
     const auto now = Clock::now();
     for (const std::uint32_t vpnId : EndedQuietLaunches(now)) {
-        End(vpnId, OutcomeOf(IsRunning(vpnId)));
+        End(vpnId, OutcomeOf(instances_.IsRunning(vpnId)));
     }
     if (!launches_.empty()) {
         timer_.ArmTimer(Clock::now() + std::max<Clock::duration>(kQuietTime, kCheckShare * (Clock::now() - now)));
@@ -78,7 +77,7 @@ std::vector<std::uint32_t> PendingLaunches::EndedQuietLaunches(Clock::time_point
         // Two checks in a row: a process that executes another program has no command line for a moment.
         const bool hadProcess = std::exchange(launch.hadProcess, withProcesses.contains(vpnId));
         const bool isGone = !hadProcess && !launch.hadProcess;
-        if (isGone || now >= launch.deadline || IsRunning(vpnId)) {
+        if (isGone || now >= launch.deadline || instances_.IsRunning(vpnId)) {
             ended.push_back(vpnId);
         }
     }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/event_loop.h"
+#include "instances/instances.h"
 
 namespace kavel::agent {
 
@@ -25,8 +26,8 @@ class PendingLaunches {
   public:
     using OnEnd = std::function<void(LaunchOutcome outcome)>;
 
-    // Throws std::system_error. `loop` must outlive this object.
-    explicit PendingLaunches(EventLoop &loop);
+    // Throws std::system_error. The references must outlive this object.
+    PendingLaunches(EventLoop &loop, const Instances &instances);
 
     // Watches a launch of the VPN, which must have none pending. `onEnd` is called once: by the loop, or before this
     // returns when the instance runs already.
@@ -53,6 +54,7 @@ class PendingLaunches {
     [[nodiscard]] std::vector<std::uint32_t> EndedQuietLaunches(Clock::time_point now);
     void End(std::uint32_t vpnId, LaunchOutcome outcome);
 
+    const Instances &instances_;
     std::map<std::uint32_t, Launch> launches_;
     std::optional<EventSource> pidFiles_; // nothing when the user has no inotify instance left: the timer serves alone
     EventSource timer_;

@@ -6,7 +6,6 @@
 #include <system_error>
 
 #include "base/log.h"
-#include "instances/instances.h"
 #include "services/rules_nftables.h"
 #include "services/store.h"
 
@@ -30,9 +29,9 @@ bool HasNoRule(Host &host, std::uint32_t vpnId)
 // An instance whose record is switched off and that has no steering rule was launched by a message that was never
 // confirmed: the agent died between the launch and the rule. With a rule it stays: the module could not remove the
 // rule, and queries may still be steered to the instance.
-void StopUnconfirmed(Host &host, const Module &module, std::uint32_t vpnId)
+void StopUnconfirmed(Host &host, const Instances &instances, const ModuleFunctions &module, std::uint32_t vpnId)
 {
-    if (IsRunning(vpnId) && HasNoRule(host, vpnId)) {
+    if (instances.IsRunning(vpnId) && HasNoRule(host, vpnId)) {
         Log(LogLevel::kNotice, "vpn %u: stopping its instance: it is stored as switched off and has no steering rule",
             vpnId);
         (void)module.stopInstance(vpnId); // the module logs a failure
@@ -41,17 +40,18 @@ void StopUnconfirmed(Host &host, const Module &module, std::uint32_t vpnId)
 
 } // namespace
 
-bool RecoverStored(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches)
+bool RecoverStored(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
+                   PendingLaunches &launches)
 {
     host.moduleErrors.Clear();
     (void)module.recover(); // always succeeds
     std::set<std::uint32_t> enabled;
     for (const StoredRecord &record : host.store.Listed()) {
-        SetMeantToRun(record.vpn, record.enable);
+        instances.SetMeantToRun(record.vpn, record.enable);
         if (record.enable) {
             enabled.insert(record.vpn);
         } else {
-            StopUnconfirmed(host, module, record.vpn);
+            StopUnconfirmed(host, instances, module, record.vpn);
         }
     }
     const auto failed = RunUntilLaunched(loop, launches, enabled, kRecoveryTimeout);

@@ -15,7 +15,6 @@
 #include "base/instance_process.h"
 #include "base/log.h"
 #include "base/netns.h"
-#include "instances/instances.h"
 #include "instances/recovery.h"
 #include "services/interfaces_netlink.h"
 #include "services/routes_netlink.h"
@@ -95,10 +94,10 @@ void CheckInotifyLimit(std::size_t vpns)
     }
 }
 
-void CreateBoxDirectoryOrLog()
+void CreateBoxDirectoryOrLog(const Instances &instances)
 {
     try {
-        CreateBoxDirectory();
+        instances.CreateBoxDirectory();
     } catch (const std::system_error &failure) {
         Log(LogLevel::kError, "the box-wide directory is not complete: %s", failure.what());
     }
@@ -130,7 +129,7 @@ bool AdoptInstances(EventLoop &loop, const Config &config, PendingLaunches &laun
     return true;
 }
 
-void InitializeModule(const Module &module, const Config &config)
+void InitializeModule(const ModuleFunctions &module, const Config &config)
 {
     module.setPlatform();
     module.stopOldService();
@@ -165,10 +164,11 @@ void PrepareNamespace(Host &host, std::uint32_t vpnId)
     }
 }
 
-bool StartServices(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches)
+bool StartServices(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
+                   PendingLaunches &launches)
 {
-    RemoveLeftoversOfInstances();
-    CreateBoxDirectoryOrLog();
+    instances.RemoveLeftovers();
+    CreateBoxDirectoryOrLog(instances);
     for (const Vpn &vpn : host.config.vpns) {
         PrepareNamespaceOrLog(host, vpn.id);
     }
@@ -180,7 +180,7 @@ bool StartServices(EventLoop &loop, Host &host, const Module &module, PendingLau
         return true;
     }
     host.namespaces.BeginRequest();
-    return RecoverStored(loop, host, module, launches);
+    return RecoverStored(loop, host, instances, module, launches);
 }
 
 } // namespace kavel::agent

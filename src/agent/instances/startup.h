@@ -3,6 +3,7 @@
 #define KAVEL_AGENT_STARTUP_H
 
 #include "base/event_loop.h"
+#include "instances/instances.h"
 #include "instances/module.h"
 #include "instances/pending_launches.h"
 #include "services/host.h"
@@ -24,7 +25,8 @@ void PrepareNamespace(Host &host, std::uint32_t vpnId);
 // the namespaces, waits for instances that an earlier agent launched (2 s at most), installs the module's platform,
 // creates the instance directories and recovers the stored records. Failures are logged. False when the loop was told
 // to exit.
-[[nodiscard]] bool StartServices(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches);
+[[nodiscard]] bool StartServices(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
+                                 PendingLaunches &launches);
 
 } // namespace kavel::agent
 

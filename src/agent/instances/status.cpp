@@ -8,7 +8,6 @@
 #include "base/log.h"
 #include "base/netns.h"
 #include "base/procfs.h"
-#include "instances/instances.h"
 #include "services/routes_netlink.h"
 #include "services/rules_nftables.h"
 
@@ -25,12 +24,12 @@ std::uint32_t CountLines(const std::string &path)
     return count;
 }
 
-VpnStatus NewStatus(std::uint32_t vpnId)
+VpnStatus NewStatus(const Instances &instances, std::uint32_t vpnId)
 {
     VpnStatus status;
     status.fields.vpn = vpnId;
     status.netns = "-";
-    const std::string directory = InstanceDirectory(vpnId);
+    const std::string directory = instances.Directory(vpnId);
     status.fields.hosts = CountLines(directory + "/hosts");
     status.fields.mx_hosts = CountLines(directory + "/dnsmasq.d/Mxhost.conf");
     status.fields.servers = CountLines(directory + "/resolv.conf");
@@ -67,10 +66,10 @@ void SetProcess(Kavel__VpnStatus &status, const PidFile &file, const Process &pr
     status.memory_bytes = process.memoryBytes;
 }
 
-void SetInstance(const Host &host, VpnStatus &status)
+void SetInstance(const Host &host, const Instances &instances, VpnStatus &status)
 {
     Kavel__VpnStatus &fields = status.fields;
-    const PidFile file = ReadPidFile(fields.vpn);
+    const PidFile file = instances.ReadPidFile(fields.vpn);
     const Process process = InspectProcess(file.pid);
     SetProcess(fields, file, process);
     const auto netns = host.namespaces.IdOf(fields.vpn);
@@ -122,10 +121,10 @@ void SetStored(VpnStatus &status, const StoredRecords &stored)
     AddProblem(status, StoredProblem(fields, record));
 }
 
-VpnStatus StatusOfStray(std::uint32_t vpnId)
+VpnStatus StatusOfStray(const Instances &instances, std::uint32_t vpnId)
 {
-    VpnStatus status = NewStatus(vpnId);
-    const PidFile file = ReadPidFile(vpnId);
+    VpnStatus status = NewStatus(instances, vpnId);
+    const PidFile file = instances.ReadPidFile(vpnId);
     SetProcess(status.fields, file, InspectProcess(file.pid));
     AddProblem(status, "an instance runs, but the VPN is not configured");
     return status;
@@ -216,11 +215,12 @@ StoredRecords ReadStoredRecords(Host &host, const std::vector<std::uint32_t> &vp
     return stored;
 }
 
-VpnStatus StatusOfVpn(Host &host, std::uint32_t vpnId, KnownState known, const StoredRecords &stored)
+VpnStatus StatusOfVpn(Host &host, const Instances &instances, std::uint32_t vpnId, KnownState known,
+                      const StoredRecords &stored)
 {
-    VpnStatus status = NewStatus(vpnId);
+    VpnStatus status = NewStatus(instances, vpnId);
     Kavel__VpnStatus &fields = status.fields;
-    fields.meant = Boolean(IsMeantToRun(vpnId));
+    fields.meant = Boolean(instances.IsMeantToRun(vpnId));
     fields.answers = Boolean(known.answers);
     if (known.starting) {
         SetKnown(fields.has_starting, fields.starting, true);
@@ -229,7 +229,7 @@ VpnStatus StatusOfVpn(Host &host, std::uint32_t vpnId, KnownState known, const S
         status.netns = host.config.Find(vpnId)->netns;
     }
     SetStored(status, stored);
-    SetInstance(host, status);
+    SetInstance(host, instances, status);
     if (host.namespaces.IdOf(vpnId)) {
         SetRoutes(host, status);
         SetRules(host, status);
@@ -240,12 +240,12 @@ VpnStatus StatusOfVpn(Host &host, std::uint32_t vpnId, KnownState known, const S
     return status;
 }
 
-std::vector<VpnStatus> StatusOfStrays(const Config &config)
+std::vector<VpnStatus> StatusOfStrays(const Config &config, const Instances &instances)
 {
     std::vector<VpnStatus> strays;
     for (const std::uint32_t vpnId : VpnsWithProcesses()) {
         if (!config.Serves(vpnId)) {
-            strays.push_back(StatusOfStray(vpnId));
+            strays.push_back(StatusOfStray(instances, vpnId));
         }
     }
     return strays;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "control.pb-c.h"
+#include "instances/instances.h"
 #include "services/host.h"
 #include "services/store.h"
 
@@ -37,10 +38,11 @@ struct KnownState {
 };
 
 // The status of a configured VPN or of VPN 0.
-[[nodiscard]] VpnStatus StatusOfVpn(Host &host, std::uint32_t vpnId, KnownState known, const StoredRecords &stored);
+[[nodiscard]] VpnStatus StatusOfVpn(Host &host, const Instances &instances, std::uint32_t vpnId, KnownState known,
+                                    const StoredRecords &stored);
 
 // The status of the instances that run although their VPNs are not configured.
-[[nodiscard]] std::vector<VpnStatus> StatusOfStrays(const Config &config);
+[[nodiscard]] std::vector<VpnStatus> StatusOfStrays(const Config &config, const Instances &instances);
 
 // The problems that follow from the fields of a status; nothing when there is none. `traits` are those of the process
 // that the pid file names.

@@ -10,7 +10,6 @@
 
 #include "base/failure.h"
 #include "base/log.h"
-#include "instances/instances.h"
 #include "instances/startup.h"
 #include "socket/store_requests.h"
 #include "vqMemory.h"
@@ -107,12 +106,12 @@ void ReportServiceProblem(Answer &answer, const char *problem)
 }
 
 // What is meant to run from now on, and whether it does.
-void RecordOutcome(Answer &answer, const ControllerMessage &message)
+void RecordOutcome(const Instances &instances, Answer &answer, const ControllerMessage &message)
 {
-    SetMeantToRun(message.vpn, message.enables);
-    if (message.reloads && !IsRunning(message.vpn)) {
+    instances.SetMeantToRun(message.vpn, message.enables);
+    if (message.reloads && !instances.IsRunning(message.vpn)) {
         ReportServiceProblem(answer, "no instance runs, and a reload starts none");
-    } else if (!message.enables && IsRunning(message.vpn)) {
+    } else if (!message.enables && instances.IsRunning(message.vpn)) {
         ReportServiceProblem(answer, "the instance still runs");
     }
 }
@@ -141,8 +140,9 @@ void WithAnswer(const Respond &respond, Work work)
 
 } // namespace
 
-Requests::Requests(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches)
-    : loop_(loop), host_(host), module_(module), launches_(launches),
+Requests::Requests(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
+                   PendingLaunches &launches)
+    : loop_(loop), host_(host), instances_(instances), module_(module), launches_(launches),
       drain_(loop.AddDeferred(Priority::kPeer, [this] { DrainQueues(); }))
 {
 }
@@ -232,7 +232,7 @@ std::optional<Answer> Requests::ApplyObjection(const ControllerMessage &message)
     if (auto objection = MessageObjection(host_.config.platform, message)) {
         return objection;
     }
-    auto objection = message.reloads ? ReloadObjection(message.vpn) : std::nullopt;
+    auto objection = message.reloads ? instances_.ReloadObjection(message.vpn) : std::nullopt;
     return objection ? std::optional(RefusalOf(message.vpn, -ESRCH, std::move(objection))) : std::nullopt;
 }
 
@@ -256,7 +256,7 @@ void Requests::Apply(const ControllerMessage &message, const Respond &respond)
     }
     const bool isInForce = answer.result >= 0 || change.IsBegun();
     if (isInForce) {
-        RecordOutcome(answer, message);
+        RecordOutcome(instances_, answer, message);
     }
     if (!isInForce || !message.launches) {
         respond(answer);
@@ -343,12 +343,13 @@ void Requests::BeginStatus(const Kavel__Request &request, const Respond &respond
         return;
     }
     const auto status = statuses_.insert(statuses_.end(), PendingStatus{respond, std::nullopt});
-    status->query.emplace(loop_, host_, launches_, std::move(scope), [this, status](std::vector<VpnStatus> statuses) {
-        Answer answer;
-        answer.vpns = std::move(statuses);
-        status->respond(answer);
-        statuses_.erase(status);
-    });
+    status->query.emplace(loop_, host_, instances_, launches_, std::move(scope),
+                          [this, status](std::vector<VpnStatus> statuses) {
+                              Answer answer;
+                              answer.vpns = std::move(statuses);
+                              status->respond(answer);
+                              statuses_.erase(status);
+                          });
 }
 
 std::optional<Answer> Requests::DirectoryObjection(const Kavel__Request &request) const
@@ -383,7 +384,7 @@ Answer Requests::InitDirectory(std::uint32_t vpnId) const
 
 Answer Requests::ReleaseDirectory(std::uint32_t vpnId) const
 {
-    if (IsRunning(vpnId)) {
+    if (instances_.IsRunning(vpnId)) {
         return RefusalOf(vpnId, -EBUSY, "the instance of vpn " + std::to_string(vpnId) + " is running");
     }
     Answer answer = OutcomeOf(host_, module_.releaseDirectory(vpnId), vpnId);

@@ -9,6 +9,7 @@
 #include <span>
 
 #include "base/event_loop.h"
+#include "instances/instances.h"
 #include "instances/module.h"
 #include "instances/pending_launches.h"
 #include "services/host.h"
@@ -25,7 +26,8 @@ namespace kavel::agent {
 class Requests {
   public:
     // The references must outlive this object. Throws std::system_error.
-    Requests(EventLoop &loop, Host &host, const Module &module, PendingLaunches &launches);
+    Requests(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
+             PendingLaunches &launches);
 
     // Handles a frame that holds one packed Request. `respond` is called once, before this returns or by the loop.
     void Handle(ReceivedFrame frame, const Respond &respond);
@@ -60,7 +62,8 @@ class Requests {
 
     EventLoop &loop_;
     Host &host_;
-    const Module &module_;
+    const Instances &instances_;
+    const ModuleFunctions &module_;
     PendingLaunches &launches_;
     RequestQueues queues_;
     std::set<std::uint32_t> drainable_; // VPNs that have ended a launch and have requests in their queues

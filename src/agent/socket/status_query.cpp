@@ -23,8 +23,9 @@ std::set<std::uint32_t> PendingOf(const PendingLaunches &launches, const std::ve
 
 } // namespace
 
-StatusQuery::StatusQuery(EventLoop &loop, Host &host, const PendingLaunches &launches, StatusScope scope, OnEnd onEnd)
-    : host_(host), launches_(launches), scope_(std::move(scope)), onEnd_(std::move(onEnd)),
+StatusQuery::StatusQuery(EventLoop &loop, Host &host, const Instances &instances, const PendingLaunches &launches,
+                         StatusScope scope, OnEnd onEnd)
+    : host_(host), instances_(instances), launches_(launches), scope_(std::move(scope)), onEnd_(std::move(onEnd)),
       wasStarting_(PendingOf(launches, scope_.vpnIds)),
       reading_(loop.AddDeferred(Priority::kBackground, [this] { ReadSome(); })),
       probe_(loop, host.namespaces, scope_.vpnIds, kAnswerTimeout,
@@ -57,7 +58,7 @@ void StatusQuery::ReadSome()
 VpnStatus StatusQuery::Read(std::uint32_t vpnId)
 {
     const bool isStarting = wasStarting_.contains(vpnId) || launches_.IsPending(vpnId);
-    return StatusOfVpn(host_, vpnId, {isStarting, answering_.contains(vpnId)}, stored_);
+    return StatusOfVpn(host_, instances_, vpnId, {isStarting, answering_.contains(vpnId)}, stored_);
 }
 
 void StatusQuery::End()
@@ -66,7 +67,7 @@ void StatusQuery::End()
         statuses_.front().problems.push_back(*stored_.problem); // it concerns all of them: once is enough
     }
     if (scope_.isAll) {
-        std::ranges::move(StatusOfStrays(host_.config), std::back_inserter(statuses_));
+        std::ranges::move(StatusOfStrays(host_.config, instances_), std::back_inserter(statuses_));
     }
     onEnd_(std::move(statuses_));
 }

@@ -10,6 +10,7 @@
 
 #include "base/event_loop.h"
 #include "instances/dns_probe.h"
+#include "instances/instances.h"
 #include "instances/pending_launches.h"
 #include "instances/status.h"
 #include "services/host.h"
@@ -30,7 +31,8 @@ class StatusQuery {
 
     // The loop calls `onEnd` once, which may destroy this object. The references must outlive this object. Throws
     // std::system_error.
-    StatusQuery(EventLoop &loop, Host &host, const PendingLaunches &launches, StatusScope scope, OnEnd onEnd);
+    StatusQuery(EventLoop &loop, Host &host, const Instances &instances, const PendingLaunches &launches,
+                StatusScope scope, OnEnd onEnd);
 
   private:
     void BeginReading(const std::set<std::uint32_t> &answering);
@@ -39,6 +41,7 @@ class StatusQuery {
     void End();
 
     Host &host_;
+    const Instances &instances_;
     const PendingLaunches &launches_;
     StatusScope scope_;
     OnEnd onEnd_;
