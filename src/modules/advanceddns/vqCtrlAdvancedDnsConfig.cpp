@@ -7,7 +7,8 @@
 #include "vqCtrlAdvancedDnsLog.h"
 #include "vqErrno.h"
 
-// The platform's operations: set once by the host's choice of platform, empty until then.
+// The operations of the platform, the only state of the module. Empty until the host calls a platform entry; the next
+// call of one replaces them.
 static VQ_CTRL_DNSMASQ_OPERATIONS s_AgentDnsmasqOp;
 
 // The first file that fails ends the message: the later ones keep their old content.
@@ -57,10 +58,10 @@ static VQ_ERR_T _VQCtrl_RebootWithRule(const char *Function, const VQ_CTRL_DNSMA
     return Result;
 }
 
-static VQ_ERR_T _VQCtrl_EnableDnsmasq(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf, VQ_ERR_T Result)
+static VQ_ERR_T _VQCtrl_EnableDnsmasq(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf)
 {
     if (Conf->VpnId != 0) {
-        Result = VQCtrl_AddDnsmasqRouteForVpn(Conf);
+        const VQ_ERR_T Result = VQCtrl_AddDnsmasqRouteForVpn(Conf);
         if (Result < 0) {
             VQ_CTRL_LOG_ERROR_AS(Function, "Add dnsmasq route for vpn %u failed(%d:%s)\n", Conf->VpnId,
                                  VQ_CTRL_LOG_REASON(Result));
@@ -72,13 +73,13 @@ static VQ_ERR_T _VQCtrl_EnableDnsmasq(const char *Function, const VQ_CTRL_DNSMAS
     }
     if (Conf->Op == VQ_CTRL_DNSMASQ_OP_RELOAD) {
         // The steering rule is installed after a restart only; a reload finds it in place.
-        Result = VQCtrl_DnsmasqReload(Conf->VpnId);
+        const VQ_ERR_T Result = VQCtrl_DnsmasqReload(Conf->VpnId);
         if (Result < 0) {
             VQ_CTRL_LOG_ERROR_AS(Function, "Dnsmasq reload failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
         }
         return Result;
     }
-    Result = VQ_ERR_INVALID;
+    const VQ_ERR_T Result = VQ_ERR_INVALID;
     VQ_CTRL_LOG_ERROR_AS(Function, "Dnsmasq operation(%u) failed(%d:%s)\n", static_cast<uint32_t>(Conf->Op),
                          VQ_CTRL_LOG_REASON(Result));
     return Result;
@@ -109,7 +110,7 @@ static VQ_ERR_T _VQCtrl_SetAdvancedDnsConfiguration(const VQ_CTRL_DNSMASQ_CONF *
         return Result;
     }
     if (Conf->Enable != FALSE) {
-        return _VQCtrl_EnableDnsmasq(__func__, Conf, Result);
+        return _VQCtrl_EnableDnsmasq(__func__, Conf);
     }
     _VQCtrl_DisableDnsmasq(__func__, Conf);
     return Result;

@@ -1,4 +1,8 @@
-// Owners that release by scope. The raw release calls of the host and of the C library stand here and nowhere else.
+// Guards that release a resource at the end of their scope: host memory, host lists, files, directories, JSON trees,
+// and the network namespace that a VPN's work needs.
+//
+// Two resources have no guard. The pattern of VQCtrl_ValidateDomain must not be released on one of its paths. The text
+// that the host's conversion table gives is released through that table, and only if it has a function for that.
 #ifndef VQ_CTRL_ADVANCED_DNS_GUARD_H
 #define VQ_CTRL_ADVANCED_DNS_GUARD_H
 
@@ -9,8 +13,11 @@
 #include <dirent.h>
 #include <json-c/json.h>
 
+#include "vqCtrlAdvancedDnsLog.h"
+#include "vqErrno.h"
 #include "vqMemory.h"
 #include "vqNetio.h"
+#include "vqNetns.h"
 #include "vqStore.h"
 
 namespace advanceddns {
@@ -63,6 +70,46 @@ HostMemory<T> ZeroAllocHostMemory(std::size_t Count = 1)
 {
     return HostMemory<T>(static_cast<T *>(VQ_AgentMemZeroAlloc(Count * sizeof(T))));
 }
+
+// Moves the calling thread into the network namespace of a VPN, and back at the end of the scope. For VPN 0 the thread
+// stays where it is. A failure in either direction is logged under `Function`, which must outlive the guard.
+class NamespaceSwitch {
+  public:
+    NamespaceSwitch(const char *Function, uint32_t VpnId) : m_Function(Function), m_VpnId(VpnId)
+    {
+        const VQ_ERR_T Result = VpnId != 0 ? VQ_RtcNetNsSaveAndSwitch(VpnId, &m_SavedNs) : VQ_ERR_OK;
+        m_IsInNamespace = Result >= 0;
+        if (Result < 0) {
+            VQ_CTRL_LOG_ERROR_AS(Function, "Switch to namespace %u faile, ret = %d.\n", VpnId, Result);
+        }
+    }
+
+    // The handle decides, not the result of the switch: a host may save a handle and then fail.
+    ~NamespaceSwitch()
+    {
+        if (m_SavedNs < 0) {
+            return;
+        }
+        const VQ_ERR_T Result = VQ_RtcNetNsSwitchToDefault(&m_SavedNs);
+        if (Result < 0) {
+            VQ_CTRL_LOG_ERROR_AS(m_Function,
+                                 "VQ_RtcNetNsSwitchToDefault failed(ret = %d VpnId = %u saveNetNsFd = %d)\n", Result,
+                                 m_VpnId, m_SavedNs);
+        }
+    }
+
+    NamespaceSwitch(const NamespaceSwitch &) = delete;
+    NamespaceSwitch &operator=(const NamespaceSwitch &) = delete;
+
+    // Whether the calling thread is in the namespace of the VPN, or is to stay where it is.
+    [[nodiscard]] bool IsInNamespace() const { return m_IsInNamespace; }
+
+  private:
+    const char *m_Function;
+    uint32_t m_VpnId;
+    int m_SavedNs = -1;
+    bool m_IsInNamespace = false;
+};
 
 } // namespace advanceddns
 

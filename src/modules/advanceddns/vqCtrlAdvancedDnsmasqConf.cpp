@@ -1,5 +1,5 @@
-// dnsmasq instances: their directories, their lives, and how they are found again. Nothing is remembered between calls;
-// the pid file and the tag in the command line are all that tells of an instance.
+// dnsmasq instances: their directories, discovery, start, stop and reload. This file keeps no state between calls: an
+// instance is found again by its pid file and by the tag in its command line.
 #include "vqCtrlAdvancedDns.h"
 
 #include <cerrno>
@@ -211,30 +211,17 @@ static BOOL _VQCtrl_IsTcpPortListed(const char *Function, FILE *Table, uint32_t 
 }
 
 // Looks in the namespace of the VPN, for VPN 0 in the current one. /proc/net is that of the process's main thread: on
-// any other thread the answer is the main thread's namespace's.
+// any other thread the answer is about the main thread's namespace. FALSE also when the table cannot be looked at.
 static BOOL _VQCtrl_IsTcpPortOccupied(uint32_t Port, uint32_t VpnId)
 {
-    int SavedNs = -1;
-    BOOL IsOccupied = FALSE;
+    // Before the guard, so that the thread is back in its namespace when the file is closed.
     advanceddns::ReadFile Table;
-
-    const VQ_ERR_T Switched = VpnId != 0 ? VQ_RtcNetNsSaveAndSwitch(VpnId, &SavedNs) : VQ_ERR_OK;
-    if (Switched < 0) {
-        VQ_CTRL_LOG_ERROR("Switch to namespace %u faile, ret = %d.\n", VpnId, Switched);
-    } else {
-        Table.reset(fopen("/proc/net/tcp", "re"));
+    const advanceddns::NamespaceSwitch Vpn(__func__, VpnId);
+    if (!Vpn.IsInNamespace()) {
+        return FALSE;
     }
-    if (Table != nullptr) {
-        IsOccupied = _VQCtrl_IsTcpPortListed(__func__, Table.get(), Port, VpnId);
-    }
-    if (SavedNs >= 0) {
-        const VQ_ERR_T Result = VQ_RtcNetNsSwitchToDefault(&SavedNs);
-        if (Result < 0) {
-            VQ_CTRL_LOG_ERROR("VQ_RtcNetNsSwitchToDefault failed(ret = %d VpnId = %u saveNetNsFd = %d)\n", Result,
-                              VpnId, SavedNs);
-        }
-    }
-    return IsOccupied;
+    Table.reset(fopen("/proc/net/tcp", "re"));
+    return Table != nullptr ? _VQCtrl_IsTcpPortListed(__func__, Table.get(), Port, VpnId) : FALSE;
 }
 
 // Plain substring tests: the tag of VPN 1 is found in the command line of VPN 10, too. Known and kept.
