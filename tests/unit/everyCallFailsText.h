@@ -1,11 +1,11 @@
-// What the failures of a scenario's calls lead to, as a text that a person can review: the undisturbed run line by
-// line, then every call that can fail with what comes after its failure.
+// What the failures of a scenario's calls lead to, as a text that a person can review: the run without a failure line
+// by line, then each distinct outcome once with every failure that leads to it. failures/README.md explains the format.
 #ifndef EVERY_CALL_FAILS_TEXT_H
 #define EVERY_CALL_FAILS_TEXT_H
 
 #include "everyCallFailsRun.h"
 
-// A way in which one call failed, and the run that this gave.
+// One way in which a call fails, and the run with this failure.
 struct FailedRun {
     fakehost::Fault How;
     Outcome Run;
@@ -15,37 +15,45 @@ class FailureText {
   public:
     explicit FailureText(const Outcome &Undisturbed);
 
-    // The calls in order, each with all its failures.
+    // Adds a call that can fail. `Runs` has one run for each way in which it fails. Add the calls in the order of the
+    // undisturbed run.
     void Add(const fakehost::CountedCall &Call, const std::vector<FailedRun> &Runs);
 
     [[nodiscard]] std::string Text() const;
 
   private:
+    // A call that can fail. Recorded calls have the number of their line; the others follow line `Line` and are
+    // numbered from 1 behind each line.
+    struct Call {
+        std::string Text;
+        std::size_t Line = 0;
+        std::size_t Behind = 0; // 0: recorded
+
+        [[nodiscard]] std::string Label() const;
+    };
+
+    struct Cause {
+        std::size_t Call = 0; // index in m_Calls
+        fakehost::Fault How;
+        int Error = 0; // the positive number for which E stands; 0: E does not occur
+    };
+
+    // What comes after a failure: lines with E for the error, the last of which says how the run ends.
     struct Consequence {
-        std::vector<fakehost::Fault> Hows;
-        std::string Raw;
-        // With E for the error.
-        std::string General;
-        bool IsGeneral = false;
+        std::vector<std::string> Lines;
+        std::vector<Cause> Causes;
     };
 
-    struct Row {
-        std::size_t At = 0;
-        std::size_t Count = 0;
-    };
-
-    [[nodiscard]] Row FindRow(const std::vector<std::string> &Lines, std::size_t At, std::size_t Next) const;
-    [[nodiscard]] std::string Describe(const FailedRun &Each) const;
-    [[nodiscard]] std::string Blocks(const fakehost::CountedCall &Call, const std::vector<FailedRun> &Runs) const;
+    static bool IsError(const Cause &Each);
+    [[nodiscard]] std::vector<std::string> LinesAfterFailure(const Outcome &Run) const;
+    [[nodiscard]] std::string UndisturbedRun() const;
+    [[nodiscard]] std::string Heading(const Consequence &Each) const;
+    [[nodiscard]] std::string CauseText(const std::vector<Cause> &CausesOfCall) const;
 
     std::vector<std::string> m_Lines;
     VQ_ERR_T m_Result;
-    // Calls in a row that fail alike stand together.
-    struct Section {
-        std::vector<std::string> Calls;
-        std::string Blocks;
-    };
-    std::vector<Section> m_Sections;
+    std::vector<Call> m_Calls;
+    std::vector<Consequence> m_Consequences;
 };
 
 #endif
