@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <limits>
 #include <poll.h>
 #include <sstream>
 #include <sys/socket.h>
@@ -70,12 +69,12 @@ Client Client::Connect(const std::string &path, std::chrono::milliseconds patien
     if (error != 0) {
         throw AgentError("cannot reach the agent at " + path + ": " + ErrnoText(error));
     }
-    return Client(std::move(socket), patience);
+    return {std::move(socket), patience};
 }
 
 ReplyPtr Client::Exchange(std::span<const std::uint8_t> request)
 {
-    const TimePoint deadline = std::chrono::steady_clock::now() + patience_;
+    const Deadline deadline(patience_);
     Send(control::EncodeFrameLength(request.size()), deadline);
     Send(request, deadline);
 
@@ -95,18 +94,16 @@ ReplyPtr Client::Exchange(std::span<const std::uint8_t> request)
     return reply;
 }
 
-void Client::WaitFor(short events, TimePoint deadline) const
+void Client::WaitFor(short events, const Deadline &deadline) const
 {
     pollfd waited{socket_.Get(), events, 0};
     while (true) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
+        if (deadline.HasPassed()) {
             std::ostringstream text;
             text << "the agent did not reply within " << std::chrono::duration<double>(patience_).count() << " s";
             throw AgentError(text.str());
         }
-        const int ready =
-            ::poll(&waited, 1, static_cast<int>(std::min<std::int64_t>(left.count(), std::numeric_limits<int>::max())));
+        const int ready = ::poll(&waited, 1, deadline.PollTimeout());
         if (ready > 0) {
             return;
         }
@@ -116,7 +113,7 @@ void Client::WaitFor(short events, TimePoint deadline) const
     }
 }
 
-void Client::Send(std::span<const std::uint8_t> bytes, TimePoint deadline) const
+void Client::Send(std::span<const std::uint8_t> bytes, const Deadline &deadline) const
 {
     while (!bytes.empty()) {
         WaitFor(POLLOUT, deadline);
@@ -129,7 +126,7 @@ void Client::Send(std::span<const std::uint8_t> bytes, TimePoint deadline) const
     }
 }
 
-void Client::Receive(std::span<std::uint8_t> bytes, TimePoint deadline) const
+void Client::Receive(std::span<std::uint8_t> bytes, const Deadline &deadline) const
 {
     while (!bytes.empty()) {
         WaitFor(POLLIN, deadline);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "control.pb-c.h"
+#include "deadline.h"
 #include "unique_fd.h"
 
 namespace kavel::ctl {
@@ -34,11 +35,9 @@ class Client {
     ReplyPtr Exchange(std::span<const std::uint8_t> request);
 
   private:
-    using TimePoint = std::chrono::steady_clock::time_point;
-
-    void WaitFor(short events, TimePoint deadline) const;
-    void Send(std::span<const std::uint8_t> bytes, TimePoint deadline) const;
-    void Receive(std::span<std::uint8_t> bytes, TimePoint deadline) const;
+    void WaitFor(short events, const Deadline &deadline) const;
+    void Send(std::span<const std::uint8_t> bytes, const Deadline &deadline) const;
+    void Receive(std::span<std::uint8_t> bytes, const Deadline &deadline) const;
 
     UniqueFd socket_;
     std::chrono::milliseconds patience_;

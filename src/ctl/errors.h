@@ -4,6 +4,8 @@
 
 #include <stdexcept>
 
+#include "input_error.h"
+
 namespace kavel::ctl {
 
 enum ExitCode : int {
@@ -11,11 +13,6 @@ enum ExitCode : int {
     kRefused = 1,  // the agent refused, or a VPN has problems
     kBadInput = 2, // wrong usage, a file that cannot be read, written or understood
     kNoAgent = 3,  // the agent cannot be reached or does not keep to the protocol
-};
-
-class InputError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
 };
 
 class AgentError : public std::runtime_error {

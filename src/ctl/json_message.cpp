@@ -4,7 +4,7 @@
 #include <array>
 
 #include "advanced_dns.pb-c.h"
-#include "json_reader.h"
+#include "message_fields.h"
 #include "output.h"
 
 namespace kavel::ctl {
@@ -18,20 +18,20 @@ constexpr std::array kHostFields = {
     Field<DnsHostItem>{"ip", kRequired, Set<&DnsHostItem::ip, ReadIpv4>},
     Field<DnsHostItem>{"ipv6", kOptional, SetOptional<&DnsHostItem::has_ipv6, &DnsHostItem::ipv6, ReadIpv6>},
 };
-constexpr auto ReadHost = ReadItem<DnsHostItem, kHostFields, dns_host_item__init>;
+constexpr auto kReadHost = ReadItem<DnsHostItem, kHostFields, dns_host_item__init>;
 
 constexpr std::array kServerFields = {
     Field<DnsServerItem>{"dnsserver", kRequired, Set<&DnsServerItem::dnsserver, ReadIpv4>},
     Field<DnsServerItem>{"ifname", kOptional, Set<&DnsServerItem::ifname, ReadText>},
 };
-constexpr auto ReadServer = ReadItem<DnsServerItem, kServerFields, dns_server_item__init>;
+constexpr auto kReadServer = ReadItem<DnsServerItem, kServerFields, dns_server_item__init>;
 
 constexpr std::array kMxHostFields = {
     Field<DnsMxHostItem>{"targetdomain", kRequired, Set<&DnsMxHostItem::targetdomain, ReadText>},
     Field<DnsMxHostItem>{"sourcedomain", kRequired, Set<&DnsMxHostItem::sourcedomain, ReadText>},
     Field<DnsMxHostItem>{"preference", kRequired, Set<&DnsMxHostItem::preference, ReadNumber>},
 };
-constexpr auto ReadMxHost = ReadItem<DnsMxHostItem, kMxHostFields, dns_mx_host_item__init>;
+constexpr auto kReadMxHost = ReadItem<DnsMxHostItem, kMxHostFields, dns_mx_host_item__init>;
 
 constexpr std::array kProxyFields = {
     Field<DnsProxyItemV2>{"domains", kRequired,
@@ -41,17 +41,18 @@ constexpr std::array kProxyFields = {
     Field<DnsProxyItemV2>{"serveripv6s", kOptional,
                           SetList<&DnsProxyItemV2::n_serveripv6s, &DnsProxyItemV2::serveripv6s, ReadIpv6>},
 };
-constexpr auto ReadProxy = ReadItem<DnsProxyItemV2, kProxyFields, dns_proxy_item_v2__init>;
+constexpr auto kReadProxy = ReadItem<DnsProxyItemV2, kProxyFields, dns_proxy_item_v2__init>;
 
 constexpr std::array kCpeFields = {
     Field<DnsmasqConf>{"enable", kRequired, Set<&DnsmasqConf::enable, ReadBool>},
     Field<DnsmasqConf>{"operation", kRequired, Set<&DnsmasqConf::operation, ReadOperation>},
-    Field<DnsmasqConf>{"dnshosts", kOptional, SetList<&DnsmasqConf::n_dnshosts, &DnsmasqConf::dnshosts, ReadHost>},
+    Field<DnsmasqConf>{"dnshosts", kOptional, SetList<&DnsmasqConf::n_dnshosts, &DnsmasqConf::dnshosts, kReadHost>},
     Field<DnsmasqConf>{"dnsservers", kOptional,
-                       SetList<&DnsmasqConf::n_dnsservers, &DnsmasqConf::dnsservers, ReadServer>},
-    Field<DnsmasqConf>{"dnsmxhost", kOptional, SetList<&DnsmasqConf::n_dnsmxhost, &DnsmasqConf::dnsmxhost, ReadMxHost>},
+                       SetList<&DnsmasqConf::n_dnsservers, &DnsmasqConf::dnsservers, kReadServer>},
+    Field<DnsmasqConf>{"dnsmxhost", kOptional,
+                       SetList<&DnsmasqConf::n_dnsmxhost, &DnsmasqConf::dnsmxhost, kReadMxHost>},
     Field<DnsmasqConf>{"dnsproxies", kOptional,
-                       SetList<&DnsmasqConf::n_dnsproxies, &DnsmasqConf::dnsproxies, ReadProxy>},
+                       SetList<&DnsmasqConf::n_dnsproxies, &DnsmasqConf::dnsproxies, kReadProxy>},
     Field<DnsmasqConf>{"persistentflag", kOptional,
                        SetOptional<&DnsmasqConf::has_persistentflag, &DnsmasqConf::persistentflag, ReadBool>},
     Field<DnsmasqConf>{"historypersistent", kOptional,
@@ -79,7 +80,7 @@ template <typename These, typename Others>
 bool HasKeyOnlyOf(json_object *object, const These &these, const Others &others)
 {
     return std::ranges::any_of(these, [&](const auto &field) {
-        return FindField(others, field.name) == others.end() && HasKey(object, field.name);
+        return FindByName(others, field.name) == others.end() && HasKey(object, field.name);
     });
 }
 
@@ -108,7 +109,7 @@ EncodedMessage Encode(json_object *json, const Fields &fields)
     Arena arena;
     Message message{};
     Init(&message);
-    ReadFields(Place{json, Path(), arena}, fields, message);
+    ReadMembers(JsonValue{json, {}}, fields, message, arena);
     EncodedMessage encoded{std::vector<std::uint8_t>(PackedSize(&message)), SummaryOf(message)};
     Pack(&message, encoded.bytes.data());
     return encoded;

@@ -37,7 +37,7 @@ struct Arguments {
 // Decimal alone: CLI11 by itself would read 010 as 8.
 std::uint32_t VpnNumber(const std::string &text)
 {
-    const auto vpn = kavel::control::WholeNumber<std::uint32_t>(text);
+    const auto vpn = kavel::WholeNumber<std::uint32_t>(text);
     if (!vpn) {
         throw CLI::ValidationError("\"" + text + "\" is not a VPN number");
     }

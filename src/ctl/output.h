@@ -13,8 +13,6 @@
 
 namespace kavel::ctl {
 
-using control::Printable;
-
 // "1 host", "2 hosts".
 std::string Counted(std::size_t count, std::string_view noun);
 

@@ -10,8 +10,8 @@
 #include <json-c/json.h>
 
 #include "advanced_dns.pb-c.h"
-#include "errors.h"
 #include "fuzz.h"
+#include "input_error.h"
 #include "json_message.h"
 
 namespace {
@@ -154,7 +154,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
     const std::string Text(Data, Data + Size);
     try {
         CheckAccepted(kavel::ctl::EncodeJson(Text), Text);
-    } catch (const kavel::ctl::InputError &Refused) {
+    } catch (const kavel::InputError &Refused) {
         if (!fuzz::IsOneLine(Refused.what())) {
             fuzz::Fail(std::string("a refusal is not one line: ") + Refused.what());
         }

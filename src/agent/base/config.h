@@ -13,7 +13,8 @@
 
 namespace kavel::agent {
 
-// What is wrong, beginning with the path of the key: "vpns[1].id: 7 is configured twice".
+// The text is one line that says what is wrong. It begins with the path of the key, "vpns[1].id: 7 is configured twice",
+// or with the position of a syntax error, "line 2, column 3: unexpected character".
 class ConfigError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
@@ -32,7 +33,7 @@ struct Vpn {
     std::string netns;
     std::vector<std::string> lan;
     std::vector<Wan> wan;
-    std::string path; // where it stands in the file, for messages
+    std::string path; // in the configuration file, for messages: "vpns[1]"
 };
 
 struct Config {
@@ -43,16 +44,16 @@ struct Config {
     std::string socket = control::kDefaultSocket;
     LogLevel log = LogLevel::kNotice;
     std::vector<std::string> lan; // the box's own interfaces: names, or prefixes that end in '*'
-    std::vector<std::string> c2p; // those that lead from CPEs to this POP, likewise
+    std::vector<std::string> c2p; // the interfaces of connections from CPEs to this POP: names or prefixes as well
     std::vector<Vpn> vpns;        // by rising id; the box itself, VPN 0, is not among them
 
     // Null when the VPN is not configured.
     [[nodiscard]] const Vpn *Find(std::uint32_t id) const;
-    // Whether it is one of the box's: the box itself, or a configured VPN.
+    // Whether `id` is the box itself or a configured VPN.
     [[nodiscard]] bool Serves(std::uint32_t id) const { return id == 0 || Find(id) != nullptr; }
 };
 
-// Both throw ConfigError.
+// Read and check the configuration in a file or in a text. Both throw ConfigError.
 Config LoadConfig(const std::string &file);
 Config ParseConfig(const std::string &text);
 

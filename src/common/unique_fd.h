@@ -1,6 +1,6 @@
 // A file descriptor with one owner.
-#ifndef KAVEL_CONTROL_UNIQUE_FD_H
-#define KAVEL_CONTROL_UNIQUE_FD_H
+#ifndef KAVEL_COMMON_UNIQUE_FD_H
+#define KAVEL_COMMON_UNIQUE_FD_H
 
 #include <unistd.h>
 

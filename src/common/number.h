@@ -1,15 +1,15 @@
-// Numbers out of text.
-#ifndef KAVEL_CONTROL_NUMBER_H
-#define KAVEL_CONTROL_NUMBER_H
+// Numbers from text.
+#ifndef KAVEL_COMMON_NUMBER_H
+#define KAVEL_COMMON_NUMBER_H
 
 #include <charconv>
 #include <optional>
 #include <string_view>
 #include <system_error>
 
-namespace kavel::control {
+namespace kavel {
 
-// The decimal number that `text` is, from its first byte to its last; nothing when it is none, or too large.
+// The decimal number that all of `text` forms. Nothing when `text` is not a number or when the number does not fit.
 template <typename Number>
 std::optional<Number> WholeNumber(std::string_view text)
 {
@@ -19,6 +19,10 @@ std::optional<Number> WholeNumber(std::string_view text)
     return error == std::errc() && stopped == end ? std::optional(number) : std::nullopt;
 }
 
+} // namespace kavel
+
+namespace kavel::control {
+using kavel::WholeNumber;
 } // namespace kavel::control
 
 #endif

@@ -1,0 +1,177 @@
+#include "json_reader.h"
+
+#include <array>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "input_error.h"
+
+namespace kavel {
+namespace {
+
+std::string RefusalOf(const std::function<void()> &read)
+{
+    try {
+        read();
+    } catch (const InputError &error) {
+        return error.what();
+    }
+    return "accepted";
+}
+
+std::string SyntaxError(const std::string &text)
+{
+    return RefusalOf([&] { ParseJson(text); });
+}
+
+// The refusal of a document that consists of one value.
+template <typename Read>
+std::string RefusedValue(const std::string &text, Read read)
+{
+    const JsonPtr json = ParseJson(text);
+    return RefusalOf([&] { read(JsonValue{json.get(), {}}); });
+}
+
+TEST(ParseJson, AcceptsEveryKindOfValue)
+{
+    for (const char *text : {"{}", "[]", "7", "-1.5", "\"text\"", "true", " \t\r\n{} \t\r\n"}) {
+        EXPECT_TRUE(ParseJson(text)) << text;
+    }
+    EXPECT_FALSE(ParseJson("null"));
+}
+
+TEST(ParseJson, RefusesATextThatEndsEarly)
+{
+    EXPECT_EQ(SyntaxError(""), "line 1, column 1: unexpected end of file");
+    EXPECT_EQ(SyntaxError("  \n "), "line 2, column 2: unexpected end of file");
+    EXPECT_EQ(SyntaxError("{"), "line 1, column 2: unexpected end of file");
+    EXPECT_EQ(SyntaxError("[1,\n\"a"), "line 2, column 3: unexpected end of file");
+    EXPECT_EQ(SyntaxError("tru"), "line 1, column 4: unexpected end of file");
+}
+
+TEST(ParseJson, RefusesTextAfterTheValue)
+{
+    EXPECT_EQ(SyntaxError("{}{}"), "line 1, column 3: unexpected text after the value");
+    EXPECT_EQ(SyntaxError("{}\n  x"), "line 2, column 3: unexpected text after the value");
+    EXPECT_EQ(SyntaxError("{} // no"), "line 1, column 4: unexpected text after the value");
+    EXPECT_EQ(SyntaxError("7 8"), "line 1, column 3: unexpected text after the value");
+    EXPECT_EQ(SyntaxError("\"\u00e9\" x"), "line 1, column 5: unexpected text after the value");
+}
+
+TEST(ParseJson, RefusesNulCharacters)
+{
+    EXPECT_EQ(SyntaxError(std::string("{}\0", 3)), "line 1, column 3: NUL character");
+    EXPECT_EQ(SyntaxError(std::string("{}\n\0x", 5)), "line 2, column 1: NUL character");
+    EXPECT_EQ(SyntaxError(std::string("[\0]", 3)), "line 1, column 2: NUL character");
+    EXPECT_EQ(SyntaxError(std::string("\0", 1)), "line 1, column 1: NUL character");
+}
+
+TEST(ParseJson, CountsColumnsInCharacters)
+{
+    EXPECT_EQ(SyntaxError("{\"\u00e9\u20ac\U0001F310\" 1}"),
+              "line 1, column 8: object property name separator ':' expected");
+    EXPECT_EQ(SyntaxError("[\"\u00e9\",\n\"\u00e9\" 1]"), "line 2, column 5: array value separator ',' expected");
+}
+
+TEST(ParseJson, IsStrict)
+{
+    EXPECT_EQ(SyntaxError("[1,]"), "line 1, column 4: unexpected character");
+    EXPECT_EQ(SyntaxError("{\"a\": 1,}"), "line 1, column 9: unexpected character");
+    EXPECT_EQ(SyntaxError("['a']"), "line 1, column 2: unexpected character");
+    EXPECT_EQ(SyntaxError("\"\xFF\""), "line 1, column 2: invalid utf-8 string");
+    EXPECT_EQ(SyntaxError(std::string(100, '[')), "line 1, column 33: nesting too deep");
+}
+
+TEST(JsonPath, NamesEachStep)
+{
+    const JsonPath root;
+    const JsonPath list = root.Key("vpns");
+    const JsonPath element = list.Index(1);
+    const JsonPath inner = element.Key("lan");
+    EXPECT_EQ(root.Text(), "");
+    EXPECT_EQ(list.Text(), "vpns");
+    EXPECT_EQ(inner.Index(0).Text(), "vpns[1].lan[0]");
+    const JsonPath outermost = root.Index(2);
+    EXPECT_EQ(outermost.Key("a").Text(), "[2].a");
+    EXPECT_EQ(root.Key("").Text(), R"("")");
+}
+
+TEST(JsonValue, RefusesAnotherType)
+{
+    const auto readBool = [](const JsonValue &value) { return value.Bool(); };
+    const auto readString = [](const JsonValue &value) { return value.String(); };
+    const auto readLength = [](const JsonValue &value) { return value.Length(); };
+    EXPECT_EQ(RefusedValue("1", readBool), "expected true or false, not 1");
+    EXPECT_EQ(RefusedValue("null", readBool), "expected true or false, not null");
+    EXPECT_EQ(RefusedValue("[1]", readString), "expected a string, not an array");
+    EXPECT_EQ(RefusedValue("{\"a\": 1}", readLength), "expected an array, not an object");
+    EXPECT_EQ(RefusedValue("\"a/b\"", readLength), R"(expected an array, not "a/b")");
+    EXPECT_EQ(RefusedValue("[]", [](const JsonValue &value) { value.ExpectObject(); }),
+              "expected an object, not an array");
+    EXPECT_EQ(RefusedValue("true", [](const JsonValue &value) { return value.String("a name"); }),
+              "expected a name, not true");
+}
+
+TEST(JsonValue, NumberHasARange)
+{
+    const auto readFromOne = [](const JsonValue &value) { return value.Number(1); };
+    EXPECT_EQ(RefusedValue("1", readFromOne), "accepted");
+    EXPECT_EQ(RefusedValue("4294967295", readFromOne), "accepted");
+    for (const char *text : {"0", "-1", "4294967296", "18446744073709551616", "1.0", "\"1\"", "null", "true"}) {
+        EXPECT_EQ(RefusedValue(text, readFromOne).substr(0, 44), "expected a number from 1 to 4294967295, not ")
+            << text;
+    }
+    EXPECT_EQ(RefusedValue("0", [](const JsonValue &value) { return value.Number(); }), "accepted");
+}
+
+TEST(JsonValue, RefusalIsOneLine)
+{
+    EXPECT_EQ(RefusedValue("1", [](const JsonValue &value) { value.Refuse("a\nb\033"); }), "a?b?");
+}
+
+struct Point {
+    std::uint32_t x = 0;
+    std::vector<std::string> names;
+};
+
+constexpr std::array kPointMembers = {
+    JsonMember<Point>{"x", Presence::kRequired, [](const JsonValue &value, Point &point) { point.x = value.Number(); }},
+    JsonMember<Point>{"names", Presence::kOptional,
+                      [](const JsonValue &value, Point &point) {
+                          value.ForEachElement(
+                              [&](const JsonValue &element) { point.names.emplace_back(element.String()); });
+                      }},
+};
+
+std::string RefusedPoint(const std::string &text)
+{
+    return RefusedValue(text, [](const JsonValue &value) {
+        Point point;
+        ReadMembers(value, kPointMembers, point);
+    });
+}
+
+TEST(ReadMembers, FillsTheTarget)
+{
+    const JsonPtr json = ParseJson(R"({"names": ["a", "b"], "x": 7})");
+    Point point;
+    ReadMembers(JsonValue{json.get(), {}}, kPointMembers, point);
+    EXPECT_EQ(point.x, 7U);
+    EXPECT_EQ(point.names, (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(ReadMembers, SaysWhichKeyIsWrong)
+{
+    EXPECT_EQ(RefusedPoint(R"({"x": 7, "names": ["a", 5]})"), "names[1]: expected a string, not 5");
+    EXPECT_EQ(RefusedPoint(R"({"x": 7, "y": 8})"), "y: unknown key");
+    EXPECT_EQ(RefusedPoint(R"({"x": 7, "": 8})"), R"("": unknown key)");
+    EXPECT_EQ(RefusedPoint(R"({"x": 7, "a\nb": 8})"), "a?b: unknown key");
+    EXPECT_EQ(RefusedPoint("{}"), "x: is missing");
+    EXPECT_EQ(RefusedPoint("[]"), "expected an object, not an array");
+    EXPECT_EQ(RefusedPoint("null"), "expected an object, not null");
+}
+
+} // namespace
+} // namespace kavel
