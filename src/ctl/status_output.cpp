@@ -22,118 +22,200 @@ constexpr std::uint64_t kHour = 60 * kMinute;
 constexpr std::uint64_t kDay = 24 * kHour;
 constexpr std::uint64_t kKibi = 1024;
 
-std::string StateText(const Kavel__VpnStatus &vpn)
+using VpnStatus = Kavel__VpnStatus;
+using Vpn = const VpnStatus &;
+
+struct State {
+    const char *text;
+    const char *colour;
+};
+
+State StateOf(Vpn vpn)
 {
     if (vpn.n_problems != 0) {
-        return "failed";
+        return {"failed", "\033[31m"};
     }
-    return vpn.alive != 0 ? "running" : "stopped";
-}
-
-const char *StateColour(const Kavel__VpnStatus &vpn)
-{
-    if (vpn.n_problems != 0) {
-        return "\033[31m";
+    if (vpn.starting != 0) {
+        return {"starting", "\033[36m"};
     }
-    return vpn.alive != 0 ? "\033[32m" : "\033[33m";
+    return vpn.alive != 0 ? State{"running", "\033[32m"} : State{"stopped", "\033[33m"};
 }
 
-std::string IfAlive(const Kavel__VpnStatus &vpn, const std::string &text)
+// What a cell of the table says.
+
+std::string NamespaceText(Vpn vpn)
 {
-    return vpn.alive != 0 ? text : kNothing;
+    return Printable(vpn.namespace_);
 }
 
-using Vpn = const Kavel__VpnStatus &;
-
-std::string IfKnown(protobuf_c_boolean known, bool value)
+std::string StateText(Vpn vpn)
 {
-    return known == 0 ? kNothing : value ? "yes" : "no";
+    return StateOf(vpn).text;
 }
 
-// On a POP two rules lead to the box's instance, and one is of no use without the other.
+std::string PidText(Vpn vpn)
+{
+    return vpn.pid_file != 0 ? std::to_string(vpn.pid) : kNothing;
+}
+
+template <auto Member>
+std::string CountText(Vpn vpn)
+{
+    return std::to_string(vpn.*Member);
+}
+
+template <auto Member, auto Text>
+std::string TextIfAlive(Vpn vpn)
+{
+    return vpn.alive != 0 ? Text(vpn.*Member) : kNothing;
+}
+
+std::string YesOrNo(bool value)
+{
+    return value ? "yes" : "no";
+}
+
+std::string StoredFlagText(Vpn vpn)
+{
+    return vpn.has_stored != 0 ? YesOrNo(vpn.stored != 0) : kNothing;
+}
+
+// A POP has two rules for the box's instance, and each is useless without the other.
 std::string RuleText(Vpn vpn)
 {
-    return IfKnown(vpn.has_rule, vpn.rule != 0 && (vpn.has_dnat == 0 || vpn.dnat != 0));
+    const bool isComplete = vpn.rule != 0 && (vpn.has_dnat == 0 || vpn.dnat != 0);
+    return vpn.has_rule != 0 ? YesOrNo(isComplete) : kNothing;
 }
 
-constexpr std::size_t kStateColumn = 2;
-constexpr std::array<TableColumn<Kavel__VpnStatus>, 14> kColumns = {{
-    {"VPN", true, [](Vpn vpn) { return std::to_string(vpn.vpn); }},
-    {"NAMESPACE", false, [](Vpn vpn) { return Printable(vpn.namespace_); }},
-    {"STATE", false, StateText},
-    {"PID", true, [](Vpn vpn) { return vpn.pid_file != 0 ? std::to_string(vpn.pid) : kNothing; }},
-    {"UPTIME", true, [](Vpn vpn) { return IfAlive(vpn, UptimeText(vpn.uptime_seconds)); }},
-    {"MEMORY", true, [](Vpn vpn) { return IfAlive(vpn, MemoryText(vpn.memory_bytes)); }},
-    {"HOSTS", true, [](Vpn vpn) { return std::to_string(vpn.hosts); }},
-    {"MX", true, [](Vpn vpn) { return std::to_string(vpn.mx_hosts); }},
-    {"SERVERS", true, [](Vpn vpn) { return std::to_string(vpn.servers); }},
-    {"FORWARDS", true, [](Vpn vpn) { return std::to_string(vpn.forwards); }},
-    {"ROUTES", true, [](Vpn vpn) { return std::to_string(vpn.routes); }},
-    {"STORED", false, [](Vpn vpn) { return IfKnown(vpn.has_stored, vpn.stored != 0); }},
-    {"RULE", false, RuleText},
-    {"ANSWERS", false, [](Vpn vpn) { return IfAlive(vpn, vpn.answers != 0 ? "yes" : "no"); }},
-}};
+// What a member of the JSON object holds. An empty JsonPtr is the JSON null.
 
-void Add(json_object *object, const char *key, json_object *value)
+JsonPtr Made(json_object *value)
 {
-    JsonPtr owned(value);
-    if (!owned || json_object_object_add(object, key, owned.get()) != 0) {
-        throw std::bad_alloc();
-    }
-    static_cast<void>(owned.release());
+    return value != nullptr ? JsonPtr(value) : throw std::bad_alloc();
 }
 
-void AddIfKnown(json_object *object, const char *key, protobuf_c_boolean known, protobuf_c_boolean value)
+JsonPtr JsonText(const char *text)
 {
-    if (known != 0) {
-        Add(object, key, json_object_new_boolean(value));
-    } else if (json_object_object_add(object, key, nullptr) != 0) {
-        throw std::bad_alloc();
-    }
+    return Made(json_object_new_string(text));
 }
 
-json_object *ProblemList(Vpn vpn)
+JsonPtr NamespaceJson(Vpn vpn)
 {
-    JsonPtr list(json_object_new_array());
+    return JsonText(vpn.namespace_);
+}
+
+JsonPtr StateJson(Vpn vpn)
+{
+    return JsonText(StateOf(vpn).text);
+}
+
+JsonPtr PidJson(Vpn vpn)
+{
+    return Made(json_object_new_int(vpn.pid));
+}
+
+template <auto Member>
+JsonPtr CountJson(Vpn vpn)
+{
+    return Made(json_object_new_uint64(vpn.*Member));
+}
+
+template <auto Member>
+JsonPtr FlagJson(Vpn vpn)
+{
+    return Made(json_object_new_boolean(vpn.*Member));
+}
+
+// Null when the agent does not know.
+template <auto Has, auto Member>
+JsonPtr OptionalFlagJson(Vpn vpn)
+{
+    return vpn.*Has != 0 ? FlagJson<Member>(vpn) : nullptr;
+}
+
+JsonPtr ProblemsJson(Vpn vpn)
+{
+    JsonPtr list = Made(json_object_new_array());
     for (const char *problem : std::span(vpn.problems, vpn.n_problems)) {
-        json_object_array_add(list.get(), json_object_new_string(problem));
+        if (json_object_array_add(list.get(), JsonText(problem).release()) != 0) {
+            throw std::bad_alloc();
+        }
     }
-    return list.release();
+    return list;
 }
+
+// One field of the status, in the JSON object and, when it has a column, in the table.
+struct StatusField {
+    const char *name;
+    JsonPtr (*json)(Vpn vpn);
+    TableColumn<VpnStatus> column{}; // without a title: no column
+};
+
+// `uptime_seconds` and `memory_bytes` have the unit in their name; the table shows them with a unit.
+constexpr std::array kFields = {
+    StatusField{"vpn", CountJson<&VpnStatus::vpn>, {"VPN", true, CountText<&VpnStatus::vpn>}},
+    StatusField{"namespace", NamespaceJson, {"NAMESPACE", false, NamespaceText}},
+    StatusField{"state", StateJson, {"STATE", false, StateText}},
+    StatusField{"meant", FlagJson<&VpnStatus::meant>},
+    StatusField{"starting", FlagJson<&VpnStatus::starting>},
+    StatusField{"pid_file", FlagJson<&VpnStatus::pid_file>},
+    StatusField{"pid", PidJson, {"PID", true, PidText}},
+    StatusField{"alive", FlagJson<&VpnStatus::alive>},
+    StatusField{"is_dnsmasq", FlagJson<&VpnStatus::is_dnsmasq>},
+    StatusField{"in_namespace", FlagJson<&VpnStatus::in_namespace>},
+    StatusField{"uptime_seconds",
+                CountJson<&VpnStatus::uptime_seconds>,
+                {"UPTIME", true, TextIfAlive<&VpnStatus::uptime_seconds, UptimeText>}},
+    StatusField{"memory_bytes",
+                CountJson<&VpnStatus::memory_bytes>,
+                {"MEMORY", true, TextIfAlive<&VpnStatus::memory_bytes, MemoryText>}},
+    StatusField{"hosts", CountJson<&VpnStatus::hosts>, {"HOSTS", true, CountText<&VpnStatus::hosts>}},
+    StatusField{"mx_hosts", CountJson<&VpnStatus::mx_hosts>, {"MX", true, CountText<&VpnStatus::mx_hosts>}},
+    StatusField{"servers", CountJson<&VpnStatus::servers>, {"SERVERS", true, CountText<&VpnStatus::servers>}},
+    StatusField{"forwards", CountJson<&VpnStatus::forwards>, {"FORWARDS", true, CountText<&VpnStatus::forwards>}},
+    StatusField{"routes", CountJson<&VpnStatus::routes>, {"ROUTES", true, CountText<&VpnStatus::routes>}},
+    StatusField{
+        "stored", OptionalFlagJson<&VpnStatus::has_stored, &VpnStatus::stored>, {"STORED", false, StoredFlagText}},
+    StatusField{"stored_enable", OptionalFlagJson<&VpnStatus::has_stored_enable, &VpnStatus::stored_enable>},
+    StatusField{"rule", OptionalFlagJson<&VpnStatus::has_rule, &VpnStatus::rule>, {"RULE", false, RuleText}},
+    StatusField{"dnat", OptionalFlagJson<&VpnStatus::has_dnat, &VpnStatus::dnat>},
+    StatusField{
+        "answers", FlagJson<&VpnStatus::answers>, {"ANSWERS", false, TextIfAlive<&VpnStatus::answers, YesOrNo>}},
+    StatusField{"problems", ProblemsJson},
+};
+
+constexpr bool HasColumn(const StatusField &field)
+{
+    return field.column.title != nullptr;
+}
+
+constexpr auto kColumns = [] {
+    std::array<TableColumn<VpnStatus>, std::ranges::count_if(kFields, HasColumn)> columns{};
+    std::size_t next = 0;
+    for (const StatusField &field : kFields) {
+        if (HasColumn(field)) {
+            columns[next++] = field.column;
+        }
+    }
+    return columns;
+}();
 
 JsonPtr ObjectOf(Vpn vpn)
 {
-    JsonPtr object(json_object_new_object());
-    json_object *const o = object.get();
-    Add(o, "vpn", json_object_new_uint64(vpn.vpn));
-    Add(o, "namespace", json_object_new_string(vpn.namespace_));
-    Add(o, "meant", json_object_new_boolean(vpn.meant));
-    Add(o, "pid_file", json_object_new_boolean(vpn.pid_file));
-    Add(o, "pid", json_object_new_int(vpn.pid));
-    Add(o, "alive", json_object_new_boolean(vpn.alive));
-    Add(o, "is_dnsmasq", json_object_new_boolean(vpn.is_dnsmasq));
-    Add(o, "in_namespace", json_object_new_boolean(vpn.in_namespace));
-    Add(o, "answers", json_object_new_boolean(vpn.answers));
-    Add(o, "uptime_seconds", json_object_new_uint64(vpn.uptime_seconds));
-    Add(o, "memory_bytes", json_object_new_uint64(vpn.memory_bytes));
-    Add(o, "hosts", json_object_new_uint64(vpn.hosts));
-    Add(o, "mx_hosts", json_object_new_uint64(vpn.mx_hosts));
-    Add(o, "servers", json_object_new_uint64(vpn.servers));
-    Add(o, "forwards", json_object_new_uint64(vpn.forwards));
-    Add(o, "routes", json_object_new_uint64(vpn.routes));
-    Add(o, "problems", ProblemList(vpn));
-    AddIfKnown(o, "stored", vpn.has_stored, vpn.stored);
-    AddIfKnown(o, "stored_enable", vpn.has_stored_enable, vpn.stored_enable);
-    AddIfKnown(o, "rule", vpn.has_rule, vpn.rule);
-    AddIfKnown(o, "dnat", vpn.has_dnat, vpn.dnat);
+    JsonPtr object = Made(json_object_new_object());
+    for (const StatusField &field : kFields) {
+        if (json_object_object_add(object.get(), field.name, field.json(vpn).release()) != 0) {
+            throw std::bad_alloc();
+        }
+    }
     return object;
 }
 
 // Two units, the smaller with two digits.
-std::string TwoUnits(std::uint64_t value, std::uint64_t large, char large_sign, std::uint64_t small, char small_sign)
+std::string TwoUnits(std::uint64_t value, std::uint64_t large, char largeSign, std::uint64_t small, char smallSign)
 {
     std::ostringstream text;
-    text << value / large << large_sign << std::setw(2) << std::setfill('0') << value % large / small << small_sign;
+    text << value / large << largeSign << std::setw(2) << std::setfill('0') << value % large / small << smallSign;
     return text.str();
 }
 
@@ -163,7 +245,7 @@ std::string MemoryText(std::uint64_t bytes)
     for (; signs.size() > 1 && bytes / unit >= kKibi; unit *= kKibi) {
         signs.remove_prefix(1);
     }
-    // Cut rather than rounded: 1023.99K stays below 1.0M.
+    // Truncated, not rounded: 1023.99K must not become 1024.0K.
     const std::uint64_t tenth = bytes % unit / (unit / 10 + 1);
     return std::to_string(bytes / unit) + "." + std::to_string(tenth) + signs.front();
 }
@@ -171,8 +253,9 @@ std::string MemoryText(std::uint64_t bytes)
 std::string StatusTable(StatusList vpns, bool colour)
 {
     std::ostringstream out;
-    PrintTable(out, kColumns, vpns,
-               [&](std::size_t column, Vpn vpn) { return colour && column == kStateColumn ? StateColour(vpn) : ""; });
+    PrintTable(out, kColumns, vpns, [&](std::size_t column, Vpn vpn) {
+        return colour && kColumns[column].text == StateText ? StateOf(vpn).colour : "";
+    });
     out << (AnyProblem(vpns) ? "\n" : "");
     for (const Kavel__VpnStatus *vpn : vpns) {
         for (const char *problem : std::span(vpn->problems, vpn->n_problems)) {
@@ -184,9 +267,11 @@ std::string StatusTable(StatusList vpns, bool colour)
 
 std::string StatusJson(StatusList vpns)
 {
-    const JsonPtr list(json_object_new_array());
+    const JsonPtr list = Made(json_object_new_array());
     for (const Kavel__VpnStatus *vpn : vpns) {
-        json_object_array_add(list.get(), ObjectOf(*vpn).release());
+        if (json_object_array_add(list.get(), ObjectOf(*vpn).release()) != 0) {
+            throw std::bad_alloc();
+        }
     }
     const int format = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
     return std::string(json_object_to_json_string_ext(list.get(), format)) + "\n";

@@ -18,13 +18,16 @@ std::string UptimeText(std::uint64_t seconds);
 // "512B", "1.8M": in powers of 1024.
 std::string MemoryText(std::uint64_t bytes);
 
-// Aligned columns, and the problems below them. `colour` marks the states.
+// A row for each VPN, and the problems below the rows. The state of a VPN is "failed" when it has problems, "starting"
+// while its instance has not written a pid file, "running" when its process is alive, and "stopped" otherwise. `colour`
+// colours the states.
 std::string StatusTable(StatusList vpns, bool colour);
 
-// An array with one object for each VPN, under the names of the control protocol.
+// An array with one object for each VPN. The members are the fields of VpnStatus in control.proto, under the same
+// names, and `state`, the word in the table. An optional field that is absent is null; `starting` is false then.
 std::string StatusJson(StatusList vpns);
 
-// Whether any VPN is not as it should be.
+// Whether any VPN has a problem. "starting" is not one.
 bool AnyProblem(StatusList vpns);
 
 // Whether `fd` is a terminal whose user has not asked for plain text.

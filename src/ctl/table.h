@@ -14,9 +14,9 @@ namespace kavel::ctl {
 
 template <typename Item>
 struct TableColumn {
-    const char *title;
-    bool numeric; // aligned to the right
-    std::string (*text)(const Item &item);
+    const char *title = nullptr;
+    bool numeric = false; // aligned to the right
+    std::string (*text)(const Item &item) = nullptr;
 };
 
 // Writes the titles and a row for each item. `colour` gives the escape sequence that begins a cell, empty for most. The

@@ -205,7 +205,7 @@ TEST_F(CommandsTest, CheckNeedsASummary)
     EXPECT_EQ(err_.str(), "vqctl: the agent's reply says nothing about the message\n");
 }
 
-Bytes StatusReply(const char *problem)
+Bytes StatusReply(const char *problem, bool isStarting = false)
 {
     std::string name = "vpn_7";
     std::string text = problem != nullptr ? problem : "";
@@ -214,6 +214,7 @@ Bytes StatusReply(const char *problem)
     kavel__vpn_status__init(&vpn);
     vpn.vpn = 7;
     vpn.namespace_ = name.data();
+    vpn.has_starting = vpn.starting = isStarting ? 1 : 0;
     vpn.n_problems = problem != nullptr ? 1 : 0;
     vpn.problems = &problems;
     Kavel__VpnStatus *vpns = &vpn;
@@ -239,6 +240,20 @@ TEST_F(CommandsTest, StatusOfAVpnWithProblems)
     EXPECT_THAT(out_.str(), HasSubstr("\n\nvpn 7: does not answer on port 53\n"));
     EXPECT_EQ(Request(0)->has_vpn, 1);
     EXPECT_EQ(Request(0)->vpn, 7U);
+}
+
+TEST_F(CommandsTest, StatusOfAStartingInstanceSucceeds)
+{
+    Answer({StatusReply(nullptr, true)});
+    EXPECT_EQ(Go([&] { return Status(session_, 7, false); }), kDone);
+    EXPECT_THAT(out_.str(), HasSubstr("\n  7  vpn_7      starting  "));
+}
+
+TEST_F(CommandsTest, StatusOfAStartingInstanceWithProblems)
+{
+    Answer({StatusReply("the steering rule is missing", true)});
+    EXPECT_EQ(Go([&] { return Status(session_, 7, true); }), kRefused);
+    EXPECT_THAT(out_.str(), HasSubstr(R"("starting": true)"));
 }
 
 TEST_F(CommandsTest, StatusAsJson)

@@ -124,6 +124,36 @@ TEST_F(StatusTest, DeadProcessKeepsItsPid)
     EXPECT_NE(table.find("vpn_7      stopped  4242       -       -"), std::string::npos) << table;
 }
 
+void MakeStarting(SampleVpn &vpn)
+{
+    vpn.status.meant = vpn.status.has_starting = vpn.status.starting = 1;
+}
+
+TEST_F(StatusTest, TableShowsAStartingInstance)
+{
+    MakeStarting(stopped_);
+    const std::span<const Kavel__VpnStatus *const> one = std::span(all_).first(1);
+    EXPECT_EQ(
+        StatusTable(one, false),
+        "VPN  NAMESPACE  STATE     PID  UPTIME  MEMORY  HOSTS  MX  SERVERS  FORWARDS  ROUTES  STORED  RULE  ANSWERS\n"
+        "  0  -          starting    -       -       -      0   0        0         0       0  -       -     -\n");
+    EXPECT_NE(StatusTable(one, true).find("  \033[36mstarting\033[0m  "), std::string::npos);
+}
+
+TEST_F(StatusTest, StartingIsNoProblem)
+{
+    MakeStarting(stopped_);
+    EXPECT_FALSE(AnyProblem(std::span(all_).first(2)));
+}
+
+TEST_F(StatusTest, ProblemsOfAStartingInstanceComeFirst)
+{
+    MakeStarting(failed_);
+    const std::string table = StatusTable(std::span(all_).subspan(2), false);
+    EXPECT_NE(table.find("  failed  "), std::string::npos) << table;
+    EXPECT_EQ(table.find("starting"), std::string::npos) << table;
+}
+
 TEST_F(StatusTest, AnyProblemCountsEveryVpn)
 {
     EXPECT_TRUE(AnyProblem(all_));
@@ -131,13 +161,14 @@ TEST_F(StatusTest, AnyProblemCountsEveryVpn)
     EXPECT_FALSE(AnyProblem({}));
 }
 
-TEST_F(StatusTest, JsonHoldsEveryFieldOfTheProtocol)
+TEST_F(StatusTest, JsonHoldsEveryFieldOfTheProtocolAndTheState)
 {
     const JsonPtr json = ParseJson(StatusJson(all_));
     ASSERT_EQ(json_object_array_length(json.get()), 3U);
     json_object *const vpn = json_object_array_get_idx(json.get(), 2);
     const ProtobufCMessageDescriptor &protocol = kavel__vpn_status__descriptor;
-    EXPECT_EQ(static_cast<unsigned>(json_object_object_length(vpn)), protocol.n_fields);
+    EXPECT_EQ(static_cast<unsigned>(json_object_object_length(vpn)), protocol.n_fields + 1);
+    EXPECT_TRUE(HasKey(vpn, "state"));
     for (const ProtobufCFieldDescriptor &field : std::span(protocol.fields, protocol.n_fields)) {
         EXPECT_TRUE(HasKey(vpn, field.name)) << field.name;
     }
@@ -155,19 +186,29 @@ TEST_F(StatusTest, JsonValues)
     failed_.status.in_namespace = 0;
     failed_.status.memory_bytes = 18446744073709551615U;
     EXPECT_EQ(JsonOf(failed_.status),
-              R"({"vpn":4294967295,"namespace":"vpn_4294967295","meant":true,"pid_file":true,"pid":99,"alive":true,)"
-              R"("is_dnsmasq":true,"in_namespace":false,"answers":false,"uptime_seconds":192,)"
+              R"({"vpn":4294967295,"namespace":"vpn_4294967295","state":"failed","meant":true,"starting":false,)"
+              R"("pid_file":true,"pid":99,"alive":true,"is_dnsmasq":true,"in_namespace":false,"uptime_seconds":192,)"
               R"("memory_bytes":18446744073709551615,"hosts":3,"mx_hosts":1,"servers":2,"forwards":1,"routes":3,)"
-              R"("problems":["does not answer on port 53","runs in another\nnetwork namespace"],)"
-              R"("stored":false,"stored_enable":null,"rule":false,"dnat":null})");
+              R"("stored":false,"stored_enable":null,"rule":false,"dnat":null,"answers":false,)"
+              R"("problems":["does not answer on port 53","runs in another\nnetwork namespace"]})");
     EXPECT_EQ(JsonOf(stopped_.status),
-              R"({"vpn":0,"namespace":"-","meant":false,"pid_file":false,"pid":0,"alive":false,"is_dnsmasq":false,)"
-              R"("in_namespace":false,"answers":false,"uptime_seconds":0,"memory_bytes":0,"hosts":0,"mx_hosts":0,)"
-              R"("servers":0,"forwards":0,"routes":0,"problems":[],)"
-              R"("stored":null,"stored_enable":null,"rule":null,"dnat":null})");
+              R"({"vpn":0,"namespace":"-","state":"stopped","meant":false,"starting":false,"pid_file":false,"pid":0,)"
+              R"("alive":false,"is_dnsmasq":false,"in_namespace":false,"uptime_seconds":0,"memory_bytes":0,)"
+              R"("hosts":0,"mx_hosts":0,"servers":0,"forwards":0,"routes":0,)"
+              R"("stored":null,"stored_enable":null,"rule":null,"dnat":null,"answers":false,"problems":[]})");
     running_.status.has_dnat = running_.status.dnat = 1;
-    EXPECT_NE(JsonOf(running_.status).find(R"("stored":true,"stored_enable":true,"rule":true,"dnat":true})"),
+    const std::string running = JsonOf(running_.status);
+    EXPECT_NE(running.find(R"("state":"running",)"), std::string::npos);
+    EXPECT_NE(running.find(R"("stored":true,"stored_enable":true,"rule":true,"dnat":true,"answers":true,)"),
               std::string::npos);
+}
+
+TEST_F(StatusTest, JsonOfAStartingInstance)
+{
+    MakeStarting(stopped_);
+    const std::string json = JsonOf(stopped_.status);
+    EXPECT_NE(json.find(R"("state":"starting","meant":true,"starting":true,"pid_file":false,)"), std::string::npos)
+        << json;
 }
 
 TEST(StatusJson, OfNothingIsAnEmptyArray)
