@@ -21,8 +21,4 @@ std::optional<Number> WholeNumber(std::string_view text)
 
 } // namespace kavel
 
-namespace kavel::control {
-using kavel::WholeNumber;
-} // namespace kavel::control
-
 #endif

@@ -28,8 +28,4 @@ inline std::string Printable(std::string_view text)
 
 } // namespace kavel
 
-namespace kavel::control {
-using kavel::Printable;
-} // namespace kavel::control
-
 #endif

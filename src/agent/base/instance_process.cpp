@@ -43,7 +43,7 @@ std::optional<std::uint32_t> VpnOfPidFile(std::string_view name)
     }
     name.remove_prefix(kStem.size());
     name.remove_suffix(kEnding.size());
-    return control::WholeNumber<std::uint32_t>(name);
+    return WholeNumber<std::uint32_t>(name);
 }
 
 // The shell has the whole command in one argument, so program and option are searched for anywhere in the text.

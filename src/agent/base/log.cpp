@@ -54,10 +54,10 @@ std::string PrintableLines(std::string_view text)
 {
     std::string result;
     for (auto end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
-        result.append(control::Printable(text.substr(0, end))).append("\n    ");
+        result.append(Printable(text.substr(0, end))).append("\n    ");
         text.remove_prefix(end + 1);
     }
-    return result.append(control::Printable(text));
+    return result.append(Printable(text));
 }
 
 } // namespace

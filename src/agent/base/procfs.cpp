@@ -92,7 +92,7 @@ std::vector<pid_t> AllProcesses()
     std::vector<pid_t> pids;
     std::error_code ignored;
     for (const auto &entry : std::filesystem::directory_iterator("/proc", ignored)) {
-        if (const auto pid = control::WholeNumber<pid_t>(entry.path().filename().string())) {
+        if (const auto pid = WholeNumber<pid_t>(entry.path().filename().string())) {
             pids.push_back(*pid);
         }
     }

@@ -23,13 +23,12 @@ extern "C" {
 #include "base/instance_process.h"
 #include "base/log.h"
 #include "base/procfs.h"
+#include "deadline.h"
 #include "unique_fd.h"
 #include "vqProcess.h"
 
 namespace kavel::agent {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kEndTimeout{2000};
 
@@ -135,13 +134,12 @@ int RunShell(char *command)
     return AwaitShell(shell);
 }
 
-bool IsGone(const UniqueFd &process, std::chrono::milliseconds timeout)
+bool EndsWithin(const UniqueFd &process, std::chrono::milliseconds timeout)
 {
-    const auto deadline = Clock::now() + timeout;
+    const Deadline deadline(timeout);
     for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd watched{process.Get(), POLLIN, 0};
-        const int ready = ::poll(&watched, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+        const int ready = ::poll(&watched, 1, deadline.PollTimeout());
         if (ready < 0 && errno != EINTR) {
             ThrowLastErrno("pidfd");
         }
@@ -170,7 +168,7 @@ bool EndsBy(const UniqueFd &process, int signal)
     if (::pidfd_send_signal(process.Get(), signal, nullptr, 0) != 0 && errno != ESRCH) {
         ThrowLastErrno("signal");
     }
-    return IsGone(process, kEndTimeout);
+    return EndsWithin(process, kEndTimeout);
 }
 
 int EndProcess(pid_t pid)
@@ -181,7 +179,7 @@ int EndProcess(pid_t pid)
         // EINVAL: the id of a thread.
         return errno == EINVAL || errno == ENOENT ? -ESRCH : -errno;
     }
-    if (IsGone(process, std::chrono::milliseconds(0)) || !IsOrBecomesInstance(pid)) {
+    if (EndsWithin(process, std::chrono::milliseconds(0)) || !IsOrBecomesInstance(pid)) {
         return -ESRCH;
     }
     if (EndsBy(process, SIGTERM)) {
