@@ -1,5 +1,5 @@
-/* The error numbers that the DNS module produces itself or tests for, under the host's names. Each is the negated errno
- * value, so that it can be returned as a VQ_ERR_T as it stands. */
+/* The error codes that the DNS module produces itself or compares with, under the host's names. Each is a negated errno
+ * value and can be returned as a VQ_ERR_T. */
 #ifndef VQ_ERRNO_H
 #define VQ_ERRNO_H
 

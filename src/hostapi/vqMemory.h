@@ -1,4 +1,4 @@
-/* The host's allocator. Whoever allocates releases with VQ_AgentMemFree, and with nothing else. */
+/* The host's allocator. Memory from it is released with VQ_AgentMemFree and with nothing else. */
 #ifndef VQ_MEMORY_H
 #define VQ_MEMORY_H
 
@@ -6,13 +6,13 @@
 
 VQ_EXTERN_C_BEGIN
 
-/* `Size` bytes, not zeroed; null when memory is exhausted. */
+/* Allocates `Size` bytes, which are not zeroed. Returns null if memory is exhausted. The caller owns the memory. */
 void *VQ_AgentMemAlloc(const size_t Size);
 
-/* `Size` zeroed bytes; null when memory is exhausted. */
+/* The same with zeroed bytes. */
 void *VQ_AgentMemZeroAlloc(const size_t Size);
 
-/* Releases what one of the two above gave. */
+/* Releases memory that one of the two functions above returned. */
 void VQ_AgentMemFree(void *Pointer);
 
 VQ_EXTERN_C_END

@@ -1,4 +1,4 @@
-/* Platform definitions that every other header of the host interface builds on. */
+/* Definitions that all other headers of the host interface use. */
 #ifndef VQ_PLATFORM_H
 #define VQ_PLATFORM_H
 
@@ -10,8 +10,8 @@
 #ifdef __cplusplus
 #define VQ_EXTERN_C_BEGIN extern "C" {
 #define VQ_EXTERN_C_END }
-/* Every enumeration that crosses the interface is 32 bits and may hold any 32-bit value. C gives that by itself; C++
- * gives it only to an enumeration with a fixed underlying type. */
+/* Every enumeration of the interface has 32 bits and may hold any 32-bit value. In C this is so without help. In C++
+ * only an enumeration with a fixed underlying type may hold values that it does not name. */
 #define VQ_ENUM32 : uint32_t
 #else
 #define VQ_EXTERN_C_BEGIN
@@ -19,10 +19,10 @@
 #define VQ_ENUM32
 #endif
 
-/* For functions that format like printf: index of the format and of its first argument, counted from 1. */
+/* Marks a function that formats like printf: the index of the format and of its first argument, counted from 1. */
 #define VQ_PRINTF_LIKE(FormatIndex, FirstArgument) __attribute__((format(printf, FormatIndex, FirstArgument)))
 
-/* Other C libraries define these two as macros. Here they are values of BOOL. */
+/* Other C libraries define FALSE and TRUE as macros. Here they are values of BOOL. */
 #undef FALSE
 #undef TRUE
 
@@ -31,7 +31,7 @@ typedef enum VQ_ENUM32 { FALSE = 0, TRUE = 1 } BOOL;
 /* 0 or more: success. A negated errno value: failure. */
 typedef int32_t VQ_ERR_T;
 
-/* Circular doubly linked list link; an empty list's head points at itself. */
+/* Link of a circular doubly linked list. The head of an empty list points at itself. */
 typedef struct cds_list_head VQ_PLATFORM_LIST_HEAD;
 typedef VQ_PLATFORM_LIST_HEAD VQ_LIST_HEAD;
 

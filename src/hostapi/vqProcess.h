@@ -1,4 +1,4 @@
-/* Processes. */
+/* Shell commands and processes. */
 #ifndef VQ_PROCESS_H
 #define VQ_PROCESS_H
 
@@ -8,11 +8,13 @@
 
 VQ_EXTERN_C_BEGIN
 
-/* Runs `Command` with the shell and waits for that shell. What the command leaves in the background keeps none of the
- * caller's descriptors or standard streams. Negated errno value, or -5 for a shell that ended in failure. */
+/* Runs `Command` with the shell and returns when that shell has exited. Processes that the command starts in the
+ * background keep running; they must not inherit descriptors or standard streams of the caller. 0 or more on success. A
+ * negated errno value if the shell could not be run, -5 if it exited with failure. */
 int32_t VQ_CmdExec(char *Command);
 
-/* Ends the process `Pid` and returns only when it is gone. -3 when there is no such process, -22 for 0 and less. */
+/* Ends the process `Pid` and returns when it no longer exists: the module starts a new instance right after, and that
+ * one needs the port. 0 or more on success. -3: there is no such process. -22: `Pid` is 0 or less. */
 VQ_ERR_T VQ_KillPid(const pid_t Pid);
 
 VQ_EXTERN_C_END

@@ -1,4 +1,4 @@
-/* Routes of a VPN. */
+/* The routes of a VPN. */
 #ifndef VQ_ROUTE_H
 #define VQ_ROUTE_H
 
@@ -15,29 +15,31 @@ typedef enum VQ_ENUM32 {
     VQ_IN_ADDR_TYPE_INVALID = 2
 } VQ_IN_ADDR_TYPE;
 
-/* A prefix. An IPv4 address is a number in host byte order. */
+/* An address prefix. An IPv4 address is a number in host byte order. */
 typedef struct {
     union {
         uint32_t Ip;
         uint8_t Ip6[16];
     };
     uint8_t IpType; /* VQ_IN_ADDR_TYPE */
-    uint8_t Mask;   /* prefix length in bits */
+    uint8_t Mask;   /* prefix length in bits, 0 to 32 for IPv4 */
 } VQ_CONF_IP_MASK;
 
 typedef struct {
     uint32_t TableId;
     VQ_CONF_IP_MASK TargetIp;
-    uint16_t NexthopNum;                         /* valid entries of the two arrays below */
-    VQ_CONF_IP_MASK Nexthop[VQ_RTC_NEXTHOP_MAX]; /* all zero: bound to the interface only */
+    uint16_t NexthopNum;                         /* number of valid entries in the two arrays below, 0 to 128 */
+    VQ_CONF_IP_MASK Nexthop[VQ_RTC_NEXTHOP_MAX]; /* all zero: no gateway, the route leads to the interface */
     char IfName[VQ_RTC_NEXTHOP_MAX][VQ_IF_NAME_SIZE];
 } VQ_RTC_ROUTE_CONF;
 
-/* Installs `Route` in the VPN; -17 when it is already there. */
+/* Adds `Route` to the VPN. `Route` stays the property of the caller. 0 or more on success. -17: the VPN has this route
+ * already. */
 VQ_ERR_T VQ_RTCRouteAdd(uint32_t VpnId, const VQ_RTC_ROUTE_CONF *Route);
 
-/* Removes what `Route` selects in the VPN; -2 when there is nothing to remove. A description that holds nothing but its
- * table selects every IPv4 route of that table. */
+/* Removes the routes of the VPN that `Route` selects. `Route` stays the property of the caller. If `Route` is zero
+ * except for its table (VQ_IN_ADDR_TYPE_IPV4 is 0), it selects all IPv4 routes of that table. 0 or more on success. -2:
+ * there is nothing to remove. */
 VQ_ERR_T VQ_RTCRouteDel(uint32_t VpnId, const VQ_RTC_ROUTE_CONF *Route);
 
 VQ_EXTERN_C_END

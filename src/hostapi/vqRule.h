@@ -1,4 +1,4 @@
-/* Data-plane rules. A rule is one flat record; clear it whole and set what it needs. */
+/* Data-plane rules. A rule is one flat record: zero all of it, then set the fields that the rule needs. */
 #ifndef VQ_RULE_H
 #define VQ_RULE_H
 
@@ -36,7 +36,7 @@ typedef enum VQ_ENUM32 {
     VQ_IMC_OP_TYPE_RULE_DNS_DELETE = 770
 } VQ_IMC_OP_TYPE_RULE;
 
-/* Fixed ids of the zone-0 DNAT rules that different modules own. */
+/* Ids of the DNAT rules in zone 0. Each rule belongs to one module of the agent. */
 typedef enum VQ_ENUM32 {
     VQ_DNAT_TBL_ZONE0_RULE_ID_PROXY = 2,
     VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ = 3,
@@ -147,7 +147,7 @@ typedef struct {
     uint8_t OpType; /* VQ_CONF_RULE_OP_TYPE */
     uint8_t Table;  /* VQ_CONF_RULE_TBL_TYPE */
     uint8_t Zone;
-    uint16_t : 0; /* the flags have a 16-bit word of their own */
+    uint16_t : 0; /* the flags begin a new 16-bit word */
     uint16_t DualFlag : 1;
     uint16_t InvalidFlag : 1;
     uint16_t ExcluFlag : 1;
@@ -160,8 +160,8 @@ typedef struct {
     uint16_t NoGenFlowFlag : 1;
     int32_t RuleVer;
     uint32_t VpnId;
-    uint32_t Id;    /* unique within table and zone */
-    uint32_t PreId; /* placement reference */
+    uint32_t Id;    /* unique in its table and zone */
+    uint32_t PreId; /* placement reference; the host defines the order */
     uint32_t PrePersistId;
     uint32_t CustomerId;
     uint8_t Pad[4];
@@ -170,18 +170,21 @@ typedef struct {
     VQ_CONF_RULE_ACTIONS Actions;
 } VQ_CONF_RULE;
 
-/* Installs `Rule`, owned by the caller, under the operation code `Op` (VQ_IMC_OP_TYPE_RULE). The two flags belong to
- * the host; the DNS module passes FALSE and TRUE. */
+/* Installs `Rule` and replaces a rule with the same id in the same table and zone. `Rule` stays the property of the
+ * caller. `Op` is the operation code (VQ_IMC_OP_TYPE_RULE). The host defines the meaning of the two flags; the DNS
+ * module passes FALSE and TRUE. 0 or more on success, a negated errno value on failure. */
 VQ_ERR_T VQ_RtcRuleConfAdd(VQ_CONF_RULE *Rule, uint16_t Op, BOOL Flag1, BOOL Flag2);
 
-/* Removes the rule that zone, id and customer name, under the operation code `Op`. `Flag` is the last flag of the add.
- */
+/* Removes the rule with this zone, id and customer. `Op` is the operation code (VQ_IMC_OP_TYPE_RULE) and names the
+ * table. `Flag` corresponds to `Flag2` of the add. 0 or more on success. Negative on failure, also if there is no such
+ * rule. */
 VQ_ERR_T VQ_RtcRuleConfDel(uint8_t Zone, uint32_t RuleId, uint32_t CustomerId, uint16_t Op, BOOL Flag);
 
-/* The box's own customer id. */
+/* The customer id of the box itself. */
 uint32_t VQ_PlatformGetCustomerId(void);
 
-/* The customer id that owns a VPN; `CustomerId` is untouched when the host does not know the VPN. */
+/* Stores the id of the customer that owns the VPN in `CustomerId`. 0 or more on success. Negative if the host does not
+ * know the VPN or its customer; then `CustomerId` is not changed. */
 VQ_ERR_T VQ_GetCustomerIdByVpnId(uint32_t VpnId, uint32_t *CustomerId);
 
 VQ_EXTERN_C_END

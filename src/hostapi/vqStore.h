@@ -1,4 +1,4 @@
-/* The host's persistent configuration store and its table of conversions between records and stored text. */
+/* The persistent configuration store of the host, and its table of conversions between records and stored text. */
 #ifndef VQ_STORE_H
 #define VQ_STORE_H
 
@@ -7,7 +7,7 @@
 
 VQ_EXTERN_C_BEGIN
 
-/* Tables of the store that hold DNS records. */
+/* The tables of the store that hold DNS records. */
 typedef enum VQ_ENUM32 { VQ_SQL_CONF_CPE_DNSMASQ = 10, VQ_SQL_CONF_POP_DNSMASQ = 14 } VQ_SQL_CONF_TBL;
 
 typedef enum VQ_ENUM32 {
@@ -19,7 +19,7 @@ typedef enum VQ_ENUM32 {
     VQ_SQL_CONF_OP_MAX = 5
 } VQ_SQL_CONF_OP;
 
-/* One stored record; the link comes first, so node and link share one address. */
+/* One stored record. The link is the first member, so node and link have the same address. */
 typedef struct {
     VQ_LIST_HEAD List;
     VQ_DNSMASQ_CONF Dnsmasq;
@@ -30,9 +30,9 @@ typedef struct {
     int32_t Count;
 } VQ_PersistentConfList;
 
-/* The host-wide conversion table. A slot may be null. */
+/* The conversion table of the host. Any slot may be null. */
 typedef struct {
-    void (*DataTransJsonStrFree)(char *Text); /* releases what a ...ToStr conversion gave */
+    void (*DataTransJsonStrFree)(char *Text); /* releases the text of a ...ToStr conversion */
     void *LinkConfToStr;
     void *LinkStrToConf;
     void *LinkIpConfToStr;
@@ -47,7 +47,7 @@ typedef struct {
     void *LanStrToConf;
     void *RatelimitConfToStr;
     void *RatelimitStrToConf;
-    char *(*DnsmasqConfToStr)(const VQ_DNSMASQ_CONF *Dnsmasq); /* newly allocated text; null on failure */
+    char *(*DnsmasqConfToStr)(const VQ_DNSMASQ_CONF *Dnsmasq); /* new text, or null */
     VQ_ERR_T (*DnsmasqStrToConf)(VQ_DNSMASQ_CONF *Dnsmasq, const char *Text);
     void *RuleConfToStr;
     void *RuleStrToConf;
@@ -66,20 +66,22 @@ typedef struct {
     void *IpMacStrToConf;
 } VQ_DATA_CONTENT_TRANS_OP;
 
-/* TRUE when the host keeps configuration in its store at all. */
+/* TRUE if the host keeps configuration in its store. */
 BOOL VQ_IsPersistentConfEnable(void);
 
-/* The host's conversion table; never null. */
+/* The conversion table of the host; never null. The host keeps ownership. */
 VQ_DATA_CONTENT_TRANS_OP *VQ_GetDbDataTransOp(void);
 
-/* Adds (`Text` given; an existing row is replaced) or deletes (`Text` null) the row of a VPN. The row key travels in a
- * parameter declared BOOL and may be any 32-bit value. `Text` stays the caller's. */
+/* Adds or deletes the row of a VPN in `Table`. With VQ_SQL_CONF_OP_ADD, `Text` is the text of the row and an existing
+ * row is replaced. With VQ_SQL_CONF_OP_DEL, `Text` is null. `VpnId` is the row key: its type is BOOL, its value is any
+ * 32-bit number. `Text` stays the property of the caller. 0 or more on success. -2: there is no row to delete. */
 VQ_ERR_T VQ_SqliteDnsMasqConfOp(BOOL VpnId, char *Text, VQ_SQL_CONF_OP Op, VQ_SQL_CONF_TBL Table);
 
-/* Every row of a table, each parsed into a node; null when nothing could be read. The caller releases the list. */
+/* Returns a new list with one node for each row of the table that could be converted. Null if the table could not be
+ * read. The caller releases the list with VQ_SqliteConfListRelease. */
 VQ_PersistentConfList *VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_TBL Table);
 
-/* Releases such a list with its nodes. */
+/* Releases such a list and its nodes. */
 void VQ_SqliteConfListRelease(VQ_PersistentConfList *List);
 
 VQ_EXTERN_C_END

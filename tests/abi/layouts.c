@@ -1,4 +1,4 @@
-/* The layouts that hosts and module must agree on. Compiled as C11 and, through layouts.cpp, as C++20. */
+/* The layouts that hosts and module must agree on. This file is compiled as C11 and, through layouts.cpp, as C++20. */
 #include "vqCtrlAdvancedDns.h"
 #include "vqDnsmasqConf.h"
 #include "vqErrno.h"
@@ -20,7 +20,7 @@
 #define CHECK(Condition) _Static_assert(Condition, #Condition)
 #endif
 
-/* Both languages must see one layout: offsets counted by hand from the widths of the fields. */
+/* Both languages must have the same layout. The offsets are computed by hand from the widths of the fields. */
 CHECK(sizeof(BOOL) == 4);
 CHECK(sizeof(VQ_CTRL_DNSMASQ_OPERATION) == 4);
 CHECK(sizeof(VQ_SQL_CONF_TBL) == 4);

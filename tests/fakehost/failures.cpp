@@ -8,7 +8,7 @@ const char *TextOf(Shortage Lack)
 {
     switch (Lack) {
     case Shortage::None:
-        return "nothing lacks";
+        return "no shortage";
     case Shortage::OneBelowSize:
         return "a text one below the size";
     case Shortage::AtSize:
@@ -28,7 +28,7 @@ const char *TextOf(Shortage Lack)
     case Shortage::Empty:
         return "an empty list";
     case Shortage::Hollow:
-        return "a list without what it promises";
+        return "an empty list with a wrong count";
     }
     return "";
 }

@@ -1,4 +1,4 @@
-// Which host calls fail, and how.
+// Fault injection: which host calls fail, and how.
 #ifndef FAKEHOST_FAILURES_H
 #define FAKEHOST_FAILURES_H
 
@@ -11,27 +11,27 @@
 
 namespace fakehost {
 
-// Giving less than was asked for without calling it a failure.
+// Ways in which a service gives less than was asked for without reporting an error.
 enum class Shortage {
     None,
     OneBelowSize, // a text that just fits
     AtSize,       // a text whose terminator does not fit
     OneAboveSize,
-    FewerBytes, // half of them, then the end
-    NoBytes,    // the end at once
-    ByteByByte, // all of them, one at a time
-    ReadError,  // it can be opened and not read
-    FewerNames, // half of a directory
-    Empty,      // a list without members, and it says so
-    Hollow,     // a list without the members that it promises
+    FewerBytes, // half of the bytes, then end of file
+    NoBytes,    // end of file at once
+    ByteByByte, // all bytes, one per read
+    ReadError,  // the file can be opened, but not read
+    FewerNames, // half of the names in a directory
+    Empty,      // a list without members and with count 0
+    Hollow,     // a list without members, with the count of the full list
 };
 
 const char *TextOf(Shortage Lack);
 
-// How a call fails: with an error, or by a shortage where its service knows that one.
+// How a call fails: with an error, or with a shortage that its service supports.
 //
-// Errors are negated errno values, whatever the service: an allocation or a list then is null, a C library call fails
-// with that errno, a text service reports that the text did not fit.
+// Errors are negated errno values for every service. An allocation or a list is then null, a C library call fails with
+// that errno, and a text service reports that the text did not fit.
 class Fault {
   public:
     constexpr Fault() = default;
@@ -50,27 +50,27 @@ class Fault {
     Shortage m_Lack = Shortage::None;
 };
 
-// Counted calls are all that can fail, in order, apart from logging (it has its own switches in LogBook) and two that
-// are made to fail by name only: the pattern compiler, whose result the module does not look at, and the reading of a
-// JSON number, which is a matter of content.
+// Counted calls are all calls that can fail, in order. Not counted are the logging services, which have their own
+// switches in LogBook, and two calls that fail by name only: the pattern compiler, whose result the module does not
+// check at once, and the reading of a JSON number, which depends on the content.
 class Failures {
   public:
-    // The counted call number `Nth`, from 1, fails.
+    // Makes counted call number `Nth`, from 1, fail.
     void FailNth(std::size_t Nth, Fault How) { m_Nth = {Nth, Nth, How}; }
-    // That one and all after it fail; a shortage passes by those that do not know it.
+    // Makes that call and all after it fail. A shortage does not affect services that do not support it.
     void FailFrom(std::size_t Nth, Fault How) { m_Nth = {Nth, SIZE_MAX, How}; }
-    // Every call of the service fails.
+    // Makes every call of the service fail.
     void Fail(const std::string &Service, int Error) { m_Named[Service].push_back({1, SIZE_MAX, Error}); }
-    // Call number `Nth` of the service, from 1 and counted since the host was made, fails.
+    // Makes call number `Nth` of the service fail. Calls count from 1 since the host was created.
     void Fail(const std::string &Service, int Error, std::size_t Nth) { m_Named[Service].push_back({Nth, Nth, Error}); }
     void Clear();
 
     [[nodiscard]] std::size_t CountedCalls() const { return m_Calls; }
 
-    // How often the service was called so far.
+    // The number of calls of the service so far.
     [[nodiscard]] std::size_t CallsOf(const std::string &Service) const;
 
-    // How the call that is being made has to fail. `Known`: the shortages of its service.
+    // How the current call has to fail, or nothing. `Known`: the shortages that its service supports.
     std::optional<Fault> NextCounted(const std::string &Service, std::span<const Shortage> Known);
     std::optional<int> NextNamed(const std::string &Service);
 

@@ -10,7 +10,7 @@ namespace fakehost {
 
 namespace {
 
-// What a stream reads from; it goes with the stream.
+// The source of a stream, freed with the stream.
 struct StreamContent {
     std::FILE *Stream;
     std::string Bytes;
@@ -158,7 +158,7 @@ OpenDirectory *FileTree::OpenDirectoryAt(const std::string &Path)
 
 OpenDirectory *FileTree::Find(DIR *Handle)
 {
-    // DIR is opaque, and ours is not the library's.
+    // DIR is opaque, so a pointer to our own type can take its place.
     const auto Found = m_OpenDirectories.find(reinterpret_cast<OpenDirectory *>(Handle));
     if (Found == m_OpenDirectories.end()) {
         m_Host.Violation("a directory used that is not open");

@@ -1,4 +1,4 @@
-// Files and directories, and the streams that are open on them.
+// Files and directories in memory, and the open streams on them.
 #ifndef FAKEHOST_FILE_TREE_H
 #define FAKEHOST_FILE_TREE_H
 
@@ -20,7 +20,7 @@ namespace fakehost {
 
 class Host;
 
-// An open directory: the names as they were when it was opened.
+// An open directory, with the names at the time it was opened.
 struct OpenDirectory {
     std::vector<std::string> Names;
     std::size_t Next = 0;
@@ -29,7 +29,7 @@ struct OpenDirectory {
 
 class FileTree {
   public:
-    // The directories that the box brings along: the configuration root with its drop-in directory, /proc and /var/run.
+    // Creates the directories of the box: the configuration root with its drop-in directory, /proc and /var/run.
     explicit FileTree(Host &Owner);
     ~FileTree();
     FileTree(const FileTree &) = delete;
@@ -41,28 +41,28 @@ class FileTree {
     void Drop(const std::string &Path) { m_Files.erase(Path); }
     void PutDirectory(const std::string &Path) { m_Directories.insert(Path); }
     void DropDirectory(const std::string &Path) { m_Directories.erase(Path); }
-    // The instance directory of a VPN with its drop-in directory.
+    // Creates the instance directory of a VPN with its drop-in directory.
     void PutInstance(uint32_t VpnId);
-    // Opening succeeds and reading gives nothing but an error.
+    // Creates a file that can be opened and whose reads fail.
     void FailReads(const std::string &Path) { m_Unreadable.insert(Path); }
 
     [[nodiscard]] bool IsDirectory(const std::string &Path) const { return m_Directories.contains(Path); }
     [[nodiscard]] bool Exists(const std::string &Path) const { return IsDirectory(Path) || m_Files.contains(Path); }
-    // The content; nothing when there is no such file.
+    // The content, or nothing if there is no such file.
     [[nodiscard]] std::optional<std::string> Content(const std::string &Path) const;
     [[nodiscard]] const std::map<std::string, std::string> &All() const { return m_Files; }
-    // Paths that a file service wrote, in order.
+    // The paths that a file service wrote, in order.
     [[nodiscard]] const std::vector<std::string> &Written() const { return m_Written; }
     void KeepContent(bool Wanted) { m_KeepContent = Wanted; }
 
-    // Negated errno values.
+    // The results are negated errno values.
     int Write(const std::string &Path, std::string_view Content);
     int Create(const std::string &Path);
     int RemoveTree(const std::string &Path);
     int Remove(const std::string &Path);
     int MakeDirectory(const std::string &Path);
 
-    // `Lack`: what becomes of the content when it is read.
+    // `Lack`: how reads of the content fail.
     std::FILE *Open(const std::string &Path, Shortage Lack);
     void Closed(std::FILE *Stream) { m_Streams.erase(Stream); }
     OpenDirectory *OpenDirectoryAt(const std::string &Path);

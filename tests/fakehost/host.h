@@ -1,10 +1,9 @@
-// A strict host in memory. It provides every service that the module imports, and, by wrapping at link time, the C
-// library calls with which the module touches the world. Nothing outside the process is ever touched: no file, no
-// process, no namespace.
+// A strict host in memory. It provides every service that the module imports. It also wraps, at link time, the C
+// library calls that reach outside the process, so that no real file, process or namespace is touched.
 //
-// One Host per test. It is the current one while it lives; a service that is called without one aborts. Whatever the
-// module does against the rules (something released twice or never, a namespace not left, a log site out of order) is
-// a violation, which Verify() hands out.
+// Each test makes one Host, which is the current one until it is destroyed. A service that is called without a Host
+// aborts. A rule that the module breaks is a violation: something released twice or never, a namespace not switched
+// back, a log site out of order. Verify() returns the violations.
 #ifndef FAKEHOST_HOST_H
 #define FAKEHOST_HOST_H
 
@@ -33,7 +32,7 @@
 
 namespace fakehost {
 
-// A call that can fail: as it stands in the journal, and the how manieth of its service it is.
+// A call that can fail: its text as in the journal, and its number among the calls of its service, from 1.
 struct CountedCall {
     std::string Text;
     std::size_t Nth;
@@ -45,7 +44,7 @@ struct FailedCall {
     std::string Text;
     std::size_t Nth;
     Fault How;
-    std::size_t Recorded; // entries of the journal up to it and with it
+    std::size_t Recorded; // number of journal entries up to and including this call
 };
 
 class Host {
@@ -57,7 +56,7 @@ class Host {
     Host(Host &&) = delete;
     Host &operator=(Host &&) = delete;
 
-    // The living host; aborts without one.
+    // The current host. Aborts if there is none.
     static Host &Current();
     static Host *CurrentOrNull();
 
@@ -75,20 +74,21 @@ class Host {
     Patterns Regex{*this};
     JsonBook Json{*this};
 
-    // What a service answers when it succeeds; 0 unless it stands here.
+    // The success results of services, by name. The default is 0.
     std::map<std::string, int> SuccessResults;
-    // Run when a service is called, before it does anything.
+    // Functions that run when a service is called, before it does its work.
     std::map<std::string, std::function<void()>> Hooks;
 
-    // Nothing is recorded and no content kept: for measurements and long runs.
+    // Stops recording calls and keeping contents. For measurements and long runs.
     void RecordNothing();
 
     void Violation(const std::string &Text) { m_Violations.push_back(Text); }
-    // Violations so far with whatever is not released. A host that goes without being asked aborts if there is one.
+    // The violations so far, with everything that is not released. If Verify() was not called and there is a violation,
+    // the destructor aborts.
     std::vector<std::string> Verify();
 
-    // A counted call enters: it is recorded, and how it has to fail is returned. `Known`: the shortages of its service,
-    // in storage that outlives the host.
+    // Records a counted call and returns how it has to fail. `Known`: the shortages that its service supports; they
+    // must outlive the host.
     template <typename... Args>
     std::optional<Fault> EnterWith(std::span<const Shortage> Known, EntryKind Kind, const char *Name,
                                    const Args &...Arguments)
@@ -104,7 +104,7 @@ class Host {
         return How;
     }
 
-    // The same for a service without shortages: the error with which it has to fail.
+    // The same for a service without shortages. Returns the error with which the call has to fail.
     template <typename... Args>
     std::optional<int> Enter(EntryKind Kind, const char *Name, const Args &...Arguments)
     {
@@ -112,7 +112,7 @@ class Host {
         return How.has_value() ? std::optional(How->Error()) : std::nullopt;
     }
 
-    // A call that cannot fail.
+    // Records a call that cannot fail.
     template <typename... Args>
     void Note(EntryKind Kind, const char *Name, const Args &...Arguments)
     {
@@ -122,9 +122,9 @@ class Host {
     }
 
     [[nodiscard]] int Success(const char *Name) const;
-    // The calls that were made to fail, in order, whether recorded or not.
+    // The calls that failed by injection, in order, recorded or not.
     [[nodiscard]] const std::vector<FailedCall> &Failed() const { return m_Failed; }
-    // Every call that can fail is to be kept.
+    // Keeps every counted call for Counted().
     void KeepCounted() { m_KeepCounted = true; }
     [[nodiscard]] const std::vector<CountedCall> &Counted() const { return m_Counted; }
 
@@ -138,7 +138,7 @@ class Host {
     bool m_Verified = false;
 };
 
-// A service leaves errno as it found it, so that a test can tell which errno the module looked at.
+// Restores errno at the end of a service, so that a test knows which errno the module saw.
 class ErrnoKept {
   public:
     ErrnoKept() = default;

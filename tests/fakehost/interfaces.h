@@ -18,7 +18,7 @@ class Host;
 
 struct LanList {
     std::vector<std::string> Names;
-    // The number that the host tells, when it is not the true one.
+    // The count that the host reports, if it is not the true one.
     std::optional<uint32_t> Count = std::nullopt;
 };
 
@@ -31,15 +31,15 @@ class Interfaces {
   public:
     explicit Interfaces(Host &Owner) : m_Host(Owner) {}
 
-    // A VPN without a list gets a null one. A list without members is handed out all the same.
+    // If a VPN has no list, the result is null. A list without members is returned as a list.
     void SetLans(uint32_t VpnId, LanList Lans) { m_Lans[VpnId] = std::move(Lans); }
     void SetWans(uint32_t VpnId, WanList Wans) { m_Wans[VpnId] = std::move(Wans); }
-    // What the count of a null list says.
+    // The count that is reported with a null list.
     void SetNullCount(uint32_t Count) { m_NullCount = Count; }
 
     VQ_LIST_HEAD *MakeLanList(uint32_t *Count, uint32_t VpnId);
     VQ_LIST_HEAD *MakeWanList(uint32_t *Count, uint32_t VpnId);
-    // A list that is without members, whatever its VPN has.
+    // A list without members, whatever the VPN has.
     VQ_LIST_HEAD *MakeEmptyList() { return &NewList().Head; }
     void Release(VQ_LIST_HEAD *List);
     [[nodiscard]] std::size_t ListsInUse() const { return m_Lists.size(); }
@@ -50,7 +50,7 @@ class Interfaces {
 
     struct OpenList {
         VQ_LIST_HEAD Head{};
-        // What a reader finds that takes the head for a node.
+        // The content that a reader sees if it takes the head for a node.
         std::array<unsigned char, sizeof(VQ_RTCLanListNode)> NoNode = kNoNode;
         std::vector<std::unique_ptr<VQ_RTCLanListNode>> Lans;
         std::vector<std::unique_ptr<VQ_RTCWanListNode>> Wans;

@@ -1,4 +1,4 @@
-// What the module asked of its host, in order, as text that a test or a golden file can hold.
+// The calls of the module in order, as text for tests and golden files.
 #ifndef FAKEHOST_JOURNAL_H
 #define FAKEHOST_JOURNAL_H
 
@@ -22,12 +22,12 @@ struct Entry {
     [[nodiscard]] std::string Text() const;
 };
 
-// A C string argument; a null one prints as null. It is turned into text only when the entry is kept.
+// A C string argument. Null prints as null. The text is made only if the entry is kept.
 struct Quoted {
     const char *Text;
 };
 
-// An argument whose text is made only when the entry is kept.
+// An argument whose text is made only if the entry is kept.
 template <typename T>
 concept Described = requires(const T &Argument, std::string &Out)
 {
@@ -68,7 +68,7 @@ std::string JoinArguments(const Args &...Arguments)
     return Out;
 }
 
-// A call as it stands in the journal.
+// The text of a call, as in the journal.
 template <typename... Args>
 std::string Describe(const char *Name, const Args &...Arguments)
 {
@@ -77,7 +77,7 @@ std::string Describe(const char *Name, const Args &...Arguments)
 
 class Journal {
   public:
-    // Text entries (formatting, copying, address conversion) come by the ten thousand and are off to begin with.
+    // Text entries (formatting, copying, address conversion) are off by default, because there are tens of thousands.
     void Record(EntryKind Kind, bool Wanted) { m_Wanted[Index(Kind)] = Wanted; }
     void RecordNothing() { m_Wanted.fill(false); }
 
@@ -93,7 +93,7 @@ class Journal {
     void Clear() { m_Entries.clear(); }
 
     [[nodiscard]] const std::vector<Entry> &Entries() const { return m_Entries; }
-    // Everything, one line each.
+    // All entries, one line each.
     [[nodiscard]] std::vector<std::string> Trace() const;
     // Entries of one kind, one line each.
     [[nodiscard]] std::vector<std::string> Of(EntryKind Kind) const;
@@ -107,7 +107,7 @@ class Journal {
     std::vector<Entry> m_Entries;
 };
 
-// The text in quotes, control characters escaped.
+// The text in quotes, with control characters escaped.
 std::string Quote(std::string_view Text);
 
 } // namespace fakehost

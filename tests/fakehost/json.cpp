@@ -1,5 +1,5 @@
-// The json-c calls that make, join, print and release values, and the one that reads a number. Without a host they
-// serve the tests themselves; the rest of reading a tree is json-c's own in any case.
+// The wrapped json-c calls: those that create, add, print and release values, and the one that reads a number. Without
+// a current host they call the real ones for the tests themselves. The other calls that read a tree are not wrapped.
 #include <cerrno>
 
 #include "host.h"
@@ -88,7 +88,7 @@ json_object *MakeTree(const char *Name, Make MakeReal)
     return Here->Enter(EntryKind::Text, Name).has_value() ? nullptr : Here->Json.Made(MakeReal());
 }
 
-// json-c tells a failed addition with -1 and leaves the value with the caller.
+// For a failed addition, json-c returns -1 and the caller keeps the value.
 template <typename Add>
 int AddTo(const char *Name, json_object *Value, Add AddReal)
 {
@@ -165,7 +165,7 @@ int __wrap_json_object_put(json_object *Tree)
     return Here->Json.Release(Tree) ? __real_json_object_put(Tree) : 0;
 }
 
-// Versions of json-c differ in whether a value that is no number is told through errno, so that is asked for by name.
+// Only some versions of json-c report a value that is no number with errno, so a test makes this call fail by name.
 int32_t __wrap_json_object_get_int(const json_object *Value)
 {
     Host *Here = Host::CurrentOrNull();

@@ -1,4 +1,4 @@
-// JSON trees: which the module owns, and what json-c is asked for on its behalf.
+// JSON trees: which ones the module owns, and the calls of json-c.
 #ifndef FAKEHOST_JSON_BOOK_H
 #define FAKEHOST_JSON_BOOK_H
 
@@ -20,12 +20,12 @@ class JsonBook {
     JsonBook(JsonBook &&) = delete;
     JsonBook &operator=(JsonBook &&) = delete;
 
-    // A new tree is the caller's, until it releases it or a parent takes it over.
+    // The caller owns a new tree until it releases the tree or adds it to a parent.
     json_object *Made(json_object *Tree);
-    // Whether a parent may take `Tree` over.
+    // Whether `Tree` may be added to a parent.
     bool MayBeAdopted(json_object *Tree);
     void Adopted(json_object *Tree) { m_Owned.erase(Tree); }
-    // Whether `Tree` was the caller's to release.
+    // Whether the caller owned `Tree`.
     bool Release(json_object *Tree);
 
     [[nodiscard]] std::size_t TreesInUse() const { return m_Owned.size(); }

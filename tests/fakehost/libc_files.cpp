@@ -1,4 +1,5 @@
-// The C library calls on files and directories. Without a host they serve the test framework.
+// The wrapped C library calls on files and directories. Without a current host they call the real ones, which the test
+// framework needs.
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -36,7 +37,7 @@ int __wrap_remove(const char *Path);
 
 namespace {
 
-// The C library's way of telling a negated errno value.
+// Returns a negated errno value in the way of the C library.
 int Told(int Result)
 {
     if (Result >= 0) {
@@ -88,7 +89,7 @@ DIR *__wrap_opendir(const char *Path)
     if (How.has_value() && Opened != nullptr) {
         Opened->Names.resize(Opened->Names.size() / 2);
     }
-    // DIR is opaque, and ours is not the library's.
+    // DIR is opaque, so a pointer to our own type can take its place.
     return reinterpret_cast<DIR *>(Opened);
 }
 

@@ -58,7 +58,7 @@ void Patterns::ReportLeaks()
 
 } // namespace fakehost
 
-// Without a host these serve the test framework, which matches patterns too.
+// Without a current host these call the real functions, because the test framework matches patterns, too.
 
 int __wrap_regcomp(regex_t *Pattern, const char *Text, int Flags)
 {

@@ -15,7 +15,7 @@ constexpr const char *kTag = "kavel-agent";
 constexpr const char *kModuleName = "ADVANCED_DNS";
 constexpr std::array<const char *, 5> kLevelTexts{"NONE-", "NOTICE-", "VERBOSE-", "WARNING-", "ERROR-"};
 
-// The host formats what the module hands over, as every logging service does.
+// Formats the message, as every logging service does.
 __attribute__((format(printf, 1, 0))) std::string Format(const char *Text, va_list Args)
 {
     va_list Measure;
@@ -189,7 +189,7 @@ void LogBook::Write(const char *WrittenTag, uint32_t Level, const char *Text, va
     Line.Line = va_arg(Rest, int);
     const char *Message = Text + kPrefix.size();
     const bool IsDump = m_Stage == Stage::DumpWanted && Message == kDumpFormat;
-// What stands behind the prefix is the module's own format.
+// The part of the format behind the prefix is the message of the module.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
     Line.Message = Format(Message, Rest);

@@ -1,5 +1,5 @@
-// The host's logging as the module sees it. Every line and every flex-log step is checked against the order that a site
-// has to keep; a site that breaks it is reported as a violation, whatever the test looks at.
+// The logging services. Every line and every flex-log step is checked against the order that a log site must keep. A
+// site that breaks the order is a violation, whatever the test itself checks.
 #ifndef FAKEHOST_LOG_BOOK_H
 #define FAKEHOST_LOG_BOOK_H
 
@@ -30,7 +30,7 @@ class LogBook {
   public:
     explicit LogBook(Host &Owner) : m_Host(Owner) {}
 
-    // What the host answers.
+    // The answers of the host.
     std::array<bool, 5> LevelEnabled{true, true, true, true, true};
     bool DumpEnabled = true;
     bool HasImplItem = true;
@@ -40,17 +40,17 @@ class LogBook {
     bool FlexLogWorks = true;
     std::string ThreadName = "dns-main";
 
-    // Lines in order; the dumps of the flex-log buffer are kept apart.
+    // The lines in order, without the dumps of the flex-log buffer.
     [[nodiscard]] const std::vector<LogLine> &Lines() const { return m_Lines; }
     [[nodiscard]] const std::vector<LogLine> &Dumps() const { return m_Dumps; }
     // The lines as "level function: message".
     [[nodiscard]] std::vector<std::string> Texts() const;
-    // Every call of a logging service, one line each.
+    // The calls of all logging services, one line each.
     [[nodiscard]] const std::vector<std::string> &Steps() const { return m_Steps; }
     void KeepLines(bool Wanted) { m_KeepLines = Wanted; }
     void Clear();
 
-    // No site is half-way through its steps.
+    // Reports a violation if a log site has not finished its steps.
     void RequireIdle(const std::string &Caller);
 
     BOOL Test(uint32_t Module, uint32_t Level, BOOL Flag, const char *Function);
@@ -65,7 +65,7 @@ class LogBook {
     void ResetFlexText();
 
   private:
-    // Where an error site stands between its first test and its reset.
+    // The position of an error site between its first test and its reset.
     enum class Stage { Idle, Tested, Buffered, DumpWanted, Finishing };
 
     void Step(const std::string &Text);

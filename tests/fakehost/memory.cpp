@@ -16,8 +16,8 @@ struct FreeBlock {
     void operator()(void *Block) const { std::free(Block); }
 };
 
-// The record that was released last, kept for the next host: in a long run most of the time would go into fresh pages
-// for one. While it is kept, an address sanitizer takes it for released.
+// The record that was released last, kept for the next host. Without this, a long run would spend most of its time on
+// new pages. While a record is kept, address sanitizers treat it as released.
 class SpareRecord {
   public:
     [[nodiscard]] void *Take(std::size_t Size)
@@ -29,7 +29,7 @@ class SpareRecord {
         return m_Block.release();
     }
 
-    // False when the block is not worth keeping, or another one is kept.
+    // False if the block is smaller than 1 MiB, or if another one is kept.
     bool Keep(void *Block, std::size_t Size)
     {
         constexpr std::size_t WorthKeeping = 1 << 20;
@@ -61,7 +61,7 @@ MemoryBook::~MemoryBook()
 void *MemoryBook::Allocate(std::size_t Size, bool Zeroed)
 {
     constexpr int Pattern = 0xa5;
-    // Fresh zeroed pages cost nothing until they are written, which the size of a record makes worth having.
+    // New zeroed pages cost nothing until they are written. That matters, because a record is large.
     void *Block = Zeroed ? nullptr : s_Spare.Take(Size);
     if (Block == nullptr) {
         Block = Zeroed ? std::calloc(1, Size) : std::malloc(Size);

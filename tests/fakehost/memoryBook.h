@@ -1,4 +1,4 @@
-// The host's allocator: every block is known until it is released.
+// The allocator: keeps every block until it is released.
 #ifndef FAKEHOST_MEMORY_BOOK_H
 #define FAKEHOST_MEMORY_BOOK_H
 
@@ -21,10 +21,10 @@ class MemoryBook {
     void *Allocate(std::size_t Size, bool Zeroed);
     void Release(void *Pointer);
 
-    // Memory that is not asked to be zeroed holds a pattern, so that a reader of it is seen.
+    // Fills memory that is not zeroed with a pattern, so that a test sees code that reads it.
     void FillFreshBytes(bool Wanted) { m_FillFreshBytes = Wanted; }
 
-    // For long runs: a record that is released is handed out again, with what was left in it.
+    // For long runs: a released record is allocated again, with its old content.
     void ReuseRecords() { m_ReuseRecords = true; }
 
     [[nodiscard]] std::size_t BlocksInUse() const { return m_Blocks.size(); }

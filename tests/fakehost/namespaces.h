@@ -1,4 +1,4 @@
-// Network namespaces of the VPNs, and what /proc/net/tcp shows in each.
+// The network namespaces of the VPNs, and the content of /proc/net/tcp in each.
 #ifndef FAKEHOST_NAMESPACES_H
 #define FAKEHOST_NAMESPACES_H
 
@@ -16,22 +16,22 @@ class Namespaces {
   public:
     explicit Namespaces(Host &Owner) : m_Host(Owner) {}
 
-    // The shell words before a command; "ip netns exec vpn_<id> " unless set.
+    // The shell prefix of a command; "ip netns exec vpn_<id> " if not set.
     void SetPrefix(const std::string &Prefix) { m_Prefix = Prefix; }
-    // A VPN that the host does not know.
+    // Makes a VPN unknown to the host.
     void Forget(uint32_t VpnId) { m_Unknown.insert(VpnId); }
     [[nodiscard]] bool Knows(uint32_t VpnId) const { return !m_Unknown.contains(VpnId); }
-    // The table of a namespace (0: the box's own); without one the file cannot be opened there.
+    // Sets the table of a namespace (0: that of the box). Without a table the file cannot be opened there.
     void PutTcpTable(uint32_t VpnId, const std::string &Text) { m_TcpTables[VpnId] = Text; }
-    // A table whose sockets hold the port, beside others.
+    // Sets a table in which one socket has the port, and others do not.
     void PutListener(uint32_t VpnId, uint16_t Port);
 
     [[nodiscard]] uint32_t Current() const { return m_Current; }
-    // Negated errno values, and the length of the prefix.
+    // The results are negated errno values, or the length of the prefix.
     int WritePrefix(uint32_t VpnId, char *Buffer, std::size_t Size);
     int Enter(uint32_t VpnId, int *SavedNs);
     int Leave(int *SavedNs, int Error);
-    // Puts the table of the current namespace where the module reads it.
+    // Stores the table of the current namespace at the path that the module reads.
     void ShowTcpTable();
     void ReportLeaks();
 

@@ -14,7 +14,7 @@ constexpr const char *kTcpHeader =
     "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode"
     "                                                     \n";
 
-// One line as the kernel prints it.
+// One line in the format of the kernel.
 std::string TcpLine(unsigned Slot, uint16_t Port)
 {
     char Line[256];
@@ -100,7 +100,7 @@ using fakehost::Shortage;
 
 namespace {
 
-// A prefix that is about as long as its buffer.
+// A prefix with a length near the size of its buffer.
 int WriteLongPrefix(Shortage Lack, char *Buffer, std::size_t Size)
 {
     const std::size_t Below = Lack == Shortage::OneBelowSize ? 1 : 0;
@@ -138,6 +138,6 @@ VQ_ERR_T VQ_RtcNetNsSwitchToDefault(int *SavedNs)
     const ErrnoKept Kept;
     Host &Here = Host::Current();
     const std::optional<int> Error = Here.Enter(EntryKind::World, "VQ_RtcNetNsSwitchToDefault");
-    // A failed return is still the module's one attempt: the handle counts as given back.
+    // The module tries to switch back only once, so the handle counts as released even if the switch fails.
     return Here.Netns.Leave(SavedNs, Error.value_or(0));
 }

@@ -1,4 +1,4 @@
-// Compiled patterns: which the module still holds.
+// Compiled patterns: which ones the module has not released.
 #ifndef FAKEHOST_PATTERNS_H
 #define FAKEHOST_PATTERNS_H
 
@@ -25,9 +25,9 @@ class Patterns {
 
     [[nodiscard]] std::size_t Compiled() const { return m_Compiled; }
     [[nodiscard]] std::size_t Unreleased() const { return m_Held.size(); }
-    // The module's one deliberate leak: a name with a blank in it is refused after the pattern has been compiled, and
-    // the pattern is left behind. A test that takes that path says how often. The patterns themselves are freed with
-    // the host, so that a leak sanitizer sees no difference and stays of use.
+    // The module leaks on one path, which is known and kept: it refuses a name with a blank after it has compiled the
+    // pattern, and does not release the pattern. A test that takes this path says how often. The host frees these
+    // patterns at its end, so that leak sanitizers do not report them.
     void ExpectUnreleased(std::size_t Count) { m_Expected = Count; }
     void ReportLeaks();
 

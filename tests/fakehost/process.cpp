@@ -64,7 +64,7 @@ int32_t VQ_CmdExec(char *Command)
 VQ_ERR_T VQ_KillPid(const pid_t Pid)
 {
     Host &Here = Host::Current();
-    // No errno is kept here: a hook stands for what a real kill leaves behind.
+    // errno is not restored here: a hook sets the errno that a real kill would leave.
     const std::optional<int> Error = Here.Enter(EntryKind::World, "VQ_KillPid", Pid);
     if (Error.has_value()) {
         return *Error;
@@ -77,7 +77,7 @@ VQ_ERR_T VQ_KillPid(const pid_t Pid)
 
 extern "C" int __wrap_kill(pid_t Pid, int Signal);
 
-// Never the real one: a pid file may hold 0 or -1, which would reach the whole process group or every process.
+// Never calls the real kill: a pid file may have 0 or -1, which would signal the process group or every process.
 extern "C" int __wrap_kill(pid_t Pid, int Signal)
 {
     Host &Here = Host::Current();

@@ -16,19 +16,19 @@ class Processes {
   public:
     explicit Processes(Host &Owner) : m_Host(Owner) {}
 
-    // A living process; `CommandLine` as in /proc, arguments ended by zero bytes.
+    // Adds a running process. `CommandLine` is as in /proc: each argument ends in a zero byte.
     void Add(pid_t Pid, const std::string &CommandLine);
-    // A living process that runs the instance of a VPN.
+    // Adds a running process that is the instance of a VPN.
     void AddInstance(pid_t Pid, uint32_t VpnId);
-    // A name in /proc that need not be a process.
+    // Adds a name in /proc that need not be a process.
     void AddName(const std::string &Name) { m_Names.push_back(Name); }
     void PutPidFile(uint32_t VpnId, const std::string &Content);
     [[nodiscard]] static std::string PidFile(uint32_t VpnId);
 
     [[nodiscard]] bool IsAlive(pid_t Pid) const { return m_Alive.contains(Pid); }
-    // The process is gone; false when there was none.
+    // Removes the process; false if there was none.
     bool End(pid_t Pid);
-    // What /proc lists, in order, the two dots first.
+    // The names in /proc in order; "." and ".." come first.
     [[nodiscard]] std::vector<std::string> Names() const;
 
   private:

@@ -42,9 +42,11 @@ struct RouteText {
 class RouteTable {
   public:
     int Add(uint32_t VpnId, const VQ_RTC_ROUTE_CONF &Description);
-    // A hop selects by what it names; a description that names neither a target nor a hop selects the whole table.
+    // A next hop in the description selects routes with that hop. A description without target and hop selects the
+    // whole table.
     int Delete(uint32_t VpnId, const VQ_RTC_ROUTE_CONF &Description);
-    // "10.1.1.1/32 dev lan0", with "via 10.7.0.2" before the interface of a hop that has a gateway; by address.
+    // Texts such as "10.1.1.1/32 dev lan0", sorted by address. A hop with a gateway has "via 10.7.0.2" before its
+    // interface.
     [[nodiscard]] std::vector<std::string> Of(uint32_t VpnId, uint32_t TableId) const;
 
   private:

@@ -39,11 +39,11 @@ bool Selects(const NextHop &Wanted, const NextHop &Found)
            (Wanted.Interface.empty() || Wanted.Interface == Found.Interface);
 }
 
-// Whether every byte is zero that a route of ours leaves alone: all next hops, and the names after the first.
+// Whether all bytes that the module must leave zero are zero: all next hops, and the names after the first.
 bool RestIsZero(const VQ_RTC_ROUTE_CONF &Description)
 {
     const auto IsZero = [](char Byte) { return Byte == 0; };
-    // Any object may be looked at as bytes.
+    // Any object may be read as bytes.
     const auto *Hops = reinterpret_cast<const char *>(Description.Nexthop);
     const char *Names = Description.IfName[0];
     return std::all_of(Hops, Hops + sizeof(Description.Nexthop), IsZero) &&

@@ -13,7 +13,7 @@ namespace fakehost {
 
 class RuleTable {
   public:
-    // An add as the host received it.
+    // An add, as the host received it.
     struct Added {
         VQ_CONF_RULE Rule;
         uint16_t Op;
@@ -25,11 +25,11 @@ class RuleTable {
     std::map<uint32_t, uint32_t> CustomerOfVpn;
 
     [[nodiscard]] const std::vector<Added> &Adds() const { return m_Adds; }
-    // Rules in force, by table, zone, id and customer.
+    // Installed rules by table, zone, id and customer.
     using Key = std::tuple<uint16_t, uint8_t, uint32_t, uint32_t>;
     [[nodiscard]] const std::map<Key, VQ_CONF_RULE> &InForce() const { return m_InForce; }
 
-    // A rule that is in force from the start, with nothing but its key.
+    // Installs a rule that has only its key.
     void Put(const Key &Where) { m_InForce.insert_or_assign(Where, VQ_CONF_RULE{}); }
     void Add(const VQ_CONF_RULE &Rule, uint16_t Op, BOOL Flag1, BOOL Flag2);
     int Delete(uint8_t Zone, uint32_t RuleId, uint32_t CustomerId, uint16_t Op);

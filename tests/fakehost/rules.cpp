@@ -8,7 +8,7 @@ namespace fakehost {
 void RuleTable::Add(const VQ_CONF_RULE &Rule, uint16_t Op, BOOL Flag1, BOOL Flag2)
 {
     m_Adds.push_back({Rule, Op, Flag1, Flag2});
-    // An id is unique within table and zone: whoever owned it before does not any more.
+    // An id is unique in its table and zone, so the rule of any previous customer is replaced.
     std::erase_if(m_InForce, [&](const auto &Each) {
         const auto &[Table, Zone, Id, Customer] = Each.first;
         return Table == TableOf(Op) && Zone == Rule.Zone && Id == Rule.Id;

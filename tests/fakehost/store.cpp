@@ -11,7 +11,7 @@ namespace fakehost {
 
 namespace {
 
-// Nodes are flat records of 17 MB: fresh zeroed pages cost nothing until something is written to them.
+// A node has a record of 17 MB. New zeroed pages cost nothing until they are written.
 struct FreeNode {
     void operator()(VQ_DnsmasqConfNode *Node) const { std::free(Node); }
 };
@@ -52,7 +52,7 @@ void Store::Append(VQ_PersistentConfList &List, const std::string &Text) const
     if (Conversions.DnsmasqStrToConf(&Node->Dnsmasq, Text.c_str()) < 0) {
         return;
     }
-    // The list owns the node from here on.
+    // The list owns the node now.
     cds_list_add_tail(&Node.release()->List, &List.Head);
     ++List.Count;
 }
@@ -87,7 +87,7 @@ void Store::Free(VQ_PersistentConfList *List)
     while (cds_list_empty(&List->Head) == 0) {
         VQ_LIST_HEAD *Link = List->Head.next;
         cds_list_del(Link);
-        // The link comes first in its node.
+        // The link is the first member of its node.
         const std::unique_ptr<VQ_DnsmasqConfNode, FreeNode> Node(reinterpret_cast<VQ_DnsmasqConfNode *>(Link));
     }
 }

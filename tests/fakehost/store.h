@@ -26,18 +26,18 @@ class Store {
     Store &operator=(Store &&) = delete;
 
     bool Enabled = false;
-    // The conversions that the host has; rows are read back through DnsmasqStrToConf.
+    // The conversions of the host. Rows are converted to records with DnsmasqStrToConf.
     VQ_DATA_CONTENT_TRANS_OP Conversions{};
 
     using Key = std::pair<uint32_t, uint32_t>; // table, VPN
     std::map<Key, std::string> Rows;
-    // The number of records that a list tells, when it is not the true one.
+    // The count that a list reports, if it is not the true one.
     std::optional<int32_t> Count;
 
     int Carry(uint32_t VpnId, const char *Text, VQ_SQL_CONF_OP Op, VQ_SQL_CONF_TBL Table);
-    // Rows that cannot be converted are left out; null without a conversion.
+    // Skips rows that cannot be converted. Null if there is no conversion.
     VQ_PersistentConfList *Read(VQ_SQL_CONF_TBL Table);
-    // A list without records that tells of `Told`.
+    // A list without records that reports `Told` of them.
     VQ_PersistentConfList *MakeEmptyList(int32_t Told);
     void Release(VQ_PersistentConfList *List);
     [[nodiscard]] std::size_t ListsInUse() const { return m_Lists.size(); }

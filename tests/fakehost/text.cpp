@@ -17,17 +17,17 @@ using fakehost::Shortage;
 
 namespace {
 
-// An error says of any text that it does not fit.
+// An injected error means that the text does not fit.
 constexpr std::array kOtherLengths{Shortage::OneBelowSize, Shortage::OneAboveSize};
 
-// What is told of a text of `Length` characters for a buffer of `Size` bytes.
+// The length that is reported for a text of `Length` characters and a buffer of `Size` bytes.
 size_t Told(const std::optional<Fault> &How, size_t Size, size_t Length)
 {
     if (!How.has_value()) {
         return Length;
     }
     if (How->Lack() == Shortage::OneBelowSize) {
-        // Of a text that was cut nobody says that it fits.
+        // A text that was cut must not be reported as one that fits.
         return Length < Size ? Size - 1 : Length;
     }
     return std::max(How->Lack() == Shortage::OneAboveSize ? Size + 1 : Size, Length);

@@ -1,4 +1,4 @@
-// What every test of the message and recovery entries starts from: a box with one VPN.
+// Fixtures for tests of the message and recovery entries: a box with one VPN.
 #ifndef CONFIG_TEST_H
 #define CONFIG_TEST_H
 
@@ -9,21 +9,21 @@
 #include "moduleTest.h"
 #include "popMessage.h"
 
-// A CPE with VPN 7: its directory, one LAN, one WAN without system routes.
+// A CPE with VPN 7, which has its directory, one LAN and one WAN without system routes.
 class ConfigTest : public ModuleTest {
   protected:
-    // How the error lines of the apply sequence and of the message entry begin.
+    // The beginnings of the error lines of the apply sequence and of the message entry.
     inline static const std::string kApplySite = "4 _VQCtrl_SetAdvancedDnsConfiguration: ";
     inline static const std::string kEntrySite = "4 VQCtrl_ConfigAdvancedDns: ";
     static constexpr pid_t kPid = 1234;
 
     void SetUp() override;
 
-    // One entry in each list.
+    // Adds one entry to each list.
     void FillMessage();
     void AskForPersistence(bool Flag);
     void RunInstance(uint32_t VpnId = 7);
-    // The DNS-table rule of the VPN is in force, of the platform's customer.
+    // Installs the DNS-table rule of the VPN, with the customer of the platform.
     void SteerToInstance(uint32_t VpnId = 7);
     VQ_ERR_T Configure();
 
@@ -34,7 +34,7 @@ class ConfigTest : public ModuleTest {
     CpeMessage Message{7};
 };
 
-// A POP with an instance of the box itself that is running.
+// A POP with a running instance of the box itself.
 class PopConfigTest : public ConfigTest {
   protected:
     static constexpr uint32_t kLocalIp = Ip(10, 9, 8, 7);

@@ -1,4 +1,4 @@
-// Builds a controller's CPE message, also one that no controller should send.
+// Builds CPE messages, including messages that no controller should send.
 #ifndef CPE_MESSAGE_H
 #define CPE_MESSAGE_H
 
@@ -17,7 +17,7 @@ class CpeMessage {
     CpeMessage();
     explicit CpeMessage(uint32_t VpnId, bool Enable = true, uint32_t Operation = VQ_CTRL_DNSMASQ_OP_REBOOT);
 
-    // Without a text the field is absent.
+    // A null text leaves the field out.
     using Text = std::optional<std::string>;
 
     DnsHostItem &AddHost(const Text &Domain, uint32_t Ip);
@@ -29,7 +29,7 @@ class CpeMessage {
     void AddNullServer() { m_Servers.push_back(nullptr); }
     void AddNullProxy() { m_Proxies.push_back(nullptr); }
 
-    // The message with its lists as they are now. It stays this object's; a test may spoil it.
+    // The message with the current lists. This object keeps ownership. A test may change the message.
     DnsmasqConf &Pb();
     VQ_CTRL_DNSMASQ_CONFIG_PB Carrier();
 

@@ -41,13 +41,13 @@ std::string EffectText(const std::string &Call)
 
 struct Effect {
     std::string Text;
-    // The record that it is for, from 1, where several are applied.
+    // The number of the record, from 1, if several are applied.
     std::size_t Record;
 };
 
 using Plan = std::vector<Effect>;
 
-// The hosts file comes first of each record.
+// A record begins with its hosts file.
 Plan PlanOf(const Scenario &Of, const Outcome &Undisturbed)
 {
     Plan Out;
@@ -59,7 +59,7 @@ Plan PlanOf(const Scenario &Of, const Outcome &Undisturbed)
     return Out;
 }
 
-// Effects up to the failing call and with it.
+// The number of effects up to and including the failing call.
 std::size_t EffectsUntil(const Outcome &Run, const FailedCall &Failed)
 {
     const auto End = Run.Entries.begin() + static_cast<std::ptrdiff_t>(Failed.Recorded);
@@ -67,14 +67,14 @@ std::size_t EffectsUntil(const Outcome &Run, const FailedCall &Failed)
         std::count_if(Run.Entries.begin(), End, [](const auto &Each) { return IsEffect(Each.Text()); }));
 }
 
-// The record that is being applied when a call fails of which `Done` effects were done.
+// The record that is being applied when a call fails after `Done` effects.
 std::size_t RecordAt(const Plan &Expected, const FailedCall &Failed, std::size_t Done)
 {
     const std::size_t At = IsEffect(Failed.Text) ? Done - 1 : Done;
     return At < Expected.size() ? Expected[At].Record : 0;
 }
 
-// A row that is lost early makes fewer calls than the others: then it is the next one that is still there.
+// A lost row makes fewer calls than the others, so `Earliest` may name a lost row. Then the next row is meant.
 void LoseRow(std::size_t Earliest, Plan &Expected)
 {
     const auto First =
@@ -99,7 +99,7 @@ void Apply(const Rule &Found, const FailedCall &Failed, std::size_t Done, Plan &
     const std::size_t Record = RecordAt(Expected, Failed, Done);
     const auto Next = Expected.begin() + static_cast<std::ptrdiff_t>(Done);
     const auto Kept = std::remove_if(Next, Expected.end(), [&](const Effect &Each) {
-        return Each.Record == Record && (!Found.IsSwallowed || StartsWithAny(Each.Text, Found.Skips));
+        return Each.Record == Record && (!Found.IsIgnored || StartsWithAny(Each.Text, Found.Skips));
     });
     Expected.erase(Kept, Expected.end());
     for (const std::string &Each : Found.Adds) {
@@ -136,8 +136,8 @@ std::vector<std::string> CallsAfterTheEnd(const Scenario &Of, const Outcome &Run
 {
     const std::vector<std::string> Releases{"VQ_RtcNetioNodeListRelease(", "VQ_SqliteConfListRelease(", "closedir(",
                                             "VQ_RtcNetNsSwitchToDefault("};
-    const auto First =
-        std::find_if(Run.Failed.begin(), Run.Failed.end(), [&](const FailedCall &Each) { return IsHeard(Of, Each); });
+    const auto First = std::find_if(Run.Failed.begin(), Run.Failed.end(),
+                                    [&](const FailedCall &Each) { return IsReported(Of, Each); });
     std::vector<std::string> Out;
     if (Of.IsRecovery || First == Run.Failed.end()) {
         return Out;

@@ -1,20 +1,21 @@
-// What a run with failures has to do, worked out from the run without any and from the rules of its scenario.
+// The expected behaviour of a run with failures, computed from the run without failures and the rules of the scenario.
 #ifndef EVERY_CALL_FAILS_EXPECTED_H
 #define EVERY_CALL_FAILS_EXPECTED_H
 
 #include "everyCallFailsRun.h"
 
-// The calls of a run that change the world, in order; of a route without its interface.
+// The effects of a run: the calls that change something outside the process, in order. Routes are without their
+// interface.
 std::vector<std::string> EffectsOf(const Outcome &Run);
 
-// Those that the failures of `Run` leave of the undisturbed run's: nothing after one that is heard, all that is not
-// skipped after one that is swallowed.
+// The effects of the undisturbed run that remain with the failures of `Run`: none after a failure that is reported, and
+// all that are not skipped after a failure that is ignored.
 std::vector<std::string> ExpectedEffects(const Scenario &Of, const Outcome &Undisturbed, const Outcome &Run);
 
-// Calls after the first failure that is heard which do more than release what is held.
+// The calls after the first reported failure, except those that release resources.
 std::vector<std::string> CallsAfterTheEnd(const Scenario &Of, const Outcome &Run);
 
-// A file holds what the undisturbed run leaves where it was written with success, and what it held before otherwise.
+// The expected files: the content of the undisturbed run if the write succeeded, otherwise the old content.
 Files ExpectedFiles(const Outcome &Undisturbed, const Outcome &Run);
 
 #endif

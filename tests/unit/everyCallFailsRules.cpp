@@ -18,13 +18,13 @@ Rules operator+(Rules Left, const Rules &Right)
 
 namespace {
 
-// What is left of a stop once its first process is looked for.
+// The steps of a stop from its first kill on.
 Effects RestOfStop()
 {
     return {"VQ_KillPid(", "remove("};
 }
 
-// The port check and the search for left-over processes read every problem as a "no".
+// The port check and the search for left-over processes treat every problem as a "no".
 Rules DiscoveryRules()
 {
     const Effects LeftOver{"VQ_KillPid("};
@@ -55,7 +55,7 @@ Rules RouteRules(std::size_t Allocation)
 
 Rules PidFileRules()
 {
-    // Half of a pid names another process, which is not there; the right one is found by its command line.
+    // Half of the pid names a process that does not exist. The real process is found by its command line.
     return {{.Call = "fopen(\"/var/run/", .How = Shortage::FewerBytes, .Adds = {"VQ_KillPid(12)"}},
             {.Call = "VQ_SNPrintf(512, \"/var/run/", .Nth = 1, .Skips = RestOfStop()},
             {.Call = "fopen(\"/var/run/", .Skips = RestOfStop()}};
@@ -63,7 +63,7 @@ Rules PidFileRules()
 
 Rules StopRules()
 {
-    // The host says that the instance is gone and shows it in /proc all the same: it is found again there.
+    // The host reports that the process does not exist, but /proc still shows it, so the search kills it again.
     return PidFileRules() + DiscoveryRules() +
            Rules{{.Call = "VQ_KillPid(1234)", .Nth = 1, .How = -ESRCH, .Adds = {"VQ_KillPid(1234)"}},
                  {.Call = "VQ_KillPid(", .How = -ESRCH},
@@ -79,7 +79,7 @@ Rules UnreportedStopRules()
 
 Rules ReloadRules()
 {
-    return {{.Call = "fopen(\"/var/run/", .How = Shortage::FewerBytes, .IsSwallowed = false, .Adds = {"kill(12, 1)"}},
+    return {{.Call = "fopen(\"/var/run/", .How = Shortage::FewerBytes, .IsIgnored = false, .Adds = {"kill(12, 1)"}},
             {.Call = "VQ_SNPrintf(512, \"/var/run/", .Skips = {"kill("}},
             {.Call = "fopen(\"/var/run/", .Skips = {"kill("}}};
 }

@@ -1,5 +1,5 @@
-// What the failures of host calls lead to, where that is not the rule: the caller hears of a failure, and nothing is
-// done after it.
+// Exceptions to the normal effect of a failing host call. Normally the failure is reported to the caller, and no later
+// step is done.
 #ifndef EVERY_CALL_FAILS_RULES_H
 #define EVERY_CALL_FAILS_RULES_H
 
@@ -10,61 +10,61 @@
 
 #include "host.h"
 
-// Calls that change the world, as the beginnings of their texts.
+// Calls that change something outside the process, given as the beginnings of their texts.
 using Effects = std::vector<std::string>;
 
 struct Rule {
-    // The beginning of the call that fails.
+    // The beginning of the text of the failing call.
     std::string Call;
-    // Which call of its service; 0: any.
+    // The number of the call among those of its service; 0: any.
     std::size_t Nth = 0;
     std::optional<fakehost::Fault> How = std::nullopt;
-    // Swallowed: the caller does not hear of it, and what is to be done is done, except for what it skips.
-    bool IsSwallowed = true;
+    // Ignored: the failure is not reported to the caller, and the other steps are done, except those in `Skips`.
+    bool IsIgnored = true;
     Effects Skips = {};
-    // What is done only because of it, at once.
+    // Calls that are made at once, and only because of the failure.
     Effects Adds = {};
-    // Nothing comes after it, of no record.
+    // No record is applied after it.
     bool EndsAll = false;
-    // Of a list of rows one is not there, and nothing else happens: so many such calls are made for each row.
+    // Not 0: the failure loses one row of a list and has no other effect. This many such calls are made for each row.
     std::size_t CallsPerRow = 0;
 
     [[nodiscard]] bool Covers(const std::string &Text, std::size_t NthOfService, fakehost::Fault Fault) const;
 };
 
-// The first rule that covers a failure counts.
+// The first rule that covers a failure applies.
 using Rules = std::vector<Rule>;
 
 Rules operator+(Rules Left, const Rules &Right);
 
-// What a message is copied with has room for all that passes the checks.
+// Copies of checked texts always fit, so their results are ignored.
 Rules TranslationRules();
-// A VPN without WANs gets its routes, one without LANs gets them without an interface, and what is cut of an interface
-// name is not looked at. A table that cannot be emptied is only logged, and a route that exists is as good as added.
-// `Allocation`: which allocation is the one for emptying the table.
+// A VPN without WANs gets routes. A VPN without LANs gets routes without an interface. A cut interface name is ignored.
+// If the table cannot be emptied, that is only logged. A route that exists already counts as added. `Allocation`: the
+// number of the allocation that is made to empty the table.
 Rules RouteRules(std::size_t Allocation);
-// An instance without a pid file is none.
+// Without a pid file, the instance counts as not running.
 Rules PidFileRules();
-// A stop that tells its caller: a process that is gone is as good as killed, and so is a pid file that is gone.
+// A stop whose failure is reported. A process or a pid file that no longer exists is no failure.
 Rules StopRules();
 // A stop whose failure is only logged.
 Rules UnreportedStopRules();
-// The signal goes to the process that the pid file names, all of it or half.
+// The signal goes to the process in the pid file, even if only half of the file was read.
 Rules ReloadRules();
-// The platform's customer stands where the VPN's is not known.
+// If the customer of the VPN is not known, the customer of the platform is used.
 Rules CustomerRules();
-// A row that cannot be deleted is silent.
+// A failed delete of a row is ignored without a log line.
 Rules DeleteRules();
-// A rule that cannot be removed ends a teardown without a word to the caller.
+// If a rule cannot be removed, the teardown ends, and that is not reported to the caller.
 Rules TeardownRules();
-// A row that cannot be read is not there, and without a list there is nothing.
+// A row that cannot be read is skipped. Without a list, nothing is done.
 Rules RowRules();
-// Where nothing exists yet, a failed look changes nothing; where all exists, a directory is made that is there.
+// A failed check whether a directory exists changes nothing if there is none yet.
 Rules DirectoryRules();
-// Nobody hears of anything.
+// No failure is reported.
 Rules SilentRules();
-// For every service: a text that just fits fits, a write may tell how much it wrote, and how a file comes does not
-// matter.
+// For every service: a text that just fits is no failure, a write may return the number of bytes, and a file may be
+// read in pieces of any size.
 Rules ShortageRules();
 
 #endif

@@ -46,7 +46,7 @@ Outcome RunScenario(const Scenario &Of, const Failing &How)
     fakehost::Host Host;
     Host.Calls.Record(EntryKind::Memory, false);
     Host.Log.KeepLines(false);
-    // A record is 17 MB: most of the time would go into fresh ones.
+    // A record is 17 MB. New ones would take most of the time.
     Host.Memory.FillFreshBytes(false);
     Host.Memory.ReuseRecords();
     Of.Prepare(Host);
@@ -66,18 +66,18 @@ Outcome RunScenario(const Scenario &Of, const Failing &How)
 
 const Rule &RuleOf(const Scenario &Of, const std::string &Call, std::size_t Nth, Fault How)
 {
-    static const Rule Heard{.Call = "", .IsSwallowed = false};
+    static const Rule Reported{.Call = "", .IsIgnored = false};
     const auto Found = std::find_if(Of.Exceptions.begin(), Of.Exceptions.end(),
                                     [&](const Rule &Each) { return Each.Covers(Call, Nth, How); });
-    return Found == Of.Exceptions.end() ? Heard : *Found;
+    return Found == Of.Exceptions.end() ? Reported : *Found;
 }
 
-bool IsHeard(const Scenario &Of, const FailedCall &Failed)
+bool IsReported(const Scenario &Of, const FailedCall &Failed)
 {
-    return !RuleOf(Of, Failed.Text, Failed.Nth, Failed.How).IsSwallowed;
+    return !RuleOf(Of, Failed.Text, Failed.Nth, Failed.How).IsIgnored;
 }
 
-bool TellsNoError(const std::string &Call)
+bool ReportsNoError(const std::string &Call)
 {
     constexpr std::array Silent{"VQ_AgentMem",
                                 "VQ_SNPrintf",
@@ -91,13 +91,13 @@ bool TellsNoError(const std::string &Call)
 
 std::vector<Fault> FaultsAlone(const CountedCall &Call)
 {
-    return Faults(Call, TellsNoError(Call.Text));
+    return Faults(Call, ReportsNoError(Call.Text));
 }
 
 std::vector<Fault> FaultsFromThereOn(const Scenario &Of, const CountedCall &Call)
 {
-    const bool IsLast = !Of.IsRecovery && !RuleOf(Of, Call.Text, Call.Nth, -ENOMEM).IsSwallowed;
-    return Faults(Call, TellsNoError(Call.Text) && IsLast);
+    const bool IsLast = !Of.IsRecovery && !RuleOf(Of, Call.Text, Call.Nth, -ENOMEM).IsIgnored;
+    return Faults(Call, ReportsNoError(Call.Text) && IsLast);
 }
 
 FailureCount CountFailures(const Scenario &Of, const Outcome &Undisturbed)

@@ -15,7 +15,7 @@ namespace {
 constexpr pid_t kInstance = 1234;
 constexpr pid_t kLeftOver = 1235;
 
-// Every file that the module writes, with something else in it.
+// Creates every file that the module writes, with other content.
 void PutOldFiles(fakehost::Host &Host, uint32_t VpnId)
 {
     const std::string Root =
@@ -27,8 +27,7 @@ void PutOldFiles(fakehost::Host &Host, uint32_t VpnId)
     }
 }
 
-// Two lists of interfaces, an instance that runs and one that was left behind, a port that is taken, the rules in
-// force.
+// Creates lists of WANs and LANs, a running instance and a left-over one, a taken port and installed rules.
 void PrepareVpn(fakehost::Host &Host, uint32_t VpnId)
 {
     PutOldFiles(Host, VpnId);
@@ -43,7 +42,7 @@ void PrepareVpn(fakehost::Host &Host, uint32_t VpnId)
     Host.Rows.Rows = {{{10, VpnId}, "an older text"}, {{14, VpnId}, "an older text"}};
 }
 
-// A kill that fails leaves its reason in errno, where the search for left-over processes looks for it.
+// A failed kill sets errno, from which a stop takes its result.
 void PrepareBox(fakehost::Host &Host)
 {
     Host.Rows.Enabled = true;
@@ -65,13 +64,13 @@ void Pop(fakehost::Host &Host)
     VQCtrl_AgentSetPOPAdvancedDnsOps();
 }
 
-// No instance, no rows.
+// A box without instances and without rows.
 void FreshBox(fakehost::Host &Host)
 {
     PrepareBox(Host);
 }
 
-// The instance of the second VPN has survived.
+// The instance of the second VPN is still running.
 void ThreeRows(fakehost::Host &Host)
 {
     PrepareBox(Host);
@@ -88,7 +87,7 @@ void ThreeRows(fakehost::Host &Host)
     }
 }
 
-// One entry in each list.
+// Adds one entry to each list.
 void Fill(CpeMessage &Message)
 {
     Message.AddHost("nas.example.com", Ip(10, 0, 0, 1));
@@ -119,7 +118,7 @@ VQ_ERR_T ConfigurePop()
     return VQCtrl_ConfigAdvancedDns(&Carrier);
 }
 
-// One record for all runs: nothing writes to it.
+// All runs share one record, because nothing writes to it.
 const VQ_CTRL_DNSMASQ_CONF *SharedRecord()
 {
     static const Record Conf = [] {
@@ -236,7 +235,7 @@ VQ_ERR_T ListRows()
 
 Rules CpeRestartRules()
 {
-    // The allocations before that of the routes are those of the hosts, the MX and the proxy file.
+    // The allocation for emptying the route table follows those for the hosts, MX and proxy files.
     return TranslationRules() + RouteRules(4) + UnreportedStopRules() + CustomerRules() + DeleteRules();
 }
 
@@ -247,7 +246,7 @@ Rules CpeReloadRules()
 
 Rules RecoveryRules()
 {
-    // Of one record; the others have their own allocations.
+    // Each of the three records makes its own allocations.
     return RowRules() + RouteRules(2) + RouteRules(5) + RouteRules(8) + UnreportedStopRules() + CustomerRules();
 }
 
@@ -257,27 +256,27 @@ Rules ReadTextRules()
     return {{.Call = "VQ_SafeStrCopy(19, \"10.9.8.7\")"}};
 }
 
-// The first of two lines leaves no room for the second.
+// If the first line just fits, there is no room for the second one.
 Rules TwoServersRules()
 {
     return {{.Call = "VQ_SNPrintf(1024, \"nameserver 10.1.1.1\\n\")",
              .How = fakehost::Shortage::OneBelowSize,
-             .IsSwallowed = false}};
+             .IsIgnored = false}};
 }
 
-// Half of a pid is a pid, too.
+// Half of the pid is a number, too.
 Rules HalfPidRules()
 {
     return {{.Call = "fopen(\"/var/run/", .How = fakehost::Shortage::FewerBytes}};
 }
 
-// Where all exists, a failed look leads to a directory that is made once more.
+// If a check for a directory fails, the function creates the directory, although it exists.
 Rules AccessAgainRules()
 {
     const std::string Root = "/etc/kavel/dnsmasq/vpn_7";
     const std::string DropIns = Root + "/dnsmasq.d";
-    return {{.Call = "access(\"" + Root + "\"", .IsSwallowed = false, .Adds = {"mkdir(\"" + Root + "\", 0777)"}},
-            {.Call = "access(", .IsSwallowed = false, .Adds = {"mkdir(\"" + DropIns + "\", 0777)"}}};
+    return {{.Call = "access(\"" + Root + "\"", .IsIgnored = false, .Adds = {"mkdir(\"" + Root + "\", 0777)"}},
+            {.Call = "access(", .IsIgnored = false, .Adds = {"mkdir(\"" + DropIns + "\", 0777)"}}};
 }
 
 std::vector<Scenario> MessageScenarios()
@@ -357,13 +356,13 @@ std::vector<Scenario> RecordScenarios()
     };
 }
 
-// What is heard of all the same comes first.
+// Puts the rules for reported failures first, because the first rule that covers a failure applies.
 Rules WithShortages(Rules Own)
 {
-    const auto Swallowed =
-        std::stable_partition(Own.begin(), Own.end(), [](const Rule &Each) { return !Each.IsSwallowed; });
-    const Rules Heard(Own.begin(), Swallowed);
-    return Heard + ShortageRules() + Rules(Swallowed, Own.end());
+    const auto Ignored =
+        std::stable_partition(Own.begin(), Own.end(), [](const Rule &Each) { return !Each.IsIgnored; });
+    const Rules Reported(Own.begin(), Ignored);
+    return Reported + ShortageRules() + Rules(Ignored, Own.end());
 }
 
 } // namespace

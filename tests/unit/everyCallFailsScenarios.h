@@ -1,4 +1,4 @@
-// The runs of the module in which every host call is made to fail.
+// The scenarios in which every host call is made to fail.
 #ifndef EVERY_CALL_FAILS_SCENARIOS_H
 #define EVERY_CALL_FAILS_SCENARIOS_H
 
@@ -9,19 +9,19 @@
 
 struct Scenario {
     const char *Name;
-    // The exported function that it calls.
+    // The exported function that `Run` calls.
     const char *Function;
     void (*Prepare)(fakehost::Host &Host);
     VQ_ERR_T (*Run)();
     Rules Exceptions = {};
-    // Several records are applied, each on its own: what one hears of ends that one, and the caller hears of nothing.
+    // Several records are applied independently. A reported failure ends one record and is not returned to the caller.
     bool IsRecovery = false;
 };
 
 std::ostream &operator<<(std::ostream &Out, const Scenario &Each);
 
 const std::vector<Scenario> &Scenarios();
-// Exported functions without a call that could fail.
+// The exported functions that make no call that can fail.
 const std::vector<Scenario> &ScenariosWithoutFailures();
 
 #endif

@@ -1,4 +1,4 @@
-// What the failing of every call comes to: the scenarios with their calls and failures, and that nothing is left out.
+// Prints how many calls and failures each scenario has, and checks that no exported function is left out.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A row of the table; the heading says what the numbers are.
+// One row of the table.
 struct Row {
     std::size_t Calls = 0;
     std::size_t Allocations = 0;
@@ -48,14 +48,14 @@ Row Measure(const Scenario &Of)
     return Out;
 }
 
-TEST(EveryCallFailsTable, IsPrinted)
+TEST(EveryCallFailsTable, PrintsCallsAndFailures)
 {
     Row Total;
     std::cout << "| Scenario | Calls | Allocations | Failures alone | With all after | Together |\n"
                  "|---|---|---|---|---|---|\n";
     for (const Scenario &Each : Scenarios()) {
         const Row Measured = Measure(Each);
-        // Every call fails in one way at least, in both modes.
+        // Every call can fail in at least one way, in both modes.
         EXPECT_GE(Measured.Calls, 1U) << Each.Name;
         EXPECT_GE(Measured.Failures.Alone, Measured.Calls + Measured.Allocations) << Each.Name;
         EXPECT_GE(Measured.Failures.FromThereOn, Measured.Calls + Measured.Allocations) << Each.Name;
@@ -73,7 +73,7 @@ std::set<std::string> FunctionsOf(const std::vector<Scenario> &All)
     return Out;
 }
 
-TEST(EveryCallFailsTable, HoldsEveryExportedFunction)
+TEST(EveryCallFailsTable, HasEveryExportedFunction)
 {
     std::set<std::string> Exported;
     std::ifstream List(KAVEL_EXPORTS_LIST);
@@ -85,7 +85,7 @@ TEST(EveryCallFailsTable, HoldsEveryExportedFunction)
     EXPECT_EQ(Known, Exported);
 }
 
-TEST(EveryCallFailsTable, LeavesOutOnlyWhatCannotFail)
+TEST(EveryCallFailsTable, OmitsOnlyFunctionsThatCannotFail)
 {
     for (const Scenario &Each : ScenariosWithoutFailures()) {
         const Outcome Run = RunScenario(Each);
@@ -95,7 +95,7 @@ TEST(EveryCallFailsTable, LeavesOutOnlyWhatCannotFail)
     }
 }
 
-TEST(EveryCallFailsTable, HasATextForEveryScenarioAndNoOther)
+TEST(EveryCallFailsTable, HasOneTextPerScenario)
 {
     std::set<std::string> Texts;
     for (const fs::directory_entry &Each : fs::directory_iterator(KAVEL_FAILURES_DIRECTORY)) {

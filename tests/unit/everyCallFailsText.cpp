@@ -16,7 +16,7 @@ constexpr std::size_t kWidth = 120;
 constexpr const char *kIndent = "    ";
 constexpr const char *kUnchanged = "as without a failure";
 
-// A row of the store is longer than a line should be.
+// Cuts long texts in the middle, such as a row of the store.
 std::string Shorten(std::string Text)
 {
     constexpr std::size_t Longest = 180;
@@ -263,7 +263,7 @@ void FailureText::Add(const CountedCall &Counted, const std::vector<FailedRun> &
     for (const FailedRun &Each : Runs) {
         Lines After = LinesAfterFailure(Each.Run);
         // The number of an error that the service cannot tell says nothing.
-        const int Error = Generalize(After, TellsNoError(Counted.Text) ? 0 : Each.How.Error(), Each.Run.Result);
+        const int Error = Generalize(After, ReportsNoError(Counted.Text) ? 0 : Each.How.Error(), Each.Run.Result);
         auto Found = std::find_if(m_Consequences.begin(), m_Consequences.end(),
                                   [&](const Consequence &Other) { return Other.Lines == After; });
         if (Found == m_Consequences.end()) {
@@ -281,12 +281,12 @@ bool FailureText::IsError(const Cause &Each)
 // How one call fails. `CausesOfCall`: all of its failures that have one consequence.
 std::string FailureText::CauseText(const std::vector<Cause> &CausesOfCall) const
 {
-    const bool TellsNone = TellsNoError(m_Calls[CausesOfCall.at(0).Call].Text);
+    const bool ReportsNone = ReportsNoError(m_Calls[CausesOfCall.at(0).Call].Text);
     std::vector<Cause> Errors;
     std::copy_if(CausesOfCall.begin(), CausesOfCall.end(), std::back_inserter(Errors), IsError);
     // An error that gives the number of another one, too, does not give its own.
-    const bool IsOwn = !TellsNone && std::all_of(Errors.begin(), Errors.end(),
-                                                 [](const Cause &Each) { return Each.Error == -Each.How.Error(); });
+    const bool IsOwn = !ReportsNone && std::all_of(Errors.begin(), Errors.end(),
+                                                   [](const Cause &Each) { return Each.Error == -Each.How.Error(); });
     const bool IsAny = Errors.size() == kErrors.size() &&
                        (IsOwn || std::all_of(Errors.begin(), Errors.end(),
                                              [&](const Cause &Each) { return Each.Error == Errors[0].Error; }));
@@ -296,7 +296,7 @@ std::string FailureText::CauseText(const std::vector<Cause> &CausesOfCall) const
         const std::string Number = Each.Error == 0 ? "" : Told;
         std::string Name = fakehost::TextOf(Each.How.Lack());
         if (IsError(Each)) {
-            Name = TellsNone ? "fails" : IsAny ? "any error" : std::to_string(Each.How.Error());
+            Name = ReportsNone ? "fails" : IsAny ? "any error" : std::to_string(Each.How.Error());
         }
         if (NamesByNumber.empty() || NamesByNumber.back().second != Number) {
             NamesByNumber.emplace_back(Name, Number);

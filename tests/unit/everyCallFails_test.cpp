@@ -1,9 +1,9 @@
-// Every host call fails once: alone, and together with all that come after it. Nothing may leak or be released twice,
-// no namespace may be left switched, every log site has to be complete, no later step may be taken or left out, no file
-// may be spoilt, and the caller has to hear of it, unless the failure is one of those that are taken as they come: they
-// stand in the rules of the scenario. What a failure alone leads to, word for word, stands in failures/.
+// Makes every host call fail, once alone and once together with all calls after it. In every run nothing may leak or be
+// released twice, the thread must be back in its namespace, every log site must be complete, no wrong step may be done
+// or left out, and no file may be damaged. The failure must be reported to the caller, unless a rule of the scenario
+// says that it is ignored. failures/ has the exact outcome of each failure alone.
 //
-// With KAVEL_REGENERATE_GOLDEN=1 in the environment those texts are written anew.
+// With KAVEL_REGENERATE_GOLDEN=1 in the environment, the test writes the texts in failures/ again.
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -71,24 +71,24 @@ class EveryCallFails : public testing::TestWithParam<Scenario> {
 
     static void CheckResult(const Outcome &Run)
     {
-        std::string Heard;
+        std::string Reported;
         for (const FailedCall &Each : Run.Failed) {
-            Heard += IsHeard(GetParam(), Each) ? Each.Text + '\n' : "";
+            Reported += IsReported(GetParam(), Each) ? Each.Text + '\n' : "";
         }
-        EXPECT_EQ(Run.Result < 0, !Heard.empty() && !GetParam().IsRecovery)
-            << "gives " << Run.Result << ", to be heard of:\n"
-            << Heard;
+        EXPECT_EQ(Run.Result < 0, !Reported.empty() && !GetParam().IsRecovery)
+            << "gives " << Run.Result << ", not ignored:\n"
+            << Reported;
     }
 
-    // A run says at its end what it says when the failure that is heard comes alone, whatever failed before it. What it
-    // releases is what it holds.
+    // Checks that the result and the log lines after the last failure are the same as if that failure had occurred
+    // alone.
     void CheckEnd(const Outcome &Run)
     {
         const FailedCall &Last = Run.Failed.back();
         const auto Call =
             std::find_if(m_Undisturbed.Counted.begin(), m_Undisturbed.Counted.end(),
                          [&](const auto &Each) { return Each.Text == Last.Text && Each.Nth == Last.Nth; });
-        if (GetParam().IsRecovery || !IsHeard(GetParam(), Last) || Call == m_Undisturbed.Counted.end()) {
+        if (GetParam().IsRecovery || !IsReported(GetParam(), Last) || Call == m_Undisturbed.Counted.end()) {
             return;
         }
         const auto Nth = static_cast<std::size_t>(Call - m_Undisturbed.Counted.begin()) + 1;
@@ -142,7 +142,7 @@ TEST_P(EveryCallFails, Alone)
     EXPECT_EQ(Actual.Text(), ReadFile(TextPath(GetParam())));
 }
 
-TEST_P(EveryCallFails, WithAllThatComeAfterIt)
+TEST_P(EveryCallFails, WithAllLaterCalls)
 {
     for (std::size_t Nth = 1; Nth <= m_Undisturbed.Counted.size() && !HasFailure(); ++Nth) {
         const CountedCall &Call = m_Undisturbed.Counted[Nth - 1];
@@ -151,10 +151,10 @@ TEST_P(EveryCallFails, WithAllThatComeAfterIt)
             const Outcome Run = RunOnce({Failing::Mode::FromThereOn, Nth, How});
             EXPECT_EQ(Run.Failed.at(0).Text, Call.Text);
             CheckEnd(Run);
-            // One error may stand for all only where none is told.
+            // One error may represent all errors only if none of the failed services reports an error number.
             const bool StandsForAll = Hows.size() - Call.Known.size() == 1 && How.Error() != 0;
             EXPECT_TRUE(!StandsForAll || std::all_of(Run.Failed.begin(), Run.Failed.end(), [](const auto &Each) {
-                return TellsNoError(Each.Text);
+                return ReportsNoError(Each.Text);
             })) << TextOf({Failing::Mode::FromThereOn, Nth, How});
         }
     }

@@ -1,4 +1,4 @@
-// The fake host must see what it is there to see: each broken rule is a violation.
+// The fake host must report every rule that a module breaks as a violation.
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -24,7 +24,7 @@ using testing::SizeIs;
 
 constexpr const char *kPrefix = "<%s%s>%s[%s:%d] ";
 
-// Writes a line as a correct site does, with its own idea of the prefix fields.
+// Writes a line as a correct log site does, with the given prefix fields.
 void WriteLine(uint32_t Level, const char *Function, const char *Message)
 {
     const VQ_LOG_IMPL_ITEM *Item = VQ_LogGetImplItem(VQ_LOG_MODULE_ADVANCED_DNS);
@@ -41,19 +41,19 @@ class FakeHost : public testing::Test {
     fakehost::Host Host;
 };
 
-TEST_F(FakeHost, SeesNothingWrongWithNothing)
+TEST_F(FakeHost, ReportsNothingIfNothingHappened)
 {
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-TEST_F(FakeHost, SeesMemoryThatIsNeverReleased)
+TEST_F(FakeHost, ReportsMemoryThatIsNotReleased)
 {
     void *Block = VQ_AgentMemZeroAlloc(24);
     EXPECT_NE(Block, nullptr);
     EXPECT_THAT(Host.Verify(), ElementsAre("memory never released: 24 bytes"));
 }
 
-TEST_F(FakeHost, SeesMemoryReleasedTwice)
+TEST_F(FakeHost, ReportsMemoryReleasedTwice)
 {
     void *Block = VQ_AgentMemAlloc(24);
     VQ_AgentMemFree(Block);
@@ -61,7 +61,7 @@ TEST_F(FakeHost, SeesMemoryReleasedTwice)
     EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("memory released that is not")));
 }
 
-TEST_F(FakeHost, FreshMemoryIsNotZero)
+TEST_F(FakeHost, NewMemoryIsNotZero)
 {
     auto *Block = static_cast<unsigned char *>(VQ_AgentMemAlloc(2));
     EXPECT_NE(Block[0], 0U);
@@ -70,7 +70,7 @@ TEST_F(FakeHost, FreshMemoryIsNotZero)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-TEST_F(FakeHost, SeesListsThatAreNeverOrTwiceReleased)
+TEST_F(FakeHost, ReportsListsNotReleasedOrReleasedTwice)
 {
     Host.Netio.SetLans(7, {{"lan0"}});
     uint32_t Count = 0;
@@ -82,7 +82,7 @@ TEST_F(FakeHost, SeesListsThatAreNeverOrTwiceReleased)
     EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("released that is not"), HasSubstr("never released: 1")));
 }
 
-TEST_F(FakeHost, SeesOpenFilesAndDirectories)
+TEST_F(FakeHost, ReportsOpenFilesAndDirectories)
 {
     Host.Files.Put("/var/run/x", "text");
     std::FILE *Stream = std::fopen("/var/run/x", "re");
@@ -94,7 +94,7 @@ TEST_F(FakeHost, SeesOpenFilesAndDirectories)
     EXPECT_THAT(Host.Verify(), ElementsAre("never closed: /var/run/x", "directories never closed: 1"));
 }
 
-TEST_F(FakeHost, ForgetsAClosedFile)
+TEST_F(FakeHost, DoesNotReportAClosedFile)
 {
     Host.Files.Put("/var/run/x", "text");
     std::FILE *Stream = std::fopen("/var/run/x", "re");
@@ -104,14 +104,14 @@ TEST_F(FakeHost, ForgetsAClosedFile)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-TEST_F(FakeHost, SeesANamespaceThatIsNotLeft)
+TEST_F(FakeHost, ReportsAMissingSwitchBack)
 {
     int Saved = -1;
     EXPECT_EQ(VQ_RtcNetNsSaveAndSwitch(7, &Saved), 0);
     EXPECT_THAT(Host.Verify(), ElementsAre("the namespace of VPN 7 was never left"));
 }
 
-TEST_F(FakeHost, SeesANamespaceLeftTwice)
+TEST_F(FakeHost, ReportsASecondSwitchBack)
 {
     int Saved = -1;
     EXPECT_EQ(VQ_RtcNetNsSaveAndSwitch(7, &Saved), 0);
@@ -121,14 +121,14 @@ TEST_F(FakeHost, SeesANamespaceLeftTwice)
     EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("a handle that is not open")));
 }
 
-TEST_F(FakeHost, SeesPatternsThatAreNotReleased)
+TEST_F(FakeHost, ReportsPatternsThatAreNotReleased)
 {
     regex_t Pattern;
     EXPECT_EQ(regcomp(&Pattern, "x", REG_EXTENDED), 0);
     EXPECT_THAT(Host.Verify(), ElementsAre("patterns never released: 1 instead of 0"));
 }
 
-TEST_F(FakeHost, SeesJsonThatIsNeverOrTwiceReleased)
+TEST_F(FakeHost, ReportsJsonNotReleasedOrReleasedTwice)
 {
     json_object *Tree = json_object_new_object();
     EXPECT_EQ(json_object_put(Tree), 1);
@@ -138,7 +138,7 @@ TEST_F(FakeHost, SeesJsonThatIsNeverOrTwiceReleased)
     EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("JSON value released that is not"), HasSubstr("released: 1")));
 }
 
-TEST_F(FakeHost, SeesJsonThatIsReleasedBehindItsParentsBack)
+TEST_F(FakeHost, ReportsAReleasedJsonValueThatAParentOwns)
 {
     json_object *Parent = json_object_new_array();
     json_object *Child = json_object_new_int(1);
@@ -149,8 +149,8 @@ TEST_F(FakeHost, SeesJsonThatIsReleasedBehindItsParentsBack)
     EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("JSON value released"), HasSubstr("JSON value added")));
 }
 
-// What could not be added stays the caller's.
-TEST_F(FakeHost, FailsTheAdditionOfJson)
+// The caller keeps ownership of a value that could not be added.
+TEST_F(FakeHost, FailsToAddJson)
 {
     Host.Failures.Fail("json_object_object_add", -12, 1);
     json_object *Parent = json_object_new_object();
@@ -164,7 +164,7 @@ TEST_F(FakeHost, FailsTheAdditionOfJson)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-TEST_F(FakeHost, FailsTheCreationAndTheReadingOfJson)
+TEST_F(FakeHost, FailsToCreateAndToReadJson)
 {
     Host.Failures.Fail("json_object_new_boolean", -12);
     Host.Failures.Fail("json_object_get_int", -22, 2);
@@ -178,7 +178,7 @@ TEST_F(FakeHost, FailsTheCreationAndTheReadingOfJson)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-TEST_F(FakeHost, SeesListsOfStoredRecordsThatAreNeverReleased)
+TEST_F(FakeHost, ReportsListsOfStoredRecordsThatAreNotReleased)
 {
     Host.Rows.Conversions.DnsmasqStrToConf = [](VQ_DNSMASQ_CONF * /*Conf*/, const char * /*Text*/) { return 0; };
     Host.Rows.Rows = {{{10, 1}, "x"}, {{10, 2}, "x"}};
@@ -190,7 +190,7 @@ TEST_F(FakeHost, SeesListsOfStoredRecordsThatAreNeverReleased)
     EXPECT_THAT(Host.Verify(), ElementsAre("lists of stored records never released: 1"));
 }
 
-TEST_F(FakeHost, AcceptsThePatternsThatATestExpects)
+TEST_F(FakeHost, AcceptsPatternsThatATestExpects)
 {
     regex_t Pattern;
     EXPECT_EQ(regcomp(&Pattern, "x", REG_EXTENDED), 0);
@@ -198,7 +198,7 @@ TEST_F(FakeHost, AcceptsThePatternsThatATestExpects)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-TEST_F(FakeHost, SeesAnErrorThatIsNotReset)
+TEST_F(FakeHost, ReportsAnErrorThatIsNotReset)
 {
     EXPECT_EQ(VQ_LogTest(62, 4, TRUE, "F"), TRUE);
     WriteLine(4, "F", "text");
@@ -206,7 +206,7 @@ TEST_F(FakeHost, SeesAnErrorThatIsNotReset)
     EXPECT_THAT(Host.Verify(), ElementsAre("an error of F was not reset before the end"));
 }
 
-TEST_F(FakeHost, SeesALineThatWasNotLetThrough)
+TEST_F(FakeHost, ReportsALineThatWasFilteredOut)
 {
     Host.Log.LevelEnabled[1] = false;
     EXPECT_EQ(VQ_LogTest(62, 1, TRUE, "F"), FALSE);
@@ -214,13 +214,13 @@ TEST_F(FakeHost, SeesALineThatWasNotLetThrough)
     EXPECT_THAT(Host.Verify(), ElementsAre("a line that VQ_LogTest did not let through: text"));
 }
 
-TEST_F(FakeHost, SeesALineThatWasLetThroughAndNotWritten)
+TEST_F(FakeHost, ReportsALineThatIsWantedAndNotWritten)
 {
     EXPECT_EQ(VQ_LogTest(62, 1, TRUE, "F"), TRUE);
     EXPECT_THAT(Host.Verify(), ElementsAre(HasSubstr("none was written")));
 }
 
-TEST_F(FakeHost, SeesAFlexTextThatDiffersFromTheLine)
+TEST_F(FakeHost, ReportsAFlexTextThatDiffersFromTheLine)
 {
     EXPECT_EQ(VQ_LogTest(62, 4, TRUE, "F"), TRUE);
     WriteLine(4, "F", "text");
@@ -231,14 +231,14 @@ TEST_F(FakeHost, SeesAFlexTextThatDiffersFromTheLine)
                 ElementsAre("the flex-log text differs from the line: other", HasSubstr("Reset out of order")));
 }
 
-TEST_F(FakeHost, SeesAFunctionNameThatDiffersFromTheQuestions)
+TEST_F(FakeHost, ReportsAFunctionNameThatDiffersFromTheTest)
 {
     EXPECT_EQ(VQ_LogTest(62, 3, TRUE, "F"), TRUE);
     WriteLine(3, "G", "text");
     EXPECT_THAT(Host.Verify(), ElementsAre("a line with a wrong tag or prefix, from G: text"));
 }
 
-TEST_F(FakeHost, SeesACallInTheMiddleOfALogSite)
+TEST_F(FakeHost, ReportsACallWithinALogSite)
 {
     EXPECT_EQ(VQ_LogTest(62, 4, TRUE, "F"), TRUE);
     WriteLine(4, "F", "text");
@@ -273,8 +273,8 @@ TEST_F(FakeHost, FailsEveryCountedCallFromTheNthOn)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-// A shortage is no error; a service that does not know it answers as ever.
-TEST_F(FakeHost, GivesFewerBytesThanThereAre)
+// A shortage is no error. Services that do not support it work as usual.
+TEST_F(FakeHost, ReadsFewerBytesThanTheFileHas)
 {
     Host.Failures.FailFrom(1, fakehost::Shortage::FewerBytes);
     EXPECT_EQ(VQ_WriteSyncWithFilePath("/var/run/x", "text", 4), 2);
@@ -289,7 +289,7 @@ TEST_F(FakeHost, GivesFewerBytesThanThereAre)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-TEST_F(FakeHost, ReadsByteByByteOrNotAtAll)
+TEST_F(FakeHost, ReadsSingleBytesOrFails)
 {
     Host.Files.Put("/var/run/x", "text");
     for (const auto &[Lack, Length] :
@@ -306,7 +306,7 @@ TEST_F(FakeHost, ReadsByteByByteOrNotAtAll)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-TEST_F(FakeHost, TellsLengthsAroundTheSize)
+TEST_F(FakeHost, ReportsLengthsAroundTheSize)
 {
     char Buffer[8];
     Host.Failures.FailFrom(1, fakehost::Shortage::OneBelowSize);
@@ -320,7 +320,7 @@ TEST_F(FakeHost, TellsLengthsAroundTheSize)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-TEST_F(FakeHost, GivesListsWithoutMembers)
+TEST_F(FakeHost, ReturnsListsWithoutMembers)
 {
     Host.Netio.SetLans(7, {{"lan0"}});
     for (const auto &[Lack, Told] :
@@ -348,7 +348,7 @@ TEST_F(FakeHost, RecordsNothingWhenAskedTo)
     EXPECT_THAT(Host.Verify(), IsEmpty());
 }
 
-TEST_F(FakeHost, TextServicesTellTheWholeLength)
+TEST_F(FakeHost, TextServicesReturnTheWholeLength)
 {
     char Buffer[4];
     EXPECT_EQ(VQ_SNPrintf(Buffer, sizeof(Buffer), "%s", "abc"), 3U);
@@ -370,7 +370,7 @@ TEST(FakeHostDeathTest, AServiceWithoutAHostAborts)
     EXPECT_DEATH(VQ_AgentMemAlloc(1), "a service was called without a host");
 }
 
-TEST(FakeHostDeathTest, AHostThatIsNotAskedForItsViolationsAborts)
+TEST(FakeHostDeathTest, AHostWithUncheckedViolationsAborts)
 {
     EXPECT_DEATH(
         {

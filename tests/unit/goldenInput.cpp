@@ -33,7 +33,7 @@ uint32_t Number(json_object *Object, const char *Name)
     return static_cast<uint32_t>(json_object_get_uint64(Required(Object, Name)));
 }
 
-// False when it is not there.
+// False if there is no such member.
 bool IsSet(json_object *Object, const char *Name)
 {
     return json_object_get_boolean(Member(Object, Name)) != 0;

@@ -1,7 +1,7 @@
-// Reads the input of a golden case: a CPE's or a POP's message, a record or stored rows, and the box that it meets.
+// Reads the input of a golden case: a CPE or POP message, a record or stored rows, and the state of the box.
 //
-// An element {"repeat": N, "item": X} of a list stands for N copies of X. In texts, "(x*63)" is 63 times x and "#" the
-// number of the copy, from 0; an address "10.0.0.0+#" is that many after 10.0.0.0.
+// An element {"repeat": N, "item": X} of a list means N copies of X. In texts, "(x*63)" is 63 times x, and "#" is the
+// number of the copy, from 0. The address "10.0.0.0+#" is 10.0.0.0 plus the number of the copy.
 #ifndef GOLDEN_INPUT_H
 #define GOLDEN_INPUT_H
 
@@ -18,7 +18,7 @@
 
 class GoldenInput {
   public:
-    // Throws std::runtime_error with what is wrong.
+    // Throws std::runtime_error with the reason if the input is invalid.
     explicit GoldenInput(const std::filesystem::path &Path);
 
     // "message", "pop message", "record" or "recovery".

@@ -1,5 +1,5 @@
-// Golden cases: each folder of golden/ holds an input, the files that it must lead to and the calls of the host in
-// order, log lines among them. With KAVEL_REGENERATE_GOLDEN=1 in the environment what is expected is written anew.
+// Golden cases: each folder of golden/ has an input, the expected files, and the expected host calls and log lines in
+// order. With KAVEL_REGENERATE_GOLDEN=1 in the environment, the test writes the expected files and calls again.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 // Texts by their path inside the folder of the case.
 using Outcome = std::map<std::string, std::string>;
 
-// Beyond this a text is kept as its digest.
+// A longer text is stored as its digest.
 constexpr std::size_t kLargestText = 65536;
 constexpr std::size_t kShownLines = 3;
 
@@ -35,7 +35,7 @@ std::vector<std::string> SplitLines(const std::string &Text)
     return Lines;
 }
 
-// FNV-1a, 64 bits: tells a changed text, which is all that is asked of it.
+// FNV-1a with 64 bits. It only has to differ when a text has changed.
 std::string Hash(const std::string &Text)
 {
     uint64_t Value = 0xcbf29ce484222325U;

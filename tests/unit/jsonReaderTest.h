@@ -1,4 +1,4 @@
-// What every test of the JSON reader starts from.
+// The fixture of all tests of the JSON reader.
 #ifndef JSON_READER_TEST_H
 #define JSON_READER_TEST_H
 
@@ -11,7 +11,7 @@ class JsonReaderTest : public ModuleTest {
 
     VQ_ERR_T Read(const std::string &Text) { return VQCtrl_AdvancedDnsJsonStrToConf(Conf.get(), Text.c_str()); }
 
-    // What is said beyond the dump of the text.
+    // The log lines without the dump of the text.
     [[nodiscard]] std::vector<std::string> Lines() const
     {
         std::vector<std::string> Out = Logs();
@@ -29,7 +29,7 @@ class JsonReaderTest : public ModuleTest {
             << Text;
     }
 
-    // A good header, with the members that are given after it.
+    // A valid header, followed by the given members.
     [[nodiscard]] static std::string Document(const std::string &Members)
     {
         return R"({"Enable": true, "VpnId": 7, "Op": 1)" + (Members.empty() ? "" : ", " + Members) + '}';

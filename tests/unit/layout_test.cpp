@@ -1,5 +1,5 @@
-// The host and the module are built apart and share records: every offset below is added up by hand from the widths of
-// the fields in their order, with the alignment of plain C.
+// Host and module are built separately and share records. The offsets below are computed by hand from the widths and
+// the order of the fields, with the alignment of plain C.
 #include <cstddef>
 #include <cstring>
 
@@ -135,7 +135,7 @@ TEST(Layout, RuleHeader)
     EXPECT_EQ(sizeof(VQ_CONF_RULE), 5536U);
 }
 
-// The flags have a word of their own: bytes 4 and 5, and byte 3 stays unused.
+// The flags use bytes 4 and 5. Byte 3 is not used.
 TEST(Layout, RuleFlags)
 {
     VQ_CONF_RULE Rule{};

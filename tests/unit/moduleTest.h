@@ -1,4 +1,4 @@
-// What every test of the module starts from: a fresh host, and a look at its violations at the end.
+// The fixture of all tests of the module: a new host, whose violations are checked at the end.
 #ifndef MODULE_TEST_H
 #define MODULE_TEST_H
 
@@ -34,13 +34,13 @@ void AddMx(VQ_CTRL_DNSMASQ_CONF &Conf, std::string_view Target, std::string_view
 void AddServer(VQ_CTRL_DNSMASQ_CONF &Conf, uint32_t Address, std::string_view Interface);
 void AddProxy(VQ_CTRL_DNSMASQ_CONF &Conf, std::string_view Domain, uint32_t Address);
 
-// A name of exactly `Length` characters (at least 200) that keeps every other rule.
+// A name of exactly `Length` characters (at least 200) that is valid except perhaps for its length.
 std::string DomainOfLength(std::size_t Length);
 
-// The module's conversions, as a host is to have them in its table.
+// The conversions of the module, as a host must have them in its table.
 VQ_DATA_CONTENT_TRANS_OP ModuleConversions();
 
-// Whether two objects hold the same bytes, padding included.
+// Whether two objects have the same bytes, including padding.
 bool SameBytes(const void *One, const void *Other, std::size_t Size);
 
 class ModuleTest : public testing::Test {
@@ -50,9 +50,9 @@ class ModuleTest : public testing::Test {
 
     // "level function: message", in order.
     [[nodiscard]] std::vector<std::string> Logs() const { return Host.Log.Texts(); }
-    // Calls that reach beyond the module's own memory and texts.
+    // The calls that reach outside the process, without memory and text services.
     [[nodiscard]] std::vector<std::string> World() const { return Host.Calls.Of(fakehost::EntryKind::World); }
-    // Files as they are, empty text for one that is not there.
+    // The content of a file; empty if there is none.
     [[nodiscard]] std::string File(const std::string &Path) const { return Host.Files.Content(Path).value_or(""); }
 
     fakehost::Host Host;

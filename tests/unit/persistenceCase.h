@@ -1,4 +1,4 @@
-// Whether a message's wish to be kept becomes the record's: the same rule for both platforms.
+// The cases for the persistent flag of message and record. The rule is the same for both platforms.
 #ifndef PERSISTENCE_CASE_H
 #define PERSISTENCE_CASE_H
 
@@ -18,7 +18,7 @@ struct PersistenceCase {
     {
         Message.has_persistentflag = Has ? 1 : 0;
         Message.persistentflag = Flag ? 1 : 0;
-        // Not looked at.
+        // Ignored by the module.
         Message.has_historypersistent = 1;
         Message.historypersistent = Flag ? 0 : 1;
     }

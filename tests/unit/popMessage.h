@@ -1,4 +1,4 @@
-// Builds a controller's POP message, also one that no controller should send.
+// Builds POP messages, including messages that no controller should send.
 #ifndef POP_MESSAGE_H
 #define POP_MESSAGE_H
 
@@ -14,7 +14,7 @@ class PopMessage {
 
     void AskForPersistence(bool Flag);
 
-    // The message with its servers as they are now. It stays this object's; a test may spoil it.
+    // The message with the current servers. This object keeps ownership. A test may change the message.
     PopDnsmasqConf &Pb() { return m_Message; }
     VQ_CTRL_DNSMASQ_CONFIG_PB Carrier();
 

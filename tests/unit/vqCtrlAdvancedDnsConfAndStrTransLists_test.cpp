@@ -1,4 +1,4 @@
-// The JSON text read back: the four lists.
+// Reading the JSON text: the four lists.
 #include <algorithm>
 
 #include "jsonReaderTest.h"
@@ -8,7 +8,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// One list as it is read. The servers' texts name the hosts in two places.
+// The properties of one list. Two log texts of the servers name the hosts.
 struct List {
     const char *Name;
     const char *Mismatch;
@@ -53,7 +53,7 @@ class JsonLists : public JsonReaderTest, public testing::WithParamInterface<List
     [[nodiscard]] std::size_t Count() const { return GetParam().Count(*Conf); }
 };
 
-TEST_P(JsonLists, ACountOfZeroKeepsTheArrayFromBeingLookedAt)
+TEST_P(JsonLists, AnArrayWithCountZeroIsNotRead)
 {
     EXPECT_EQ(Read(WithList("0", Array(GetParam().Item, 1))), 0);
     EXPECT_EQ(Read(WithList("0", "3")), 0);
@@ -62,7 +62,7 @@ TEST_P(JsonLists, ACountOfZeroKeepsTheArrayFromBeingLookedAt)
     EXPECT_THAT(Lines(), IsEmpty());
 }
 
-TEST_P(JsonLists, ACountIsCutToItsField)
+TEST_P(JsonLists, ACountIsTruncatedToItsField)
 {
     // 8 bits for the servers, 16 for the others.
     EXPECT_EQ(Read(WithList("65536", "3")), 0);
@@ -80,13 +80,13 @@ TEST_P(JsonLists, ACountIsCutToItsField)
     EXPECT_THAT(Lines(), IsEmpty());
 }
 
-TEST_P(JsonLists, AnArrayThatIsMissingIsRefused)
+TEST_P(JsonLists, AMissingArrayIsRefused)
 {
     ExpectRefused(Document('"' + std::string(GetParam().Name) + R"(Num": 1)"), -22,
                   std::string(GetParam().Name) + " array is empty\n");
 }
 
-TEST_P(JsonLists, AValueThatIsNoArrayIsRefused)
+TEST_P(JsonLists, AValueThatIsNotAnArrayIsRefused)
 {
     for (const char *Value : {"3", "{}", R"("[]")", "true", "null"}) {
         ExpectRefused(WithList("1", Value), -22,
@@ -94,7 +94,7 @@ TEST_P(JsonLists, AValueThatIsNoArrayIsRefused)
     }
 }
 
-TEST_P(JsonLists, TheArraysLengthWins)
+TEST_P(JsonLists, TheLengthOfTheArrayIsUsed)
 {
     for (const std::size_t Length : {0U, 1U, 3U}) {
         Host.Log.Clear();
@@ -104,7 +104,7 @@ TEST_P(JsonLists, TheArraysLengthWins)
     }
 }
 
-TEST_P(JsonLists, ANegativeCountIsOnlyADifferentOne)
+TEST_P(JsonLists, ANegativeCountIsTreatedAsADifferentCount)
 {
     EXPECT_EQ(Read(WithList("-1", Array(GetParam().Item, 1))), 0);
     EXPECT_EQ(Count(), 1U);
@@ -119,7 +119,7 @@ TEST_P(JsonLists, ANullElementIsRefusedWithItsIndex)
     EXPECT_EQ(Count(), 3U);
 }
 
-// As many as the table holds and the count can tell.
+// As many entries as the table and the count can hold.
 TEST_P(JsonLists, AFullListIsRead)
 {
     const std::size_t Most = std::min<std::size_t>(GetParam().Capacity, 65535);
@@ -128,7 +128,7 @@ TEST_P(JsonLists, AFullListIsRead)
     EXPECT_THAT(Lines(), IsEmpty());
 }
 
-TEST_P(JsonLists, ALongerArrayIsRefusedBeforeAnythingOfItIsRead)
+TEST_P(JsonLists, ALongerArrayIsRefusedUnread)
 {
     EXPECT_EQ(Read(WithList("1", Array(GetParam().Item, GetParam().Capacity + 1))), -75);
     ASSERT_FALSE(Lines().empty());
@@ -141,7 +141,7 @@ TEST_P(JsonLists, ALongerArrayIsRefusedBeforeAnythingOfItIsRead)
         SameBytes(Conf->DnsHost, Expected->DnsHost, sizeof(*Expected) - offsetof(VQ_CTRL_DNSMASQ_CONF, DnsHost)));
 }
 
-TEST_P(JsonLists, ARefusedDocumentLeavesNoCountAboveItsTable)
+TEST_P(JsonLists, ARefusedDocumentLeavesEachCountWithinItsTable)
 {
     const std::size_t TooMany = std::min<std::size_t>(GetParam().Capacity + 1, 65535);
     EXPECT_EQ(Read(Document('"' + std::string(GetParam().Name) + "Num\": " + std::to_string(TooMany))), -22);
@@ -159,7 +159,7 @@ class JsonElements : public JsonReaderTest {
     }
 };
 
-TEST_F(JsonElements, AListThatIsNotReachedKeepsItsCountWithinItsTable)
+TEST_F(JsonElements, AnUnreadListKeepsItsCountWithinItsTable)
 {
     EXPECT_EQ(Read(Document(R"("DnsHostNum": 1, "DnsMxHostNum": 1025, "DnsServerNum": 9)")), -22);
     EXPECT_EQ(Conf->DnsHostNum, 1U);
@@ -249,7 +249,7 @@ TEST_P(Domains, Of255CharactersFit)
     EXPECT_EQ(GetParam().Target(*Conf), Longest);
 }
 
-TEST_P(Domains, Of256CharactersAreRefusedAndCut)
+TEST_P(Domains, Of256CharactersAreRefusedAndTruncated)
 {
     ExpectRefused(With(std::string(256, 'd')), -75, "Lack of " + std::string(GetParam().Key) + '\n');
     EXPECT_EQ(GetParam().Target(*Conf), std::string(255, 'd'));
@@ -283,7 +283,7 @@ TEST_F(JsonElements, AnInterfaceNameMayBeEmptyAndHas15Characters)
     EXPECT_STREQ(Conf->DnsServer[0].Ifname, "interface-15chr");
 }
 
-TEST_F(JsonElements, ATextMayBeAnyValueAndIsTakenAsItsJsonText)
+TEST_F(JsonElements, AValueThatIsNotAStringIsReadAsItsJsonText)
 {
     EXPECT_EQ(Read(One("DnsHost", R"({"Ip": "1.2.3.4", "Domain": 12})")), 0);
     EXPECT_STREQ(Conf->DnsHost[0].Domain, "12");
@@ -291,7 +291,7 @@ TEST_F(JsonElements, ATextMayBeAnyValueAndIsTakenAsItsJsonText)
     EXPECT_STREQ(Conf->DnsHost[0].Domain, "true");
 }
 
-TEST_F(JsonElements, APreferenceIsANumberOf32Bits)
+TEST_F(JsonElements, APreferenceHas32Bits)
 {
     const auto With = [](const std::string &Value) {
         return One("DnsMxHost", R"({"TargetDomain": "t", "SourceDomain": "s", "Preference": )" + Value + '}');
@@ -306,7 +306,7 @@ TEST_F(JsonElements, APreferenceIsANumberOf32Bits)
 }
 
 // After the VPN id, the operation and the count.
-TEST_F(JsonElements, APreferenceThatIsNoNumberIsRefused)
+TEST_F(JsonElements, APreferenceThatIsNotANumberIsRefused)
 {
     Host.Failures.Fail("json_object_get_int", -EINVAL, 4);
     ExpectRefused(One("DnsMxHost", R"({"TargetDomain": "t", "SourceDomain": "s", "Preference": "x"})"), -22,
@@ -314,7 +314,7 @@ TEST_F(JsonElements, APreferenceThatIsNoNumberIsRefused)
     EXPECT_EQ(Conf->DnsMxHost[0].Preference, 0U);
 }
 
-TEST_F(JsonElements, WhatWasReadBeforeAFailureStays)
+TEST_F(JsonElements, ElementsReadBeforeAFailureStay)
 {
     ExpectRefused(Document(R"("DnsHostNum": 2, "DnsMxHostNum": 1,
         "DnsHost": [{"Ip": "10.0.0.1", "Domain": "a.example.com"}, {"Ip": "10.0.0.2"}])"),
@@ -325,7 +325,7 @@ TEST_F(JsonElements, WhatWasReadBeforeAFailureStays)
     EXPECT_EQ(Conf->DnsMxHostNum, 1U);
 }
 
-// Everything is wrong with every list: each fault hides those of the lists after it.
+// Every list has an error. Each one hides the errors of the lists after it.
 TEST_F(JsonElements, ListsAreReadInOrder)
 {
     const std::string Numbers = R"("DnsProxyNum": 1, "DnsServerNum": 1, "DnsMxHostNum": 1, "DnsHostNum": 1)";
@@ -338,7 +338,7 @@ TEST_F(JsonElements, ListsAreReadInOrder)
     ExpectRefused(Document(Numbers + Hosts + Mxs + Servers), -22, "DnsProxy array is empty\n");
 }
 
-// 65536 pairs are what the table holds, and the 16-bit count of that is 0.
+// The table holds 65536 pairs, for which the 16-bit count is 0.
 TEST_F(JsonElements, AFullProxyTableWrapsItsCountToZero)
 {
     EXPECT_EQ(Read(Document(R"("DnsProxyNum": 65535, "DnsProxy": )" +

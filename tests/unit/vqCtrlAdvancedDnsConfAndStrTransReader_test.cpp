@@ -1,4 +1,4 @@
-// The JSON text read back: the text itself, the header and the counts.
+// Reading the JSON text: the text itself, the header and the counts.
 #include "jsonReaderTest.h"
 
 namespace {
@@ -40,7 +40,7 @@ TEST_F(JsonReader, TheTextIsLoggedFirst)
     }
 }
 
-TEST_F(JsonReader, WhatIsNotJsonIsRefused)
+TEST_F(JsonReader, TextThatIsNotJsonIsRefused)
 {
     const std::string Deep = std::string(40, '[') + std::string(40, ']');
     for (const std::string &Text :
@@ -54,14 +54,14 @@ TEST_F(JsonReader, WhatIsNotJsonIsRefused)
     EXPECT_TRUE(SameBytes(Conf.get(), Empty.get(), sizeof(*Empty)));
 }
 
-TEST_F(JsonReader, NoMemoryForTheTreeReadsAsNoJson)
+TEST_F(JsonReader, NoMemoryForTheTreeIsReportedAsNotJson)
 {
     Host.Failures.Fail("json_tokener_parse", -12);
     EXPECT_EQ(Read(Document("")), -22);
     EXPECT_THAT(Lines(), ElementsAre(kEntry + "invalid dnsmasq string, not json\n"));
 }
 
-TEST_F(JsonReader, ARootThatIsNoObjectHasNoMembers)
+TEST_F(JsonReader, ARootThatIsNotAnObjectHasNoMembers)
 {
     for (const char *Text : {"[]", "3", "true", R"("Enable")", R"([{"Enable": true, "Op": 1}])", "{}"}) {
         ExpectRefused(Text, -22, "Lack of Enable\n");
@@ -75,7 +75,7 @@ TEST_F(JsonReader, UnknownMembersAreIgnored)
     EXPECT_EQ(Conf->PersistentFlag, FALSE);
 }
 
-TEST_F(JsonReader, AMissingEnableLeavesTheRecordAlone)
+TEST_F(JsonReader, AMissingEnableDoesNotChangeTheRecord)
 {
     Conf->Enable = TRUE;
     Conf->VpnId = 5;
@@ -91,7 +91,7 @@ struct Coerced {
 
 class EnableValues : public JsonReader, public testing::WithParamInterface<Coerced> {};
 
-TEST_P(EnableValues, AreTakenAsJsonCTakesThem)
+TEST_P(EnableValues, AreConvertedLikeInJsonC)
 {
     Conf->Enable = GetParam().Value == TRUE ? FALSE : TRUE;
     EXPECT_EQ(Read(R"({"Enable": )" + std::string(GetParam().Text) + R"(, "VpnId": 7, "Op": 1})"), 0);
@@ -124,7 +124,7 @@ const Number kNumbers[] = {{"0", 0},
 
 class Numbers : public JsonReader, public testing::WithParamInterface<Number> {};
 
-TEST_P(Numbers, AreTakenAsJsonCTakesThem)
+TEST_P(Numbers, AreConvertedLikeInJsonC)
 {
     Conf->VpnId = 99;
     EXPECT_EQ(Read(WithVpnId(GetParam().Text)), 0);
@@ -136,7 +136,7 @@ TEST_P(Numbers, AreTakenAsJsonCTakesThem)
 
 INSTANTIATE_TEST_SUITE_P(Values, Numbers, testing::ValuesIn(kNumbers));
 
-// What a bad number leaves in its target, and the code that comes with it.
+// The value that a bad number leaves in its target, and the code.
 struct BadNumber {
     const char *Text;
     VQ_ERR_T Code;
@@ -169,7 +169,7 @@ TEST_P(BadNumbers, AnOperationIsStoredAndRefused)
 
 TEST_P(BadNumbers, ACountIsIgnored)
 {
-    // Not even an array: a count of 0 keeps it from being looked at.
+    // Not an array, which is not noticed, because the count is 0.
     EXPECT_EQ(Read(Document(R"("DnsHost": 1, "DnsMxHost": 1, "DnsServer": 1, "DnsProxy": 1, "DnsHostNum": )" +
                             std::string(GetParam().Text) + R"(, "DnsMxHostNum": )" + GetParam().Text +
                             R"(, "DnsServerNum": )" + GetParam().Text + R"(, "DnsProxyNum": )" + GetParam().Text)),
@@ -200,15 +200,15 @@ TEST_F(JsonReader, AMissingOperationIsRefused)
     EXPECT_EQ(Conf->Enable, TRUE);
 }
 
-TEST_F(JsonReader, TheVpnsWarningComesBeforeTheOperationsError)
+TEST_F(JsonReader, TheWarningForTheVpnPrecedesTheErrorForTheOperation)
 {
     EXPECT_EQ(Read(R"({"Enable": true})"), -22);
     EXPECT_THAT(Lines(), ElementsAre(kVpnIdWarning, kTree + "Lack of Op\n",
                                      kEntry + "Json to data struct failed(22:Invalid argument)\n"));
 }
 
-// Where json-c tells through errno that a value is no number, it is taken as a bad one.
-TEST_F(JsonReader, AValueThatIsNoNumberIsABadOne)
+// If json-c reports through errno that a value is no number, the member is bad.
+TEST_F(JsonReader, AValueThatIsNotANumberIsBad)
 {
     Conf->Op = static_cast<VQ_CTRL_DNSMASQ_OPERATION>(5);
     Host.Failures.Fail("json_object_get_int", -EINVAL);
@@ -219,7 +219,7 @@ TEST_F(JsonReader, AValueThatIsNoNumberIsABadOne)
                                      kEntry + "Json to data struct failed(22:Invalid argument)\n"));
 }
 
-TEST_F(JsonReader, ACountThatIsNoNumberIsIgnored)
+TEST_F(JsonReader, ACountThatIsNotANumberIsIgnored)
 {
     for (std::size_t Nth = 3; Nth <= 6; ++Nth) {
         Host.Failures.Fail("json_object_get_int", -EINVAL, Nth);
@@ -232,7 +232,7 @@ TEST_F(JsonReader, ACountThatIsNoNumberIsIgnored)
     EXPECT_THAT(Lines(), IsEmpty());
 }
 
-TEST_F(JsonReader, AZeroWithAnyOtherErrnoIsANumber)
+TEST_F(JsonReader, AZeroWithAnotherErrnoIsANumber)
 {
     Host.Failures.Fail("json_object_get_int", -ERANGE);
     EXPECT_EQ(Read(Document("")), 0);
@@ -241,7 +241,7 @@ TEST_F(JsonReader, AZeroWithAnyOtherErrnoIsANumber)
     EXPECT_THAT(Lines(), IsEmpty());
 }
 
-// What errno holds is the number's own.
+// errno is cleared before each number.
 TEST_F(JsonReader, ErrnoIsClearedBeforeEachNumber)
 {
     std::vector<int> Seen;
@@ -260,7 +260,7 @@ struct Address {
 
 class LocalAddresses : public JsonReader, public testing::WithParamInterface<Address> {};
 
-TEST_P(LocalAddresses, AreOptionalAndCheckedWhenTheyAreThere)
+TEST_P(LocalAddresses, AreOptionalAndCheckedIfPresent)
 {
     const std::string Text = Document(R"("LocalIp": )" + std::string(GetParam().Text));
     if (GetParam().Code == 0) {

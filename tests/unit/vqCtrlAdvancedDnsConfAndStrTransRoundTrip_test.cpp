@@ -1,4 +1,4 @@
-// Random valid records, written and read back. KAVEL_SEED=<number> in the environment repeats a run.
+// Writes random valid records and reads them back. KAVEL_SEED=<number> in the environment repeats a run.
 #include <cstdlib>
 #include <iostream>
 #include <random>
@@ -8,7 +8,7 @@
 
 namespace {
 
-// The same numbers for the same seed, whichever library this is built with.
+// Gives the same numbers for the same seed with every standard library.
 class Numbers {
   public:
     explicit Numbers(uint64_t Seed) : m_Engine(Seed) {}
@@ -27,7 +27,7 @@ uint64_t Seed()
     return Wanted != nullptr ? std::strtoull(Wanted, nullptr, 10) : std::random_device()();
 }
 
-// Any character but the terminator and those that need their neighbours.
+// Any ASCII characters except the terminator.
 std::string AnyText(Numbers &Random, uint32_t Longest)
 {
     constexpr uint32_t LastAscii = 127;
@@ -38,13 +38,13 @@ std::string AnyText(Numbers &Random, uint32_t Longest)
     return Out;
 }
 
-// Small lists mostly, and now and then one that is full.
+// Mostly small lists, sometimes a full one.
 uint32_t AnyCount(Numbers &Random, uint32_t Most)
 {
     return Random.UpTo(15) == 0 ? Most : Random.UpTo(std::min(Most, 20U));
 }
 
-// Numbers at the limits of signed 32 bits do not come back: see the tests of the reader.
+// The smallest and the largest signed 32-bit number cannot be read back; see the tests of the reader.
 uint32_t AnyVpnId(Numbers &Random)
 {
     constexpr uint32_t Corners[] = {0, 1, 2147483646, 2147483649, 4294967294, 4294967295};
@@ -101,7 +101,7 @@ class RoundTrip : public ModuleTest {
         return Out;
     }
 
-    // But for the operation and the flag, which the text does not carry.
+    // Except for the operation and the flag, which the text does not have.
     static void ExpectSame(const VQ_CTRL_DNSMASQ_CONF &Read, VQ_CTRL_DNSMASQ_CONF &Written)
     {
         EXPECT_EQ(Read.Op, VQ_CTRL_DNSMASQ_OP_REBOOT);
@@ -143,7 +143,7 @@ TEST_F(RoundTrip, OfAFullRecord)
     ExpectSame(*ThereAndBack(*Conf), *Conf);
 }
 
-TEST_F(RoundTrip, OfAVpnIdAtTheLimitsOfSignedNumbersGivesZero)
+TEST_F(RoundTrip, OfAVpnIdAtASignedLimitGivesZero)
 {
     for (const uint32_t VpnId : {2147483647U, 2147483648U}) {
         const Record Conf = NewRecord(VpnId);
@@ -151,7 +151,7 @@ TEST_F(RoundTrip, OfAVpnIdAtTheLimitsOfSignedNumbersGivesZero)
     }
 }
 
-// What lies past a count does not come back, and neither does a proxy table that is full.
+// Entries past a count are not read back, and neither is a full proxy table.
 TEST_F(RoundTrip, OfAFullProxyTableGivesNone)
 {
     const Record Conf = NewRecord(7);

@@ -1,4 +1,4 @@
-// The record as JSON text: the document, and every way in which it cannot be made.
+// Writing the JSON text: the document, and every failure to create it.
 #include <cstring>
 #include <optional>
 
@@ -34,7 +34,7 @@ constexpr const char *kFull = R"({"Enable": true, "VpnId": 7, "Op": 1, "DnsHostN
                   {"Domain": "p1.example.com", "ServerIp": "10.1.1.2"} ],
     "LocalIp": "10.9.8.7"})";
 
-// The text without what json-c may place freely.
+// The text without the blanks that json-c may place freely.
 std::string WithoutBlanks(const std::string &Text)
 {
     std::string Out;
@@ -50,7 +50,7 @@ std::string WithoutBlanks(const std::string &Text)
 
 class JsonWriter : public ModuleTest {
   protected:
-    // Nothing when the module gave no text.
+    // Nothing if the module returned no text.
     std::optional<std::string> Write()
     {
         char *Text = VQCtrl_AdvancedDnsConfToJsonStr(Conf.get());
@@ -70,7 +70,7 @@ class JsonWriter : public ModuleTest {
         EXPECT_EQ(Host.Memory.BlocksInUse(), 0U);
     }
 
-    // One entry in each list.
+    // Adds one entry to each list.
     void FillLists() const
     {
         AddHost(*Conf, 1, "h.example.com");
@@ -107,7 +107,7 @@ TEST_F(JsonWriter, EveryMemberOfEveryEntryInOrder)
     EXPECT_EQ(WithoutBlanks(Write().value_or("")), WithoutBlanks(kFull));
 }
 
-TEST_F(JsonWriter, TheTextIsJsonCsDefaultForm)
+TEST_F(JsonWriter, TheTextHasTheDefaultFormatOfJsonC)
 {
     FillLists();
     const std::string Text = Write().value_or("");
@@ -171,7 +171,7 @@ INSTANTIATE_TEST_SUITE_P(Values, SignedNumbers,
                          testing::Values(SignedNumber{0, "0"}, SignedNumber{2147483647, "2147483647"},
                                          SignedNumber{2147483648, "-2147483648"}, SignedNumber{4294967295, "-1"}));
 
-TEST_F(JsonWriter, TheTextIsLoggedAndThenCopiedIntoTheHostsMemory)
+TEST_F(JsonWriter, TheTextIsLoggedAndThenCopiedToHostMemory)
 {
     FillLists();
     char *Text = VQCtrl_AdvancedDnsConfToJsonStr(Conf.get());
@@ -191,7 +191,7 @@ TEST_F(JsonWriter, NoMemoryForTheRoot)
     EXPECT_THAT(Host.Calls.Trace(), SizeIs(1));
 }
 
-// A record with one entry in each list needs its values in this order.
+// The order in which the values of a record with one entry in each list are created.
 struct Creation {
     const char *Service;
     std::size_t Nth;
@@ -228,7 +228,7 @@ const Creation kCreations[] = {
 
 class Creations : public JsonWriter, public testing::WithParamInterface<std::size_t> {};
 
-TEST_P(Creations, AFailureIsNamedAndNothingIsLeftBehind)
+TEST_P(Creations, AFailureIsLoggedAndNothingLeaks)
 {
     FillLists();
     const Creation &Failing = kCreations[GetParam()];
@@ -237,8 +237,8 @@ TEST_P(Creations, AFailureIsNamedAndNothingIsLeftBehind)
                    std::string(kEntry) + "Agent dnsmasq conf to json failed(12:Cannot allocate memory)\n"});
 }
 
-// What comes before the failing value was made, and nothing after it.
-TEST_P(Creations, TheOrderIsThatOfTheDocument)
+// The values before the failing one are created, and none after it.
+TEST_P(Creations, HappenInTheOrderOfTheDocument)
 {
     Host.Calls.Record(fakehost::EntryKind::Text, true);
     FillLists();
@@ -261,7 +261,7 @@ TEST_P(Creations, TheOrderIsThatOfTheDocument)
 INSTANTIATE_TEST_SUITE_P(Values, Creations, testing::Range(std::size_t{0}, std::size(kCreations)),
                          [](const auto &Info) { return std::to_string(Info.param) + kCreations[Info.param].Name; });
 
-// The second entries of the lists fail as the first ones do.
+// The second entry of a list fails in the same way as the first one.
 TEST_F(JsonWriter, NoMemoryForALaterEntry)
 {
     FillLists();
@@ -271,8 +271,8 @@ TEST_F(JsonWriter, NoMemoryForALaterEntry)
                    std::string(kEntry) + "Agent dnsmasq conf to json failed(12:Cannot allocate memory)\n"});
 }
 
-// json-c may run out of memory while it adds, too.
-TEST_F(JsonWriter, AFailedAdditionIsAFailureWithoutALeak)
+// json-c can also run out of memory when it adds a value.
+TEST_F(JsonWriter, AFailedAdditionIsReportedAndNothingLeaks)
 {
     FillLists();
     constexpr std::size_t Members = 21;
@@ -328,7 +328,7 @@ TEST_F(JsonWriter, NoMemoryForTheText)
                    std::string(kEntry) + "Failed to alloc memory for jsonStr\n"});
 }
 
-TEST_F(JsonWriter, TheTextIsMadeWithoutTheVerboseLine)
+TEST_F(JsonWriter, TheTextDoesNotDependOnTheVerboseLine)
 {
     Host.Log.LevelEnabled[2] = false;
     EXPECT_NE(Write(), std::nullopt);

@@ -1,5 +1,5 @@
-// The module before any platform was chosen. These tests are a program of their own: once a table is installed, nothing
-// empties it again.
+// The module before any platform is chosen. These tests are a separate program, because an installed table cannot be
+// emptied again.
 #include "cpeMessage.h"
 #include "moduleTest.h"
 
@@ -15,7 +15,7 @@ class WithoutPlatform : public ModuleTest {
   protected:
     static VQ_ERR_T Configure()
     {
-        // A bad message: it is not even looked at.
+        // A bad message, which the module must not read.
         CpeMessage Message(7);
         Message.AddNullHost();
         const VQ_CTRL_DNSMASQ_CONFIG_PB Carrier = Message.Carrier();
@@ -33,7 +33,7 @@ TEST_F(WithoutPlatform, AMessageIsIgnored)
     EXPECT_THAT(World(), IsEmpty());
 }
 
-TEST_F(WithoutPlatform, NoMemoryIsReportedBeforeThePlatformIsLookedAt)
+TEST_F(WithoutPlatform, NoMemoryIsReportedBeforeThePlatformIsChecked)
 {
     Host.Failures.Fail("VQ_AgentMemAlloc", -12);
     EXPECT_EQ(Configure(), -12);

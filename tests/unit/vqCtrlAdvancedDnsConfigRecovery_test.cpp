@@ -1,4 +1,4 @@
-// Stored records put into force again.
+// The recovery of stored records.
 #include "configTest.h"
 
 namespace {
@@ -52,7 +52,7 @@ TEST_F(Recovery, OfAnEmptyListReleasesIt)
     EXPECT_THAT(World(), ElementsAre("VQ_SqliteGetDnsMasqConf(10)", "VQ_SqliteConfListRelease()"));
 }
 
-TEST_F(Recovery, AListThatTellsZeroIsNotWalked)
+TEST_F(Recovery, AListWithCountZeroIsNotRead)
 {
     PutRow(1);
     Host.Rows.Count = 0;
@@ -62,7 +62,7 @@ TEST_F(Recovery, AListThatTellsZeroIsNotWalked)
     EXPECT_EQ(Releases(), 1U);
 }
 
-TEST_F(Recovery, AListIsWalkedToItsEndWhateverNumberItTells)
+TEST_F(Recovery, AListIsReadToItsEndWhateverItsCount)
 {
     PutRow(1);
     PutRow(2);
@@ -90,7 +90,7 @@ TEST_F(Recovery, EveryRecordIsAppliedInTheHostsOrder)
     EXPECT_EQ(Releases(), 1U);
 }
 
-TEST_F(Recovery, ARecordThatFailsIsLoggedOnceAndSkipped)
+TEST_F(Recovery, AFailedRecordIsLoggedOnceAndSkipped)
 {
     PutRow(1);
     PutRow(2);
@@ -106,7 +106,7 @@ TEST_F(Recovery, ARecordThatFailsIsLoggedOnceAndSkipped)
     EXPECT_EQ(Releases(), 1U);
 }
 
-TEST_F(Recovery, RecordsThatAllFailAreStillASuccess)
+TEST_F(Recovery, TheResultIsSuccessEvenIfAllRecordsFail)
 {
     PutRow(1);
     PutRow(2);
@@ -116,7 +116,7 @@ TEST_F(Recovery, RecordsThatAllFailAreStillASuccess)
     EXPECT_EQ(Releases(), 1U);
 }
 
-TEST_F(Recovery, ADisabledRecordIsTornDownAgain)
+TEST_F(Recovery, ADisabledRecordIsTornDown)
 {
     PutRow(7, false);
     RunInstance();
@@ -141,7 +141,7 @@ TEST_F(Recovery, ARecordIsAppliedAsItIsStored)
     EXPECT_THAT(Errors(), ElementsAre(kApplySite + "Dnsmasq operation(5) failed(22:Invalid argument)\n", kFailed));
 }
 
-TEST_F(Recovery, NothingIsStoredOrDeletedWhateverTheSwitch)
+TEST_F(Recovery, NothingIsStoredOrDeletedWithOrWithoutPersistence)
 {
     PutRow(1);
     for (const bool Enabled : {false, true}) {
@@ -167,7 +167,7 @@ TEST_F(Recovery, EachPlatformReadsItsOwnTable)
     EXPECT_THAT(Host.Rules.InForce(), SizeIs(2));
 }
 
-TEST_F(Recovery, ThePlatformsWithoutAdvancedDnsLeaveTheTableInForce)
+TEST_F(Recovery, PlatformsWithoutAdvancedDnsDoNotChangeTheTable)
 {
     PutRow(1);
     VQCtrl_AgentSetLinuxAdvancedDnsOps();

@@ -24,7 +24,7 @@ class CpeRules : public ConfigTest {
     }
 };
 
-TEST_F(CpeRules, ARestartInstallsTheVpnsRuleLast)
+TEST_F(CpeRules, ARestartInstallsTheRuleOfTheVpnLast)
 {
     Host.Rules.CustomerOfVpn[7] = 77;
     FillMessage();
@@ -40,14 +40,14 @@ TEST_F(CpeRules, ARestartInstallsTheVpnsRuleLast)
     EXPECT_EQ(Logs().back(), "1 VQCtrl_ConfigAddDnsmasqPolicy: Add Policy for Dnsmasq success\n");
 }
 
-TEST_F(CpeRules, TheBoxItselfHasARuleToo)
+TEST_F(CpeRules, VpnZeroHasARule)
 {
     Message = CpeMessage(0);
     EXPECT_EQ(Configure(), 0);
     EXPECT_THAT(RuleCalls(), ElementsAre("VQ_RtcRuleConfAdd(0, 2, 1, 768, 0, 1)"));
 }
 
-TEST_F(CpeRules, AFailedRuleIsReturnedAndTheInstanceRuns)
+TEST_F(CpeRules, AFailedRuleIsReturnedAndTheInstanceKeepsRunning)
 {
     Host.Rows.Enabled = true;
     Host.Failures.Fail("VQ_RtcRuleConfAdd", -28);
@@ -62,14 +62,14 @@ TEST_F(CpeRules, AFailedRuleIsReturnedAndTheInstanceRuns)
     EXPECT_THAT(Host.Calls.Named("VQ_SqliteDnsMasqConfOp"), IsEmpty());
 }
 
-TEST_F(CpeRules, AFailedRestartInstallsNone)
+TEST_F(CpeRules, AFailedRestartInstallsNoRule)
 {
     Host.Failures.Fail("VQ_CmdExec", -5);
     EXPECT_EQ(Configure(), -22);
     EXPECT_THAT(RuleCalls(), IsEmpty());
 }
 
-TEST_F(CpeRules, APositiveResultIsPassedUp)
+TEST_F(CpeRules, APositiveResultIsReturned)
 {
     Host.SuccessResults["VQ_RtcRuleConfAdd"] = 6;
     EXPECT_EQ(Configure(), 6);
@@ -107,14 +107,14 @@ TEST_F(CpeRules, AFailedRemovalLeavesTheInstanceRunningAndIsNotReported)
     EXPECT_THAT(Host.Calls.Named("fopen"), IsEmpty());
 }
 
-TEST_F(CpeRules, AFailedRemovalReturnsTheFilesPositiveResult)
+TEST_F(CpeRules, AFailedRemovalReturnsThePositiveResultOfTheFiles)
 {
     Message = CpeMessage(7, false);
     Host.SuccessResults["VQ_WriteSyncWithFilePath"] = 26;
     EXPECT_EQ(Configure(), 26);
 }
 
-TEST_F(CpeRules, ADnatIsNeverTouched)
+TEST_F(CpeRules, TheDnatRuleIsNeverChanged)
 {
     FillMessage();
     EXPECT_EQ(Configure(), 0);
@@ -125,7 +125,7 @@ TEST_F(CpeRules, ADnatIsNeverTouched)
 
 class PopRules : public PopConfigTest {
   protected:
-    // Everything but files, processes and log lines.
+    // The calls except those for files, processes and log lines.
     [[nodiscard]] std::vector<std::string> RuleCalls() const
     {
         std::vector<std::string> Out = World();
@@ -136,7 +136,7 @@ class PopRules : public PopConfigTest {
     }
 };
 
-TEST_F(PopRules, AMessageWritesTheResolverFileAndRestartsTheBoxsInstance)
+TEST_F(PopRules, AMessageWritesTheResolverFileAndRestartsTheInstanceOfTheBox)
 {
     EXPECT_EQ(Enable(), 0);
     EXPECT_THAT(Host.Files.Written(), ElementsAre("/etc/kavel/dnsmasq/resolv.conf"));
@@ -160,8 +160,8 @@ TEST_F(PopRules, ThePolicyOfVpn0ComesBeforeTheDnat)
     EXPECT_THAT(Errors(), ElementsAre("4 VQCtrl_ConfigAddDnsmasqDnat: Add dnat for Dnsmasq success\n"));
 }
 
-// A stored record of a POP may name any VPN; its rules are still those of VPN 0.
-TEST_F(PopRules, TheRecordsVpnDoesNotMatter)
+// A stored record of a POP may have any VPN id. Its rules are still those of VPN 0.
+TEST_F(PopRules, TheVpnOfTheRecordIsIgnored)
 {
     Host.Rows.Conversions.DnsmasqStrToConf = VQCtrl_AdvancedDnsJsonStrToConf;
     Host.Rows.Rows[{14, 7}] = R"({"Enable": true, "VpnId": 7, "Op": 1, "LocalIp": "10.9.8.7"})";
@@ -176,7 +176,7 @@ TEST_F(PopRules, TheRecordsVpnDoesNotMatter)
                                          "VQ_RtcRuleConfDel(0, 3, 0, 514, 1)"));
 }
 
-TEST_F(PopRules, AFailedPolicyLeavesNoDnat)
+TEST_F(PopRules, AFailedPolicyInstallsNoDnat)
 {
     Host.Failures.Fail("VQ_RtcRuleConfAdd", -28, 1);
     EXPECT_EQ(Enable(), -28);
@@ -190,7 +190,7 @@ TEST_F(PopRules, AFailedPolicyLeavesNoDnat)
                             kEntrySite + "set configuration advanced dns failed" + Reason));
 }
 
-TEST_F(PopRules, AFailedDnatLeavesThePolicy)
+TEST_F(PopRules, AFailedDnatKeepsThePolicy)
 {
     Host.Failures.Fail("VQ_RtcRuleConfAdd", -28, 2);
     EXPECT_EQ(Enable(), -28);
@@ -202,7 +202,7 @@ TEST_F(PopRules, AFailedDnatLeavesThePolicy)
                                       kEntrySite + "set configuration advanced dns failed" + Reason));
 }
 
-TEST_F(PopRules, TheDnatsPositiveResultIsPassedUp)
+TEST_F(PopRules, APositiveResultOfTheDnatIsReturned)
 {
     Host.SuccessResults["VQ_RtcRuleConfAdd"] = 6;
     EXPECT_EQ(Enable(), 6);
@@ -225,7 +225,7 @@ TEST_F(PopRules, ATeardownRemovesBothRulesAndStopsTheInstance)
     EXPECT_EQ(Host.Files.Content("/etc/kavel/dnsmasq/resolv.conf"), "");
 }
 
-TEST_F(PopRules, AFailedPolicyRemovalLeavesDnatAndInstance)
+TEST_F(PopRules, AFailedPolicyRemovalKeepsDnatAndInstance)
 {
     EXPECT_EQ(Enable(), 0);
     RunInstance(0);
@@ -241,7 +241,7 @@ TEST_F(PopRules, AFailedPolicyRemovalLeavesDnatAndInstance)
     EXPECT_TRUE(Host.Proc.IsAlive(kPid));
 }
 
-TEST_F(PopRules, AFailedDnatRemovalLeavesTheInstance)
+TEST_F(PopRules, AFailedDnatRemovalKeepsTheInstance)
 {
     EXPECT_EQ(Enable(), 0);
     RunInstance(0);
@@ -268,7 +268,7 @@ TEST_F(PopRules, ARefusedMessageChangesNothing)
     EXPECT_THAT(World(), IsEmpty());
 }
 
-TEST_F(PopRules, ALaterCpeTableReplacesTheWholeTable)
+TEST_F(PopRules, ACpeTableReplacesTheWholePopTable)
 {
     VQCtrl_AgentSetCPEAdvancedDnsOps();
     FillMessage();

@@ -1,5 +1,6 @@
-// A platform that leaves a step out leaves its slot empty. None of today's does so for the slots below, so the table is
-// changed from the inside: the source itself stands here, and this program links the module without it.
+// A platform leaves the slot of a step empty if it does not have the step. No existing platform does that for the slots
+// below, so these tests change the table directly: this file includes the source, and the program links the module
+// without it.
 #include "vqCtrlAdvancedDnsConfig.cpp" // NOLINT(bugprone-suspicious-include): see above
 
 #include "configTest.h"
@@ -44,14 +45,14 @@ TEST_F(EmptySlot, ATeardownWithoutARuleStopsTheInstance)
     EXPECT_THAT(Errors(), IsEmpty());
 }
 
-TEST_F(EmptySlot, ARowThatCannotBeDeletedIsStillReplaced)
+TEST_F(EmptySlot, WithoutADeleteARowIsStillReplaced)
 {
     s_AgentDnsmasqOp.DelDnsmasqDb = nullptr;
     EXPECT_EQ(Configure(), 0);
     EXPECT_THAT(Host.Calls.Named("VQ_SqliteDnsMasqConfOp"), ElementsAre(StartsWith("VQ_SqliteDnsMasqConfOp(7, \"{")));
 }
 
-TEST_F(EmptySlot, APlatformThatStoresNothingStillErasesTheRow)
+TEST_F(EmptySlot, WithoutAnAddARowIsStillDeleted)
 {
     s_AgentDnsmasqOp.AddDnsmasqDb = nullptr;
     EXPECT_EQ(Configure(), 0);
@@ -59,7 +60,7 @@ TEST_F(EmptySlot, APlatformThatStoresNothingStillErasesTheRow)
     EXPECT_THAT(Host.Rows.Rows, IsEmpty());
 }
 
-TEST_F(EmptySlot, APlatformThatRecoversNothingSucceeds)
+TEST_F(EmptySlot, WithoutARecoveryTheResultIsSuccess)
 {
     s_AgentDnsmasqOp.RecoverDnsmasqConf = nullptr;
     EXPECT_EQ(VQCtrl_AgentRecoverAdvancedDnsConf(), 0);

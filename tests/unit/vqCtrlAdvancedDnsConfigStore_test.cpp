@@ -1,4 +1,4 @@
-// What the message entry stores and deletes.
+// The rows that the message entry stores and deletes.
 #include <algorithm>
 
 #include "configTest.h"
@@ -39,7 +39,7 @@ TEST_F(ConfigStore, AMessageWithTheFlagReplacesItsRow)
     EXPECT_EQ(Host.Memory.BlocksInUse(), 0U);
 }
 
-TEST_F(ConfigStore, TheStoreComesAfterTheWholeApplySequence)
+TEST_F(ConfigStore, TheStoreFollowsTheWholeApplySequence)
 {
     AskForPersistence(true);
     EXPECT_EQ(Configure(), 0);
@@ -52,7 +52,7 @@ TEST_F(ConfigStore, TheStoreComesAfterTheWholeApplySequence)
     EXPECT_NE(At(kAddCall), Calls.end());
 }
 
-TEST_F(ConfigStore, AMessageWithoutTheFlagErasesItsRow)
+TEST_F(ConfigStore, AMessageWithoutTheFlagDeletesItsRow)
 {
     for (const bool Present : {false, true}) {
         Host.Calls.Clear();
@@ -88,7 +88,7 @@ TEST_F(ConfigStore, ADisabledRecordIsStoredToo)
                 AllOf(HasSubstr("\"Enable\": false"), HasSubstr("\"Op\": 1")));
 }
 
-TEST_F(ConfigStore, AFailedDeleteIsSilentAndTheRecordIsStored)
+TEST_F(ConfigStore, AFailedDeleteIsIgnoredAndTheRecordIsStored)
 {
     Host.Failures.Fail("VQ_SqliteDnsMasqConfOp", -28, 1);
     AskForPersistence(true);
@@ -97,7 +97,7 @@ TEST_F(ConfigStore, AFailedDeleteIsSilentAndTheRecordIsStored)
     EXPECT_TRUE(Host.Rows.Rows.contains({10, 7}));
 }
 
-TEST_F(ConfigStore, AFailedAddIsReturnedAndTheConfigurationStaysInForce)
+TEST_F(ConfigStore, AFailedAddIsReturnedAndTheConfigurationStaysApplied)
 {
     Host.Rows.Rows[{10, 7}] = "an older text";
     Host.Failures.Fail("VQ_SqliteDnsMasqConfOp", -28, 2);
@@ -131,7 +131,7 @@ TEST_F(ConfigStore, AHostWithoutAConversionStoresNothing)
     EXPECT_THAT(Errors(), IsEmpty());
 }
 
-TEST_F(ConfigStore, AFailedApplyLeavesTheStoreAlone)
+TEST_F(ConfigStore, AFailedApplyDoesNotChangeTheStore)
 {
     Host.Rows.Rows[{10, 7}] = "an older text";
     AskForPersistence(true);
@@ -141,8 +141,8 @@ TEST_F(ConfigStore, AFailedApplyLeavesTheStoreAlone)
     EXPECT_THAT(Host.Calls.Named("VQ_GetDbDataTransOp"), IsEmpty());
 }
 
-// A teardown that could not remove its rule counts as applied.
-TEST_F(ConfigStore, AnUnreportedFailureIsStored)
+// A teardown that could not remove the rule counts as applied.
+TEST_F(ConfigStore, ARecordWithAnUnreportedFailureIsStored)
 {
     Message = CpeMessage(7, false);
     AskForPersistence(true);
@@ -151,14 +151,14 @@ TEST_F(ConfigStore, AnUnreportedFailureIsStored)
     EXPECT_EQ(Errors().back(), kApplySite + "Delete Dnsmasq default policy failed\n");
 }
 
-TEST_F(ConfigStore, TheAddsPositiveResultIsPassedUp)
+TEST_F(ConfigStore, APositiveResultOfTheAddIsReturned)
 {
     Host.SuccessResults["VQ_SqliteDnsMasqConfOp"] = 4;
     AskForPersistence(true);
     EXPECT_EQ(Configure(), 4);
 }
 
-TEST_F(ConfigStore, TheDeletesResultIsNotLookedAt)
+TEST_F(ConfigStore, TheResultOfTheDeleteIsIgnored)
 {
     Host.SuccessResults["VQ_SqliteDnsMasqConfOp"] = 4;
     Host.SuccessResults["VQ_RtcRuleConfAdd"] = 6;
@@ -185,7 +185,7 @@ class PopConfigStore : public PopConfigTest {
     }
 };
 
-TEST_F(PopConfigStore, AMessageWithTheFlagIsTheRowOfVpn0)
+TEST_F(PopConfigStore, AMessageWithTheFlagIsStoredAsTheRowOfVpn0)
 {
     PopMessage Pop({Ip(10, 1, 1, 1)}, kLocalIp);
     Pop.AskForPersistence(true);
@@ -197,7 +197,7 @@ TEST_F(PopConfigStore, AMessageWithTheFlagIsTheRowOfVpn0)
                 AllOf(HasSubstr("\"DnsServerIp\": \"10.1.1.1\""), HasSubstr("\"LocalIp\": \"10.9.8.7\"")));
 }
 
-TEST_F(PopConfigStore, AMessageWithoutTheFlagErasesTheRow)
+TEST_F(PopConfigStore, AMessageWithoutTheFlagDeletesTheRow)
 {
     Host.Rows.Rows = {{{14, 0}, "an older text"}, {{10, 0}, "a CPE's"}};
     EXPECT_EQ(Enable(), 0);
@@ -214,8 +214,8 @@ TEST_F(PopConfigStore, AFailedAddIsReturned)
     EXPECT_EQ(Errors().back(), kEntrySite + "Add advanced dns db failed(28:No space left on device)\n");
 }
 
-// Both tables carry what they store through the same text.
-TEST_F(PopConfigStore, ARowComesBackAsTheRecordThatWasApplied)
+// Both tables use the same text form.
+TEST_F(PopConfigStore, ARowIsReadBackAsTheAppliedRecord)
 {
     PopMessage Pop({Ip(10, 1, 1, 1), Ip(10, 1, 1, 2)}, kLocalIp);
     Pop.AskForPersistence(true);

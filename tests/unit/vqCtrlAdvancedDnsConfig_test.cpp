@@ -8,14 +8,14 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A success, at the level of errors.
+// A success that is logged at error level.
 constexpr const char *kRuleGone = "4 VQCtrl_ConfigDelDnsmasqPolicy: Del Policy for Dnsmasq success\n";
 
 constexpr const char *kRecordBlock = "VQ_AgentMemAlloc(17834172)";
 
 class Config : public ConfigTest {};
 
-TEST_F(Config, AMessageIsPutIntoForceInOrder)
+TEST_F(Config, AMessageIsAppliedInOrder)
 {
     FillMessage();
     RunInstance();
@@ -39,7 +39,7 @@ TEST_F(Config, AMessageIsPutIntoForceInOrder)
     EXPECT_LT(At("VQ_KillPid"), At("VQ_CmdExec"));
 }
 
-TEST_F(Config, TheRecordIsOneBlockThatIsReleasedAtTheEnd)
+TEST_F(Config, TheRecordIsOneBlockReleasedAtTheEnd)
 {
     EXPECT_EQ(Configure(), 0);
     const std::vector<std::string> Trace = Host.Calls.Trace();
@@ -47,8 +47,8 @@ TEST_F(Config, TheRecordIsOneBlockThatIsReleasedAtTheEnd)
     EXPECT_EQ(Trace.back(), "VQ_AgentMemFree()");
 }
 
-// The host's memory is not zeroed, and the message sets nothing of what is looked at here.
-TEST_F(Config, TheRecordIsClearedFirst)
+// The memory from the host is not zeroed, and the message does not set the fields that are checked here.
+TEST_F(Config, TheRecordIsZeroedFirst)
 {
     Message = CpeMessage();
     Message.Pb().enable = 1;
@@ -83,7 +83,7 @@ TEST_F(Config, ARefusedMessageChangesNothing)
     EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), IsEmpty());
 }
 
-TEST_F(Config, AnOverLongListIsRefusedWithItsOwnCode)
+TEST_F(Config, AListOverItsLimitIsRefusedWithItsOwnCode)
 {
     for (int Each = 0; Each < 9; ++Each) {
         Message.AddNullServer();
@@ -145,7 +145,7 @@ TEST_F(Config, AFailedRouteEndsTheSequenceBeforeTheInstance)
     EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), IsEmpty());
 }
 
-TEST_F(Config, AFailedRebootLeavesTheRoutes)
+TEST_F(Config, AFailedRebootKeepsTheRoutes)
 {
     FillMessage();
     Host.Failures.Fail("VQ_CmdExec", -5);
@@ -158,7 +158,7 @@ TEST_F(Config, AFailedRebootLeavesTheRoutes)
     EXPECT_THAT(Host.Rules.Adds(), IsEmpty());
 }
 
-TEST_F(Config, AReloadSignalsAndTouchesNoRule)
+TEST_F(Config, AReloadSendsASignalAndChangesNoRule)
 {
     FillMessage();
     RunInstance();
@@ -181,7 +181,7 @@ TEST_F(Config, AFailedReloadIsReturned)
                                       kEntrySite + "set configuration advanced dns failed(3:No such process)\n"));
 }
 
-TEST_F(Config, TheBoxItselfGetsNoRoutes)
+TEST_F(Config, VpnZeroGetsNoRoutes)
 {
     FillMessage();
     RunInstance(0);
@@ -240,7 +240,7 @@ TEST_F(Config, ADisabledRecordIgnoresItsOperation)
     EXPECT_THAT(Errors(), ElementsAre(kRuleGone));
 }
 
-TEST_F(Config, ADisabledRecordWithEntriesStillHasItsFilesWritten)
+TEST_F(Config, TheFilesOfADisabledRecordAreWritten)
 {
     FillMessage();
     Message.Pb().enable = 0;
@@ -249,7 +249,7 @@ TEST_F(Config, ADisabledRecordWithEntriesStillHasItsFilesWritten)
     EXPECT_THAT(Host.Calls.Named("VQ_RTCRouteAdd"), IsEmpty());
 }
 
-TEST_F(Config, ADisabledBoxHasNoRoutesToRemove)
+TEST_F(Config, ADisabledVpnZeroRemovesNoRoutes)
 {
     Message = CpeMessage(0, false);
     RunInstance(0);
@@ -271,7 +271,7 @@ TEST_F(Config, AFailedStopIsLoggedAndNotReported)
                             kApplySite + "Dnsmasq stop failed\n"));
 }
 
-TEST_F(Config, ADisabledRecordReturnsTheLastFilesPositiveResult)
+TEST_F(Config, ADisabledRecordReturnsThePositiveResultOfTheLastFile)
 {
     Message = CpeMessage(7, false);
     RunInstance();
@@ -296,7 +296,7 @@ TEST_F(Config, APositiveResultOfAFileStepDoesNotEndTheSequence)
     EXPECT_THAT(Host.Calls.Named("kill"), testing::SizeIs(1));
 }
 
-TEST_F(Config, WithoutPersistenceTheStoreIsLeftAlone)
+TEST_F(Config, WithoutPersistenceTheStoreIsNotCalled)
 {
     Message.Pb().has_persistentflag = 1;
     Message.Pb().persistentflag = 1;
@@ -304,7 +304,7 @@ TEST_F(Config, WithoutPersistenceTheStoreIsLeftAlone)
     EXPECT_THAT(Host.Calls.Named("VQ_SqliteDnsMasqConfOp"), IsEmpty());
 }
 
-TEST_F(Config, ThePlatformsWithoutAdvancedDnsLeaveTheTableInForce)
+TEST_F(Config, PlatformsWithoutAdvancedDnsDoNotChangeTheTable)
 {
     VQCtrl_AgentSetApAdvancedDnsOps();
     VQCtrl_AgentSetAdAdvancedDnsOps();

@@ -1,4 +1,4 @@
-// The steps of a log site. The host checks their order at every site of every test; here they are seen in full.
+// The steps of a log site. The fake host checks their order in every test; these tests check all details.
 #include "moduleTest.h"
 
 namespace {
@@ -29,7 +29,7 @@ class LogSite : public ModuleTest {
         VQCtrl_StopOldVersionDnsmasqService();
     }
 
-    // The steps without those that only gather the prefix.
+    // The steps without those that only get values for the prefix.
     [[nodiscard]] std::vector<std::string> Steps() const
     {
         std::vector<std::string> Out;
@@ -73,21 +73,21 @@ TEST_F(LogSite, AFilteredErrorIsStillBufferedAndDumped)
     EXPECT_THAT(Steps(), ElementsAre(TestLine, Buffer, TestDump, ReadBuffer, Dump, Reset));
 }
 
-TEST_F(LogSite, AHostThatWantsNoDumpGetsNone)
+TEST_F(LogSite, NoDumpIsWrittenIfTheHostWantsNone)
 {
     Host.Log.DumpEnabled = false;
     RunErrorSite();
     EXPECT_THAT(Steps(), ElementsAre(TestLine, Line, Buffer, TestDump, Reset));
 }
 
-TEST_F(LogSite, AMessageThatWasNotBufferedIsResetOnly)
+TEST_F(LogSite, AMessageThatIsNotBufferedIsNotDumped)
 {
     Host.Log.FlexLogWorks = false;
     RunErrorSite();
     EXPECT_THAT(Steps(), ElementsAre(TestLine, Line, Buffer, Reset));
 }
 
-TEST_F(LogSite, WithoutAnImplementationTheFlexLogIsServedAllTheSame)
+TEST_F(LogSite, WithoutAnImplementationTheFlexLogIsStillUsed)
 {
     Host.Log.HasImplItem = false;
     RunErrorSite();
@@ -96,7 +96,7 @@ TEST_F(LogSite, WithoutAnImplementationTheFlexLogIsServedAllTheSame)
     EXPECT_THAT(Steps(), testing::IsSupersetOf({TestLine, Buffer, TestDump, Reset}));
 }
 
-TEST_F(LogSite, WithoutALogOperationTheFlexLogIsServedAllTheSame)
+TEST_F(LogSite, WithoutALogOperationTheFlexLogIsStillUsed)
 {
     Host.Log.HasLog = false;
     RunErrorSite();
@@ -121,7 +121,7 @@ TEST_F(LogSite, WithoutAThreadNameThePrefixHasNone)
     EXPECT_EQ(Host.Log.Lines()[0].Thread, "");
 }
 
-TEST_F(LogSite, AThreadNameOf15CharactersIsWhole)
+TEST_F(LogSite, AThreadNameOf15CharactersIsNotCut)
 {
     Host.Log.ThreadName = "fifteen-letters";
     RunErrorSite();
@@ -138,7 +138,7 @@ TEST_F(LogSite, AnEmptyThreadNameIsStillInBrackets)
     EXPECT_EQ(Host.Log.Lines()[0].Thread, "[]");
 }
 
-TEST_F(LogSite, ANoticeIsALineAndNothingMore)
+TEST_F(LogSite, ANoticeIsOnlyALine)
 {
     RunNoticeSite();
     EXPECT_THAT(Steps(), ElementsAre("VQ_LogTest(62, 1, TRUE, VQCtrl_SetDnsHostConf)",
@@ -146,7 +146,7 @@ TEST_F(LogSite, ANoticeIsALineAndNothingMore)
     EXPECT_EQ(Host.Log.Lines().at(0).LevelText, "NOTICE-");
 }
 
-TEST_F(LogSite, AWarningIsALineAndNothingMore)
+TEST_F(LogSite, AWarningIsOnlyALine)
 {
     RunWarningSite();
     EXPECT_THAT(Steps(), ElementsAre("VQ_LogTest(62, 3, TRUE, VQCtrl_StopOldVersionDnsmasqService)",
@@ -155,15 +155,15 @@ TEST_F(LogSite, AWarningIsALineAndNothingMore)
     EXPECT_EQ(Host.Log.Lines().at(0).LevelText, "WARNING-");
 }
 
-TEST_F(LogSite, AFilteredNoticeIsOneQuestion)
+TEST_F(LogSite, AFilteredNoticeMakesOnlyTheLevelTest)
 {
     Host.Log.LevelEnabled[VQ_LOG_LEVEL_NOTICE] = false;
     RunNoticeSite();
     EXPECT_THAT(Host.Log.Steps(), ElementsAre("VQ_LogTest(62, 1, TRUE, VQCtrl_SetDnsHostConf)"));
 }
 
-// A number that cannot be negated must not end the process.
-TEST_F(LogSite, AnErrorOfTheSmallestNumberIsPrinted)
+// A number whose negation overflows must not end the process.
+TEST_F(LogSite, TheSmallestErrorNumberIsPrinted)
 {
     Host.Failures.Fail("VQ_RemoveDirRecursion", -2147483647 - 1);
     EXPECT_EQ(VQCtrl_DnsmasqConfRelaseByVpnId(7), -2147483647 - 1);

@@ -1,4 +1,4 @@
-// What each of the five files holds.
+// The content of each of the five files.
 #include "moduleTest.h"
 
 namespace {
@@ -24,14 +24,14 @@ TEST_F(FileContent, HostsAreLinesOfAddressAndDomainInOrder)
                                                 "10.0.0.1 nas.local\n");
 }
 
-TEST_F(FileContent, AnEmptyDomainIsNeitherSkippedNorRejected)
+TEST_F(FileContent, AnEmptyDomainIsWritten)
 {
     AddHost(*Conf, Ip(10, 0, 0, 1), "");
     EXPECT_EQ(VQCtrl_SetDnsHostConf(Conf.get()), 0);
     EXPECT_EQ(File("/etc/kavel/dnsmasq/hosts"), "10.0.0.1 \n");
 }
 
-TEST_F(FileContent, ABareArrayOfHostsNeedsNoRecord)
+TEST_F(FileContent, HostsCanBeWrittenFromAnArray)
 {
     const std::vector<VQ_CTRL_DNS_HOST_CONF> Hosts{{Ip(10, 0, 0, 1), "one.example"}, {Ip(10, 0, 0, 2), "two.example"}};
     Host.Files.PutInstance(3);
@@ -43,7 +43,7 @@ TEST_F(FileContent, ABareArrayOfHostsNeedsNoRecord)
     EXPECT_EQ(File("/etc/kavel/dnsmasq/hosts"), "");
 }
 
-// The writer trusts the count: a bare array may be longer than a record's table.
+// The writer does not check the count: an array may be longer than the table of a record.
 TEST_F(FileContent, MoreHostsThanARecordHolds)
 {
     const std::vector<VQ_CTRL_DNS_HOST_CONF> Hosts(1025, {Ip(10, 0, 0, 1), "one.example"});
@@ -61,7 +61,7 @@ TEST_F(FileContent, TheSourceDomainOfAnMxComesFirst)
                                                                 "mx-host=,,4294967295\n");
 }
 
-TEST_F(FileContent, OnlyServersWithAnInterfaceStandInTheServerFile)
+TEST_F(FileContent, TheServerFileHasOnlyServersWithAnInterface)
 {
     AddServer(*Conf, Ip(10, 0, 0, 1), "");
     AddServer(*Conf, Ip(10, 0, 0, 2), "eth0");
@@ -84,8 +84,8 @@ TEST_F(FileContent, WithoutInterfacesTheServerFileIsWrittenEmptyWithoutANotice)
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
-// The address is converted before the interface is looked at.
-TEST_F(FileContent, AServerThatWouldBeSkippedCanStillFailTheFile)
+// The address is converted before the interface is checked.
+TEST_F(FileContent, AServerWithoutALineCanMakeTheFileFail)
 {
     AddServer(*Conf, Ip(10, 0, 0, 1), "");
     Host.Failures.Fail("VQ_IPNum2IPStr", -34);
@@ -116,7 +116,7 @@ TEST_F(FileContent, AProxyAddressIsPrintedWithoutTheHost)
                                                                   "server=/b.example/1.2.3.255\n");
 }
 
-// The longest entries of every file, and as many as a record can count.
+// The longest entries of every file, and as many of them as a record can hold.
 TEST_F(FileContent, FullListsOfTheLongestEntriesFit)
 {
     const std::string Longest(255, 'x');

@@ -1,4 +1,5 @@
-// What the five file writers share: paths, the empty case, results and messages. What differs stands in one table.
+// The common behaviour of the five file writers: paths, the empty case, results and log lines. One table has their
+// differences.
 #include "moduleTest.h"
 
 namespace {
@@ -13,7 +14,7 @@ struct Writer {
     WriterFunction Write;
     const char *File;
     std::size_t EntryBudget; // 0: one fixed buffer of 1024 bytes
-    const char *Line;        // of the entry that AddEntries puts into every list
+    const char *Line;        // the line for the entry that AddEntries adds to every list
     const char *PathOverflow;
     const char *EmptyingFailed;
     const char *EmptyNotice;
@@ -88,7 +89,7 @@ class FileWriter : public ModuleTest, public testing::WithParamInterface<Writer>
         EXPECT_THAT(Host.Files.Written(), IsEmpty());
     }
 
-    // A call of the module that writes the file with that many bytes.
+    // The text of the call that writes the file with this number of bytes.
     [[nodiscard]] std::string WriteCall(const std::string &Text, std::size_t Length) const
     {
         return "VQ_WriteSyncWithFilePath(\"" + Path + "\", " + Text + ", " + std::to_string(Length) + ")";
@@ -119,7 +120,7 @@ TEST_P(FileWriter, WritesTheBoxWideFileForVpnZero)
     EXPECT_THAT(Host.Files.Written(), ElementsAre(std::string("/etc/kavel/dnsmasq/") + GetParam().File));
 }
 
-TEST_P(FileWriter, TakesAnyVpnId)
+TEST_P(FileWriter, AcceptsAnyVpnId)
 {
     AddEntries(*Conf);
     Conf->VpnId = 4294967295U;
@@ -139,7 +140,7 @@ TEST_P(FileWriter, PathsAreBuiltIn512Bytes)
                             std::string("VQ_SafeStrCopy(512, \"/etc/kavel/dnsmasq/") + GetParam().File + "\")"));
 }
 
-TEST_P(FileWriter, NoEntriesEmptyTheFile)
+TEST_P(FileWriter, WithoutEntriesTheFileIsEmptied)
 {
     EXPECT_EQ(GetParam().Write(Conf.get()), 0);
     EXPECT_EQ(Host.Files.Content(Path), "");
@@ -159,7 +160,7 @@ TEST_P(FileWriter, EntriesPastTheCountAreIgnored)
     EXPECT_EQ(Host.Files.Content(Path), "");
 }
 
-TEST_P(FileWriter, TheNoticeFollowsAFailedEmptying)
+TEST_P(FileWriter, TheNoticeIsLoggedEvenIfTheEmptyingFails)
 {
     Host.Failures.Fail("VQ_WriteSyncWithFilePath", -28);
     EXPECT_EQ(GetParam().Write(Conf.get()), -28);
@@ -169,7 +170,7 @@ TEST_P(FileWriter, TheNoticeFollowsAFailedEmptying)
     ExpectFileUntouched();
 }
 
-TEST_P(FileWriter, APositiveResultOfTheWriteIsPassedUp)
+TEST_P(FileWriter, APositiveResultOfTheWriteIsReturned)
 {
     Host.SuccessResults["VQ_WriteSyncWithFilePath"] = 26;
     EXPECT_EQ(GetParam().Write(Conf.get()), 26);
@@ -178,7 +179,7 @@ TEST_P(FileWriter, APositiveResultOfTheWriteIsPassedUp)
     EXPECT_THAT(Logs(), ElementsAre(NoticeLine(GetParam().EmptyNotice)));
 }
 
-TEST_P(FileWriter, AFailedWriteIsPassedUp)
+TEST_P(FileWriter, AFailedWriteIsReturned)
 {
     AddEntries(*Conf);
     Host.Failures.Fail("VQ_WriteSyncWithFilePath", -5);
@@ -187,7 +188,7 @@ TEST_P(FileWriter, AFailedWriteIsPassedUp)
     ExpectFileUntouched();
 }
 
-TEST_P(FileWriter, AMissingDirectoryShowsAsAFailedWrite)
+TEST_P(FileWriter, AMissingDirectoryIsAFailedWrite)
 {
     AddEntries(*Conf);
     Conf->VpnId = 8;
@@ -215,7 +216,7 @@ TEST_P(FileWriter, ABoxWidePathThatDoesNotFitIsAnOverflow)
     EXPECT_THAT(World(), IsEmpty());
 }
 
-TEST_P(FileWriter, LinesAreBuiltInWhatIsLeftOfTheBuffer)
+TEST_P(FileWriter, LinesAreFormattedIntoTheRestOfTheBuffer)
 {
     AddEntries(*Conf);
     AddEntries(*Conf);
@@ -231,7 +232,7 @@ TEST_P(FileWriter, LinesAreBuiltInWhatIsLeftOfTheBuffer)
     EXPECT_EQ(File(Path), Line + Line);
 }
 
-TEST_P(FileWriter, TheBufferIsAllocatedOnceByTheCountAndReleased)
+TEST_P(FileWriter, TheBufferIsAllocatedOnceForAllEntriesAndReleased)
 {
     AddEntries(*Conf);
     AddEntries(*Conf);
@@ -260,7 +261,7 @@ TEST_P(FileWriter, NoMemoryIsReported)
     }
 }
 
-TEST_P(FileWriter, AFailedConversionAtAnyEntryLeavesTheFile)
+TEST_P(FileWriter, AFailedConversionOfAnyEntryKeepsTheOldFile)
 {
     AddEntries(*Conf);
     AddEntries(*Conf);
@@ -284,11 +285,11 @@ TEST_P(FileWriter, APositiveResultOfTheConversionIsASuccess)
     EXPECT_EQ(File(Path), GetParam().Line);
 }
 
-TEST_P(FileWriter, ContentThatDoesNotFitLeavesTheFile)
+TEST_P(FileWriter, ContentThatDoesNotFitKeepsTheOldFile)
 {
     AddEntries(*Conf);
     AddEntries(*Conf);
-    // The path is the first, the second line the third.
+    // The first format is the path, the third one is the second line.
     Host.Failures.Fail("VQ_SNPrintf", -75, 3);
     EXPECT_EQ(GetParam().Write(Conf.get()), -75);
     EXPECT_THAT(Logs(), ElementsAre(ErrorLine(GetParam().ContentOverflow)));

@@ -23,7 +23,7 @@ class Routes : public ModuleTest {
         Host.Netio.SetLans(7, {{"lan0", "lan1"}});
     }
 
-    // The routes that are asked for, in order.
+    // The routes that the module adds, in order.
     [[nodiscard]] std::vector<std::string> Adds() const { return Host.Calls.Named("VQ_RTCRouteAdd"); }
 
     Record Conf = NewRecord(7);
@@ -50,7 +50,7 @@ TEST_F(Routes, ServersThenProxiesThroughTheFirstLan)
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
-TEST_F(Routes, TheTableIsClearedBeforeTheFirstAllocationOfTheAdd)
+TEST_F(Routes, TheTableIsEmptiedBeforeTheAllocationForTheAdd)
 {
     AddServer(*Conf, Ip(10, 1, 1, 1), "");
     EXPECT_EQ(VQCtrl_AddDnsmasqRouteForVpn(Conf.get()), 0);
@@ -61,7 +61,7 @@ TEST_F(Routes, TheTableIsClearedBeforeTheFirstAllocationOfTheAdd)
                                    "VQ_AgentMemFree()", "VQ_AgentMemZeroAlloc(4636)", AddCall("10.1.1.1")));
 }
 
-TEST_F(Routes, TheTableFollowsTheLastRecord)
+TEST_F(Routes, TheTableHasOnlyTheRoutesOfTheLastRecord)
 {
     AddServer(*Conf, Ip(10, 1, 1, 1), "");
     EXPECT_EQ(VQCtrl_AddDnsmasqRouteForVpn(Conf.get()), 0);
@@ -92,7 +92,7 @@ TEST_F(Routes, APositiveResultOfAnAddBecomesZero)
     EXPECT_EQ(VQCtrl_AddDnsmasqRouteForVpn(Conf.get()), 0);
 }
 
-TEST_F(Routes, AFailedAddEndsTheServersAndLeavesTheRoutesSoFar)
+TEST_F(Routes, AFailedAddEndsTheServersAndKeepsTheRoutesSoFar)
 {
     AddServer(*Conf, Ip(10, 1, 1, 1), "");
     AddServer(*Conf, Ip(10, 1, 1, 2), "");
@@ -118,7 +118,7 @@ TEST_F(Routes, AFailedAddEndsTheProxies)
                 ElementsAre("4 VQCtrl_AddDnsmasqRouteForVpn: Dnsmasq route add failed(22:Invalid argument)!\n"));
 }
 
-TEST_F(Routes, AWanWithSystemRoutesLeavesTheTableAlone)
+TEST_F(Routes, WithSystemRoutesOnAWanTheTableIsNotChanged)
 {
     AddServer(*Conf, Ip(10, 1, 1, 1), "");
     EXPECT_EQ(VQCtrl_AddDnsmasqRouteForVpn(Conf.get()), 0);
@@ -131,7 +131,7 @@ TEST_F(Routes, AWanWithSystemRoutesLeavesTheTableAlone)
     EXPECT_THAT(Logs(), ElementsAre("1 VQCtrl_AddDnsmasqRouteForVpn: Wan which sys route is enable exist in vpn 7\n"));
 }
 
-TEST_F(Routes, AVpnWithoutWansIsWarnedOfAndServed)
+TEST_F(Routes, AVpnWithoutWansGetsAWarningAndRoutes)
 {
     AddServer(*Conf, Ip(10, 1, 1, 1), "");
     Host.Failures.Fail("VQ_RtcNetioWanGetAllByVpnId", -12);
@@ -167,7 +167,7 @@ TEST_F(Routes, ANullWanListIsNotReadWhateverItsCount)
     EXPECT_THAT(Host.Calls.Named("VQ_RtcNetioNodeListRelease"), IsEmpty());
 }
 
-// Old routes go, new ones come, bound to no interface.
+// Old routes are removed, and new ones without an interface are added.
 TEST_F(Routes, WithoutALanTheInterfaceNameStaysEmpty)
 {
     AddServer(*Conf, Ip(10, 1, 1, 1), "");
@@ -189,7 +189,7 @@ TEST_F(Routes, WithoutALanListTheInterfaceNameStaysEmpty)
     EXPECT_THAT(Adds(), ElementsAre(AddCall("10.1.1.1", "\"\"")));
 }
 
-TEST_F(Routes, AnInterfaceNameOf15CharactersIsWhole)
+TEST_F(Routes, AnInterfaceNameOf15CharactersIsNotCut)
 {
     AddServer(*Conf, Ip(10, 1, 1, 1), "");
     Host.Netio.SetLans(7, {{"fifteen-letters"}});
@@ -197,7 +197,7 @@ TEST_F(Routes, AnInterfaceNameOf15CharactersIsWhole)
     EXPECT_THAT(Adds(), ElementsAre(AddCall("10.1.1.1", "fifteen-letters")));
 }
 
-TEST_F(Routes, NoMemoryForTheAddComesAfterTheClearing)
+TEST_F(Routes, WithoutMemoryForTheAddTheTableIsStillEmptied)
 {
     AddServer(*Conf, Ip(10, 1, 1, 1), "");
     Host.Failures.Fail("VQ_AgentMemZeroAlloc", -12, 2);
@@ -207,7 +207,7 @@ TEST_F(Routes, NoMemoryForTheAddComesAfterTheClearing)
     EXPECT_THAT(Adds(), IsEmpty());
 }
 
-TEST_F(Routes, NoMemoryForTheClearingDoesNotEndTheAdd)
+TEST_F(Routes, WithoutMemoryForTheEmptyingRoutesAreStillAdded)
 {
     AddServer(*Conf, Ip(10, 1, 1, 1), "");
     Host.Failures.Fail("VQ_AgentMemZeroAlloc", -12, 1);
@@ -217,7 +217,7 @@ TEST_F(Routes, NoMemoryForTheClearingDoesNotEndTheAdd)
     EXPECT_THAT(Adds(), ElementsAre(AddCall("10.1.1.1")));
 }
 
-TEST_F(Routes, ADeleteClearsTheTableOfTheVpnAndNoOther)
+TEST_F(Routes, ADeleteEmptiesOnlyTheTableOfTheVpn)
 {
     AddServer(*Conf, Ip(10, 1, 1, 1), "");
     EXPECT_EQ(VQCtrl_AddDnsmasqRouteForVpn(Conf.get()), 0);
@@ -228,7 +228,7 @@ TEST_F(Routes, ADeleteClearsTheTableOfTheVpnAndNoOther)
     EXPECT_THAT(Host.Routes.Of(8, kTable), testing::SizeIs(1));
 }
 
-TEST_F(Routes, ADeleteOfNothingIsSilent)
+TEST_F(Routes, ADeleteOfNothingIsNotLogged)
 {
     VQCtrl_DelDnsmasqRouteForVpn(7);
     EXPECT_THAT(Host.Calls.Trace(), ElementsAre("VQ_AgentMemZeroAlloc(4636)", kDelete, "VQ_AgentMemFree()"));

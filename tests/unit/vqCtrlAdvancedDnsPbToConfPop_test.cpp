@@ -39,7 +39,7 @@ std::vector<uint32_t> Numbered(std::size_t Count)
     return Out;
 }
 
-TEST_F(PopTranslation, AMessageIsCopiedAndNothingElseIsSet)
+TEST_F(PopTranslation, AMessageIsCopiedAndNoOtherFieldIsSet)
 {
     const uint32_t Bytes = Ip(1, 2, 3, 4);
     PopMessage Message({Bytes, 0, Bytes}, Ip(10, 9, 8, 7));
@@ -56,7 +56,7 @@ TEST_F(PopTranslation, AMessageIsCopiedAndNothingElseIsSet)
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
-TEST_F(PopTranslation, TheVpnIsNotTouched)
+TEST_F(PopTranslation, TheVpnIsNotChanged)
 {
     Conf->VpnId = 5;
     PopMessage Message;
@@ -64,7 +64,7 @@ TEST_F(PopTranslation, TheVpnIsNotTouched)
     EXPECT_EQ(Conf->VpnId, 5U);
 }
 
-TEST_F(PopTranslation, ADisabledMessageIsARestartToo)
+TEST_F(PopTranslation, ADisabledMessageAsksForARestart)
 {
     Conf->Enable = TRUE;
     PopMessage Message({}, 0, false);
@@ -93,7 +93,7 @@ TEST_F(PopTranslation, EightServersFit)
 
 class MoreServers : public PopTranslation, public testing::WithParamInterface<std::size_t> {};
 
-TEST_P(MoreServers, TheFirstEightAreKeptAndThatIsSaidOnce)
+TEST_P(MoreServers, TheFirstEightAreUsedAndOneWarningIsLogged)
 {
     PopMessage Message(Numbered(GetParam()), 99);
     EXPECT_EQ(Translate(Message), 0);
@@ -108,7 +108,7 @@ TEST_P(MoreServers, TheFirstEightAreKeptAndThatIsSaidOnce)
 INSTANTIATE_TEST_SUITE_P(Counts, MoreServers, testing::Values(9, 10, 20, 254, 255),
                          [](const auto &Info) { return std::to_string(Info.param); });
 
-TEST_F(PopTranslation, MoreThanEightBitsAreRefused)
+TEST_F(PopTranslation, MoreThan255ServersAreRefused)
 {
     for (const std::size_t Count : {256U, 257U, 65536U}) {
         Host.Log.Clear();
@@ -122,7 +122,7 @@ TEST_F(PopTranslation, MoreThanEightBitsAreRefused)
     }
 }
 
-TEST_F(PopTranslation, ANumberThatIsTooLargeIsNotedBeforeTheMissingArray)
+TEST_F(PopTranslation, ATooLargeNumberIsReportedBeforeAMissingArray)
 {
     PopMessage Message;
     Message.Pb().n_dns = 256;

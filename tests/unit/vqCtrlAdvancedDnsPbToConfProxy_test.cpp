@@ -81,7 +81,7 @@ TEST_F(ProxyTranslation, AnAbsentDomainIsSkippedWithAWarning)
     EXPECT_THAT(Logs(), ElementsAre("3 _VQCtrl_PbToAdvancedDnsProxyConf: dnsproxy item domain is null\n"));
 }
 
-TEST_F(ProxyTranslation, ALongDomainIsSkippedWithItsWholeText)
+TEST_F(ProxyTranslation, ALongDomainIsSkippedAndLoggedWhole)
 {
     const std::string Long = DomainOfLength(255);
     Message.AddProxy({Long, DomainOfLength(254)}, {1});
@@ -124,7 +124,7 @@ TEST_F(ProxyTranslation, Ipv6ServersAreNotRead)
     EXPECT_THAT(Pairs(), ElementsAre(Pair("a.example.com", 4)));
 }
 
-// The array is looked at before its count.
+// The array is checked before its count.
 TEST_F(ProxyTranslation, AMissingListIsRefusedWhateverItsCount)
 {
     for (const std::size_t Count : {std::size_t{1}, std::size_t{2000}}) {
@@ -172,7 +172,7 @@ TEST_F(ProxyTranslation, NineAddressesAreRefusedEvenWithoutDomains)
     ExpectRefused(Message.Pb(), -75, "dnsmasq dns proxy item ip or domain number is overflow\n");
 }
 
-// The numbers are looked at before the array.
+// The numbers are checked before the array.
 TEST_F(ProxyTranslation, AMissingDomainArrayIsRefusedWithTheItemsIndex)
 {
     Message.AddProxy({"a.example.com"}, {1});
@@ -196,7 +196,7 @@ TEST_F(ProxyTranslation, AMissingAddressArrayIsRefused)
                                "(22:Invalid argument)\n");
 }
 
-// 1024 items of 8 domains and 8 addresses fill all 65536 slots, and the 16-bit count of that is 0.
+// 1024 items with 8 domains and 8 addresses each fill all 65536 slots, for which the 16-bit count is 0.
 TEST_F(ProxyTranslation, AFullTableWrapsItsCountToZero)
 {
     const std::vector<CpeMessage::Text> Domains(8, "a.example.com");
@@ -211,7 +211,7 @@ TEST_F(ProxyTranslation, AFullTableWrapsItsCountToZero)
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
-TEST_F(ProxyTranslation, ADomainWithABlankIsSkippedLikeAnyOther)
+TEST_F(ProxyTranslation, ADomainWithABlankIsSkipped)
 {
     Message.AddProxy({"a b.example.com"}, {1});
     EXPECT_EQ(Translate(), 0);

@@ -48,7 +48,7 @@ TEST_F(CpeTranslation, FourEmptyListsSetTheHeaderOnly)
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
-TEST_F(CpeTranslation, AListThatIsEmptyLeavesItsCountAlone)
+TEST_F(CpeTranslation, AnEmptyListDoesNotChangeItsCount)
 {
     Conf->DnsHostNum = 1;
     Conf->DnsMxHostNum = 2;
@@ -135,7 +135,7 @@ TEST_F(CpeTranslation, DomainsAreCopiedIntoTheirWholeField)
                             "VQ_SafeStrCopy(256, \"d.example\")"));
 }
 
-TEST_F(CpeTranslation, TheResultOfACopyIsNotLookedAt)
+TEST_F(CpeTranslation, TheResultOfACopyIsIgnored)
 {
     Message.AddHost("a.example", 1);
     Host.Failures.Fail("VQ_SafeStrCopy", -75);
@@ -143,7 +143,7 @@ TEST_F(CpeTranslation, TheResultOfACopyIsNotLookedAt)
     EXPECT_EQ(Conf->DnsHostNum, 1U);
 }
 
-// The array is looked at before its count.
+// The array is checked before its count.
 TEST_F(CpeTranslation, AMissingListIsRefusedWhateverItsCount)
 {
     for (const std::size_t Count : {std::size_t{1}, std::size_t{2000}}) {
@@ -166,7 +166,7 @@ TEST_F(CpeTranslation, AMissingListIsRefusedWhateverItsCount)
     }
 }
 
-// The items are null: a list over its limit is refused before any of them is looked at.
+// The items are null. A list over its limit is refused before any item is read.
 TEST_F(CpeTranslation, AListOverItsLimitIsRefusedUnread)
 {
     for (int Each = 0; Each < 1025; ++Each) {
@@ -247,8 +247,8 @@ TEST_F(CpeTranslation, AHostDomainOf256CharactersIsAnOverflow)
     ExpectRefused(-22, "dnsmasq dns host[0] domain is overflow\n");
 }
 
-// Complete sections before the bad one, its earlier items without their count, nothing after it.
-TEST_F(CpeTranslation, AFailureLeavesTheRecordHalfFilled)
+// The record has the lists before the bad one, the items before the bad item without their count, and nothing after it.
+TEST_F(CpeTranslation, AFailureLeavesTheRecordPartlyFilled)
 {
     Message.AddHost("a.example.com", 1);
     Message.AddMx("mx.example.com", "example.com", 10);
@@ -287,8 +287,8 @@ struct MxFault {
 
 class MxOrder : public CpeTranslation, public testing::WithParamInterface<MxFault> {};
 
-// Each item has its fault and every fault that is looked for later.
-TEST_P(MxOrder, TheFirstFaultIsTheOneReported)
+// Each item has one error and all errors that are checked after it.
+TEST_P(MxOrder, TheFirstErrorIsReported)
 {
     Message.AddMx("mx.example.com", "example.com", 1);
     Message.AddMx(GetParam().Target, GetParam().Source, GetParam().Preference);
@@ -350,7 +350,7 @@ TEST_F(CpeTranslation, ARepeatedServerIsRefused)
     EXPECT_EQ(Conf->DnsServerNum, 0U);
 }
 
-// An absent name counts as the empty one.
+// A missing name is treated as an empty one.
 TEST_F(CpeTranslation, ARepeatedServerWithoutAnInterfaceIsRefused)
 {
     for (const auto &[First, Second] : std::vector<std::pair<CpeMessage::Text, CpeMessage::Text>>{

@@ -1,4 +1,4 @@
-// The four rule builders: the record byte for byte, the host's arguments, results and messages.
+// The four rule builders: every byte of the record, the arguments for the host, results and log lines.
 #include <cstring>
 
 #include "moduleTest.h"
@@ -30,7 +30,7 @@ class Policy : public ModuleTest {
     }
 };
 
-// What both rules have in common, in a record whose bytes are all zero otherwise.
+// The common fields of both rules, in a record whose other bytes are zero.
 void StartRule(VQ_CONF_RULE &Rule, uint8_t Table, uint32_t Id)
 {
     std::memset(&Rule, 0, sizeof(Rule));
@@ -66,7 +66,7 @@ void FillPolicy(VQ_CONF_RULE &Rule, uint32_t VpnId, uint32_t Id, uint32_t Custom
     Rule.Actions.OutputArray[0].Priority = 1;
 }
 
-TEST_F(Policy, TheDnatRuleHoldsNothingElse)
+TEST_F(Policy, TheDnatRuleHasNoOtherFields)
 {
     for (const uint32_t Target : {Ip(10, 9, 8, 7), 0U, 0xffffffffU}) {
         VQ_CONF_RULE Expected;
@@ -76,7 +76,7 @@ TEST_F(Policy, TheDnatRuleHoldsNothingElse)
     }
 }
 
-TEST_F(Policy, TheDnsTableRuleHoldsNothingElse)
+TEST_F(Policy, TheDnsTableRuleHasNoOtherFields)
 {
     Host.Rules.CustomerOfVpn[7] = 77;
     VQ_CONF_RULE Expected;
@@ -85,7 +85,7 @@ TEST_F(Policy, TheDnsTableRuleHoldsNothingElse)
     EXPECT_TRUE(SameBytes(&Rule(), &Expected, sizeof(Expected)));
 }
 
-TEST_F(Policy, TheHostIsGivenEveryArgument)
+TEST_F(Policy, TheHostGetsAllArguments)
 {
     Host.Rules.CustomerOfVpn[7] = 77;
     EXPECT_EQ(VQCtrl_ConfigAddDnsmasqDnat(Ip(10, 0, 0, 1)), 0);
@@ -106,7 +106,7 @@ struct RuleId {
 
 class PolicyRuleId : public Policy, public testing::WithParamInterface<RuleId> {};
 
-// Two more than the VPN's id, in 32 bits.
+// The VPN id plus 2, in 32 bits.
 TEST_P(PolicyRuleId, IsTheSameForAddAndDelete)
 {
     VQ_CONF_RULE Expected;
@@ -123,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(Vpns, PolicyRuleId,
                                          RuleId{4294967293, 4294967295}, RuleId{4294967294, 0}, RuleId{4294967295, 1}),
                          [](const auto &Info) { return std::to_string(Info.param.VpnId); });
 
-TEST_F(Policy, AVpnWithoutACustomerHasThePlatforms)
+TEST_F(Policy, AVpnWithoutACustomerUsesThatOfThePlatform)
 {
     Host.Rules.CustomerOfVpn[8] = 88;
     EXPECT_EQ(VQCtrl_ConfigAddDnsmasqPolicy(7), 0);
@@ -131,8 +131,8 @@ TEST_F(Policy, AVpnWithoutACustomerHasThePlatforms)
     EXPECT_EQ(VQCtrl_ConfigDelDnsmasqPolicy(7), 0);
 }
 
-// The result does not matter: what the service wrote stands, and what it left alone does too.
-TEST_F(Policy, TheCustomerServicesResultIsIgnored)
+// The result of the service is ignored. The customer id is the one that it wrote, or the old one if it wrote none.
+TEST_F(Policy, TheResultOfTheCustomerServiceIsIgnored)
 {
     Host.Rules.CustomerOfVpn[7] = 77;
     Host.SuccessResults["VQ_GetCustomerIdByVpnId"] = 3;
@@ -144,7 +144,7 @@ TEST_F(Policy, TheCustomerServicesResultIsIgnored)
     EXPECT_THAT(Logs(), testing::Each("1 VQCtrl_ConfigAddDnsmasqPolicy: Add Policy for Dnsmasq success\n"));
 }
 
-TEST_F(Policy, ACustomerOfZeroIsTheVpnsOwn)
+TEST_F(Policy, CustomerZeroIsUsedIfTheVpnHasIt)
 {
     Host.Rules.CustomerOfVpn[7] = 0;
     EXPECT_EQ(VQCtrl_ConfigAddDnsmasqPolicy(7), 0);
@@ -194,13 +194,13 @@ class Builders : public Policy, public testing::WithParamInterface<Builder> {
     }
 };
 
-TEST_P(Builders, SuccessIsReportedAtItsOwnLevel)
+TEST_P(Builders, SuccessIsLoggedAtItsOwnLevel)
 {
     EXPECT_EQ(GetParam().Call(), 0);
     EXPECT_THAT(Logs(), ElementsAre(Line(GetParam().SuccessLevel, GetParam().Success)));
 }
 
-TEST_P(Builders, ASuccessAtTheLevelOfErrorsRunsTheFlexLog)
+TEST_P(Builders, ASuccessAtErrorLevelUsesTheFlexLog)
 {
     EXPECT_EQ(GetParam().Call(), 0);
     if (GetParam().SuccessLevel == '4') {
@@ -213,7 +213,7 @@ TEST_P(Builders, ASuccessAtTheLevelOfErrorsRunsTheFlexLog)
     }
 }
 
-TEST_P(Builders, FailureIsReportedAndReturnedUnchanged)
+TEST_P(Builders, FailureIsLoggedAndReturnedUnchanged)
 {
     Host.Failures.Fail(GetParam().Service, -28);
     EXPECT_EQ(GetParam().Call(), -28);
@@ -221,7 +221,7 @@ TEST_P(Builders, FailureIsReportedAndReturnedUnchanged)
     EXPECT_EQ(Host.Log.Dumps().size(), 1U);
 }
 
-TEST_P(Builders, APositiveResultIsASuccessAndIsPassedUp)
+TEST_P(Builders, APositiveResultIsASuccessAndIsReturned)
 {
     Host.SuccessResults[GetParam().Service] = 5;
     EXPECT_EQ(GetParam().Call(), 5);

@@ -12,7 +12,7 @@ constexpr const char *kContent = "resolv-file=/etc/kavel/dnsmasq/vpn_7/resolv.co
                                  "cache-size=1000\n"
                                  "domain-needed\n";
 
-// How the function's error lines begin.
+// The beginning of the error lines of the function.
 std::string InitSite()
 {
     return "4 VQCtrl_DnsmasqConfInitByVpnId: ";
@@ -23,7 +23,7 @@ class InstanceDirectory : public ModuleTest {
     [[nodiscard]] static std::string Path(const std::string &Name) { return std::string(kRoot) + '/' + Name; }
 };
 
-TEST_F(InstanceDirectory, IsMadeInOrder)
+TEST_F(InstanceDirectory, IsCreatedInOrder)
 {
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(7), 0);
     const std::string Length = std::to_string(std::string(kContent).size());
@@ -53,7 +53,7 @@ TEST_F(InstanceDirectory, ASecondCallRewritesOnlyDnsmasqConf)
     EXPECT_EQ(File(Path("dnsmasq.conf")), kContent);
 }
 
-TEST_F(InstanceDirectory, AnyVpnIdIsTaken)
+TEST_F(InstanceDirectory, AnyVpnIdIsAccepted)
 {
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(0), 0);
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(4294967295U), 0);
@@ -67,7 +67,7 @@ TEST_F(InstanceDirectory, AnyVpnIdIsTaken)
     EXPECT_FALSE(Host.Files.Exists("/etc/kavel/dnsmasq/dnsmasq.conf"));
 }
 
-TEST_F(InstanceDirectory, BuffersHaveTheirSizes)
+TEST_F(InstanceDirectory, TextsAreFormattedIntoBuffersOfTheirSize)
 {
     Host.Calls.Record(fakehost::EntryKind::Text, true);
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(7), 0);
@@ -80,14 +80,14 @@ TEST_F(InstanceDirectory, BuffersHaveTheirSizes)
                             "VQ_SNPrintf(1024, " + fakehost::Quote(kContent) + ")"));
 }
 
-TEST_F(InstanceDirectory, APositiveResultOfTheWriteIsPassedUp)
+TEST_F(InstanceDirectory, APositiveResultOfTheWriteIsReturned)
 {
     Host.SuccessResults["VQ_WriteWithFilePath"] = 180;
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(7), 180);
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
-TEST_F(InstanceDirectory, APlainFileInPlaceOfTheDropInDirectoryPasses)
+TEST_F(InstanceDirectory, APlainFileInsteadOfTheDropInDirectoryIsAccepted)
 {
     Host.Files.PutDirectory(kRoot);
     Host.Files.Put(Path("dnsmasq.d"), "a file");
@@ -96,7 +96,7 @@ TEST_F(InstanceDirectory, APlainFileInPlaceOfTheDropInDirectoryPasses)
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
-TEST_F(InstanceDirectory, TheRootCannotBeMade)
+TEST_F(InstanceDirectory, TheRootCannotBeCreated)
 {
     Host.Failures.Fail("mkdir", -13, 1);
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(7), -13);
@@ -113,7 +113,7 @@ TEST_F(InstanceDirectory, TheConfigurationRootIsMissing)
                                     "Create DIR (/etc/kavel/dnsmasq/vpn_7) failed(2:No such file or directory)!\n"));
 }
 
-TEST_F(InstanceDirectory, TheDropInDirectoryCannotBeMade)
+TEST_F(InstanceDirectory, TheDropInDirectoryCannotBeCreated)
 {
     Host.Failures.Fail("mkdir", -28, 2);
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(7), -28);
@@ -123,7 +123,7 @@ TEST_F(InstanceDirectory, TheDropInDirectoryCannotBeMade)
     EXPECT_THAT(World(), testing::SizeIs(4));
 }
 
-TEST_F(InstanceDirectory, TheHostsFileCannotBeMade)
+TEST_F(InstanceDirectory, TheHostsFileCannotBeCreated)
 {
     Host.Failures.Fail("VQ_CreateFilePath", -28, 1);
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(7), -28);
@@ -133,7 +133,7 @@ TEST_F(InstanceDirectory, TheHostsFileCannotBeMade)
     EXPECT_TRUE(Host.Files.IsDirectory(Path("dnsmasq.d")));
 }
 
-TEST_F(InstanceDirectory, TheResolverFileCannotBeMade)
+TEST_F(InstanceDirectory, TheResolverFileCannotBeCreated)
 {
     Host.Failures.Fail("VQ_CreateFilePath", -5, 2);
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(7), -5);
@@ -143,7 +143,7 @@ TEST_F(InstanceDirectory, TheResolverFileCannotBeMade)
     EXPECT_EQ(Host.Files.Content(Path("hosts")), "");
 }
 
-// One line from the writer and one from its caller.
+// The writer logs one line, and its caller logs another.
 TEST_F(InstanceDirectory, DnsmasqConfCannotBeWritten)
 {
     Host.Failures.Fail("VQ_WriteWithFilePath", -28);
@@ -154,7 +154,7 @@ TEST_F(InstanceDirectory, DnsmasqConfCannotBeWritten)
 }
 
 struct Overflow {
-    std::size_t Nth; // formatting that does not fit
+    std::size_t Nth; // the number of the text that does not fit
     std::size_t Calls;
     std::vector<std::string> Lines;
 };
@@ -185,7 +185,7 @@ INSTANTIATE_TEST_SUITE_P(
                  {"4 _VQCtrl_CreateDnsmasqConf: Dnsmasq conf content is overflow\n",
                   InitSite() + "Create dnsmasq.conf for vpn 7 failed(75:Value too large for defined data type)\n"}}));
 
-TEST_F(InstanceDirectory, IsRemovedWithEverythingBelow)
+TEST_F(InstanceDirectory, IsRemovedWithEverythingBelowIt)
 {
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(7), 0);
     EXPECT_EQ(VQCtrl_DnsmasqConfInitByVpnId(70), 0);
@@ -198,14 +198,14 @@ TEST_F(InstanceDirectory, IsRemovedWithEverythingBelow)
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
-TEST_F(InstanceDirectory, ARemovalOfNothingReturnsTheHostsCode)
+TEST_F(InstanceDirectory, ARemovalOfNothingReturnsTheCodeOfTheHost)
 {
     EXPECT_EQ(VQCtrl_DnsmasqConfRelaseByVpnId(7), -2);
     EXPECT_THAT(Logs(), ElementsAre("4 VQCtrl_DnsmasqConfRelaseByVpnId: Remove /etc/kavel/dnsmasq/vpn_7 failed"
                                     "(2:No such file or directory)\n"));
 }
 
-TEST_F(InstanceDirectory, APositiveResultOfARemovalIsPassedUp)
+TEST_F(InstanceDirectory, APositiveResultOfARemovalIsReturned)
 {
     Host.Files.PutInstance(7);
     Host.SuccessResults["VQ_RemoveDirRecursion"] = 4;

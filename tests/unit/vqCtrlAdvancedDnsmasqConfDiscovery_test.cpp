@@ -1,5 +1,5 @@
-// Finding an instance again: its pid file, port 53 in its namespace, its command line. The port and the command lines
-// are looked at by a stop.
+// The discovery of an instance: its pid file, port 53 in its namespace, its command line. A stop checks the port and
+// the command lines.
 #include <algorithm>
 
 #include "moduleTest.h"
@@ -18,7 +18,7 @@ constexpr const char *kKillSuccess = "1 VQCtrl_DnsmasqStop: Kill dns child pid s
 
 class PidFile : public ModuleTest {
   protected:
-    // The pid that a file of that content gives; fails the test when there is none.
+    // The pid that is read from a file with this content. Fails the test if there is none.
     pid_t Read(const std::string &Content)
     {
         Host.Proc.PutPidFile(7, Content);
@@ -28,7 +28,7 @@ class PidFile : public ModuleTest {
     }
 };
 
-TEST_F(PidFile, HoldsADecimalNumber)
+TEST_F(PidFile, HasADecimalNumber)
 {
     EXPECT_EQ(Read("1234\n"), 1234);
     EXPECT_EQ(Read("1234"), 1234);
@@ -37,7 +37,7 @@ TEST_F(PidFile, HoldsADecimalNumber)
     EXPECT_THAT(Logs(), IsEmpty());
 }
 
-TEST_F(PidFile, IsNotChecked)
+TEST_F(PidFile, NumberIsNotChecked)
 {
     EXPECT_EQ(Read("not a number\n"), 0);
     EXPECT_EQ(Read("\n"), 0);
@@ -45,7 +45,7 @@ TEST_F(PidFile, IsNotChecked)
     EXPECT_EQ(Read("-1\n"), -1);
 }
 
-// No more than 32 bytes are read, and those are text with an end all the same.
+// At most 32 bytes are read, and they are terminated.
 TEST_F(PidFile, IsReadUpTo32Bytes)
 {
     EXPECT_EQ(Read(std::string(28, '0') + "1234" + "5678"), 1234);
@@ -53,13 +53,13 @@ TEST_F(PidFile, IsReadUpTo32Bytes)
     EXPECT_EQ(Read(std::string(32, ' ') + "1234"), 0);
 }
 
-TEST_F(PidFile, IsClosedOnExecutionOfAnotherProgram)
+TEST_F(PidFile, IsOpenedCloseOnExec)
 {
     Read("1");
     EXPECT_THAT(Host.Calls.Named("fopen"), ElementsAre("fopen(\"/var/run/kvl_dns_vpn_7.pid\", \"re\")"));
 }
 
-TEST_F(PidFile, EachVpnHasItsOwn)
+TEST_F(PidFile, IsDifferentForEachVpn)
 {
     Host.Proc.PutPidFile(0, "10");
     Host.Proc.PutPidFile(4294967295U, "20");
@@ -70,7 +70,7 @@ TEST_F(PidFile, EachVpnHasItsOwn)
     EXPECT_EQ(Pid, 20);
 }
 
-TEST_F(PidFile, HoldsNothing)
+TEST_F(PidFile, IsEmpty)
 {
     Host.Proc.PutPidFile(7, "");
     pid_t Pid = -99;
@@ -111,7 +111,7 @@ TEST_F(PidFile, NameDoesNotFit)
 
 class PortCheck : public ModuleTest {
   protected:
-    // Whether a stop of VPN 7 finds port 53 taken in a table of that text.
+    // Whether a stop of VPN 7 finds port 53 taken in a table with this text.
     bool Taken(const std::string &Table)
     {
         Host.Netns.PutTcpTable(7, Table);
@@ -125,14 +125,14 @@ class PortCheck : public ModuleTest {
         return Found;
     }
 
-    // A socket in hexadecimal, as the table prints it.
+    // A socket in hexadecimal, as in the table.
     static std::string Socket(const std::string &Local, const std::string &State = "0A")
     {
         return "   0: " + Local + " 00000000:0035 " + State + "\n";
     }
 };
 
-TEST_F(PortCheck, LooksForTheLocalPort)
+TEST_F(PortCheck, ComparesTheLocalPort)
 {
     EXPECT_TRUE(Taken(kHeader + Socket("00000000:0035")));
     EXPECT_TRUE(Taken(kHeader + Socket("0100007F:0016") + Socket("0100007F:0035")));
@@ -153,20 +153,20 @@ TEST_F(PortCheck, TheFirstLineIsSkipped)
     EXPECT_FALSE(Taken(""));
 }
 
-TEST_F(PortCheck, ReadingStopsAtTheFirstHit)
+TEST_F(PortCheck, ReadingStopsAtTheFirstMatch)
 {
     EXPECT_TRUE(Taken(kHeader + Socket("00000000:0035") + Socket("00000000:0035")));
     const std::vector<std::string> Lines = Logs();
     EXPECT_EQ(std::count(Lines.begin(), Lines.end(), kOccupied), 1);
 }
 
-TEST_F(PortCheck, ALineThatCannotBeParsedIsPassedOver)
+TEST_F(PortCheck, ALineThatCannotBeParsedIsSkipped)
 {
     EXPECT_FALSE(Taken(kHeader + std::string("nonsense\n") + "\n" + Socket("00000000:0016") + "nonsense\n"));
     EXPECT_TRUE(Taken(kHeader + std::string("nonsense\n") + Socket("00000000:0035")));
 }
 
-// The kernel's lines are longer than the buffer: what is left of one comes as a line of its own.
+// The lines of the kernel are longer than the buffer. The rest of a line is read as a line of its own.
 TEST_F(PortCheck, LinesOfTheKernelAreRead)
 {
     Host.Proc.PutPidFile(7, "1234");
@@ -180,7 +180,7 @@ TEST_F(PortCheck, LinesOfTheKernelAreRead)
     EXPECT_THAT(Logs(), Not(Contains(kOccupied)));
 }
 
-// The rest of a line is parsed when it begins with the cut, and not when it has lost its first field to it.
+// The rest of a cut line is parsed like any line. A port is found in it only if a field is left before the address.
 TEST_F(PortCheck, ALineIsCutAfter99Characters)
 {
     std::string Line = "   0: 0100007F:0016 ";
@@ -257,7 +257,7 @@ class LeftOvers : public ModuleTest {
         Host.Calls.Record(fakehost::EntryKind::Memory, false);
     }
 
-    // Stops an instance that is gone while its port is still taken, and returns what was killed besides.
+    // Stops an instance that has exited while its port is still taken. Returns the other processes that were killed.
     std::vector<std::string> KilledBy(uint32_t VpnId)
     {
         Host.Proc.PutPidFile(VpnId, "99999");
@@ -268,7 +268,7 @@ class LeftOvers : public ModuleTest {
         return Kills;
     }
 
-    // A command line with the three words at their places.
+    // A command line with the three words in their usual places.
     void AddCommand(pid_t Pid, std::string Text)
     {
         std::replace(Text.begin(), Text.end(), ' ', '\0');
@@ -292,14 +292,14 @@ TEST_F(LeftOvers, AreFoundByAllThreeWordsOfTheirCommandLine)
     EXPECT_THAT(Logs(), Contains(kKillSuccess));
 }
 
-// Zero bytes separate arguments; they end no search.
+// Zero bytes separate arguments and do not end the search.
 TEST_F(LeftOvers, AreFoundAcrossArguments)
 {
     AddCommand(100, "/usr/sbin/dnsmasq -C x --dns-forward-max=1000 --pid-file=/var/run/kvl_dns_vpn_7.pid -k");
     EXPECT_THAT(KilledBy(7), ElementsAre("VQ_KillPid(100)"));
 }
 
-// Plain substrings: the tag of VPN 1 stands in those of 10, 11 and 100 too.
+// Substring tests: the tags of VPN 10, 11 and 100 contain the tag of VPN 1.
 TEST_F(LeftOvers, OfLongerIdsMatchTheShorterOnes)
 {
     Host.Proc.AddInstance(100, 1);
@@ -322,7 +322,7 @@ TEST_F(LeftOvers, OfVpnZeroAreFoundLikeAnyOther)
     EXPECT_THAT(KilledBy(0), ElementsAre("VQ_KillPid(100)"));
 }
 
-TEST_F(LeftOvers, AreLookedForInTheFirst512BytesOnly)
+TEST_F(LeftOvers, AreFoundOnlyByTheFirst512Bytes)
 {
     const std::string Words = "dnsmasq --dns-forward kvl_dns_vpn_7";
     AddCommand(100, std::string(512 - Words.size(), 'x') + Words);
@@ -331,7 +331,7 @@ TEST_F(LeftOvers, AreLookedForInTheFirst512BytesOnly)
     EXPECT_THAT(KilledBy(7), ElementsAre("VQ_KillPid(100)", "VQ_KillPid(102)"));
 }
 
-TEST_F(LeftOvers, WhoseCommandLineCannotBeOpenedOrReadArePassedOver)
+TEST_F(LeftOvers, AreSkippedIfTheirCommandLineCannotBeRead)
 {
     Host.Proc.AddInstance(100, 7);
     Host.Files.Drop("/proc/100/cmdline");
@@ -342,7 +342,7 @@ TEST_F(LeftOvers, WhoseCommandLineCannotBeOpenedOrReadArePassedOver)
     EXPECT_THAT(Logs(), Not(Contains(HasSubstr("4 "))));
 }
 
-TEST_F(LeftOvers, NamesThatAreNoNumbersAreProcessZero)
+TEST_F(LeftOvers, NamesThatAreNotNumbersAreReadAsProcessZero)
 {
     Host.Proc.AddName("self");
     Host.Proc.AddName("12abc");
@@ -353,7 +353,7 @@ TEST_F(LeftOvers, NamesThatAreNoNumbersAreProcessZero)
     EXPECT_THAT(Opened[3], HasSubstr("\"/proc/12/cmdline\""));
 }
 
-TEST_F(LeftOvers, AMatchUnderANameThatIsNoNumberKillsPidZero)
+TEST_F(LeftOvers, AMatchUnderANameThatIsNotANumberKillsPidZero)
 {
     Host.Proc.AddName("self");
     AddCommand(0, "dnsmasq --dns-forward kvl_dns_vpn_7");
@@ -363,7 +363,7 @@ TEST_F(LeftOvers, AMatchUnderANameThatIsNoNumberKillsPidZero)
     EXPECT_THAT(Logs(), Contains("4 _VQCtrl_KillDnsServiceChildPid: Kill pid 0 failed(22:Invalid argument)\n"));
 }
 
-TEST_F(LeftOvers, ThatAreGoneMeanwhileAreForgiven)
+TEST_F(LeftOvers, ThatHaveExitedAreNoError)
 {
     Host.Proc.AddInstance(100, 7);
     Host.Proc.AddInstance(101, 7);
@@ -386,7 +386,7 @@ TEST_F(LeftOvers, ThatCannotBeKilledEndTheSearch)
     EXPECT_TRUE(Host.Proc.IsAlive(102));
 }
 
-TEST_F(LeftOvers, TheMainInstanceIsAmongThem)
+TEST_F(LeftOvers, IncludeTheMainInstance)
 {
     Host.Proc.AddInstance(1234, 7);
     Host.Proc.PutPidFile(7, "1234");
@@ -397,18 +397,18 @@ TEST_F(LeftOvers, TheMainInstanceIsAmongThem)
     EXPECT_FALSE(Host.Proc.IsAlive(1234));
 }
 
-TEST_F(LeftOvers, APathThatDoesNotFitIsPassedOver)
+TEST_F(LeftOvers, APathThatDoesNotFitIsSkipped)
 {
     Host.Proc.AddInstance(100, 7);
     Host.Proc.AddInstance(101, 7);
-    // The path of the pid file is the first.
+    // The first text is the path of the pid file.
     Host.Failures.Fail("VQ_SNPrintf", -75, 2);
     EXPECT_THAT(KilledBy(7), ElementsAre("VQ_KillPid(101)"));
     EXPECT_THAT(Logs(), Contains(testing::AllOf(testing::StartsWith("4 _VQCtrl_KillDnsServiceChildPid: filename "),
                                                 testing::EndsWith(" is overflow\n"))));
 }
 
-TEST_F(LeftOvers, PathsAndTagsHaveTheirBuffers)
+TEST_F(LeftOvers, PathsAndTagsAreFormattedIntoBuffersOfTheirSize)
 {
     Host.Proc.AddInstance(100, 7);
     Host.Calls.Record(fakehost::EntryKind::Text, true);
@@ -423,7 +423,7 @@ TEST_F(LeftOvers, OfSevenDigitIdsAreFound)
     EXPECT_THAT(KilledBy(9999999), ElementsAre("VQ_KillPid(100)"));
 }
 
-// The tag of an eight-digit id does not fit its 20 bytes: no process belongs to such a VPN.
+// The tag of an eight-digit id does not fit 20 bytes, so no process is found for such a VPN.
 TEST_F(LeftOvers, OfEightDigitIdsAreNotFound)
 {
     Host.Proc.AddInstance(100, 10000000);

@@ -49,7 +49,7 @@ TEST_F(Lifecycle, TheBoxWideInstanceIsLaunchedWithoutAPrefixFromTheGlobalFile)
                                    "--no-hosts --pid-file=/var/run/kvl_dns_vpn_0.pid -k &")));
 }
 
-TEST_F(Lifecycle, TheCommandIsBuiltInWhatThePrefixLeavesOf512Bytes)
+TEST_F(Lifecycle, TheCommandIsFormattedBehindThePrefixIn512Bytes)
 {
     Host.Calls.Record(fakehost::EntryKind::Text, true);
     VQCtrl_DnsmasqStart(7);
@@ -66,13 +66,13 @@ TEST_F(Lifecycle, TheLargestVpnIdFits)
     EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), ElementsAre(testing::HasSubstr("kvl_dns_vpn_4294967295.pid -k &")));
 }
 
-TEST_F(Lifecycle, TheResultOfTheLaunchIsPassedUp)
+TEST_F(Lifecycle, TheResultOfTheLaunchIsReturned)
 {
     Host.SuccessResults["VQ_CmdExec"] = 256;
     EXPECT_EQ(VQCtrl_DnsmasqStart(7), 256);
 }
 
-TEST_F(Lifecycle, AFailedLaunchIsMinus22WhateverItWas)
+TEST_F(Lifecycle, AFailedLaunchIsMinus22WhateverTheError)
 {
     Host.Failures.Fail("VQ_CmdExec", -5);
     EXPECT_EQ(VQCtrl_DnsmasqStart(7), -22);
@@ -97,7 +97,7 @@ TEST_F(Lifecycle, ACommandOf511CharactersIsTheLongest)
     EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), ElementsAre(Launch(Prefix + Arguments())));
 }
 
-// One character too many, no room for the command, no room for the prefix itself.
+// One character too many; no room for the command; no room for the prefix itself.
 TEST_F(Lifecycle, ALongerCommandIsNotLaunched)
 {
     for (const std::size_t Length : {512 - Arguments().size(), std::size_t{511}, std::size_t{512}, std::size_t{600}}) {
@@ -128,7 +128,7 @@ TEST_F(Lifecycle, AStopWithoutAPidFileDoesNothingMore)
     EXPECT_TRUE(Host.Proc.IsAlive(1234));
 }
 
-TEST_F(Lifecycle, AStopWithAnEmptyPidFileLeavesTheFile)
+TEST_F(Lifecycle, AStopWithAnEmptyPidFileKeepsTheFile)
 {
     Host.Proc.PutPidFile(7, "");
     EXPECT_EQ(VQCtrl_DnsmasqStop(7), 0);
@@ -137,7 +137,7 @@ TEST_F(Lifecycle, AStopWithAnEmptyPidFileLeavesTheFile)
     EXPECT_TRUE(PidFileExists());
 }
 
-TEST_F(Lifecycle, AStopEndsTheProcessLooksAtThePortAndRemovesThePidFile)
+TEST_F(Lifecycle, AStopKillsTheProcessChecksThePortAndRemovesThePidFile)
 {
     RunInstance();
     Host.Netns.PutListener(7, 5353);
@@ -151,7 +151,7 @@ TEST_F(Lifecycle, AStopEndsTheProcessLooksAtThePortAndRemovesThePidFile)
     EXPECT_FALSE(PidFileExists());
 }
 
-TEST_F(Lifecycle, AProcessThatIsAlreadyGoneIsForgiven)
+TEST_F(Lifecycle, AProcessThatHasExitedIsNoError)
 {
     Host.Proc.PutPidFile(7, "1234");
     EXPECT_EQ(VQCtrl_DnsmasqStop(7), 0);
@@ -179,7 +179,7 @@ TEST_F(Lifecycle, AFailedKillEndsTheStop)
     EXPECT_TRUE(PidFileExists());
 }
 
-TEST_F(Lifecycle, ATakenPortHasTheLeftOversKilled)
+TEST_F(Lifecycle, IfThePortIsTakenLeftOversAreKilled)
 {
     RunInstance();
     Host.Proc.AddInstance(1300, 7);
@@ -204,15 +204,15 @@ class FailedSearch : public Lifecycle {
         Host.Failures.Fail("VQ_KillPid", -13, 2);
     }
 
-    // What errno holds when the second kill has failed.
+    // The value of errno after the second kill has failed.
     void LeaveErrno(int Number)
     {
         Host.Hooks["VQ_KillPid"] = [Number] { errno = Number; };
     }
 };
 
-// The returned code stands in the search's own line only.
-TEST_F(FailedSearch, ResultIsTheErrnoOfThatMomentAndNotTheCode)
+// Only the line of the search itself has the returned code.
+TEST_F(FailedSearch, ResultIsTheCurrentErrnoAndNotTheCode)
 {
     LeaveErrno(EPERM);
     EXPECT_EQ(VQCtrl_DnsmasqStop(7), -EPERM);
@@ -224,7 +224,7 @@ TEST_F(FailedSearch, ResultIsTheErrnoOfThatMomentAndNotTheCode)
     EXPECT_TRUE(PidFileExists());
 }
 
-TEST_F(FailedSearch, AnErrnoOfZeroIsTakenAsItStands)
+TEST_F(FailedSearch, AnErrnoOfZeroIsReturned)
 {
     LeaveErrno(0);
     EXPECT_EQ(VQCtrl_DnsmasqStop(7), 0);
@@ -245,7 +245,7 @@ TEST_F(Lifecycle, ProcCannotBeSearched)
     EXPECT_TRUE(PidFileExists());
 }
 
-TEST_F(Lifecycle, ARemovalOfThePidFileThatFailsIsNotSeen)
+TEST_F(Lifecycle, AFailedRemovalOfThePidFileIsIgnored)
 {
     RunInstance();
     Host.Failures.Fail("remove", -13);
@@ -256,7 +256,7 @@ TEST_F(Lifecycle, ARemovalOfThePidFileThatFailsIsNotSeen)
 TEST_F(Lifecycle, APidFileNameThatDoesNotFitEndsTheStop)
 {
     RunInstance();
-    // The first is the path to read, the second the path to remove.
+    // The first text is the path to read, the second one the path to remove.
     Host.Failures.Fail("VQ_SNPrintf", -75, 2);
     EXPECT_EQ(VQCtrl_DnsmasqStop(7), -75);
     EXPECT_THAT(Logs(), ElementsAre("1 VQCtrl_DnsmasqStop: Pid is 1234\n",
@@ -282,7 +282,7 @@ TEST_F(Lifecycle, AReloadWithoutAnInstanceIsASuccess)
     EXPECT_THAT(Logs(), ElementsAre(kNoPidFile, "1 VQCtrl_DnsmasqReload: Dns service is not exist\n"));
 }
 
-TEST_F(Lifecycle, AReloadThatCannotSignalIsTheNegatedErrno)
+TEST_F(Lifecycle, AFailedSignalReturnsTheNegatedErrno)
 {
     Host.Proc.PutPidFile(7, "1234\n");
     EXPECT_EQ(VQCtrl_DnsmasqReload(7), -3);
@@ -290,8 +290,8 @@ TEST_F(Lifecycle, AReloadThatCannotSignalIsTheNegatedErrno)
                                     "4 VQCtrl_DnsmasqReload: Reload dns service pid 1234 failed(3:No such process)\n"));
 }
 
-// The pid is trusted; the fake host's kill reaches no process.
-TEST_F(Lifecycle, AReloadTrustsWhateverThePidFileHolds)
+// The pid is not checked. The kill of the fake host reaches no process.
+TEST_F(Lifecycle, AReloadDoesNotCheckThePid)
 {
     for (const char *Pid : {"0", "-1"}) {
         Host.Proc.PutPidFile(7, Pid);
@@ -312,7 +312,7 @@ TEST_F(Lifecycle, ARebootStopsAndStarts)
     EXPECT_EQ(Calls.back(), Launch("ip netns exec vpn_7 " + Arguments()));
 }
 
-TEST_F(Lifecycle, ARebootOfWhatDoesNotRunStartsIt)
+TEST_F(Lifecycle, ARebootWithoutAnInstanceStartsOne)
 {
     EXPECT_EQ(VQCtrl_DnsmasqReboot(7), 0);
     EXPECT_THAT(Host.Calls.Named("VQ_CmdExec"), testing::SizeIs(1));

@@ -12,7 +12,7 @@ using testing::IsEmpty;
 
 using Add = VQ_ERR_T (*)(const VQ_CTRL_DNSMASQ_CONF *Dnsmasq, VQ_SQL_CONF_TBL Table);
 
-// A conversion that is easily told from the module's own.
+// A conversion whose text differs from that of the module.
 char *ToText(const VQ_DNSMASQ_CONF *Dnsmasq)
 {
     fakehost::Host::Current().Note(EntryKind::World, "DnsmasqConfToStr", Dnsmasq->VpnId);
@@ -72,7 +72,7 @@ TEST_P(StoreAdds, WithoutATextNothingIsStoredOrReleased)
     EXPECT_THAT(World(), ElementsAre("VQ_GetDbDataTransOp()", "DnsmasqConfToStr(7)"));
 }
 
-TEST_P(StoreAdds, AHostWithoutAReleaseKeepsTheText)
+TEST_P(StoreAdds, WithoutAReleaseFunctionTheTextIsNotReleased)
 {
     static char Kept[] = "the host's own";
     Host.Rows.Conversions.DnsmasqConfToStr = [](const VQ_DNSMASQ_CONF *) -> char * { return Kept; };
@@ -81,14 +81,14 @@ TEST_P(StoreAdds, AHostWithoutAReleaseKeepsTheText)
     EXPECT_THAT(World(), ElementsAre("VQ_GetDbDataTransOp()", "VQ_SqliteDnsMasqConfOp(7, \"the host's own\", 1, 10)"));
 }
 
-TEST_P(StoreAdds, TheStoresCodeIsReturnedAndTheTextReleased)
+TEST_P(StoreAdds, TheCodeOfTheStoreIsReturnedAndTheTextReleased)
 {
     Host.Failures.Fail("VQ_SqliteDnsMasqConfOp", -28);
     EXPECT_EQ(GetParam()(Conf.get(), VQ_SQL_CONF_CPE_DNSMASQ), -28);
     EXPECT_EQ(World().back(), "DataTransJsonStrFree()");
 }
 
-TEST_P(StoreAdds, APositiveResultIsPassedUp)
+TEST_P(StoreAdds, APositiveResultIsReturned)
 {
     Host.SuccessResults["VQ_SqliteDnsMasqConfOp"] = 4;
     EXPECT_EQ(GetParam()(Conf.get(), VQ_SQL_CONF_CPE_DNSMASQ), 4);
@@ -126,14 +126,14 @@ TEST_F(StoreWrappers, ADeleteHasNoText)
     EXPECT_EQ(World().back(), "VQ_SqliteDnsMasqConfOp(7, null, 2, 14)");
 }
 
-TEST_F(StoreWrappers, ADeletesResultIsTheStores)
+TEST_F(StoreWrappers, ADeleteReturnsTheResultOfTheStore)
 {
     EXPECT_EQ(VQCtrl_AdvancedDnsmasqDelPersistentconf(Conf.get(), VQ_SQL_CONF_CPE_DNSMASQ), -2);
     Host.Failures.Fail("VQ_SqliteDnsMasqConfOp", -28);
     EXPECT_EQ(VQCtrl_AdvancedDnsmasqDelPersistentconf(Conf.get(), VQ_SQL_CONF_CPE_DNSMASQ), -28);
 }
 
-TEST_F(StoreWrappers, ADeletesRowKeyIsTheWholeVpnId)
+TEST_F(StoreWrappers, TheRowKeyOfADeleteIsTheWholeVpnId)
 {
     Conf->VpnId = 4294967295;
     Host.Rows.Rows[{10, 4294967295}] = "x";
@@ -142,14 +142,14 @@ TEST_F(StoreWrappers, ADeletesRowKeyIsTheWholeVpnId)
     EXPECT_THAT(Host.Rows.Rows, IsEmpty());
 }
 
-// A conversion that says nothing, unlike the module's own.
+// A conversion that logs nothing, unlike that of the module.
 VQ_ERR_T ToConf(VQ_DNSMASQ_CONF *Dnsmasq, const char *Text)
 {
     Dnsmasq->VpnId = static_cast<uint32_t>(std::strlen(Text));
     return 0;
 }
 
-TEST_F(StoreWrappers, AllRecordsAreTheHostsList)
+TEST_F(StoreWrappers, AllRecordsAreTheListOfTheHost)
 {
     Host.Rows.Conversions.DnsmasqStrToConf = ToConf;
     Host.Rows.Rows = {{{10, 1}, "12345"}, {{10, 2}, "123"}, {{14, 3}, "1"}};
@@ -162,7 +162,7 @@ TEST_F(StoreWrappers, AllRecordsAreTheHostsList)
     VQ_SqliteConfListRelease(List);
 }
 
-TEST_F(StoreWrappers, ANullListIsPassedUp)
+TEST_F(StoreWrappers, ANullListIsReturned)
 {
     Host.Failures.Fail("VQ_SqliteGetDnsMasqConf", -5);
     EXPECT_EQ(VQCtrl_AdvancedDnsmasqGetAllPersistentconf(VQ_SQL_CONF_POP_DNSMASQ), nullptr);

@@ -1,4 +1,4 @@
-// The record as JSON text and back.
+// Translates the record to JSON text and back.
 #include "vqCtrlAdvancedDns.h"
 
 #include <cerrno>
@@ -16,11 +16,11 @@
 
 // ---- Writing ----
 
-// The name under which the whole tree logs, whichever helper finds the fault.
+// The function names for the log prefix, whichever helper finds the error.
 static constexpr const char *kWriter = "_VQCtrl_AdvancedDnsConfToJson";
 static constexpr const char *kReader = "_VQCtrl_AdvancedDnsJsonToConf";
 
-// The parent owns `Value` from here on; null means that it could not be made.
+// Moves `Value` into the parent. Releases it on failure. Null means that it could not be allocated.
 static VQ_ERR_T _VQCtrl_AddMember(json_object *Parent, const JsonMember &Member, json_object *Value)
 {
     advanceddns::JsonTree Owned(Value);
@@ -32,7 +32,7 @@ static VQ_ERR_T _VQCtrl_AddMember(json_object *Parent, const JsonMember &Member,
     return VQ_ERR_OK;
 }
 
-// 32 bits through a signed conversion: that is all that the integers of the document hold.
+// The integers of the document are signed 32-bit numbers.
 static VQ_ERR_T _VQCtrl_AddInt(json_object *Parent, const JsonMember &Member, uint32_t Value)
 {
     return _VQCtrl_AddMember(Parent, Member, json_object_new_int(static_cast<int32_t>(Value)));
@@ -82,7 +82,7 @@ static VQ_ERR_T _VQCtrl_ProxyToJson(const VQ_CTRL_DNS_PROXY_CONF &Proxy, json_ob
     return Result < 0 ? Result : _VQCtrl_AddIp(Item, kServerIp, Proxy.ServerIp);
 }
 
-// An element stands in its array before its members are filled: what fails half-way is freed with the root.
+// Adds each element to its array before its members, so that the root frees it if a member fails.
 template <typename Entry>
 static VQ_ERR_T _VQCtrl_AddList(json_object *Root, const JsonMember &List, const advanceddns::PlainText &CantNewItem,
                                 const Entry *Entries, size_t Count,
@@ -108,7 +108,7 @@ static VQ_ERR_T _VQCtrl_HeaderToJson(const VQ_CTRL_DNSMASQ_CONF *Conf, json_obje
         Result = _VQCtrl_AddInt(Root, kVpnId, Conf->VpnId);
     }
     if (Result >= 0) {
-        // A record that comes back from the store finds no instance that a reload could reach.
+        // After a restart of the agent there may be no instance that a reload could reach.
         Result = _VQCtrl_AddInt(Root, kOp, VQ_CTRL_DNSMASQ_OP_REBOOT);
     }
     if (Result >= 0) {
@@ -123,7 +123,8 @@ static VQ_ERR_T _VQCtrl_HeaderToJson(const VQ_CTRL_DNSMASQ_CONF *Conf, json_obje
     return Result < 0 ? Result : _VQCtrl_AddInt(Root, kDnsProxyNum, Conf->DnsProxyNum);
 }
 
-// Adds the record to the empty object `Root`. On failure what was built stays in it for the caller to free.
+// Adds the record to the empty object `Root`. On failure, `Root` keeps the members that were added; the caller frees
+// it.
 static VQ_ERR_T _VQCtrl_AdvancedDnsConfToJson(const VQ_CTRL_DNSMASQ_CONF *Conf, json_object *Root)
 {
     VQ_ERR_T Result = _VQCtrl_HeaderToJson(Conf, Root);
@@ -175,8 +176,9 @@ char *VQCtrl_AdvancedDnsConfToJsonStr(const VQ_CTRL_DNSMASQ_CONF *Conf)
 
 // ---- Reading ----
 
-// json-c gives the nearest 32-bit number for one that does not fit, and 0 for a value that is none. `*ValInt` receives
-// what it gave, also on failure. -22: no such member, or not a number; -75: at the limits of 32 bits.
+// Stores in `*ValInt` what json-c returns, also on failure: the nearest 32-bit number for a number that does not fit,
+// and 0 for a value that is no number. -22: no such member, or not a number. -75: the smallest or largest 32-bit
+// number.
 static VQ_ERR_T VQ_JsonSafeGetI32(json_object *JObj, const char *Key, int32_t *ValInt)
 {
     json_object *Value = nullptr;
@@ -192,7 +194,7 @@ static VQ_ERR_T VQ_JsonSafeGetI32(json_object *JObj, const char *Key, int32_t *V
     return *ValInt == 0 && errno == EINVAL ? VQ_ERR_INVALID : VQ_ERR_OK;
 }
 
-// -22: no such member; `*ValBool` is untouched.
+// -22: no such member; then `*ValBool` is not changed.
 static VQ_ERR_T VQ_JsonSafeGetBool(json_object *JObj, const char *Key, BOOL *ValBool)
 {
     json_object *Value = nullptr;
@@ -203,7 +205,7 @@ static VQ_ERR_T VQ_JsonSafeGetBool(json_object *JObj, const char *Key, BOOL *Val
     return VQ_ERR_OK;
 }
 
-// -22: no such member, or null; -75: longer than `OutStr`, which then holds the beginning.
+// -22: no such member, or null. -75: the text does not fit; then `OutStr` has its beginning.
 static VQ_ERR_T VQ_JsonSafeGetStr(json_object *JObj, const char *Key, char *OutStr, size_t OutStrSize)
 {
     json_object *Value = nullptr;
@@ -285,7 +287,7 @@ static VQ_ERR_T _VQCtrl_JsonToProxy(json_object *Item, VQ_CTRL_DNS_PROXY_CONF *P
                       : _VQCtrl_ReadText(Item, kDomain.Key, VQ_CTRL_LOG_TEXT("Lack of Domain\n"), Proxy->Domain);
 }
 
-// The array of a list whose count is not 0; null, with the reason in `*Result`, when it cannot be read.
+// Returns the array of a list whose count is not 0. If it cannot be read, returns null and the reason in `*Result`.
 static json_object *_VQCtrl_GetArray(json_object *Root, const char *Key, const ListTexts &Texts, size_t Capacity,
                                      VQ_ERR_T *Result)
 {
@@ -308,7 +310,7 @@ static json_object *_VQCtrl_GetArray(json_object *Root, const char *Key, const L
     return Array;
 }
 
-// A list whose count is 0 is not looked at; where count and array differ, the array is right.
+// Does not look at a list whose count is 0. If the count differs from the length of the array, the length is used.
 template <typename Number, typename Entry, size_t Capacity>
 static VQ_ERR_T _VQCtrl_ReadList(json_object *Root, const char *Key, const ListTexts &Texts, Number *Count,
                                  Entry (&Entries)[Capacity], VQ_ERR_T (*FromJson)(json_object *Item, Entry *Target))
@@ -358,7 +360,7 @@ static VQ_ERR_T _VQCtrl_ReadHeader(json_object *Root, VQ_CTRL_DNSMASQ_CONF *Conf
     return Result;
 }
 
-// A missing or bad count leaves its list empty.
+// If the count is missing or bad, the list stays empty.
 template <typename Number>
 static void _VQCtrl_ReadCount(json_object *Root, const char *Key, Number *Count)
 {
@@ -387,8 +389,8 @@ static VQ_ERR_T _VQCtrl_ReadLists(json_object *Root, VQ_CTRL_DNSMASQ_CONF *Conf)
     return Result;
 }
 
-// Readers trust the counts: even a record that is to be thrown away promises no more than its tables hold. The
-// forwards' count cannot.
+// Readers do not check the counts, so even a record that must not be used may not have a count above its table. The
+// count of the forwards has 16 bits and cannot be above it.
 static void _VQCtrl_DropImpossibleCounts(VQ_CTRL_DNSMASQ_CONF *Conf)
 {
     if (Conf->DnsHostNum > VQ_DNS_HOST_MAX) {
@@ -402,7 +404,7 @@ static void _VQCtrl_DropImpossibleCounts(VQ_CTRL_DNSMASQ_CONF *Conf)
     }
 }
 
-// Fills a zeroed record; values are checked for type and length alone. On failure what was read so far stays in it.
+// Fills a zeroed record. Checks types and lengths only. On failure, the record keeps what was read so far.
 static VQ_ERR_T _VQCtrl_AdvancedDnsJsonToConf(VQ_CTRL_DNSMASQ_CONF *Conf, json_object *Root)
 {
     VQ_ERR_T Result = _VQCtrl_ReadHeader(Root, Conf);

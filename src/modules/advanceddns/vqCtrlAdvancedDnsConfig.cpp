@@ -1,4 +1,4 @@
-// The table of platform operations, the message and recovery entries, and the sequence that puts a record into force.
+// The table of platform operations, the message and recovery entries, and the sequence that applies a record.
 #include "vqCtrlAdvancedDns.h"
 
 #include <cstring>
@@ -11,7 +11,7 @@
 // call of one replaces them.
 static VQ_CTRL_DNSMASQ_OPERATIONS s_AgentDnsmasqOp;
 
-// The first file that fails ends the message: the later ones keep their old content.
+// The first file that fails ends the message. The files after it keep their old content.
 static VQ_ERR_T _VQCtrl_SetDnsmasqFiles(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf)
 {
     using SetFile = VQ_ERR_T (*VQ_CTRL_DNSMASQ_OPERATIONS::*)(const VQ_CTRL_DNSMASQ_CONF *);
@@ -72,7 +72,7 @@ static VQ_ERR_T _VQCtrl_EnableDnsmasq(const char *Function, const VQ_CTRL_DNSMAS
         return _VQCtrl_RebootWithRule(Function, Conf);
     }
     if (Conf->Op == VQ_CTRL_DNSMASQ_OP_RELOAD) {
-        // The steering rule is installed after a restart only; a reload finds it in place.
+        // The steering rule is installed only after a restart. A reload expects it to be there.
         const VQ_ERR_T Result = VQCtrl_DnsmasqReload(Conf->VpnId);
         if (Result < 0) {
             VQ_CTRL_LOG_ERROR_AS(Function, "Dnsmasq reload failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
@@ -85,8 +85,8 @@ static VQ_ERR_T _VQCtrl_EnableDnsmasq(const char *Function, const VQ_CTRL_DNSMAS
     return Result;
 }
 
-// A failed step is logged and not reported. A rule that cannot be removed leaves the instance running: queries that
-// are still steered to it must find it.
+// Failed steps are only logged. If the rule cannot be removed, the instance keeps running, because queries are still
+// steered to it.
 static void _VQCtrl_DisableDnsmasq(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf)
 {
     if (Conf->VpnId != 0) {
@@ -101,8 +101,8 @@ static void _VQCtrl_DisableDnsmasq(const char *Function, const VQ_CTRL_DNSMASQ_C
     }
 }
 
-// Puts a record into force: files, then either routes, instance and rule, or their removal. Nothing is rolled back.
-// The negative result of the step that failed, otherwise the last result.
+// Applies a record: first the files, then either routes, instance and rule, or the removal of all three. Nothing is
+// rolled back. Returns the negative result of the step that failed, otherwise the last result.
 static VQ_ERR_T _VQCtrl_SetAdvancedDnsConfiguration(const VQ_CTRL_DNSMASQ_CONF *Conf)
 {
     const VQ_ERR_T Result = _VQCtrl_SetDnsmasqFiles(__func__, Conf);
@@ -116,7 +116,7 @@ static VQ_ERR_T _VQCtrl_SetAdvancedDnsConfiguration(const VQ_CTRL_DNSMASQ_CONF *
     return Result;
 }
 
-// The row of the VPN goes whatever the new record says; the record takes its place when it asks for that.
+// Always deletes the row of the VPN. Stores the record if it asks for that.
 static VQ_ERR_T _VQCtrl_StoreAdvancedDnsConfiguration(const char *Function, const VQ_CTRL_DNSMASQ_CONF *Conf,
                                                       VQ_ERR_T Result)
 {
@@ -198,8 +198,7 @@ static VQ_ERR_T _VQCtrl_DelCPEAdvancedDnsRule(const VQ_CTRL_DNSMASQ_CONF *Conf)
     return _VQCtrl_DelDefaultPolicy(__func__, Conf->VpnId);
 }
 
-// A POP steers for all its VPNs together, so its rules are those of the box
-// whatever the record names.
+// A POP has one pair of rules for all its VPNs, so it uses VPN 0 whatever the record names.
 static VQ_ERR_T _VQCtrl_SetPOPAdvancedDnsRule(const VQ_CTRL_DNSMASQ_CONF *Conf)
 {
     VQ_ERR_T Result = _VQCtrl_SetDefaultPolicy(__func__, 0);
@@ -248,8 +247,7 @@ static VQ_ERR_T _VQCtrl_AddPOPAdvancedDnsDb(const VQ_CTRL_DNSMASQ_CONF *Conf)
     return VQCtrl_AdvancedDnsmasqAddPersistentConf(Conf, VQ_SQL_CONF_POP_DNSMASQ);
 }
 
-// Applies every stored record as it stands, a disabled one too. A record that
-// fails does not keep the others from theirs.
+// Applies every stored record, disabled ones too. If one fails, the next one follows.
 static VQ_ERR_T _VQCtrl_RecoverAdvancedDnsConf(VQ_SQL_CONF_TBL Table)
 {
     const advanceddns::StoredRecords List(VQ_SqliteGetDnsMasqConf(Table));
@@ -277,7 +275,7 @@ static VQ_ERR_T _VQCtrl_RecoverPOPAdvancedDnsConf(void)
 
 // ---- Platforms ----
 
-// Replaces the whole table, empty slots included; null leaves it as it is.
+// Replaces the whole table, including empty slots. With null the table is not changed.
 static void _VQCtrl_AgentSetPlatformAdvancedDnsOps(const VQ_CTRL_DNSMASQ_OPERATIONS *DnsmasqOp)
 {
     if (DnsmasqOp != nullptr) {
@@ -303,7 +301,7 @@ void VQCtrl_AgentSetCPEAdvancedDnsOps(void)
     _VQCtrl_AgentSetPlatformAdvancedDnsOps(&Operations);
 }
 
-// A POP's message carries upstream servers alone, so the resolver file is the only one that it writes.
+// A POP message carries only upstream servers, so a POP writes only the resolver file.
 void VQCtrl_AgentSetPOPAdvancedDnsOps(void)
 {
     VQ_CTRL_DNSMASQ_OPERATIONS Operations = {};

@@ -22,7 +22,7 @@
 
 namespace advanceddns {
 
-// A stateless deleter, so that a guard is as large as its pointer.
+// A deleter without state, so that a guard is as large as its pointer.
 template <auto Release>
 struct ReleaseWith {
     template <typename T>
@@ -34,7 +34,7 @@ struct ReleaseWith {
 
 inline void CloseFile(FILE *File)
 {
-    // Only files that were read: there is nothing that a failed close could lose.
+    // The module only reads through streams, so a failed close loses nothing.
     static_cast<void>(std::fclose(File));
 }
 
@@ -45,7 +45,7 @@ inline void CloseDirectory(DIR *Directory)
 
 inline void ReleaseJson(json_object *Tree)
 {
-    // Tells whether this was the last reference, which the owner of a tree knows.
+    // The result says whether this was the last reference. The owner of a tree knows that it was.
     static_cast<void>(json_object_put(Tree));
 }
 

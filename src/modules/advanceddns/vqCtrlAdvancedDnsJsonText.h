@@ -1,10 +1,10 @@
-// The words of the JSON document: its keys, and what is said when a part of it cannot be made or read.
+// The keys of the JSON document, and the log texts for parts of it that cannot be created or read.
 #ifndef VQ_CTRL_ADVANCED_DNS_JSON_TEXT_H
 #define VQ_CTRL_ADVANCED_DNS_JSON_TEXT_H
 
 #include "vqCtrlAdvancedDnsLog.h"
 
-// A member's key, and what is said when there is no memory for its value.
+// The key of a member, and the log text for a value that cannot be allocated.
 struct JsonMember {
     const char *Key;
     advanceddns::PlainText CantNew;
@@ -39,7 +39,7 @@ inline constexpr JsonMember kDnsProxy = {"DnsProxy", VQ_CTRL_LOG_TEXT("Can't new
 inline constexpr JsonMember kServerIp = {"ServerIp", VQ_CTRL_LOG_TEXT("Can't new dnsmasq ServerIp json object\n")};
 inline constexpr JsonMember kLocalIp = {"LocalIp", VQ_CTRL_LOG_TEXT("Can't new dnsmasq LocalIp json object\n")};
 
-// Elements have no key.
+// The elements of the lists have no key.
 inline constexpr advanceddns::PlainText kCantNewHostItem =
     VQ_CTRL_LOG_TEXT("Can't new dnsmasq dnsHostItem json object\n");
 inline constexpr advanceddns::PlainText kCantNewMxHostItem =
@@ -49,8 +49,8 @@ inline constexpr advanceddns::PlainText kCantNewServerItem =
 inline constexpr advanceddns::PlainText kCantNewProxyItem =
     VQ_CTRL_LOG_TEXT("Can't new dnsmasq dnsProxyItem json object\n");
 
-// What is said of a list that is not as its count promised. Two texts of the servers name the hosts: log filters in the
-// field know them so.
+// The log texts for a list that does not match its count. Two texts of the servers name the hosts; log filters in the
+// field depend on that.
 struct ListTexts {
     advanceddns::PlainText IsMissing;
     advanceddns::PlainText IsNotArray;

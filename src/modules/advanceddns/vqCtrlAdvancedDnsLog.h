@@ -1,8 +1,9 @@
-// Logging at a site: one macro per level.
+// The log macros: one per level.
 //
-// An error is written as a line, buffered in the host's flex log, dumped from there where the host wants that, and the
-// buffer is reset; the flex-log steps run even when the line itself is filtered out. The ..._AS forms name another
-// function in the prefix: a step that several functions share logs for the one that it works for.
+// An error is written as a line and formatted into the flex-log buffer of the host. If the host wants a dump, the
+// buffer is written as a second line. Then the buffer is reset. The flex-log steps also run if the line itself is
+// filtered out. The macros that end in _AS take the function name for the prefix: a helper logs under the name of the
+// function that called it.
 #ifndef VQ_CTRL_ADVANCED_DNS_LOG_H
 #define VQ_CTRL_ADVANCED_DNS_LOG_H
 
@@ -13,7 +14,7 @@
 #include "vqLog.h"
 #include "vqPlatform.h"
 
-// Level text, module name, thread name, function, source line.
+// Level text, module name, thread name with its brackets, function, source line.
 #define VQ_CTRL_LOG_PREFIX "<%s%s>%s[%s:%d] "
 
 #define VQ_CTRL_LOG_NOTICE(...) VQ_CTRL_LOG_NOTICE_AS(__func__, __VA_ARGS__)
@@ -34,10 +35,10 @@
 // The compiler's check of a format and its arguments, none of which is evaluated.
 #define VQ_CTRL_CHECK_FORMAT(...) static_cast<void>(sizeof(advanceddns::CheckFormat(__VA_ARGS__)))
 
-// A message that stands in a table, with the prefix before it.
+// A message in a table, with the prefix before it.
 #define VQ_CTRL_LOG_TEXT(Message) VQ_CTRL_LOG_PREFIX Message
 
-// The macros for such a text. `Text` is a TableFormat.
+// The macros for messages in a table. `Text` is a TableFormat.
 #define VQ_CTRL_LOG_NOTICE_TEXT(Function, Text) \
     advanceddns::LogLine({(Function), __LINE__}, VQ_LOG_LEVEL_NOTICE, (Text).Get())
 #define VQ_CTRL_LOG_ERROR_TEXT(Function, ...) advanceddns::LogTableError({(Function), __LINE__}, __VA_ARGS__)
@@ -52,7 +53,7 @@ struct LogSite {
     int Line;
 };
 
-// What stands before every message. `Impl` is null when the host has nothing to write with.
+// The values of the prefix. `Impl` is null if the host has no log implementation or no `Log` operation.
 class LogPrefix {
   public:
     explicit LogPrefix(uint32_t Level);
@@ -60,21 +61,21 @@ class LogPrefix {
     const VQ_LOG_IMPL_ITEM *Impl;
     const char *LevelText = "";
     const char *ModuleName = "";
-    // '[', 15 characters and the terminator from the host; the closing bracket takes the terminator's place.
+    // '[', then 15 characters and a terminator from the host. ']' replaces that terminator.
     char ThreadName[18] = {};
 };
 
-// The positive error number of a negative result, also of the one whose negation does not fit.
+// The positive error number of a negative result. The smallest number gives itself, because its negation does not fit.
 inline int ErrorNumber(VQ_ERR_T Result)
 {
     return static_cast<int>(0U - static_cast<uint32_t>(Result));
 }
 
-// Declared for the check of its arguments alone.
+// Declared and never defined: the compiler checks its arguments.
 int CheckFormat(const char *Format, ...) VQ_PRINTF_LIKE(1, 2);
 
-// A format that stands in a table, out of the compiler's sight at the call: its conversions are checked when the table
-// is compiled. `Conversions` are the letters that it must hold, in order.
+// A format in a table. The compiler does not see such a format at the call, so its conversions are checked when the
+// table is compiled. `Conversions` are the letters that the format must have, in order.
 template <char... Conversions>
 class TableFormat {
   public:
@@ -97,7 +98,7 @@ class TableFormat {
     [[nodiscard]] constexpr const char *Get() const { return m_Format; }
 
   private:
-    // Never defined: reaching it ends the compilation.
+    // Never defined: a call at compile time is a compile error.
     static void ConversionsDiffer();
 
     const char *m_Format;
@@ -108,7 +109,7 @@ using PlainText = TableFormat<'s', 's', 's', 's', 'd'>;
 using CountText = TableFormat<'s', 's', 's', 's', 'd', 'u'>;
 using FailureText = TableFormat<'s', 's', 's', 's', 'd', 'd', 's'>;
 
-// The formats below have been checked where they were written down.
+// The formats below were checked by VQ_CTRL_CHECK_FORMAT or by TableFormat.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"

@@ -1,4 +1,4 @@
-// The five input files of an instance, the routes toward its servers, and the rule for domain names.
+// The five input files of an instance, the routes toward its servers, and the check of domain names.
 #include "vqCtrlAdvancedDns.h"
 
 #include <cstring>
@@ -15,7 +15,7 @@
 
 // ---- Files ----
 
-// What differs between the files: places, sizes and words.
+// The differences between the files: paths, sizes and log texts.
 struct DnsFile {
     const char *BoxPath;
     advanceddns::TableFormat<'u'> VpnPath;
@@ -28,7 +28,7 @@ struct DnsFile {
     advanceddns::FailureText WriteFailed;
 };
 
-// Where a file has nothing to say: the fixed buffer needs no memory.
+// For a text that is never logged: the fixed buffer cannot run out of memory.
 static constexpr const char *kNoText = VQ_CTRL_LOG_TEXT("");
 
 static constexpr DnsFile kHostsFile = {
@@ -55,7 +55,7 @@ static constexpr DnsFile kMxHostFile = {
     .WriteFailed = VQ_CTRL_LOG_TEXT("Write to dnsmasq mx host failed(%d:%s)\n"),
 };
 
-// Reports a long path with the words of the MX file; log filters in the field know it so.
+// Logs a path overflow with the text of the MX file. Log filters in the field depend on that.
 static constexpr DnsFile kServerMapFile = {
     .BoxPath = "/etc/kavel/dnsmasq/dnsmasq.d/ServerMap.conf",
     .VpnPath = "/etc/kavel/dnsmasq/vpn_%u/dnsmasq.d/ServerMap.conf",
@@ -80,7 +80,7 @@ static constexpr DnsFile kResolvFile = {
     .WriteFailed = VQ_CTRL_LOG_TEXT("Write to dnsmasq server resolv failed(%d:%s)\n"),
 };
 
-// Shares two texts with the hosts file: content over its budget, and a failed write of it.
+// Shares two log texts with the hosts file: for content that does not fit, and for a failed write.
 static constexpr DnsFile kProxyFile = {
     .BoxPath = "/etc/kavel/dnsmasq/dnsmasq.d/DnsProxy.conf",
     .VpnPath = "/etc/kavel/dnsmasq/vpn_%u/dnsmasq.d/DnsProxy.conf",
@@ -117,7 +117,7 @@ static VQ_ERR_T _VQCtrl_EmptyDnsFile(const char *Function, const DnsFile &File, 
     return Result;
 }
 
-// Builds the whole text in `Content`, which is zeroed, and writes it with one call.
+// Builds the whole text in `Content`, which is zeroed and has `MaxLength` bytes, and writes it with one call.
 template <typename FormatLine>
 static VQ_ERR_T _VQCtrl_WriteDnsLines(const char *Function, const DnsFile &File, const char *Path, size_t Count,
                                       char *Content, size_t MaxLength, FormatLine Format)
@@ -142,8 +142,9 @@ static VQ_ERR_T _VQCtrl_WriteDnsLines(const char *Function, const DnsFile &File,
     return Result;
 }
 
-// Replaces the file of `VpnId`. `Format(Loop, Target, Size, &Length)` places the line of entry `Loop` at `Target` and
-// gives the length that it needs, 0 for no line; a negative result of it ends the call with the old file in place.
+// Replaces the file of `VpnId`. `Format(Loop, Target, Size, &Length)` writes the line of entry `Loop` into the `Size`
+// bytes at `Target` and stores the length that the line needs, 0 for no line. If its result is negative, the call ends
+// and the old file stays.
 template <typename FormatLine>
 static VQ_ERR_T _VQCtrl_WriteDnsFile(const char *Function, const DnsFile &File, uint32_t VpnId, size_t Count,
                                      FormatLine Format)
@@ -225,7 +226,7 @@ VQ_ERR_T VQCtrl_SetDnsServerConf(const VQ_CTRL_DNSMASQ_CONF *Conf)
     const auto Format = [=](size_t Loop, char *Target, size_t Size, size_t *Length) {
         const VQ_CTRL_DNS_SERVER_CONF &Server = Conf->DnsServer[Loop];
         char IpText[kIpTextSize] = {};
-        // Before the interface is looked at: an entry that gives no line can still fail the file.
+        // Converted before the interface is checked: an entry without a line can make the file fail, too.
         const VQ_ERR_T Result = _VQCtrl_ServerIpText(Function, Server, IpText);
         if (Result >= 0 && Server.Ifname[0] != '\0') {
             *Length = VQ_SNPrintf(Target, Size, "server=%s@%s\n", IpText, Server.Ifname);
@@ -262,7 +263,7 @@ VQ_ERR_T VQCtrl_SetDnsProxyConf(const VQ_CTRL_DNSMASQ_CONF *Conf)
 
 // ---- Routes ----
 
-// The route table of every VPN's DNS servers.
+// The route table for the DNS servers, in every VPN.
 static constexpr uint32_t kDnsmasqRouteTable = 199;
 
 static bool _VQCtrl_HasNodes(const VQ_LIST_HEAD *List, uint32_t Count)
@@ -298,7 +299,7 @@ static VQ_ERR_T _VQCtrl_AddServerRoute(const char *Function, uint32_t VpnId, uin
     static_cast<void>(VQ_SafeStrCopy(Route->IfName[0], sizeof(Route->IfName[0]), IfName));
 
     const VQ_ERR_T Result = VQ_RTCRouteAdd(VpnId, Route);
-    // A server that is listed twice has its route already.
+    // A server that is listed twice already has its route.
     if (Result < 0 && Result != VQ_ERR_ALREADY_EXISTS) {
         VQ_CTRL_LOG_ERROR_AS(Function, "Dnsmasq route add failed(%d:%s)!\n", VQ_CTRL_LOG_REASON(Result));
         return Result;
@@ -328,7 +329,7 @@ VQ_ERR_T VQCtrl_AddDnsmasqRouteForVpn(const VQ_CTRL_DNSMASQ_CONF *Conf)
         VQ_CTRL_LOG_NOTICE("Wan which sys route is enable exist in vpn %u\n", Conf->VpnId);
         return VQ_ERR_OK;
     }
-    // Before the list, so that it outlives the list: hosts see the list go first.
+    // Declared before the list, so that the list is released first. Hosts see that order.
     advanceddns::HostMemory<VQ_RTC_ROUTE_CONF> Route;
     char IfName[VQ_IF_NAME_SIZE] = {};
     uint32_t Count = 0;
@@ -337,7 +338,7 @@ VQ_ERR_T VQCtrl_AddDnsmasqRouteForVpn(const VQ_CTRL_DNSMASQ_CONF *Conf)
         const auto *First = cds_list_entry(List->next, VQ_RTCLanListNode, list);
         static_cast<void>(VQ_SafeStrCopy(IfName, sizeof(IfName), First->LanConf.PhyIfName));
     }
-    // The table is to hold the routes of this record alone.
+    // The table must have the routes of this record only.
     VQCtrl_DelDnsmasqRouteForVpn(Conf->VpnId);
     Route = advanceddns::ZeroAllocHostMemory<VQ_RTC_ROUTE_CONF>();
     if (Route == nullptr) {
@@ -378,10 +379,10 @@ BOOL VQCtrl_ValidateDomain(const char *Domain)
     const int Compiled =
         regcomp(&Pattern, "^[a-zA-Z0-9]{1,63}([\\.\\-][a-zA-Z0-9]{1,63})*\\.[a-zA-Z]{2,63}$", REG_EXTENDED);
     if (strchr(Domain, ' ') != nullptr) {
-        // Known and kept: the pattern is not released on this path.
+        // The pattern is not released here. That is a known leak and is kept.
         return FALSE;
     }
-    // A pattern that could not be compiled, for want of memory, matches nothing.
+    // If there is no memory to compile the pattern, nothing matches.
     const bool Matches = Compiled == 0 && regexec(&Pattern, Domain, 0, nullptr, 0) == 0;
     regfree(&Pattern);
     return Matches && strlen(Domain) <= kDomainLengthMax ? TRUE : FALSE;

@@ -1,6 +1,6 @@
-// Translation of a controller message into a record: every field is checked, and the first bad one ends the message.
-//
-// The message is read as it was unpacked: IPv6 fields are not looked at, since the record has no place for them.
+// Translates a controller message into a record. The first error ends the translation, except for a conditional forward
+// with an invalid domain, which is skipped. Addresses, the operation and the VPN id are copied without a check. IPv6
+// fields are ignored, because the record has no place for them.
 #include "vqCtrlAdvancedDns.h"
 
 #include <cstring>
@@ -11,12 +11,12 @@
 #include "vqErrno.h"
 #include "vqSafeStr.h"
 
-// A CPE message may carry fewer MX entries than the record could hold.
+// A CPE message may have fewer MX entries than the record can hold.
 static constexpr size_t kMxHostMax = 128;
-// One above what 16 bits hold: controllers send it, dnsmasq refuses it.
+// One more than 16 bits can hold. Controllers send it; dnsmasq refuses it.
 static constexpr uint32_t kMxPreferenceMax = 65536;
 static constexpr size_t kProxyItemMax = 1024;
-// Per item; with the limit above it bounds the pairs at the capacity of the record's table.
+// Per item. Together with the limit above, they limit the pairs to the capacity of the table in the record.
 static constexpr size_t kProxyDomainMax = 8;
 static constexpr size_t kProxyServerMax = 8;
 static_assert(kProxyItemMax * kProxyDomainMax * kProxyServerMax == VQ_DNS_PROXY_MAX);
@@ -24,7 +24,7 @@ static_assert(kProxyItemMax * kProxyDomainMax * kProxyServerMax == VQ_DNS_PROXY_
 template <size_t Size>
 static void _VQCtrl_CopyText(char (&Target)[Size], const char *Source)
 {
-    // Its length has been checked: nothing is cut.
+    // The caller has checked the length, so nothing is cut.
     static_cast<void>(VQ_SafeStrCopy(Target, Size, Source));
 }
 
@@ -34,7 +34,7 @@ static bool _VQCtrl_Fits(const char (&/*Target*/)[Size], const char *Source)
     return strlen(Source) < Size;
 }
 
-// What every repeated field is tested for before its items are.
+// The checks of a repeated field, made before the checks of its items.
 struct ListLimit {
     size_t Max;
     advanceddns::PlainText IsNull;
@@ -159,7 +159,7 @@ static VQ_ERR_T _VQCtrl_PbToDnsMxHosts(const char *Function, const DnsmasqConf *
 
 // ---- Upstream servers ----
 
-// An absent interface name counts as an empty one.
+// A missing interface name is treated as an empty one.
 static bool _VQCtrl_IsSameServer(const DnsServerItem *One, const DnsServerItem *Other)
 {
     const char *OneName = One->ifname != nullptr ? One->ifname : "";
@@ -209,7 +209,7 @@ static VQ_ERR_T _VQCtrl_PbToDnsServers(const char *Function, const DnsmasqConf *
 
 // ---- Conditional forwards ----
 
-// Appends the pairs of one domain of an item to the table, which holds `*Num` of them.
+// Appends the pairs of one domain of an item to the table, which has `*Num` pairs so far.
 static void _VQCtrl_AddProxyPairs(const DnsProxyItemV2 *Item, const char *Domain, VQ_CTRL_DNSMASQ_CONF *Conf,
                                   size_t *Num)
 {
@@ -240,7 +240,7 @@ static VQ_ERR_T _VQCtrl_PbToDnsProxy(const char *Function, size_t Loop, const Dn
             VQ_CTRL_LOG_ERROR_AS(Function, "dnsmasq dns proxy[%zu].domain is null\n", Loop);
             return VQ_ERR_INVALID;
         }
-        // Unlike a host's, a bad domain costs its own pairs alone.
+        // Unlike the domain of a host, a bad domain only loses its own pairs.
         const char *Domain = Item->domains[DomainLoop];
         if (Domain == nullptr) {
             VQ_CTRL_LOG_WARNING_AS(Function, "dnsproxy item domain is null\n");
@@ -259,7 +259,7 @@ static VQ_ERR_T _VQCtrl_PbToDnsProxy(const char *Function, size_t Loop, const Dn
     return VQ_ERR_OK;
 }
 
-// Every valid domain of an item with every server of it, in message order; nothing is de-duplicated.
+// Makes a pair of every valid domain of an item with every server of that item, in message order. Duplicates are kept.
 static VQ_ERR_T _VQCtrl_PbToAdvancedDnsProxyConf(const DnsmasqConf *Pb, VQ_CTRL_DNSMASQ_CONF *Conf)
 {
     static constexpr ListLimit Limit = {kProxyItemMax, VQ_CTRL_LOG_TEXT("dnsmasq dns proxy is null\n"),
@@ -271,7 +271,7 @@ static VQ_ERR_T _VQCtrl_PbToAdvancedDnsProxyConf(const DnsmasqConf *Pb, VQ_CTRL_
         Result = _VQCtrl_PbToDnsProxy(__func__, Loop, Pb->dnsproxies[Loop], Conf, &Num);
     }
     if (Result >= 0) {
-        // A full table wraps to 0 and is read as an empty one.
+        // The count of a full table wraps to 0, and the table is read as empty.
         Conf->DnsProxyNum = static_cast<uint16_t>(Num);
     }
     return Result;
@@ -320,7 +320,7 @@ VQ_ERR_T VQCtrl_PbToAdvancedDnsConfPlatformPOP(const VQ_CTRL_DNSMASQ_CONFIG_PB *
     const PopDnsmasqConf *Pb = DnsmasqPb->DnsmasqPbPOP;
 
     Conf->Enable = static_cast<BOOL>(Pb->enable);
-    // The message has no operation: what it changes takes a restart.
+    // The message has no operation. Its changes need a restart.
     Conf->Op = VQ_CTRL_DNSMASQ_OP_REBOOT;
     _VQCtrl_PbToPersistentFlag(Pb->has_persistentflag, Pb->persistentflag, Conf);
     if (Pb->n_dns > UINT8_MAX) {

@@ -1,4 +1,4 @@
-// The data-plane rules that bring DNS traffic to the local instance.
+// The data-plane rules that steer DNS traffic to the local instance.
 #include "vqCtrlAdvancedDns.h"
 
 #include <cstring>
@@ -12,13 +12,13 @@ static constexpr uint32_t kPreId = 1;
 static constexpr uint16_t kDnsPort = 53;
 static constexpr uint8_t kProtoUdp = 17;
 
-// The DNS-table rule of a VPN; ids below 2 belong to others.
+// The id of the DNS-table rule of a VPN. Ids below 2 belong to other modules.
 static uint32_t _VQCtrl_PolicyRuleId(uint32_t VpnId)
 {
     return VpnId + 2;
 }
 
-// The VPN's own customer where the host knows one, otherwise the box's.
+// The customer of the VPN if the host knows it, otherwise the customer of the box.
 static uint32_t _VQCtrl_CustomerIdOfVpn(uint32_t VpnId)
 {
     uint32_t CustomerId = VQ_PlatformGetCustomerId();
@@ -60,7 +60,7 @@ VQ_ERR_T VQCtrl_ConfigAddDnsmasqDnat(uint32_t DnatIp)
     return Result;
 }
 
-// Both removals report with the same two texts.
+// Both removals log the same two texts. That is known and kept.
 static VQ_ERR_T _VQCtrl_DelRule(const char *Function, uint32_t RuleId, uint32_t CustomerId, uint16_t Op)
 {
     const VQ_ERR_T Result = VQ_RtcRuleConfDel(kZone, RuleId, CustomerId, Op, TRUE);
@@ -83,7 +83,7 @@ VQ_ERR_T VQCtrl_ConfigAddDnsmasqPolicy(uint32_t VpnId)
     _VQCtrl_InitRule(&Rule, VQ_CONF_RULE_TBL_TYPE_DNS, _VQCtrl_PolicyRuleId(VpnId));
     Rule.VpnId = VpnId;
     Rule.CustomerId = _VQCtrl_CustomerIdOfVpn(VpnId);
-    // No protocol and no port: the DNS table itself selects the traffic.
+    // No protocol and no port, because the DNS table itself selects the traffic.
     Rule.Match.OutPortNum = 1;
     Rule.Match.OutPort[0].Type = VQ_CONF_DP_IF_TYPE_LOCAL;
     Rule.Actions.OutputNum = 1;

@@ -161,7 +161,7 @@ static VQ_ERR_T _VQCtrl_PidFilePath(const char *Function, uint32_t VpnId, char (
     return VQ_ERR_OK;
 }
 
-// What atoi gives, without its undefined behaviour on numbers that do not fit.
+// Gives what atoi gives, without undefined behaviour for numbers that do not fit.
 static pid_t _VQCtrl_TextToPid(const char *Text)
 {
     return static_cast<pid_t>(strtol(Text, nullptr, 10));
@@ -188,7 +188,7 @@ VQ_ERR_T VQCtrl_GetDnsServicePid(uint32_t VpnId, pid_t *Pid)
     return VQ_ERR_OK;
 }
 
-// Any IPv4 TCP socket with the local port counts, listening or not. A line without a port in it, like the rest of one
+// Every IPv4 TCP socket with the local port counts, listening or not. A line without a port, such as the rest of a line
 // that is longer than the buffer, compares the last port again.
 static BOOL _VQCtrl_IsTcpPortListed(const char *Function, FILE *Table, uint32_t Port, uint32_t VpnId)
 {
@@ -200,7 +200,7 @@ static BOOL _VQCtrl_IsTcpPortListed(const char *Function, FILE *Table, uint32_t 
             IsHeader = false;
             continue;
         }
-        // NOLINTNEXTLINE(cert-err34-c): a line that does not parse is meant to leave the last port in place.
+        // NOLINTNEXTLINE(cert-err34-c): a line that cannot be parsed leaves the last port.
         static_cast<void>(sscanf(Line, "%*s%*x:%x", &LinePort));
         if (LinePort == Port) {
             VQ_CTRL_LOG_NOTICE_AS(Function, "The port %u is occupied, VpnId = %u\n", Port, VpnId);
@@ -210,11 +210,11 @@ static BOOL _VQCtrl_IsTcpPortListed(const char *Function, FILE *Table, uint32_t 
     return FALSE;
 }
 
-// Looks in the namespace of the VPN, for VPN 0 in the current one. /proc/net is that of the process's main thread: on
-// any other thread the answer is about the main thread's namespace. FALSE also when the table cannot be looked at.
+// Looks in the namespace of the VPN, for VPN 0 in the current one. /proc/net shows the namespace of the main thread, so
+// this must run on the main thread. FALSE also if the namespace cannot be entered or the table cannot be opened.
 static BOOL _VQCtrl_IsTcpPortOccupied(uint32_t Port, uint32_t VpnId)
 {
-    // Before the guard, so that the thread is back in its namespace when the file is closed.
+    // Declared before the guard, so that the thread has switched back when the file is closed. Hosts see that order.
     advanceddns::ReadFile Table;
     const advanceddns::NamespaceSwitch Vpn(__func__, VpnId);
     if (!Vpn.IsInNamespace()) {
@@ -224,7 +224,7 @@ static BOOL _VQCtrl_IsTcpPortOccupied(uint32_t Port, uint32_t VpnId)
     return Table != nullptr ? _VQCtrl_IsTcpPortListed(__func__, Table.get(), Port, VpnId) : FALSE;
 }
 
-// Plain substring tests: the tag of VPN 1 is found in the command line of VPN 10, too. Known and kept.
+// These are substring tests: the tag of VPN 1 is also found in the command line of VPN 10. That is known and kept.
 static BOOL _VQCtrl_IsDnsServiceExistInCmdline(char *Filepath, uint32_t VpnId)
 {
     char Tag[kProcessTagSize] = {};
@@ -249,7 +249,7 @@ static BOOL _VQCtrl_IsDnsServiceExistInCmdline(char *Filepath, uint32_t VpnId)
                : FALSE;
 }
 
-// A process that has gone meanwhile counts as ended.
+// A process that has exited in the meantime counts as ended.
 static VQ_ERR_T _VQCtrl_KillDnsProcess(const char *Function, pid_t Pid)
 {
     const VQ_ERR_T Result = VQ_KillPid(Pid);
@@ -301,18 +301,18 @@ static VQ_ERR_T _VQCtrl_RemoveDnsServicePidFile(uint32_t VpnId)
     if (Result < 0) {
         return Result;
     }
-    // dnsmasq removes its own pid file when it is asked to end.
+    // The file may be gone already: dnsmasq removes it when it is told to exit.
     static_cast<void>(remove(Path));
     return VQ_ERR_OK;
 }
 
-// ---- Life ----
+// ---- Start, stop, reload ----
 
-// How many queries an instance forwards at once.
+// The number of queries that an instance forwards concurrently.
 static constexpr uint32_t kDnsForwardMax = 1000;
 static constexpr uint32_t kDnsPort = 53;
 
-// Places the launch command in the `Size` bytes at `Target` and returns the length that it needs.
+// Writes the launch command into the `Size` bytes at `Target` and returns the length that it needs.
 static size_t _VQCtrl_FormatStartCommand(uint32_t VpnId, char *Target, size_t Size)
 {
     if (VpnId != 0) {
@@ -339,7 +339,7 @@ VQ_ERR_T VQCtrl_DnsmasqStart(uint32_t VpnId)
         }
         Length = static_cast<size_t>(PrefixLength);
     }
-    // A host may tell of a prefix that is longer than the buffer: nothing is placed behind that one.
+    // A host may report a prefix that is longer than the buffer. Then there is no room for the command.
     if (Length < sizeof(Command)) {
         Length += _VQCtrl_FormatStartCommand(VpnId, Command + Length, sizeof(Command) - Length);
     }
@@ -355,8 +355,9 @@ VQ_ERR_T VQCtrl_DnsmasqStart(uint32_t VpnId)
     return Result;
 }
 
-// Kills what still holds port 53 once the instance itself is gone. False ends the stop with `*Result`, which may be 0:
-// it is what errno says at that moment, not what the search for processes returned. Known and kept.
+// If port 53 is still taken after the instance has ended, kills the processes with the tag of the VPN. False ends the
+// stop with `*Result`. That is the negated errno of this moment, which may be 0, and not the result of the search. That
+// is known and kept.
 static bool _VQCtrl_FreeDnsPort(const char *Function, uint32_t VpnId, VQ_ERR_T *Result)
 {
     if (_VQCtrl_IsTcpPortOccupied(kDnsPort, VpnId) == FALSE) {

@@ -1,10 +1,10 @@
-// The record's row in the host's store. Nothing is logged here: the callers know what a failure means.
+// The row of the record in the host's store. Failures are not logged here, because the callers log them or ignore them.
 #include "vqCtrlAdvancedDns.h"
 
 #include "vqErrno.h"
 #include "vqStore.h"
 
-// The store takes its row key in a parameter declared BOOL.
+// The row key is a parameter of type BOOL.
 static BOOL _VQCtrl_RowKey(const VQ_CTRL_DNSMASQ_CONF *Dnsmasq)
 {
     return static_cast<BOOL>(Dnsmasq->VpnId);
