@@ -18,7 +18,7 @@ static VQ_ERR_T _VQCtrl_SetDnsmasqFiles(const char *Function, const VQ_CTRL_DNSM
     static constexpr struct {
         SetFile Slot;
         advanceddns::FailureText Failed;
-    } Steps[] = {
+    } kSteps[] = {
         {&VQ_CTRL_DNSMASQ_OPERATIONS::SetDnsmasqHostConf, VQ_CTRL_LOG_TEXT("set dns host conf failed(%d:%s)\n")},
         {&VQ_CTRL_DNSMASQ_OPERATIONS::SetDnsmasqMxHostConf, VQ_CTRL_LOG_TEXT("set dns mx host conf failed(%d:%s)\n")},
         {&VQ_CTRL_DNSMASQ_OPERATIONS::SetDnsmasqDnsServerConf, VQ_CTRL_LOG_TEXT("set dns server conf failed(%d:%s)\n")},
@@ -27,7 +27,7 @@ static VQ_ERR_T _VQCtrl_SetDnsmasqFiles(const char *Function, const VQ_CTRL_DNSM
     };
 
     VQ_ERR_T Result = VQ_ERR_OK;
-    for (const auto &Step : Steps) {
+    for (const auto &Step : kSteps) {
         const auto SetFileConf = s_AgentDnsmasqOp.*Step.Slot;
         if (SetFileConf == nullptr) {
             continue;

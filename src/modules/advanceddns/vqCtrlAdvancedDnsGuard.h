@@ -75,10 +75,10 @@ HostMemory<T> ZeroAllocHostMemory(std::size_t Count = 1)
 // stays where it is. A failure in either direction is logged under `Function`, which must outlive the guard.
 class NamespaceSwitch {
   public:
-    NamespaceSwitch(const char *Function, uint32_t VpnId) : m_Function(Function), m_VpnId(VpnId)
+    NamespaceSwitch(const char *Function, uint32_t VpnId) : Function_(Function), VpnId_(VpnId)
     {
-        const VQ_ERR_T Result = VpnId != 0 ? VQ_RtcNetNsSaveAndSwitch(VpnId, &m_SavedNs) : VQ_ERR_OK;
-        m_IsInNamespace = Result >= 0;
+        const VQ_ERR_T Result = VpnId != 0 ? VQ_RtcNetNsSaveAndSwitch(VpnId, &SavedNs_) : VQ_ERR_OK;
+        IsInNamespace_ = Result >= 0;
         if (Result < 0) {
             VQ_CTRL_LOG_ERROR_AS(Function, "Switch to namespace %u faile, ret = %d.\n", VpnId, Result);
         }
@@ -87,14 +87,13 @@ class NamespaceSwitch {
     // The handle decides, not the result of the switch: a host may save a handle and then fail.
     ~NamespaceSwitch()
     {
-        if (m_SavedNs < 0) {
+        if (SavedNs_ < 0) {
             return;
         }
-        const VQ_ERR_T Result = VQ_RtcNetNsSwitchToDefault(&m_SavedNs);
+        const VQ_ERR_T Result = VQ_RtcNetNsSwitchToDefault(&SavedNs_);
         if (Result < 0) {
-            VQ_CTRL_LOG_ERROR_AS(m_Function,
-                                 "VQ_RtcNetNsSwitchToDefault failed(ret = %d VpnId = %u saveNetNsFd = %d)\n", Result,
-                                 m_VpnId, m_SavedNs);
+            VQ_CTRL_LOG_ERROR_AS(Function_, "VQ_RtcNetNsSwitchToDefault failed(ret = %d VpnId = %u saveNetNsFd = %d)\n",
+                                 Result, VpnId_, SavedNs_);
         }
     }
 
@@ -102,13 +101,13 @@ class NamespaceSwitch {
     NamespaceSwitch &operator=(const NamespaceSwitch &) = delete;
 
     // Whether the calling thread is in the namespace of the VPN, or is to stay where it is.
-    [[nodiscard]] bool IsInNamespace() const { return m_IsInNamespace; }
+    [[nodiscard]] bool IsInNamespace() const { return IsInNamespace_; }
 
   private:
-    const char *m_Function;
-    uint32_t m_VpnId;
-    int m_SavedNs = -1;
-    bool m_IsInNamespace = false;
+    const char *Function_;
+    uint32_t VpnId_;
+    int SavedNs_ = -1;
+    bool IsInNamespace_ = false;
 };
 
 } // namespace advanceddns

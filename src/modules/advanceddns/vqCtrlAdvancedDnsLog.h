@@ -80,28 +80,28 @@ template <char... Conversions>
 class TableFormat {
   public:
     // cppcheck-suppress noExplicitConstructor ; a table reads best as plain texts
-    consteval TableFormat(const char *Format) : m_Format(Format)
+    consteval TableFormat(const char *Format) : Format_(Format)
     {
         // cppcheck-suppress constStatement ; a pack, not the comma operator
-        constexpr char Wanted[] = {Conversions..., '\0'};
+        constexpr char kWanted[] = {Conversions..., '\0'};
         std::size_t Found = 0;
         for (const char *At = Format; *At != '\0'; ++At) {
-            if (*At == '%' && *++At != Wanted[Found++]) {
+            if (*At == '%' && *++At != kWanted[Found++]) {
                 ConversionsDiffer();
             }
         }
-        if (Wanted[Found] != '\0') {
+        if (kWanted[Found] != '\0') {
             ConversionsDiffer();
         }
     }
 
-    [[nodiscard]] constexpr const char *Get() const { return m_Format; }
+    [[nodiscard]] constexpr const char *Get() const { return Format_; }
 
   private:
     // Never defined: a call at compile time is a compile error.
     static void ConversionsDiffer();
 
-    const char *m_Format;
+    const char *Format_;
 };
 
 // The five conversions of the prefix, then those of the message.
@@ -140,10 +140,10 @@ void LogLine(LogSite Site, uint32_t Level, const char *PrefixedFormat, Args... A
 template <typename... Args>
 void LogError(LogSite Site, const char *PrefixedFormat, Args... Arguments)
 {
-    constexpr std::size_t PrefixLength = sizeof(VQ_CTRL_LOG_PREFIX) - 1;
+    constexpr std::size_t kPrefixLength = sizeof(VQ_CTRL_LOG_PREFIX) - 1;
 
     LogLine(Site, VQ_LOG_LEVEL_ERROR, PrefixedFormat, Arguments...);
-    if (VQ_FlexLogSetFormatData(PrefixedFormat + PrefixLength, Arguments...) >= 0 &&
+    if (VQ_FlexLogSetFormatData(PrefixedFormat + kPrefixLength, Arguments...) >= 0 &&
         IsWanted(Site, VQ_LOG_LEVEL_ERROR, FALSE)) {
         WriteLine(Site, VQ_LOG_LEVEL_ERROR, VQ_CTRL_LOG_PREFIX "dump flexlog:\n%s", VQ_FlexLogGetFormatBuff());
     }

@@ -377,7 +377,7 @@ BOOL VQCtrl_ValidateDomain(const char *Domain)
     }
     regex_t Pattern = {};
     const int Compiled =
-        regcomp(&Pattern, "^[a-zA-Z0-9]{1,63}([\\.\\-][a-zA-Z0-9]{1,63})*\\.[a-zA-Z]{2,63}$", REG_EXTENDED);
+        regcomp(&Pattern, R"(^[a-zA-Z0-9]{1,63}([\.\-][a-zA-Z0-9]{1,63})*\.[a-zA-Z]{2,63}$)", REG_EXTENDED);
     if (strchr(Domain, ' ') != nullptr) {
         // The pattern is not released here. That is a known leak and is kept.
         return FALSE;

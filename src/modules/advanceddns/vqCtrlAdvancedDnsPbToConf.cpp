@@ -82,10 +82,10 @@ static VQ_ERR_T _VQCtrl_PbToDnsHost(const char *Function, size_t Loop, const Dns
 
 static VQ_ERR_T _VQCtrl_PbToDnsHosts(const char *Function, const DnsmasqConf *Pb, VQ_CTRL_DNSMASQ_CONF *Conf)
 {
-    static constexpr ListLimit Limit = {VQ_DNS_HOST_MAX, VQ_CTRL_LOG_TEXT("dnsmasq dns host is null\n"),
-                                        VQ_CTRL_LOG_TEXT("dnsmasq dns host number is more than %u\n")};
+    static constexpr ListLimit kLimit = {VQ_DNS_HOST_MAX, VQ_CTRL_LOG_TEXT("dnsmasq dns host is null\n"),
+                                         VQ_CTRL_LOG_TEXT("dnsmasq dns host number is more than %u\n")};
 
-    VQ_ERR_T Result = _VQCtrl_CheckList(Function, Limit, Pb->dnshosts, Pb->n_dnshosts);
+    VQ_ERR_T Result = _VQCtrl_CheckList(Function, kLimit, Pb->dnshosts, Pb->n_dnshosts);
     for (size_t Loop = 0; Result >= 0 && Loop < Pb->n_dnshosts; ++Loop) {
         Result = _VQCtrl_PbToDnsHost(Function, Loop, Pb->dnshosts[Loop], &Conf->DnsHost[Loop]);
     }
@@ -137,10 +137,10 @@ static VQ_ERR_T _VQCtrl_CheckDnsMxHost(const char *Function, size_t Loop, const 
 
 static VQ_ERR_T _VQCtrl_PbToDnsMxHosts(const char *Function, const DnsmasqConf *Pb, VQ_CTRL_DNSMASQ_CONF *Conf)
 {
-    static constexpr ListLimit Limit = {kMxHostMax, VQ_CTRL_LOG_TEXT("dnsmasq dns mx host is null\n"),
-                                        VQ_CTRL_LOG_TEXT("dnsmasq dns mx host number is more than %u\n")};
+    static constexpr ListLimit kLimit = {kMxHostMax, VQ_CTRL_LOG_TEXT("dnsmasq dns mx host is null\n"),
+                                         VQ_CTRL_LOG_TEXT("dnsmasq dns mx host number is more than %u\n")};
 
-    VQ_ERR_T Result = _VQCtrl_CheckList(Function, Limit, Pb->dnsmxhost, Pb->n_dnsmxhost);
+    VQ_ERR_T Result = _VQCtrl_CheckList(Function, kLimit, Pb->dnsmxhost, Pb->n_dnsmxhost);
     for (size_t Loop = 0; Result >= 0 && Loop < Pb->n_dnsmxhost; ++Loop) {
         const DnsMxHostItem *Item = Pb->dnsmxhost[Loop];
         VQ_CTRL_DNS_MX_HOST_CONF *MxHost = &Conf->DnsMxHost[Loop];
@@ -194,10 +194,10 @@ static VQ_ERR_T _VQCtrl_PbToDnsServer(const char *Function, size_t Loop, DnsServ
 
 static VQ_ERR_T _VQCtrl_PbToDnsServers(const char *Function, const DnsmasqConf *Pb, VQ_CTRL_DNSMASQ_CONF *Conf)
 {
-    static constexpr ListLimit Limit = {VQ_DNS_SERVER_MAX, VQ_CTRL_LOG_TEXT("dnsmasq dns server is null\n"),
-                                        VQ_CTRL_LOG_TEXT("dnsmasq dns server number is more than %u\n")};
+    static constexpr ListLimit kLimit = {VQ_DNS_SERVER_MAX, VQ_CTRL_LOG_TEXT("dnsmasq dns server is null\n"),
+                                         VQ_CTRL_LOG_TEXT("dnsmasq dns server number is more than %u\n")};
 
-    VQ_ERR_T Result = _VQCtrl_CheckList(Function, Limit, Pb->dnsservers, Pb->n_dnsservers);
+    VQ_ERR_T Result = _VQCtrl_CheckList(Function, kLimit, Pb->dnsservers, Pb->n_dnsservers);
     for (size_t Loop = 0; Result >= 0 && Loop < Pb->n_dnsservers; ++Loop) {
         Result = _VQCtrl_PbToDnsServer(Function, Loop, Pb->dnsservers, &Conf->DnsServer[Loop]);
     }
@@ -262,10 +262,10 @@ static VQ_ERR_T _VQCtrl_PbToDnsProxy(const char *Function, size_t Loop, const Dn
 // Makes a pair of every valid domain of an item with every server of that item, in message order. Duplicates are kept.
 static VQ_ERR_T _VQCtrl_PbToAdvancedDnsProxyConf(const DnsmasqConf *Pb, VQ_CTRL_DNSMASQ_CONF *Conf)
 {
-    static constexpr ListLimit Limit = {kProxyItemMax, VQ_CTRL_LOG_TEXT("dnsmasq dns proxy is null\n"),
-                                        VQ_CTRL_LOG_TEXT("dnsmasq dns proxy item number is more than %u\n")};
+    static constexpr ListLimit kLimit = {kProxyItemMax, VQ_CTRL_LOG_TEXT("dnsmasq dns proxy is null\n"),
+                                         VQ_CTRL_LOG_TEXT("dnsmasq dns proxy item number is more than %u\n")};
 
-    VQ_ERR_T Result = _VQCtrl_CheckList(__func__, Limit, Pb->dnsproxies, Pb->n_dnsproxies);
+    VQ_ERR_T Result = _VQCtrl_CheckList(__func__, kLimit, Pb->dnsproxies, Pb->n_dnsproxies);
     size_t Num = 0;
     for (size_t Loop = 0; Result >= 0 && Loop < Pb->n_dnsproxies; ++Loop) {
         Result = _VQCtrl_PbToDnsProxy(__func__, Loop, Pb->dnsproxies[Loop], Conf, &Num);
