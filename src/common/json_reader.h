@@ -1,6 +1,5 @@
 // Strict reading of JSON. Every refusal is an InputError of one line. It begins with the line and the column in the
-// text or with the path of the value: "line 2, column 3: unexpected character", "vpns[1].lan[0]: expected a string, not
-// 7".
+// text, "line 2, column 3: unexpected character", or with the path of the value, "lan[0]: expected a string, not 7".
 #ifndef KAVEL_COMMON_JSON_READER_H
 #define KAVEL_COMMON_JSON_READER_H
 

@@ -1,4 +1,4 @@
-// A file descriptor with one owner.
+// A file descriptor that is closed by its owner.
 #ifndef KAVEL_COMMON_UNIQUE_FD_H
 #define KAVEL_COMMON_UNIQUE_FD_H
 

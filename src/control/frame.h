@@ -1,4 +1,4 @@
-// Frame limits of the control socket; see control.proto.
+// Frames of the control socket: header and limits. control.proto describes the protocol.
 #ifndef KAVEL_CONTROL_FRAME_H
 #define KAVEL_CONTROL_FRAME_H
 
@@ -19,7 +19,7 @@ inline std::array<std::uint8_t, kFrameHeaderSize> EncodeFrameLength(std::size_t 
             static_cast<std::uint8_t>(length >> 8U), static_cast<std::uint8_t>(length)};
 }
 
-// The length that a frame's header (kFrameHeaderSize bytes) announces; the caller compares it with kFrameMax.
+// The length in a frame's header of kFrameHeaderSize bytes. It may exceed kFrameMax: the caller must check.
 inline std::size_t DecodeFrameLength(const std::uint8_t *header)
 {
     return std::size_t{header[0]} << 24U | std::size_t{header[1]} << 16U | std::size_t{header[2]} << 8U |

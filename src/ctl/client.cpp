@@ -23,13 +23,13 @@ std::string ErrnoText(int error)
     return std::generic_category().message(error);
 }
 
-// Nothing to do for now: the socket is not ready, or a signal came in between.
+// Whether the call is to be repeated: the socket was not ready, or a signal interrupted the call.
 bool IsTransient(int error)
 {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-[[noreturn]] void ThrowBroken(int error)
+[[noreturn]] void ThrowConnectionError(int error)
 {
     if (error == EPIPE || error == ECONNRESET) {
         throw AgentError(kClosed);
@@ -62,19 +62,19 @@ std::vector<std::uint8_t> PackRequest(const Kavel__Request &request)
     return bytes;
 }
 
-Client Client::Connect(const std::string &path, std::chrono::milliseconds patience)
+Client Client::Connect(const std::string &path, std::chrono::milliseconds timeout)
 {
     UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int error = socket ? ConnectTo(socket.Get(), path) : errno;
     if (error != 0) {
         throw AgentError("cannot reach the agent at " + path + ": " + ErrnoText(error));
     }
-    return {std::move(socket), patience};
+    return {std::move(socket), timeout};
 }
 
 ReplyPtr Client::Exchange(std::span<const std::uint8_t> request)
 {
-    const Deadline deadline(patience_);
+    const Deadline deadline(timeout_);
     Send(control::EncodeFrameLength(request.size()), deadline);
     Send(request, deadline);
 
@@ -100,7 +100,7 @@ void Client::WaitFor(short events, const Deadline &deadline) const
     while (true) {
         if (deadline.HasPassed()) {
             std::ostringstream text;
-            text << "the agent did not reply within " << std::chrono::duration<double>(patience_).count() << " s";
+            text << "the agent did not reply within " << std::chrono::duration<double>(timeout_).count() << " s";
             throw AgentError(text.str());
         }
         const int ready = ::poll(&waited, 1, deadline.PollTimeout());
@@ -108,7 +108,7 @@ void Client::WaitFor(short events, const Deadline &deadline) const
             return;
         }
         if (ready < 0 && errno != EINTR) {
-            ThrowBroken(errno);
+            ThrowConnectionError(errno);
         }
     }
 }
@@ -121,7 +121,7 @@ void Client::Send(std::span<const std::uint8_t> bytes, const Deadline &deadline)
         if (put >= 0) {
             bytes = bytes.subspan(static_cast<std::size_t>(put));
         } else if (!IsTransient(errno)) {
-            ThrowBroken(errno);
+            ThrowConnectionError(errno);
         }
     }
 }
@@ -137,7 +137,7 @@ void Client::Receive(std::span<std::uint8_t> bytes, const Deadline &deadline) co
         if (got > 0) {
             bytes = bytes.subspan(static_cast<std::size_t>(got));
         } else if (!IsTransient(errno)) {
-            ThrowBroken(errno);
+            ThrowConnectionError(errno);
         }
     }
 }

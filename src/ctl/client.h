@@ -1,4 +1,4 @@
-// One connection to the agent's control socket. Whatever goes wrong on it is an AgentError.
+// One connection to the agent's control socket. Every failure of the connection is thrown as an AgentError.
 #ifndef KAVEL_CTL_CLIENT_H
 #define KAVEL_CTL_CLIENT_H
 
@@ -20,18 +20,18 @@ struct ReplyRelease {
 };
 using ReplyPtr = std::unique_ptr<Kavel__Reply, ReplyRelease>;
 
-// Packs a request; InputError when it is larger than a frame may be.
+// Packs a request. Throws InputError when the request is larger than kFrameMax.
 std::vector<std::uint8_t> PackRequest(const Kavel__Request &request);
 
 class Client {
   public:
-    // Each exchange takes `patience` at most.
-    Client(UniqueFd socket, std::chrono::milliseconds patience) : socket_(std::move(socket)), patience_(patience) {}
+    // `timeout` limits each exchange.
+    Client(UniqueFd socket, std::chrono::milliseconds timeout) : socket_(std::move(socket)), timeout_(timeout) {}
 
-    // Connects to the socket at `path`, or fails at once.
-    static Client Connect(const std::string &path, std::chrono::milliseconds patience);
+    // Connects to the socket at `path`. Fails at once when no agent listens there.
+    static Client Connect(const std::string &path, std::chrono::milliseconds timeout);
 
-    // Sends a packed request and waits for its reply.
+    // Sends a packed request and waits for the reply.
     ReplyPtr Exchange(std::span<const std::uint8_t> request);
 
   private:
@@ -40,7 +40,7 @@ class Client {
     void Receive(std::span<std::uint8_t> bytes, const Deadline &deadline) const;
 
     UniqueFd socket_;
-    std::chrono::milliseconds patience_;
+    std::chrono::milliseconds timeout_;
 };
 
 } // namespace kavel::ctl

@@ -17,19 +17,19 @@ namespace kavel::ctl {
 namespace {
 
 struct Outgoing {
-    std::string file; // as it is named in what vqctl prints
+    std::string file; // its name in the output of vqctl
     std::string summary;
     std::vector<std::uint8_t> request;
 };
 
-std::string NameOf(const std::string &file)
+std::string DisplayName(const std::string &file)
 {
     return file == "-" ? "standard input" : file;
 }
 
-// Puts the file's name before whatever is wrong with it.
+// Calls `work` and puts the file's name before the text of an InputError.
 template <typename Work>
-auto ForFile(const std::string &name, Work work)
+auto WithFileName(const std::string &name, Work work)
 {
     try {
         return work();
@@ -56,12 +56,12 @@ std::vector<Outgoing> LoadAll(Kavel__Request__Verb verb, const Messages &message
 {
     std::vector<Outgoing> all;
     for (const std::string &file : messages.files) {
-        all.push_back(ForFile(NameOf(file), [&] {
+        all.push_back(WithFileName(DisplayName(file), [&] {
             EncodedMessage message = LoadMessage(file, messages.binary);
             Kavel__Request request = NewRequest(verb);
             request.has_message = 1;
             request.message = {message.bytes.size(), message.bytes.data()};
-            return Outgoing{NameOf(file), message.summary + " (" + Counted(message.bytes.size(), "byte") + ")",
+            return Outgoing{DisplayName(file), message.summary + " (" + Counted(message.bytes.size(), "byte") + ")",
                             PackRequest(request)};
         }));
     }
@@ -84,7 +84,7 @@ ReplyPtr Exchange(const Session &session, Client &client, std::span<const std::u
 
 ReplyPtr ExchangeOne(const Session &session, const Kavel__Request &request, const std::string &what)
 {
-    Client client = Client::Connect(session.socket, session.patience);
+    Client client = Client::Connect(session.socket, session.timeout);
     return Exchange(session, client, PackRequest(request), what);
 }
 
@@ -94,7 +94,7 @@ std::optional<std::uint32_t> VpnOf(const Kavel__Reply &reply)
 }
 
 // "a.json, b.json"
-std::string Names(std::span<const Outgoing> outgoing)
+std::string FileNames(std::span<const Outgoing> outgoing)
 {
     std::string names;
     for (const Outgoing &one : outgoing) {
@@ -105,23 +105,24 @@ std::string Names(std::span<const Outgoing> outgoing)
 
 std::string NotSentText(std::span<const Outgoing> rest)
 {
-    return rest.empty() ? "" : "not sent: " + Names(rest);
+    return rest.empty() ? "" : "not sent: " + FileNames(rest);
 }
 
-// Why an exchange failed, with the message that it was about: that one may have been carried out or not.
-[[noreturn]] void ThrowWithFiles(const AgentError &error, std::span<const Outgoing> from_here)
+// Adds to an error the file of the message whose exchange failed, and the files of the messages that were not sent. The
+// agent may or may not have applied the message whose exchange failed. `outgoing` begins with that message.
+[[noreturn]] void ThrowWithFiles(const AgentError &error, std::span<const Outgoing> outgoing)
 {
-    const std::string rest = NotSentText(from_here.subspan(1));
-    throw AgentError(from_here.front().file + ": " + error.what() + (rest.empty() ? "" : "; " + rest));
+    const std::string rest = NotSentText(outgoing.subspan(1));
+    throw AgentError(outgoing.front().file + ": " + error.what() + (rest.empty() ? "" : "; " + rest));
 }
 
-ReplyPtr ExchangeFirst(const Session &session, Client &client, std::span<const Outgoing> from_here)
+ReplyPtr ExchangeFirst(const Session &session, Client &client, std::span<const Outgoing> outgoing)
 {
-    const Outgoing &message = from_here.front();
+    const Outgoing &message = outgoing.front();
     try {
         return Exchange(session, client, message.request, message.file + ": " + message.summary);
     } catch (const AgentError &error) {
-        ThrowWithFiles(error, from_here);
+        ThrowWithFiles(error, outgoing);
     }
 }
 
@@ -136,7 +137,7 @@ std::string CheckText(const Kavel__Reply &reply)
     return "would apply: " + SummaryText(*reply.summary);
 }
 
-int SetUpVpn(const Session &session, Kavel__Request__Verb verb, std::uint32_t vpn, const std::string &done)
+int RunVpnCommand(const Session &session, Kavel__Request__Verb verb, std::uint32_t vpn, const std::string &done)
 {
     Kavel__Request request = NewRequest(verb);
     request.has_vpn = 1;
@@ -147,14 +148,14 @@ int SetUpVpn(const Session &session, Kavel__Request__Verb verb, std::uint32_t vp
     return refused ? kRefused : kDone;
 }
 
-// Says on standard error that a question was not answered.
-int TellRefusal(const Session &session, const std::string &subject, const Kavel__Reply &reply)
+// Reports on standard error that the agent refused a query.
+int ReportRefusal(const Session &session, const std::string &subject, const Kavel__Reply &reply)
 {
     session.err << "vqctl: " << subject << ": refused " << RefusalText(reply) << '\n';
     return kRefused;
 }
 
-int Complain(const Session &session, const std::exception &error, ExitCode code)
+int ReportError(const Session &session, const std::exception &error, ExitCode code)
 {
     session.out.flush();
     session.err << "vqctl: " << Printable(error.what()) << '\n';
@@ -166,7 +167,7 @@ int Complain(const Session &session, const std::exception &error, ExitCode code)
 int Apply(const Session &session, const Messages &messages)
 {
     const std::vector<Outgoing> all = LoadAll(KAVEL__REQUEST__VERB__APPLY, messages);
-    Client client = Client::Connect(session.socket, session.patience);
+    Client client = Client::Connect(session.socket, session.timeout);
     for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
         const ReplyPtr reply = ExchangeFirst(session, client, left);
         const std::string subject = SubjectText(VpnOf(*reply));
@@ -187,7 +188,7 @@ int Apply(const Session &session, const Messages &messages)
 int Check(const Session &session, const Messages &messages)
 {
     const std::vector<Outgoing> all = LoadAll(KAVEL__REQUEST__VERB__CHECK, messages);
-    Client client = Client::Connect(session.socket, session.patience);
+    Client client = Client::Connect(session.socket, session.timeout);
     int code = kDone;
     for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
         const ReplyPtr reply = ExchangeFirst(session, client, left);
@@ -199,9 +200,9 @@ int Check(const Session &session, const Messages &messages)
 
 int Encode(const std::string &file, const std::optional<std::string> &target)
 {
-    const EncodedMessage message = ForFile(NameOf(file), [&] { return LoadMessage(file, false); });
-    ForFile(target.value_or("standard output"),
-            [&] { target ? WriteOutput(*target, message.bytes) : WriteStandardOutput(message.bytes); });
+    const EncodedMessage message = WithFileName(DisplayName(file), [&] { return LoadMessage(file, false); });
+    WithFileName(target.value_or("standard output"),
+                 [&] { target ? WriteOutput(*target, message.bytes) : WriteStandardOutput(message.bytes); });
     return kDone;
 }
 
@@ -212,7 +213,7 @@ int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json)
     request.vpn = vpn.value_or(0);
     const ReplyPtr reply = ExchangeOne(session, request, "status");
     if (reply->result < 0) {
-        return TellRefusal(session, vpn ? SubjectText(vpn) : "status", *reply);
+        return ReportRefusal(session, vpn ? SubjectText(vpn) : "status", *reply);
     }
     const StatusList vpns(reply->vpns, reply->n_vpns);
     session.out << (json ? StatusJson(vpns) : StatusTable(vpns, session.colour));
@@ -221,19 +222,19 @@ int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json)
 
 int VpnInit(const Session &session, std::uint32_t vpn)
 {
-    return SetUpVpn(session, KAVEL__REQUEST__VERB__VPN_INIT, vpn, "initialised");
+    return RunVpnCommand(session, KAVEL__REQUEST__VERB__VPN_INIT, vpn, "initialised");
 }
 
 int VpnRelease(const Session &session, std::uint32_t vpn)
 {
-    return SetUpVpn(session, KAVEL__REQUEST__VERB__VPN_RELEASE, vpn, "released");
+    return RunVpnCommand(session, KAVEL__REQUEST__VERB__VPN_RELEASE, vpn, "released");
 }
 
 int StoreList(const Session &session)
 {
     const ReplyPtr reply = ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__STORE_LIST), "store list");
     if (reply->result < 0) {
-        return TellRefusal(session, "store", *reply);
+        return ReportRefusal(session, "store", *reply);
     }
     session.out << StoredTable(StoredList(reply->stored, reply->n_stored));
     return kDone;
@@ -246,7 +247,7 @@ int StoreShow(const Session &session, std::uint32_t vpn)
     request.vpn = vpn;
     const ReplyPtr reply = ExchangeOne(session, request, "store show of " + SubjectText(vpn));
     if (reply->result < 0) {
-        return TellRefusal(session, SubjectText(vpn), *reply);
+        return ReportRefusal(session, SubjectText(vpn), *reply);
     }
     if (reply->has_stored_text == 0) {
         throw AgentError("the agent's reply holds no stored text");
@@ -265,9 +266,9 @@ int Run(const Session &session, const std::function<int()> &command)
         }
         return code;
     } catch (const InputError &error) {
-        return Complain(session, error, kBadInput);
+        return ReportError(session, error, kBadInput);
     } catch (const AgentError &error) {
-        return Complain(session, error, kNoAgent);
+        return ReportError(session, error, kNoAgent);
     }
 }
 

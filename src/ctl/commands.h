@@ -1,4 +1,4 @@
-// What vqctl does. Each command returns its exit code; InputError and AgentError tell of what kept it from its work.
+// The commands of vqctl. Each returns its exit code, and throws InputError or AgentError when it cannot be carried out.
 #ifndef KAVEL_CTL_COMMANDS_H
 #define KAVEL_CTL_COMMANDS_H
 
@@ -14,44 +14,45 @@
 
 namespace kavel::ctl {
 
-// Applying a large message restarts an instance and installs many routes.
-inline constexpr std::chrono::seconds kPatience{60};
+// For one request. It is long because a large message restarts an instance and installs many routes.
+inline constexpr std::chrono::seconds kTimeout{60};
 
 struct Session {
     std::ostream &out;
     std::ostream &err;
     std::string socket = control::kDefaultSocket;
-    bool verbose = false; // tell on `err` what is sent
+    bool verbose = false; // report requests and results on `err`
     bool colour = false;
-    std::chrono::milliseconds patience = kPatience;
+    std::chrono::milliseconds timeout = kTimeout;
 };
 
 struct Messages {
     std::vector<std::string> files; // `-`: standard input
-    bool binary = false;            // message bytes, sent as they are, rather than JSON
+    bool binary = false;            // the files hold message bytes, which are sent unchanged; otherwise JSON
 };
 
-// Applies the messages in order and stops at the first that is refused. Nothing is sent when any file is bad.
+// Applies the messages in order and stops at the first one that is refused. If any file is bad, nothing is sent.
 int Apply(const Session &session, const Messages &messages);
 
-// Says of each message what it would set, or why it would be refused.
+// Prints for each message what it would set, or why it would be refused. If any file is bad, nothing is sent.
 int Check(const Session &session, const Messages &messages);
 
 // Writes the bytes of a JSON message to the file `target`, or to standard output.
 int Encode(const std::string &file, const std::optional<std::string> &target);
 
-// Tells the state of one VPN or of all.
+// Prints the state of one VPN, or of all.
 int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json);
 
 // Create and remove the instance directory of a VPN.
 int VpnInit(const Session &session, std::uint32_t vpn);
 int VpnRelease(const Session &session, std::uint32_t vpn);
 
-// Tell what is stored, and the text of one VPN's record.
+// Print a table of the stored records, and the text of one VPN's record.
 int StoreList(const Session &session);
 int StoreShow(const Session &session, std::uint32_t vpn);
 
-// Runs a command and turns what ends it early into one line on `session.err` and an exit code.
+// Runs a command and returns its exit code. An InputError or AgentError becomes one line on `session.err` and an exit
+// code; standard output that cannot be written does as well.
 int Run(const Session &session, const std::function<int()> &command);
 
 } // namespace kavel::ctl

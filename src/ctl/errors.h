@@ -1,4 +1,4 @@
-// What ends a command early, and the exit codes of vqctl.
+// The exit codes of vqctl, and the exceptions that end a command. InputError is one of them.
 #ifndef KAVEL_CTL_ERRORS_H
 #define KAVEL_CTL_ERRORS_H
 
@@ -12,9 +12,10 @@ enum ExitCode : int {
     kDone = 0,
     kRefused = 1,  // the agent refused, or a VPN has problems
     kBadInput = 2, // wrong usage, a file that cannot be read, written or understood
-    kNoAgent = 3,  // the agent cannot be reached or does not keep to the protocol
+    kNoAgent = 3,  // the agent cannot be reached or violates the protocol
 };
 
+// The agent cannot be reached, or the connection to it failed.
 class AgentError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

@@ -13,7 +13,7 @@ namespace kavel::ctl {
 
 namespace {
 
-constexpr mode_t kNewFileMode = 0666; // the umask narrows it
+constexpr mode_t kNewFileMode = 0666; // less what the umask removes
 
 [[noreturn]] void ThrowErrno(const std::string &what)
 {

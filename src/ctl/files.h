@@ -1,4 +1,4 @@
-// Whole files in and out. Each throws InputError, whose text does not name the file.
+// Reading and writing whole files. Each function throws InputError, whose text does not name the file.
 #ifndef KAVEL_CTL_FILES_H
 #define KAVEL_CTL_FILES_H
 
@@ -9,7 +9,8 @@
 
 namespace kavel::ctl {
 
-// Far above what a message of the largest size takes as JSON; keeps a wrong file (a device, a log) out of memory.
+// The longest file that is read. The largest message is far smaller as JSON; a wrong file (a device, a log) must not
+// fill the memory.
 inline constexpr std::size_t kFileMax = std::size_t{64} * 1024 * 1024;
 
 // The content of the file `name`; `-` is standard input.
@@ -18,7 +19,7 @@ std::string ReadInput(const std::string &name);
 // Creates or replaces the file `name`.
 void WriteOutput(const std::string &name, std::span<const std::uint8_t> bytes);
 
-// Writes to standard output; refuses a terminal, which raw bytes would upset.
+// Writes to standard output. Refuses a terminal, because raw bytes can change its settings.
 void WriteStandardOutput(std::span<const std::uint8_t> bytes);
 
 } // namespace kavel::ctl

@@ -75,7 +75,7 @@ constexpr std::array kPopFields = {
                           SetOptional<&PopDnsmasqConf::has_localipv6, &PopDnsmasqConf::localipv6, ReadIpv6>},
 };
 
-// Whether `object` has a key of `these` that is not one of `others`.
+// Whether `object` has a key that is in the table `these` and not in the table `others`.
 template <typename These, typename Others>
 bool HasKeyOnlyOf(json_object *object, const These &these, const Others &others)
 {

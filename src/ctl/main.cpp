@@ -21,8 +21,8 @@ using namespace kavel::ctl;
 constexpr const char *kFooter = R"(Exit codes:
   0  done
   1  the agent refused, or status found a VPN with problems
-  2  wrong usage, or a file that cannot be used: nothing was sent
-  3  the agent cannot be reached, or what it said makes no sense)";
+  2  wrong usage or a bad input file (nothing was sent), or output that cannot be written
+  3  the agent cannot be reached, or its reply is invalid)";
 
 struct Arguments {
     Session session{std::cout, std::cerr};
@@ -34,7 +34,7 @@ struct Arguments {
     std::function<int()> command;
 };
 
-// Decimal alone: CLI11 by itself would read 010 as 8.
+// Only decimal numbers: CLI11 would read 010 as 8.
 std::uint32_t VpnNumber(const std::string &text)
 {
     const auto vpn = kavel::WholeNumber<std::uint32_t>(text);
@@ -54,27 +54,30 @@ CLI::Option *AddVpn(CLI::App &app, Arguments &arguments, const std::string &name
 
 void AddMessages(CLI::App &app, Arguments &arguments)
 {
-    app.add_option("FILE", arguments.messages.files, "Messages as JSON; - is standard input")
+    app.add_option("FILE", arguments.messages.files, "JSON files with one message each; - is standard input")
         ->required()
         ->type_name("");
-    app.add_flag("--binary", arguments.messages.binary, "The files hold message bytes: send them unchecked");
+    app.add_flag("--binary", arguments.messages.binary, "The files hold message bytes, which are sent unchecked");
 }
 
 void AddMessageCommands(CLI::App &app, Arguments &arguments)
 {
-    CLI::App *apply = app.add_subcommand("apply", "Apply controller messages, up to the first that is refused");
+    CLI::App *apply =
+        app.add_subcommand("apply", "Apply controller messages in order; stop at the first that is refused");
     AddMessages(*apply, arguments);
     apply->final_callback(
         [&arguments] { arguments.command = [&] { return Apply(arguments.session, arguments.messages); }; });
 
-    CLI::App *check = app.add_subcommand("check", "Say what controller messages would set, without applying them");
+    CLI::App *check = app.add_subcommand("check", "Show what controller messages would set, without applying them");
     AddMessages(*check, arguments);
     check->final_callback(
         [&arguments] { arguments.command = [&] { return Check(arguments.session, arguments.messages); }; });
 
-    CLI::App *encode = app.add_subcommand("encode", "Write the bytes of a message, without an agent");
-    encode->add_option("FILE", arguments.file, "A message as JSON; - is standard input")->required()->type_name("");
-    encode->add_option("-o,--output", arguments.target, "Write to this file rather than to standard output")
+    CLI::App *encode = app.add_subcommand("encode", "Convert a JSON message to message bytes; needs no agent");
+    encode->add_option("FILE", arguments.file, "JSON file with the message; - is standard input")
+        ->required()
+        ->type_name("");
+    encode->add_option("-o,--output", arguments.target, "Write to this file instead of standard output")
         ->type_name("FILE");
     encode->final_callback(
         [&arguments] { arguments.command = [&] { return Encode(arguments.file, arguments.target); }; });
@@ -82,9 +85,9 @@ void AddMessageCommands(CLI::App &app, Arguments &arguments)
 
 void AddStatusCommand(CLI::App &app, Arguments &arguments)
 {
-    CLI::App *status = app.add_subcommand("status", "Show the state of every VPN; exit 1 if any has problems");
-    status->add_flag("--json", arguments.json, "For programs");
-    AddVpn(*status, arguments, "--vpn", "This VPN alone");
+    CLI::App *status = app.add_subcommand("status", "Show the state of every VPN; exit code 1 if any has problems");
+    status->add_flag("--json", arguments.json, "Print JSON, for programs");
+    AddVpn(*status, arguments, "--vpn", "Show only this VPN");
     status->final_callback(
         [&arguments] { arguments.command = [&] { return Status(arguments.session, arguments.vpn, arguments.json); }; });
 }
@@ -94,12 +97,12 @@ void AddVpnCommand(CLI::App &app, Arguments &arguments)
     CLI::App *vpn = app.add_subcommand("vpn", "Create or remove the instance directory of a VPN");
     vpn->require_subcommand(1);
 
-    CLI::App *init = vpn->add_subcommand("init", "Create what is missing of it");
+    CLI::App *init = vpn->add_subcommand("init", "Create the directory, or the files that it lacks");
     AddVpn(*init, arguments, "ID", "The VPN")->required();
     init->final_callback(
         [&arguments] { arguments.command = [&] { return VpnInit(arguments.session, arguments.vpn.value()); }; });
 
-    CLI::App *release = vpn->add_subcommand("release", "Remove it; the VPN's instance must be stopped");
+    CLI::App *release = vpn->add_subcommand("release", "Remove the directory; the VPN's instance must be stopped");
     AddVpn(*release, arguments, "ID", "The VPN")->required();
     release->final_callback(
         [&arguments] { arguments.command = [&] { return VpnRelease(arguments.session, arguments.vpn.value()); }; });
@@ -107,13 +110,13 @@ void AddVpnCommand(CLI::App &app, Arguments &arguments)
 
 void AddStoreCommand(CLI::App &app, Arguments &arguments)
 {
-    CLI::App *store = app.add_subcommand("store", "Show what the agent brings back at its next start");
+    CLI::App *store = app.add_subcommand("store", "Show the records that the agent applies when it starts");
     store->require_subcommand(1);
 
-    CLI::App *list = store->add_subcommand("list", "Every stored record, in numbers");
+    CLI::App *list = store->add_subcommand("list", "List the stored records with their counts");
     list->final_callback([&arguments] { arguments.command = [&] { return StoreList(arguments.session); }; });
 
-    CLI::App *show = store->add_subcommand("show", "The record of one VPN, as JSON");
+    CLI::App *show = store->add_subcommand("show", "Print the record of one VPN, as JSON");
     AddVpn(*show, arguments, "ID", "The VPN; 0 is the box itself")->required();
     show->final_callback(
         [&arguments] { arguments.command = [&] { return StoreShow(arguments.session, arguments.vpn.value()); }; });
@@ -128,26 +131,26 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     app.add_option("-s,--socket", arguments.session.socket, "The agent's control socket")
         ->type_name("PATH")
         ->capture_default_str();
-    app.add_flag("-v,--verbose", arguments.session.verbose, "Tell on standard error what is sent");
+    app.add_flag("-v,--verbose", arguments.session.verbose, "Report requests and results on standard error");
     AddMessageCommands(app, arguments);
     AddStatusCommand(app, arguments);
     AddVpnCommand(app, arguments);
     AddStoreCommand(app, arguments);
 }
 
-// One line. What nobody recognised is the cause even where CLI11 first misses something else.
+// One line. An argument that no command knows is reported first, because CLI11 may report a missing argument instead.
 std::string UsageText(const CLI::App *app, const CLI::Error &error)
 {
     const std::vector<std::string> unknown = app->remaining(true);
-    const std::string why = unknown.empty() ? error.what() : "\"" + unknown.front() + "\" is not understood";
-    return "vqctl: " + why + " (vqctl --help tells more)\n";
+    const std::string why = unknown.empty() ? error.what() : "\"" + unknown.front() + "\" is not a known argument";
+    return "vqctl: " + why + " (see vqctl --help)\n";
 }
 
 int Main(int argc, char **argv)
 {
     Arguments arguments;
     arguments.session.colour = WantsColour(STDOUT_FILENO);
-    CLI::App app("Talks to the DNS agent of this box.", "vqctl");
+    CLI::App app("Controls the DNS agent of this box.", "vqctl");
     AddCommands(app, arguments);
     app.failure_message(UsageText);
     try {

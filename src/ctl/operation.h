@@ -1,4 +1,4 @@
-// The names of a message's operations.
+// The operations of a message, by name and number.
 #ifndef KAVEL_CTL_OPERATION_H
 #define KAVEL_CTL_OPERATION_H
 

@@ -32,14 +32,14 @@ std::string SubjectText(std::optional<std::uint32_t> vpn)
 
 std::string RefusalText(const Kavel__Reply &reply)
 {
-    // The smallest number has no positive counterpart.
+    // The smallest int32_t cannot be negated.
     const int error = -std::max(reply.result, -std::numeric_limits<std::int32_t>::max());
-    const std::string error_text = std::generic_category().message(error);
-    std::string text = "(" + std::to_string(reply.result) + " " + error_text + ")";
+    const std::string errorText = std::generic_category().message(error);
+    std::string text = "(" + std::to_string(reply.result) + " " + errorText + ")";
     if (reply.reason != nullptr) {
         return text + ": " + Printable(reply.reason);
     }
-    if (reply.text != nullptr && reply.text != error_text) {
+    if (reply.text != nullptr && reply.text != errorText) {
         return text + ": " + Printable(reply.text);
     }
     return text;

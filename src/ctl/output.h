@@ -1,4 +1,4 @@
-// The words in which vqctl speaks to a person.
+// Texts that several commands print.
 #ifndef KAVEL_CTL_OUTPUT_H
 #define KAVEL_CTL_OUTPUT_H
 
@@ -19,13 +19,14 @@ std::string Counted(std::size_t count, std::string_view noun);
 // "enabled", "disabled".
 std::string EnabledText(bool enable);
 
-// "reload", "reboot", or the number of an operation that is neither.
+// "reload", "reboot", or "operation 2 (unknown)" for another number.
 std::string OperationText(std::uint32_t operation);
 
-// "vpn 7", or "message" when nobody knows which VPN it was for.
+// "vpn 7", or "message" when the VPN is not known.
 std::string SubjectText(std::optional<std::uint32_t> vpn);
 
-// What follows "refused": "(-22 Invalid argument): the reason".
+// What follows "refused": "(-22 Invalid argument): the reason". The reason is the module's, or else the agent's text
+// unless it only repeats the error; without either the text ends at the parenthesis.
 std::string RefusalText(const Kavel__Reply &reply);
 
 // "enabled, reload, 2 hosts, 1 mx, 2 servers, 3 forwards, not stored".

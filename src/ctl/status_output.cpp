@@ -146,8 +146,8 @@ JsonPtr ProblemsJson(Vpn vpn)
 
 // One field of the status, in the JSON object and, when it has a column, in the table.
 struct StatusField {
-    const char *name;
-    JsonPtr (*json)(Vpn vpn);
+    const char *name = nullptr;
+    JsonPtr (*json)(Vpn vpn) = nullptr;
     TableColumn<VpnStatus> column{}; // without a title: no column
 };
 

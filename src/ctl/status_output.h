@@ -1,4 +1,4 @@
-// The state of the VPNs, for people and for programs.
+// The output of `vqctl status`: a table for people, JSON for programs.
 #ifndef KAVEL_CTL_STATUS_OUTPUT_H
 #define KAVEL_CTL_STATUS_OUTPUT_H
 
@@ -15,7 +15,7 @@ using StatusList = std::span<const Kavel__VpnStatus *const>;
 // "45s", "3m12s", "2h05m", "4d03h".
 std::string UptimeText(std::uint64_t seconds);
 
-// "512B", "1.8M": in powers of 1024.
+// "512B", "1.8M"; the units are powers of 1024.
 std::string MemoryText(std::uint64_t bytes);
 
 // A row for each VPN, and the problems below the rows. The state of a VPN is "failed" when it has problems, "starting"
@@ -30,7 +30,7 @@ std::string StatusJson(StatusList vpns);
 // Whether any VPN has a problem. "starting" is not one.
 bool AnyProblem(StatusList vpns);
 
-// Whether `fd` is a terminal whose user has not asked for plain text.
+// Whether `fd` is a terminal and the environment variable NO_COLOR is unset or empty.
 bool WantsColour(int fd);
 
 } // namespace kavel::ctl

@@ -1,4 +1,4 @@
-// What is stored, for people.
+// The output of `vqctl store`, for people.
 #ifndef KAVEL_CTL_STORE_OUTPUT_H
 #define KAVEL_CTL_STORE_OUTPUT_H
 
@@ -12,10 +12,10 @@ namespace kavel::ctl {
 
 using StoredList = std::span<const Kavel__StoredRecord *const>;
 
-// Aligned columns, and below them why records cannot be read.
+// A row for each record. Below the rows, a line for each record that cannot be read, with the reason.
 std::string StoredTable(StoredList records);
 
-// A stored text, laid out when it is JSON, and else as it stands but for what could steer a terminal.
+// A stored text: indented if it is JSON. Otherwise it is shown as it is, but with control characters replaced by '?'.
 std::string StoredText(std::string_view text);
 
 } // namespace kavel::ctl

@@ -1,4 +1,4 @@
-// Tables for people: aligned columns under their titles.
+// Tables for people: aligned columns with titles.
 #ifndef KAVEL_CTL_TABLE_H
 #define KAVEL_CTL_TABLE_H
 
@@ -19,8 +19,8 @@ struct TableColumn {
     std::string (*text)(const Item &item) = nullptr;
 };
 
-// Writes the titles and a row for each item. `colour` gives the escape sequence that begins a cell, empty for most. The
-// last column is not padded, so that no line ends in blanks.
+// Writes the titles and a row for each item. `colour(column, item)` returns the escape sequence that begins a cell;
+// empty: no colour. The last column is not padded, so that no line ends in blanks.
 template <typename Item, std::size_t Count, typename Colour>
 void PrintTable(std::ostream &out, const std::array<TableColumn<Item>, Count> &columns,
                 std::span<const Item *const> items, Colour colour)

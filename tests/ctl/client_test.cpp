@@ -19,18 +19,18 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A client and the raw socket at its other end.
+// A client whose connection ends in a plain socket of the test.
 class ClientTest : public testing::Test {
   protected:
     ClientTest()
     {
         std::array<int, 2> pair{};
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
-        client_end_ = UniqueFd(pair[0]);
-        agent_end_ = UniqueFd(pair[1]);
+        clientEnd_ = UniqueFd(pair[0]);
+        agentEnd_ = UniqueFd(pair[1]);
     }
 
-    Client MakeClient(std::chrono::milliseconds patience = 10s) { return {std::move(client_end_), patience}; }
+    Client MakeClient(std::chrono::milliseconds timeout = 10s) { return {std::move(clientEnd_), timeout}; }
 
     std::string FailureOf(Client client)
     {
@@ -43,12 +43,12 @@ class ClientTest : public testing::Test {
     }
 
     Bytes request_{1, 2, 3};
-    UniqueFd client_end_;
-    UniqueFd agent_end_;
+    UniqueFd clientEnd_;
+    UniqueFd agentEnd_;
 };
 
-// Waits until the peer has taken what was written, so that the next byte comes alone.
-void AwaitTaken(int fd)
+// Waits until the peer has read everything that was written, so that it receives the next byte alone.
+void WaitUntilRead(int fd)
 {
     const auto deadline = std::chrono::steady_clock::now() + 10s;
     for (int left = 1; left != 0; ::sched_yield()) {
@@ -61,32 +61,32 @@ TEST_F(ClientTest, FramesTheRequestAndReadsTheReply)
 {
     std::string text = "because";
     const Bytes reply = PackReply(-22, [&](Kavel__Reply &message) { message.reason = text.data(); });
-    ASSERT_TRUE(WriteBytes(agent_end_.Get(), Frame(reply)));
+    ASSERT_TRUE(WriteBytes(agentEnd_.Get(), Frame(reply)));
     Client client = MakeClient();
     const ReplyPtr received = client.Exchange(request_);
     EXPECT_EQ(received->result, -22);
     EXPECT_STREQ(received->reason, "because");
-    EXPECT_EQ(ReadFrame(agent_end_.Get()), request_);
+    EXPECT_EQ(ReadFrame(agentEnd_.Get()), request_);
 }
 
 TEST_F(ClientTest, ManyExchangesShareAConnection)
 {
     Client client = MakeClient();
     for (std::int32_t result = 0; result < 3; ++result) {
-        ASSERT_TRUE(WriteBytes(agent_end_.Get(), Frame(PackReply(result))));
+        ASSERT_TRUE(WriteBytes(agentEnd_.Get(), Frame(PackReply(result))));
         EXPECT_EQ(client.Exchange(request_)->result, result);
-        EXPECT_EQ(ReadFrame(agent_end_.Get()), request_);
+        EXPECT_EQ(ReadFrame(agentEnd_.Get()), request_);
     }
 }
 
-TEST_F(ClientTest, PutsAReplyTogetherFromSingleBytes)
+TEST_F(ClientTest, AssemblesAReplyFromSingleBytes)
 {
     const Bytes frame = Frame(PackReply(-5));
     Client client = MakeClient();
     std::thread agent([&] {
         for (const std::uint8_t byte : frame) {
-            WriteBytes(agent_end_.Get(), {&byte, 1});
-            AwaitTaken(agent_end_.Get());
+            WriteBytes(agentEnd_.Get(), {&byte, 1});
+            WaitUntilRead(agentEnd_.Get());
         }
     });
     const ReplyPtr reply = client.Exchange(request_);
@@ -94,7 +94,7 @@ TEST_F(ClientTest, PutsAReplyTogetherFromSingleBytes)
     EXPECT_EQ(reply->result, -5);
 }
 
-TEST_F(ClientTest, MovesTheLargestFramesBothWays)
+TEST_F(ClientTest, SendsAndReceivesTheLargestFrames)
 {
     const Bytes request(control::kFrameMax, 0x5A);
     std::string text(control::kFrameMax - 16, 'x');
@@ -102,8 +102,8 @@ TEST_F(ClientTest, MovesTheLargestFramesBothWays)
     Bytes seen;
     Client client = MakeClient(30s);
     std::thread agent([&] {
-        seen = ReadFrame(agent_end_.Get());
-        WriteBytes(agent_end_.Get(), Frame(reply));
+        seen = ReadFrame(agentEnd_.Get());
+        WriteBytes(agentEnd_.Get(), Frame(reply));
     });
     const ReplyPtr received = client.Exchange(request);
     agent.join();
@@ -111,58 +111,58 @@ TEST_F(ClientTest, MovesTheLargestFramesBothWays)
     EXPECT_TRUE(received->text == text);
 }
 
-TEST_F(ClientTest, AgentClosesWithoutReply)
+TEST_F(ClientTest, FailsWhenTheAgentClosesWithoutReply)
 {
-    ::shutdown(agent_end_.Get(), SHUT_WR);
+    ::shutdown(agentEnd_.Get(), SHUT_WR);
     EXPECT_EQ(FailureOf(MakeClient()), "the agent closed the connection without a reply");
 }
 
-TEST_F(ClientTest, AgentGoneBeforeTheRequest)
+TEST_F(ClientTest, FailsWhenTheAgentHasClosedBeforeTheRequest)
 {
-    agent_end_ = UniqueFd();
+    agentEnd_ = UniqueFd();
     EXPECT_EQ(FailureOf(MakeClient()), "the agent closed the connection without a reply");
 }
 
-TEST_F(ClientTest, AgentClosesWithinTheHeader)
+TEST_F(ClientTest, FailsWhenTheAgentClosesWithinTheHeader)
 {
-    WriteBytes(agent_end_.Get(), Bytes{0, 0});
-    ::shutdown(agent_end_.Get(), SHUT_WR);
+    WriteBytes(agentEnd_.Get(), Bytes{0, 0});
+    ::shutdown(agentEnd_.Get(), SHUT_WR);
     EXPECT_EQ(FailureOf(MakeClient()), "the agent closed the connection without a reply");
 }
 
-TEST_F(ClientTest, AgentClosesWithinTheReply)
+TEST_F(ClientTest, FailsWhenTheAgentClosesWithinTheReply)
 {
     Bytes frame = Frame(PackReply(-22));
     frame.pop_back();
-    WriteBytes(agent_end_.Get(), frame);
-    ::shutdown(agent_end_.Get(), SHUT_WR);
+    WriteBytes(agentEnd_.Get(), frame);
+    ::shutdown(agentEnd_.Get(), SHUT_WR);
     EXPECT_EQ(FailureOf(MakeClient()), "the agent closed the connection without a reply");
 }
 
 TEST_F(ClientTest, RefusesAnOversizedReply)
 {
-    WriteBytes(agent_end_.Get(), Bytes{1, 0, 0, 1});
+    WriteBytes(agentEnd_.Get(), Bytes{1, 0, 0, 1});
     EXPECT_EQ(FailureOf(MakeClient()), "the agent announced a reply of 16777217 bytes, over the limit of 16777216");
 }
 
-TEST_F(ClientTest, RefusesAReplyThatIsNone)
+TEST_F(ClientTest, RefusesAMalformedReply)
 {
-    WriteBytes(agent_end_.Get(), Frame(Bytes{0xFF, 0xFF}));
+    WriteBytes(agentEnd_.Get(), Frame(Bytes{0xFF, 0xFF}));
     EXPECT_EQ(FailureOf(MakeClient()), "the agent's reply is malformed");
 }
 
 TEST_F(ClientTest, RefusesAReplyWithoutResult)
 {
-    WriteBytes(agent_end_.Get(), Frame({}));
+    WriteBytes(agentEnd_.Get(), Frame({}));
     EXPECT_EQ(FailureOf(MakeClient()), "the agent's reply is malformed");
 }
 
-TEST_F(ClientTest, GivesUpOnASilentAgent)
+TEST_F(ClientTest, TimesOutWhenTheAgentDoesNotReply)
 {
     EXPECT_EQ(FailureOf(MakeClient(50ms)), "the agent did not reply within 0.05 s");
 }
 
-TEST_F(ClientTest, GivesUpOnAnAgentThatReadsNothing)
+TEST_F(ClientTest, TimesOutWhenTheAgentDoesNotRead)
 {
     request_.resize(control::kFrameMax);
     EXPECT_EQ(FailureOf(MakeClient(50ms)), "the agent did not reply within 0.05 s");
@@ -178,26 +178,26 @@ std::string ConnectFailure(const std::string &path)
     return "connected";
 }
 
-TEST(Connect, NoSuchSocket)
+TEST(Connect, FailsWithoutASocket)
 {
     EXPECT_EQ(ConnectFailure("/nonexistent/agent.sock"),
               "cannot reach the agent at /nonexistent/agent.sock: No such file or directory");
 }
 
-TEST(Connect, NobodyListens)
+TEST(Connect, FailsWhenNoAgentListens)
 {
     const TempDir dir;
     const std::string file = dir.Write("agent.sock", "");
     EXPECT_EQ(ConnectFailure(file), "cannot reach the agent at " + file + ": Connection refused");
 }
 
-TEST(Connect, PathTooLongForASocket)
+TEST(Connect, FailsWhenThePathIsTooLong)
 {
     const std::string path = "/" + std::string(200, 'x');
     EXPECT_EQ(ConnectFailure(path), "cannot reach the agent at " + path + ": File name too long");
 }
 
-TEST(PackRequest, RefusesWhatNoFrameCanCarry)
+TEST(PackRequest, RefusesARequestOverTheFrameLimit)
 {
     Bytes message(control::kFrameMax);
     Kavel__Request request{};

@@ -108,7 +108,7 @@ TEST_F(CommandsTest, ApplyStopsAtTheFirstRefusal)
     EXPECT_EQ(agent_->Requests().size(), 2U);
 }
 
-TEST_F(CommandsTest, ApplySaysNothingOfFilesLeftWhenTheLastIsRefused)
+TEST_F(CommandsTest, ApplyListsNoUnsentFilesWhenTheLastIsRefused)
 {
     Answer({ReplyFor(99, -2, "", "vpn 99 is not configured")});
     EXPECT_EQ(GoApply({{kBranchOffice}}), kRefused);
@@ -116,7 +116,7 @@ TEST_F(CommandsTest, ApplySaysNothingOfFilesLeftWhenTheLastIsRefused)
     EXPECT_EQ(err_.str(), "");
 }
 
-TEST_F(CommandsTest, ABadFileKeepsAllFromBeingSent)
+TEST_F(CommandsTest, ApplySendsNothingWhenAFileIsBad)
 {
     Answer({ReplyFor(7, 0)});
     const std::string bad = dir_.Write("bad.json", R"({"enable": true, "operation": 1, "vpnid": -1})");
@@ -126,13 +126,13 @@ TEST_F(CommandsTest, ABadFileKeepsAllFromBeingSent)
     EXPECT_EQ(agent_->Requests().size(), 0U);
 }
 
-TEST_F(CommandsTest, AMissingFileIsNamed)
+TEST_F(CommandsTest, ErrorNamesAMissingFile)
 {
     EXPECT_EQ(GoApply({{"/nonexistent.json"}}), kBadInput);
     EXPECT_EQ(err_.str(), "vqctl: /nonexistent.json: cannot be opened: No such file or directory\n");
 }
 
-TEST_F(CommandsTest, BinarySendsTheBytesAsTheyAre)
+TEST_F(CommandsTest, BinarySendsTheBytesUnchanged)
 {
     Answer({PackReply(0)});
     const std::string bytes("\x00\xFF not a message", 16);
@@ -141,14 +141,14 @@ TEST_F(CommandsTest, BinarySendsTheBytesAsTheyAre)
     EXPECT_EQ(MessageOf(*Request(0)), bytes);
 }
 
-TEST_F(CommandsTest, AMessageThatNoFrameCarriesIsABadFile)
+TEST_F(CommandsTest, AMessageOverTheFrameLimitIsABadFile)
 {
     const std::string large = dir_.Write("large", std::string(control::kFrameMax, 'x'));
     EXPECT_EQ(GoApply({{large}, true}), kBadInput);
     EXPECT_EQ(err_.str(), "vqctl: " + large + ": the request would take 16777223 bytes, over the limit of 16777216\n");
 }
 
-TEST_F(CommandsTest, WhatIsWrongThoughAppliedIsSaidAside)
+TEST_F(CommandsTest, ProblemAfterApplyGoesToStandardError)
 {
     Answer({ReplyFor(7, 0, "", "the instance did not come up")});
     EXPECT_EQ(GoApply({{kBranchOffice}}), kDone);
@@ -156,13 +156,13 @@ TEST_F(CommandsTest, WhatIsWrongThoughAppliedIsSaidAside)
     EXPECT_EQ(err_.str(), "vqctl: vpn 7: the instance did not come up\n");
 }
 
-TEST_F(CommandsTest, NoAgent)
+TEST_F(CommandsTest, ApplyFailsWithoutAnAgent)
 {
     EXPECT_EQ(GoApply({{kBranchOffice}}), kNoAgent);
     EXPECT_EQ(err_.str(), "vqctl: cannot reach the agent at /nonexistent/agent.sock: No such file or directory\n");
 }
 
-TEST_F(CommandsTest, AnAgentThatGoesAwayLeavesNothingUnsaid)
+TEST_F(CommandsTest, ApplyListsUnsentFilesWhenTheConnectionCloses)
 {
     Answer({ReplyFor(7, 0), {}});
     EXPECT_EQ(GoApply({{kBranchOffice, kChange, kOff}}), kNoAgent);
@@ -171,7 +171,7 @@ TEST_F(CommandsTest, AnAgentThatGoesAwayLeavesNothingUnsaid)
                               ": the agent closed the connection without a reply; not sent: " + kOff + "\n");
 }
 
-TEST_F(CommandsTest, VerboseTellsWhatIsSent)
+TEST_F(CommandsTest, VerboseReportsRequestsAndResults)
 {
     Answer({ReplyFor(7, -22)});
     session_.verbose = true;
@@ -182,7 +182,7 @@ TEST_F(CommandsTest, VerboseTellsWhatIsSent)
                               "vqctl: received result -22\n");
 }
 
-TEST_F(CommandsTest, CheckGoesThroughAllMessages)
+TEST_F(CommandsTest, CheckContinuesAfterARefusal)
 {
     Answer({ReplyFor(7, -75, "dnsmasq dns server number is more than 8"), CheckReply(7)});
     EXPECT_EQ(GoCheck({{kBranchOffice, kChange}}), kRefused);
@@ -198,7 +198,7 @@ TEST_F(CommandsTest, CheckOfGoodMessagesSucceeds)
     EXPECT_EQ(GoCheck({{kBranchOffice}}), kDone);
 }
 
-TEST_F(CommandsTest, CheckNeedsASummary)
+TEST_F(CommandsTest, CheckFailsWithoutASummary)
 {
     Answer({ReplyFor(7, 0)});
     EXPECT_EQ(GoCheck({{kBranchOffice}}), kNoAgent);
@@ -224,7 +224,7 @@ Bytes StatusReply(const char *problem, bool isStarting = false)
     });
 }
 
-TEST_F(CommandsTest, StatusOfAll)
+TEST_F(CommandsTest, StatusOfAllVpns)
 {
     Answer({StatusReply(nullptr)});
     EXPECT_EQ(Go([&] { return Status(session_, std::nullopt, false); }), kDone);
@@ -233,7 +233,7 @@ TEST_F(CommandsTest, StatusOfAll)
     EXPECT_EQ(Request(0)->has_vpn, 0);
 }
 
-TEST_F(CommandsTest, StatusOfAVpnWithProblems)
+TEST_F(CommandsTest, StatusOfAVpnWithProblemsReturnsRefused)
 {
     Answer({StatusReply("does not answer on port 53")});
     EXPECT_EQ(Go([&] { return Status(session_, 7, false); }), kRefused);
@@ -274,7 +274,7 @@ TEST_F(CommandsTest, StatusOfAnUnknownVpn)
     EXPECT_EQ(err_.str(), "vqctl: vpn 99: refused (-2 No such file or directory): vpn 99 is not configured\n");
 }
 
-TEST_F(CommandsTest, VpnInit)
+TEST_F(CommandsTest, VpnInitNamesTheVpn)
 {
     Answer({PackReply(0)});
     EXPECT_EQ(Go([&] { return VpnInit(session_, 7); }), kDone);
@@ -283,7 +283,7 @@ TEST_F(CommandsTest, VpnInit)
     EXPECT_EQ(Request(0)->vpn, 7U);
 }
 
-TEST_F(CommandsTest, VpnRelease)
+TEST_F(CommandsTest, VpnReleaseNamesTheVpn)
 {
     Answer({PackReply(0)});
     EXPECT_EQ(Go([&] { return VpnRelease(session_, 7); }), kDone);
@@ -292,14 +292,14 @@ TEST_F(CommandsTest, VpnRelease)
     EXPECT_EQ(Request(0)->vpn, 7U);
 }
 
-TEST_F(CommandsTest, VpnReleaseRefused)
+TEST_F(CommandsTest, VpnReleaseReportsARefusal)
 {
     Answer({ReplyFor(7, -16, "", "the instance of vpn 7 is running")});
     EXPECT_EQ(Go([&] { return VpnRelease(session_, 7); }), kRefused);
     EXPECT_EQ(out_.str(), "vpn 7: refused (-16 Device or resource busy): the instance of vpn 7 is running\n");
 }
 
-TEST_F(CommandsTest, StoreList)
+TEST_F(CommandsTest, StoreListPrintsATable)
 {
     Kavel__StoredRecord record{};
     kavel__stored_record__init(&record);
@@ -317,7 +317,7 @@ TEST_F(CommandsTest, StoreList)
     EXPECT_EQ(Request(0)->has_vpn, 0);
 }
 
-TEST_F(CommandsTest, StoreListRefused)
+TEST_F(CommandsTest, StoreListReportsARefusal)
 {
     Answer({PackReply(-95, [text = std::string("persistence is switched off")](Kavel__Reply &reply) mutable {
         reply.text = text.data();
@@ -327,7 +327,7 @@ TEST_F(CommandsTest, StoreListRefused)
     EXPECT_EQ(err_.str(), "vqctl: store: refused (-95 Operation not supported): persistence is switched off\n");
 }
 
-TEST_F(CommandsTest, StoreShow)
+TEST_F(CommandsTest, StoreShowPrintsTheRecord)
 {
     Answer({PackReply(0, [text = std::string(R"({"Enable": true})")](Kavel__Reply &reply) mutable {
         reply.has_stored_text = 1;
@@ -340,7 +340,7 @@ TEST_F(CommandsTest, StoreShow)
     EXPECT_EQ(Request(0)->vpn, 0U);
 }
 
-TEST_F(CommandsTest, StoreShowOfNothing)
+TEST_F(CommandsTest, StoreShowReportsAMissingRecord)
 {
     Answer({ReplyFor(99, -2, "", "nothing is stored for vpn 99")});
     EXPECT_EQ(Go([&] { return StoreShow(session_, 99); }), kRefused);
@@ -348,7 +348,7 @@ TEST_F(CommandsTest, StoreShowOfNothing)
     EXPECT_EQ(err_.str(), "vqctl: vpn 99: refused (-2 No such file or directory): nothing is stored for vpn 99\n");
 }
 
-TEST_F(CommandsTest, StoreShowNeedsAText)
+TEST_F(CommandsTest, StoreShowFailsWithoutAText)
 {
     Answer({PackReply(0)});
     EXPECT_EQ(Go([&] { return StoreShow(session_, 7); }), kNoAgent);
@@ -362,7 +362,7 @@ TEST_F(CommandsTest, EncodeWritesAFile)
     EXPECT_EQ(ReadInput(target), std::string("\x08\x00\x10\x00\x38\x01\x48\x07", 8));
 }
 
-TEST_F(CommandsTest, EncodeLeavesTheTargetAloneWhenTheMessageIsBad)
+TEST_F(CommandsTest, EncodeKeepsTheTargetWhenTheMessageIsBad)
 {
     const std::string target = dir_.Write("message.bin", "old");
     const std::string bad = dir_.Write("bad.json", "{}");
@@ -377,7 +377,7 @@ TEST_F(CommandsTest, EncodeNamesTheTargetThatItCannotWrite)
     EXPECT_EQ(err_.str(), "vqctl: /dev/full: cannot be written: No space left on device\n");
 }
 
-TEST_F(CommandsTest, OutputThatCannotBeWrittenIsNoSuccess)
+TEST_F(CommandsTest, RunFailsWhenOutputCannotBeWritten)
 {
     out_.setstate(std::ios::badbit);
     EXPECT_EQ(Go([] { return kDone; }), kBadInput);

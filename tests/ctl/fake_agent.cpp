@@ -121,7 +121,7 @@ FakeAgent::~FakeAgent()
 const std::vector<Bytes> &FakeAgent::Requests()
 {
     if (thread_.joinable()) {
-        ::shutdown(listener_.Get(), SHUT_RDWR); // ends a wait for a connection that never came
+        ::shutdown(listener_.Get(), SHUT_RDWR); // ends accept4() if no client has connected
         thread_.join();
     }
     return requests_;

@@ -1,4 +1,4 @@
-// What the tests put at the other end of the control socket.
+// A fake agent for the tests, and helpers for frames and files.
 #ifndef KAVEL_TESTS_CTL_FAKE_AGENT_H
 #define KAVEL_TESTS_CTL_FAKE_AGENT_H
 
@@ -16,19 +16,19 @@ namespace kavel::ctl {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// A packed reply of `result` that `fill` completes. The strings it sets only have to live until it returns.
+// A packed reply with `result` and what `fill` sets. The strings that `fill` sets need to live until it returns only.
 Bytes PackReply(std::int32_t result, const std::function<void(Kavel__Reply &)> &fill = {});
 
 // The frame that carries `payload`.
 Bytes Frame(const Bytes &payload);
 
-// Writes all of it; false when the peer is gone.
+// Writes all bytes. False when the peer has closed the connection.
 bool WriteBytes(int fd, std::span<const std::uint8_t> bytes);
 
-// Reads one frame's payload; empty at the end of the connection.
+// Reads one frame and returns its payload; empty at the end of the connection.
 Bytes ReadFrame(int fd);
 
-// A directory of its own, removed with everything in it.
+// A new temporary directory. The destructor removes it and everything in it.
 class TempDir {
   public:
     TempDir();
@@ -37,14 +37,15 @@ class TempDir {
     TempDir &operator=(const TempDir &) = delete;
 
     [[nodiscard]] std::string File(const std::string &name) const { return path_ + "/" + name; }
-    // Creates a file there and returns its path.
+    // Creates a file in it and returns the path.
     [[nodiscard]] std::string Write(const std::string &name, const std::string &content) const;
 
   private:
     std::string path_;
 };
 
-// Serves one connection: answers the n-th request with the n-th reply, then closes. An empty reply closes at once.
+// Serves one connection: replies to the n-th request with the n-th of `replies` and closes after the last. An empty
+// reply closes the connection at once.
 class FakeAgent {
   public:
     explicit FakeAgent(std::vector<Bytes> replies);
@@ -53,7 +54,7 @@ class FakeAgent {
     FakeAgent &operator=(const FakeAgent &) = delete;
 
     [[nodiscard]] std::string Socket() const { return dir_.File("agent.sock"); }
-    // The packed requests that came in. Ends the service.
+    // Stops the agent and returns the packed requests that it received.
     const std::vector<Bytes> &Requests();
 
   private:

@@ -30,7 +30,7 @@ TEST(ReadInput, ReturnsEveryByte)
     EXPECT_EQ(ReadInput(dir.Write("empty", "")), "");
 }
 
-TEST(ReadInput, SaysWhyItCannot)
+TEST(ReadInput, ReportsTheReasonOfAFailure)
 {
     EXPECT_EQ(FailureOf([] { ReadInput("/nonexistent"); }), "cannot be opened: No such file or directory");
     EXPECT_EQ(FailureOf([] { ReadInput("/"); }), "cannot be read: Is a directory");
@@ -49,7 +49,7 @@ TEST(WriteOutput, ReplacesTheFile)
     EXPECT_EQ(ReadInput(file), std::string("a\0b", 3));
 }
 
-TEST(WriteOutput, SaysWhyItCannot)
+TEST(WriteOutput, ReportsTheReasonOfAFailure)
 {
     const TempDir dir;
     EXPECT_EQ(FailureOf([&] { WriteOutput(dir.File("none/file"), {}); }),

@@ -48,10 +48,10 @@ std::string Refusal(const std::string &text)
     } catch (const InputError &error) {
         return error.what();
     }
-    return "taken";
+    return "accepted";
 }
 
-// A CPE message that is fine but for `members`.
+// A CPE message with the required members and `members`.
 std::string Cpe(const std::string &members)
 {
     return R"({"enable": true, "operation": "reload", )" + members + "}";
@@ -84,7 +84,7 @@ void PrintTo(const RefusalCase &refusal, std::ostream *out)
 
 class RefusedMessage : public testing::TestWithParam<RefusalCase> {};
 
-TEST_P(RefusedMessage, SaysWhereAndWhy)
+TEST_P(RefusedMessage, NamesThePathAndTheReason)
 {
     EXPECT_EQ(Refusal(GetParam().json), GetParam().text);
 }
@@ -225,7 +225,7 @@ std::vector<RefusalCase> ValueCases()
 }
 INSTANTIATE_TEST_SUITE_P(Value, RefusedMessage, testing::ValuesIn(ValueCases()), CaseName);
 
-// Which message a file is taken for shows in what is wrong with it.
+// The refusal shows whether the file was read as a CPE message or as a POP message.
 std::vector<RefusalCase> PlatformCases()
 {
     return {
@@ -241,7 +241,7 @@ std::vector<RefusalCase> PlatformCases()
 }
 INSTANTIATE_TEST_SUITE_P(Platform, RefusedMessage, testing::ValuesIn(PlatformCases()), CaseName);
 
-TEST(CpeMessage, SmallestHasNothingButItsFlags)
+TEST(CpeMessage, SmallestHasOnlyTheRequiredFields)
 {
     const CpePtr conf = DecodeCpe(EncodeJson(R"({"enable": false, "operation": "reboot"})"));
     ASSERT_TRUE(conf);
@@ -253,7 +253,7 @@ TEST(CpeMessage, SmallestHasNothingButItsFlags)
     EXPECT_EQ(conf->n_dnshosts + conf->n_dnsservers + conf->n_dnsmxhost + conf->n_dnsproxies, 0U);
 }
 
-TEST(CpeMessage, OperationByNameOrAnyNumber)
+TEST(CpeMessage, AcceptsOperationByNameOrNumber)
 {
     EXPECT_EQ(DecodeCpe(EncodeJson(R"({"enable": true, "operation": "reload"})"))->operation, 0U);
     EXPECT_EQ(DecodeCpe(EncodeJson(R"({"enable": true, "operation": 0})"))->operation, 0U);
@@ -286,7 +286,7 @@ TEST(CpeMessage, CarriesEveryOptionalField)
     EXPECT_EQ(Ipv6Text(proxy.serveripv6s[1]), "fe80::2");
 }
 
-TEST(CpeMessage, LeavesTheModulesRulesToTheModule)
+TEST(CpeMessage, DoesNotCheckTheModulesLimits)
 {
     std::string hosts = R"({"domain": "not a domain", "ip": "0.0.0.0"})";
     for (int i = 0; i < 1024; ++i) {
@@ -299,7 +299,7 @@ TEST(CpeMessage, LeavesTheModulesRulesToTheModule)
     EXPECT_STREQ(conf->dnshosts[1024]->domain, "");
 }
 
-TEST(CpeMessage, SummaryIsForPeople)
+TEST(CpeMessage, SummaryListsTheCounts)
 {
     EXPECT_EQ(EncodeExample("branch-office.json").summary,
               "CPE message for vpn 7: enabled, reboot, 3 hosts, 1 mx, 2 servers, 1 proxy item");

@@ -9,61 +9,61 @@ namespace {
 
 std::string Refusal(std::int32_t result, const char *text, const char *reason)
 {
-    std::string own_text = text != nullptr ? text : "";
-    std::string own_reason = reason != nullptr ? reason : "";
+    std::string ownText = text != nullptr ? text : "";
+    std::string ownReason = reason != nullptr ? reason : "";
     Kavel__Reply reply{};
     kavel__reply__init(&reply);
     reply.result = result;
-    reply.text = text != nullptr ? own_text.data() : nullptr;
-    reply.reason = reason != nullptr ? own_reason.data() : nullptr;
+    reply.text = text != nullptr ? ownText.data() : nullptr;
+    reply.reason = reason != nullptr ? ownReason.data() : nullptr;
     return RefusalText(reply);
 }
 
-TEST(RefusalText, GivesTheModulesReason)
+TEST(RefusalText, PrefersTheModulesReason)
 {
     EXPECT_EQ(Refusal(-22, "Invalid argument", "dnsmasq dns host[3].domain is invalid"),
               "(-22 Invalid argument): dnsmasq dns host[3].domain is invalid");
 }
 
-TEST(RefusalText, GivesTheAgentsOwnWordsWithoutAReason)
+TEST(RefusalText, UsesTheAgentsTextWithoutAReason)
 {
     EXPECT_EQ(Refusal(-2, "vpn 99 is not configured", nullptr),
               "(-2 No such file or directory): vpn 99 is not configured");
 }
 
-TEST(RefusalText, SaysNothingTwice)
+TEST(RefusalText, DoesNotRepeatTheErrorText)
 {
     EXPECT_EQ(Refusal(-12, "Cannot allocate memory", nullptr), "(-12 Cannot allocate memory)");
     EXPECT_EQ(Refusal(-12, nullptr, nullptr), "(-12 Cannot allocate memory)");
 }
 
-TEST(RefusalText, SurvivesTheSmallestResult)
+TEST(RefusalText, HandlesTheSmallestResult)
 {
     EXPECT_EQ(Refusal(std::numeric_limits<std::int32_t>::min(), nullptr, "odd"),
               "(-2147483648 Unknown error 2147483647): odd");
 }
 
-TEST(RefusalText, KeepsToOneLineAndLeavesTheTerminalAlone)
+TEST(RefusalText, ReplacesControlCharacters)
 {
     EXPECT_EQ(Refusal(-22, nullptr, "domain(\033[31mx\n) is invalid"),
               "(-22 Invalid argument): domain(?[31mx?) is invalid");
 }
 
-TEST(Printable, ReplacesControlCharactersAlone)
+TEST(Printable, ReplacesOnlyControlCharacters)
 {
     EXPECT_EQ(Printable("caf\u00e9 \t\x7f\u009bm \u00a0."), "caf\u00e9 ???m \u00a0.");
     EXPECT_EQ(Printable("ends in \xC2"), "ends in \xC2");
     EXPECT_EQ(Printable(""), "");
 }
 
-TEST(Counted, TellsOneFromMany)
+TEST(Counted, UsesSingularAndPlural)
 {
     EXPECT_EQ(Counted(0, "host"), "0 hosts");
     EXPECT_EQ(Counted(1, "host"), "1 host");
     EXPECT_EQ(Counted(2, "host"), "2 hosts");
 }
 
-TEST(OperationText, NamesTheKnownOnes)
+TEST(OperationText, NamesTheKnownOperations)
 {
     EXPECT_EQ(OperationText(0), "reload");
     EXPECT_EQ(OperationText(1), "reboot");
@@ -77,7 +77,7 @@ TEST(SubjectText, NamesTheVpnWhenItIsKnown)
     EXPECT_EQ(SubjectText(std::nullopt), "message");
 }
 
-TEST(SummaryText, SaysWhatAMessageSets)
+TEST(SummaryText, ListsWhatAMessageSets)
 {
     Kavel__Summary summary{};
     kavel__summary__init(&summary);

@@ -1,4 +1,4 @@
-// The program itself, run as a user runs it.
+// Runs the vqctl program with command lines, as a user does.
 #include <array>
 #include <cstdlib>
 #include <fcntl.h>
@@ -71,7 +71,7 @@ TEST_F(ProgramTest, Version)
     EXPECT_EQ(outcome.out, "vqctl " KAVEL_VERSION "\n");
 }
 
-TEST_F(ProgramTest, HelpTellsTheExitCodes)
+TEST_F(ProgramTest, HelpListsTheExitCodes)
 {
     for (const char *command : {"", "apply", "check", "encode", "status", "vpn", "store"}) {
         std::vector<std::string> arguments{"--help"};
@@ -85,33 +85,33 @@ TEST_F(ProgramTest, HelpTellsTheExitCodes)
     }
 }
 
-TEST_F(ProgramTest, WrongUsageIsOneLine)
+TEST_F(ProgramTest, WrongUsageIsReportedInOneLine)
 {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{}, "A subcommand is required"},
-        {{"bogus"}, "\"bogus\" is not understood"},
+        {{"bogus"}, "\"bogus\" is not a known argument"},
         {{"apply"}, "FILE is required"},
-        {{"apply", "--bogus"}, "\"--bogus\" is not understood"},
-        {{"encode", "a", "b"}, "\"b\" is not understood"},
+        {{"apply", "--bogus"}, "\"--bogus\" is not a known argument"},
+        {{"encode", "a", "b"}, "\"b\" is not a known argument"},
         {{"status", "--vpn", "x"}, "\"x\" is not a VPN number"},
         {{"vpn"}, "A subcommand is required"},
         {{"vpn", "init"}, "ID is required"},
         {{"vpn", "init", "0x7"}, "\"0x7\" is not a VPN number"},
         {{"vpn", "release", "4294967296"}, "\"4294967296\" is not a VPN number"},
         {{"store"}, "A subcommand is required"},
-        {{"store", "list", "7"}, "\"7\" is not understood"},
+        {{"store", "list", "7"}, "\"7\" is not a known argument"},
         {{"store", "show"}, "ID is required"},
         {{"vpn", "release", "-1"}, "\"-1\" is not a VPN number"},
     };
     for (const auto &[arguments, text] : cases) {
         const Outcome outcome = Vqctl(arguments);
         EXPECT_EQ(outcome.code, kBadInput) << text;
-        EXPECT_EQ(outcome.err, "vqctl: " + text + " (vqctl --help tells more)\n");
+        EXPECT_EQ(outcome.err, "vqctl: " + text + " (see vqctl --help)\n");
         EXPECT_EQ(outcome.out, "") << text;
     }
 }
 
-TEST_F(ProgramTest, NoAgent)
+TEST_F(ProgramTest, FailsWithoutAnAgent)
 {
     const Outcome outcome = Vqctl({"-s", "/nonexistent/agent.sock", "status"});
     EXPECT_EQ(outcome.code, kNoAgent);
@@ -182,19 +182,19 @@ TEST_F(ProgramTest, EncodeWritesBytes)
     EXPECT_EQ(ReadInput(target), outcome.out);
 }
 
-TEST_F(ProgramTest, EncodeSparesTheTerminal)
+TEST_F(ProgramTest, EncodeRefusesToWriteToATerminal)
 {
     int leader = -1;
     int terminal = -1;
     ASSERT_EQ(::openpty(&leader, &terminal, nullptr, nullptr, nullptr), 0);
-    const UniqueFd own_leader(leader);
-    const UniqueFd own_terminal(terminal);
+    const UniqueFd ownLeader(leader);
+    const UniqueFd ownTerminal(terminal);
     const Outcome outcome = Vqctl({"encode", KAVEL_EXAMPLES "/pop.json"}, {}, terminal);
     EXPECT_EQ(outcome.code, kBadInput);
     EXPECT_EQ(outcome.err, "vqctl: standard output: is a terminal: name a file with -o, or redirect the output\n");
 }
 
-TEST_F(ProgramTest, AFullDiskIsNoSuccess)
+TEST_F(ProgramTest, FailsWhenStandardOutputCannotBeWritten)
 {
     const UniqueFd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
     FakeAgent agent({PackReply(0)});

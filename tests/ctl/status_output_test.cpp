@@ -13,9 +13,9 @@
 namespace kavel::ctl {
 namespace {
 
-// A status with its strings.
+// A status, and the owner of the strings in it.
 struct SampleVpn {
-    explicit SampleVpn(std::uint32_t id, std::string own_namespace) : name(std::move(own_namespace))
+    explicit SampleVpn(std::uint32_t id, std::string ownNamespace) : name(std::move(ownNamespace))
     {
         kavel__vpn_status__init(&status);
         status.vpn = id;
@@ -84,7 +84,7 @@ vpn 4294967295: runs in another?network namespace
 )");
 }
 
-TEST_F(StatusTest, ColourMarksTheStateWordsAlone)
+TEST_F(StatusTest, OnlyTheStatesAreColoured)
 {
     const std::string plain = StatusTable(all_, false);
     std::string coloured = StatusTable(all_, true);
@@ -106,7 +106,7 @@ TEST_F(StatusTest, TableWithoutProblemsEndsWithItsLastRow)
         "  0  -          stopped    -       -       -      0   0        0         0       0  -       -     -\n");
 }
 
-TEST_F(StatusTest, OnAPopTheRuleNeedsTheDnatRule)
+TEST_F(StatusTest, RuleOfAPopNeedsTheDnatRule)
 {
     running_.status.has_dnat = 1;
     const std::span<const Kavel__VpnStatus *const> one = std::span(all_).subspan(1, 1);
@@ -117,7 +117,7 @@ TEST_F(StatusTest, OnAPopTheRuleNeedsTheDnatRule)
     EXPECT_NE(StatusTable(one, false).find("  yes     no    yes\n"), std::string::npos);
 }
 
-TEST_F(StatusTest, DeadProcessKeepsItsPid)
+TEST_F(StatusTest, TableShowsThePidOfADeadProcess)
 {
     running_.status.alive = 0;
     const std::string table = StatusTable(std::span(all_).subspan(1, 1), false);
@@ -154,7 +154,7 @@ TEST_F(StatusTest, ProblemsOfAStartingInstanceComeFirst)
     EXPECT_EQ(table.find("starting"), std::string::npos) << table;
 }
 
-TEST_F(StatusTest, AnyProblemCountsEveryVpn)
+TEST_F(StatusTest, AnyProblemLooksAtEveryVpn)
 {
     EXPECT_TRUE(AnyProblem(all_));
     EXPECT_FALSE(AnyProblem(std::span(all_).first(2)));
@@ -181,7 +181,7 @@ std::string JsonOf(const Kavel__VpnStatus &status)
     return json_object_to_json_string_ext(json_object_array_get_idx(json.get(), 0), JSON_C_TO_STRING_PLAIN);
 }
 
-TEST_F(StatusTest, JsonValues)
+TEST_F(StatusTest, JsonHasTheValuesOfTheStatus)
 {
     failed_.status.in_namespace = 0;
     failed_.status.memory_bytes = 18446744073709551615U;
@@ -211,7 +211,7 @@ TEST_F(StatusTest, JsonOfAStartingInstance)
         << json;
 }
 
-TEST(StatusJson, OfNothingIsAnEmptyArray)
+TEST(StatusJson, OfNoVpnIsAnEmptyArray)
 {
     EXPECT_EQ(json_object_array_length(ParseJson(StatusJson({})).get()), 0U);
 }
@@ -262,12 +262,12 @@ class ColourTest : public testing::Test {
     std::optional<std::string> before_;
 };
 
-TEST_F(ColourTest, OnATerminal)
+TEST_F(ColourTest, IsWantedOnATerminal)
 {
     EXPECT_TRUE(WantsColour(terminal_.Get()));
 }
 
-TEST_F(ColourTest, NotWhenTheUserAsksForPlainText)
+TEST_F(ColourTest, IsNotWantedWithNoColor)
 {
     ::setenv("NO_COLOR", "1", 1);
     EXPECT_FALSE(WantsColour(terminal_.Get()));
@@ -275,7 +275,7 @@ TEST_F(ColourTest, NotWhenTheUserAsksForPlainText)
     EXPECT_TRUE(WantsColour(terminal_.Get()));
 }
 
-TEST_F(ColourTest, NotElsewhere)
+TEST_F(ColourTest, IsNotWantedWithoutATerminal)
 {
     EXPECT_FALSE(WantsColour(-1));
 }

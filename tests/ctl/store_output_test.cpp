@@ -34,7 +34,7 @@ class StoreOutputTest : public testing::Test {
     Kavel__StoredRecord bad_ = Record(4294967295, 3);
 };
 
-TEST_F(StoreOutputTest, TableTellsWhatIsInEachRecord)
+TEST_F(StoreOutputTest, TableHasARowForEachRecord)
 {
     const std::vector<const Kavel__StoredRecord *> all{&on_, &off_, &bad_};
     EXPECT_EQ(StoredTable(all), "       VPN  ENABLED     HOSTS  MX  SERVERS  FORWARDS     BYTES\n"
@@ -45,12 +45,12 @@ TEST_F(StoreOutputTest, TableTellsWhatIsInEachRecord)
                                 "vpn 4294967295: Lack of?Enable\n");
 }
 
-TEST_F(StoreOutputTest, AnEmptyStoreHasTitlesAlone)
+TEST_F(StoreOutputTest, TableOfAnEmptyStoreHasOnlyTitles)
 {
     EXPECT_EQ(StoredTable({}), "VPN  ENABLED  HOSTS  MX  SERVERS  FORWARDS  BYTES\n");
 }
 
-TEST_F(StoreOutputTest, JsonIsLaidOut)
+TEST_F(StoreOutputTest, JsonIsIndented)
 {
     EXPECT_EQ(StoredText(R"({"Enable":true,"DnsHost":[{"Ip":"10.0.0.1","Domain":"a/b"}]})"), R"({
   "Enable": true,
@@ -64,7 +64,7 @@ TEST_F(StoreOutputTest, JsonIsLaidOut)
 )");
 }
 
-TEST_F(StoreOutputTest, OtherTextIsShownWithoutHarm)
+TEST_F(StoreOutputTest, ControlCharactersOfOtherTextAreReplaced)
 {
     EXPECT_EQ(StoredText("{\033[2J"), "{?[2J\n");
     EXPECT_EQ(StoredText(""), "\n");

@@ -13,8 +13,8 @@
 
 namespace kavel::agent {
 
-// The text is one line that says what is wrong. It begins with the path of the key, "vpns[1].id: 7 is configured twice",
-// or with the position of a syntax error, "line 2, column 3: unexpected character".
+// The text is one line that says what is wrong. It begins with the path of the key, "vpns[1].id: 7 is configured
+// twice", or with the position of a syntax error, "line 2, column 3: unexpected character".
 class ConfigError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
