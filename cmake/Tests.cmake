@@ -1,0 +1,55 @@
+# How test programs are built, and how ctest runs them.
+
+# The programs of scripts/test --quick: no root, no namespaces, fast.
+add_custom_target(quick)
+# The programs of scripts/coverage: built on request alone.
+add_custom_target(coverage_programs)
+option(KAVEL_COVERAGE "Define the programs that scripts/coverage runs" OFF)
+
+# kavel_use_test_headers(TARGET...): compiles the headers of most tests once for all of these targets.
+function(kavel_use_test_headers)
+  foreach(target ${ARGN})
+    target_precompile_headers(${target} REUSE_FROM test_headers)
+  endforeach()
+endfunction()
+
+# kavel_add_cases(NAME LABEL SECONDS COMMAND...): runs a test program as one entry of ctest. SECONDS is the time limit.
+function(kavel_add_cases NAME LABEL SECONDS)
+  add_test(NAME ${NAME} COMMAND ${PROJECT_SOURCE_DIR}/tests/run_cases ${SECONDS} ${ARGN})
+  # run_cases stops the program first, and names the case that was running.
+  math(EXPR limit "${SECONDS} + 30")
+  set_tests_properties(${NAME} PROPERTIES LABELS ${LABEL} TIMEOUT ${limit})
+endfunction()
+
+# kavel_is_quick(TEST... PROGRAMS PROGRAM...): scripts/test --quick builds these programs and runs these tests.
+function(kavel_is_quick)
+  cmake_parse_arguments(ARG "" "" "PROGRAMS" ${ARGN})
+  add_dependencies(quick ${ARG_PROGRAMS})
+  set_property(TEST ${ARG_UNPARSED_ARGUMENTS} APPEND PROPERTY LABELS quick)
+endfunction()
+
+# kavel_for_coverage(PROGRAM): scripts/coverage builds and runs this program, nobody else.
+function(kavel_for_coverage PROGRAM)
+  set_target_properties(${PROGRAM} PROPERTIES EXCLUDE_FROM_ALL ON)
+  add_dependencies(coverage_programs ${PROGRAM})
+endfunction()
+
+# kavel_counted(TARGET): defines TARGET_counted, the sources of the object library TARGET compiled so that they count
+# what runs of them. The tests themselves are not counted, so these programs share their objects with the others.
+function(kavel_counted TARGET)
+  get_target_property(folder ${TARGET} SOURCE_DIR)
+  get_target_property(sources ${TARGET} SOURCES)
+  list(TRANSFORM sources PREPEND ${folder}/)
+  add_library(${TARGET}_counted OBJECT EXCLUDE_FROM_ALL ${sources})
+  # An object library passes on its requirements, not its objects.
+  target_link_libraries(${TARGET}_counted PUBLIC ${TARGET})
+  target_include_directories(${TARGET}_counted PRIVATE $<TARGET_PROPERTY:${TARGET},INCLUDE_DIRECTORIES>)
+  target_compile_definitions(${TARGET}_counted PRIVATE $<TARGET_PROPERTY:${TARGET},COMPILE_DEFINITIONS>)
+  target_compile_options(${TARGET}_counted PRIVATE $<TARGET_PROPERTY:${TARGET},COMPILE_OPTIONS>)
+  get_target_property(generated ${TARGET} MANUALLY_ADDED_DEPENDENCIES)
+  if(generated)
+    add_dependencies(${TARGET}_counted ${generated})
+  endif()
+  target_compile_options(${TARGET}_counted PRIVATE -O0 --coverage)
+  target_link_options(${TARGET}_counted INTERFACE --coverage)
+endfunction()

@@ -1,0 +1,253 @@
+// The agent's configuration file: what is accepted, the defaults, and one line for every kind of refusal.
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/config.h"
+
+namespace {
+
+using kavel::agent::Config;
+using kavel::agent::ConfigError;
+using kavel::agent::LogLevel;
+using kavel::agent::ParseConfig;
+using kavel::agent::Platform;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// The message of the ConfigError, or a text that no test expects.
+std::string Refusal(const std::string &Text)
+{
+    try {
+        ParseConfig(Text);
+    } catch (const ConfigError &Error) {
+        return Error.what();
+    }
+    return "(accepted)";
+}
+
+// The refusal of a configuration that is valid without `Members`.
+std::string RefusalOf(const std::string &Members)
+{
+    return Refusal(R"({"platform": "cpe", )" + Members + "}");
+}
+
+// The refusal of a VPN that is valid without `Members`.
+std::string RefusalOfVpn(const std::string &Members)
+{
+    return RefusalOf(R"("vpns": [{"id": 7, )" + Members + "}]");
+}
+
+TEST(Configuration, TakesEveryKey)
+{
+    const Config Conf = ParseConfig(R"({
+        "platform": "pop", "customer": 4294967295, "persistence": true, "store": "/data/agent.db",
+        "socket": "/data/agent.sock", "log": "debug", "lan": ["eth0", "br-*"], "c2p": ["wg*"],
+        "vpns": [{"id": 7, "customer": 1007, "namespace": "blue", "lan": ["lan0", "lan1"],
+                  "wan": [{"name": "wan0", "sysRoute": true}, {"name": "wan1"}]}]})");
+    EXPECT_EQ(Conf.platform, Platform::kPop);
+    EXPECT_EQ(Conf.customer, 4294967295U);
+    EXPECT_TRUE(Conf.persistence);
+    EXPECT_EQ(Conf.store, "/data/agent.db");
+    EXPECT_EQ(Conf.socket, "/data/agent.sock");
+    EXPECT_EQ(Conf.log, LogLevel::kDebug);
+    EXPECT_THAT(Conf.lan, ElementsAre("eth0", "br-*"));
+    EXPECT_THAT(Conf.c2p, ElementsAre("wg*"));
+    ASSERT_EQ(Conf.vpns.size(), 1U);
+    const kavel::agent::Vpn &Vpn = Conf.vpns[0];
+    EXPECT_EQ(Vpn.id, 7U);
+    EXPECT_EQ(Vpn.customer, 1007U);
+    EXPECT_EQ(Vpn.netns, "blue");
+    EXPECT_EQ(Vpn.path, "vpns[0]");
+    EXPECT_THAT(Vpn.lan, ElementsAre("lan0", "lan1"));
+    ASSERT_EQ(Vpn.wan.size(), 2U);
+    EXPECT_EQ(Vpn.wan[0].name, "wan0");
+    EXPECT_TRUE(Vpn.wan[0].sysRoute);
+    EXPECT_EQ(Vpn.wan[1].name, "wan1");
+    EXPECT_FALSE(Vpn.wan[1].sysRoute);
+}
+
+TEST(Configuration, HasDefaultsForEverythingButThePlatform)
+{
+    const Config Conf = ParseConfig(R"({"platform": "cpe"})");
+    EXPECT_EQ(Conf.platform, Platform::kCpe);
+    EXPECT_EQ(Conf.customer, 0U);
+    EXPECT_FALSE(Conf.persistence);
+    EXPECT_EQ(Conf.store, "/var/lib/kavel/agent.db");
+    EXPECT_EQ(Conf.socket, "/run/kavel/agent.sock");
+    EXPECT_EQ(Conf.log, LogLevel::kNotice);
+    EXPECT_THAT(Conf.lan, IsEmpty());
+    EXPECT_THAT(Conf.c2p, IsEmpty());
+    EXPECT_THAT(Conf.vpns, IsEmpty());
+}
+
+TEST(Configuration, NamesTheNamespaceOfAVpnAfterItsId)
+{
+    const Config Conf = ParseConfig(R"({"platform": "cpe", "vpns": [{"id": 4294967295}]})");
+    ASSERT_EQ(Conf.vpns.size(), 1U);
+    EXPECT_EQ(Conf.vpns[0].netns, "vpn_4294967295");
+    EXPECT_FALSE(Conf.vpns[0].customer.has_value());
+    EXPECT_THAT(Conf.vpns[0].lan, IsEmpty());
+    EXPECT_THAT(Conf.vpns[0].wan, IsEmpty());
+}
+
+TEST(Configuration, SortsTheVpnsAndFindsThemById)
+{
+    const Config Conf = ParseConfig(R"({"platform": "cpe", "vpns": [{"id": 9}, {"id": 2}, {"id": 7}]})");
+    std::vector<std::string> Paths;
+    for (const kavel::agent::Vpn &Vpn : Conf.vpns) {
+        Paths.push_back(Vpn.path);
+        EXPECT_EQ(Conf.Find(Vpn.id), &Vpn);
+        EXPECT_TRUE(Conf.Serves(Vpn.id));
+    }
+    EXPECT_THAT(Paths, ElementsAre("vpns[1]", "vpns[2]", "vpns[0]"));
+    EXPECT_EQ(Conf.Find(8), nullptr);
+    EXPECT_FALSE(Conf.Serves(8));
+    EXPECT_EQ(Conf.Find(0), nullptr);
+    EXPECT_TRUE(Conf.Serves(0)) << "the box itself";
+}
+
+TEST(Configuration, AcceptsTheLimitsOfNames)
+{
+    const std::string Interface(15, 'i');
+    const std::string Namespace(255, 'n');
+    const std::string Socket = "/" + std::string(106, 's');
+    const Config Conf =
+        ParseConfig(R"({"platform": "cpe", "socket": ")" + Socket + R"(", "lan": ["_.@:-", ")" + Interface +
+                    R"(", "iiiiiiiiiiiiii*"], "vpns": [{"id": 1, "namespace": ")" + Namespace + R"("}]})");
+    EXPECT_EQ(Conf.socket, Socket);
+    EXPECT_THAT(Conf.lan, ElementsAre("_.@:-", Interface, "iiiiiiiiiiiiii*"));
+    EXPECT_EQ(Conf.vpns.at(0).netns, Namespace);
+}
+
+TEST(Configuration, RefusesTextThatIsNotJsonWithItsPosition)
+{
+    EXPECT_EQ(Refusal(""), "line 1, column 1: unexpected end of file");
+    EXPECT_EQ(Refusal("{\"platform\":\n  \"cpe\""), "line 2, column 8: unexpected end of file");
+    EXPECT_EQ(Refusal("{\n\"platform\" \"cpe\"}"), "line 2, column 12: object property name separator ':' expected");
+    EXPECT_EQ(Refusal("{\"platform\": \"cpe\"}\nmore"), "line 2, column 1: unexpected character");
+    EXPECT_EQ(Refusal(std::string("{\"platform\": \"cpe\"}\0more", 23)),
+              "line 1, column 20: unexpected text after the configuration");
+    EXPECT_EQ(Refusal("{\"platform\": \"\xff\"}"), "line 1, column 15: invalid utf-8 string");
+}
+
+TEST(Configuration, RefusesAWrongTypeWithItsPath)
+{
+    EXPECT_EQ(Refusal("[]"), "expected an object");
+    EXPECT_EQ(Refusal("null"), "expected an object");
+    EXPECT_EQ(RefusalOf(R"("store": 1)"), "store: expected a string");
+    EXPECT_EQ(RefusalOf(R"("persistence": "yes")"), "persistence: expected true or false");
+    EXPECT_EQ(RefusalOf(R"("lan": "eth0")"), "lan: expected an array");
+    EXPECT_EQ(RefusalOf(R"("c2p": ["wg0", null])"), "c2p[1]: expected a string");
+    EXPECT_EQ(RefusalOf(R"("vpns": {})"), "vpns: expected an array");
+    EXPECT_EQ(RefusalOf(R"("vpns": [7])"), "vpns[0]: expected an object");
+    EXPECT_EQ(RefusalOfVpn(R"("wan": [{"name": "w"}, "w"])"), "vpns[0].wan[1]: expected an object");
+    EXPECT_EQ(RefusalOfVpn(R"("wan": [{"name": "w", "sysRoute": 1}])"),
+              "vpns[0].wan[0].sysRoute: expected true or false");
+}
+
+TEST(Configuration, RefusesANumberOutsideItsRange)
+{
+    const std::string Customer = "expected a number from 0 to 4294967295";
+    const std::string Id = "expected a number from 1 to 4294967295";
+    for (const char *Bad : {"-1", "4294967296", "1.5", "\"5\"", "null", "99999999999999999999"}) {
+        EXPECT_EQ(RefusalOf(std::string(R"("customer": )") + Bad), "customer: " + Customer) << Bad;
+        EXPECT_EQ(RefusalOfVpn(std::string(R"("customer": )") + Bad), "vpns[0].customer: " + Customer) << Bad;
+    }
+    for (const char *Bad : {"0", "-1", "4294967296", "1.0", "true"}) {
+        EXPECT_EQ(RefusalOf(std::string(R"("vpns": [{"id": )") + Bad + "}]"), "vpns[0].id: " + Id) << Bad;
+    }
+}
+
+TEST(Configuration, RefusesAnUnknownKeyWithItsPath)
+{
+    EXPECT_EQ(RefusalOf(R"("persistance": true)"), "persistance: unknown key");
+    EXPECT_EQ(RefusalOfVpn(R"("name": "x")"), "vpns[0].name: unknown key");
+    EXPECT_EQ(RefusalOfVpn(R"("wan": [{"name": "w", "mtu": 1500}])"), "vpns[0].wan[0].mtu: unknown key");
+    EXPECT_EQ(RefusalOf(R"("": 1)"), "\"\": unknown key");
+}
+
+TEST(Configuration, RefusesAMissingKeyWithItsPath)
+{
+    EXPECT_EQ(Refusal("{}"), "platform: is missing");
+    EXPECT_EQ(RefusalOf(R"("vpns": [{"id": 1}, {"namespace": "x"}])"), "vpns[1].id: is missing");
+    EXPECT_EQ(RefusalOfVpn(R"("wan": [{"sysRoute": true}])"), "vpns[0].wan[0].name: is missing");
+}
+
+TEST(Configuration, RefusesAnUnknownWord)
+{
+    EXPECT_EQ(Refusal(R"({"platform": "router"})"), R"(platform: expected "cpe" or "pop")");
+    EXPECT_EQ(RefusalOf(R"("log": "info")"), R"(log: expected "error", "warning", "notice" or "debug")");
+}
+
+TEST(Configuration, RefusesAnInterfaceNameThatIsNotSafeInAPathOrARule)
+{
+    for (const std::string Bad : {"", "sixteen_letters_", ".", "..", "a/b", "a b", "a;b", "eth*"}) {
+        const std::string Expected = "\"" + Bad + "\" is not an interface name";
+        EXPECT_EQ(RefusalOfVpn(R"("lan": [")" + Bad + "\"]"), "vpns[0].lan[0]: " + Expected);
+        EXPECT_EQ(RefusalOfVpn(R"("wan": [{"name": ")" + Bad + "\"}]"), "vpns[0].wan[0].name: " + Expected);
+    }
+}
+
+TEST(Configuration, RefusesAnInterfacePatternThatIsNeitherANameNorAPrefix)
+{
+    for (const std::string Bad : {"", "*", "**", "a*b", "..*", "fifteen_letters*"}) {
+        const std::string Expected = "\"" + Bad + "\" is neither an interface name nor a prefix that ends in *";
+        EXPECT_EQ(RefusalOf(R"("lan": [")" + Bad + "\"]"), "lan[0]: " + Expected);
+        EXPECT_EQ(RefusalOf(R"("c2p": ["wg0", ")" + Bad + "\"]"), "c2p[1]: " + Expected);
+    }
+}
+
+TEST(Configuration, RefusesANamespaceNameThatIsNotSafeInAPathOrACommand)
+{
+    for (const std::string &Bad : {std::string(), std::string(256, 'n'), std::string("-a"), std::string(".a"),
+                                   std::string("a/b"), std::string("a;b"), std::string("a:b")}) {
+        EXPECT_EQ(RefusalOfVpn(R"("namespace": ")" + Bad + "\""),
+                  "vpns[0].namespace: \"" + Bad + "\" is not a namespace name");
+    }
+}
+
+TEST(Configuration, RefusesARelativeOrTooLongPath)
+{
+    EXPECT_EQ(RefusalOf(R"("store": "agent.db")"), "store: expected an absolute path");
+    EXPECT_EQ(RefusalOf(R"("store": "")"), "store: expected an absolute path");
+    EXPECT_EQ(RefusalOf(R"("store": "/a\u0000b")"), "store: expected an absolute path");
+    EXPECT_EQ(RefusalOf(R"("socket": "agent.sock")"), "socket: expected an absolute path");
+    EXPECT_EQ(RefusalOf(R"("socket": "/)" + std::string(107, 's') + "\""), "socket: is longer than 107 bytes");
+}
+
+TEST(Configuration, RefusesTwoVpnsWithOneIdOrOneNamespace)
+{
+    EXPECT_EQ(RefusalOf(R"("vpns": [{"id": 7}, {"id": 8}, {"id": 7}])"), "vpns[2].id: 7 is configured twice");
+    EXPECT_EQ(RefusalOf(R"("vpns": [{"id": 7}, {"id": 8, "namespace": "vpn_7"}])"),
+              "vpns[1].namespace: \"vpn_7\" belongs to another VPN already");
+}
+
+TEST(Configuration, RefusalIsOneLineWhateverTheFileContains)
+{
+    EXPECT_EQ(RefusalOf(R"("a\nb": 1)"), "a?b: unknown key");
+    EXPECT_EQ(RefusalOfVpn(R"("lan": ["a\u001bb"])"), "vpns[0].lan[0]: \"a?b\" is not an interface name");
+}
+
+TEST(Configuration, RefusesAFileThatCannotBeRead)
+{
+    try {
+        kavel::agent::LoadConfig("/nonexistent/agent.json");
+        FAIL() << "accepted";
+    } catch (const ConfigError &Error) {
+        EXPECT_STREQ(Error.what(), "cannot be read: No such file or directory");
+    }
+}
+
+TEST(Configuration, LoadsTheExamples)
+{
+    const Config Cpe = kavel::agent::LoadConfig(KAVEL_EXAMPLES "/agent-cpe.json");
+    EXPECT_EQ(Cpe.platform, Platform::kCpe);
+    ASSERT_NE(Cpe.Find(7), nullptr);
+    EXPECT_THAT(Cpe.Find(7)->lan, ElementsAre("lan0", "lan1"));
+    EXPECT_EQ(kavel::agent::LoadConfig(KAVEL_EXAMPLES "/agent-pop.json").platform, Platform::kPop);
+}
+
+} // namespace
