@@ -1,6 +1,6 @@
-"""A box under test: the lab's namespaces, a real vqagent with the real module, vqctl, and a client that asks.
+"""A box under test: the lab's namespaces, a real vqagent with the real module, vqctl, and a client that sends queries.
 
-Everything runs inside scripts/private: /etc/kavel, /run and the process ids are this test file's own.
+Everything runs inside scripts/private: each test file has its own /etc/kavel, /run and process ids.
 """
 
 import json
@@ -27,13 +27,13 @@ def run(*command, check=True, **options):
 
 
 def wait_until(condition, what, seconds=15.0):
-    """Returns the first true value of `condition`; fails with `what` when none comes in time."""
+    """Returns the first true value of `condition`. If there is none within `seconds`, the test fails with `what`."""
     deadline = time.monotonic() + seconds
     while True:
         value = condition()
         if value:
             return value
-        assert time.monotonic() < deadline, f"not within {seconds} s: {what}"
+        assert time.monotonic() < deadline, f"timeout after {seconds} s: {what}"
         time.sleep(0.02)
 
 
@@ -42,7 +42,7 @@ def vpn_config(vpn, **changes):
 
 
 def message(vpn=7, **changes):
-    """A CPE message as vqctl takes it; `changes` replace or, when None, remove members."""
+    """A CPE message in vqctl's JSON format. `changes` replace members; a member whose change is None is removed."""
     fields = {
         "enable": True,
         "operation": "reboot",
@@ -71,7 +71,7 @@ def alive(pid):
 
 
 def instances(vpn=None):
-    """Pids of the DNS instances that run, of one VPN or of all."""
+    """Pids of the running DNS instances, of one VPN or of all VPNs."""
     tag = f"kvl_dns_vpn_{'' if vpn is None else vpn}".encode() + (b"" if vpn is None else b".pid")
     found = []
     for entry in pathlib.Path("/proc").iterdir():
@@ -87,13 +87,13 @@ def instances(vpn=None):
 
 
 def end(pid):
-    """Kills a process that this test started, and waits until it is gone."""
+    """Kills a process that this test started, and waits until it has exited."""
     os.kill(pid, signal.SIGKILL)
-    wait_until(lambda: not alive(pid), f"process {pid} gone")
+    wait_until(lambda: not alive(pid), f"process {pid} exited")
 
 
 def ask(name, kind="A", vpn=7, server=None, options=()):
-    """What the client of a VPN gets for a question, one line an answer; empty without an answer."""
+    """Sends a query from the client of a VPN. Returns the answers, one per line; empty if there is none."""
     server = server or f"192.168.{vpn}.1"
     answer = run("ip", "netns", "exec", f"client_{vpn}", "dig", "+short", "+time=1", "+tries=1", *options,
                  f"@{server}", kind, name, check=False)
@@ -105,19 +105,19 @@ def expect(answer, name, kind="A", **where):
 
 
 def routes(vpn=7):
-    """Targets of table 199 in a VPN's namespace."""
+    """The destinations of the routes in table 199 of a VPN's namespace, sorted."""
     shown = run("ip", "-n", f"vpn_{vpn}", "-json", "route", "show", "table", "199", check=False)
     return sorted(route["dst"] for route in json.loads(shown.stdout or "[]"))
 
 
 def tables(vpn=7):
-    """Names of the nftables tables in a VPN's namespace: one for each rule."""
+    """Names of the nftables tables in a VPN's namespace: there is one table per rule."""
     listed = json.loads(run("ip", "netns", "exec", f"vpn_{vpn}", "nft", "-j", "list", "tables").stdout)
     return [entry["table"]["name"] for entry in listed["nftables"] if "table" in entry]
 
 
 def rows():
-    """What is stored, by VPN."""
+    """The stored configurations, by VPN id."""
     with sqlite3.connect(f"file:{STORE}?mode=ro", uri=True) as store:
         return dict(store.execute("SELECT vpn_id, conf FROM cpe_dnsmasq"))
 
@@ -134,7 +134,7 @@ def connect():
 
 
 def read_frame(peer):
-    """What the agent sends next; None when it closes the connection instead."""
+    """The payload of the agent's next frame; None if the agent closes the connection instead."""
     header = b""
     while len(header) < 4:
         more = peer.recv(4 - len(header))
@@ -165,7 +165,7 @@ class Box:
                                     env={**os.environ, **environment})
 
     def start(self, *options):
-        """Starts the agent and returns once it says that it is ready."""
+        """Starts the agent and returns when it reports READY."""
         address = "/run/notify.sock"
         pathlib.Path(address).unlink(missing_ok=True)
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notify:
@@ -177,7 +177,7 @@ class Box:
         return self
 
     def stop(self):
-        """Asks the agent to end; its exit status."""
+        """Sends SIGTERM to the agent. Returns its exit status."""
         self.agent.send_signal(signal.SIGTERM)
         status = self.agent.wait(timeout=10)
         self.agent = None
@@ -190,14 +190,14 @@ class Box:
         return run(BUILD / "vqctl", *words, check=check, **options)
 
     def apply(self, *messages):
-        """Applies messages; fails unless each is applied."""
+        """Applies messages. Fails if one is refused."""
         for one in messages:
             done = self.vqctl("apply", "-", input=json.dumps(one))
             assert done.returncode == 0, done.stdout + done.stderr + self.log()
             assert done.stdout == f"vpn {one.get('vpnid', 0)}: applied\n"
 
     def refused(self, one, command="apply"):
-        """The words with which a message is refused."""
+        """Sends a message that must be refused. Returns what vqctl printed."""
         done = self.vqctl(command, "-", input=json.dumps(one))
         assert done.returncode == 1, done.stdout + done.stderr
         return (done.stdout + done.stderr).strip()

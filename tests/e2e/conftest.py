@@ -5,14 +5,14 @@ import box as box_module
 
 @pytest.fixture(scope="session", autouse=True)
 def lab():
-    """Two VPNs' surroundings, once for a test file."""
+    """The namespaces and upstream servers of VPN 7 and 8, once per test file."""
     for vpn in (7, 8):
         box_module.run(box_module.ROOT / "scripts/lab", "up", vpn)
 
 
 @pytest.fixture
 def box():
-    """A configured box, its agent not yet started; nothing of it is left for the next test."""
+    """A configured box whose agent is not started. Everything is removed after the test."""
     machine = box_module.Box()
     machine.configure(box_module.vpn_config(7), box_module.vpn_config(8))
     yield machine
@@ -21,5 +21,5 @@ def box():
 
 @pytest.fixture
 def running(box):
-    """The same with its agent ready."""
+    """A configured box whose agent is ready."""
     return box.start()

@@ -1,4 +1,4 @@
-"""Controllers that send many messages at once, and keep book of what the agent confirmed."""
+"""Controllers that send many messages concurrently, and record what the agent confirmed."""
 
 import json
 import subprocess
@@ -6,11 +6,11 @@ import time
 
 from box import BUILD, DNSMASQ, connect, frame, message, read_frame, run, wait_until
 
-NO_INSTANCE = -3  # a reload of an instance that is gone
+NO_INSTANCE = -3  # the result of a reload whose instance has exited
 
 
 def surround(vpn):
-    """What `lab up` gives a VPN, without its upstream servers: those of fifty VPNs would leave dnsmasq no inotify."""
+    """Like `lab up`, without upstream servers: those of fifty VPNs would leave no inotify instance for dnsmasq."""
     for name in (f"vpn_{vpn}", f"client_{vpn}"):
         run("ip", "netns", "add", name)
     links = (("lan0", "up0", f"10.{vpn}.0.1/24"), ("lan1", "eth0", f"192.168.{vpn}.1/24"),
@@ -24,7 +24,7 @@ def surround(vpn):
 
 
 def content(vpn, number, dice):
-    """Hosts, MX, servers and forwards that tell message `number` for a VPN from every other."""
+    """Hosts, MX, servers and forwards. They differ for every `number` of a VPN."""
     hosts = [{"domain": f"host{entry}.vpn{vpn}.example", "ip": f"10.{number}.{entry // 250}.{entry % 250 + 1}"}
              for entry in range(dice.choice([1, 2, 20, 300]))]
     mx = [{"targetdomain": f"mail{number}.vpn{vpn}.example", "sourcedomain": f"vpn{vpn}.example",
@@ -37,7 +37,7 @@ def content(vpn, number, dice):
 
 
 class Message:
-    """One message: the request as it goes over the socket, and what stands on a box that carried it out."""
+    """One message: the encoded request, and the state that it must produce on the box."""
 
     def __init__(self, vpn, **fields):
         self.vpn = vpn
@@ -70,7 +70,7 @@ class Message:
         return sorted({server["dnsserver"] for server in self.fields["dnsservers"]} | {ip for _, ip in self.forwards()})
 
     def row(self):
-        """The record that is stored, as far as a message says; None when nothing is."""
+        """The stored record, as far as the message determines it; None if nothing is stored."""
         if not self.kept:
             return None
         return {
@@ -103,33 +103,33 @@ def read_varint(body, at):
 
 
 def result_of(reply):
-    """The result, the first field of every reply, a zigzag number."""
+    """The result of a reply: its first field, zigzag-encoded."""
     assert reply[0] == 0x08
     number, _ = read_varint(reply, 1)
     return number >> 1 ^ -(number & 1)
 
 
-class Book:
-    """What is known of one VPN: the message confirmed last, and those sent since then that were never answered."""
+class History:
+    """What a controller knows of a VPN: the last confirmed message, and the messages after it without an answer."""
 
     def __init__(self):
         self.confirmed = None
         self.unanswered = []
 
-    def is_settled(self):
+    def is_known(self):
         return self.confirmed is not None and not self.unanswered
 
     def runs(self):
-        return self.is_settled() and self.confirmed.enables
+        return self.is_known() and self.confirmed.enables
 
 
 class Controller:
-    """Sends messages for VPNs of its own. An unanswered message is left at that; a reload that finds no instance is
-    followed by a restart, as docs/operations.md has it."""
+    """Sends messages for its own VPNs. A message that gets no answer is not repeated. A reload that finds no instance
+    is followed by a restart, as docs/operations.md describes."""
 
     def __init__(self, messages, dice):
         self.messages = messages  # by VPN
-        self.books = {vpn: Book() for vpn in messages}
+        self.histories = {vpn: History() for vpn in messages}
         self.dice = dice
         self.peer = None
         self.sent = self.confirmed = self.lost = self.refused = 0
@@ -139,42 +139,42 @@ class Controller:
         for _ in range(count):
             if time.monotonic() > until:
                 break
-            order = order or self.dice.sample(sorted(self.books), len(self.books))
+            order = order or self.dice.sample(sorted(self.histories), len(self.histories))
             vpn = order.pop()
             if self.send(self.choose(vpn)) == NO_INSTANCE:
-                self.settle(vpn)
+                self.restart_until_confirmed(vpn)
         return self
 
     def choose(self, vpn):
-        """A reload needs an instance that runs; after what is in doubt only a restart helps."""
-        kinds = ["reboot", "reboot", "reload", "reload", "off"] if self.books[vpn].runs() else ["reboot"]
+        """A reload needs a running instance. If the state is unknown, only a restart is sent."""
+        kinds = ["reboot", "reboot", "reload", "reload", "off"] if self.histories[vpn].runs() else ["reboot"]
         kind = self.dice.choice(kinds)
         return self.dice.choice(self.messages[vpn][kind])
 
-    def settle(self, vpn):
-        """Restarts the VPN's instance with a message that is confirmed."""
+    def restart_until_confirmed(self, vpn):
+        """Restarts the VPN's instance; repeats that until a message is confirmed."""
         while self.send(self.dice.choice(self.messages[vpn]["reboot"])) is None:
             pass
 
     def send(self, one):
-        """The result of one message; None when no answer came."""
-        book = self.books[one.vpn]
+        """Sends one message. Returns its result; None if there was no answer."""
+        history = self.histories[one.vpn]
         self.sent += 1
         result = self.exchange(one.request)
         if result is None:
             self.lost += 1
-            book.unanswered.append(one)
+            history.unanswered.append(one)
         elif result < 0:
             self.refused += 1
             assert result == NO_INSTANCE and one.fields["operation"] == "reload", (result, one.fields)
         else:
             self.confirmed += 1
-            book.confirmed, book.unanswered = one, []
+            history.confirmed, history.unanswered = one, []
         return result
 
     def exchange(self, request):
         try:
-            self.peer = self.peer or wait_until(self.reach, "an agent that listens", 60)
+            self.peer = self.peer or wait_until(self.try_connect, "the agent listens", 60)
             self.peer.sendall(request)
             reply = read_frame(self.peer)
         except ConnectionError:
@@ -184,7 +184,7 @@ class Controller:
         return None if reply is None else result_of(reply)
 
     @staticmethod
-    def reach():
+    def try_connect():
         try:
             return connect()
         except (ConnectionRefusedError, FileNotFoundError):
@@ -197,7 +197,7 @@ class Controller:
 
 
 def lines_of(vpn):
-    """The files of a VPN, its main configuration aside, by name."""
+    """The lines of a VPN's files, by file name, without dnsmasq.conf."""
     directory = DNSMASQ / f"vpn_{vpn}"
     return {str(path.relative_to(directory)): path.read_text().splitlines()
             for path in directory.rglob("*") if path.is_file() and path.name != "dnsmasq.conf"}

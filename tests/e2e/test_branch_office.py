@@ -1,4 +1,4 @@
-"""The life of one VPN's service, as a branch office has it: switched on, asked, changed, switched off."""
+"""The service of one VPN in a branch office: enable, query, change, disable."""
 
 import json
 import subprocess
@@ -10,7 +10,7 @@ def example(name):
     return json.loads((ROOT / "examples" / name).read_text())
 
 
-def test_a_message_becomes_answers(running):
+def test_apply_answers_queries(running):
     running.apply(example("branch-office.json"))
 
     expect("192.168.7.10", "nas.branch.example")
@@ -20,7 +20,7 @@ def test_a_message_becomes_answers(running):
     assert ask("www.example.net", options=["+tcp"]) == ["198.51.100.10"]
 
 
-def test_a_message_becomes_files_and_routes(running):
+def test_apply_writes_files_and_routes(running):
     running.apply(example("branch-office.json"))
 
     files = DNSMASQ / "vpn_7"
@@ -32,10 +32,10 @@ def test_a_message_becomes_files_and_routes(running):
     assert routes() == ["10.7.0.53", "10.7.0.54", "203.0.113.53"]
     for path in files.rglob("*"):
         assert path.stat().st_mode & 0o777 == (0o755 if path.is_dir() else 0o644), path
-    assert sorted(path.name for path in files.rglob(".*")) == [], "no temporary file is left"
+    assert sorted(path.name for path in files.rglob(".*")) == [], "temporary files"
 
 
-def test_a_reload_keeps_the_process(running):
+def test_reload_keeps_the_process(running):
     running.apply(example("branch-office.json"))
     expect("192.168.7.10", "nas.branch.example")
     before = instance_pid()
@@ -46,7 +46,7 @@ def test_a_reload_keeps_the_process(running):
     assert instance_pid() == before
 
 
-def test_a_restart_replaces_the_process(running):
+def test_restart_replaces_the_process(running):
     running.apply(example("branch-office.json"))
     expect("192.168.7.10", "nas.branch.example")
     before = instance_pid()
@@ -60,7 +60,7 @@ def test_a_restart_replaces_the_process(running):
     assert instances(7) == [instance_pid()]
 
 
-def test_the_instance_runs_as_it_is_meant_to(running):
+def test_instance_has_the_expected_arguments_namespace_and_descriptors(running):
     running.apply(example("branch-office.json"))
     pid = wait_until(lambda: pid_file().exists() and instance_pid(), "pid file")
 
@@ -70,10 +70,10 @@ def test_the_instance_runs_as_it_is_meant_to(running):
     in_vpn = subprocess.run(["ip", "netns", "identify", str(pid)], text=True, capture_output=True, check=True)
     assert in_vpn.stdout.strip() == "vpn_7"
     descriptors = subprocess.run(["ls", "-l", f"/proc/{pid}/fd"], text=True, capture_output=True, check=True).stdout
-    assert "agent" not in descriptors, "none of the agent's files or sockets"
+    assert "agent" not in descriptors, "the instance inherits none of the agent's files and sockets"
 
 
-def test_switched_off_nothing_is_left(running):
+def test_disable_removes_process_routes_and_content(running):
     running.apply(example("branch-office.json"))
     pid = wait_until(lambda: pid_file().exists() and instance_pid(), "pid file")
 
@@ -88,7 +88,7 @@ def test_switched_off_nothing_is_left(running):
         assert (DNSMASQ / "vpn_7" / name).read_text() == ""
 
 
-def test_a_system_route_wan_keeps_the_table_as_it_is(box):
+def test_system_route_wan_adds_no_routes(box):
     box.configure({"id": 7, "lan": ["lan0"], "wan": [{"name": "wan0", "sysRoute": True}]})
     box.start()
 
@@ -97,8 +97,8 @@ def test_a_system_route_wan_keeps_the_table_as_it_is(box):
     assert routes() == []
 
 
-def test_the_box_itself(running):
-    """VPN 0 runs in the box's own namespace, from the box-wide files."""
+def test_vpn_0_serves_the_box_itself(running):
+    """The instance of VPN 0 runs in the box's own namespace and reads the box-wide files."""
     running.apply(message(0, dnshosts=[{"domain": "box.example", "ip": "192.0.2.1"}], dnsservers=None, vpnid=None))
 
     pid = wait_until(lambda: pid_file(0).exists() and instance_pid(0), "pid file")

@@ -1,4 +1,5 @@
-"""Clients that break off, talk nonsense or come in crowds: the others are served, and nothing of them is left."""
+"""Clients that disconnect early, send invalid data or open many connections: other clients are served, and the agent
+releases all descriptors and memory of such clients."""
 
 import contextlib
 import os
@@ -12,7 +13,7 @@ from box import connect, frame, message, read_frame, wait_until
 STATUS = frame(b"\x08\x03")
 LIMIT = 16 * 1024 * 1024
 SERVED_AT_ONCE = 64
-SANITIZED = "KAVEL_SANITIZED" in os.environ  # what it frees is kept for a while
+SANITIZED = "KAVEL_SANITIZED" in os.environ  # a sanitizer keeps freed memory for a while
 
 
 def descriptors(box):
@@ -27,13 +28,13 @@ def memory_mib(box):
 
 @pytest.fixture
 def watched(running):
-    """An agent that has done everything once; when the clients are gone, so are their descriptors and their memory."""
+    """An agent that has handled an apply and a status. Afterwards its descriptors and memory must be as before."""
     running.apply(message())
     with connect() as peer:
         ask_status(peer)
     before, memory = descriptors(running), memory_mib(running)
     yield running
-    wait_until(lambda: descriptors(running) <= before, f"no more than {before} descriptors again")
+    wait_until(lambda: descriptors(running) <= before, f"at most {before} descriptors")
     assert memory_mib(running) < memory + 24 or SANITIZED
 
 
@@ -43,18 +44,18 @@ def ask_status(peer):
 
 
 @contextlib.contextmanager
-def crowd(count, first_words=b""):
-    """Clients that connect one after the other and then stay."""
+def crowd(count, first_bytes=b""):
+    """Clients that connect one after the other, send `first_bytes`, and stay connected."""
     with contextlib.ExitStack() as stack:
         peers = []
         for _ in range(count):
             peers.append(stack.enter_context(connect()))
             with contextlib.suppress(ConnectionError):
-                peers[-1].sendall(first_words)
+                peers[-1].sendall(first_bytes)
         yield peers
 
 
-def test_half_a_frame_and_gone(watched):
+def test_disconnect_within_a_frame(watched):
     with connect() as good:
         for size in range(200):
             with connect() as bad:
@@ -63,7 +64,7 @@ def test_half_a_frame_and_gone(watched):
                 ask_status(good)
 
 
-def test_gone_without_reading_the_answer(watched):
+def test_disconnect_without_reading_the_answer(watched):
     with connect() as good:
         for _ in range(100):
             with connect() as bad:
@@ -71,11 +72,12 @@ def test_gone_without_reading_the_answer(watched):
         ask_status(good)
 
 
-def test_half_a_frame_and_staying(watched):
-    """Each announces as much as it may, and sends a little of it. Once they are dropped, the next is served."""
+def test_stalled_clients_are_dropped(watched):
+    """Each client announces a frame of the maximum size and sends 1,000 bytes of it. When they are dropped, the next
+    client is served."""
     with connect() as good, crowd(SERVED_AT_ONCE - 1, LIMIT.to_bytes(4, "big") + b"x" * 1000) as bad:
         ask_status(good)
-        assert memory_mib(watched) < 150, "what is announced is worth no memory"
+        assert memory_mib(watched) < 150, "an announced length allocates no memory"
         good.sendall(STATUS[:-1])
         watched.apply(message())
         for peer in [good, *bad]:
@@ -83,7 +85,7 @@ def test_half_a_frame_and_staying(watched):
     assert watched.log().count("stalled; its connection is closed") == SERVED_AT_ONCE
 
 
-def test_garbage(watched):
+def test_garbage_is_answered_with_an_error(watched):
     seed = int(os.environ.get("KAVEL_SEED", random.randrange(1 << 32)))
     print("KAVEL_SEED", seed)
     dice = random.Random(seed)
@@ -92,12 +94,12 @@ def test_garbage(watched):
             with connect() as bad:
                 with contextlib.suppress(ConnectionError):
                     bad.sendall(frame(dice.randbytes(dice.randrange(300))) + dice.randbytes(dice.randrange(8)))
-                    assert read_frame(bad), "an answer that says what is wrong"
+                    assert read_frame(bad), "no error answer"
             ask_status(good)
 
 
-def test_frames_over_the_limit(watched):
-    """Twenty that announce a byte too much, and send all of it."""
+def test_frames_over_the_limit_are_refused(watched):
+    """Twenty clients announce one byte more than the limit, and send all of it."""
     with connect() as good:
         for _ in range(20):
             with connect() as bad:
@@ -109,8 +111,8 @@ def test_frames_over_the_limit(watched):
     assert watched.log().count("announced a longer frame") == 20
 
 
-def test_a_thousand_connections_at_once(watched):
-    """Those that say nothing give way to those that come after them; one that was served before is served on."""
+def test_thousand_idle_connections_do_not_block_other_clients(watched):
+    """Idle connections are closed to admit new ones. A client that was served before stays connected."""
     with connect() as good:
         ask_status(good)
         with crowd(1000) as bad:
@@ -122,7 +124,7 @@ def test_a_thousand_connections_at_once(watched):
         watched.apply(message())
 
 
-def test_a_thousand_that_all_have_something_to_say(watched):
+def test_thousand_connections_with_a_request_are_all_answered(watched):
     with crowd(1000, frame(b"no request")) as peers:
         for peer in peers:
             assert read_frame(peer)

@@ -1,4 +1,4 @@
-"""Disks that are full, read-only or gone: one clear line says so, and what was in force or stored stays."""
+"""Disks that are full, read-only or removed: one line reports it, and what was applied or stored before is kept."""
 
 import contextlib
 import json
@@ -22,7 +22,7 @@ def kept(vpn=7, address="192.168.7.10", **changes):
 
 @contextlib.contextmanager
 def disk(at, size):
-    """A file system of its own at `at`."""
+    """A separate file system, mounted at `at`."""
     at.mkdir(parents=True, exist_ok=True)
     run("mount", "-t", "tmpfs", "-o", f"mode=755,size={size}", "tmpfs", at)
     try:
@@ -33,7 +33,7 @@ def disk(at, size):
 
 @contextlib.contextmanager
 def filled(at):
-    """While it lasts, not a byte is left on the disk."""
+    """Fills the disk completely until the block ends."""
     filler = at / "filler"
     with filler.open("wb", buffering=0) as out, pytest.raises(OSError, match="No space left"):
         while True:
@@ -46,7 +46,7 @@ def filled(at):
 
 @pytest.fixture
 def small_etc(box):
-    """The box's files on a disk of 256 KiB; the agent ready, and one message in force."""
+    """The configuration files are on a disk of 256 KiB. The agent is ready, and one message is applied."""
     with disk(DNSMASQ.parent, "256k") as etc:
         shutil.rmtree(STORE.parent, ignore_errors=True)
         box.configure(vpn_config(7), vpn_config(8), persistence=True, store=str(STORE))
@@ -58,7 +58,7 @@ def small_etc(box):
 
 @pytest.fixture
 def small_store(box):
-    """The store on a disk of 512 KiB; the agent ready, and two messages stored."""
+    """The store is on a disk of 512 KiB. The agent is ready, and two messages are stored."""
     with disk(STORE.parent, "512k") as store:
         box.configure(vpn_config(7), vpn_config(8), persistence=True, store=str(STORE))
         box.start().apply(kept(7), kept(8, "192.168.8.10"))
@@ -75,7 +75,7 @@ def stored_address(vpn=7):
 
 
 def crash(box):
-    """Agent and instances, as a power cut would end them."""
+    """Kills the agent and the instances, as a power cut would."""
     box.agent.kill()
     box.agent.wait()
     for pid in instances():
@@ -87,8 +87,8 @@ def crash_and_start(box):
     box.start()
 
 
-def test_no_room_for_the_files(box, small_etc):
-    """The old files stand byte for byte, the instance answers on; with room the next message comes into force."""
+def test_full_disk_keeps_files_row_and_instance(box, small_etc):
+    """The old files are unchanged, the instance keeps answering. With free space, the next message is applied."""
     before, row, pid = files_of_box(), rows(), instance_pid()
     with filled(small_etc):
         for operation in ("reboot", "reload"):
@@ -107,8 +107,8 @@ def test_no_room_for_the_files(box, small_etc):
     assert stored_address() == "192.168.7.11"
 
 
-def test_an_agent_that_starts_without_room(box, small_etc):
-    """Nothing can be written again: what runs goes on, and the log says why."""
+def test_agent_starts_on_a_full_disk(box, small_etc):
+    """No file can be written: the running instance is kept, and the log gives the reason."""
     before, pid = files_of_box(), instance_pid()
     with filled(small_etc):
         box.agent.kill()
@@ -125,7 +125,7 @@ def test_an_agent_that_starts_without_room(box, small_etc):
     expect("192.168.7.12", "nas.vpn7.example")
 
 
-def test_no_room_for_the_store(box, small_store):
+def test_full_disk_keeps_the_stored_rows(box, small_store):
     before = rows()
     with filled(small_store):
         said = box.refused(kept(dnshosts=MANY))
@@ -142,8 +142,8 @@ def test_no_room_for_the_store(box, small_store):
     assert len(json.loads(rows()[7])["DnsHost"]) == len(MANY)
 
 
-def test_recovery_without_room_for_the_store(box, small_store):
-    """Reading it takes no room."""
+def test_recovery_with_a_full_store_disk(box, small_store):
+    """Reading the store needs no free space."""
     with filled(small_store):
         crash_and_start(box)
 
@@ -152,8 +152,8 @@ def test_recovery_without_room_for_the_store(box, small_store):
     assert box.status()["problems"] == []
 
 
-def test_recovery_without_room_after_an_orderly_end(box, small_store):
-    """Nor where the agent had closed the store."""
+def test_recovery_with_a_full_store_disk_after_a_clean_stop(box, small_store):
+    """Reading needs no free space either when the agent had closed the store."""
     assert box.stop() == 0
     for pid in instances():
         end(pid)
@@ -176,16 +176,16 @@ sys.stdin.read()
 
 
 def make_read_only(box, at):
-    """Not while a descriptor may write there: the agent lets go of a store that failed it."""
+    """Remounts read-only. That needs all writable descriptors closed: the agent closes a store after an error."""
     with subprocess.Popen([sys.executable, "-c", HOLD_THE_LOCK, STORE], stdin=subprocess.PIPE,
                           stdout=subprocess.PIPE, text=True) as holder:
         assert holder.stdout.readline() == "held\n"
         box.refused(kept())
-        holder.kill()  # an orderly end would tidy up the store
+        holder.kill()  # a clean exit would checkpoint the store
     run("mount", "-o", "remount,ro", at)
 
 
-def test_a_store_that_becomes_read_only(box, small_store):
+def test_store_becomes_read_only(box, small_store):
     make_read_only(box, small_store)
 
     said = box.refused(kept(address="192.168.7.13"))
@@ -221,8 +221,8 @@ def test_recovery_from_a_read_only_store(box, small_store, orderly):
     assert stored_address() == "192.168.7.20"
 
 
-def test_a_store_that_is_removed(box, small_store):
-    """The next message makes a new one; what only the old one held is gone, and the log and the status say so."""
+def test_removed_store_is_created_again(box, small_store):
+    """The next message creates a new store. Rows that were only in the old one are lost; log and status report it."""
     STORE.unlink()
 
     box.apply(kept(7, "192.168.7.15"))
@@ -238,7 +238,7 @@ def test_a_store_that_is_removed(box, small_store):
 
 
 @pytest.mark.parametrize("suffix", ["", "-wal", "-shm"])
-def test_a_file_of_the_store_is_removed(box, small_store, suffix):
+def test_removed_file_of_the_store_is_created_again(box, small_store, suffix):
     STORE.with_name(STORE.name + suffix).unlink()
     box.apply(kept(7, "192.168.7.17"))
     box.apply(kept(8, "192.168.8.17"))
@@ -250,7 +250,7 @@ def test_a_file_of_the_store_is_removed(box, small_store, suffix):
         assert store.execute("PRAGMA integrity_check").fetchall() == [("ok",)]
 
 
-def test_the_directory_of_the_store_is_removed(box):
+def test_removed_directory_of_the_store_is_created_again(box):
     box.configure(vpn_config(7), persistence=True, store=str(STORE))
     box.start().apply(kept())
     shutil.rmtree(STORE.parent)

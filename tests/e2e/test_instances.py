@@ -1,4 +1,4 @@
-"""Instances that do not behave: left over, killed, foreign, and an agent that comes and goes."""
+"""Instances that are left over, killed or replaced by other processes, and restarts of the agent."""
 
 import json
 import os
@@ -15,8 +15,8 @@ def started(box, vpn=7):
     return instance_pid(vpn)
 
 
-def test_a_restart_while_an_old_instance_holds_the_port(running):
-    """An instance that no pid file names any more is found by its tag, and the port is free for the new one."""
+def test_restart_ends_an_old_instance_that_holds_the_port(running):
+    """An instance that no pid file names is found by its tag and ended; the new instance can bind the port."""
     old = started(running)
     gone = subprocess.Popen(["true"])
     gone.wait()
@@ -29,7 +29,7 @@ def test_a_restart_while_an_old_instance_holds_the_port(running):
     assert instances(7) == [instance_pid()]
 
 
-def test_killed_from_outside_and_applied_again(running):
+def test_apply_starts_a_killed_instance_again(running):
     end(started(running))
     assert ask("nas.vpn7.example") == []
 
@@ -38,7 +38,7 @@ def test_killed_from_outside_and_applied_again(running):
     assert len(instances(7)) == 1
 
 
-def test_a_reload_of_a_killed_instance_is_refused(running):
+def test_reload_of_a_killed_instance_is_refused(running):
     pid = started(running)
     end(pid)
 
@@ -47,8 +47,8 @@ def test_a_reload_of_a_killed_instance_is_refused(running):
     assert said == f"vpn 7: refused (-3 No such process): Reload dns service pid {pid} failed(3:No such process)"
 
 
-def test_a_reload_where_nothing_was_started_is_told(running):
-    """To the module a service that is not there needs no reload: the message is applied, and nothing answers."""
+def test_reload_without_an_instance_is_reported(running):
+    """The module skips a reload if there is no instance: the message is applied, and nothing answers."""
     done = running.vqctl("apply", "-", input=json.dumps(message(operation="reload")))
 
     assert done.stdout == "vpn 7: applied\n"
@@ -58,8 +58,8 @@ def test_a_reload_where_nothing_was_started_is_told(running):
     assert running.status()["problems"] == []
 
 
-def test_a_pid_file_that_names_someone_elses_process(running):
-    """Neither a reload nor a restart nor a stop touches a process that is not the VPN's instance."""
+def test_pid_file_that_names_another_process(running):
+    """Reload, restart and stop never signal a process that is not the VPN's instance."""
     own = started(running)
     bystander = subprocess.Popen(["sleep", "60"])
     try:
@@ -83,7 +83,7 @@ def test_a_pid_file_that_names_someone_elses_process(running):
         bystander.wait()
 
 
-def test_a_pid_file_that_would_signal_every_process(running):
+def test_pid_file_that_would_signal_every_process(running):
     """0 and -1 mean the whole process group and every process: the agent must not let the module signal them."""
     pid = started(running)
     for text in ("0\n", "-1\n", "not a number\n"):
@@ -94,7 +94,7 @@ def test_a_pid_file_that_would_signal_every_process(running):
     assert alive(pid)
 
 
-def test_the_agent_stops_and_the_instance_answers_on(running):
+def test_instance_keeps_answering_while_the_agent_restarts(running):
     pid = started(running)
 
     assert running.stop() == 0
@@ -109,15 +109,15 @@ def test_the_agent_stops_and_the_instance_answers_on(running):
     assert instance_pid() == pid
 
 
-def test_a_term_signal_waits_for_the_message_at_hand(running):
-    """An instance that does not end by itself keeps a restart busy for 2 s: long enough to be interrupted."""
+def test_sigterm_waits_for_the_message_in_progress(running):
+    """A restart waits 2 s for an instance that ignores SIGTERM: long enough to send a signal meanwhile."""
     old = started(running)
     os.kill(old, signal.SIGSTOP)
     asking = subprocess.Popen([str(BUILD / "vqctl"), "apply", "-"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                               text=True)
     asking.stdin.write(json.dumps(message(dnshosts=[{"domain": "nas.vpn7.example", "ip": "192.168.7.13"}])))
     asking.stdin.close()
-    wait_until(lambda: "Pid is" in running.log(), "the message is being handled")
+    wait_until(lambda: "Pid is" in running.log(), "the message is in progress")
 
     assert running.stop() == 0
 
@@ -127,7 +127,7 @@ def test_a_term_signal_waits_for_the_message_at_hand(running):
     expect("192.168.7.13", "nas.vpn7.example")
 
 
-def test_the_agent_is_killed_and_the_next_one_takes_over(running):
+def test_next_agent_controls_the_instance_of_a_killed_one(running):
     pid = started(running)
     running.agent.kill()
     running.agent.wait()
@@ -139,7 +139,7 @@ def test_the_agent_is_killed_and_the_next_one_takes_over(running):
     assert instances() == []
 
 
-def test_status_tells_what_is_wrong(running):
+def test_status_reports_problems(running):
     pid = started(running)
     good = running.status()
     assert (good["meant"], good["alive"], good["is_dnsmasq"], good["in_namespace"], good["answers"]) == (True,) * 5
@@ -156,8 +156,8 @@ def test_status_tells_what_is_wrong(running):
     assert f"vpn 7: {bad['problems'][0]}" in shown.stdout + shown.stderr
 
 
-def test_an_instance_that_does_not_come_up_is_told(running):
-    """A file that dnsmasq does not read past: the message is applied, and nothing answers."""
+def test_instance_that_does_not_start_is_reported(running):
+    """dnsmasq refuses a file: the message is applied, and nothing answers."""
     broken = DNSMASQ / "vpn_7/dnsmasq.d/broken.conf"
     broken.write_text("no-such-option\n")
 
@@ -171,7 +171,7 @@ def test_an_instance_that_does_not_come_up_is_told(running):
     assert running.status()["problems"] == []
 
 
-def test_what_is_meant_outlives_the_agent(running):
+def test_desired_state_survives_a_restart_of_the_agent(running):
     end(started(running))
     pid_file().unlink()
     running.stop()
@@ -183,8 +183,8 @@ def test_what_is_meant_outlives_the_agent(running):
     assert running.status()["problems"] == []
 
 
-def test_status_of_a_stopped_process(running):
-    """A process that hangs is alive and does not answer."""
+def test_status_of_a_hanging_process(running):
+    """A hanging process is alive and does not answer."""
     pid = started(running)
     os.kill(pid, signal.SIGSTOP)
     try:
@@ -193,27 +193,27 @@ def test_status_of_a_stopped_process(running):
         assert any("port 53" in problem for problem in row["problems"])
     finally:
         os.kill(pid, signal.SIGCONT)
-    wait_until(lambda: running.status()["answers"], "it answers again")
+    wait_until(lambda: running.status()["answers"], "an answer after SIGCONT")
 
 
-def test_init_and_release_of_a_directory(running):
+def test_init_and_release_of_a_vpn_directory(running):
     refused = running.vqctl("vpn", "release", "7")
     assert refused.returncode == 0, refused.stdout + refused.stderr
     assert not os.path.exists("/etc/kavel/dnsmasq/vpn_7")
 
     assert running.vqctl("vpn", "init", "7").returncode == 0
     started(running)
-    assert running.vqctl("vpn", "release", "7").returncode == 1, "not while its instance runs"
+    assert running.vqctl("vpn", "release", "7").returncode == 1, "released while the instance runs"
     assert ask("nas.vpn7.example") == ["192.168.7.10"]
 
 
-def test_every_vpn_is_listed(running):
+def test_status_lists_every_vpn(running):
     started(running)
     rows = json.loads(running.vqctl("status", "--json").stdout)
     assert [row["vpn"] for row in rows] == [0, 7, 8]
 
 
-def test_an_instance_whose_vpn_is_not_configured_any_more(running):
+def test_instance_of_a_vpn_that_was_removed_from_the_configuration(running):
     running.apply(message(7), message(8))
     running.stop()
     running.configure(vpn_config(7))

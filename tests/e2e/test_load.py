@@ -1,4 +1,5 @@
-"""Fifty VPNs, four controllers at once, instances and agents killed meanwhile: what was confirmed last runs."""
+"""Fifty VPNs, four concurrent controllers; instances and agents are killed meanwhile. The last confirmed message of
+each VPN must be in force."""
 
 import concurrent.futures
 import contextlib
@@ -16,10 +17,10 @@ from box import (DNSMASQ, STORE, ask, end, expect, instance_pid, instances, pid_
                  vpn_config, wait_until)
 from load import Controller, Message, content, lines_of, surround
 
-VPNS = range(101, 151)  # none of these numbers begins another
+VPNS = range(101, 151)  # no number is the prefix of another
 CONTROLLERS = 4
 MESSAGES = int(os.environ.get("KAVEL_LOAD_MESSAGES", "2000"))
-SECONDS = 120  # for the messages; on a box that is slower than that, fewer are sent
+SECONDS = 120  # time limit for sending; a slow box sends fewer messages
 
 
 @pytest.fixture(scope="module")
@@ -29,7 +30,7 @@ def seed():
 
 @pytest.fixture
 def crowd(box):
-    """Fifty configured VPNs, the agent ready."""
+    """A box with fifty configured VPNs, the agent ready."""
     with concurrent.futures.ThreadPoolExecutor(CONTROLLERS) as pool:
         list(pool.map(surround, VPNS))
     run("rm", "-rf", STORE.parent)
@@ -50,7 +51,7 @@ def messages_for(vpn, dice):
 
 
 def controllers_of(dice):
-    """They share no VPN, so that each knows the order in which its messages were carried out."""
+    """Controllers share no VPN, so that each one knows the order in which its messages were executed."""
     packs = {vpn: random.Random(dice.random()) for vpn in VPNS}
     with concurrent.futures.ThreadPoolExecutor(CONTROLLERS) as pool:
         made = dict(zip(VPNS, pool.map(lambda vpn: messages_for(vpn, packs[vpn]), VPNS)))
@@ -59,7 +60,7 @@ def controllers_of(dice):
 
 
 def kill_instances(over, dice):
-    """Ends instances behind the agent's back until told that it is over; how many."""
+    """Kills random instances until `over` is set. Returns their number."""
     killed = 0
     while not over.wait(dice.uniform(0.0, 1.0)):
         running = sorted(instances())
@@ -70,7 +71,7 @@ def kill_instances(over, dice):
 
 
 def kill_agents(box, sending, dice):
-    """Kills the agent every few seconds until all messages are sent, now and then while it recovers; how often."""
+    """Kills the agent every few seconds until all messages are sent, sometimes during recovery. Returns how often."""
     killed = 0
     while concurrent.futures.wait(sending, timeout=dice.uniform(2.0, 6.0)).not_done:
         box.agent.kill()
@@ -87,7 +88,7 @@ def kill_agents(box, sending, dice):
 
 
 def load(box, controllers, dice):
-    """Returns the seconds that the messages took, and how many instances and agents were killed meanwhile."""
+    """Returns the duration in seconds, and how many instances and agents were killed meanwhile."""
     over = threading.Event()
     began = time.monotonic()
     with concurrent.futures.ThreadPoolExecutor(CONTROLLERS + 1) as pool:
@@ -107,18 +108,18 @@ def status_of_all(box):
     return {row["vpn"]: row for row in json.loads(box.vqctl("status", "--json").stdout)}
 
 
-def check_status_tells_the_dead(box, books):
-    """Every instance that is meant to run and does not is told; nothing is said against the others."""
+def check_status_reports_dead_instances(box, histories):
+    """Status reports a problem for exactly those instances that should run and do not."""
     def wrong():
-        status, alive = status_of_all(box), {vpn: bool(instances(vpn)) for vpn in books}
-        return [(vpn, status[vpn]["problems"]) for vpn, book in books.items()
-                if book.is_settled() and bool(status[vpn]["problems"]) != (book.runs() and not alive[vpn])]
+        status, alive = status_of_all(box), {vpn: bool(instances(vpn)) for vpn in histories}
+        return [(vpn, status[vpn]["problems"]) for vpn, history in histories.items()
+                if history.is_known() and bool(status[vpn]["problems"]) != (history.runs() and not alive[vpn])]
 
-    wait_until(lambda: not wrong(), f"a status that is right: {wrong()}")
+    wait_until(lambda: not wrong(), f"a correct status: {wrong()}")
 
 
 def check_in_force(vpn, one):
-    """Files, routes, rule and instance are exactly those of a message."""
+    """Files, routes, rule and instance are exactly as message `one` requires."""
     assert lines_of(vpn) == one.files()
     assert routes(vpn) == one.routes()
     assert tables(vpn) == ([f"kavel_dns_0_{vpn + 2}"] if one.enables else [])
@@ -137,29 +138,29 @@ def check_answers(vpn, one):
 
 
 def stored():
-    """The rows, as far as messages say what stands in them."""
+    """The stored rows, reduced to the members that a message determines."""
     told = ("Enable", "VpnId", "DnsHost", "DnsMxHost", "DnsServer", "DnsProxy")
     return {vpn: {key: record[key] for key in told}
             for vpn, record in ((vpn, json.loads(text)) for vpn, text in rows().items())}
 
 
-def check_recovered(books):
-    """A confirmed message is in force; after an unanswered one that, or the one before. Returns the VPNs in doubt."""
+def check_recovered(histories):
+    """The confirmed message is in force, or a later one that got no answer. Returns the VPNs whose state is unknown."""
     found = stored()
-    doubtful = []
-    for vpn, book in books.items():
+    unknown = []
+    for vpn, history in histories.items():
         row = found.get(vpn)
-        possible = [one for one in [book.confirmed, *book.unanswered] if one is not None]
-        assert row in [one.row() for one in possible] + [None] * (book.confirmed is None)
+        possible = [one for one in [history.confirmed, *history.unanswered] if one is not None]
+        assert row in [one.row() for one in possible] + [None] * (history.confirmed is None)
         if row is not None:
             check_in_force(vpn, next(one for one in possible if one.row() == row))
-        if not book.is_settled() or row is None and book.confirmed.enables:
-            doubtful.append(vpn)
-    return doubtful
+        if not history.is_known() or row is None and history.confirmed.enables:
+            unknown.append(vpn)
+    return unknown
 
 
-def check_nothing_is_left_over(books):
-    wanted = sorted(instance_pid(vpn) for vpn, book in books.items() if book.confirmed.enables)
+def check_nothing_is_left_over(histories):
+    wanted = sorted(instance_pid(vpn) for vpn, history in histories.items() if history.confirmed.enables)
     assert sorted(instances()) == wanted, "orphans"
     assert list(DNSMASQ.rglob(".*")) == []
     assert {path.name for path in STORE.parent.iterdir()} <= {"agent.db", "agent.db-wal", "agent.db-shm"}
@@ -167,37 +168,37 @@ def check_nothing_is_left_over(books):
         assert store.execute("PRAGMA integrity_check").fetchall() == [("ok",)]
 
 
-def test_what_was_confirmed_last_runs(crowd, seed, capsys):
+def test_last_confirmed_message_is_in_force(crowd, seed, capsys):
     dice = random.Random(seed)
     print("KAVEL_SEED", seed)
     controllers = controllers_of(dice)
-    books = {vpn: book for one in controllers for vpn, book in one.books.items()}
+    histories = {vpn: history for one in controllers for vpn, history in one.histories.items()}
 
     took, killed, agents = load(crowd, controllers, dice)
 
     total = {what: sum(getattr(one, what) for one in controllers) for what in ("sent", "confirmed", "refused", "lost")}
     for pid in instances()[:3]:
         end(pid)
-    check_status_tells_the_dead(crowd, books)
+    check_status_reports_dead_instances(crowd, histories)
 
     crowd.agent.kill()
     crowd.agent.wait()
     began = time.monotonic()
     crowd.start()
     recovery = time.monotonic() - began
-    doubtful = check_recovered(books)
+    unknown = check_recovered(histories)
     for one in controllers:
-        for vpn in sorted(set(doubtful) & set(one.books)):
-            one.settle(vpn)
+        for vpn in sorted(set(unknown) & set(one.histories)):
+            one.restart_until_confirmed(vpn)
         one.close()
 
-    for vpn, book in books.items():
-        check_in_force(vpn, book.confirmed)
-        check_answers(vpn, book.confirmed)
-    assert stored() == {vpn: book.confirmed.row() for vpn, book in books.items() if book.confirmed.kept}
-    check_nothing_is_left_over(books)
+    for vpn, history in histories.items():
+        check_in_force(vpn, history.confirmed)
+        check_answers(vpn, history.confirmed)
+    assert stored() == {vpn: history.confirmed.row() for vpn, history in histories.items() if history.confirmed.kept}
+    check_nothing_is_left_over(histories)
     assert crowd.vqctl("status").returncode == 0
     with capsys.disabled():
         print(f"\nload: seed {seed}, {len(VPNS)} VPNs, {CONTROLLERS} controllers, {total} in {took:.1f} s, "
               f"{total['confirmed'] / took:.0f} confirmed/s; killed {killed} instances, {agents} agents; "
-              f"last recovery of {len(rows())} rows {recovery:.2f} s; {len(doubtful)} settled in the end")
+              f"last recovery of {len(rows())} rows {recovery:.2f} s; {len(unknown)} restarted in the end")

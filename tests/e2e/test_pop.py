@@ -1,4 +1,4 @@
-"""A POP: one instance for the box, asked by customer boxes behind CPE-to-POP connections."""
+"""A POP: one instance for the box. Customer boxes behind CPE-to-POP connections send queries to it."""
 
 import json
 
@@ -39,7 +39,7 @@ def pop(box):
         run("nft", "delete", "table", "ip", table)
 
 
-def test_a_branch_is_answered_through_the_dnat(pop):
+def test_branch_is_answered_through_the_dnat(pop):
     assert ask_from_branch("www.example.net") == []
 
     pop.apply(pop_message())
@@ -49,13 +49,13 @@ def test_a_branch_is_answered_through_the_dnat(pop):
     assert open("/etc/kavel/dnsmasq/resolv.conf").read() == "nameserver 10.9.0.53\n"
 
 
-def test_only_the_resolver_file_is_written(pop):
+def test_apply_writes_only_the_resolver_file(pop):
     before = {name: open(f"/etc/kavel/dnsmasq/{name}").read() for name in ("hosts", "dnsmasq.conf")}
     pop.apply(pop_message())
     assert {name: open(f"/etc/kavel/dnsmasq/{name}").read() for name in before} == before
 
 
-def test_every_message_restarts(pop):
+def test_every_message_restarts_the_instance(pop):
     pop.apply(pop_message())
     before = instance_pid(0)
     pop.apply(pop_message(dns=["10.9.0.53", "10.9.0.54"]))
@@ -64,7 +64,7 @@ def test_every_message_restarts(pop):
     assert len(tables()) == 2
 
 
-def test_more_servers_than_the_record_holds(pop):
+def test_only_the_first_eight_servers_are_kept(pop):
     pop.apply(pop_message(dns=[f"10.9.0.{number}" for number in range(50, 70)]))
     assert len(open("/etc/kavel/dnsmasq/resolv.conf").readlines()) == 8
     assert "is more than 8" in pop.log()
@@ -72,7 +72,7 @@ def test_more_servers_than_the_record_holds(pop):
     assert said.endswith("pop dnsmasq dns is overflow")
 
 
-def test_switched_off(pop):
+def test_disable_removes_process_and_rules(pop):
     pop.apply(pop_message())
     pid = instance_pid(0)
 
@@ -83,7 +83,7 @@ def test_switched_off(pop):
     assert ask_from_branch("www.example.net") == []
 
 
-def test_recovered_after_a_kill(pop):
+def test_instance_recovers_after_a_kill(pop):
     pop.apply(pop_message(persistentflag=True))
     pop.agent.kill()
     pop.agent.wait()
@@ -92,11 +92,11 @@ def test_recovered_after_a_kill(pop):
 
     pop.start()
 
-    wait_until(lambda: ask_from_branch("www.example.net") == ["198.51.100.10"], "an answer again")
+    wait_until(lambda: ask_from_branch("www.example.net") == ["198.51.100.10"], "an answer after the recovery")
     assert len(tables()) == 2
 
 
-def test_a_cpe_message_is_refused_on_a_pop(pop):
+def test_cpe_message_is_refused_on_a_pop(pop):
     done = pop.vqctl("check", "-", input=json.dumps({"enable": True, "operation": "reload", "vpnid": 7,
                                                      "dnshosts": [{"domain": "a.example", "ip": "10.0.0.1"}]}))
     assert done.returncode == 1

@@ -1,4 +1,4 @@
-"""What was stored comes back, whatever ended the agent."""
+"""Stored messages are recovered, however the agent ended."""
 
 import concurrent.futures
 import json
@@ -18,7 +18,7 @@ from box import (BUILD, DNSMASQ, STORE, ask, end, expect, instance_pid, instance
 
 @pytest.fixture
 def keeping(box):
-    """A box that keeps its configuration, its agent ready."""
+    """A box with persistence, its agent ready."""
     run("rm", "-rf", os.path.dirname(STORE))
     box.configure(vpn_config(7), vpn_config(8), persistence=True, store=str(STORE))
     return box.start()
@@ -29,7 +29,7 @@ def kept(vpn=7, **changes):
 
 
 def kill(box):
-    """Agent and instances, as a power cut would, but for the disk."""
+    """Kills the agent and the instances, as a power cut would; the disk is kept."""
     box.agent.kill()
     box.agent.wait()
     for pid in instances():
@@ -37,7 +37,7 @@ def kill(box):
     run("ip", "-n", "vpn_7", "route", "flush", "table", "199", check=False)
 
 
-def test_killed_and_started_everything_answers_again(keeping):
+def test_recovery_after_agent_and_instances_are_killed(keeping):
     keeping.apply(kept(7), kept(8))
     expect("192.168.7.10", "nas.vpn7.example")
     kill(keeping)
@@ -52,8 +52,8 @@ def test_killed_and_started_everything_answers_again(keeping):
     assert keeping.status()["problems"] == []
 
 
-def test_the_agent_alone_is_killed(keeping):
-    """Instances that live are restarted, not doubled."""
+def test_recovery_after_the_agent_alone_is_killed(keeping):
+    """A running instance is restarted; there is no second one."""
     keeping.apply(kept())
     expect("192.168.7.10", "nas.vpn7.example")
     keeping.agent.kill()
@@ -65,7 +65,7 @@ def test_the_agent_alone_is_killed(keeping):
     assert instances(7) == [instance_pid()]
 
 
-def test_a_message_without_the_flag_erases_the_row(keeping):
+def test_message_without_the_flag_deletes_the_row(keeping):
     keeping.apply(kept())
     assert json.loads(rows()[7])["DnsHost"] == [{"Ip": "192.168.7.10", "Domain": "nas.vpn7.example"}]
 
@@ -77,7 +77,7 @@ def test_a_message_without_the_flag_erases_the_row(keeping):
     assert instances() == []
 
 
-def test_a_refused_message_leaves_the_row(keeping):
+def test_refused_message_keeps_the_row(keeping):
     keeping.apply(kept())
     before = rows()
 
@@ -87,7 +87,7 @@ def test_a_refused_message_leaves_the_row(keeping):
     assert rows() == before
 
 
-def test_a_disabled_record_is_stored_and_torn_down_again(keeping):
+def test_disabled_record_is_stored_and_recovered_as_disabled(keeping):
     keeping.apply(kept())
     off = kept(enable=False, dnshosts=None, dnsservers=None)
     keeping.apply(off)
@@ -103,8 +103,8 @@ def test_a_disabled_record_is_stored_and_torn_down_again(keeping):
     assert (DNSMASQ / "vpn_7/hosts").read_text() == ""
 
 
-def test_a_crash_between_launch_and_rule(keeping):
-    """Stored as switched off, an instance runs that no rule leads to: its launch was never confirmed."""
+def test_crash_between_launch_and_rule(keeping):
+    """The stored record is disabled, an instance runs without a rule: its launch was not confirmed. It is stopped."""
     keeping.apply(kept(enable=False))
     off = rows()[7]
     keeping.apply(kept())
@@ -124,7 +124,7 @@ def test_a_crash_between_launch_and_rule(keeping):
 
 @pytest.fixture
 def slow_dnsmasq():
-    """Every dnsmasq waits before it begins, until a line is written to the returned path."""
+    """Every dnsmasq waits at its start until a line is written to the returned path."""
     gate, real = pathlib.Path("/run/gate"), pathlib.Path("/run/real/dnsmasq")
     real.parent.mkdir()
     shutil.copy("/usr/sbin/dnsmasq", real)
@@ -140,23 +140,23 @@ def slow_dnsmasq():
 
 
 def reached(gate):
-    """The gate, open, when something waits there."""
+    """The opened gate if a dnsmasq waits at it, else None."""
     try:
         return open(os.open(gate, os.O_WRONLY | os.O_NONBLOCK), "wb", buffering=0)
     except OSError:
         return None
 
 
-def test_a_crash_right_after_the_launch(keeping, slow_dnsmasq):
-    """The instance that the dead agent launched is not up yet when the next one looks for it."""
+def test_crash_right_after_the_launch(keeping, slow_dnsmasq):
+    """The instance that a killed agent launched is still starting when the next agent starts. It is stopped."""
     keeping.apply(kept(enable=False))
     asking = subprocess.Popen([str(BUILD / "vqctl"), "apply", "-"], stdin=subprocess.PIPE, stderr=subprocess.PIPE,
                               text=True)
     with sqlite3.connect(STORE) as other:
-        other.execute("BEGIN EXCLUSIVE")  # what is confirmed once it is stored is not confirmed
+        other.execute("BEGIN EXCLUSIVE")  # the message cannot be stored, and so is not confirmed
         asking.stdin.write(json.dumps(kept()))
         asking.stdin.close()
-        gate = wait_until(lambda: reached(slow_dnsmasq), "an instance that is launched")
+        gate = wait_until(lambda: reached(slow_dnsmasq), "the launch of the instance")
         keeping.agent.kill()
         keeping.agent.wait()
         other.rollback()
@@ -164,7 +164,7 @@ def test_a_crash_right_after_the_launch(keeping, slow_dnsmasq):
     with gate:
         with concurrent.futures.ThreadPoolExecutor() as pool:
             starting = pool.submit(keeping.start)
-            wait_until(lambda: keeping.log().count("module /") == 2, "the next agent at work")
+            wait_until(lambda: keeping.log().count("module /") == 2, "the start of the next agent")
             gate.write(b"go\n")
             starting.result()
 
@@ -173,7 +173,7 @@ def test_a_crash_right_after_the_launch(keeping, slow_dnsmasq):
     assert keeping.status()["problems"] == []
 
 
-def test_persistence_switched_off(box):
+def test_without_persistence_nothing_is_stored(box):
     run("rm", "-rf", os.path.dirname(STORE))
     box.configure(vpn_config(7), persistence=False, store=str(STORE))
     box.start().apply(kept())
@@ -184,7 +184,7 @@ def test_persistence_switched_off(box):
     assert instances() == []
 
 
-def test_a_row_that_cannot_be_read_among_good_ones(keeping):
+def test_invalid_row_does_not_affect_the_others(keeping):
     keeping.apply(kept(7), kept(8))
     kill(keeping)
     with sqlite3.connect(STORE) as store:
@@ -195,10 +195,10 @@ def test_a_row_that_cannot_be_read_among_good_ones(keeping):
     expect("192.168.8.10", "nas.vpn8.example", vpn=8)
     assert instances(7) == []
     assert "vpn 7" in "".join(line for line in keeping.log().splitlines() if line.startswith("ERROR"))
-    assert rows()[7] == '{"Enable": tru', "it is kept for whoever repairs it"
+    assert rows()[7] == '{"Enable": tru', "an invalid row is kept, so that it can be repaired"
 
 
-def test_a_store_that_is_no_database(box):
+def test_store_that_is_no_database_is_not_overwritten(box):
     run("rm", "-rf", os.path.dirname(STORE))
     os.makedirs(os.path.dirname(STORE), exist_ok=True)
     with open(STORE, "wb") as garbage:
@@ -210,11 +210,11 @@ def test_a_store_that_is_no_database(box):
 
     assert said.startswith("vpn 7: refused (-5 Input/output error)"), said
     expect("192.168.7.10", "nas.vpn7.example")
-    assert open(STORE, "rb").read().startswith(b"no database at all"), "nothing is overwritten"
+    assert open(STORE, "rb").read().startswith(b"no database at all"), "the file was overwritten"
     os.unlink(STORE)
 
 
-def test_a_store_that_is_locked(keeping):
+def test_locked_store_refuses_the_message(keeping):
     keeping.apply(kept())
     before = rows()
     with sqlite3.connect(STORE) as other:
@@ -227,7 +227,7 @@ def test_a_store_that_is_locked(keeping):
     keeping.apply(kept(dnshosts=None))
 
 
-def test_store_list(keeping):
+def test_store_list_and_show(keeping):
     keeping.apply(kept(7), kept(8))
     listed = keeping.vqctl("store", "list").stdout.splitlines()
     assert [line.split()[0] for line in listed[1:]] == ["7", "8"]
@@ -236,8 +236,8 @@ def test_store_list(keeping):
 
 
 def apply_until(box, stop_at, addresses, dice):
-    """Applies one message after the other until the time comes, the last one being cut off. Returns the address that was
-    confirmed last, if any, and the one that was on its way."""
+    """Applies messages until `stop_at`, then kills the agent during the last one. Returns the last confirmed address,
+    if any, and the address of the message that was interrupted."""
     confirmed = None
     while True:
         address = next(addresses)
@@ -257,26 +257,26 @@ def apply_until(box, stop_at, addresses, dice):
             confirmed = address
 
 
-def test_killed_at_random_moments(keeping):
-    """A hundred agents die in the middle of applies. Each start brings back exactly what was last confirmed, or what was
-    stored and not yet confirmed: no half of a file, no second instance, no lost row."""
+def test_agent_killed_at_random_moments(keeping):
+    """A hundred agents are killed during applies. Each start recovers exactly the last confirmed message, or the one
+    that was stored but not yet confirmed: no partial file, no second instance, no lost row."""
     seed = random.randrange(1 << 32)
     print("seed", seed)
     dice = random.Random(seed)
     addresses = (f"192.168.{third}.{fourth}" for third in range(256) for fourth in range(1, 255))
-    brought_back = None
+    recovered = None
     for _ in range(100):
-        confirmed, on_its_way = apply_until(keeping, time.monotonic() + dice.uniform(0.0, 0.1), addresses, dice)
+        confirmed, interrupted = apply_until(keeping, time.monotonic() + dice.uniform(0.0, 0.1), addresses, dice)
 
         keeping.start()
 
         row = rows().get(7)
         stored = row and json.loads(row)["DnsHost"][0]["Ip"]
-        assert stored in {confirmed or brought_back, on_its_way}
-        brought_back = stored
-        assert not list(DNSMASQ.rglob(".*")), "half of a file"
+        assert stored in {confirmed or recovered, interrupted}
+        recovered = stored
+        assert not list(DNSMASQ.rglob(".*")), "partial files"
         if stored is None:
             continue
         assert (DNSMASQ / "vpn_7/hosts").read_text() == f"{stored} nas.vpn7.example\n"
         wait_until(lambda: pid_file().exists() and instances(7) == [instance_pid()], "one instance")
-    expect(brought_back, "nas.vpn7.example")
+    expect(recovered, "nas.vpn7.example")

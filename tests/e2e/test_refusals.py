@@ -1,4 +1,4 @@
-"""What is not as it should be is answered with one clear line, and loses nothing."""
+"""Invalid messages, configurations and calls: each is refused with one clear line, and changes nothing."""
 
 import json
 
@@ -12,7 +12,7 @@ def files_of(vpn=7):
     return {path: path.read_bytes() for path in (DNSMASQ / f"vpn_{vpn}").rglob("*") if path.is_file()}
 
 
-def test_a_bad_domain_changes_nothing(running):
+def test_invalid_domain_changes_nothing(running):
     running.apply(message())
     expect("192.168.7.10", "nas.vpn7.example")
     before, pid = files_of(), instance_pid()
@@ -25,17 +25,17 @@ def test_a_bad_domain_changes_nothing(running):
     assert instance_pid() == pid
 
 
-def test_an_unknown_operation_is_refused_after_the_files(running):
+def test_unknown_operation_is_refused_after_the_files_are_written(running):
     said = running.refused(message(operation=2))
 
     assert said == "vpn 7: refused (-22 Invalid argument): Dnsmasq operation(2) failed(22:Invalid argument)"
     assert b"nas.vpn7.example" in files_of()[DNSMASQ / "vpn_7/hosts"]
-    assert routes() == ["10.7.0.53"], "the routes stay"
+    assert routes() == ["10.7.0.53"], "the routes are kept"
     assert instances() == []
 
 
 @pytest.mark.parametrize("name", ["a\nport=5353", "eth 0", "../eth0", "\x01"])
-def test_an_interface_name_that_would_not_stay_in_its_line(running, name):
+def test_interface_name_that_would_break_its_line_is_refused(running, name):
     running.apply(message())
     before = files_of()
     servers = [{"dnsserver": "10.7.0.53"}, {"dnsserver": "10.7.0.54", "ifname": name}]
@@ -47,7 +47,7 @@ def test_an_interface_name_that_would_not_stay_in_its_line(running, name):
     assert files_of() == before
 
 
-def test_a_quoted_domain_forges_no_log_line(running):
+def test_quoted_domain_cannot_forge_a_log_line(running):
     running.apply(message(dnsproxies=[{"domains": ["a\n<3>ERROR forged\x1b[2J"], "serverips": ["10.7.0.53"]}]))
 
     quoted = [line for line in running.log().splitlines() if "forged" in line]
@@ -68,7 +68,7 @@ def test_check_applies_nothing(running):
     assert instances() == []
 
 
-def test_a_vpn_that_is_not_configured(running):
+def test_vpn_that_is_not_configured_is_refused(running):
     said = running.refused(message(99))
 
     assert said == "vpn 99: refused (-2 No such file or directory): vpn 99 is not configured"
@@ -79,7 +79,7 @@ def test_a_vpn_that_is_not_configured(running):
         assert "vpn 99 is not configured" in refused.stdout + refused.stderr
 
 
-def test_a_namespace_that_goes_away(box):
+def test_namespace_that_was_deleted(box):
     run("ip", "netns", "add", "short_lived")
     box.configure({"id": 9, "namespace": "short_lived"}, vpn_config(7))
     box.start()
@@ -102,8 +102,8 @@ def add_lan(peer):
     in_short_lived("link", "set", "lan0", "up")
 
 
-def test_what_is_replaced_between_two_messages(box):
-    """Interfaces and whole namespaces may come anew under the same name: the next message finds the new ones."""
+def test_replaced_interfaces_and_namespaces_are_used_by_the_next_message(box):
+    """Interfaces and namespaces can be created again with the same name. The next message uses the new ones."""
     def expect_route(server):
         box.apply(message(9, dnsservers=[{"dnsserver": server}]))
         assert in_short_lived("route", "show", "table", "199").split()[:3] == [server, "dev", "lan0"]
@@ -147,7 +147,7 @@ BAD_CONFIGURATIONS = {
 
 
 @pytest.mark.parametrize("case", BAD_CONFIGURATIONS)
-def test_a_bad_configuration_is_one_line(box, case):
+def test_invalid_configuration_is_reported_in_one_line(box, case):
     changes, line = BAD_CONFIGURATIONS[case]
     vpns = changes.get("vpns", [])
     box.configure(*vpns, **{key: value for key, value in changes.items() if key != "vpns"})
@@ -162,14 +162,14 @@ def test_a_bad_configuration_is_one_line(box, case):
 
 
 @pytest.mark.parametrize("text", ["{", "", "[]", '{"platform": "cpe"} x'])
-def test_a_configuration_that_is_not_one_object(box, text):
+def test_configuration_that_is_not_one_object(box, text):
     CONFIG.write_text(text)
     done = run(BUILD / "vqagent", check=False, timeout=10)
     assert done.returncode == 2
     assert len((done.stdout + done.stderr).splitlines()) == 1
 
 
-def test_a_second_agent_says_who_runs(running):
+def test_second_agent_reports_the_pid_of_the_first(running):
     pid = running.agent.pid
 
     done = run(BUILD / "vqagent", check=False, timeout=10)
@@ -180,7 +180,7 @@ def test_a_second_agent_says_who_runs(running):
     running.apply(message())
 
 
-def test_messages_that_are_not_messages(running, tmp_path):
+def test_binary_input_that_is_no_message_is_refused(running, tmp_path):
     for name, content in {"empty": b"", "garbage": b"\xff" * 40, "truncated": b"\x08\x01\x10"}.items():
         path = tmp_path / name
         path.write_bytes(content)
@@ -190,7 +190,7 @@ def test_messages_that_are_not_messages(running, tmp_path):
     running.apply(message())
 
 
-def test_no_agent(box):
+def test_vqctl_without_an_agent(box):
     done = box.vqctl("status")
     assert done.returncode == 3
     assert (done.stdout + done.stderr).splitlines() == [
@@ -198,7 +198,7 @@ def test_no_agent(box):
 
 
 def test_full_disk_keeps_the_old_files(running):
-    """No room below /etc/kavel: the message is refused, the old files and the running instance stand."""
+    """No space below /etc/kavel: the message is refused; the old files and the running instance are kept."""
     running.apply(message())
     expect("192.168.7.10", "nas.vpn7.example")
     hosts = DNSMASQ / "vpn_7/hosts"

@@ -21,8 +21,8 @@ def peak_memory_mib(pid):
     return int(line.split()[1]) / 1024
 
 
-def test_a_thousand_stored_vpns_recover_within_300_mib(box):
-    """Each record is 17 MB of address space. They are switched off, so that the agent is measured and not dnsmasq."""
+def test_thousand_stored_vpns_recover_within_300_mib(box):
+    """Each record has 17 MB of address space. All are disabled, so that the agent is measured and not dnsmasq."""
     vpns = range(1001, 1001 + COUNT)
     os.makedirs(os.path.dirname(STORE), exist_ok=True)
     for vpn in vpns:

@@ -1,4 +1,4 @@
-"""The steering rule: whatever resolver a client believes in, the VPN's instance answers."""
+"""The steering rule: the VPN's instance answers, whatever resolver a client has configured."""
 
 import json
 
@@ -13,7 +13,7 @@ def dns_rules(vpn=7):
     return [json.dumps(entry["rule"]["expr"]) for entry in listed["nftables"] if "rule" in entry]
 
 
-def test_a_resolver_that_does_not_exist_is_answered(running):
+def test_query_to_a_resolver_that_does_not_exist_is_answered(running):
     assert ask("nas.vpn7.example", server=NOWHERE) == []
 
     running.apply(message())
@@ -21,16 +21,16 @@ def test_a_resolver_that_does_not_exist_is_answered(running):
     expect("192.168.7.10", "nas.vpn7.example", server=NOWHERE)
     expect("192.168.7.10", "nas.vpn7.example", server=NOWHERE, options=["+tcp"])
     assert running.status()["rule"]
-    assert tables(8) == [], "the other VPN has none"
+    assert tables(8) == [], "the other VPN has no rule"
 
 
-def test_traffic_that_is_not_from_the_lan_is_left_alone(running):
-    """The instance's own questions leave by lan0 and wan0 as they were asked."""
+def test_queries_of_the_instance_are_not_redirected(running):
+    """The instance's own queries leave by lan0 and wan0 unchanged."""
     running.apply(message(dnsservers=[{"dnsserver": "203.0.113.53", "ifname": "wan0"}]))
     expect("198.51.100.10", "www.example.net")
 
 
-def test_a_restart_replaces_the_rule(running):
+def test_restart_replaces_the_rule(running):
     running.apply(message())
     before = dns_rules()
     assert before
@@ -42,7 +42,7 @@ def test_a_restart_replaces_the_rule(running):
     assert len(tables()) == 1
 
 
-def test_two_agents_worth_of_restarts_leave_one_rule(running):
+def test_restarts_by_several_agents_leave_one_rule(running):
     for _ in range(2):
         running.apply(message())
         running.agent.kill()
@@ -53,7 +53,7 @@ def test_two_agents_worth_of_restarts_leave_one_rule(running):
     assert len(tables()) == 1
 
 
-def test_switched_off_the_rule_is_gone(running):
+def test_disable_removes_the_rule(running):
     running.apply(message())
     assert tables()
 
@@ -64,8 +64,8 @@ def test_switched_off_the_rule_is_gone(running):
     assert not running.status()["rule"]
 
 
-def test_a_rule_that_cannot_be_removed_stops_the_teardown(running):
-    """The caller hears success, and the instance answers on: queries may still be steered to it."""
+def test_rule_that_cannot_be_removed_stops_the_teardown(running):
+    """The result is success and the instance keeps running, since queries may still be steered to it."""
     running.apply(message())
     expect("192.168.7.10", "nas.vpn7.example")
     pid = instance_pid()
@@ -80,7 +80,7 @@ def test_a_rule_that_cannot_be_removed_stops_the_teardown(running):
     assert "runs although it is switched off" in running.status()["problems"]
 
 
-def test_a_rule_of_another_customer_is_not_removed(box):
+def test_rule_of_another_customer_is_not_removed(box):
     box.configure({"id": 7, "customer": 1, "lan": ["lan0", "lan1"]})
     box.start().apply(message())
     box.stop()
@@ -89,11 +89,11 @@ def test_a_rule_of_another_customer_is_not_removed(box):
 
     box.apply(message(enable=False))
 
-    assert tables(), "it belongs to the first customer"
+    assert tables(), "the rule belongs to the first customer"
     assert instances(7)
 
 
-def test_a_missing_rule_is_told(running):
+def test_status_reports_a_missing_rule(running):
     running.apply(message())
     (table,) = tables()
     run("ip", "netns", "exec", "vpn_7", "nft", "delete", "table", "ip", table)

@@ -1,9 +1,9 @@
-"""VPNs side by side: each sees its own names alone."""
+"""Two VPNs on one box: each one sees only its own names."""
 
 from box import ask, expect, instance_pid, instances, message, routes, vpn_config
 
 
-def test_names_stay_in_their_vpn(running):
+def test_names_are_visible_only_in_their_vpn(running):
     running.apply(message(7), message(8))
 
     expect("192.168.7.10", "nas.vpn7.example", vpn=7)
@@ -12,7 +12,7 @@ def test_names_stay_in_their_vpn(running):
     assert ask("nas.vpn7.example", vpn=8) == []
 
 
-def test_each_asks_its_own_upstream(running):
+def test_each_vpn_queries_its_own_upstream(running):
     running.apply(message(7), message(8))
 
     expect("198.51.100.7", "vpn7.example.net", vpn=7)
@@ -20,7 +20,7 @@ def test_each_asks_its_own_upstream(running):
     assert ask("vpn8.example.net", vpn=7) == []
 
 
-def test_one_is_switched_off_and_the_other_answers_on(running):
+def test_disabling_one_vpn_does_not_affect_the_other(running):
     running.apply(message(7), message(8))
     expect("192.168.8.10", "nas.vpn8.example", vpn=8)
     other = instance_pid(8)
@@ -34,7 +34,7 @@ def test_one_is_switched_off_and_the_other_answers_on(running):
     assert ask("nas.vpn8.example", vpn=8) == ["192.168.8.10"]
 
 
-def test_a_vpn_without_lan_interfaces_asks_by_its_ordinary_routes(box):
+def test_vpn_without_lan_interfaces_uses_its_ordinary_routes(box):
     box.configure(vpn_config(7, lan=[]))
     box.start()
 
