@@ -20,7 +20,7 @@ std::string Dotted(std::uint32_t first, std::uint32_t second, std::uint32_t thir
            std::to_string(fourth);
 }
 
-void ExpectBothWays(std::uint32_t address, const std::string &text)
+void ExpectConvertedBothWays(std::uint32_t address, const std::string &text)
 {
     std::array<char, kTextSize> written{};
     ASSERT_GE(VQ_IPNum2IPStr(address, 0, written.data(), kTextSize), 0) << text;
@@ -32,20 +32,20 @@ void ExpectBothWays(std::uint32_t address, const std::string &text)
 
 class Addresses : public ContractTest {};
 
-TEST_F(Addresses, EveryOctetInEveryPlace)
+TEST_F(Addresses, EveryOctetIsConvertedInEveryPlace)
 {
     for (const std::uint32_t first : kOctets) {
         for (const std::uint32_t second : kOctets) {
             for (const std::uint32_t third : kOctets) {
                 for (const std::uint32_t fourth : kOctets) {
-                    ExpectBothWays(Ip(first, second, third, fourth), Dotted(first, second, third, fourth));
+                    ExpectConvertedBothWays(Ip(first, second, third, fourth), Dotted(first, second, third, fourth));
                 }
             }
         }
     }
 }
 
-TEST_F(Addresses, BadTextGivesNothing)
+TEST_F(Addresses, InvalidTextIsRefused)
 {
     for (const std::string text :
          {"",           " ",          ".",         "...",       "1",          "1.2.3",       "1.2.3.",    ".1.2.3",
@@ -59,8 +59,8 @@ TEST_F(Addresses, BadTextGivesNothing)
     }
 }
 
-// What stands behind the size is not looked at: it may not be there.
-TEST_F(Addresses, TextEndsAtItsSize)
+// Nothing after `size` bytes may be read.
+TEST_F(Addresses, TextNeedsNoTerminator)
 {
     const std::string text = "192.168.200.25";
     const std::string exact(text.begin(), text.end());
@@ -71,7 +71,7 @@ TEST_F(Addresses, TextEndsAtItsSize)
     EXPECT_EQ(address, Ip(192, 168, 200, 25));
 }
 
-TEST_F(Addresses, TextMayEndBeforeItsSize)
+TEST_F(Addresses, TextMayBeTerminatedBeforeItsSize)
 {
     for (const std::size_t size : {9U, 15U, 16U, 19U, 256U}) {
         std::array<char, 256> text{"127.0.0.1"};
@@ -81,15 +81,15 @@ TEST_F(Addresses, TextMayEndBeforeItsSize)
     }
 }
 
-TEST_F(Addresses, ATextOfNoSizeIsBad)
+TEST_F(Addresses, TextOfSizeZeroIsRefused)
 {
     std::uint32_t address = kUntouched;
     EXPECT_EQ(VQ_SafeStrGetIp4Addr("1.2.3.4", 0, &address), nullptr);
     EXPECT_EQ(address, kUntouched);
 }
 
-// The shortest and the longest text, in every size: what does not fit is a failure, never a cut.
-TEST_F(Addresses, TheDottedFormFitsOrFails)
+// The shortest and the longest text, with every buffer size: text that does not fit is an error, never truncated.
+TEST_F(Addresses, DottedFormFitsOrFails)
 {
     world().AllowUnusualUse();
     for (const std::uint32_t address : {Ip(0, 0, 0, 0), Ip(10, 0, 0, 1), Ip(255, 255, 255, 255)}) {

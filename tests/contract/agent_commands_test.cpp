@@ -1,4 +1,4 @@
-// The shell that runs the module's commands, and what the agent ends or leaves alone.
+// The shell that runs the module's commands, and which processes the agent kills.
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,8 +36,8 @@ std::int32_t Execute(std::string command)
     return VQ_CmdExec(command.data());
 }
 
-// A command that goes on in the background after its shell has ended. Until it is that command, it is a shell that is
-// still arranging its streams.
+// A command that keeps running in the background after its shell has exited. Between fork and exec it is still a shell
+// that redirects its streams: the constructor waits for the exec.
 class Background {
   public:
     explicit Background(World &world)
@@ -73,7 +73,7 @@ class Background {
         std::ranges::sort(found);
         return found;
     }
-    // A set of signals out of its status.
+    // A signal mask from /proc/PID/status.
     [[nodiscard]] std::uint64_t Signals(const std::string &set) const
     {
         std::ifstream status(Proc("status"));
@@ -92,20 +92,20 @@ class Background {
 
 class Commands : public ContractTest {};
 
-TEST_F(Commands, ThatFailAreAnInputOutputError)
+TEST_F(Commands, FailedCommandReturnsEio)
 {
     for (const char *const command : {"false", "exit 3", "exit 255", "no-such-command", "if", "kill -KILL $$"}) {
         EXPECT_EQ(Execute(command), -EIO) << command;
     }
 }
 
-TEST_F(Commands, ThatCannotBeRunTellWhy)
+TEST_F(Commands, CommandThatCannotStartReturnsItsErrno)
 {
     EXPECT_EQ(Execute("true " + std::string(300000, 'x')), -E2BIG);
     EXPECT_EQ(VQ_CmdExec(nullptr), -EINVAL);
 }
 
-TEST_F(Commands, AreWaitedFor)
+TEST_F(Commands, CallWaitsForTheCommandAndReapsIt)
 {
     EXPECT_EQ(Execute(std::string("echo done > ") + kOutput), 0);
     EXPECT_EQ(world().ReadFile(kOutput), "done\n");
@@ -114,7 +114,7 @@ TEST_F(Commands, AreWaitedFor)
     EXPECT_EQ(errno, ECHILD);
 }
 
-TEST_F(Commands, AreWholeLinesOfTheShell)
+TEST_F(Commands, CommandIsAShellCommandLine)
 {
     EXPECT_EQ(
         Execute(std::string("a='one two'; [ \"$a\" = 'one two' ] && true | cat; false || echo \"$a\" > ") + kOutput),
@@ -122,13 +122,13 @@ TEST_F(Commands, AreWholeLinesOfTheShell)
     EXPECT_EQ(world().ReadFile(kOutput), "one two\n");
 }
 
-TEST_F(Commands, AreNotWaitedForInTheBackground)
+TEST_F(Commands, CallDoesNotWaitForBackgroundCommands)
 {
     const Background sleeper(world());
     EXPECT_TRUE(sleeper.IsRunning());
 }
 
-TEST_F(Commands, HaveNoneOfTheAgentsDescriptorsAndStreams)
+TEST_F(Commands, CommandInheritsNoDescriptorsAndStreams)
 {
     const UniqueFd inherited(::open("/etc/hostname", O_RDONLY));
     ASSERT_TRUE(inherited);
@@ -138,13 +138,13 @@ TEST_F(Commands, HaveNoneOfTheAgentsDescriptorsAndStreams)
     EXPECT_THAT(sleeper.Descriptors(), ElementsAre("0 /dev/null", "1 /dev/null", "2 /dev/null"));
 }
 
-TEST_F(Commands, WriteNothingWhereTheAgentLogs)
+TEST_F(Commands, OutputOfCommandsIsNotLogged)
 {
     const std::string logged = world().LoggedBy([] { EXPECT_EQ(Execute("echo noise; echo noise >&2"), 0); });
     EXPECT_THAT(logged, Not(HasSubstr("noise")));
 }
 
-TEST_F(Commands, HaveNoneOfTheAgentsSignalSettings)
+TEST_F(Commands, CommandInheritsNoSignalSettings)
 {
     sigset_t blocked;
     sigset_t before;
@@ -159,7 +159,7 @@ TEST_F(Commands, HaveNoneOfTheAgentsSignalSettings)
     EXPECT_EQ(sleeper.Signals("SigIgn") & (1ULL << (SIGPIPE - 1) | 1ULL << (SIGTERM - 1)), 0U);
 }
 
-TEST_F(Commands, HaveASessionAndADirectoryOfTheirOwn)
+TEST_F(Commands, CommandHasItsOwnSessionAndDirectory)
 {
     EXPECT_EQ(Execute(std::string("ps -o sid= -p $$ > ") + kOutput + "; pwd >> " + kOutput), 0);
     std::istringstream words(world().ReadFile(kOutput).value_or(""));
@@ -170,7 +170,7 @@ TEST_F(Commands, HaveASessionAndADirectoryOfTheirOwn)
     EXPECT_EQ(directory, "/");
 }
 
-TEST_F(Commands, DoNotSpeakForTheAgent)
+TEST_F(Commands, CommandDoesNotInheritTheNotifySocket)
 {
     ::setenv("NOTIFY_SOCKET", "/run/nobody", 1);
     ::setenv("KAVEL_CONTRACT", "kept", 1);
@@ -180,8 +180,8 @@ TEST_F(Commands, DoNotSpeakForTheAgent)
     EXPECT_EQ(world().ReadFile(kOutput), "-kept\n");
 }
 
-// A pid file may name a process that has taken the number of an instance.
-TEST_F(Commands, AProcessThatIsNoInstanceIsLeftAlone)
+// The pid of a dead instance may have been reused by another process.
+TEST_F(Commands, ProcessThatIsNoInstanceIsNotKilled)
 {
     ProcessLab lab;
     const pid_t stranger = lab.StartStranger();

@@ -1,4 +1,4 @@
-// Crashes and failures in the middle of the file services, at every system call that they make.
+// Crashes and errors at every system call that the file services make.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -37,7 +37,7 @@ const std::string &NewText()
     return text;
 }
 
-// Where the first call stands that satisfies the condition.
+// The index of the first call that satisfies the condition.
 template <typename Condition>
 std::size_t Find(const std::vector<SystemCall> &calls, Condition condition)
 {
@@ -50,7 +50,7 @@ bool Renamed(const Outcome &outcome)
     return Find(outcome.calls, [](const SystemCall &call) { return call.Is("rename") && call.result == 0; }) != kNever;
 }
 
-// Every disturbance of one kind there is for the work, until one comes too late to disturb. How many there were.
+// Runs `work` once for each of its system calls, disturbing that call. Returns the number of calls.
 template <typename Work, typename Check>
 std::size_t AtEveryCall(Kind kind, int error, Work work, Check check)
 {
@@ -84,8 +84,8 @@ class Replacement : public ContractTest, public testing::WithParamInterface<Case
         return RunTraced([] { return GetParam().write(kPath, NewText().data(), NewText().size()); }, disturbance);
     }
 
-    [[nodiscard]] bool HoldsOld() { return world().ReadFile(kPath) == GetParam().old; }
-    [[nodiscard]] bool HoldsNew() { return world().ReadFile(kPath) == NewText(); }
+    [[nodiscard]] bool HasOldContent() { return world().ReadFile(kPath) == GetParam().old; }
+    [[nodiscard]] bool HasNewContent() { return world().ReadFile(kPath) == NewText(); }
     [[nodiscard]] std::vector<std::string> FilesBeside()
     {
         std::vector<std::string> names = world().FilesIn(kDirectory);
@@ -102,7 +102,7 @@ INSTANTIATE_TEST_SUITE_P(Of, Replacement,
                                          Case{"PlainText", &VQ_WriteWithFilePath, std::string(5000, 'o')}),
                          [](const auto &instance) { return instance.param.name; });
 
-TEST_P(Replacement, IsOnDiskBeforeItTakesThePlaceAndAfterwards)
+TEST_P(Replacement, IsSyncedBeforeAndAfterTheRename)
 {
     const Outcome outcome = Write();
     ASSERT_EQ(outcome.result, 0);
@@ -127,7 +127,7 @@ TEST_P(Replacement, IsOnDiskBeforeItTakesThePlaceAndAfterwards)
     }
 }
 
-// Only the rename touches the file itself.
+// Only the rename changes the file itself.
 TEST_P(Replacement, NeverOpensTheOldFile)
 {
     const Outcome outcome = Write();
@@ -136,7 +136,7 @@ TEST_P(Replacement, NeverOpensTheOldFile)
     EXPECT_EQ(outcome.descriptorsAfter, outcome.descriptorsBefore);
 }
 
-TEST_P(Replacement, HoldsOldOrNewBytesAfterACrash)
+TEST_P(Replacement, HasOldOrNewContentAfterACrash)
 {
     for (const Kind kind : {Kind::kCrashBefore, Kind::kCrashAfter}) {
         bool sawOld = false;
@@ -145,9 +145,9 @@ TEST_P(Replacement, HoldsOldOrNewBytesAfterACrash)
             kind, 0, [this](const Disturbance &crash) { return Write(crash); },
             [&](const Outcome &outcome, const SystemCall & /*call*/) {
                 EXPECT_TRUE(outcome.crashed);
-                EXPECT_TRUE(HoldsOld() || HoldsNew());
-                sawOld |= HoldsOld();
-                sawNew |= HoldsNew();
+                EXPECT_TRUE(HasOldContent() || HasNewContent());
+                sawOld |= HasOldContent();
+                sawNew |= HasNewContent();
                 EXPECT_THAT(FilesBeside(), testing::Each(StartsWith(".hosts.")));
                 constexpr std::array<std::string_view, 1> kNames{"hosts"};
                 agent::RemoveTemporaryFiles(kDirectory, kNames);
@@ -159,7 +159,7 @@ TEST_P(Replacement, HoldsOldOrNewBytesAfterACrash)
     }
 }
 
-// What the crash left is neither in the way nor taken along.
+// Temporary files of the crash do not disturb the next write, and are not renamed by it.
 TEST_P(Replacement, SucceedsAfterACrash)
 {
     AtEveryCall(
@@ -175,9 +175,9 @@ TEST_P(Replacement, SucceedsAfterACrash)
     EXPECT_THAT(FilesBeside(), IsEmpty());
 }
 
-// Every call that fails is told with its own number, and what it leaves is whole. A signal only delays a write; closing
-// comes after everything that matters.
-TEST_P(Replacement, TellsEveryFailureAndLeavesNothing)
+// Every call that fails is reported with its errno, and the file is complete. EINTR only repeats a write; an error of
+// close is ignored, since it comes after the sync.
+TEST_P(Replacement, ReportsEveryErrorAndLeavesNoTemporaryFile)
 {
     for (const int error : {EIO, ENOSPC, EINTR}) {
         std::size_t failures = 0;
@@ -186,7 +186,7 @@ TEST_P(Replacement, TellsEveryFailureAndLeavesNothing)
             [&](const Outcome &outcome, const SystemCall &failed) {
                 const bool harmless = failed.Is("close") || (failed.Is("write") && error == EINTR);
                 EXPECT_EQ(outcome.result, harmless ? 0 : -error);
-                EXPECT_TRUE(Renamed(outcome) ? HoldsNew() : HoldsOld());
+                EXPECT_TRUE(Renamed(outcome) ? HasNewContent() : HasOldContent());
                 EXPECT_THAT(FilesBeside(), IsEmpty());
                 EXPECT_EQ(outcome.descriptorsAfter, outcome.descriptorsBefore);
                 failures += outcome.result < 0 ? 1U : 0U;
@@ -195,21 +195,21 @@ TEST_P(Replacement, TellsEveryFailureAndLeavesNothing)
     }
 }
 
-TEST_P(Replacement, GoesOnAfterAShortWrite)
+TEST_P(Replacement, ContinuesAfterAShortWrite)
 {
     std::size_t shortened = 0;
     AtEveryCall(
         Kind::kShorten, 0, [this](const Disturbance &cut) { return Write(cut); },
         [&](const Outcome &outcome, const SystemCall &call) {
             EXPECT_EQ(outcome.result, 0);
-            EXPECT_TRUE(HoldsNew());
+            EXPECT_TRUE(HasNewContent());
             shortened += call.Is("write") && call.result == 1 ? 1U : 0U;
         });
     EXPECT_EQ(shortened, 1U);
 }
 
-// An unprivileged dnsmasq reads it again.
-TEST_P(Replacement, MakesAFileThatEverybodyReads)
+// dnsmasq reads the file again after it has dropped its privileges.
+TEST_P(Replacement, FileIsReadableByEveryone)
 {
     const mode_t before = ::umask(077);
     const Outcome outcome = Write();
@@ -230,7 +230,7 @@ class Creation : public ContractTest, public testing::WithParamInterface<std::op
         }
         return RunTraced([] { return VQ_CreateFilePath(kPath); }, disturbance);
     }
-    [[nodiscard]] bool HoldsWhatItMay()
+    [[nodiscard]] bool HasAllowedContent()
     {
         const std::optional<std::string> content = world().ReadFile(kPath);
         return content == GetParam() || content == GetParam().value_or("");
@@ -239,14 +239,14 @@ class Creation : public ContractTest, public testing::WithParamInterface<std::op
 
 INSTANTIATE_TEST_SUITE_P(Of, Creation, testing::Values(std::nullopt, "text\n"));
 
-TEST_P(Creation, CrashesWithoutHarm)
+TEST_P(Creation, CanBeRepeatedAfterACrash)
 {
     for (const Kind kind : {Kind::kCrashBefore, Kind::kCrashAfter}) {
         const std::size_t calls = AtEveryCall(
             kind, 0, [this](const Disturbance &crash) { return Create(crash); },
             [&](const Outcome &outcome, const SystemCall & /*call*/) {
                 EXPECT_TRUE(outcome.crashed);
-                EXPECT_TRUE(HoldsWhatItMay());
+                EXPECT_TRUE(HasAllowedContent());
                 EXPECT_GE(VQ_CreateFilePath(kPath), 0);
                 EXPECT_THAT(world().ReadFile(kPath), Optional(Eq(GetParam().value_or(""))));
                 EXPECT_THAT(world().FilesIn(kDirectory), ElementsAre("hosts"));
@@ -255,20 +255,20 @@ TEST_P(Creation, CrashesWithoutHarm)
     }
 }
 
-TEST_P(Creation, TellsEveryFailure)
+TEST_P(Creation, ReportsEveryError)
 {
     for (const int error : {EIO, ENOSPC, EINTR}) {
         AtEveryCall(
             Kind::kFail, error, [this](const Disturbance &failure) { return Create(failure); },
             [&](const Outcome &outcome, const SystemCall &failed) {
                 EXPECT_EQ(outcome.result, failed.Is("close") ? 0 : -error);
-                EXPECT_TRUE(HoldsWhatItMay());
+                EXPECT_TRUE(HasAllowedContent());
                 EXPECT_EQ(outcome.descriptorsAfter, outcome.descriptorsBefore);
             });
     }
 }
 
-TEST_P(Creation, MakesAFileThatEverybodyReads)
+TEST_P(Creation, FileIsReadableByEveryone)
 {
     const mode_t before = ::umask(077);
     const Outcome outcome = Create();
@@ -295,7 +295,7 @@ class Removal : public ContractTest {
         return RunTraced([this] { return VQ_RemoveDirRecursion(std::string(tree_).data()); }, disturbance);
     }
     [[nodiscard]] bool IsGone() const { return !std::filesystem::exists(tree_); }
-    void ExpectNothingElseGone()
+    void ExpectNothingElseRemoved()
     {
         EXPECT_THAT(world().FilesIn(outside_), ElementsAre("kept"));
         EXPECT_TRUE(world().IsDirectory(Below("dnsmasq.d")));
@@ -309,7 +309,7 @@ TEST_F(Removal, DoesNotFollowLinks)
 {
     EXPECT_EQ(Remove().result, 0);
     EXPECT_TRUE(IsGone());
-    ExpectNothingElseGone();
+    ExpectNothingElseRemoved();
 }
 
 TEST_F(Removal, RefusesALinkToADirectory)
@@ -318,10 +318,10 @@ TEST_F(Removal, RefusesALinkToADirectory)
     world().PutFile(outside_ + "/kept", "text\n");
     std::filesystem::create_directory_symlink(outside_, tree_);
     EXPECT_EQ(VQ_RemoveDirRecursion(tree_.data()), -ENOTDIR);
-    ExpectNothingElseGone();
+    ExpectNothingElseRemoved();
 }
 
-TEST_F(Removal, IsFinishedByTheNextAfterACrash)
+TEST_F(Removal, IsCompletedByTheNextCallAfterACrash)
 {
     for (const Kind kind : {Kind::kCrashBefore, Kind::kCrashAfter}) {
         const std::size_t calls = AtEveryCall(
@@ -331,13 +331,13 @@ TEST_F(Removal, IsFinishedByTheNextAfterACrash)
                 const bool wasGone = IsGone();
                 EXPECT_EQ(VQ_RemoveDirRecursion(tree_.data()), wasGone ? -ENOENT : 0);
                 EXPECT_TRUE(IsGone());
-                ExpectNothingElseGone();
+                ExpectNothingElseRemoved();
             });
         EXPECT_GE(calls, 10U);
     }
 }
 
-TEST_F(Removal, SaysDoneOnlyWhenItIs)
+TEST_F(Removal, ReportsSuccessOnlyIfTheTreeIsGone)
 {
     for (const int error : {EIO, EBUSY, EINTR}) {
         std::size_t failures = 0;
@@ -347,7 +347,7 @@ TEST_F(Removal, SaysDoneOnlyWhenItIs)
                 EXPECT_EQ(outcome.result == 0, IsGone());
                 EXPECT_THAT(outcome.result, AnyOf(Eq(0), Eq(-error)));
                 EXPECT_EQ(outcome.descriptorsAfter, outcome.descriptorsBefore);
-                ExpectNothingElseGone();
+                ExpectNothingElseRemoved();
                 failures += outcome.result < 0 ? 1U : 0U;
             });
         EXPECT_THAT(failures, Gt(10U));

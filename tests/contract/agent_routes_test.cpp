@@ -1,4 +1,4 @@
-// What the agent's route and namespace services refuse, and what they keep open.
+// What the agent's route and namespace services refuse, and which descriptors they keep open.
 #include <cerrno>
 #include <filesystem>
 #include <iterator>
@@ -43,13 +43,13 @@ class AgentRoutes : public ContractTest {
     }
 };
 
-TEST_F(AgentRoutes, ThroughAnInterfaceThatIsNotThereAreRefused)
+TEST_F(AgentRoutes, UnknownInterfaceIsRefused)
 {
     EXPECT_EQ(VQ_RTCRouteAdd(kVpn, HostRoute(Ip(10, 1, 1, 1), "lan9").get()), -ENODEV);
     EXPECT_EQ(VQ_RTCRouteDel(kVpn, HostRoute(Ip(10, 1, 1, 1), "lan9").get()), -ENODEV);
 }
 
-TEST_F(AgentRoutes, ThatNameNoWayLeaveItToTheOrdinaryRoutes)
+TEST_F(AgentRoutes, RouteWithoutInterfaceUsesTheOrdinaryRoutes)
 {
     const auto route = HostRoute(Ip(10, 1, 1, 1), "");
     EXPECT_EQ(VQ_RTCRouteAdd(kVpn, route.get()), 0);
@@ -58,7 +58,7 @@ TEST_F(AgentRoutes, ThatNameNoWayLeaveItToTheOrdinaryRoutes)
     EXPECT_EQ(VQ_RTCRouteDel(kVpn, route.get()), -ENOENT);
 }
 
-TEST_F(AgentRoutes, OfAnotherFamilyAreRefused)
+TEST_F(AgentRoutes, OtherAddressFamiliesAreRefused)
 {
     auto route = HostRoute(Ip(10, 1, 1, 1), "lan0");
     route->TargetIp.IpType = VQ_IN_ADDR_TYPE_IPV6;
@@ -69,7 +69,7 @@ TEST_F(AgentRoutes, OfAnotherFamilyAreRefused)
     EXPECT_EQ(VQ_RTCRouteAdd(kVpn, route.get()), -EAFNOSUPPORT);
 }
 
-TEST_F(AgentRoutes, WithSenselessSizesAreRefused)
+TEST_F(AgentRoutes, InvalidSizesAreRefused)
 {
     auto route = HostRoute(Ip(10, 1, 1, 1), "lan0");
     route->TargetIp.Mask = 33;
@@ -81,7 +81,7 @@ TEST_F(AgentRoutes, WithSenselessSizesAreRefused)
     EXPECT_EQ(VQ_RTCRouteDel(kVpn, nullptr), -EINVAL);
 }
 
-TEST_F(AgentRoutes, CostNoDescriptorEach)
+TEST_F(AgentRoutes, RoutesKeepNoDescriptorOpen)
 {
     ASSERT_EQ(VQ_RTCRouteAdd(kVpn, HostRoute(Ip(10, 1, 1, 1), "lan0").get()), 0);
     const std::ptrdiff_t before = OpenDescriptors();
@@ -97,7 +97,7 @@ TEST_F(AgentRoutes, CostNoDescriptorEach)
     EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST_F(AgentRoutes, ASwitchOfTheNamespaceCostsNoDescriptor)
+TEST_F(AgentRoutes, NamespaceSwitchLeavesNoDescriptorOpen)
 {
     const std::ptrdiff_t before = OpenDescriptors();
     for (int round = 0; round < 100; ++round) {

@@ -1,4 +1,4 @@
-// What every contract test starts from: a fresh world, and no complaint of the host at the end.
+// The base of every contract test: a fresh world, and no complaint of the host at the end.
 #ifndef CONTRACT_CONTRACT_TEST_H
 #define CONTRACT_CONTRACT_TEST_H
 

@@ -15,7 +15,7 @@ using testing::Optional;
 
 constexpr const char *kPath = "/etc/kavel/dnsmasq/hosts";
 
-// Both writers promise this much.
+// What both writers guarantee.
 class FileWriters : public ContractTest, public testing::WithParamInterface<decltype(&VQ_WriteSyncWithFilePath)> {
   protected:
     static std::int32_t Write(const std::string &path, const std::string &text)
@@ -27,14 +27,14 @@ class FileWriters : public ContractTest, public testing::WithParamInterface<decl
 INSTANTIATE_TEST_SUITE_P(Durable, FileWriters, testing::Values(&VQ_WriteSyncWithFilePath));
 INSTANTIATE_TEST_SUITE_P(Plain, FileWriters, testing::Values(&VQ_WriteWithFilePath));
 
-TEST_P(FileWriters, MakeTheFile)
+TEST_P(FileWriters, CreateTheFile)
 {
     EXPECT_GE(Write(kPath, "text\n"), 0);
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("text\n")));
     EXPECT_THAT(world().FilesIn(kDirectory), ElementsAre("hosts"));
 }
 
-TEST_P(FileWriters, LeaveNothingOfALongerContent)
+TEST_P(FileWriters, ReplaceLongerContentCompletely)
 {
     world().PutFile(kPath, "much longer than what comes\n");
     EXPECT_GE(Write(kPath, "short\n"), 0);
@@ -42,7 +42,7 @@ TEST_P(FileWriters, LeaveNothingOfALongerContent)
     EXPECT_THAT(world().FilesIn(kDirectory), ElementsAre("hosts"));
 }
 
-TEST_P(FileWriters, TakeTheLengthAndNotTheTerminator)
+TEST_P(FileWriters, UseTheLengthAndIgnoreTerminators)
 {
     const std::string text("one\0two", 7);
     EXPECT_GE(Write(kPath, text), 0);
@@ -51,14 +51,14 @@ TEST_P(FileWriters, TakeTheLengthAndNotTheTerminator)
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("three")));
 }
 
-TEST_P(FileWriters, EmptyTheFileForANullText)
+TEST_P(FileWriters, TruncateTheFileForANullText)
 {
     world().PutFile(kPath, "text\n");
     EXPECT_GE(GetParam()(kPath, nullptr, 0), 0);
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("")));
 }
 
-TEST_P(FileWriters, MakeAnEmptyFileForANullText)
+TEST_P(FileWriters, CreateAnEmptyFileForANullText)
 {
     EXPECT_GE(GetParam()(kPath, nullptr, 0), 0);
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("")));
@@ -72,7 +72,7 @@ TEST_P(FileWriters, RefuseANullTextWithALength)
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("old\n")));
 }
 
-TEST_P(FileWriters, RefuseADirectoryThatIsNotThere)
+TEST_P(FileWriters, RefuseAMissingDirectory)
 {
     EXPECT_EQ(Write(Below("nowhere/hosts"), "text"), -ENOENT);
     EXPECT_FALSE(world().IsDirectory(Below("nowhere")));
@@ -85,7 +85,7 @@ TEST_P(FileWriters, RefuseToReplaceADirectory)
     EXPECT_THAT(world().FilesIn(kDirectory), IsEmpty());
 }
 
-TEST_P(FileWriters, CarryALargeContent)
+TEST_P(FileWriters, WriteLargeContent)
 {
     std::string text;
     for (unsigned line = 0; line < 100000; ++line) {
@@ -97,25 +97,25 @@ TEST_P(FileWriters, CarryALargeContent)
 
 class Files : public ContractTest {};
 
-TEST_F(Files, CreationMakesAnEmptyFile)
+TEST_F(Files, CreationCreatesAnEmptyFile)
 {
     EXPECT_GE(VQ_CreateFilePath(kPath), 0);
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("")));
 }
 
-TEST_F(Files, CreationLeavesAFileThatIsThere)
+TEST_F(Files, CreationKeepsAnExistingFile)
 {
     world().PutFile(kPath, "text\n");
     EXPECT_GE(VQ_CreateFilePath(kPath), 0);
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("text\n")));
 }
 
-TEST_F(Files, CreationNeedsADirectory)
+TEST_F(Files, CreationInAMissingDirectoryIsRefused)
 {
     EXPECT_EQ(VQ_CreateFilePath(Below("nowhere/hosts").c_str()), -ENOENT);
 }
 
-TEST_F(Files, RemovalTakesATreeAndNothingElse)
+TEST_F(Files, RemovalRemovesATreeAndNothingElse)
 {
     std::string tree = Below("vpn_7");
     for (const std::string &directory : {tree, tree + "/dnsmasq.d", Below("vpn_77")}) {
@@ -130,7 +130,7 @@ TEST_F(Files, RemovalTakesATreeAndNothingElse)
     EXPECT_THAT(world().FilesIn(kDirectory), ElementsAre("hosts"));
 }
 
-TEST_F(Files, RemovalOfNothingIsNotFound)
+TEST_F(Files, RemovalOfAMissingDirectoryIsNotFound)
 {
     std::string tree = Below("vpn_7");
     EXPECT_EQ(VQ_RemoveDirRecursion(tree.data()), -ENOENT);

@@ -14,7 +14,7 @@ constexpr std::uint32_t kUnset = 77;
 
 using GetList = VQ_LIST_HEAD *(*)(std::uint32_t *, std::uint32_t);
 
-// What `take` makes of each node; the list is released.
+// The results of `take` for each node; the list is released.
 template <typename Node, typename Take>
 auto Members(GetList get, std::uint32_t vpn, Take take)
 {
@@ -48,26 +48,26 @@ std::vector<unsigned> Wans(std::uint32_t vpn)
 
 class InterfaceLists : public ContractTest {};
 
-TEST_F(InterfaceLists, ComeInTheOrderOfTheBox)
+TEST_F(InterfaceLists, AreInConfiguredOrder)
 {
     EXPECT_THAT(Lans(kVpn), ElementsAre("lan0", "lan1"));
     EXPECT_THAT(Lans(kOtherVpn), ElementsAre("lan0"));
     EXPECT_THAT(Lans(kLastVpn), ElementsAre("lan0"));
 }
 
-TEST_F(InterfaceLists, TellWhichWanCarriesSystemRoutes)
+TEST_F(InterfaceLists, ReportWhichWanCarriesSystemRoutes)
 {
     EXPECT_THAT(Wans(kVpn), ElementsAre(0U, 1U));
 }
 
-TEST_F(InterfaceLists, OfAVpnWithoutInterfacesHaveNoMembers)
+TEST_F(InterfaceLists, AreEmptyForAVpnWithoutInterfaces)
 {
     EXPECT_THAT(Wans(kOtherVpn), IsEmpty());
     EXPECT_THAT(Wans(kUnknownVpn), IsEmpty());
     EXPECT_THAT(Lans(kUnknownVpn), IsEmpty());
 }
 
-TEST_F(InterfaceLists, AreFreshEachTime)
+TEST_F(InterfaceLists, AreIndependentOfEachOther)
 {
     std::uint32_t count = 0;
     VQ_LIST_HEAD *const first = VQ_RtcNetioLanGetAllByVpnId(&count, kVpn);

@@ -17,7 +17,7 @@ constexpr std::uint32_t kModule = VQ_LOG_MODULE_ADVANCED_DNS;
 constexpr std::size_t kNameSize = 16;
 constexpr const char *kPrefixed = "<%s%s>%s[%s:%d] bad domain %s\n";
 
-// A line as a site of the module writes it.
+// Writes a line as the module does.
 void WriteLine(std::uint32_t level, const char *function, const char *argument)
 {
     const VQ_LOG_IMPL_ITEM *const item = VQ_LogGetImplItem(kModule);
@@ -31,10 +31,10 @@ void WriteLine(std::uint32_t level, const char *function, const char *argument)
               thread.c_str(), function, 17, argument);
 }
 
-// The steps of an error after its line; what the buffer held for the dump, if one is wanted.
+// What the module does for an error after its line. Returns the text that is dumped, if a dump is enabled.
 std::string FinishError(const char *function, const char *argument)
 {
-    std::string dumped = "no dump wanted";
+    std::string dumped = "dump disabled";
     EXPECT_GE(VQ_FlexLogSetFormatData("bad domain %s\n", argument), 0);
     if (VQ_LogTest(kModule, VQ_LOG_LEVEL_ERROR, FALSE, function) != FALSE) {
         dumped = VQ_FlexLogGetFormatBuff();
@@ -61,7 +61,7 @@ TEST_F(Logging, HasAnImplementationWithTheModulesOperations)
     EXPECT_NE(item->LogLevel2Str, nullptr);
 }
 
-TEST_F(Logging, HasATextOfItsOwnForEachLevel)
+TEST_F(Logging, HasADifferentTextForEachLevel)
 {
     const VQ_LOG_IMPL_ITEM *const item = VQ_LogGetImplItem(kModule);
     std::set<std::string> texts;
@@ -86,7 +86,7 @@ TEST_F(Logging, NamesTheModuleAndTheAgent)
     EXPECT_STRNE(VQ_AgentLogGetTag(), "");
 }
 
-TEST_F(Logging, WritesALineWhole)
+TEST_F(Logging, WritesTheCompleteLine)
 {
     const std::string logged = world().LoggedBy([] { WriteLine(VQ_LOG_LEVEL_WARNING, "Check", "a_b"); });
     EXPECT_THAT(logged, HasSubstr("bad domain a_b\n"));
@@ -101,7 +101,7 @@ TEST_F(Logging, WritesALineOfAnyLength)
     EXPECT_THAT(logged, HasSubstr("bad domain " + argument + "\n"));
 }
 
-TEST_F(Logging, LetsErrorsThrough)
+TEST_F(Logging, WritesErrors)
 {
     const std::string logged = world().LoggedBy([] {
         WriteLine(VQ_LOG_LEVEL_ERROR, "Check", "a_b");
@@ -110,7 +110,7 @@ TEST_F(Logging, LetsErrorsThrough)
     EXPECT_THAT(logged, HasSubstr("bad domain a_b\n"));
 }
 
-// The host decides whether the dump is wanted; the text is the error's either way.
+// The host decides whether errors are dumped; the text is kept in both cases.
 TEST_F(Logging, KeepsTheTextOfAnErrorUntilItIsReset)
 {
     world().AllowUnusualUse();
@@ -120,7 +120,7 @@ TEST_F(Logging, KeepsTheTextOfAnErrorUntilItIsReset)
     EXPECT_STREQ(VQ_FlexLogGetFormatBuff(), "");
 }
 
-TEST_F(Logging, KeepsTheTextOfTheLastErrorAlone)
+TEST_F(Logging, KeepsOnlyTheTextOfTheLastError)
 {
     world().AllowUnusualUse();
     const std::string large(100000, 'x');
@@ -133,7 +133,7 @@ TEST_F(Logging, KeepsTheTextOfTheLastErrorAlone)
     VQ_FlexLogDataReset();
 }
 
-TEST_F(Logging, TakesOneErrorAfterTheOther)
+TEST_F(Logging, WritesConsecutiveErrors)
 {
     for (const char *const argument : {"a_b", "c_d"}) {
         const std::string logged = world().LoggedBy([&] {
@@ -158,7 +158,7 @@ TEST_F(ThreadName, FitsIntoSixteenBytes)
     }
 }
 
-TEST_F(ThreadName, ThatDoesNotFitLeavesTheBuffer)
+TEST_F(ThreadName, NameThatDoesNotFitLeavesTheBufferUnchanged)
 {
     world().AllowUnusualUse();
     world().NameThread("dns-main");

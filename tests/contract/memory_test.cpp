@@ -8,7 +8,7 @@
 #include "vqDnsmasqConf.h"
 #include "vqMemory.h"
 
-// What the other allocators answer to a request that cannot be met, a sanitizer's makes an error of its own.
+// By default a sanitizer's allocator aborts if a request is too large; others return null.
 extern "C" const char *__asan_default_options()
 {
     return "allocator_may_return_null=1";
@@ -28,8 +28,8 @@ bool IsZero(const void *memory, std::size_t size)
 
 class Memory : public ContractTest {};
 
-// The second time around it may come from what was released, and that was written to.
-TEST_F(Memory, ZeroedMemoryIsZeroEvenWhenItWasUsedBefore)
+// From the second round on, the memory may be reused, and was written to.
+TEST_F(Memory, ZeroedMemoryIsZeroAlsoIfReused)
 {
     for (const std::size_t size : {std::size_t{1}, std::size_t{24}, std::size_t{4096}, sizeof(VQ_DNSMASQ_CONF)}) {
         for (int round = 0; round < 3; ++round) {
@@ -42,7 +42,7 @@ TEST_F(Memory, ZeroedMemoryIsZeroEvenWhenItWasUsedBefore)
     }
 }
 
-TEST_F(Memory, IsTheCallersToWrite)
+TEST_F(Memory, AllocationsDoNotOverlap)
 {
     void *const first = VQ_AgentMemAlloc(4096);
     void *const second = VQ_AgentMemAlloc(4096);
@@ -56,7 +56,7 @@ TEST_F(Memory, IsTheCallersToWrite)
     VQ_AgentMemFree(second);
 }
 
-TEST_F(Memory, FitsAnyObject)
+TEST_F(Memory, IsAlignedForAnyObject)
 {
     for (const auto allocate : {&VQ_AgentMemAlloc, &VQ_AgentMemZeroAlloc}) {
         void *const memory = allocate(1);
@@ -65,8 +65,8 @@ TEST_F(Memory, FitsAnyObject)
     }
 }
 
-// Null would say that memory is exhausted.
-TEST_F(Memory, OfNoSizeIsMemoryAllTheSame)
+// Null would mean that memory is exhausted.
+TEST_F(Memory, SizeZeroIsNotNull)
 {
     for (const auto allocate : {&VQ_AgentMemAlloc, &VQ_AgentMemZeroAlloc}) {
         void *const memory = allocate(0);
@@ -75,14 +75,14 @@ TEST_F(Memory, OfNoSizeIsMemoryAllTheSame)
     }
 }
 
-TEST_F(Memory, ExhaustedIsNullAndNothingToRelease)
+TEST_F(Memory, TooLargeRequestReturnsNull)
 {
     constexpr std::size_t kTooMuch = std::numeric_limits<std::size_t>::max() / 4;
     EXPECT_THAT(VQ_AgentMemAlloc(kTooMuch), IsNull());
     EXPECT_THAT(VQ_AgentMemZeroAlloc(kTooMuch), IsNull());
 }
 
-TEST_F(Memory, ReleasingNothingHarmsNothing)
+TEST_F(Memory, ReleasingNullIsAllowed)
 {
     world().AllowUnusualUse();
     VQ_AgentMemFree(nullptr);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kRoom = 512;
 
-// The prefix of a VPN as a buffer of the module's size holds it.
+// The prefix of a VPN, in a buffer of the module's size.
 std::string PrefixOf(std::uint32_t vpn)
 {
     std::vector<char> buffer(kRoom, '#');
@@ -22,7 +22,7 @@ std::string PrefixOf(std::uint32_t vpn)
     return buffer.data();
 }
 
-std::string TableOfSockets()
+std::string SocketTable()
 {
     std::string text;
     std::FILE *const stream = std::fopen("/proc/net/tcp", "re");
@@ -51,7 +51,7 @@ TEST_F(NetworkNamespaces, AreEnteredAndLeft)
     EXPECT_EQ(saved, -1);
 }
 
-TEST_F(NetworkNamespaces, OfTheBoxItselfIsWhereTheAgentStarted)
+TEST_F(NetworkNamespaces, VpnZeroIsTheNamespaceInWhichTheAgentStarted)
 {
     int saved = -1;
     int inner = -1;
@@ -64,8 +64,8 @@ TEST_F(NetworkNamespaces, OfTheBoxItselfIsWhereTheAgentStarted)
     EXPECT_EQ(world().CurrentVpn(), 0U);
 }
 
-// What is saved is where the thread was, not where it started.
-TEST_F(NetworkNamespaces, AreLeftInTheOrderInWhichTheyWereEntered)
+// The saved namespace is the current one, not the initial one.
+TEST_F(NetworkNamespaces, SwitchesCanBeNested)
 {
     int outer = -1;
     int middle = -1;
@@ -82,7 +82,7 @@ TEST_F(NetworkNamespaces, AreLeftInTheOrderInWhichTheyWereEntered)
     EXPECT_EQ(world().CurrentVpn(), 0U);
 }
 
-TEST_F(NetworkNamespaces, OfAnUnknownVpnLeaveTheThreadWhereItIs)
+TEST_F(NetworkNamespaces, UnknownVpnKeepsTheCurrentNamespace)
 {
     int saved = -1;
     EXPECT_EQ(VQ_RtcNetNsSaveAndSwitch(kUnknownVpn, &saved), -ENOENT);
@@ -96,7 +96,7 @@ TEST_F(NetworkNamespaces, OfAnUnknownVpnLeaveTheThreadWhereItIs)
     EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&saved), 0);
 }
 
-TEST_F(NetworkNamespaces, AreNotLeftWithoutAHandle)
+TEST_F(NetworkNamespaces, SwitchBackNeedsAHandle)
 {
     world().AllowUnusualUse();
     int saved = -1;
@@ -107,24 +107,24 @@ TEST_F(NetworkNamespaces, AreNotLeftWithoutAHandle)
     EXPECT_EQ(world().CurrentVpn(), 0U);
 }
 
-// This is how the module looks for a port that is taken.
-TEST_F(NetworkNamespaces, AreWhatTheTableOfSocketsShows)
+// The module reads this table to find a port that is in use.
+TEST_F(NetworkNamespaces, SocketTableIsThatOfTheCurrentNamespace)
 {
     world().Listen(kVpn, 5353);
     world().Listen(kOtherVpn, 5354);
     int saved = -1;
     EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kVpn, &saved), 0);
-    EXPECT_THAT(TableOfSockets(), testing::HasSubstr(":14E9 "));
-    EXPECT_THAT(TableOfSockets(), testing::Not(testing::HasSubstr(":14EA ")));
+    EXPECT_THAT(SocketTable(), testing::HasSubstr(":14E9 "));
+    EXPECT_THAT(SocketTable(), testing::Not(testing::HasSubstr(":14EA ")));
     int inner = -1;
     EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kOtherVpn, &inner), 0);
-    EXPECT_THAT(TableOfSockets(), testing::HasSubstr(":14EA "));
-    EXPECT_THAT(TableOfSockets(), testing::Not(testing::HasSubstr(":14E9 ")));
+    EXPECT_THAT(SocketTable(), testing::HasSubstr(":14EA "));
+    EXPECT_THAT(SocketTable(), testing::Not(testing::HasSubstr(":14E9 ")));
     EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&inner), 0);
     EXPECT_GE(VQ_RtcNetNsSwitchToDefault(&saved), 0);
 }
 
-TEST_F(NetworkNamespaces, HaveAPrefixThatEndsInABlank)
+TEST_F(NetworkNamespaces, CommandPrefixEndsInABlank)
 {
     for (const std::uint32_t vpn : {kVpn, kOtherVpn, kLastVpn}) {
         EXPECT_THAT(PrefixOf(vpn), testing::EndsWith(" "));
@@ -132,13 +132,13 @@ TEST_F(NetworkNamespaces, HaveAPrefixThatEndsInABlank)
     EXPECT_NE(PrefixOf(kVpn), PrefixOf(kOtherVpn));
 }
 
-TEST_F(NetworkNamespaces, OfAnUnknownVpnHaveNoPrefix)
+TEST_F(NetworkNamespaces, UnknownVpnHasNoCommandPrefix)
 {
     std::vector<char> buffer(kRoom, '\0');
     EXPECT_EQ(VQ_RtcGetNetNsExecCmdPrefix(kUnknownVpn, buffer.data(), buffer.size()), -ENOENT);
 }
 
-TEST_F(NetworkNamespaces, HaveAPrefixThatFitsOrIsToldNotToFit)
+TEST_F(NetworkNamespaces, CommandPrefixFitsOrIsReportedAsTooLong)
 {
     const std::string prefix = PrefixOf(kVpn);
     for (const std::size_t size :
@@ -149,7 +149,7 @@ TEST_F(NetworkNamespaces, HaveAPrefixThatFitsOrIsToldNotToFit)
             EXPECT_EQ(result, static_cast<VQ_ERR_T>(prefix.size())) << size;
             EXPECT_EQ(buffer.data(), prefix);
         } else {
-            // The module takes either for one that does not fit.
+            // The module treats both results as a prefix that does not fit.
             EXPECT_TRUE(result < 0 || static_cast<std::size_t>(result) >= size) << result << " in " << size;
         }
         EXPECT_EQ(std::string(buffer.begin() + static_cast<std::ptrdiff_t>(size), buffer.end()),

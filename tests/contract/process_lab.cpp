@@ -19,7 +19,7 @@ struct Pipe {
     {
         std::array<int, 2> ends{};
         if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-            throw std::runtime_error("no pipe");
+            throw std::runtime_error("cannot create a pipe");
         }
         read = UniqueFd(ends[0]);
         write = UniqueFd(ends[1]);
@@ -45,13 +45,13 @@ pid_t Spawn(std::vector<std::string> words, int input, int output)
     const int error = posix_spawn(&pid, "/bin/sh", &actions, nullptr, arguments.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
-        throw std::runtime_error("no shell");
+        throw std::runtime_error("cannot start a shell");
     }
     return pid;
 }
 
-// Leaves it a zombie.
-void AwaitEnd(pid_t pid)
+// Waits for the exit without reaping the process.
+void WaitForExit(pid_t pid)
 {
     siginfo_t info{};
     while (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
@@ -77,7 +77,7 @@ pid_t ProcessLab::StartShell(std::vector<std::string> words)
     inputs_.push_back(std::move(input.write));
     char letter = 0;
     if (::read(output.read.Get(), &letter, 1) != 1) {
-        throw std::runtime_error("a shell that does not start");
+        throw std::runtime_error("the shell does not start");
     }
     return pid;
 }
@@ -105,7 +105,7 @@ pid_t ProcessLab::EndedProcess()
 pid_t ProcessLab::Zombie()
 {
     const pid_t pid = StartShell({"sh", "-c", "echo ready"});
-    AwaitEnd(pid);
+    WaitForExit(pid);
     return pid;
 }
 

@@ -12,7 +12,7 @@
 
 namespace kavel::contract {
 
-// What it starts ends with it.
+// Kills the processes that it started when it is destroyed.
 class ProcessLab {
   public:
     ProcessLab() = default;
@@ -20,18 +20,18 @@ class ProcessLab {
     ProcessLab &operator=(const ProcessLab &) = delete;
     ~ProcessLab();
 
-    // A shell that bears the arguments of a DNS instance, and waits; one that is told to ignores the wish that it ends.
+    // A shell that has the arguments of a DNS instance, and waits. Without `endsWhenAsked` it ignores SIGTERM.
     pid_t StartInstance(std::uint32_t vpn, bool endsWhenAsked);
-    // Any other program that waits.
+    // Another program that waits.
     pid_t StartStranger();
     pid_t EndedProcess();
     pid_t Zombie();
 
-    // A zombie is not.
+    // False for a zombie.
     static bool IsRunning(pid_t pid);
 
   private:
-    // Returns once the shell has written a line.
+    // Returns when the shell has written a line.
     pid_t StartShell(std::vector<std::string> words);
 
     std::vector<pid_t> children_;

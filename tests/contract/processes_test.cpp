@@ -12,7 +12,7 @@ namespace {
 
 class Processes : public ContractTest {};
 
-TEST_F(Processes, AreGoneWhenTheCallReturns)
+TEST_F(Processes, HaveExitedWhenTheCallReturns)
 {
     const pid_t pid = world().StartInstance(true);
     ASSERT_TRUE(world().IsRunning(pid));
@@ -20,7 +20,7 @@ TEST_F(Processes, AreGoneWhenTheCallReturns)
     EXPECT_FALSE(world().IsRunning(pid));
 }
 
-TEST_F(Processes, AreGoneEvenWhenTheyDoNotWantToGo)
+TEST_F(Processes, AreKilledIfTheyIgnoreSigterm)
 {
     const pid_t pid = world().StartInstance(false);
     ASSERT_TRUE(world().IsRunning(pid));
@@ -28,7 +28,7 @@ TEST_F(Processes, AreGoneEvenWhenTheyDoNotWantToGo)
     EXPECT_FALSE(world().IsRunning(pid));
 }
 
-TEST_F(Processes, AreEndedOneByOne)
+TEST_F(Processes, OtherInstancesKeepRunning)
 {
     const pid_t first = world().StartInstance(true);
     const pid_t second = world().StartInstance(true);
@@ -36,33 +36,33 @@ TEST_F(Processes, AreEndedOneByOne)
     EXPECT_TRUE(world().IsRunning(second));
 }
 
-TEST_F(Processes, ThatAreNoMoreAreNotThere)
+TEST_F(Processes, ThatHaveExitedAreNotFound)
 {
     EXPECT_EQ(VQ_KillPid(world().EndedProcess()), -ESRCH);
     EXPECT_EQ(VQ_KillPid(INT_MAX), -ESRCH);
 }
 
-TEST_F(Processes, EndedByTheCallAreNotThereForTheNext)
+TEST_F(Processes, KilledOnceAreNotFoundTheNextTime)
 {
     const pid_t pid = world().StartInstance(true);
     EXPECT_GE(VQ_KillPid(pid), 0);
     EXPECT_EQ(VQ_KillPid(pid), -ESRCH);
 }
 
-TEST_F(Processes, ThatNobodyAskedAboutCountAsGone)
+TEST_F(Processes, ZombiesAreNotFound)
 {
     EXPECT_EQ(VQ_KillPid(world().Zombie()), -ESRCH);
 }
 
-// Such numbers would reach groups of processes, or all of them.
-TEST_F(Processes, HavePositiveNumbers)
+// kill() takes such numbers for process groups, or for all processes.
+TEST_F(Processes, PidsMustBePositive)
 {
     for (const pid_t pid : {0, -1, -2, INT_MIN}) {
         EXPECT_EQ(VQ_KillPid(pid), -EINVAL) << pid;
     }
 }
 
-TEST_F(Processes, ACommandThatSucceedsGivesNoFailure)
+TEST_F(Processes, SuccessfulCommandReturnsNoError)
 {
     std::string command = "true";
     EXPECT_GE(VQ_CmdExec(command.data()), 0);

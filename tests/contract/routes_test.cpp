@@ -16,7 +16,7 @@ using testing::SizeIs;
 constexpr std::uint32_t kTable = 199;
 constexpr std::uint32_t kOtherTable = 200;
 
-// A description under construction. It is large, and lives on the heap.
+// Builds a route description. It is large, and so is on the heap.
 class Description {
   public:
     explicit Description(std::uint32_t table = kTable) : route_(std::make_unique<VQ_RTC_ROUTE_CONF>())
@@ -52,7 +52,7 @@ class Routes : public ContractTest {
         return world().Routes(vpn, table);
     }
 
-    // Looked at once, so that the world knows what to clear.
+    // The world clears the tables that were read.
     void SetUp() override
     {
         for (const std::uint32_t vpn : {kVpn, kOtherVpn, kLastVpn}) {
@@ -62,14 +62,14 @@ class Routes : public ContractTest {
     }
 };
 
-TEST_F(Routes, AHostIsReachedThroughAnInterface)
+TEST_F(Routes, HostRouteIsAddedToAnInterface)
 {
     EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), 0);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 2)).Through("lan1").Add(), 0);
     EXPECT_THAT(In(kVpn), ElementsAre("10.1.1.1/32 dev lan0", "10.1.1.2/32 dev lan1"));
 }
 
-TEST_F(Routes, WhatIsThereAlreadyIsToldAndStays)
+TEST_F(Routes, ExistingRouteIsReportedAndKept)
 {
     EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), 0);
     EXPECT_EQ(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), -EEXIST);
@@ -77,15 +77,15 @@ TEST_F(Routes, WhatIsThereAlreadyIsToldAndStays)
     EXPECT_THAT(In(kVpn), ElementsAre("10.1.1.1/32 dev lan0"));
 }
 
-TEST_F(Routes, OnePrefixInAnotherIsAnotherRoute)
+TEST_F(Routes, PrefixesOfDifferentLengthAreDifferentRoutes)
 {
     EXPECT_GE(Description().To(Ip(10, 1, 1, 0), 24).Through("lan0").Add(), 0);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 0), 32).Through("lan0").Add(), 0);
     EXPECT_THAT(In(kVpn), ElementsAre("10.1.1.0/24 dev lan0", "10.1.1.0/32 dev lan0"));
 }
 
-// A controller may name any address as a server's.
-TEST_F(Routes, AnyAddressCanBeATarget)
+// A controller may configure any address as a server.
+TEST_F(Routes, AcceptsAnyAddressAsTarget)
 {
     for (const std::uint32_t address : {Ip(0, 0, 0, 0), Ip(0, 0, 0, 1), Ip(10, 7, 0, 1), Ip(127, 0, 0, 1),
                                         Ip(169, 254, 1, 1), Ip(224, 0, 0, 1), Ip(255, 255, 255, 255)}) {
@@ -94,7 +94,7 @@ TEST_F(Routes, AnyAddressCanBeATarget)
     EXPECT_THAT(In(kVpn), SizeIs(7));
 }
 
-TEST_F(Routes, NextHopsAreTaken)
+TEST_F(Routes, AcceptsNextHops)
 {
     EXPECT_GE(Description().To(Ip(10, 2, 0, 0), 24).Through("lan0", Ip(10, 7, 0, 2)).Add(), 0);
     EXPECT_GE(
@@ -106,7 +106,7 @@ TEST_F(Routes, NextHopsAreTaken)
                                       "10.4.0.0/24 dev lan0 dev lan1"));
 }
 
-TEST_F(Routes, ADescriptionSelectsItsTarget)
+TEST_F(Routes, DeleteSelectsByTarget)
 {
     EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), 0);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 2)).Through("lan0").Add(), 0);
@@ -114,7 +114,7 @@ TEST_F(Routes, ADescriptionSelectsItsTarget)
     EXPECT_THAT(In(kVpn), ElementsAre("10.1.1.2/32 dev lan0"));
 }
 
-TEST_F(Routes, ADescriptionSelectsByItsInterfaceToo)
+TEST_F(Routes, DeleteSelectsByInterface)
 {
     EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), 0);
     EXPECT_EQ(Description().To(Ip(10, 1, 1, 1)).Through("lan1").Delete(), -ENOENT);
@@ -123,7 +123,7 @@ TEST_F(Routes, ADescriptionSelectsByItsInterfaceToo)
     EXPECT_THAT(In(kVpn), IsEmpty());
 }
 
-TEST_F(Routes, RemovingWhatIsNotThereIsNotFound)
+TEST_F(Routes, DeletingAMissingRouteIsNotFound)
 {
     EXPECT_EQ(Description().Delete(), -ENOENT);
     EXPECT_EQ(Description().To(Ip(10, 1, 1, 1)).Delete(), -ENOENT);
@@ -135,7 +135,7 @@ TEST_F(Routes, RemovingWhatIsNotThereIsNotFound)
     EXPECT_THAT(In(kVpn), ElementsAre("10.1.1.1/32 dev lan0"));
 }
 
-TEST_F(Routes, ADescriptionOfNothingEmptiesOneTableOfOneVpn)
+TEST_F(Routes, EmptyDescriptionDeletesOneTableOfOneVpn)
 {
     for (const std::uint32_t vpn : {kVpn, kOtherVpn, kLastVpn}) {
         EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(vpn), 0);
@@ -153,8 +153,8 @@ TEST_F(Routes, ADescriptionOfNothingEmptiesOneTableOfOneVpn)
     EXPECT_EQ(Description().Delete(), -ENOENT);
 }
 
-// It names a route, and so it selects that one.
-TEST_F(Routes, ADefaultRouteIsNotTheWholeTable)
+// A description with an interface names one route, and selects only that one.
+TEST_F(Routes, DeletingADefaultRouteKeepsTheOthers)
 {
     EXPECT_GE(Description().To(Ip(0, 0, 0, 0), 0).Through("lan0").Add(), 0);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), 0);
@@ -162,7 +162,7 @@ TEST_F(Routes, ADefaultRouteIsNotTheWholeTable)
     EXPECT_THAT(In(kVpn), ElementsAre("10.1.1.1/32 dev lan0"));
 }
 
-TEST_F(Routes, AFullTableIsEmptiedAtOnce)
+TEST_F(Routes, LargeTableIsDeletedAtOnce)
 {
     constexpr std::uint32_t kMany = 3000;
     for (std::uint32_t host = 0; host < kMany; ++host) {
@@ -173,7 +173,7 @@ TEST_F(Routes, AFullTableIsEmptiedAtOnce)
     EXPECT_THAT(In(kVpn), IsEmpty());
 }
 
-TEST_F(Routes, AnUnknownVpnHasNone)
+TEST_F(Routes, UnknownVpnIsRefused)
 {
     EXPECT_EQ(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(kUnknownVpn), -ENOENT);
     EXPECT_EQ(Description().Delete(kUnknownVpn), -ENOENT);

@@ -14,7 +14,7 @@ constexpr std::uint16_t kDnsPort = 53;
 constexpr std::uint8_t kUdp = 17;
 constexpr std::uint32_t kDnsIdOffset = 2;
 
-// As the module asks for it.
+// A rule as the module builds it.
 std::unique_ptr<VQ_CONF_RULE> NewRule(VQ_CONF_RULE_TBL_TYPE table, std::uint32_t id, std::uint32_t customer)
 {
     auto rule = std::make_unique<VQ_CONF_RULE>();
@@ -66,11 +66,11 @@ VQ_ERR_T DeleteDnat(std::uint32_t customer = 0)
 
 class Rules : public ContractTest {
   protected:
-    // Looked at once, so that the world knows what to clear.
+    // The world clears the tables that were read.
     void SetUp() override { ASSERT_THAT(world().Rules(), IsEmpty()); }
 };
 
-TEST_F(Rules, ADnsRuleComesAndGoes)
+TEST_F(Rules, DnsRuleIsAddedAndDeleted)
 {
     EXPECT_GE(AddDns(kVpn, kCustomerOfVpn), 0);
     EXPECT_THAT(world().Rules(), ElementsAre("dns zone 0 id 9 customer 42"));
@@ -78,7 +78,7 @@ TEST_F(Rules, ADnsRuleComesAndGoes)
     EXPECT_THAT(world().Rules(), IsEmpty());
 }
 
-TEST_F(Rules, ADnatRuleComesAndGoes)
+TEST_F(Rules, DnatRuleIsAddedAndDeleted)
 {
     EXPECT_GE(AddDnat(Ip(10, 0, 0, 1)), 0);
     EXPECT_THAT(world().Rules(), ElementsAre("dnat zone 0 id 3 customer 0"));
@@ -86,7 +86,7 @@ TEST_F(Rules, ADnatRuleComesAndGoes)
     EXPECT_THAT(world().Rules(), IsEmpty());
 }
 
-TEST_F(Rules, AddedAgainAreThereOnce)
+TEST_F(Rules, RuleAddedTwiceExistsOnce)
 {
     for (int round = 0; round < 3; ++round) {
         EXPECT_GE(AddDns(kVpn, kCustomerOfVpn), 0);
@@ -99,7 +99,7 @@ TEST_F(Rules, AddedAgainAreThereOnce)
     EXPECT_THAT(world().Rules(), IsEmpty());
 }
 
-TEST_F(Rules, ThatAreNotThereAreNotFound)
+TEST_F(Rules, DeletingAMissingRuleIsNotFound)
 {
     EXPECT_EQ(DeleteDns(kVpn, kCustomerOfVpn), -ENOENT);
     EXPECT_EQ(DeleteDnat(), -ENOENT);
@@ -109,7 +109,7 @@ TEST_F(Rules, ThatAreNotThereAreNotFound)
     EXPECT_THAT(world().Rules(), ElementsAre("dns zone 0 id 9 customer 42"));
 }
 
-TEST_F(Rules, AreRemovedOnce)
+TEST_F(Rules, SecondDeleteIsNotFound)
 {
     EXPECT_GE(AddDns(kVpn, kCustomerOfVpn), 0);
     EXPECT_GE(AddDnat(Ip(10, 0, 0, 1)), 0);
@@ -119,7 +119,7 @@ TEST_F(Rules, AreRemovedOnce)
     EXPECT_EQ(DeleteDnat(), -ENOENT);
 }
 
-TEST_F(Rules, OfAnotherCustomerStay)
+TEST_F(Rules, RuleOfAnotherCustomerIsNotDeleted)
 {
     EXPECT_GE(AddDns(kVpn, kCustomerOfVpn), 0);
     EXPECT_GE(AddDnat(Ip(10, 0, 0, 1)), 0);
@@ -129,7 +129,7 @@ TEST_F(Rules, OfAnotherCustomerStay)
 }
 
 // An id is unique within table and zone, whoever owns it.
-TEST_F(Rules, ChangeTheirCustomer)
+TEST_F(Rules, AddingWithAnotherCustomerReplacesTheRule)
 {
     EXPECT_GE(AddDns(kVpn, kCustomer), 0);
     EXPECT_GE(AddDns(kVpn, kCustomerOfVpn), 0);
@@ -138,7 +138,7 @@ TEST_F(Rules, ChangeTheirCustomer)
     EXPECT_GE(DeleteDns(kVpn, kCustomerOfVpn), 0);
 }
 
-TEST_F(Rules, OfSeveralVpnsStandBesideEachOther)
+TEST_F(Rules, VpnsHaveSeparateRules)
 {
     for (const std::uint32_t vpn : {0U, kVpn, kOtherVpn, kLastVpn}) {
         EXPECT_GE(AddDns(vpn, kCustomer), 0) << vpn;
@@ -152,7 +152,7 @@ TEST_F(Rules, OfSeveralVpnsStandBesideEachOther)
                                              "dns zone 0 id 2 customer 1", "dns zone 0 id 9 customer 1"));
 }
 
-TEST_F(Rules, AnUnknownVpnHasNone)
+TEST_F(Rules, UnknownVpnIsRefused)
 {
     EXPECT_EQ(AddDns(kUnknownVpn, kCustomer), -ENOENT);
     EXPECT_EQ(DeleteDns(kUnknownVpn, kCustomer), -ENOENT);
@@ -161,14 +161,14 @@ TEST_F(Rules, AnUnknownVpnHasNone)
 
 class Customers : public ContractTest {};
 
-TEST_F(Customers, OfAVpnIsToldWhenItHasOne)
+TEST_F(Customers, VpnWithACustomerReturnsIt)
 {
     std::uint32_t customer = 0;
     EXPECT_GE(VQ_GetCustomerIdByVpnId(kVpn, &customer), 0);
     EXPECT_EQ(customer, kCustomerOfVpn);
 }
 
-TEST_F(Customers, OfAVpnThatHasNoneIsLeftAsItIs)
+TEST_F(Customers, VpnWithoutACustomerLeavesTheOutputUnchanged)
 {
     for (const std::uint32_t vpn : {0U, kOtherVpn, kUnknownVpn}) {
         std::uint32_t customer = 12345;
@@ -177,7 +177,7 @@ TEST_F(Customers, OfAVpnThatHasNoneIsLeftAsItIs)
     }
 }
 
-TEST_F(Customers, OfTheBoxIsItsOwn)
+TEST_F(Customers, BoxHasItsOwnCustomer)
 {
     EXPECT_EQ(VQ_PlatformGetCustomerId(), kCustomer);
 }

@@ -14,7 +14,7 @@ using testing::IsEmpty;
 using testing::Pair;
 using testing::UnorderedElementsAre;
 
-// "vpn <id> host <address>". A text that begins with '!' cannot be read yet.
+// Texts are "vpn <id> host <address>". One that begins with '!' can be read only if this is set.
 bool s_readsMarkedTexts = false;
 
 VQ_ERR_T ReadText(VQ_DNSMASQ_CONF *record, const char *text)
@@ -89,7 +89,7 @@ class Store : public ContractTest {
     }
 };
 
-TEST_F(Store, IsSwitchedOnHere)
+TEST_F(Store, IsEnabled)
 {
     EXPECT_EQ(VQ_IsPersistentConfEnable(), TRUE);
 }
@@ -100,13 +100,13 @@ TEST_F(Store, HasOneTableOfConversions)
     EXPECT_EQ(VQ_GetDbDataTransOp(), VQ_GetDbDataTransOp());
 }
 
-TEST_F(Store, HoldsNothingAtFirst)
+TEST_F(Store, IsEmptyAtFirst)
 {
     EXPECT_THAT(Rows(), IsEmpty());
     EXPECT_THAT(Rows(VQ_SQL_CONF_POP_DNSMASQ), IsEmpty());
 }
 
-TEST_F(Store, GivesBackWhatItWasGiven)
+TEST_F(Store, ReturnsTheStoredRows)
 {
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1)), 0);
     EXPECT_GE(Add(kOtherVpn, TextOf(kOtherVpn, 2)), 0);
@@ -114,7 +114,7 @@ TEST_F(Store, GivesBackWhatItWasGiven)
     EXPECT_THAT(Rows(), UnorderedElementsAre(Pair(kVpn, 1), Pair(kOtherVpn, 2)));
 }
 
-TEST_F(Store, LeavesTheTextToItsOwner)
+TEST_F(Store, CopiesTheText)
 {
     std::string text = TextOf(kVpn, 1);
     EXPECT_GE(VQ_SqliteDnsMasqConfOp(static_cast<BOOL>(kVpn), text.data(), VQ_SQL_CONF_OP_ADD, VQ_SQL_CONF_CPE_DNSMASQ),
@@ -141,7 +141,7 @@ TEST_F(Store, DeletesOneRow)
     EXPECT_THAT(Rows(), UnorderedElementsAre(Pair(kOtherVpn, 2)));
 }
 
-TEST_F(Store, TellsThatThereIsNothingToDelete)
+TEST_F(Store, DeletingAMissingRowIsNotFound)
 {
     EXPECT_EQ(Delete(kVpn), -ENOENT);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1)), 0);
@@ -150,8 +150,8 @@ TEST_F(Store, TellsThatThereIsNothingToDelete)
     EXPECT_EQ(Delete(kVpn), -ENOENT);
 }
 
-// The key is declared BOOL, and no value of it may be folded into 0 and 1.
-TEST_F(Store, TakesAnyNumberForAKey)
+// The key is declared BOOL, but it is a VPN id: values must not be reduced to 0 and 1.
+TEST_F(Store, AcceptsAnyVpnIdAsKey)
 {
     for (const std::uint32_t vpn : {0U, kVpn, kLastVpn}) {
         EXPECT_GE(Add(vpn, TextOf(vpn, vpn)), 0);
@@ -164,7 +164,7 @@ TEST_F(Store, TakesAnyNumberForAKey)
     EXPECT_EQ(Delete(1), -ENOENT);
 }
 
-TEST_F(Store, KeepsItsTablesApart)
+TEST_F(Store, TablesAreSeparate)
 {
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1), VQ_SQL_CONF_CPE_DNSMASQ), 0);
     EXPECT_EQ(Delete(kVpn, VQ_SQL_CONF_POP_DNSMASQ), -ENOENT);
@@ -175,7 +175,7 @@ TEST_F(Store, KeepsItsTablesApart)
     EXPECT_THAT(Rows(VQ_SQL_CONF_POP_DNSMASQ), UnorderedElementsAre(Pair(kVpn, 2)));
 }
 
-TEST_F(Store, AddsNoRowWithoutAText)
+TEST_F(Store, AddingWithoutATextIsRefused)
 {
     world().AllowUnusualUse();
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1)), 0);
@@ -185,8 +185,8 @@ TEST_F(Store, AddsNoRowWithoutAText)
     EXPECT_THAT(Rows(), UnorderedElementsAre(Pair(kVpn, 1)));
 }
 
-// One row that cannot be read takes nothing away from the others, and is not lost itself.
-TEST_F(Store, LeavesOutWhatDoesNotConvert)
+// A row that cannot be converted does not affect the others, and is kept.
+TEST_F(Store, SkipsRowsThatCannotBeConverted)
 {
     EXPECT_GE(Add(0, TextOf(0, 1)), 0);
     EXPECT_GE(Add(kVpn, "!" + TextOf(kVpn, 2)), 0);
@@ -197,7 +197,7 @@ TEST_F(Store, LeavesOutWhatDoesNotConvert)
     EXPECT_THAT(Rows(), UnorderedElementsAre(Pair(0U, 1), Pair(kVpn, 2), Pair(kOtherVpn, 3)));
 }
 
-TEST_F(Store, GivesNothingWithoutAConversion)
+TEST_F(Store, ReturnsNoRowsWithoutAConversion)
 {
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1)), 0);
     VQ_GetDbDataTransOp()->DnsmasqStrToConf = nullptr;
@@ -206,13 +206,13 @@ TEST_F(Store, GivesNothingWithoutAConversion)
     EXPECT_THAT(Rows(), UnorderedElementsAre(Pair(kVpn, 1)));
 }
 
-TEST_F(Store, CarriesLongAndOddTexts)
+TEST_F(Store, StoresLongTextsWithSpecialCharacters)
 {
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1) + " '\";--\\\n\t\xc3\xa9" + std::string(2000000, 'x')), 0);
     EXPECT_THAT(Rows(), UnorderedElementsAre(Pair(kVpn, 1)));
 }
 
-TEST_F(Store, HandsOutListsThatStandBesideEachOther)
+TEST_F(Store, ListsAreIndependentOfEachOther)
 {
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1)), 0);
     VQ_PersistentConfList *const first = VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_CPE_DNSMASQ);

@@ -12,11 +12,11 @@ namespace {
 constexpr std::string_view kText = "0123456789";
 constexpr std::size_t kRoom = 16;
 
-// A buffer of which only the first `size` bytes may be touched.
+// A buffer of which only the first `size` bytes may be written.
 struct Guarded {
     explicit Guarded(std::size_t usable) : size(usable) { bytes.fill('#'); }
 
-    // What the buffer holds as a text; nothing may be read from one of no size.
+    // The content of the buffer as a text; a buffer of size 0 is not read.
     [[nodiscard]] std::string Text() const { return size == 0 ? "" : bytes.data(); }
     [[nodiscard]] bool RestIsUntouched() const
     {
@@ -30,10 +30,10 @@ struct Guarded {
 
 class Strings : public ContractTest, public testing::WithParamInterface<std::size_t> {};
 
-// At, below and above the ten characters with their terminator.
+// Sizes below, at and above the ten characters with their terminator.
 INSTANTIATE_TEST_SUITE_P(Sizes, Strings, testing::Values(0, 1, 2, 9, 10, 11, 12, 15));
 
-TEST_P(Strings, AFormattedTextIsCutAndItsLengthTold)
+TEST_P(Strings, FormattedTextIsTruncatedAndItsLengthReturned)
 {
     Guarded buffer(GetParam());
     EXPECT_EQ(VQ_SNPrintf(buffer.bytes.data(), buffer.size, "%s%u%c%c", "012345", 67U, '8', '9'), kText.size());
@@ -41,7 +41,7 @@ TEST_P(Strings, AFormattedTextIsCutAndItsLengthTold)
     EXPECT_TRUE(buffer.RestIsUntouched());
 }
 
-TEST_P(Strings, ACopiedTextIsCutAndItsLengthTold)
+TEST_P(Strings, CopiedTextIsTruncatedAndItsLengthReturned)
 {
     Guarded buffer(GetParam());
     EXPECT_EQ(VQ_SafeStrCopy(buffer.bytes.data(), buffer.size, kText.data()), kText.size());
@@ -49,7 +49,7 @@ TEST_P(Strings, ACopiedTextIsCutAndItsLengthTold)
     EXPECT_TRUE(buffer.RestIsUntouched());
 }
 
-TEST_P(Strings, AnEmptyTextIsTerminated)
+TEST_P(Strings, EmptyTextIsTerminated)
 {
     Guarded formatted(GetParam());
     EXPECT_EQ(VQ_SNPrintf(formatted.bytes.data(), formatted.size, "%s", ""), 0U);
@@ -63,12 +63,12 @@ TEST_P(Strings, AnEmptyTextIsTerminated)
 
 class Formatting : public ContractTest {};
 
-TEST_F(Formatting, WithoutABufferOnlyTheLengthIsTold)
+TEST_F(Formatting, WithoutABufferReturnsTheLength)
 {
     EXPECT_EQ(VQ_SNPrintf(nullptr, 0, "%s", kText.data()), kText.size());
 }
 
-TEST_F(Formatting, KnowsWhatTheModulePrints)
+TEST_F(Formatting, SupportsTheConversionsThatTheModuleUses)
 {
     std::array<char, 128> text{};
     EXPECT_EQ(
@@ -77,7 +77,7 @@ TEST_F(Formatting, KnowsWhatTheModulePrints)
     EXPECT_STREQ(text.data(), "255.4294967295 x -75 1 y%");
 }
 
-TEST_F(Formatting, TellsTheLengthOfATextThatIsMuchTooLong)
+TEST_F(Formatting, ReturnsTheLengthOfATextThatIsMuchTooLong)
 {
     const std::string text(100000, 'x');
     Guarded formatted(8);

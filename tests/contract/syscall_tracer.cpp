@@ -24,7 +24,7 @@ constexpr int kSystemCallStop = SIGTRAP | 0x80;
 struct Known {
     std::uint64_t number;
     const char *name;
-    int pathArgument; // -1: it has a descriptor first
+    int pathArgument; // -1: the first argument is a descriptor
     int targetArgument;
 };
 
@@ -46,8 +46,8 @@ constexpr std::array<Known, 17> kKnown{{{SYS_openat, "open", 1, -1},
                                         {SYS_newfstatat, "stat", 1, -1},
                                         {SYS_fstat, "stat", -1, -1}}};
 
-// What leaves nothing behind.
-constexpr std::array<std::uint64_t, 17> kOwnAffairs{
+// Calls without lasting effect.
+constexpr std::array<std::uint64_t, 17> kIgnored{
     SYS_brk,          SYS_mmap,      SYS_munmap,         SYS_mprotect,    SYS_mremap,     SYS_madvise,
     SYS_futex,        SYS_getrandom, SYS_rt_sigprocmask, SYS_tgkill,      SYS_gettid,     SYS_rt_sigaction,
     SYS_rt_sigreturn, SYS_getpid,    SYS_clock_gettime,  SYS_sigaltstack, SYS_sched_yield};
@@ -79,11 +79,11 @@ std::vector<std::string> DescriptorsOf(pid_t child)
     return found;
 }
 
-__ptrace_syscall_info Look(pid_t child)
+__ptrace_syscall_info ReadSystemCall(pid_t child)
 {
     __ptrace_syscall_info info{};
     if (::ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info) <= 0) {
-        throw std::runtime_error("the tracer does not see a system call");
+        throw std::runtime_error("the tracer cannot read a system call");
     }
     return info;
 }
@@ -130,14 +130,14 @@ class Tracer {
             ::ptrace(PTRACE_SYSCALL, child_, nullptr, signal);
             int status = 0;
             if (::waitpid(child_, &status, 0) != child_) {
-                throw std::runtime_error("the traced child is lost");
+                throw std::runtime_error("cannot wait for the traced child");
             }
             if (!WIFSTOPPED(status)) {
                 return End(status);
             }
             signal = WSTOPSIG(status) == kSystemCallStop ? 0 : WSTOPSIG(status);
             if (signal == 0) {
-                Handle(Look(child_));
+                Handle(ReadSystemCall(child_));
             }
         }
     }
@@ -149,7 +149,7 @@ class Tracer {
     {
         outcome_.crashed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL && killed_;
         if (!outcome_.crashed && !WIFEXITED(status)) {
-            throw std::runtime_error("the traced child ended by itself");
+            throw std::runtime_error("the traced child was killed by another signal");
         }
         outcome_.result = WIFEXITED(status) ? -WEXITSTATUS(status) : 0;
         return std::move(outcome_);
@@ -175,7 +175,7 @@ class Tracer {
             outcome_.descriptorsAfter = DescriptorsOf(child_);
             return;
         }
-        counts_ = std::ranges::find(kOwnAffairs, info.entry.nr) == kOwnAffairs.end();
+        counts_ = std::ranges::find(kIgnored, info.entry.nr) == kIgnored.end();
         if (!counts_) {
             return;
         }
@@ -184,7 +184,7 @@ class Tracer {
         if (IsDisturbed(Kind::kCrashBefore)) {
             Kill();
         } else if (IsDisturbed(Kind::kFail) && !call.Is("close")) {
-            // A close that fails has closed all the same.
+            // A close that fails has closed the descriptor nevertheless.
             ChangeRegisters(child_, [](user_regs_struct &registers) { registers.orig_rax = ~0ULL; });
         } else if (IsDisturbed(Kind::kShorten) && call.Is("write")) {
             ChangeRegisters(child_, [](user_regs_struct &registers) { registers.rdx = 1; });
@@ -226,7 +226,7 @@ class Tracer {
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     ::raise(SIGSTOP);
     const int result = work();
-    // Not exit(): what the parent has registered is the parent's.
+    // Not exit(): that would run the handlers that the parent registered.
     ::_exit(result < 0 ? -result : 0);
 }
 
@@ -236,7 +236,7 @@ Outcome RunTraced(const std::function<int()> &work, const Disturbance &disturban
 {
     const pid_t child = ::fork();
     if (child < 0) {
-        throw std::runtime_error("no child");
+        throw std::runtime_error("cannot fork");
     }
     if (child == 0) {
         RunAsChild(work);
