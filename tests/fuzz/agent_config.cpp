@@ -1,5 +1,5 @@
-// The agent's configuration file: it is taken, and then every name in it is fit for a path and a command; or one line
-// says which key is wrong.
+// The agent's configuration file: if it is accepted, every name in it is safe in a path and a command; otherwise one
+// line names the invalid key.
 #include <algorithm>
 #include <memory>
 #include <set>
@@ -18,8 +18,8 @@ using kavel::agent::Config;
 constexpr std::string_view kNameCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.-";
 constexpr size_t kInterfaceNameMax = 15;
 
-// Nothing in it ends a path, a word of a shell or of a packet filter's rule.
-bool IsHarmless(std::string_view Name, const std::string &MoreCharacters, size_t Longest)
+// Has no character that is special in a path, in a shell or in a packet filter's rule.
+bool IsSafe(std::string_view Name, const std::string &MoreCharacters, size_t Longest)
 {
     const std::string Allowed = std::string(kNameCharacters) + MoreCharacters;
     return !Name.empty() && Name.size() <= Longest && Name.find_first_not_of(Allowed) == std::string_view::npos &&
@@ -28,7 +28,7 @@ bool IsHarmless(std::string_view Name, const std::string &MoreCharacters, size_t
 
 bool IsInterface(const std::string &Name)
 {
-    return IsHarmless(Name, "@:", kInterfaceNameMax);
+    return IsSafe(Name, "@:", kInterfaceNameMax);
 }
 
 bool IsInterfacePattern(const std::string &Name)
@@ -40,30 +40,31 @@ bool IsInterfacePattern(const std::string &Name)
 void CheckVpn(const Config &Conf, const kavel::agent::Vpn &Vpn)
 {
     constexpr size_t LongestFileName = 255;
-    fuzz::Require(Vpn.id != 0, "a VPN has the box's number");
-    fuzz::Require(Conf.Find(Vpn.id) == &Vpn && Conf.Serves(Vpn.id), "a VPN is not found again");
-    fuzz::Require(IsHarmless(Vpn.netns, "", LongestFileName) && Vpn.netns.front() != '-' && Vpn.netns.front() != '.',
-                  "a namespace has a harmful name");
-    fuzz::Require(std::ranges::all_of(Vpn.lan, IsInterface), "a LAN has a harmful name");
-    fuzz::Require(std::ranges::all_of(Vpn.wan, IsInterface, &kavel::agent::Wan::name), "a WAN has a harmful name");
+    fuzz::Require(Vpn.id != 0, "a VPN has the id of the box");
+    fuzz::Require(Conf.Find(Vpn.id) == &Vpn && Conf.Serves(Vpn.id), "a VPN is not found by its id");
+    fuzz::Require(IsSafe(Vpn.netns, "", LongestFileName) && Vpn.netns.front() != '-' && Vpn.netns.front() != '.',
+                  "a namespace name is unsafe");
+    fuzz::Require(std::ranges::all_of(Vpn.lan, IsInterface), "a LAN name is unsafe");
+    fuzz::Require(std::ranges::all_of(Vpn.wan, IsInterface, &kavel::agent::Wan::name), "a WAN name is unsafe");
 }
 
-void CheckTaken(const Config &Conf)
+void CheckAccepted(const Config &Conf)
 {
     constexpr size_t LongestSocketPath = 107;
     std::set<std::string> Namespaces;
     uint32_t Last = 0;
     for (const kavel::agent::Vpn &Each : Conf.vpns) {
         CheckVpn(Conf, Each);
-        fuzz::Require(Each.id > Last, "the VPNs are not in order");
+        fuzz::Require(Each.id > Last, "the VPNs are not sorted");
         fuzz::Require(Namespaces.insert(Each.netns).second, "two VPNs share a namespace");
         Last = Each.id;
     }
     fuzz::Require(Conf.Serves(0) && Conf.Find(0) == nullptr, "the box is a VPN");
-    fuzz::Require(Conf.socket.starts_with('/') && Conf.socket.size() <= LongestSocketPath, "the socket has a bad path");
-    fuzz::Require(Conf.store.starts_with('/'), "the store has a bad path");
-    fuzz::Require(std::ranges::all_of(Conf.lan, IsInterfacePattern), "a LAN of the box has a harmful name");
-    fuzz::Require(std::ranges::all_of(Conf.c2p, IsInterfacePattern), "a connection has a harmful name");
+    fuzz::Require(Conf.socket.starts_with('/') && Conf.socket.size() <= LongestSocketPath,
+                  "the path of the socket is invalid");
+    fuzz::Require(Conf.store.starts_with('/'), "the path of the store is invalid");
+    fuzz::Require(std::ranges::all_of(Conf.lan, IsInterfacePattern), "a LAN name of the box is unsafe");
+    fuzz::Require(std::ranges::all_of(Conf.c2p, IsInterfacePattern), "a connection name is unsafe");
 }
 
 size_t LengthOf(json_object *Root, const char *Key)
@@ -72,7 +73,7 @@ size_t LengthOf(json_object *Root, const char *Key)
     return List == nullptr ? 0 : json_object_array_length(List);
 }
 
-// What was taken is what the file says.
+// The configuration has the values of the file.
 void CheckAgainstFile(const Config &Conf, const std::string &Text)
 {
     const std::unique_ptr<json_object, decltype(&json_object_put)> Root(json_tokener_parse(Text.c_str()),
@@ -105,7 +106,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
     const std::string Text(Data, Data + Size);
     try {
         const Config Conf = kavel::agent::ParseConfig(Text);
-        CheckTaken(Conf);
+        CheckAccepted(Conf);
         CheckAgainstFile(Conf, Text);
     } catch (const kavel::agent::ConfigError &Refused) {
         CheckRefusal(Refused.what());

@@ -22,7 +22,7 @@ Box::Box(uint32_t VpnId) : m_VpnId(VpnId)
 {
     Host.Calls.RecordNothing();
     Host.Log.KeepLines(false);
-    // A stored text is dumped there whole.
+    // At this level the module logs the complete stored text.
     Host.Log.LevelEnabled[VQ_LOG_LEVEL_VERBOSE] = false;
     Host.Memory.FillFreshBytes(false);
     Host.Memory.ReuseRecords();
@@ -43,7 +43,7 @@ std::vector<std::string> Box::LinesOf(const std::string &Path) const
 {
     const std::optional<std::string> Content = Host.Files.Content(Path);
     if (!Content.has_value()) {
-        Fail(Path + " is not there");
+        Fail(Path + " does not exist");
     }
     return Lines(*Content);
 }
@@ -55,11 +55,11 @@ bool Box::IsSteered(uint32_t VpnId) const
 
 void Box::RequireNoViolations(Bytes Data)
 {
-    // A name with a blank in it is known to leave its pattern behind.
+    // Known: the module does not release the pattern for a name with a blank.
     if (std::ranges::find(Data, ' ') != Data.end()) {
         Host.Regex.ExpectUnreleased(Host.Regex.Unreleased());
     }
-    RequireNone("against the host's rules", Host.Verify());
+    RequireNone("violations of the host's rules", Host.Verify());
 }
 
 } // namespace fuzz

@@ -1,4 +1,4 @@
-// The box on which a message is handled: a fake host whose VPN has what it needs, and old files to be replaced.
+// The box that handles a message: a fake host with one configured VPN, and old files that are to be replaced.
 #ifndef FUZZ_BOX_H
 #define FUZZ_BOX_H
 
@@ -12,10 +12,11 @@ namespace fuzz {
 
 class Box {
   public:
-    // An instance of the VPN is running, its DNS-table rule and the box's DNAT rule are in force, rows are kept.
+    // An instance of the VPN is running, its DNS-table rule and the box's DNAT rule are in force, persistence is
+    // enabled.
     explicit Box(uint32_t VpnId);
 
-    // What each file held before the message.
+    // The content of each file before the message.
     static constexpr const char *kOld = "as it was\n";
     static constexpr const char *kInterface = "lan0";
 
@@ -24,7 +25,7 @@ class Box {
     [[nodiscard]] std::vector<std::string> Routes() const { return Host.Routes.Of(m_VpnId, kTable); }
     // Whether the DNS-table rule of a VPN is in force.
     [[nodiscard]] bool IsSteered(uint32_t VpnId) const;
-    // Ends the process when the module broke one of the host's rules while it handled `Data`.
+    // Aborts the process if the module violated a rule of the host while it handled `Data`.
     void RequireNoViolations(Bytes Data);
 
     fakehost::Host Host;

@@ -1,7 +1,7 @@
-// The bytes of a CPE's message: unpacked, translated, put into force and stored, on the fake host.
+// A packed CPE message: it is unpacked, translated, applied and stored, on the fake host.
 //
-// A message that is refused goes through the translation alone, which is cheap; one that is accepted, and a sample of
-// the others, is handed to the module whole.
+// A message that must be refused is only translated, which is fast. The module applies every other message, and a
+// sample of the refused ones.
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -31,7 +31,7 @@ VQ_CTRL_DNSMASQ_CONFIG_PB CarrierOf(const DnsmasqConf &Message)
     return Out;
 }
 
-// The translation alone, with what it must and must not have written.
+// The translation alone: its result, and which parts of the record it wrote.
 void CheckTranslation(const DnsmasqConf &Message, const CpeModel &Model, fuzz::Bytes Data)
 {
     constexpr size_t PairsOfItem = 64;
@@ -42,18 +42,18 @@ void CheckTranslation(const DnsmasqConf &Message, const CpeModel &Model, fuzz::B
     const VQ_ERR_T Result = VQCtrl_PbToAdvancedDnsConfPlatformCPE(&Carrier, &*Conf);
     fuzz::RequireSame("the translation's result", Result, Model.Result());
     fuzz::RequireCountsWithinCapacity(*Conf);
-    // A refused list has its entries written and its count not.
+    // If a list is refused, its entries are written but its count is not.
     Conf.Clear({Message.n_dnshosts, Message.n_dnsmxhost, Message.n_dnsservers, Message.n_dnsproxies * PairsOfItem},
                fuzz::IsSampled(Data, OneIn));
     Here.RequireNoViolations(Data);
 }
 
-// The files before number `Changed` hold what the message asks for, the others what they held before.
+// The first `Changed` files have the content of the message, the others their previous content.
 void CheckFiles(const Box &Here, const CpeModel &Model, size_t Changed)
 {
     for (size_t Each = 0; Each < Model.Files().size(); ++Each) {
         const auto &[Path, Expected] = Model.Files()[Each];
-        // The lines that such a name makes are what the controller asked for.
+        // The extra lines of such a name are correct: the message asked for them.
         if (Each < Changed && Path.ends_with("ServerMap.conf") && Model.HasLineFeedInInterface()) {
             continue;
         }
@@ -68,28 +68,28 @@ void CheckInForce(const Box &Here, const DnsmasqConf &Message, const CpeModel &M
     const bool Routed = Message.enable != 0 && Model.VpnId() != 0;
     fuzz::RequireSame("the route table", Here.Routes(),
                       Routed ? Model.Routes(Box::kInterface) : std::vector<std::string>());
-    // Only a switch-off removes the rule.
-    fuzz::Require(Here.IsSteered(Model.VpnId()) == (Message.enable != 0), "the steering rule is not as it should be");
+    // Only a message that disables the service removes the rule.
+    fuzz::Require(Here.IsSteered(Model.VpnId()) == (Message.enable != 0), "the steering rule has the wrong state");
 }
 
-// A stored row reads back as what the message translates to.
+// The stored row is read as the same record as the message.
 void CheckRow(Box &Here, const DnsmasqConf &Message, const CpeModel &Model)
 {
     static fuzz::ReusedRecord Translated;
     static fuzz::ReusedRecord Read;
     const bool IsStored = Message.has_persistentflag != 0 && Message.persistentflag != 0;
     fuzz::RequireSame("the number of rows", static_cast<int64_t>(Here.Host.Rows.Rows.size()), IsStored ? 1 : 0);
-    // The text carries a signed number, and its limits stand for numbers that do not fit.
+    // The text contains a signed number. Numbers that do not fit become the limits of its range.
     constexpr uint32_t Limit = 0x7fffffff;
     if (!IsStored || Model.VpnId() == Limit || Model.VpnId() == Limit + 1) {
         return;
     }
     const VQ_CTRL_DNSMASQ_CONFIG_PB Carrier = CarrierOf(Message);
-    fuzz::RequireSame("the translation's second result", VQCtrl_PbToAdvancedDnsConfPlatformCPE(&Carrier, &*Translated),
-                      0);
+    fuzz::RequireSame("the result of the second translation",
+                      VQCtrl_PbToAdvancedDnsConfPlatformCPE(&Carrier, &*Translated), 0);
     const std::string &Text = Here.Host.Rows.Rows.begin()->second;
     fuzz::RequireSame("the result of reading the row", VQCtrl_AdvancedDnsJsonStrToConf(&*Read, Text.c_str()), 0);
-    fuzz::Require(fuzz::SameContent(*Translated, *Read), "the row is not the message");
+    fuzz::Require(fuzz::SameContent(*Translated, *Read), "the row differs from the message");
     Translated.Clear(fuzz::ExtentOf(*Translated), false);
     Read.Clear(fuzz::ExtentOf(*Read), false);
 }
@@ -105,7 +105,7 @@ std::string ForDnsmasq(const Box &Here, const CpeModel &Model)
     return Out;
 }
 
-// Handing it over again changes nothing more.
+// Applying the message again changes nothing.
 void CheckAgain(Box &Here, const DnsmasqConf &Message, const CpeModel &Model)
 {
     const VQ_CTRL_DNSMASQ_CONFIG_PB Carrier = CarrierOf(Message);
@@ -143,7 +143,7 @@ void Apply(const DnsmasqConf &Message, const CpeModel &Model, fuzz::Bytes Data)
     Here.RequireNoViolations(Data);
 }
 
-// One of the five writes fails: the files before it are new, it and those after it are old.
+// One of the five writes fails: the files before it are new; that file and those after it are old.
 void ApplyWithFailingWrite(const DnsmasqConf &Message, const CpeModel &Model, fuzz::Bytes Data)
 {
     Box Here(Model.VpnId());

@@ -25,7 +25,7 @@ std::string_view TextOf(const char *Text)
     return Text == nullptr ? std::string_view() : std::string_view(Text);
 }
 
-// The first number that is not 0.
+// The first result that is not 0.
 int FirstFault(std::initializer_list<int> Results)
 {
     for (const int Each : Results) {
@@ -43,8 +43,8 @@ bool IsGoodMx(const DnsMxHostItem &Item)
            Item.preference <= LargestPreference;
 }
 
-// A name on the wire is made of labels of 63 characters at most; the module's rule counts runs, which a hyphen or a
-// backslash ends as well.
+// DNS limits a label to 63 characters. The module limits runs of letters and digits, which a hyphen or a backslash ends
+// as well, so a label of several runs can be longer.
 bool HasLongLabel(std::string_view Name)
 {
     constexpr size_t LongestLabel = 63;
@@ -58,7 +58,7 @@ bool HasLongLabel(std::string_view Name)
     return false;
 }
 
-// dnsmasq takes names apart at these, or takes what follows for something else.
+// dnsmasq gives a special meaning to these characters.
 bool IsPlainInterface(std::string_view Name)
 {
     return std::ranges::all_of(Name, [](char Each) {
@@ -150,7 +150,7 @@ int CpeModel::TakeForwards()
             }
         }
     }
-    // The count has 16 bits: a full table is read as an empty one.
+    // The count has 16 bits, so a full table has the count 0.
     if (m_Forwards.size() == size_t{1} << 16U) {
         m_Forwards.clear();
     }
@@ -207,7 +207,7 @@ std::vector<std::string> CpeModel::Routes(const std::string &Interface) const
     return Out;
 }
 
-// The names in the files that dnsmasq checks at its start.
+// All names that dnsmasq checks at its start.
 std::vector<std::string> CpeModel::Names() const
 {
     std::vector<std::string> Out;
@@ -227,16 +227,16 @@ std::string CpeModel::RefusedByDnsmasq() const
     const auto Mxs = ListOf(m_Message.dnsmxhost, m_Message.n_dnsmxhost);
     const auto Servers = ListOf(m_Message.dnsservers, m_Message.n_dnsservers);
     if (std::ranges::any_of(Mxs, [](const auto *Each) { return Each->preference > LargestPreference; })) {
-        return "a preference that has no place in 16 bits";
+        return "a preference above 16 bits";
     }
     if (std::ranges::any_of(Names(), HasLongLabel)) {
         return "a label of more than 63 characters";
     }
     if (std::ranges::any_of(Names(), [](const std::string &Each) { return Each.size() > LongestName; })) {
-        return "a name of 254 characters, one more than the wire has room for";
+        return "a name of 254 characters, one more than DNS allows";
     }
     if (!std::ranges::all_of(Servers, [](const auto *Each) { return IsPlainInterface(TextOf(Each->ifname)); })) {
-        return "an interface name that is none";
+        return "an invalid interface name";
     }
     return "";
 }

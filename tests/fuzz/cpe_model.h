@@ -1,4 +1,4 @@
-// What a CPE's message must come to, worked out from the message alone.
+// The expected effect of a CPE message, computed from the message alone.
 #ifndef FUZZ_CPE_MODEL_H
 #define FUZZ_CPE_MODEL_H
 
@@ -19,19 +19,20 @@ class CpeModel {
   public:
     explicit CpeModel(const DnsmasqConf &Message);
 
-    // Of the translation: 0, -22 or -75.
+    // The expected result of the translation: 0, -22 or -75.
     [[nodiscard]] int Result() const { return m_Result; }
-    // Of putting it into force, once it is translated: 0, or -22 for an operation that there is not.
+    // The expected result of applying the translated message: 0, or -22 for an unknown operation.
     [[nodiscard]] int ApplyResult() const;
 
     [[nodiscard]] uint32_t VpnId() const { return m_Message.has_vpnid != 0 ? m_Message.vpnid : 0; }
-    // The five files by path, in the order in which they are written: what each holds, line by line.
+    // The five files in the order in which they are written: path and expected lines.
     [[nodiscard]] const std::vector<std::pair<std::string, std::vector<std::string>>> &Files() const { return m_Files; }
-    // The routes, as the fake host tells them.
+    // The expected routes, in the fake host's notation.
     [[nodiscard]] std::vector<std::string> Routes(const std::string &Interface) const;
-    // What dnsmasq refuses although the module has to accept it; empty when it must take the files.
+    // The reason why dnsmasq refuses the files although the module has to accept the message; empty if it must accept
+    // them.
     [[nodiscard]] std::string RefusedByDnsmasq() const;
-    // An interface name with a line feed in it makes lines of its own: the controller's names are trusted.
+    // A line feed in an interface name adds lines to a file: the module does not check interface names.
     [[nodiscard]] bool HasLineFeedInInterface() const;
 
   private:
@@ -48,7 +49,7 @@ class CpeModel {
     int m_Result = 0;
 };
 
-// Dotted.
+// In dotted notation.
 std::string AddressText(uint32_t Address);
 
 } // namespace fuzz

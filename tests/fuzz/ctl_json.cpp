@@ -1,4 +1,4 @@
-// A message as JSON: what is accepted is encoded, and unpacked it says the same as the JSON, field by field.
+// A message as JSON: if it is accepted, the encoded message must have the same fields as the JSON.
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
@@ -120,7 +120,7 @@ bool SameField(const ProtobufCFieldDescriptor &Field, const char *Base, json_obj
     return Present == (Json != nullptr) && (!Present || SameValue(Field, Base + Field.offset, Json));
 }
 
-// By the message's own description, which the encoder does not use.
+// Uses the descriptor of the message, which the encoder does not use.
 bool SameMessage(const ProtobufCMessage &Message, json_object *Json)
 {
     const auto *Base = reinterpret_cast<const char *>(&Message);

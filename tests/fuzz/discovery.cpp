@@ -1,5 +1,5 @@
-// What the module finds when it looks for an instance: the pid file, the table of TCP sockets and the command lines of
-// all processes hold whatever the input says. Nothing is ended but what the pid file names and what runs the instance.
+// How the module finds an instance: the input determines the pid file, the table of TCP sockets and the command lines
+// of all processes. The module may only kill the process of the pid file and processes that run the instance.
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -67,7 +67,7 @@ void Prepare(fakehost::Host &Host, const Scene &Is)
     }
 }
 
-// What the pid file names; nothing when there is no file, or an empty one.
+// The pid in the pid file; nothing if there is no file, or if it is empty.
 std::optional<pid_t> PidOf(const Scene &Is)
 {
     constexpr size_t ReadAtMost = 32;
@@ -92,7 +92,7 @@ bool IsHex(std::string_view Text)
     return !Text.empty() && std::ranges::all_of(Text, [](unsigned char Each) { return std::isxdigit(Each) != 0; });
 }
 
-// The port of a line as the kernel writes it: blanks, a number and a colon, a blank, address and port.
+// The port of a line in the kernel's format: blanks, a number and a colon, a blank, address and port.
 std::optional<unsigned> PortOf(std::string_view Line)
 {
     constexpr size_t LengthOfPort = 4;
@@ -110,10 +110,10 @@ std::optional<unsigned> PortOf(std::string_view Line)
     return IsGood ? std::optional(static_cast<unsigned>(std::stoul(std::string(Port), nullptr, 16))) : std::nullopt;
 }
 
-// Whether the port is taken; nothing when the table is not one that the kernel would write, a matter of scanf then.
+// Whether the port is in use; nothing if the table is not in the kernel's format: then the result depends on scanf.
 std::optional<bool> IsDnsPortTaken(const Scene &Is)
 {
-    constexpr size_t ReadAtMost = 99; // the rest of a line comes as a line of its own
+    constexpr size_t ReadAtMost = 99; // the rest of a longer line is read as another line
     if (!Is.TcpTable.has_value() || Is.TcpTable->find('\0') != std::string::npos) {
         return Is.TcpTable.has_value() ? std::nullopt : std::optional(false);
     }
@@ -140,7 +140,7 @@ std::vector<std::string> Kill(pid_t Pid)
     return {"VQ_KillPid(" + std::to_string(Pid) + ")"};
 }
 
-// The processes beside the one in the pid file that run the instance.
+// The processes that run the instance, apart from the one in the pid file.
 std::vector<std::string> KillsOfOthers(const Scene &Is, pid_t Ended)
 {
     std::vector<std::string> Out;
@@ -155,11 +155,12 @@ std::vector<std::string> KillsOfOthers(const Scene &Is, pid_t Ended)
 void CheckStop(fakehost::Host &Host, const Scene &Is)
 {
     const std::optional<pid_t> Pid = PidOf(Is);
-    // The fake host ends no process group.
-    fuzz::RequireSame("the stop's result", VQCtrl_DnsmasqStop(Is.VpnId), Pid.has_value() && *Pid <= 0 ? -EINVAL : 0);
+    // The fake host refuses to kill process groups.
+    fuzz::RequireSame("the result of the stop", VQCtrl_DnsmasqStop(Is.VpnId),
+                      Pid.has_value() && *Pid <= 0 ? -EINVAL : 0);
     const std::vector<std::string> Kills = Host.Calls.Named("VQ_KillPid");
     if (!Pid.has_value() || *Pid <= 0) {
-        fuzz::RequireSame("what was ended", Kills, Pid.has_value() ? Kill(*Pid) : std::vector<std::string>());
+        fuzz::RequireSame("the killed processes", Kills, Pid.has_value() ? Kill(*Pid) : std::vector<std::string>());
         return;
     }
     std::vector<std::string> WithOthers = Kill(*Pid);
@@ -167,21 +168,21 @@ void CheckStop(fakehost::Host &Host, const Scene &Is)
     WithOthers.insert(WithOthers.end(), Others.begin(), Others.end());
     const std::optional<bool> Taken = IsDnsPortTaken(Is);
     const bool MayEndOthers = Taken.value_or(Kills.size() > 1);
-    fuzz::RequireSame("what was ended", Kills, MayEndOthers ? WithOthers : Kill(*Pid));
-    fuzz::Require(!Host.Files.Exists(fakehost::Processes::PidFile(Is.VpnId)), "the pid file is still there");
+    fuzz::RequireSame("the killed processes", Kills, MayEndOthers ? WithOthers : Kill(*Pid));
+    fuzz::Require(!Host.Files.Exists(fakehost::Processes::PidFile(Is.VpnId)), "the pid file still exists");
 }
 
 void CheckReload(fakehost::Host &Host, const Scene &Is)
 {
     const std::optional<pid_t> Pid = PidOf(Is);
     const bool IsGone = Pid.has_value() && *Pid > 0 && !Is.Processes.contains(*Pid);
-    fuzz::RequireSame("the reload's result", VQCtrl_DnsmasqReload(Is.VpnId), IsGone ? -ESRCH : 0);
+    fuzz::RequireSame("the result of the reload", VQCtrl_DnsmasqReload(Is.VpnId), IsGone ? -ESRCH : 0);
     std::vector<std::string> Signals;
     if (Pid.has_value()) {
         Signals.push_back("kill(" + std::to_string(*Pid) + ", " + std::to_string(SIGHUP) + ")");
     }
-    fuzz::RequireSame("what was signalled", Host.Calls.Named("kill"), Signals);
-    fuzz::RequireSame("what was ended", Host.Calls.Named("VQ_KillPid"), {});
+    fuzz::RequireSame("the signals", Host.Calls.Named("kill"), Signals);
+    fuzz::RequireSame("the killed processes", Host.Calls.Named("VQ_KillPid"), {});
 }
 
 } // namespace
@@ -197,6 +198,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
     } else {
         CheckReload(Host, Is);
     }
-    fuzz::RequireNone("against the host's rules", Host.Verify());
+    fuzz::RequireNone("violations of the host's rules", Host.Verify());
     return 0;
 }

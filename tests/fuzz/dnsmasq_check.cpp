@@ -18,7 +18,7 @@ kavel::UniqueFd FileInMemory(const std::string &Content)
 {
     kavel::UniqueFd Out(memfd_create("dnsmasq", 0));
     const ssize_t Written = write(Out.Get(), Content.data(), Content.size());
-    Require(Written == static_cast<ssize_t>(Content.size()), "no room for a file in memory");
+    Require(Written == static_cast<ssize_t>(Content.size()), "cannot write a file in memory");
     return Out;
 }
 
@@ -29,7 +29,7 @@ std::string ContentOf(const kavel::UniqueFd &File)
     return {Content.data(), static_cast<size_t>(std::max<ssize_t>(Length, 0))};
 }
 
-// The exit status of `dnsmasq --test`; what it says goes to `Output`.
+// Returns the exit status of `dnsmasq --test`; its messages go to `Output`.
 int Test(std::string Path, const kavel::UniqueFd &Output)
 {
     std::string Program = "/usr/sbin/dnsmasq";
@@ -44,7 +44,7 @@ int Test(std::string Path, const kavel::UniqueFd &Output)
     posix_spawn_file_actions_destroy(&Actions);
     Require(Failure == 0, "dnsmasq cannot be started");
     int Status = 0;
-    Require(waitpid(Pid, &Status, 0) == Pid && WIFEXITED(Status), "dnsmasq did not end by itself");
+    Require(waitpid(Pid, &Status, 0) == Pid && WIFEXITED(Status), "dnsmasq was killed by a signal");
     return WEXITSTATUS(Status);
 }
 
@@ -55,7 +55,7 @@ void RequireDnsmasqTakes(const std::string &Configuration)
     const kavel::UniqueFd File = FileInMemory(Configuration);
     const kavel::UniqueFd Output = FileInMemory("");
     if (Test("/dev/fd/" + std::to_string(File.Get()), Output) != 0) {
-        Fail("dnsmasq refuses what was written for it: " + ContentOf(Output) + Configuration);
+        Fail("dnsmasq refuses the configuration: " + ContentOf(Output) + Configuration);
     }
 }
 

@@ -1,4 +1,4 @@
-// Asks the real dnsmasq whether it takes a configuration.
+// Checks a configuration with the real dnsmasq.
 #ifndef FUZZ_DNSMASQ_CHECK_H
 #define FUZZ_DNSMASQ_CHECK_H
 
@@ -6,7 +6,7 @@
 
 namespace fuzz {
 
-// Ends the process when it does not.
+// Runs `dnsmasq --test`; aborts the process if dnsmasq refuses the configuration.
 void RequireDnsmasqTakes(const std::string &Configuration);
 
 } // namespace fuzz

@@ -1,4 +1,4 @@
-// A name, as the module judges it and as an independent matcher does.
+// A domain name: the module and an independent matcher must agree whether it is valid.
 #include <algorithm>
 #include <string>
 
@@ -20,6 +20,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
     if (Accepted != fuzz::IsDomain(Name)) {
         fuzz::Fail("the name " + fakehost::Quote(Name) + (Accepted ? " is accepted" : " is refused"));
     }
-    fuzz::RequireNone("against the host's rules", Host.Verify());
+    fuzz::RequireNone("violations of the host's rules", Host.Verify());
     return 0;
 }

@@ -16,15 +16,15 @@ bool IsDigit(char Each)
     return Each >= '0' && Each <= '9';
 }
 
-// In the brackets of a POSIX pattern a backslash stands for itself, and so it separates as well.
+// In a bracket expression of POSIX a backslash is an ordinary character, and so it is a separator as well.
 bool IsSeparator(char Each)
 {
     return Each == '.' || Each == '-' || Each == '\\';
 }
 
-// The run of letters and digits that is being read.
+// The current run of letters and digits.
 struct Run {
-    char Before = '\0'; // the separator in front of it
+    char Before = '\0'; // the separator before it
     size_t Length = 0;
     bool OnlyLetters = true;
 };

@@ -1,4 +1,4 @@
-// The module's rule for domain names, told a second time and without a pattern.
+// A second implementation of the module's rule for domain names, without a regular expression.
 #ifndef FUZZ_DOMAIN_MATCHER_H
 #define FUZZ_DOMAIN_MATCHER_H
 
@@ -6,8 +6,8 @@
 
 namespace fuzz {
 
-// Runs of 1 to 63 ASCII letters and digits, with one separator between two of them; the last separator is a dot, what
-// follows it is 2 letters at least, and 254 characters are the most.
+// Runs of 1 to 63 ASCII letters and digits, with one separator between two runs. The last separator is a dot, followed
+// by at least 2 letters. At most 254 characters.
 bool IsDomain(std::string_view Name);
 
 } // namespace fuzz

@@ -1,4 +1,4 @@
-// For the target whose input is the size of the pieces, and frames of packed requests in them.
+// For the target whose input is a piece size, followed by frames of packed requests.
 #include <array>
 
 #include "frame.h"
@@ -8,7 +8,7 @@ namespace {
 
 using kavel::control::kFrameHeaderSize;
 
-// The first frame with its request changed, and everything behind it as it was; nothing when there is no whole frame.
+// Changes the request in the first frame, and keeps everything after it. Empty if there is no complete frame.
 std::vector<uint8_t> ChangeFirstFrame(fuzz::Bytes Stream, fuzz::Random &Dice)
 {
     if (Stream.size() < kFrameHeaderSize) {

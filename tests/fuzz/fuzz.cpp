@@ -23,7 +23,7 @@ std::string Joined(const std::vector<std::string> &Lines)
 
 void Fail(const std::string &What)
 {
-    static_cast<void>(std::fprintf(stderr, "BROKEN: %s\n", What.c_str()));
+    static_cast<void>(std::fprintf(stderr, "FAILED: %s\n", What.c_str()));
     std::abort();
 }
 
@@ -37,7 +37,7 @@ void RequireNone(const char *What, const std::vector<std::string> &Problems)
 void RequireSame(const char *What, const std::vector<std::string> &Is, const std::vector<std::string> &Expected)
 {
     if (Is != Expected) {
-        Fail(std::string(What) + " holds\n" + Joined(Is) + "instead of\n" + Joined(Expected));
+        Fail(std::string(What) + " is\n" + Joined(Is) + "instead of\n" + Joined(Expected));
     }
 }
 

@@ -1,4 +1,4 @@
-// Stored text: read into a record, and what was read written and read again.
+// Stored text: it is read into a record, written and read again.
 #include <memory>
 #include <string>
 
@@ -29,7 +29,7 @@ void CheckAgain(const VQ_CTRL_DNSMASQ_CONF &Conf)
     const TextPtr Text = TextOf(Conf);
     fuzz::RequireSame("the result of reading what was written", VQCtrl_AdvancedDnsJsonStrToConf(&*Again, Text.get()),
                       0);
-    fuzz::Require(fuzz::SameContent(*Again, Conf), "what was written reads as another record");
+    fuzz::Require(fuzz::SameContent(*Again, Conf), "the record that was read differs from the written one");
     const TextPtr Second = TextOf(*Again);
     fuzz::RequireSame("the second text", {Second.get()}, {Text.get()});
     Again.Clear(fuzz::ExtentOf(*Again), false);
@@ -44,7 +44,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
     const std::string Text(Data, Data + Size);
     fakehost::Host Host;
     Host.RecordNothing();
-    // The text is dumped there whole.
+    // At this level the module logs the complete text.
     Host.Log.LevelEnabled[VQ_LOG_LEVEL_VERBOSE] = false;
     Host.Memory.ReuseRecords();
 
@@ -53,9 +53,9 @@ int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
         fuzz::RequireCountsWithinCapacity(*Conf);
         CheckAgain(*Conf);
     } else {
-        fuzz::Require(Result == -EINVAL || Result == -EOVERFLOW, "a text is refused with an unknown number");
+        fuzz::Require(Result == -EINVAL || Result == -EOVERFLOW, "a text is refused with an unknown error number");
     }
     Conf.Clear(fuzz::ExtentOf(*Conf), fuzz::IsSampled({Data, Size}, OneIn));
-    fuzz::RequireNone("against the host's rules", Host.Verify());
+    fuzz::RequireNone("violations of the host's rules", Host.Verify());
     return 0;
 }

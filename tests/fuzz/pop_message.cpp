@@ -1,4 +1,4 @@
-// The bytes of a POP's message: unpacked, translated, put into force and stored, on the fake host.
+// A packed POP message: it is unpacked, translated, applied and stored, on the fake host.
 #include <algorithm>
 #include <memory>
 #include <span>
@@ -24,7 +24,7 @@ struct FreeMessage {
 };
 using MessagePtr = std::unique_ptr<PopDnsmasqConf, FreeMessage>;
 
-// A record has place for the first servers alone.
+// A record has room for the first servers only.
 std::span<const uint32_t> KeptServers(const PopDnsmasqConf &Message)
 {
     return {Message.dns, std::min<size_t>(Message.n_dns, VQ_DNS_SERVER_MAX)};
@@ -72,20 +72,20 @@ std::vector<std::string> ExpectedLines(const PopDnsmasqConf &Message)
     return Out;
 }
 
-// The DNAT rule that was installed leads to the local address; a switch-off leaves none.
+// An enabled service has a DNAT rule to the local address; a disabled one has none.
 void CheckRules(const Box &Here, const PopDnsmasqConf &Message)
 {
     const bool Enabled = Message.enable != 0;
-    fuzz::Require(Here.IsSteered(0) == Enabled, "the steering rule is not as it should be");
+    fuzz::Require(Here.IsSteered(0) == Enabled, "the steering rule has the wrong state");
     const auto &InForce = Here.Host.Rules.InForce();
     const auto Dnat = InForce.find({VQ_CONF_RULE_TBL_TYPE_DNAT, 0, VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ, 0});
-    fuzz::Require((Dnat != InForce.end()) == Enabled, "the DNAT rule is not as it should be");
+    fuzz::Require((Dnat != InForce.end()) == Enabled, "the DNAT rule has the wrong state");
     if (Enabled) {
         fuzz::RequireSame("the DNAT target", Dnat->second.Actions.NatInfo.Ip[0], Message.localip);
     }
 }
 
-// A stored row brings back what it came from.
+// The stored row is read as the same record as the message.
 void CheckRow(const Box &Here, const PopDnsmasqConf &Message)
 {
     static fuzz::ReusedRecord Read;
@@ -101,7 +101,7 @@ void CheckRow(const Box &Here, const PopDnsmasqConf &Message)
     const std::span<const VQ_CTRL_DNS_SERVER_CONF> Stored(Read->DnsServer, Read->DnsServerNum);
     const bool SameServers = std::ranges::equal(Stored, Servers, {}, &VQ_CTRL_DNS_SERVER_CONF::DnsServerIp);
     fuzz::Require(SameServers && Read->LocalIp == Message.localip && (Read->Enable != FALSE) == (Message.enable != 0),
-                  "the row is not the message");
+                  "the row differs from the message");
     Read.Clear(fuzz::ExtentOf(*Read), false);
 }
 
@@ -135,7 +135,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
     }
     const fuzz::Bytes Bytes(Data, Size);
     CheckTranslation(*Message, Bytes);
-    // Nearly every message is accepted, and zeroing the record takes most of a run.
+    // Nearly every message is accepted, and zeroing the record is the slowest part of a run.
     if (fuzz::IsSampled(Bytes, OneInWhole)) {
         Apply(*Message, Bytes);
     }

@@ -87,15 +87,15 @@ void ReusedRecord::Clear(const Extent &Written, bool Check)
     std::memset(&Conf, 0, offsetof(VQ_CTRL_DNSMASQ_CONF, DnsHost));
     Conf.LocalIp = 0;
     if (Check) {
-        Require(IsZero(Conf), "an entry past the end of its list was written");
+        Require(IsZero(Conf), "an entry behind the end of its list was written");
     }
 }
 
 void RequireCountsWithinCapacity(const VQ_CTRL_DNSMASQ_CONF &Conf)
 {
-    Require(Conf.DnsHostNum <= VQ_DNS_HOST_MAX, "more hosts are counted than the table has");
-    Require(Conf.DnsMxHostNum <= VQ_DNS_MX_HOST_MAX, "more MX hosts are counted than the table has");
-    Require(Conf.DnsServerNum <= VQ_DNS_SERVER_MAX, "more servers are counted than the table has");
+    Require(Conf.DnsHostNum <= VQ_DNS_HOST_MAX, "the number of hosts is above the size of the table");
+    Require(Conf.DnsMxHostNum <= VQ_DNS_MX_HOST_MAX, "the number of MX hosts is above the size of the table");
+    Require(Conf.DnsServerNum <= VQ_DNS_SERVER_MAX, "the number of servers is above the size of the table");
 }
 
 bool SameContent(const VQ_CTRL_DNSMASQ_CONF &One, const VQ_CTRL_DNSMASQ_CONF &Other)

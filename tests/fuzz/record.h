@@ -1,4 +1,4 @@
-// Records for the targets: kept between inputs, since zeroing 17 MB takes longer than what is tested.
+// Records for the targets. They are reused for all inputs, since zeroing 17 MB takes longer than the test.
 #ifndef FUZZ_RECORD_H
 #define FUZZ_RECORD_H
 
@@ -9,7 +9,7 @@
 
 namespace fuzz {
 
-// How many entries of each list were written, the last of them perhaps in part.
+// How many entries of each list were written; the last one may be incomplete.
 struct Extent {
     size_t Hosts;
     size_t Mxs;
@@ -17,10 +17,10 @@ struct Extent {
     size_t Proxies;
 };
 
-// As far as the record's own counts say. A forward table that is full has the count 0.
+// According to the record's own counts. A full forward table has the count 0.
 Extent ExtentOf(const VQ_CTRL_DNSMASQ_CONF &Conf);
 
-// A record that is zeroed whenever it is taken.
+// A record that is zeroed between two inputs.
 class ReusedRecord {
   public:
     ReusedRecord();
@@ -28,7 +28,7 @@ class ReusedRecord {
     VQ_CTRL_DNSMASQ_CONF &operator*() const { return *m_Record; }
     VQ_CTRL_DNSMASQ_CONF *operator->() const { return m_Record.get(); }
 
-    // Zeroes the header and so many entries. With `Check`, everything else must be zero already.
+    // Zeroes the header and `Written` entries. With `Check`, aborts the process if anything else is not zero.
     void Clear(const Extent &Written, bool Check);
 
   private:
@@ -39,10 +39,11 @@ class ReusedRecord {
     std::unique_ptr<VQ_CTRL_DNSMASQ_CONF, Free> m_Record;
 };
 
-// Each list within its table.
+// Aborts the process if a list has more entries than its table.
 void RequireCountsWithinCapacity(const VQ_CTRL_DNSMASQ_CONF &Conf);
 
-// Header and all counted entries; the operation and the persistence flag, which texts do not carry, are left out.
+// Compares the header and all counted entries, except the operation and the persistence flag: texts do not contain
+// them.
 bool SameContent(const VQ_CTRL_DNSMASQ_CONF &One, const VQ_CTRL_DNSMASQ_CONF &Other);
 
 } // namespace fuzz

@@ -1,4 +1,4 @@
-// Any record that the module may write, made from the input: as text and back it is the same.
+// A record that the module can write, made from the input: it must be the same after conversion to text and back.
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -17,11 +17,11 @@ namespace {
 void PutText(std::span<char> Target, fuzz::Input &From)
 {
     const std::string Text = From.Text(Target.size() - 1);
-    // A zero byte ends it, and entries are compared as texts; but nothing may stand behind their ends.
+    // A zero byte ends a text. Entries are compared as texts, but the bytes after their ends must be zero.
     std::memcpy(Target.data(), Text.data(), std::min(Text.size(), Text.find('\0')));
 }
 
-// The text carries a signed number, and its limits stand for numbers that do not fit.
+// The text contains a signed number. Numbers that do not fit become the limits of its range.
 uint32_t AnyVpnId(fuzz::Input &From)
 {
     constexpr uint32_t Limit = 0x7fffffff;
@@ -67,14 +67,14 @@ void Fill(VQ_CTRL_DNSMASQ_CONF &Conf, fuzz::Input &From)
     FillLists(Conf, From);
 }
 
-void CheckThereAndBack(const VQ_CTRL_DNSMASQ_CONF &Conf, bool CheckRest)
+void CheckRoundTrip(const VQ_CTRL_DNSMASQ_CONF &Conf, bool CheckRest)
 {
     static fuzz::ReusedRecord Read;
     char *Text = VQCtrl_AdvancedDnsConfToJsonStr(&Conf);
     fuzz::Require(Text != nullptr, "a record cannot be written");
     fuzz::RequireSame("the result of reading what was written", VQCtrl_AdvancedDnsJsonStrToConf(&*Read, Text), 0);
     VQ_AgentMemFree(Text);
-    fuzz::Require(fuzz::SameContent(*Read, Conf), "a record came back as another one");
+    fuzz::Require(fuzz::SameContent(*Read, Conf), "the record that was read differs from the written one");
     fuzz::RequireSame("the operation", Read->Op, VQ_CTRL_DNSMASQ_OP_REBOOT);
     fuzz::RequireSame("the persistence flag", Read->PersistentFlag, FALSE);
     Read.Clear(fuzz::ExtentOf(*Read), CheckRest);
@@ -89,12 +89,12 @@ int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
     fuzz::Input From({Data, Size});
     fakehost::Host Host;
     Host.RecordNothing();
-    // The text is dumped there whole.
+    // At this level the module logs the complete text.
     Host.Log.LevelEnabled[VQ_LOG_LEVEL_VERBOSE] = false;
 
     Fill(*Conf, From);
-    CheckThereAndBack(*Conf, fuzz::IsSampled({Data, Size}, OneIn));
+    CheckRoundTrip(*Conf, fuzz::IsSampled({Data, Size}, OneIn));
     Conf.Clear(fuzz::ExtentOf(*Conf), false);
-    fuzz::RequireNone("against the host's rules", Host.Verify());
+    fuzz::RequireNone("violations of the host's rules", Host.Verify());
     return 0;
 }

@@ -1,4 +1,4 @@
 #include "sampling.h"
 
-// A fuzzer's time goes into inputs.
+// A fuzzer spends its time on more inputs instead.
 const bool fuzz::kEveryInput = false;

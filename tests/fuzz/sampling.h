@@ -1,4 +1,4 @@
-// Whether a run makes every check on every input. Defined once for the fuzzers and once for the runs over the seeds.
+// Whether every check is made for every input. Defined once for the fuzzers and once for the runs over the seeds.
 #ifndef FUZZ_SAMPLING_H
 #define FUZZ_SAMPLING_H
 

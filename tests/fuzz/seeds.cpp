@@ -1,4 +1,4 @@
-// Runs a target over the files of a folder, without a fuzzer: that is what makes each named seed an ordinary test.
+// Runs a target over the files of a folder, without a fuzzer, so that each named seed is an ordinary test.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -47,7 +47,7 @@ int Run(const fs::path &Folder)
 {
     for (const fs::path &Each : SeedsIn(Folder)) {
         const std::vector<uint8_t> Content = ContentOf(Each);
-        // A target that fails ends the process: the last name on the screen is that of the seed.
+        // A target that fails aborts the process: the last printed name is that of the failed seed.
         std::cerr << Each.filename().string() << std::endl; // NOLINT(performance-avoid-endl)
         static_cast<void>(LLVMFuzzerTestOneInput(Content.data(), Content.size()));
     }

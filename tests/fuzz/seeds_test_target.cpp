@@ -1,4 +1,4 @@
-// A target for the test of the driver: it fails on inputs that begin with an exclamation mark.
+// The target for the test of the seed driver: it fails for inputs that begin with an exclamation mark.
 #include "fuzz.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)

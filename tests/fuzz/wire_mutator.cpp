@@ -116,7 +116,7 @@ void ChangeValue(Field &Changed, Random &Dice)
     }
 }
 
-// Mostly one copy, at times many, so that limits of lists are met.
+// Usually one copy, sometimes many, so that limits of lists are reached.
 void Repeat(Fields &Message, size_t Which, Random &Dice)
 {
     constexpr size_t Many = 160;
