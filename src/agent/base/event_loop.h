@@ -27,7 +27,7 @@ class EventSource {
     EventSource() = default;
     explicit operator bool() const { return source_ != nullptr; }
 
-    // For a source from AddIo: the epoll events that it waits for; none keeps it registered but silent.
+    // For a source from AddIo: the epoll events that it waits for.
     void SetIoEvents(std::uint32_t events);
     // For a source from AddTimer: it fires once at `when`, and not before it is armed again.
     void ArmTimer(std::chrono::steady_clock::time_point when);
@@ -90,7 +90,7 @@ class EventLoop {
     };
 
     [[nodiscard]] std::shared_ptr<EventSource::Handler> NewHandler();
-    // Runs `work` as a handler. A negative errno for sd-event when it threw.
+    // Runs `work` as a handler, and keeps what it throws for Run(). Returns 0 for sd-event.
     template <typename Work>
     int Dispatch(const Work &work);
     void RunOnce();

@@ -9,8 +9,24 @@
 #include <new>
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace kavel::agent {
+
+// A std::system_error whose text does not contain that of the errno.
+class Failure : public std::system_error {
+  public:
+    // `error` is a positive errno. If `text` is empty, the errno's text takes its place.
+    Failure(int error, std::string text)
+        : system_error(error, std::system_category()), text_(text.empty() ? code().message() : std::move(text))
+    {
+    }
+
+    [[nodiscard]] const char *what() const noexcept override { return text_.c_str(); }
+
+  private:
+    std::string text_;
+};
 
 // Throws std::system_error for `error`, a positive errno.
 [[noreturn]] inline void ThrowErrno(int error, const std::string &what)

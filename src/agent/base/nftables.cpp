@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -41,11 +40,6 @@ nft_ctx *OpenContext()
 }
 
 } // namespace
-
-NftablesError::NftablesError(int error, std::string text)
-    : system_error(error, std::system_category()), text_(text.empty() ? std::strerror(error) : std::move(text))
-{
-}
 
 NftablesContext::NftablesContext() : context_(OpenContext())
 {

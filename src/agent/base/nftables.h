@@ -14,15 +14,9 @@
 namespace kavel::agent {
 
 // A transaction that failed: its errno, and the first line of what the library said about it.
-class NftablesError : public std::system_error {
+class NftablesError : public Failure {
   public:
-    // `error` is a positive errno; without a text the errno's own stands in its place.
-    NftablesError(int error, std::string text);
-
-    [[nodiscard]] const char *what() const noexcept override { return text_.c_str(); }
-
-  private:
-    std::string text_;
+    using Failure::Failure;
 };
 
 class NftablesContext {

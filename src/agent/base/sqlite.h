@@ -8,20 +8,14 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <system_error>
-#include <utility>
+
+#include "base/failure.h"
 
 namespace kavel::agent {
 
-// Its text does not contain that of the errno.
-class StoreError : public std::system_error {
+class StoreError : public Failure {
   public:
-    StoreError(int error, std::string text) : system_error(error, std::system_category()), text_(std::move(text)) {}
-
-    [[nodiscard]] const char *what() const noexcept override { return text_.c_str(); }
-
-  private:
-    std::string text_;
+    using Failure::Failure;
 };
 
 class Statement {

@@ -4,24 +4,17 @@
 
 #include <cstdint>
 #include <string>
-#include <system_error>
-#include <utility>
 #include <vector>
 
+#include "base/failure.h"
 #include "vqRule.h"
 
 namespace kavel::agent {
 
-// A rule that this host cannot install.
-class RuleError : public std::system_error {
+// A rule that this host cannot install. The text says which property of the rule is the reason.
+class RuleError : public Failure {
   public:
-    // `error` is a positive errno; the text says which property of the rule is the reason.
-    RuleError(int error, std::string text) : system_error(error, std::system_category()), text_(std::move(text)) {}
-
-    [[nodiscard]] const char *what() const noexcept override { return text_.c_str(); }
-
-  private:
-    std::string text_;
+    using Failure::Failure;
 };
 
 // Identifies a rule of a customer.
