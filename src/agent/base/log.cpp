@@ -31,7 +31,7 @@ struct LogSettings {
     bool writesToJournal = false;
 };
 
-LogSettings g_settings;
+LogSettings logSettings;
 
 // JOURNAL_STREAM is inherited by every process below a service: it counts only if it names this standard error.
 bool StderrIsJournal()
@@ -47,7 +47,7 @@ bool StderrIsJournal()
 std::string_view Prefix(LogLevel level)
 {
     const LevelText &text = kLevels.at(static_cast<std::size_t>(level));
-    return g_settings.writesToJournal ? text.forJournal : text.forPeople;
+    return logSettings.writesToJournal ? text.forJournal : text.forPeople;
 }
 
 std::string PrintableLines(std::string_view text)
@@ -74,12 +74,12 @@ std::optional<LogLevel> LogLevelByName(std::string_view name)
 
 void ConfigureLog(LogLevel threshold)
 {
-    g_settings = {threshold, StderrIsJournal()};
+    logSettings = {threshold, StderrIsJournal()};
 }
 
 bool IsLogged(LogLevel level)
 {
-    return level <= g_settings.threshold;
+    return level <= logSettings.threshold;
 }
 
 void Log(LogLevel level, const char *format, ...)
@@ -110,6 +110,7 @@ std::string FormatText(const char *format, va_list arguments)
 {
     va_list again;
     va_copy(again, arguments);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it does not see that va_copy initializes
     const int length = std::vsnprintf(nullptr, 0, format, again);
     va_end(again);
     if (length < 0) {

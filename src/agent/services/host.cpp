@@ -9,28 +9,28 @@
 namespace kavel::agent {
 namespace {
 
-Host *g_current = nullptr;
+Host *currentHost = nullptr;
 
 } // namespace
 
 Host::Host(Config configuration) : config(std::move(configuration))
 {
     conversions.DataTransJsonStrFree = [](char *text) { VQ_AgentMemFree(text); };
-    g_current = this;
+    currentHost = this;
 }
 
 Host::~Host()
 {
-    g_current = nullptr;
+    currentHost = nullptr;
 }
 
 Host &Host::Current()
 {
-    if (g_current == nullptr) {
+    if (currentHost == nullptr) {
         Log(LogLevel::kError, "a service was called without a host");
         std::abort();
     }
-    return *g_current;
+    return *currentHost;
 }
 
 } // namespace kavel::agent
