@@ -98,8 +98,7 @@ std::shared_ptr<EventSource::Handler> EventLoop::NewHandler()
     return std::make_shared<EventSource::Handler>(*this);
 }
 
-EventSource EventLoop::AddIo(int fd, std::uint32_t events, Priority priority,
-                             std::function<void(std::uint32_t events)> handler)
+EventSource EventLoop::AddIo(int fd, std::uint32_t events, std::function<void(std::uint32_t events)> handler)
 {
     EventSource added;
     added.handler_ = NewHandler();
@@ -108,7 +107,6 @@ EventSource EventLoop::AddIo(int fd, std::uint32_t events, Priority priority,
     Check(sd_event_add_io(event_.get(), &source, fd, events, EventSource::Handler::OnIo, added.handler_.get()),
           "event source");
     added.source_.reset(source);
-    Check(sd_event_source_set_priority(source, static_cast<std::int64_t>(priority)), "event source");
     return added;
 }
 
@@ -121,7 +119,7 @@ EventSource EventLoop::AddSignal(int signal, std::function<void()> handler)
     Check(sd_event_add_signal(event_.get(), &source, signal, EventSource::Handler::OnSignal, added.handler_.get()),
           "signal");
     added.source_.reset(source);
-    Check(sd_event_source_set_priority(source, static_cast<std::int64_t>(Priority::kSignal)), "signal");
+    Check(sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IMPORTANT), "signal");
     return added;
 }
 
@@ -156,7 +154,7 @@ std::optional<EventSource> EventLoop::AddInotify(const std::string &path, std::u
     return added;
 }
 
-EventSource EventLoop::AddDeferred(Priority priority, std::function<void()> handler)
+EventSource EventLoop::AddDeferred(std::function<void()> handler)
 {
     EventSource added;
     added.handler_ = NewHandler();
@@ -167,7 +165,6 @@ EventSource EventLoop::AddDeferred(Priority priority, std::function<void()> hand
     added.source_.reset(source);
     added.handler_->runsOnce = true;
     added.Disable();
-    Check(sd_event_source_set_priority(source, static_cast<std::int64_t>(priority)), "event source");
     return added;
 }
 

@@ -18,9 +18,6 @@ namespace kavel::agent {
 
 class EventLoop;
 
-// Of the sources that are ready at the same time, the most important one is dispatched first.
-enum class Priority : std::int8_t { kSignal = -2, kPeer = 0, kAccept = 1, kBackground = 2 };
-
 // A registration with the loop. Destroying it ends the registration, also from its own handler.
 class EventSource {
   public:
@@ -47,7 +44,8 @@ class EventSource {
     std::unique_ptr<sd_event_source, Unref> source_;
 };
 
-// Functions that register a source throw std::system_error. A handler may register and destroy sources; an exception
+// Signals are dispatched before other sources. The others take turns: none of them can starve another. Functions that
+// register a source throw std::system_error. A handler may register and destroy sources; an exception
 // that leaves it ends the loop and is thrown by Run() or RunUntil().
 class EventLoop {
   public:
@@ -59,8 +57,7 @@ class EventLoop {
     ~EventLoop() = default;
 
     // Calls `handler` with the epoll events that have occurred. `fd` stays the caller's and must outlive the source.
-    [[nodiscard]] EventSource AddIo(int fd, std::uint32_t events, Priority priority,
-                                    std::function<void(std::uint32_t events)> handler);
+    [[nodiscard]] EventSource AddIo(int fd, std::uint32_t events, std::function<void(std::uint32_t events)> handler);
     // The signal must be blocked in the calling thread.
     [[nodiscard]] EventSource AddSignal(int signal, std::function<void()> handler);
     // The timer is disarmed.
@@ -70,7 +67,7 @@ class EventLoop {
     [[nodiscard]] std::optional<EventSource> AddInotify(const std::string &path, std::uint32_t mask,
                                                         std::function<void(const inotify_event &event)> handler);
     // Runs `handler` once in a later iteration, each time that it is enabled. It is disabled now.
-    [[nodiscard]] EventSource AddDeferred(Priority priority, std::function<void()> handler);
+    [[nodiscard]] EventSource AddDeferred(std::function<void()> handler);
 
     // Dispatches until Exit() is called.
     void Run();

@@ -91,8 +91,7 @@ void DnsProbe::Ask(EventLoop &loop, const Namespaces &namespaces, std::uint32_t 
 {
     UniqueFd socket = SendQuery(namespaces, vpnId, queryId);
     const int fd = socket.Get();
-    EventSource source =
-        loop.AddIo(fd, EPOLLIN, Priority::kPeer, [this, vpnId](std::uint32_t /*events*/) { ReadAnswer(vpnId); });
+    EventSource source = loop.AddIo(fd, EPOLLIN, [this, vpnId](std::uint32_t /*events*/) { ReadAnswer(vpnId); });
     pending_.insert_or_assign(vpnId, Question{queryId, std::move(socket), std::move(source)});
 }
 

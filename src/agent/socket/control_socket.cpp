@@ -68,13 +68,13 @@ UniqueFd Listen(const std::string &path)
 
 ControlSocket::ControlSocket(EventLoop &loop, std::string path, Handler handler)
     : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), listener_(Listen(path_)),
-      accept_(loop.AddIo(listener_.Get(), EPOLLIN, Priority::kAccept, [this](std::uint32_t /*events*/) { Accept(); })),
+      accept_(loop.AddIo(listener_.Get(), EPOLLIN, [this](std::uint32_t /*events*/) { Accept(); })),
       resumeAccepting_(loop.AddTimer([this] {
           isAcceptPaused_ = false;
           UpdateListener();
       })),
       deadlines_(loop.AddTimer([this] { CloseStalledClients(); })),
-      nextFrame_(loop.AddDeferred(Priority::kPeer, [this] { HandleNextFrame(); }))
+      nextFrame_(loop.AddDeferred([this] { HandleNextFrame(); }))
 {
 }
 
@@ -88,7 +88,7 @@ bool ControlSocket::IsFull() const
     return clients_.size() >= kClientsMax;
 }
 
-// At most one client is closed per call: what the others have sent meanwhile is read before the next call.
+// At most one client is closed per call, so that the others are served in between.
 void ControlSocket::Accept()
 {
     if (IsFull()) {
@@ -111,17 +111,28 @@ void ControlSocket::Accept()
 }
 
 // A client that never sent a request is closed before one that did, and the one that is idle longest before others.
-void ControlSocket::CloseIdleClient()
+std::map<ControlSocket::ClientId, ControlSocket::Client>::iterator ControlSocket::FindIdleClient()
 {
     const auto rank = [](const auto &entry) {
         const Connection &connection = entry.second.connection;
         return std::tuple(!connection.IsIdle(), connection.WasServed(), connection.ActiveAt());
     };
-    const auto leaving = std::ranges::min_element(clients_, {}, rank);
-    if (leaving != clients_.end() && leaving->second.connection.IsIdle()) {
-        Log(LogLevel::kNotice, "control socket: closing the idle connection of process %d: all %zu are in use",
-            leaving->second.connection.Peer(), kClientsMax);
-        clients_.erase(leaving);
+    const auto found = std::ranges::min_element(clients_, {}, rank);
+    return found != clients_.end() && found->second.connection.IsIdle() ? found : clients_.end();
+}
+
+void ControlSocket::CloseIdleClient()
+{
+    for (auto found = FindIdleClient(); found != clients_.end(); found = FindIdleClient()) {
+        auto &[id, client] = *found;
+        client.connection.Advance(loop_.IdleTime()); // it may have sent something that was not read yet
+        if (client.connection.IsIdle()) {
+            Log(LogLevel::kNotice, "control socket: closing the idle connection of process %d: all %zu are in use",
+                client.connection.Peer(), kClientsMax);
+            clients_.erase(found);
+            return;
+        }
+        Update(id);
     }
 }
 
@@ -138,8 +149,8 @@ void ControlSocket::Admit(UniqueFd socket)
         return;
     }
     const ClientId id = ++lastId_;
-    EventSource source = loop_.AddIo(socket.Get(), EPOLLIN, Priority::kPeer,
-                                     [this, id](std::uint32_t /*events*/) { ProcessClient(id); });
+    EventSource source =
+        loop_.AddIo(socket.Get(), EPOLLIN, [this, id](std::uint32_t /*events*/) { ProcessClient(id); });
     clients_.emplace(id, Client{Connection(std::move(socket), peer.pid, loop_.IdleTime()), std::move(source)});
 }
 

@@ -44,6 +44,7 @@ class ControlSocket {
     };
 
     void Accept();
+    [[nodiscard]] std::map<ClientId, Client>::iterator FindIdleClient();
     void CloseIdleClient();
     void Admit(UniqueFd socket);
     void ProcessClient(ClientId id);

@@ -143,7 +143,7 @@ void WithAnswer(const Respond &respond, Work work)
 Requests::Requests(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
                    PendingLaunches &launches)
     : loop_(loop), host_(host), instances_(instances), module_(module), launches_(launches),
-      drain_(loop.AddDeferred(Priority::kPeer, [this] { DrainQueues(); }))
+      drain_(loop.AddDeferred([this] { DrainQueues(); }))
 {
 }
 

@@ -26,8 +26,7 @@ std::set<std::uint32_t> PendingOf(const PendingLaunches &launches, const std::ve
 StatusQuery::StatusQuery(EventLoop &loop, Host &host, const Instances &instances, const PendingLaunches &launches,
                          StatusScope scope, OnEnd onEnd)
     : host_(host), instances_(instances), launches_(launches), scope_(std::move(scope)), onEnd_(std::move(onEnd)),
-      wasStarting_(PendingOf(launches, scope_.vpnIds)),
-      reading_(loop.AddDeferred(Priority::kBackground, [this] { ReadSome(); })),
+      wasStarting_(PendingOf(launches, scope_.vpnIds)), reading_(loop.AddDeferred([this] { ReadSome(); })),
       probe_(loop, host.namespaces, scope_.vpnIds, kAnswerTimeout,
              [this](const std::set<std::uint32_t> &answering) { BeginReading(answering); })
 {
