@@ -128,7 +128,7 @@ TEST(Configuration, RefusesTextThatIsNotJsonWithItsPosition)
     EXPECT_EQ(Refusal("{\"platform\":\n  \"cpe\""), "line 2, column 8: unexpected end of file");
     EXPECT_EQ(Refusal("{\n\"platform\" \"cpe\"}"), "line 2, column 12: object property name separator ':' expected");
     EXPECT_EQ(Refusal("{\"platform\": \"cpe\"}\nmore"), "line 2, column 1: unexpected text after the value");
-    EXPECT_EQ(Refusal(std::string("{\"platform\": \"cpe\"}\0more", 23)), "line 1, column 20: NUL character");
+    EXPECT_EQ(Refusal(std::string("{\"platform\": \"cpe\"}\0more", 24)), "line 1, column 20: NUL character");
     EXPECT_EQ(Refusal("{\"platform\": \"\xff\"}"), "line 1, column 15: invalid utf-8 string");
 }
 

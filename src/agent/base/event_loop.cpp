@@ -48,13 +48,12 @@ struct EventSource::Handler : std::enable_shared_from_this<Handler> {
         const auto handler = static_cast<Handler *>(self)->shared_from_this();
         return handler->loop.Dispatch([&] { handler->onInotify(*event); });
     }
-    static int OnDeferred(sd_event_source * /*source*/, void *self) { return OnEvent(self); }
 
     EventLoop &loop;
     std::function<void(std::uint32_t)> onIo;
     std::function<void(const inotify_event &)> onInotify;
     std::function<void()> onEvent;
-    bool runsOnce = false; // of a timer and a deferred source
+    bool runsOnce = false; // of a timer
 
   private:
     static int OnEvent(void *self)
@@ -154,18 +153,11 @@ std::optional<EventSource> EventLoop::AddInotify(const std::string &path, std::u
     return added;
 }
 
+// A timer whose time has passed. sd-event's own deferred sources are always dispatched before the others of their
+// priority: one that enables itself again would starve them.
 EventSource EventLoop::AddDeferred(std::function<void()> handler)
 {
-    EventSource added;
-    added.handler_ = NewHandler();
-    added.handler_->onEvent = std::move(handler);
-    sd_event_source *source = nullptr;
-    Check(sd_event_add_defer(event_.get(), &source, EventSource::Handler::OnDeferred, added.handler_.get()),
-          "event source");
-    added.source_.reset(source);
-    added.handler_->runsOnce = true;
-    added.Disable();
-    return added;
+    return AddTimer(std::move(handler));
 }
 
 template <typename Work>

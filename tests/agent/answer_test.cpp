@@ -1,0 +1,171 @@
+#include "socket/answer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+
+#include "frame.h"
+
+namespace kavel::agent {
+namespace {
+
+using testing::ElementsAre;
+using testing::StrEq;
+
+struct ReplyRelease {
+    void operator()(Kavel__Reply *reply) const { kavel__reply__free_unpacked(reply, nullptr); }
+};
+using ReplyPtr = std::unique_ptr<Kavel__Reply, ReplyRelease>;
+
+// Packs the answer, checks its header, and unpacks it again.
+ReplyPtr Sent(const Answer &answer)
+{
+    const std::vector<std::uint8_t> frame = PackAnswer(answer);
+    EXPECT_GE(frame.size(), control::kFrameHeaderSize);
+    EXPECT_EQ(control::DecodeFrameLength(frame.data()), frame.size() - control::kFrameHeaderSize);
+    ReplyPtr reply(kavel__reply__unpack(nullptr, frame.size() - control::kFrameHeaderSize,
+                                        frame.data() + control::kFrameHeaderSize));
+    EXPECT_NE(reply, nullptr);
+    return reply;
+}
+
+std::vector<std::string> ProblemsOf(const Kavel__VpnStatus &status)
+{
+    return {status.problems, status.problems + status.n_problems};
+}
+
+TEST(PackAnswer, ASuccessCarriesNothingElse)
+{
+    const ReplyPtr reply = Sent(Answer());
+    EXPECT_EQ(reply->result, 0);
+    EXPECT_EQ(reply->text, nullptr);
+    EXPECT_EQ(reply->reason, nullptr);
+    EXPECT_FALSE(reply->has_vpn);
+    EXPECT_EQ(reply->summary, nullptr);
+    EXPECT_EQ(reply->n_vpns, 0U);
+    EXPECT_EQ(reply->n_stored, 0U);
+    EXPECT_FALSE(reply->has_stored_text);
+}
+
+TEST(PackAnswer, ARefusalWithoutTextCarriesThatOfItsErrno)
+{
+    const ReplyPtr reply = Sent(Refusal(-ENOENT));
+    EXPECT_EQ(reply->result, -ENOENT);
+    EXPECT_THAT(reply->text, StrEq("No such file or directory"));
+}
+
+TEST(PackAnswer, ATextComesBeforeThatOfTheErrno)
+{
+    EXPECT_THAT(Sent(Refusal(-ENOENT, "because"))->text, StrEq("because"));
+}
+
+TEST(PackAnswer, ASuccessMayHaveAText)
+{
+    Answer answer;
+    answer.result = 3;
+    answer.text = "beware";
+    const ReplyPtr reply = Sent(answer);
+    EXPECT_EQ(reply->result, 3);
+    EXPECT_THAT(reply->text, StrEq("beware"));
+}
+
+TEST(PackAnswer, CarriesReasonAndVpn)
+{
+    Answer answer = Refusal(-5, "text");
+    answer.reason = "the module's line";
+    answer.vpn = 0;
+    const ReplyPtr reply = Sent(answer);
+    EXPECT_THAT(reply->reason, StrEq("the module's line"));
+    EXPECT_TRUE(reply->has_vpn) << "VPN 0 is a VPN too";
+    EXPECT_EQ(reply->vpn, 0U);
+    answer.vpn = 4'000'000'000U;
+    EXPECT_EQ(Sent(answer)->vpn, 4'000'000'000U);
+}
+
+TEST(PackAnswer, CarriesTheSummary)
+{
+    Kavel__Summary summary = KAVEL__SUMMARY__INIT;
+    summary.enable = 1;
+    summary.operation = 9;
+    summary.hosts = 2;
+    summary.mx_hosts = 3;
+    summary.servers = 4;
+    summary.proxies = 65535;
+    Answer answer;
+    answer.summary = summary;
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_NE(reply->summary, nullptr);
+    EXPECT_TRUE(reply->summary->enable);
+    EXPECT_FALSE(reply->summary->persistent);
+    EXPECT_EQ(reply->summary->operation, 9U);
+    EXPECT_EQ(reply->summary->hosts, 2U);
+    EXPECT_EQ(reply->summary->mx_hosts, 3U);
+    EXPECT_EQ(reply->summary->servers, 4U);
+    EXPECT_EQ(reply->summary->proxies, 65535U);
+}
+
+TEST(PackAnswer, CarriesEveryStatusWithItsTexts)
+{
+    Answer answer;
+    answer.vpns.resize(2);
+    answer.vpns[0].netns = "-";
+    answer.vpns[1].fields.vpn = 7;
+    answer.vpns[1].fields.pid = -1;
+    answer.vpns[1].fields.memory_bytes = 5'000'000'000U;
+    answer.vpns[1].fields.has_rule = 1;
+    answer.vpns[1].netns = "blue";
+    answer.vpns[1].problems = {"first problem", "second"};
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_EQ(reply->n_vpns, 2U);
+    EXPECT_THAT(reply->vpns[0]->namespace_, StrEq("-"));
+    EXPECT_THAT(ProblemsOf(*reply->vpns[0]), ElementsAre());
+    EXPECT_FALSE(reply->vpns[0]->has_rule);
+    const Kavel__VpnStatus &status = *reply->vpns[1];
+    EXPECT_EQ(status.vpn, 7U);
+    EXPECT_EQ(status.pid, -1);
+    EXPECT_EQ(status.memory_bytes, 5'000'000'000U);
+    EXPECT_TRUE(status.has_rule);
+    EXPECT_THAT(status.namespace_, StrEq("blue"));
+    EXPECT_THAT(ProblemsOf(status), ElementsAre("first problem", "second"));
+}
+
+TEST(PackAnswer, CarriesEveryStoredRecord)
+{
+    Answer answer;
+    answer.stored.resize(2);
+    answer.stored[0] = {
+        .vpn = 7, .problem = {}, .enable = true, .hosts = 1, .mxHosts = 2, .servers = 3, .forwards = 4, .bytes = 500};
+    answer.stored[1].vpn = 8;
+    answer.stored[1].bytes = 6;
+    answer.stored[1].problem = "is broken";
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_EQ(reply->n_stored, 2U);
+    const Kavel__StoredRecord &good = *reply->stored[0];
+    EXPECT_EQ(good.vpn, 7U);
+    EXPECT_EQ(good.bytes, 500U);
+    EXPECT_EQ(good.problem, nullptr);
+    EXPECT_TRUE(good.has_enable && good.enable);
+    EXPECT_TRUE(good.has_hosts && good.hosts == 1);
+    EXPECT_TRUE(good.has_mx_hosts && good.mx_hosts == 2);
+    EXPECT_TRUE(good.has_servers && good.servers == 3);
+    EXPECT_TRUE(good.has_forwards && good.forwards == 4);
+    const Kavel__StoredRecord &broken = *reply->stored[1];
+    EXPECT_EQ(broken.vpn, 8U);
+    EXPECT_EQ(broken.bytes, 6U);
+    EXPECT_THAT(broken.problem, StrEq("is broken"));
+    EXPECT_FALSE(broken.has_enable || broken.has_hosts || broken.has_mx_hosts || broken.has_servers ||
+                 broken.has_forwards);
+}
+
+TEST(PackAnswer, CarriesTheStoredTextAsItIs)
+{
+    Answer answer;
+    answer.storedText = std::string("a\0\xFF\n", 4);
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_TRUE(reply->has_stored_text);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(reply->stored_text.data), reply->stored_text.len),
+              *answer.storedText);
+}
+
+} // namespace
+} // namespace kavel::agent

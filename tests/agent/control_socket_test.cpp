@@ -1,0 +1,496 @@
+#include "socket/control_socket.h"
+
+#include <algorithm>
+#include <array>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <list>
+#include <memory>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include "frame.h"
+#include "test_box.h"
+
+namespace kavel::agent {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// A client that never blocks: the loop of the test runs both ends.
+class TestClient {
+  public:
+    explicit TestClient(const std::string &path)
+        : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(::connect(socket_.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    }
+
+    void Send(const Bytes &bytes) const
+    {
+        EXPECT_EQ(::send(socket_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    }
+
+    // A request of one byte, which says which one it is.
+    void SendRequest(std::uint8_t mark) const { Send(FrameOf({mark})); }
+
+    // The results of the replies that have come so far, in their order.
+    const std::vector<std::int32_t> &Results()
+    {
+        Read();
+        while (bytes_.size() >= control::kFrameHeaderSize) {
+            const std::size_t end = control::kFrameHeaderSize + control::DecodeFrameLength(bytes_.data());
+            if (bytes_.size() < end) {
+                break;
+            }
+            Kavel__Reply *const reply =
+                kavel__reply__unpack(nullptr, end - control::kFrameHeaderSize, &bytes_[control::kFrameHeaderSize]);
+            if (reply == nullptr) {
+                ADD_FAILURE() << "not a reply";
+                break;
+            }
+            results_.push_back(reply->result);
+            text_ = reply->text != nullptr ? reply->text : "";
+            kavel__reply__free_unpacked(reply, nullptr);
+            bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(end));
+        }
+        return results_;
+    }
+
+    // Of the last reply.
+    [[nodiscard]] const std::string &Text() const { return text_; }
+
+    bool HasEnded()
+    {
+        Read();
+        return hasEnded_;
+    }
+
+    void EndSending() const { ::shutdown(socket_.Get(), SHUT_WR); }
+
+  private:
+    void Read()
+    {
+        std::array<std::uint8_t, 65536> bytes{};
+        ssize_t size = 0;
+        while ((size = ::recv(socket_.Get(), bytes.data(), bytes.size(), 0)) > 0) {
+            bytes_.insert(bytes_.end(), bytes.begin(), bytes.begin() + size);
+        }
+        hasEnded_ = hasEnded_ || size == 0 || errno != EAGAIN;
+    }
+
+    UniqueFd socket_;
+    Bytes bytes_;
+    std::vector<std::int32_t> results_;
+    std::string text_;
+    bool hasEnded_ = false;
+};
+
+// A socket whose handler notes the requests. It answers each with its mark, at once or when the test says so.
+class ControlSocketTest : public testing::Test {
+  protected:
+    struct Request {
+        std::uint8_t mark;
+        Respond respond;
+    };
+
+    ControlSocketTest()
+        : socket_(
+              std::make_unique<ControlSocket>(loop_, path_, [this](const ReceivedFrame &frame, const Respond &respond) {
+                  const std::uint8_t mark = frame.Content().empty() ? std::uint8_t{0} : frame.Content().front();
+                  marks_.push_back(mark);
+                  if (answersAtOnce_) {
+                      respond(AnswerTo(mark));
+                  } else {
+                      requests_.push_back({mark, respond});
+                  }
+              }))
+    {
+    }
+
+    [[nodiscard]] Answer AnswerTo(std::uint8_t mark) const
+    {
+        Answer answer;
+        answer.result = mark;
+        if (padding_ > 0) {
+            answer.storedText = std::string(padding_, 'x');
+        }
+        return answer;
+    }
+
+    // Answers the request with this mark, which was kept.
+    void AnswerKept(std::uint8_t mark)
+    {
+        const auto found = std::ranges::find(requests_, mark, &Request::mark);
+        ASSERT_NE(found, requests_.end());
+        const Request request = *found;
+        requests_.erase(found);
+        request.respond(AnswerTo(mark));
+    }
+
+    TestClient &Connect() { return clients_.emplace_back(path_); }
+
+    // Clients that are admitted in their order.
+    void ConnectAndAdmit(std::size_t count)
+    {
+        for (std::size_t i = 0; i < count; ++i) {
+            Connect();
+            DispatchReady(loop_);
+        }
+    }
+
+    TestClient &Client(std::size_t at) { return *std::next(clients_.begin(), static_cast<std::ptrdiff_t>(at)); }
+
+    void AwaitReplies(TestClient &client, std::size_t count)
+    {
+        EXPECT_TRUE(RunUntil(loop_, [&] { return client.Results().size() >= count; }));
+    }
+
+    TestBox box_;
+    std::string path_ = box_.Path("/agent.sock");
+    EventLoop loop_;
+    bool answersAtOnce_ = true;
+    std::size_t padding_ = 0;
+    std::vector<int> marks_; // of the requests, in the order in which they were handled
+    std::vector<Request> requests_;
+    std::unique_ptr<ControlSocket> socket_;
+    std::list<TestClient> clients_;
+};
+
+TEST_F(ControlSocketTest, AnswersARequest)
+{
+    TestClient &client = Connect();
+    client.SendRequest(5);
+    AwaitReplies(client, 1);
+    EXPECT_THAT(client.Results(), ElementsAre(5));
+    EXPECT_FALSE(client.HasEnded());
+}
+
+TEST_F(ControlSocketTest, AnswersTheRightClientWheneverTheAnswerComes)
+{
+    answersAtOnce_ = false;
+    for (std::uint8_t mark = 1; mark <= 3; ++mark) {
+        Connect().SendRequest(mark);
+    }
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 3; }));
+    for (const std::uint8_t mark : Bytes{3, 1, 2}) {
+        AnswerKept(mark);
+        AwaitReplies(Client(mark - 1U), 1);
+        EXPECT_THAT(Client(mark - 1U).Results(), ElementsAre(mark));
+    }
+}
+
+TEST_F(ControlSocketTest, AnswersPipelinedFramesInTheirOrder)
+{
+    answersAtOnce_ = false;
+    TestClient &client = Connect();
+    Bytes three;
+    for (const std::uint8_t mark : Bytes{1, 2, 3}) {
+        const Bytes frame = FrameOf({mark});
+        three.insert(three.end(), frame.begin(), frame.end());
+    }
+    client.Send(three);
+    for (const std::uint8_t mark : Bytes{1, 2, 3}) {
+        ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 1; }));
+        DispatchReady(loop_);
+        EXPECT_EQ(requests_.size(), 1U) << "the next one waits for the answer";
+        AnswerKept(mark);
+    }
+    AwaitReplies(client, 3);
+    EXPECT_THAT(client.Results(), ElementsAre(1, 2, 3));
+}
+
+TEST_F(ControlSocketTest, HandsOverOneFramePerIteration)
+{
+    for (std::uint8_t mark = 1; mark <= 5; ++mark) {
+        TestClient &client = Connect();
+        client.SendRequest(mark);
+        client.SendRequest(mark);
+    }
+    std::size_t handled = 0;
+    std::size_t most = 0;
+    EXPECT_TRUE(RunUntil(loop_, [&] {
+        most = std::max(most, marks_.size() - handled);
+        handled = marks_.size();
+        return handled == 10;
+    }));
+    EXPECT_EQ(most, 1U);
+}
+
+TEST_F(ControlSocketTest, DoesNotAnswerAnotherClientInPlaceOfOneThatLeft)
+{
+    answersAtOnce_ = false;
+    Connect().SendRequest(1);
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 1; }));
+    clients_.clear();
+    AnswerKept(1); // the reply fails, and the descriptor is free again
+    TestClient &next = Connect();
+    next.SendRequest(2);
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 1; }));
+    AnswerKept(2);
+    AwaitReplies(next, 1);
+    EXPECT_THAT(next.Results(), ElementsAre(2));
+}
+
+TEST_F(ControlSocketTest, IgnoresASecondAnswerToARequest)
+{
+    answersAtOnce_ = false;
+    TestClient &client = Connect();
+    client.SendRequest(1);
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 1; }));
+    const Respond respond = requests_.front().respond;
+    respond(AnswerTo(1));
+    respond(AnswerTo(9));
+    DispatchReady(loop_);
+    EXPECT_THAT(client.Results(), ElementsAre(1));
+}
+
+TEST_F(ControlSocketTest, LogsAClientThatLeavesWithinAFrame)
+{
+    TestClient &client = Connect();
+    client.Send({0, 0, 0, 9, 1});
+    client.EndSending();
+    LogCapture log;
+    EXPECT_TRUE(RunUntil(loop_, [&] { return client.HasEnded(); }));
+    EXPECT_THAT(log.Take(), HasSubstr("disconnected in the middle of a frame"));
+}
+
+TEST_F(ControlSocketTest, DropsAClientThatLeavesBetweenFramesSilently)
+{
+    TestClient &client = Connect();
+    client.EndSending();
+    LogCapture log;
+    EXPECT_TRUE(RunUntil(loop_, [&] { return client.HasEnded(); }));
+    EXPECT_EQ(log.Take(), "");
+}
+
+TEST_F(ControlSocketTest, RefusesAnOversizedFrameAndClosesTheConnection)
+{
+    TestClient &client = Connect();
+    client.Send({1, 0, 0, 1, 7, 7, 7});
+    LogCapture log;
+    AwaitReplies(client, 1);
+    EXPECT_THAT(client.Results(), ElementsAre(-EMSGSIZE));
+    EXPECT_EQ(client.Text(), "a frame holds 16777216 bytes at most");
+    EXPECT_TRUE(client.HasEnded());
+    EXPECT_THAT(log.Take(), HasSubstr("announced a longer frame"));
+    EXPECT_THAT(marks_, ElementsAre());
+}
+
+TEST_F(ControlSocketTest, AnswersTheFrameBeforeAnOversizedOne)
+{
+    TestClient &client = Connect();
+    Bytes both = FrameOf({5});
+    both.insert(both.end(), {0xFF, 0, 0, 0, 7, 7});
+    client.Send(both);
+    LogCapture log;
+    AwaitReplies(client, 2);
+    EXPECT_THAT(client.Results(), ElementsAre(5, -EMSGSIZE));
+}
+
+TEST_F(ControlSocketTest, LetsInA65thClientForOneThatNeverSentARequest)
+{
+    ConnectAndAdmit(64);
+    for (std::size_t i = 0; i < 64; ++i) {
+        if (i != 5 && i != 9) {
+            Client(i).SendRequest(1);
+            AwaitReplies(Client(i), 1);
+        }
+    }
+    LogCapture log;
+    TestClient &next = Connect();
+    next.SendRequest(2);
+    AwaitReplies(next, 1);
+    EXPECT_THAT(next.Results(), ElementsAre(2));
+    for (std::size_t i = 0; i < 64; ++i) {
+        EXPECT_EQ(Client(i).HasEnded(), i == 5) << i;
+    }
+    EXPECT_THAT(log.Take(), HasSubstr("all 64 are in use"));
+}
+
+TEST_F(ControlSocketTest, ClosesTheLongestIdleClientWhenAllWereServed)
+{
+    ConnectAndAdmit(64);
+    for (std::size_t i = 64; i > 0; --i) {
+        Client((i + 40) % 64).SendRequest(1); // client 40 first
+        AwaitReplies(Client((i + 40) % 64), 1);
+    }
+    LogCapture log;
+    TestClient &next = Connect();
+    next.SendRequest(2);
+    AwaitReplies(next, 1);
+    for (std::size_t i = 0; i < 64; ++i) {
+        EXPECT_EQ(Client(i).HasEnded(), i == 40) << i;
+    }
+}
+
+TEST_F(ControlSocketTest, AClientWaitsWhileNoneOf64IsIdle)
+{
+    answersAtOnce_ = false;
+    for (std::uint8_t mark = 1; mark <= 64; ++mark) {
+        Connect().SendRequest(mark);
+    }
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 64; }));
+    TestClient &next = Connect();
+    next.SendRequest(65);
+    DispatchReady(loop_);
+    EXPECT_EQ(requests_.size(), 64U);
+    LogCapture log;
+    AnswerKept(30);
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 64; }));
+    EXPECT_EQ(requests_.back().mark, 65);
+    EXPECT_THAT(Client(29).Results(), ElementsAre(30));
+    EXPECT_TRUE(Client(29).HasEnded());
+}
+
+TEST_F(ControlSocketTest, SendsAReplyThatDoesNotFitIntoTheSocket)
+{
+    padding_ = 5'000'000;
+    TestClient &client = Connect();
+    client.SendRequest(1);
+    AwaitReplies(client, 1);
+    EXPECT_THAT(client.Results(), ElementsAre(1));
+}
+
+TEST_F(ControlSocketTest, AcceptsAgainAfterALackOfDescriptors)
+{
+    TestClient &client = Connect();
+    client.SendRequest(4);
+    LogCapture log;
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    DispatchReady(loop_);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_THAT(marks_, ElementsAre());
+    AwaitReplies(client, 1);
+    EXPECT_THAT(client.Results(), ElementsAre(4));
+    EXPECT_THAT(log.Take(), HasSubstr("cannot accept: Too many open files"));
+}
+
+TEST_F(ControlSocketTest, OnlyItsUserMayConnect)
+{
+    struct stat info {};
+    ASSERT_EQ(::stat(path_.c_str(), &info), 0);
+    EXPECT_TRUE(S_ISSOCK(info.st_mode));
+    EXPECT_EQ(info.st_mode & ALLPERMS, 0600U);
+}
+
+TEST_F(ControlSocketTest, RemovesTheSocketAtTheEnd)
+{
+    socket_.reset();
+    EXPECT_EQ(::access(path_.c_str(), F_OK), -1);
+}
+
+TEST_F(ControlSocketTest, TakesThePlaceOfASocketThatWasLeftThere)
+{
+    const ControlSocket second(loop_, path_,
+                               [](const ReceivedFrame & /*frame*/, const Respond &respond) { respond(Refusal(-77)); });
+    TestClient client(path_);
+    client.SendRequest(1);
+    AwaitReplies(client, 1);
+    EXPECT_THAT(client.Results(), ElementsAre(-77));
+}
+
+TEST_F(ControlSocketTest, DoesNotReplaceAFile)
+{
+    box_.Write("/file", "content");
+    EXPECT_THROW(ControlSocket(loop_, box_.Path("/file"), {}), std::system_error);
+    EXPECT_EQ(ReadText(box_.Path("/file")), "content");
+}
+
+// ---- Drain ----
+
+class DrainTest : public ControlSocketTest {
+  protected:
+    void Drain()
+    {
+        socket_->Drain([this] { ++drained_; });
+    }
+
+    int drained_ = 0;
+};
+
+TEST_F(DrainTest, EndsAtOnceWithoutClients)
+{
+    Drain();
+    EXPECT_EQ(drained_, 0) << "the loop calls it";
+    EXPECT_TRUE(RunUntil(
+        loop_, [&] { return drained_ > 0; }, std::chrono::milliseconds(900)));
+}
+
+TEST_F(DrainTest, SendsEveryReplyBeforeItEnds)
+{
+    padding_ = 5'000'000;
+    for (std::uint8_t mark = 1; mark <= 2; ++mark) {
+        Connect().SendRequest(mark);
+    }
+    ASSERT_TRUE(RunUntil(loop_, [&] { return marks_.size() == 2; }));
+    Drain();
+    DispatchReady(loop_);
+    EXPECT_EQ(drained_, 0);
+    EXPECT_TRUE(RunUntil(loop_, [&] {
+        Client(0).Results();
+        Client(1).Results();
+        return drained_ > 0;
+    }));
+    EXPECT_THAT(Client(0).Results(), ElementsAre(1));
+    EXPECT_THAT(Client(1).Results(), ElementsAre(2));
+    EXPECT_TRUE(Client(0).HasEnded());
+    DispatchReady(loop_);
+    EXPECT_EQ(drained_, 1);
+}
+
+TEST_F(DrainTest, ClosesClientsThatAreOwedNothing)
+{
+    answersAtOnce_ = false;
+    Connect().SendRequest(1);
+    Connect().Send({0, 0});
+    ConnectAndAdmit(1);
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 1; }));
+    Drain();
+    EXPECT_TRUE(RunUntil(
+        loop_, [&] { return drained_ > 0; }, std::chrono::milliseconds(900)));
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_TRUE(Client(i).HasEnded()) << i;
+    }
+    AnswerKept(1); // its client is gone: nothing happens
+    DispatchReady(loop_);
+    EXPECT_EQ(drained_, 1);
+}
+
+TEST_F(DrainTest, HandlesNoFurtherFrames)
+{
+    TestClient &client = Connect();
+    client.SendRequest(1);
+    client.SendRequest(2);
+    ASSERT_TRUE(RunUntil(loop_, [&] { return marks_.size() == 1; }));
+    Drain();
+    TestClient &late = Connect();
+    late.SendRequest(3);
+    EXPECT_TRUE(RunUntil(loop_, [&] { return drained_ > 0; }));
+    DispatchReady(loop_);
+    EXPECT_THAT(marks_, ElementsAre(1));
+    EXPECT_THAT(client.Results(), ElementsAre(1));
+}
+
+TEST_F(DrainTest, EndsAfterASecondWhenAClientDoesNotRead)
+{
+    padding_ = 5'000'000;
+    Connect().SendRequest(1);
+    ASSERT_TRUE(RunUntil(loop_, [&] { return marks_.size() == 1; }));
+    const auto start = EventLoop::Clock::now();
+    Drain();
+    EXPECT_TRUE(RunUntil(loop_, [&] { return drained_ > 0; }));
+    EXPECT_GE(EventLoop::Clock::now() - start, std::chrono::seconds(1));
+}
+
+} // namespace
+} // namespace kavel::agent

@@ -1,0 +1,79 @@
+// Requests on a box without namespaces, with a module that does what a test says.
+#ifndef KAVEL_TESTS_AGENT_REQUESTS_FIXTURE_H
+#define KAVEL_TESTS_AGENT_REQUESTS_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "services/host.h"
+#include "socket/requests.h"
+#include "test_box.h"
+
+namespace kavel::agent {
+
+class RequestsTest : public testing::Test {
+  protected:
+    explicit RequestsTest(const std::function<void(Config &)> &change = {}) : host_(Settings(change)) {}
+
+    Config Settings(const std::function<void(Config &)> &change) const
+    {
+        Config config = box_.Configuration();
+        if (change) {
+            change(config);
+        }
+        return config;
+    }
+
+    // Hands the request over. Its answers are collected where the result points to.
+    const std::vector<Answer> &Send(const Bytes &packedRequest)
+    {
+        std::vector<Answer> &answers = answers_.emplace_back();
+        requests_.Handle({FrameOf(packedRequest)}, [&answers](const Answer &answer) { answers.push_back(answer); });
+        return answers;
+    }
+
+    const std::vector<Answer> &SendApply(const Bytes &message)
+    {
+        return Send(PackRequest(KAVEL__REQUEST__VERB__APPLY, std::nullopt, message));
+    }
+
+    // An answer that must be there already.
+    static Answer AnswerIn(const std::vector<Answer> &answers)
+    {
+        EXPECT_EQ(answers.size(), 1U);
+        return answers.empty() ? Refusal(-12345) : answers.front();
+    }
+
+    Answer Apply(const Bytes &message) { return AnswerIn(SendApply(message)); }
+
+    [[nodiscard]] bool RunUntilAnswered(const std::vector<Answer> &answers)
+    {
+        return RunUntil(loop_, [&] { return !answers.empty(); });
+    }
+
+    void WritePid(std::uint32_t vpnId, const FakeInstance &instance) const
+    {
+        box_.WritePidFile(vpnId, std::to_string(instance.Pid()) + "\n");
+    }
+
+    const std::uint32_t vpnId_ = TestVpn(1);
+    const std::uint32_t other_ = TestVpn(2);
+    const std::uint32_t unknown_ = TestVpn(9);
+    const Bytes launch_ = PackCpe(vpnId_, true, VQ_DNSMASQ_OP_REBOOT);
+    const Bytes reload_ = PackCpe(vpnId_, true, VQ_DNSMASQ_OP_RELOAD);
+    const Bytes switchOff_ = PackCpe(vpnId_, false, VQ_DNSMASQ_OP_RELOAD);
+    TestBox box_;
+    LogCapture log_;
+    Host host_;
+    Instances instances_{box_.Root()};
+    EventLoop loop_;
+    PendingLaunches launches_{loop_, instances_};
+    FakeModule module_;
+    std::deque<std::vector<Answer>> answers_;
+    Requests requests_{loop_, host_, instances_, module_.functions, launches_};
+};
+
+} // namespace kavel::agent
+
+#endif
