@@ -1,11 +1,11 @@
 // vqagent: loads the DNS module, gives it the box's services and serves the control socket.
 #include <getopt.h>
-#include <signal.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>

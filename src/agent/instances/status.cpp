@@ -201,11 +201,12 @@ StoredRecords ReadStoredRecords(Host &host, const std::vector<std::uint32_t> &vp
     try {
         if (vpnIds.size() == 1) {
             if (auto record = host.store.Read(vpnIds.front())) {
-                stored.records.emplace(record->vpn, *std::move(record));
+                stored.records.emplace(vpnIds.front(), *std::move(record));
             }
         } else {
             for (StoredRecord &record : host.store.Read()) {
-                stored.records.emplace(record.vpn, std::move(record));
+                const std::uint32_t vpnId = record.vpn;
+                stored.records.emplace(vpnId, std::move(record));
             }
         }
         stored.isKnown = true;

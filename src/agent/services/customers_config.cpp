@@ -13,16 +13,16 @@ uint32_t VQ_PlatformGetCustomerId(void)
     return Host::Current().config.customer;
 }
 
-VQ_ERR_T VQ_GetCustomerIdByVpnId(uint32_t VpnId, uint32_t *CustomerId)
+VQ_ERR_T VQ_GetCustomerIdByVpnId(uint32_t vpnId, uint32_t *customerId)
 {
-    if (CustomerId == nullptr) {
+    if (customerId == nullptr) {
         return -EINVAL;
     }
-    const Vpn *vpn = Host::Current().config.Find(VpnId);
+    const Vpn *vpn = Host::Current().config.Find(vpnId);
     if (vpn == nullptr || !vpn->customer) {
         return -ENOENT;
     }
-    *CustomerId = *vpn->customer;
+    *customerId = *vpn->customer;
     return 0;
 }
 }

@@ -37,24 +37,24 @@ using namespace kavel::agent;
 
 extern "C" {
 
-int32_t VQ_WriteSyncWithFilePath(const char *Path, const char *Text, size_t Length)
+int32_t VQ_WriteSyncWithFilePath(const char *path, const char *text, size_t length)
 {
-    return WriteFilePath(Path, Text, Length);
+    return WriteFilePath(path, text, length);
 }
 
 // Durable as well: it costs little, and a crash never leaves a main configuration file cut short.
-int32_t VQ_WriteWithFilePath(const char *Path, const char *Text, size_t Length)
+int32_t VQ_WriteWithFilePath(const char *path, const char *text, size_t length)
 {
-    return WriteFilePath(Path, Text, Length);
+    return WriteFilePath(path, text, length);
 }
 
-VQ_ERR_T VQ_CreateFilePath(const char *Path)
+VQ_ERR_T VQ_CreateFilePath(const char *path)
 {
-    return WithPath(Path, CreateFile);
+    return WithPath(path, CreateFile);
 }
 
-VQ_ERR_T VQ_RemoveDirRecursion(char *Path)
+VQ_ERR_T VQ_RemoveDirRecursion(char *path)
 {
-    return WithPath(Path, RemoveTree);
+    return WithPath(path, RemoveTree);
 }
 }

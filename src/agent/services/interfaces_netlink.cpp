@@ -152,20 +152,20 @@ using namespace kavel::agent;
 
 extern "C" {
 
-VQ_LIST_HEAD *VQ_RtcNetioWanGetAllByVpnId(uint32_t *Count, uint32_t VpnId)
+VQ_LIST_HEAD *VQ_RtcNetioWanGetAllByVpnId(uint32_t *count, uint32_t vpnId)
 {
-    return ListOf(VpnId, Count, WanList);
+    return ListOf(vpnId, count, WanList);
 }
 
-VQ_LIST_HEAD *VQ_RtcNetioLanGetAllByVpnId(uint32_t *Count, uint32_t VpnId)
+VQ_LIST_HEAD *VQ_RtcNetioLanGetAllByVpnId(uint32_t *count, uint32_t vpnId)
 {
-    return ListOf(VpnId, Count, LanList);
+    return ListOf(vpnId, count, LanList);
 }
 
-void VQ_RtcNetioNodeListRelease(VQ_LIST_HEAD *List)
+void VQ_RtcNetioNodeListRelease(VQ_LIST_HEAD *list)
 {
-    if (List != nullptr) {
-        ReleaseNodes(List);
+    if (list != nullptr) {
+        ReleaseNodes(list);
     }
 }
 }

@@ -78,26 +78,26 @@ using namespace kavel::agent;
 
 extern "C" {
 
-BOOL VQ_LogTest(uint32_t /*Module*/, uint32_t Level, BOOL Flag, const char * /*Function*/)
+BOOL VQ_LogTest(uint32_t /*module*/, uint32_t level, BOOL flag, const char * /*function*/)
 {
     // FALSE asks for the dump of the flex log. It repeats the line before it, so it is a debug line.
-    const LogLevel level = Flag == FALSE ? LogLevel::kDebug : FromModule(Level);
-    return IsLogged(level) && !Host::Current().moduleIsSilent ? TRUE : FALSE;
+    const LogLevel agentLevel = flag == FALSE ? LogLevel::kDebug : FromModule(level);
+    return IsLogged(agentLevel) && !Host::Current().moduleIsSilent ? TRUE : FALSE;
 }
 
-const VQ_LOG_IMPL_ITEM *VQ_LogGetImplItem(uint32_t /*Module*/)
+const VQ_LOG_IMPL_ITEM *VQ_LogGetImplItem(uint32_t /*module*/)
 {
     return &kImplementation;
 }
 
-const char *VQ_LogGetModuleName(uint32_t Module)
+const char *VQ_LogGetModuleName(uint32_t module)
 {
-    return Module == VQ_LOG_MODULE_ADVANCED_DNS ? "advanceddns" : "unknown";
+    return module == VQ_LOG_MODULE_ADVANCED_DNS ? "advanceddns" : "unknown";
 }
 
-VQ_ERR_T VQ_ThreadGetName(char *Buffer, size_t Size)
+VQ_ERR_T VQ_ThreadGetName(char *buffer, size_t size)
 {
-    return Buffer == nullptr ? -EINVAL : -pthread_getname_np(pthread_self(), Buffer, Size);
+    return buffer == nullptr ? -EINVAL : -pthread_getname_np(pthread_self(), buffer, size);
 }
 
 const char *VQ_AgentLogGetTag(void)
@@ -105,11 +105,11 @@ const char *VQ_AgentLogGetTag(void)
     return kTag;
 }
 
-VQ_ERR_T VQ_FlexLogSetFormatData(const char *Format, ...)
+VQ_ERR_T VQ_FlexLogSetFormatData(const char *format, ...)
 {
     va_list arguments;
-    va_start(arguments, Format);
-    const VQ_ERR_T result = ResultOf([&] { return KeepError(FormatText(Format, arguments)); });
+    va_start(arguments, format);
+    const VQ_ERR_T result = ResultOf([&] { return KeepError(FormatText(format, arguments)); });
     va_end(arguments);
     return result;
 }

@@ -40,19 +40,19 @@ using namespace kavel::agent;
 
 extern "C" {
 
-void *VQ_AgentMemAlloc(const size_t Size)
+void *VQ_AgentMemAlloc(const size_t size)
 {
-    return Size > std::size_t{kLargeObject} ? AllocateInHugePages(Size) : std::malloc(Size);
+    return size > std::size_t{kLargeObject} ? AllocateInHugePages(size) : std::malloc(size);
 }
 
 // calloc leaves fresh pages untouched: a large record costs memory only where it is written.
-void *VQ_AgentMemZeroAlloc(const size_t Size)
+void *VQ_AgentMemZeroAlloc(const size_t size)
 {
-    return std::calloc(1, Size);
+    return std::calloc(1, size);
 }
 
-void VQ_AgentMemFree(void *Pointer)
+void VQ_AgentMemFree(void *pointer)
 {
-    std::free(Pointer);
+    std::free(pointer);
 }
 }

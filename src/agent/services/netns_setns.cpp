@@ -45,32 +45,32 @@ using namespace kavel::agent;
 
 extern "C" {
 
-VQ_ERR_T VQ_RtcGetNetNsExecCmdPrefix(uint32_t VpnId, char *Buffer, size_t Size)
+VQ_ERR_T VQ_RtcGetNetNsExecCmdPrefix(uint32_t vpnId, char *buffer, size_t size)
 {
-    return Buffer == nullptr ? -EINVAL : ResultOf([&] { return WriteCommandPrefix(VpnId, Buffer, Size); });
+    return buffer == nullptr ? -EINVAL : ResultOf([&] { return WriteCommandPrefix(vpnId, buffer, size); });
 }
 
-VQ_ERR_T VQ_RtcNetNsSaveAndSwitch(uint32_t VpnId, int *SavedNs)
+VQ_ERR_T VQ_RtcNetNsSaveAndSwitch(uint32_t vpnId, int *savedNs)
 {
-    if (SavedNs == nullptr) {
+    if (savedNs == nullptr) {
         return -EINVAL;
     }
     return ResultOf([&] {
-        *SavedNs = NamespaceSwitch(Host::Current().namespaces, VpnId).Stay().Release();
+        *savedNs = NamespaceSwitch(Host::Current().namespaces, vpnId).Stay().Release();
         return 0;
     });
 }
 
-VQ_ERR_T VQ_RtcNetNsSwitchToDefault(int *SavedNs)
+VQ_ERR_T VQ_RtcNetNsSwitchToDefault(int *savedNs)
 {
-    if (SavedNs == nullptr || *SavedNs < 0) {
+    if (savedNs == nullptr || *savedNs < 0) {
         return -EINVAL;
     }
-    if (::setns(*SavedNs, CLONE_NEWNET) != 0) {
+    if (::setns(*savedNs, CLONE_NEWNET) != 0) {
         return -errno;
     }
-    ::close(*SavedNs);
-    *SavedNs = -1;
+    ::close(*savedNs);
+    *savedNs = -1;
     return 0;
 }
 }

@@ -196,13 +196,13 @@ using namespace kavel::agent;
 
 extern "C" {
 
-int32_t VQ_CmdExec(char *Command)
+int32_t VQ_CmdExec(char *command)
 {
-    return Command == nullptr ? -EINVAL : ResultOf([&] { return RunShell(Command); });
+    return command == nullptr ? -EINVAL : ResultOf([&] { return RunShell(command); });
 }
 
-VQ_ERR_T VQ_KillPid(const pid_t Pid)
+VQ_ERR_T VQ_KillPid(const pid_t pid)
 {
-    return Pid <= 0 ? -EINVAL : ResultOf([&] { return EndProcess(Pid); });
+    return pid <= 0 ? -EINVAL : ResultOf([&] { return EndProcess(pid); });
 }
 }

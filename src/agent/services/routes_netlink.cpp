@@ -261,13 +261,13 @@ using namespace kavel::agent;
 
 extern "C" {
 
-VQ_ERR_T VQ_RTCRouteAdd(uint32_t VpnId, const VQ_RTC_ROUTE_CONF *Route)
+VQ_ERR_T VQ_RTCRouteAdd(uint32_t vpnId, const VQ_RTC_ROUTE_CONF *route)
 {
-    return ChangeRoute(VpnId, Route, AddRoute);
+    return ChangeRoute(vpnId, route, AddRoute);
 }
 
-VQ_ERR_T VQ_RTCRouteDel(uint32_t VpnId, const VQ_RTC_ROUTE_CONF *Route)
+VQ_ERR_T VQ_RTCRouteDel(uint32_t vpnId, const VQ_RTC_ROUTE_CONF *route)
 {
-    return DeletionResult(ChangeRoute(VpnId, Route, DeleteRoute));
+    return DeletionResult(ChangeRoute(vpnId, route, DeleteRoute));
 }
 }

@@ -111,22 +111,22 @@ using namespace kavel::agent;
 
 extern "C" {
 
-VQ_ERR_T VQ_RtcRuleConfAdd(VQ_CONF_RULE *Rule, uint16_t Op, BOOL /*Flag1*/, BOOL /*Flag2*/)
+VQ_ERR_T VQ_RtcRuleConfAdd(VQ_CONF_RULE *rule, uint16_t op, BOOL /*flag1*/, BOOL /*flag2*/)
 {
-    return Rule == nullptr ? -EINVAL : ResultOf([&] { return Install(Host::Current(), *Rule, Op); });
+    return rule == nullptr ? -EINVAL : ResultOf([&] { return Install(Host::Current(), *rule, op); });
 }
 
-VQ_ERR_T VQ_RtcRuleConfDel(uint8_t Zone, uint32_t RuleId, uint32_t CustomerId, uint16_t Op, BOOL /*Flag*/)
+VQ_ERR_T VQ_RtcRuleConfDel(uint8_t zone, uint32_t ruleId, uint32_t customerId, uint16_t op, BOOL /*flag*/)
 {
     return ResultOf([&] {
         Host &host = Host::Current();
-        switch (Op) {
+        switch (op) {
         case VQ_IMC_OP_TYPE_RULE_DNS_DELETE:
-            return Remove(host, RuleId - kDnsRuleIdOffset, {VQ_CONF_RULE_TBL_TYPE_DNS, Zone, RuleId}, CustomerId);
+            return Remove(host, ruleId - kDnsRuleIdOffset, {VQ_CONF_RULE_TBL_TYPE_DNS, zone, ruleId}, customerId);
         case VQ_IMC_OP_TYPE_RULE_DNAT_DELETE:
-            return Remove(host, 0, {VQ_CONF_RULE_TBL_TYPE_DNAT, Zone, RuleId}, CustomerId);
+            return Remove(host, 0, {VQ_CONF_RULE_TBL_TYPE_DNAT, zone, ruleId}, customerId);
         default:
-            Log(LogLevel::kError, "rule %u cannot be removed: operation %u is not known", RuleId, unsigned{Op});
+            Log(LogLevel::kError, "rule %u cannot be removed: operation %u is not known", ruleId, unsigned{op});
             return -EOPNOTSUPP;
         }
     });

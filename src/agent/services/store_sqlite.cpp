@@ -319,15 +319,15 @@ VQ_DATA_CONTENT_TRANS_OP *VQ_GetDbDataTransOp(void)
     return &Host::Current().conversions;
 }
 
-VQ_ERR_T VQ_SqliteDnsMasqConfOp(BOOL VpnId, char *Text, VQ_SQL_CONF_OP Op, VQ_SQL_CONF_TBL Table)
+VQ_ERR_T VQ_SqliteDnsMasqConfOp(BOOL vpnId, char *text, VQ_SQL_CONF_OP op, VQ_SQL_CONF_TBL table)
 {
     return ResultOf([&] {
         Store &store = Host::Current().store;
-        const auto vpnId = static_cast<std::uint32_t>(VpnId);
-        if (Op == VQ_SQL_CONF_OP_ADD && Text != nullptr) {
-            store.Put(vpnId, Text, Table);
-        } else if (Op == VQ_SQL_CONF_OP_DEL) {
-            store.Remove(vpnId, Table);
+        const auto id = static_cast<std::uint32_t>(vpnId); // the host interface passes it as a BOOL
+        if (op == VQ_SQL_CONF_OP_ADD && text != nullptr) {
+            store.Put(id, text, table);
+        } else if (op == VQ_SQL_CONF_OP_DEL) {
+            store.Remove(id, table);
         } else {
             return -EINVAL;
         }
@@ -335,25 +335,25 @@ VQ_ERR_T VQ_SqliteDnsMasqConfOp(BOOL VpnId, char *Text, VQ_SQL_CONF_OP Op, VQ_SQ
     });
 }
 
-VQ_PersistentConfList *VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_TBL Table)
+VQ_PersistentConfList *VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_TBL table)
 {
     VQ_PersistentConfList *list = nullptr;
     (void)ResultOf([&] {
-        list = Host::Current().store.List(Table);
+        list = Host::Current().store.List(table);
         return 0;
     });
     return list;
 }
 
-void VQ_SqliteConfListRelease(VQ_PersistentConfList *List)
+void VQ_SqliteConfListRelease(VQ_PersistentConfList *list)
 {
-    if (List == nullptr) {
+    if (list == nullptr) {
         return;
     }
-    for (VQ_LIST_HEAD *link = List->Head.next; link != &List->Head;) {
+    for (VQ_LIST_HEAD *link = list->Head.next; link != &list->Head;) {
         auto *node = reinterpret_cast<VQ_DnsmasqConfNode *>(std::exchange(link, link->next));
         const ZeroedPages<VQ_DnsmasqConfNode> released(node);
     }
-    const std::unique_ptr<VQ_PersistentConfList> released(List);
+    const std::unique_ptr<VQ_PersistentConfList> released(list);
 }
 }

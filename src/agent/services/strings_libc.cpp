@@ -11,66 +11,66 @@
 
 extern "C" {
 
-size_t VQ_SNPrintf(char *Buffer, size_t Size, const char *Format, ...)
+size_t VQ_SNPrintf(char *buffer, size_t size, const char *format, ...)
 {
     va_list arguments;
-    va_start(arguments, Format);
-    const int length = std::vsnprintf(Buffer, Size, Format, arguments);
+    va_start(arguments, format);
+    const int length = std::vsnprintf(buffer, size, format, arguments);
     va_end(arguments);
     if (length >= 0) {
         return static_cast<size_t>(length);
     }
     // A text that cannot be formatted is reported as one that does not fit: callers know that failure only.
-    if (Size > 0) {
-        Buffer[0] = '\0';
+    if (size > 0) {
+        buffer[0] = '\0';
     }
-    return Size;
+    return size;
 }
 
-size_t VQ_SafeStrCopy(char *Target, size_t Size, const char *Source)
+size_t VQ_SafeStrCopy(char *target, size_t size, const char *source)
 {
-    const size_t length = Source == nullptr ? 0 : std::strlen(Source);
-    if (Size > 0) {
-        const size_t copied = std::min(length, Size - 1);
+    const size_t length = source == nullptr ? 0 : std::strlen(source);
+    if (size > 0) {
+        const size_t copied = std::min(length, size - 1);
         if (copied > 0) {
-            std::memcpy(Target, Source, copied);
+            std::memcpy(target, source, copied);
         }
-        Target[copied] = '\0';
+        target[copied] = '\0';
     }
     return length;
 }
 
-char *VQ_SafeStrGetIp4Addr(const char *Text, size_t Size, uint32_t *Ip)
+char *VQ_SafeStrGetIp4Addr(const char *text, size_t size, uint32_t *ip)
 {
     std::array<char, INET_ADDRSTRLEN> copy{};
-    const size_t length = Text == nullptr ? 0 : strnlen(Text, Size);
-    if (length == 0 || length >= copy.size() || Ip == nullptr) {
+    const size_t length = text == nullptr ? 0 : strnlen(text, size);
+    if (length == 0 || length >= copy.size() || ip == nullptr) {
         return nullptr;
     }
-    std::memcpy(copy.data(), Text, length);
+    std::memcpy(copy.data(), text, length);
     in_addr address{};
     if (::inet_pton(AF_INET, copy.data(), &address) != 1) {
         return nullptr;
     }
-    *Ip = ntohl(address.s_addr);
-    return const_cast<char *>(Text); // NOLINT(cppcoreguidelines-pro-type-const-cast): the interface asks for it
+    *ip = ntohl(address.s_addr);
+    return const_cast<char *>(text); // NOLINT(cppcoreguidelines-pro-type-const-cast): the interface asks for it
 }
 
-int VQ_IPNum2IPStr(const uint32_t Ip, const uint32_t Flag, char *Buffer, uint32_t Size)
+int VQ_IPNum2IPStr(const uint32_t ip, const uint32_t flag, char *buffer, uint32_t size)
 {
-    if (Flag != 0 || Buffer == nullptr) {
+    if (flag != 0 || buffer == nullptr) {
         return -EINVAL;
     }
     std::array<char, INET_ADDRSTRLEN> text{};
-    const in_addr address{htonl(Ip)};
+    const in_addr address{htonl(ip)};
     if (::inet_ntop(AF_INET, &address, text.data(), static_cast<socklen_t>(text.size())) == nullptr) {
         return -errno;
     }
     const size_t length = std::strlen(text.data());
-    if (length >= Size) {
+    if (length >= size) {
         return -EOVERFLOW;
     }
-    std::memcpy(Buffer, text.data(), length + 1);
+    std::memcpy(buffer, text.data(), length + 1);
     return 0;
 }
 }
