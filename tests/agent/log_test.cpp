@@ -149,7 +149,7 @@ TEST_F(LogTest, LinesOfTheJournalCarryTheirLevelAsANumber)
 // A process below a service inherits the variable, and may have another standard error.
 TEST_F(LogTest, AnotherStreamInTheEnvironmentDoesNotCount)
 {
-    for (const ino_t offset : {1, 2}) {
+    for (const ino_t offset : {ino_t{1}, ino_t{2}}) {
         const CapturedStderr captured;
         const Variable stream("JOURNAL_STREAM", StreamOfStderr(offset));
         ConfigureLog(LogLevel::kNotice);

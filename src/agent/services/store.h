@@ -26,6 +26,17 @@ struct StoredRecord {
     std::size_t bytes = 0; // of its text
 };
 
+// The state of a StoreChange.
+struct DelayedRemoval {
+    struct Row {
+        std::uint32_t vpnId;
+        VQ_SQL_CONF_TBL table;
+    };
+
+    bool isBegun = false; // the module has used the store
+    std::optional<Row> row;
+};
+
 // The functions that read use the table of the host's platform. All of them throw std::system_error, with EOPNOTSUPP
 // when persistence is switched off, and log nothing unless they say so. After a failure the next call opens the file
 // again: the cause may be gone by then.
@@ -58,15 +69,6 @@ class Store {
     friend class StoreChange;
     class Opened;
 
-    struct Change {
-        bool isBegun = false;
-        struct Removal {
-            std::uint32_t vpnId;
-            VQ_SQL_CONF_TBL table;
-        };
-        std::optional<Removal> removal;
-    };
-
     Opened &Open();
     template <typename Work>
     auto With(Work work);
@@ -80,7 +82,7 @@ class Store {
 
     Host &host_;
     std::unique_ptr<Opened> opened_;
-    std::optional<Change> change_;
+    std::optional<DelayedRemoval> change_; // while a StoreChange lives
     std::vector<StoredRecord> listed_;
 };
 

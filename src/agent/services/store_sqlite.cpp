@@ -139,7 +139,7 @@ void Store::WithReport(const std::string &operation, Work work)
 void Store::Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL table)
 {
     if (change_) {
-        *change_ = {.isBegun = true, .removal = std::nullopt};
+        *change_ = {.isBegun = true, .row = std::nullopt};
     }
     WithReport(Subject(vpnId) + " cannot be stored", [&](Opened &store) {
         Statement::Run run(store.Of(table).put);
@@ -152,7 +152,7 @@ void Store::Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL ta
 void Store::Remove(std::uint32_t vpnId, VQ_SQL_CONF_TBL table)
 {
     if (change_) {
-        *change_ = {.isBegun = true, .removal = Change::Removal{vpnId, table}};
+        *change_ = {.isBegun = true, .row = DelayedRemoval::Row{vpnId, table}};
         return;
     }
     RemoveNow(vpnId, table);
@@ -292,7 +292,7 @@ bool StoreChange::IsBegun() const
 
 bool StoreChange::Finish()
 {
-    const auto removal = std::exchange(store_.change_->removal, std::nullopt);
+    const auto removal = std::exchange(store_.change_->row, std::nullopt);
     const std::int32_t result = ResultOf([&] {
         if (removal) {
             store_.RemoveNow(removal->vpnId, removal->table);
