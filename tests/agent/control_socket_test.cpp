@@ -1,167 +1,20 @@
 #include "socket/control_socket.h"
 
-#include <algorithm>
-#include <array>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <list>
-#include <memory>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
+#include <system_error>
+#include <unistd.h>
 
-#include "frame.h"
-#include "test_box.h"
+#include "control_socket_fixture.h"
 
 namespace kavel::agent {
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-// A client that never blocks: the loop of the test runs both ends.
-class TestClient {
-  public:
-    explicit TestClient(const std::string &path)
-        : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
-    {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(::connect(socket_.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    }
-
-    void Send(const Bytes &bytes) const
-    {
-        EXPECT_EQ(::send(socket_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-    }
-
-    // A request of one byte, which says which one it is.
-    void SendRequest(std::uint8_t mark) const { Send(FrameOf({mark})); }
-
-    // The results of the replies that have come so far, in their order.
-    const std::vector<std::int32_t> &Results()
-    {
-        Read();
-        while (bytes_.size() >= control::kFrameHeaderSize) {
-            const std::size_t end = control::kFrameHeaderSize + control::DecodeFrameLength(bytes_.data());
-            if (bytes_.size() < end) {
-                break;
-            }
-            Kavel__Reply *const reply =
-                kavel__reply__unpack(nullptr, end - control::kFrameHeaderSize, &bytes_[control::kFrameHeaderSize]);
-            if (reply == nullptr) {
-                ADD_FAILURE() << "not a reply";
-                break;
-            }
-            results_.push_back(reply->result);
-            text_ = reply->text != nullptr ? reply->text : "";
-            kavel__reply__free_unpacked(reply, nullptr);
-            bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(end));
-        }
-        return results_;
-    }
-
-    // Of the last reply.
-    [[nodiscard]] const std::string &Text() const { return text_; }
-
-    bool HasEnded()
-    {
-        Read();
-        return hasEnded_;
-    }
-
-    void EndSending() const { ::shutdown(socket_.Get(), SHUT_WR); }
-
-  private:
-    void Read()
-    {
-        std::array<std::uint8_t, 65536> bytes{};
-        ssize_t size = 0;
-        while ((size = ::recv(socket_.Get(), bytes.data(), bytes.size(), 0)) > 0) {
-            bytes_.insert(bytes_.end(), bytes.begin(), bytes.begin() + size);
-        }
-        hasEnded_ = hasEnded_ || size == 0 || errno != EAGAIN;
-    }
-
-    UniqueFd socket_;
-    Bytes bytes_;
-    std::vector<std::int32_t> results_;
-    std::string text_;
-    bool hasEnded_ = false;
-};
-
-// A socket whose handler notes the requests. It answers each with its mark, at once or when the test says so.
-class ControlSocketTest : public testing::Test {
-  protected:
-    struct Request {
-        std::uint8_t mark;
-        Respond respond;
-    };
-
-    ControlSocketTest()
-        : socket_(
-              std::make_unique<ControlSocket>(loop_, path_, [this](const ReceivedFrame &frame, const Respond &respond) {
-                  const std::uint8_t mark = frame.Content().empty() ? std::uint8_t{0} : frame.Content().front();
-                  marks_.push_back(mark);
-                  if (answersAtOnce_) {
-                      respond(AnswerTo(mark));
-                  } else {
-                      requests_.push_back({mark, respond});
-                  }
-              }))
-    {
-    }
-
-    [[nodiscard]] Answer AnswerTo(std::uint8_t mark) const
-    {
-        Answer answer;
-        answer.result = mark;
-        if (padding_ > 0) {
-            answer.storedText = std::string(padding_, 'x');
-        }
-        return answer;
-    }
-
-    // Answers the request with this mark, which was kept.
-    void AnswerKept(std::uint8_t mark)
-    {
-        const auto found = std::ranges::find(requests_, mark, &Request::mark);
-        ASSERT_NE(found, requests_.end());
-        const Request request = *found;
-        requests_.erase(found);
-        request.respond(AnswerTo(mark));
-    }
-
-    TestClient &Connect() { return clients_.emplace_back(path_); }
-
-    // Clients that are admitted in their order.
-    void ConnectAndAdmit(std::size_t count)
-    {
-        for (std::size_t i = 0; i < count; ++i) {
-            Connect();
-            DispatchReady(loop_);
-        }
-    }
-
-    TestClient &Client(std::size_t at) { return *std::next(clients_.begin(), static_cast<std::ptrdiff_t>(at)); }
-
-    void AwaitReplies(TestClient &client, std::size_t count)
-    {
-        EXPECT_TRUE(RunUntil(loop_, [&] { return client.Results().size() >= count; }));
-    }
-
-    TestBox box_;
-    std::string path_ = box_.Path("/agent.sock");
-    EventLoop loop_;
-    bool answersAtOnce_ = true;
-    std::size_t padding_ = 0;
-    std::vector<int> marks_; // of the requests, in the order in which they were handled
-    std::vector<Request> requests_;
-    std::unique_ptr<ControlSocket> socket_;
-    std::list<TestClient> clients_;
-};
+using testing::UnorderedElementsAre;
 
 TEST_F(ControlSocketTest, AnswersARequest)
 {
@@ -206,6 +59,22 @@ TEST_F(ControlSocketTest, AnswersPipelinedFramesInTheirOrder)
     EXPECT_THAT(client.Results(), ElementsAre(1, 2, 3));
 }
 
+TEST_F(ControlSocketTest, HandlesTheNextFramesOfSeveralClients)
+{
+    answersAtOnce_ = false;
+    for (std::uint8_t mark = 1; mark <= 3; ++mark) {
+        TestClient &client = Connect();
+        client.SendRequest(mark);
+        client.SendRequest(mark);
+    }
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 3; }));
+    for (std::uint8_t mark = 1; mark <= 3; ++mark) {
+        AnswerKept(mark);
+    }
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 3; }));
+    EXPECT_THAT(marks_, UnorderedElementsAre(1, 2, 3, 1, 2, 3));
+}
+
 TEST_F(ControlSocketTest, HandsOverOneFramePerIteration)
 {
     for (std::uint8_t mark = 1; mark <= 5; ++mark) {
@@ -236,6 +105,17 @@ TEST_F(ControlSocketTest, DoesNotAnswerAnotherClientInPlaceOfOneThatLeft)
     AnswerKept(2);
     AwaitReplies(next, 1);
     EXPECT_THAT(next.Results(), ElementsAre(2));
+}
+
+TEST_F(ControlSocketTest, AClientThatLeftIsDroppedWithItsAnswer)
+{
+    Connect().SendRequest(1);
+    clients_.clear();
+    TestClient &next = Connect();
+    next.SendRequest(2);
+    AwaitReplies(next, 1);
+    EXPECT_THAT(next.Results(), ElementsAre(2));
+    EXPECT_THAT(marks_, ElementsAre(1, 2));
 }
 
 TEST_F(ControlSocketTest, IgnoresASecondAnswerToARequest)
@@ -312,6 +192,21 @@ TEST_F(ControlSocketTest, LetsInA65thClientForOneThatNeverSentARequest)
         EXPECT_EQ(Client(i).HasEnded(), i == 5) << i;
     }
     EXPECT_THAT(log.Take(), HasSubstr("all 64 are in use"));
+}
+
+TEST_F(ControlSocketTest, AServedClientStaysAlthoughItIsIdleLonger)
+{
+    for (std::size_t i = 0; i < 63; ++i) {
+        Connect().SendRequest(1);
+        AwaitReplies(Client(i), 1);
+    }
+    ConnectAndAdmit(1);
+    LogCapture log;
+    TestClient &next = Connect();
+    next.SendRequest(2);
+    AwaitReplies(next, 1);
+    EXPECT_FALSE(Client(0).HasEnded());
+    EXPECT_TRUE(Client(63).HasEnded());
 }
 
 TEST_F(ControlSocketTest, ClosesTheLongestIdleClientWhenAllWereServed)
@@ -408,6 +303,51 @@ TEST_F(ControlSocketTest, DoesNotReplaceAFile)
 
 // ---- Drain ----
 
+TEST_F(ControlSocketTest, AClientWithManyFramesDoesNotDelayOthers)
+{
+    TestClient &busy = Connect();
+    TestClient &other = Connect();
+    Bytes many;
+    for (int i = 0; i < 100; ++i) {
+        const Bytes frame = FrameOf({1});
+        many.insert(many.end(), frame.begin(), frame.end());
+    }
+    busy.Send(many);
+    other.SendRequest(2);
+    AwaitReplies(other, 1);
+    EXPECT_LE(std::ranges::count(marks_, 1), 3);
+    AwaitReplies(busy, 100);
+    EXPECT_EQ(busy.Results().size(), 100U);
+}
+
+TEST_F(ControlSocketTest, AnswersTheFrameBeforeAnOversizedOneAlsoWhenTheAnswerComesLater)
+{
+    answersAtOnce_ = false;
+    TestClient &client = Connect();
+    Bytes both = FrameOf({5});
+    both.insert(both.end(), {0xFF, 0, 0, 0, 7, 7});
+    client.Send(both);
+    LogCapture log;
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 1; }));
+    DispatchReady(loop_);
+    EXPECT_THAT(client.Results(), ElementsAre()) << "nothing is answered yet";
+    AnswerKept(5);
+    DispatchReady(loop_);
+    EXPECT_THAT(client.Results(), ElementsAre(5, -EMSGSIZE));
+}
+
+TEST_F(ControlSocketTest, AnOversizedFrameDoesNotCutTheReplyBeforeIt)
+{
+    padding_ = 5'000'000;
+    TestClient &client = Connect();
+    Bytes both = FrameOf({5});
+    both.insert(both.end(), {0xFF, 0, 0, 0, 7, 7});
+    client.Send(both);
+    LogCapture log;
+    EXPECT_TRUE(RunUntil(loop_, [&] { return client.Results().size() >= 2 || client.HasEnded(); }));
+    EXPECT_THAT(client.Results(), ElementsAre(5, -EMSGSIZE));
+}
+
 class DrainTest : public ControlSocketTest {
   protected:
     void Drain()
@@ -490,6 +430,19 @@ TEST_F(DrainTest, EndsAfterASecondWhenAClientDoesNotRead)
     Drain();
     EXPECT_TRUE(RunUntil(loop_, [&] { return drained_ > 0; }));
     EXPECT_GE(EventLoop::Clock::now() - start, std::chrono::seconds(1));
+}
+
+TEST_F(DrainTest, EndsOnceAlsoWhenTheClientReadsAfterwards)
+{
+    padding_ = 5'000'000;
+    Connect().SendRequest(1);
+    ASSERT_TRUE(RunUntil(loop_, [&] { return marks_.size() == 1; }));
+    Drain();
+    EXPECT_TRUE(RunUntil(loop_, [&] { return drained_ > 0; }));
+    EXPECT_TRUE(RunUntil(loop_, [&] { return !Client(0).Results().empty(); }));
+    (void)RunUntil(
+        loop_, [&] { return drained_ > 1; }, std::chrono::milliseconds(100));
+    EXPECT_EQ(drained_, 1);
 }
 
 } // namespace

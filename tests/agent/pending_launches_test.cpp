@@ -131,6 +131,30 @@ TEST_F(PendingLaunchesTest, LaunchesEndIndependently)
     EXPECT_THAT(outcomes_, ElementsAre(LaunchOutcome::kRunning, LaunchOutcome::kRunning));
 }
 
+TEST_F(PendingLaunchesTest, ALaunchThatBeganLaterIsCheckedLater)
+{
+    const FakeInstance quick(box_, vpnId_);
+    Add(vpnId_);
+    EXPECT_FALSE(RunUntil(
+        loop_, [] { return false; }, 25ms));
+    Add(other_);
+    WritePid(vpnId_, quick);
+    EXPECT_TRUE(RunUntilEnded(2));
+    EXPECT_THAT(outcomes_, ElementsAre(LaunchOutcome::kRunning, LaunchOutcome::kFailed));
+}
+
+TEST_F(PendingLaunchesTest, LaunchesThatFailEndInTheirOrder)
+{
+    Add(vpnId_);
+    EXPECT_FALSE(RunUntil(
+        loop_, [] { return false; }, 25ms));
+    Add(other_);
+    EXPECT_TRUE(RunUntilEnded());
+    EXPECT_FALSE(launches_.IsPending(vpnId_));
+    EXPECT_TRUE(RunUntilEnded(2));
+    EXPECT_THAT(outcomes_, ElementsAre(LaunchOutcome::kFailed, LaunchOutcome::kFailed));
+}
+
 TEST_F(PendingLaunchesTest, AHandlerMayAddTheNextLaunchOfTheVpn)
 {
     launches_.Add(vpnId_, 10min, [this](LaunchOutcome outcome) {

@@ -216,7 +216,8 @@ void ControlSocket::Update(ClientId id)
         return;
     }
     auto &[connection, source] = found->second;
-    if (connection.IsOversized()) {
+    // Not before the frame in front of it is answered.
+    if (connection.IsOversized() && !connection.IsBusy() && !connection.HasUnsentReply()) {
         Dismiss(connection);
     }
     if (connection.IsFinished()) {
@@ -283,7 +284,11 @@ void ControlSocket::Drain(std::function<void()> onDrained)
     deadlines_.Disable();
     nextFrame_.Disable();
     UpdateListener();
-    drainTimer_ = loop_.AddTimer([this] { onDrained_(); });
+    drainTimer_ = loop_.AddTimer([this] {
+        if (!std::exchange(isDrained_, true)) {
+            onDrained_();
+        }
+    });
     drainTimer_.ArmTimer(Clock::now() + kDrainTimeout);
     for (auto at = clients_.begin(); at != clients_.end();) {
         UpdateDraining((at++)->first);

@@ -73,6 +73,7 @@ class ControlSocket {
     EventSource drainTimer_;
     bool isAcceptPaused_ = false;
     std::function<void()> onDrained_; // set while draining
+    bool isDrained_ = false;          // onDrained_ was called
 };
 
 } // namespace kavel::agent
