@@ -189,7 +189,7 @@ constexpr bool HasColumn(const StatusField &field)
     return field.column.title != nullptr;
 }
 
-constexpr auto kColumns = [] {
+constexpr auto kVpnColumns = [] {
     std::array<TableColumn<VpnStatus>, std::ranges::count_if(kFields, HasColumn)> columns{};
     std::size_t next = 0;
     for (const StatusField &field : kFields) {
@@ -253,8 +253,8 @@ std::string MemoryText(std::uint64_t bytes)
 std::string StatusTable(StatusList vpns, bool colour)
 {
     std::ostringstream out;
-    PrintTable(out, kColumns, vpns, [&](std::size_t column, Vpn vpn) {
-        return colour && kColumns[column].text == StateText ? StateOf(vpn).colour : "";
+    PrintTable(out, kVpnColumns, vpns, [&](std::size_t column, Vpn vpn) {
+        return colour && kVpnColumns[column].text == StateText ? StateOf(vpn).colour : "";
     });
     out << (AnyProblem(vpns) ? "\n" : "");
     for (const Kavel__VpnStatus *vpn : vpns) {

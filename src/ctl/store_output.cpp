@@ -28,7 +28,7 @@ std::string Count(Stored stored, std::uint32_t count)
     return stored.problem != nullptr ? "-" : std::to_string(count);
 }
 
-constexpr std::array<TableColumn<Kavel__StoredRecord>, 7> kColumns = {{
+constexpr std::array<TableColumn<Kavel__StoredRecord>, 7> kRowColumns = {{
     {"VPN", true, [](Stored stored) { return std::to_string(stored.vpn); }},
     {"ENABLED", false, EnabledCell},
     {"HOSTS", true, [](Stored stored) { return Count(stored, stored.hosts); }},
@@ -43,7 +43,7 @@ constexpr std::array<TableColumn<Kavel__StoredRecord>, 7> kColumns = {{
 std::string StoredTable(StoredList records)
 {
     std::ostringstream out;
-    PrintTable(out, kColumns, records, [](std::size_t, Stored) { return ""; });
+    PrintTable(out, kRowColumns, records, [](std::size_t, Stored) { return ""; });
     const char *gap = "\n";
     for (const Kavel__StoredRecord *record : records) {
         if (record->problem != nullptr) {

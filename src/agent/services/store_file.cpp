@@ -20,16 +20,21 @@ constexpr int kLockTimeoutMs = 2000;
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kDirectoryMode = 0700;
 
+// Syncs each directory that got a new entry, so that a power failure does not take the file's whole path with it.
 void MakeDirectories(const std::filesystem::path &path)
 {
-    if (path.empty() || std::filesystem::is_directory(path)) {
-        return;
+    std::filesystem::path directory;
+    for (const std::filesystem::path &name : path) {
+        const std::filesystem::path parent = directory;
+        directory /= name;
+        if (std::filesystem::is_directory(directory)) {
+            continue;
+        }
+        if (::mkdir(directory.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
+            ThrowLastErrno(directory);
+        }
+        SyncDirectory(parent);
     }
-    MakeDirectories(path.parent_path());
-    if (::mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
-        ThrowLastErrno(path);
-    }
-    SyncDirectory(path.parent_path());
 }
 
 // Creates an empty file, which is an empty database. SQLite gives the files that it puts beside it the same mode.

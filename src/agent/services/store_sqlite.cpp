@@ -319,6 +319,7 @@ VQ_DATA_CONTENT_TRANS_OP *VQ_GetDbDataTransOp(void)
     return &Host::Current().conversions;
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the text of the host interface is not const
 VQ_ERR_T VQ_SqliteDnsMasqConfOp(BOOL vpnId, char *text, VQ_SQL_CONF_OP op, VQ_SQL_CONF_TBL table)
 {
     return ResultOf([&] {
