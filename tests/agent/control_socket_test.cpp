@@ -244,6 +244,41 @@ TEST_F(ControlSocketTest, AClientWaitsWhileNoneOf64IsIdle)
     EXPECT_TRUE(Client(29).HasEnded());
 }
 
+// Their requests are still handled, but they must not keep others out.
+TEST_F(ControlSocketTest, ClientsThatLeaveWhileTheirRequestIsHandledFreeTheirSlots)
+{
+    answersAtOnce_ = false;
+    TestClient idle(path_);
+    for (std::uint8_t mark = 1; mark <= 63; ++mark) {
+        Connect().SendRequest(mark);
+    }
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 63; }));
+    clients_.clear();
+    DispatchReady(loop_);
+    for (std::uint8_t mark = 64; mark <= 126; ++mark) {
+        Connect().SendRequest(mark);
+    }
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 126; }));
+    EXPECT_FALSE(idle.HasEnded());
+    AnswerKept(1);
+    AnswerKept(126);
+    AwaitReplies(Client(62), 1);
+    EXPECT_THAT(Client(62).Results(), ElementsAre(126));
+}
+
+TEST_F(ControlSocketTest, AClientThatSendsNoMoreStillGetsItsAnswer)
+{
+    answersAtOnce_ = false;
+    TestClient &client = Connect();
+    client.SendRequest(1);
+    client.EndSending();
+    ASSERT_TRUE(RunUntil(loop_, [&] { return requests_.size() == 1; }));
+    DispatchReady(loop_);
+    AnswerKept(1);
+    AwaitReplies(client, 1);
+    EXPECT_THAT(client.Results(), ElementsAre(1));
+}
+
 TEST_F(ControlSocketTest, SendsAReplyThatDoesNotFitIntoTheSocket)
 {
     padding_ = 5'000'000;

@@ -419,6 +419,18 @@ TEST_F(RequestsTest, SeveralStatusRequestsAreAnsweredOnceEach)
     EXPECT_EQ(AnswerIn(second).vpns.at(0).fields.vpn, other_);
 }
 
+TEST_F(RequestsTest, StatusRequestsBeyondTheLimitAreRefused)
+{
+    constexpr std::size_t kLimit = 64;
+    std::vector<const std::vector<Answer> *> answers;
+    for (std::size_t i = 0; i <= kLimit; ++i) {
+        answers.push_back(&Send(PackRequest(KAVEL__REQUEST__VERB__STATUS, vpnId_)));
+    }
+    EXPECT_EQ(AnswerIn(*answers.back()).result, -EBUSY);
+    EXPECT_TRUE(RunUntil(loop_, [&] { return !answers.front()->empty() && !answers[kLimit - 1]->empty(); }));
+    EXPECT_EQ(AnswerIn(*answers.front()).result, 0);
+}
+
 // ---- A POP ----
 
 class PopRequestsTest : public RequestsTest {

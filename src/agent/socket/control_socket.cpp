@@ -157,6 +157,12 @@ void ControlSocket::Admit(UniqueFd socket)
 void ControlSocket::ProcessClient(ClientId id)
 {
     Connection &connection = clients_.at(id).connection;
+    if (connection.IsBusy() && !onDrained_) {
+        // Only a hang-up is reported meanwhile. The request goes on, but nobody waits for its answer: the slot is free.
+        clients_.erase(id);
+        UpdateListener();
+        return;
+    }
     connection.Advance(loop_.IdleTime());
     if (onDrained_) {
         UpdateDraining(id);
@@ -187,7 +193,7 @@ void ControlSocket::HandleNextFrame()
     }
 }
 
-// A client stays while its request is handled, unless the socket was drained meanwhile.
+// A client may have disconnected while its request was handled.
 void ControlSocket::SendAnswer(ClientId id, const Answer &answer)
 {
     const auto client = clients_.find(id);
@@ -231,9 +237,9 @@ void ControlSocket::Update(ClientId id)
             ready_.push_back(id);
             nextFrame_.Enable();
         }
-        // Without wanted events the source is disabled: epoll reports a hang-up even if it is not asked for it.
+        // epoll reports a hang-up even if it is not asked for it: it is of interest while a request is handled.
         source.SetIoEvents(connection.WantedEvents());
-        connection.WantedEvents() != 0 ? source.Enable() : source.Disable();
+        connection.WantedEvents() != 0 || connection.IsBusy() ? source.Enable() : source.Disable();
     }
     UpdateListener();
     UpdateDeadlineTimer();

@@ -19,6 +19,9 @@ namespace {
 
 constexpr std::chrono::milliseconds kLaunchTimeout{2000};
 
+// As many as there can be clients. Clients that have disconnected do not cancel theirs.
+constexpr std::size_t kStatusesMax = 64;
+
 struct RecordRelease {
     void operator()(VQ_DNSMASQ_CONF *record) const { VQ_AgentMemFree(record); }
 };
@@ -340,6 +343,10 @@ void Requests::BeginStatus(const Kavel__Request &request, const Respond &respond
         }
     } else if (!host_.config.Serves(request.vpn)) {
         respond(NotConfigured(request.vpn));
+        return;
+    }
+    if (statuses_.size() >= kStatusesMax) {
+        respond(Refusal(-EBUSY, "the agent handles " + std::to_string(kStatusesMax) + " status requests already"));
         return;
     }
     const auto status = statuses_.insert(statuses_.end(), PendingStatus{respond, std::nullopt});
