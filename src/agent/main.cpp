@@ -165,8 +165,8 @@ void Run(const Options &options)
     const Module module(options.module, host);
     Log(LogLevel::kDebug, "module %s", module.Path().c_str());
     EventLoop loop;
-    const Instances instances;
-    PendingLaunches launches(loop, instances);
+    const Instances instances({}, host.identity);
+    PendingLaunches launches(loop, instances, host.launchOutputs);
     if (Start(loop, host, instances, module, launches)) {
         Serve(loop, host, instances, module, launches);
     } else {

@@ -137,6 +137,35 @@ std::string CheckText(const Kavel__Reply &reply)
     return "would apply: " + SummaryText(*reply.summary);
 }
 
+// "v1.json: vpn 1".
+std::string MessageSubject(const Outgoing &message, const Kavel__Reply &reply)
+{
+    return Printable(message.file) + ": " + SubjectText(VpnOf(reply));
+}
+
+void PrintNotes(const Session &session, const std::string &subject, const Kavel__Reply &reply)
+{
+    for (std::size_t i = 0; i < reply.n_notes; ++i) {
+        session.err << "vqctl: " << subject << ": " << Printable(reply.notes[i]) << std::endl;
+    }
+}
+
+// Whether the service is in the state that an applied message asks for. An agent that does not know says nothing.
+bool IsAsAsked(const Kavel__Reply &reply)
+{
+    return reply.has_enabled == 0 || reply.has_running == 0 || reply.enabled == reply.running;
+}
+
+// "applied", and what is wrong with the service.
+std::string AppliedText(const Kavel__Reply &reply)
+{
+    if (IsAsAsked(reply)) {
+        return "applied";
+    }
+    const std::string state = reply.enabled != 0 ? "applied, NOT RUNNING" : "applied, STILL RUNNING";
+    return reply.text != nullptr ? state + ": " + Printable(reply.text) : state;
+}
+
 int RunVpnCommand(const Session &session, Kavel__Request__Verb verb, std::uint32_t vpn, const std::string &done)
 {
     Kavel__Request request = NewRequest(verb);
@@ -168,21 +197,26 @@ int Apply(const Session &session, const Messages &messages)
 {
     const std::vector<Outgoing> all = LoadAll(KAVEL__REQUEST__VERB__APPLY, messages);
     Client client = Client::Connect(session.socket, session.timeout);
+    int code = kDone;
     for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
         const ReplyPtr reply = ExchangeFirst(session, client, left);
-        const std::string subject = SubjectText(VpnOf(*reply));
+        const std::string subject = MessageSubject(left.front(), *reply);
         if (reply->result < 0) {
             session.out << subject << ": refused " << RefusalText(*reply) << std::endl;
+            PrintNotes(session, subject, *reply);
             const std::string rest = NotSentText(left.subspan(1));
             session.err << (rest.empty() ? "" : "vqctl: " + Printable(rest) + "\n");
             return kRefused;
         }
-        session.out << subject << ": applied" << std::endl;
-        if (reply->text != nullptr) {
+        session.out << subject << ": " << AppliedText(*reply) << std::endl;
+        if (!IsAsAsked(*reply)) {
+            code = kNotAsAsked;
+        } else if (reply->text != nullptr) {
             session.err << "vqctl: " << subject << ": " << Printable(reply->text) << std::endl;
         }
+        PrintNotes(session, subject, *reply);
     }
-    return kDone;
+    return code;
 }
 
 int Check(const Session &session, const Messages &messages)
@@ -192,7 +226,9 @@ int Check(const Session &session, const Messages &messages)
     int code = kDone;
     for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
         const ReplyPtr reply = ExchangeFirst(session, client, left);
-        session.out << SubjectText(VpnOf(*reply)) << ": " << CheckText(*reply) << '\n';
+        const std::string subject = MessageSubject(left.front(), *reply);
+        session.out << subject << ": " << CheckText(*reply) << std::endl;
+        PrintNotes(session, subject, *reply);
         code = reply->result < 0 ? kRefused : code;
     }
     return code;

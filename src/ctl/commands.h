@@ -31,7 +31,8 @@ struct Messages {
     bool binary = false;            // the files hold message bytes, which are sent unchanged; otherwise JSON
 };
 
-// Applies the messages in order and stops at the first one that is refused. If any file is bad, nothing is sent.
+// Applies the messages in order and stops at the first one that is refused. A message whose service does not run is
+// reported, and does not stop the others. If any file is bad, nothing is sent.
 int Apply(const Session &session, const Messages &messages);
 
 // Prints for each message what it would set, or why it would be refused. If any file is bad, nothing is sent.

@@ -10,9 +10,10 @@ namespace kavel::ctl {
 
 enum ExitCode : int {
     kDone = 0,
-    kRefused = 1,  // the agent refused, or a VPN has problems
-    kBadInput = 2, // wrong usage, a file that cannot be read, written or understood
-    kNoAgent = 3,  // the agent cannot be reached or violates the protocol
+    kRefused = 1,    // the agent refused, or a VPN has problems
+    kBadInput = 2,   // wrong usage, a file that cannot be read, written or understood
+    kNoAgent = 3,    // the agent cannot be reached or violates the protocol
+    kNotAsAsked = 4, // a message was applied, but its service is not in the state that it asks for
 };
 
 // The agent cannot be reached, or the connection to it failed.

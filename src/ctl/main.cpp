@@ -22,7 +22,8 @@ constexpr const char *kFooter = R"(Exit codes:
   0  done
   1  the agent refused, or status found a VPN with problems
   2  wrong usage or a bad input file (nothing was sent), or output that cannot be written
-  3  the agent cannot be reached, or its reply is invalid)";
+  3  the agent cannot be reached, or its reply is invalid
+  4  applied, but a service does not run, or still runs although it is switched off)";
 
 struct Arguments {
     Session session{std::cout, std::cerr};

@@ -110,44 +110,5 @@ TEST(UnpackProtobuf, UnpacksTheTypeThatIsAskedFor)
     EXPECT_EQ(reinterpret_cast<const Kavel__Request *>(message.get())->vpn, 7U);
 }
 
-// The objection to a message whose second server is bound to an interface called `name`.
-std::optional<std::string> ObjectionTo(std::string name)
-{
-    const Bytes packed = PackCpe(7, true, 1, [&](DnsmasqConf &message) {
-        static DnsServerItem unbound;
-        static DnsServerItem bound;
-        static std::array<DnsServerItem *, 2> items{&unbound, &bound};
-        dns_server_item__init(&unbound);
-        dns_server_item__init(&bound);
-        bound.ifname = name.data();
-        message.dnsservers = items.data();
-        message.n_dnsservers = items.size();
-    });
-    const auto message = UnpackControllerMessage(Platform::kCpe, packed);
-    EXPECT_TRUE(message);
-    return InterfaceNameObjection(*message->pointer.DnsmasqPbCPE);
-}
-
-TEST(InterfaceNameObjection, AllowsWhatAnInterfaceMayBeCalled)
-{
-    for (const char *name : {"", "wan0", "eth0.100", "a-b_c@d", "#&%", "w\xC3\xA4n"}) {
-        EXPECT_EQ(ObjectionTo(name), std::nullopt) << name;
-    }
-}
-
-TEST(InterfaceNameObjection, ObjectsToWhatNoInterfaceMayBeCalled)
-{
-    for (const char *name : {"wan0\nlog-queries", "wan 0", "wan\t", "a/b", "a:b", "\x01", "\x7F", "wan0\r"}) {
-        EXPECT_EQ(ObjectionTo(name), "dnsservers[1].ifname is not an interface name") << name;
-    }
-}
-
-TEST(InterfaceNameObjection, AllowsAMessageWithoutServers)
-{
-    const auto message = UnpackControllerMessage(Platform::kCpe, PackCpe(7, true, 1));
-    ASSERT_TRUE(message);
-    EXPECT_EQ(InterfaceNameObjection(*message->pointer.DnsmasqPbCPE), std::nullopt);
-}
-
 } // namespace
 } // namespace kavel::agent

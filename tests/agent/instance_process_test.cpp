@@ -105,44 +105,105 @@ TEST(VpnOfCommandLine, NeedsTheProgramAndTheOption)
     EXPECT_EQ(VpnOfCommandLine(CommandLine({"dnsmasq", "--pid-file=/tmp/kvl_dns_vpn_7.pid"})), std::nullopt);
 }
 
-Process RunningProcess(const std::string &name, const std::string &executable)
+constexpr uid_t kAgentUser = 0;
+constexpr uid_t kDnsmasqUser = 65534;
+constexpr uid_t kOtherUser = 1000;
+
+const InstanceIdentity &Identity()
 {
-    return {
-        .alive = true, .name = name, .executable = executable, .commandLine = "", .uptimeSeconds = 0, .memoryBytes = 0};
+    static const InstanceIdentity identity{
+        "dnsmasq", {"/usr/bin/dash", "/usr/bin/nsenter"}, {kAgentUser, kDnsmasqUser}};
+    return identity;
 }
 
-TEST(IsDnsmasq, KnowsTheProcessByItsNameOrItsExecutable)
+Process Running(const std::string &executable, const std::string &commandLine = "")
 {
-    EXPECT_TRUE(IsDnsmasq(RunningProcess("dnsmasq", "")));
-    EXPECT_TRUE(IsDnsmasq(RunningProcess("renamed", "/usr/sbin/dnsmasq")));
-    EXPECT_FALSE(IsDnsmasq(RunningProcess("sh", "/bin/dash")));
-    EXPECT_FALSE(IsDnsmasq(RunningProcess("dnsmasq2", "/usr/sbin/dnsmasq2")));
-    EXPECT_FALSE(IsDnsmasq(RunningProcess("sh", "/opt/dnsmasq/sh")));
+    Process process;
+    process.alive = true;
+    process.executable = executable;
+    process.executableOwner = 0;
+    process.user = kDnsmasqUser;
+    process.commandLine = commandLine;
+    return process;
+}
+
+Process InstanceOf(const std::string &vpn)
+{
+    return Running("/usr/sbin/dnsmasq", CommandLine({"/usr/sbin/dnsmasq", OptionOf("kvl_dns_vpn_" + vpn + ".pid")}));
+}
+
+TEST(IsDnsmasq, KnowsTheProcessByItsExecutable)
+{
+    EXPECT_TRUE(IsDnsmasq(Running("/usr/sbin/dnsmasq"), Identity()));
+    EXPECT_TRUE(IsDnsmasq(Running("/usr/sbin/dnsmasq (deleted)"), Identity())) << "replaced by an upgrade";
+    EXPECT_TRUE(IsDnsmasq(Running("/opt/aside/dnsmasq"), Identity())) << "executed by a wrapper";
+    for (const char *other : {"", "/usr/bin/dash", "/usr/sbin/dnsmasq2", "/opt/dnsmasq/sh"}) {
+        EXPECT_FALSE(IsDnsmasq(Running(other), Identity())) << other;
+    }
 }
 
 TEST(IsDnsmasq, AProcessThatIsNotAliveIsNone)
 {
-    Process process = RunningProcess("dnsmasq", "/usr/sbin/dnsmasq");
+    Process process = Running("/usr/sbin/dnsmasq");
     process.alive = false;
-    EXPECT_FALSE(IsDnsmasq(process));
+    EXPECT_FALSE(IsDnsmasq(process, Identity()));
+}
+
+TEST(IsDnsmasq, AProcessOfAnotherUserIsNone)
+{
+    Process process = Running("/usr/sbin/dnsmasq");
+    process.user = kOtherUser;
+    EXPECT_FALSE(IsDnsmasq(process, Identity()));
+}
+
+TEST(IsDnsmasq, AnExecutableThatOthersCanChangeIsNone)
+{
+    Process process = Running("/tmp/dnsmasq");
+    process.executableOwner = kDnsmasqUser;
+    EXPECT_FALSE(IsDnsmasq(process, Identity()));
+    process.executableOwner = std::nullopt;
+    EXPECT_FALSE(IsDnsmasq(process, Identity()));
 }
 
 TEST(IsInstanceOf, IsTheDnsmasqWithTheVpnsPidFile)
 {
-    Process process = RunningProcess("dnsmasq", "/usr/sbin/dnsmasq");
-    process.commandLine = CommandLine({"/usr/sbin/dnsmasq", OptionOf("kvl_dns_vpn_10.pid")});
-    EXPECT_TRUE(IsInstanceOf(process, 10));
-    EXPECT_FALSE(IsInstanceOf(process, 1));
-    EXPECT_FALSE(IsInstanceOf(process, 100));
-    process.commandLine = CommandLine({"/usr/sbin/dnsmasq"});
-    EXPECT_FALSE(IsInstanceOf(process, 10));
+    const Process process = InstanceOf("10");
+    EXPECT_TRUE(IsInstanceOf(process, 10, Identity()));
+    EXPECT_FALSE(IsInstanceOf(process, 1, Identity()));
+    EXPECT_FALSE(IsInstanceOf(process, 100, Identity()));
+    EXPECT_FALSE(IsInstanceOf(Running("/usr/sbin/dnsmasq", CommandLine({"/usr/sbin/dnsmasq"})), 10, Identity()));
 }
 
 TEST(IsInstanceOf, TheShellThatStartsAnInstanceIsNone)
 {
-    Process process = RunningProcess("sh", "/bin/dash");
-    process.commandLine = CommandLine({"sh", "-c", "dnsmasq " + OptionOf("kvl_dns_vpn_10.pid")});
-    EXPECT_FALSE(IsInstanceOf(process, 10));
+    const Process process =
+        Running("/usr/bin/dash", CommandLine({"sh", "-c", "dnsmasq " + OptionOf("kvl_dns_vpn_10.pid")}));
+    EXPECT_FALSE(IsInstanceOf(process, 10, Identity()));
+}
+
+TEST(VpnOfProcess, KnowsTheInstanceAndWhatStartsIt)
+{
+    EXPECT_THAT(VpnOfProcess(InstanceOf("10"), Identity()), Optional(10U));
+    Process shell = Running("/usr/bin/dash", CommandLine({"sh", "-c", "dnsmasq " + OptionOf("kvl_dns_vpn_10.pid")}));
+    shell.user = kAgentUser;
+    EXPECT_THAT(VpnOfProcess(shell, Identity()), Optional(10U));
+    shell.user = kDnsmasqUser;
+    EXPECT_EQ(VpnOfProcess(shell, Identity()), std::nullopt) << "only the agent starts instances";
+}
+
+TEST(VpnOfProcess, APersonsCommandIsNone)
+{
+    Process process = Running("/usr/bin/vim", CommandLine({"vim", "dnsmasq", OptionOf("kvl_dns_vpn_10.pid")}));
+    process.user = kAgentUser;
+    EXPECT_EQ(VpnOfProcess(process, Identity()), std::nullopt);
+    Process stranger = InstanceOf("10");
+    stranger.user = kOtherUser;
+    EXPECT_EQ(VpnOfProcess(stranger, Identity()), std::nullopt);
+}
+
+TEST(VpnOfCommandLine, TheOptionIsAnArgumentOfItsOwn)
+{
+    EXPECT_EQ(VpnOfCommandLine(CommandLine({"dnsmasq", "x" + OptionOf("kvl_dns_vpn_7.pid")})), std::nullopt);
 }
 
 TEST(VpnsWithProcesses, HasTheVpnsOfRunningProcesses)
@@ -151,9 +212,9 @@ TEST(VpnsWithProcesses, HasTheVpnsOfRunningProcesses)
     const WaitingProcess stranger({"tail", OptionOf("kvl_dns_vpn_4000000002.pid")});
     {
         const WaitingProcess instance({"/usr/sbin/dnsmasq", OptionOf("kvl_dns_vpn_4000000001.pid")});
-        EXPECT_THAT(VpnsWithProcesses(), testing::Contains(kVpn));
+        EXPECT_THAT(VpnsWithProcesses(InstanceIdentity::OfBox()), testing::Contains(kVpn));
     }
-    EXPECT_THAT(VpnsWithProcesses(),
+    EXPECT_THAT(VpnsWithProcesses(InstanceIdentity::OfBox()),
                 testing::Not(testing::AnyOf(testing::Contains(kVpn), testing::Contains(kVpn + 1))));
 }
 

@@ -39,7 +39,8 @@ class PendingLaunchesTest : public testing::Test {
     TestBox box_;
     Instances instances_{box_.Root()};
     EventLoop loop_;
-    PendingLaunches launches_{loop_, instances_};
+    LaunchOutputs outputs_;
+    PendingLaunches launches_{loop_, instances_, outputs_};
     std::vector<LaunchOutcome> outcomes_;
 };
 
@@ -183,7 +184,7 @@ TEST_F(PendingLaunchesTest, FindsThePidFileWithoutAWatch)
     const TestBox other;
     std::filesystem::remove_all(other.Path("/var"));
     const Instances instances(other.Root());
-    PendingLaunches launches(loop_, instances);
+    PendingLaunches launches(loop_, instances, outputs_);
     const FakeInstance instance(other, vpnId_);
     launches.Add(vpnId_, 10min, [this](LaunchOutcome outcome) { outcomes_.push_back(outcome); });
     other.WritePidFile(vpnId_, std::to_string(instance.Pid()));

@@ -59,7 +59,7 @@ class RecoveryTest : public testing::Test {
     Host host_;
     Instances instances_{box_.Root()};
     EventLoop loop_;
-    PendingLaunches launches_{loop_, instances_};
+    PendingLaunches launches_{loop_, instances_, host_.launchOutputs};
     FakeModule module_;
     std::function<void()> onApply_;
     std::list<FakeInstance> running_;

@@ -68,7 +68,7 @@ class RequestsTest : public testing::Test {
     Host host_;
     Instances instances_{box_.Root()};
     EventLoop loop_;
-    PendingLaunches launches_{loop_, instances_};
+    PendingLaunches launches_{loop_, instances_, host_.launchOutputs};
     FakeModule module_;
     std::deque<std::vector<Answer>> answers_;
     Requests requests_{loop_, host_, instances_, module_.functions, launches_};

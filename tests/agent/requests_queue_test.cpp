@@ -60,8 +60,23 @@ TEST_F(RequestsQueueTest, ALaunchThatFailedIsAppliedAndHasAText)
     const Answer answer = AnswerIn(answers);
     EXPECT_EQ(answer.result, 0);
     EXPECT_EQ(answer.text, "the instance did not come up");
+    EXPECT_EQ(answer.enabled, true);
+    EXPECT_EQ(answer.running, false);
     EXPECT_TRUE(instances_.IsMeantToRun(vpnId_));
     EXPECT_THAT(log_.Take(), HasSubstr("ERROR vpn " + std::to_string(vpnId_) + ": the instance did not come up"));
+}
+
+TEST_F(RequestsQueueTest, ALaunchThatFailedGivesTheReasonOfDnsmasqAtOnce)
+{
+    module_.onConfigure = [this](const VQ_CTRL_DNSMASQ_CONFIG_PB &) {
+        constexpr std::string_view kReason = "\ndnsmasq: Address already in use\n";
+        return static_cast<VQ_ERR_T>(::write(host_.launchOutputs.Begin(vpnId_), kReason.data(), kReason.size()));
+    };
+    const auto start = EventLoop::Clock::now();
+    const auto &answers = SendApply(launch_); // a process of the VPN lives on
+    EXPECT_TRUE(RunUntilAnswered(answers));
+    EXPECT_LT(EventLoop::Clock::now() - start, std::chrono::seconds(2)) << "it does not wait for the timeout";
+    EXPECT_EQ(AnswerIn(answers).text, "the instance did not come up: dnsmasq: Address already in use");
 }
 
 TEST_F(RequestsQueueTest, ALaunchThatHangsFailsAfterTwoSeconds)

@@ -124,7 +124,7 @@ class StartServicesTest : public testing::Test {
         if (exits_) {
             loop.Exit();
         }
-        PendingLaunches launches(loop, instances_);
+        PendingLaunches launches(loop, instances_, outputs_);
         LogCapture log;
         const bool isStarted = StartServices(loop, host, instances_, module_.functions, launches);
         EXPECT_TRUE(launches.IsEmpty());
@@ -139,6 +139,7 @@ class StartServicesTest : public testing::Test {
 
     TestBox box_;
     Instances instances_{box_.Root()};
+    LaunchOutputs outputs_;
     FakeModule module_;
     bool exits_ = false;
     std::string log_;
@@ -197,7 +198,7 @@ TEST_F(StartServicesTest, CallsTheModuleOnlyWhenEarlierLaunchesHaveEnded)
     FakeInstance starting(box_, TestVpn(1));
     Host host(box_.Configuration());
     EventLoop loop;
-    PendingLaunches launches(loop, instances_);
+    PendingLaunches launches(loop, instances_, outputs_);
     EventSource writer = loop.AddDeferred([&] {
         EXPECT_THAT(module_.calls, ElementsAre());
         box_.WritePidFile(TestVpn(1), std::to_string(starting.Pid()));

@@ -55,7 +55,8 @@ class StatusQueryTest : public testing::Test {
     Config config_;
     Instances instances_{box_.Root()};
     EventLoop loop_;
-    PendingLaunches launches_{loop_, instances_};
+    LaunchOutputs outputs_;
+    PendingLaunches launches_{loop_, instances_, outputs_};
 };
 
 TEST_F(StatusQueryTest, GivesTheStatusOfTheVpnsInTheirOrder)

@@ -44,6 +44,24 @@ Bytes ReplyFor(std::uint32_t vpn, std::int32_t result, std::string reason = {}, 
     });
 }
 
+// An applied message of vpn 7.
+Bytes ServiceReply(bool enabled, bool running, std::string text = {})
+{
+    return PackReply(0, [&](Kavel__Reply &reply) {
+        reply.has_vpn = reply.has_enabled = reply.has_running = 1;
+        reply.vpn = 7;
+        reply.enabled = enabled ? 1 : 0;
+        reply.running = running ? 1 : 0;
+        reply.text = text.empty() ? nullptr : text.data();
+    });
+}
+
+// A line about a message.
+std::string Line(const std::string &file, const std::string &text)
+{
+    return file + ": " + text + "\n";
+}
+
 Bytes CheckReply(std::uint32_t vpn)
 {
     Kavel__Summary summary{};
@@ -88,7 +106,7 @@ TEST_F(CommandsTest, ApplySendsEveryMessageInOrder)
 {
     Answer({ReplyFor(7, 0), ReplyFor(7, 5)});
     EXPECT_EQ(GoApply({{kBranchOffice, kChange}}), kDone);
-    EXPECT_EQ(out_.str(), "vpn 7: applied\nvpn 7: applied\n");
+    EXPECT_EQ(out_.str(), Line(kBranchOffice, "vpn 7: applied") + Line(kChange, "vpn 7: applied"));
     EXPECT_EQ(err_.str(), "");
     ASSERT_EQ(agent_->Requests().size(), 2U);
     const RequestPtr first = Request(0);
@@ -102,8 +120,9 @@ TEST_F(CommandsTest, ApplyStopsAtTheFirstRefusal)
 {
     Answer({ReplyFor(7, 0), ReplyFor(7, -22, "dnsmasq dns host[3].domain is invalid"), ReplyFor(7, 0)});
     EXPECT_EQ(GoApply({{kBranchOffice, kChange, kOff, kBranchOffice}}), kRefused);
-    EXPECT_EQ(out_.str(), "vpn 7: applied\n"
-                          "vpn 7: refused (-22 Invalid argument): dnsmasq dns host[3].domain is invalid\n");
+    EXPECT_EQ(out_.str(),
+              Line(kBranchOffice, "vpn 7: applied") +
+                  Line(kChange, "vpn 7: refused (-22 Invalid argument): dnsmasq dns host[3].domain is invalid"));
     EXPECT_EQ(err_.str(), std::string("vqctl: not sent: ") + kOff + ", " + kBranchOffice + "\n");
     EXPECT_EQ(agent_->Requests().size(), 2U);
 }
@@ -112,7 +131,8 @@ TEST_F(CommandsTest, ApplyListsNoUnsentFilesWhenTheLastIsRefused)
 {
     Answer({ReplyFor(99, -2, "", "vpn 99 is not configured")});
     EXPECT_EQ(GoApply({{kBranchOffice}}), kRefused);
-    EXPECT_EQ(out_.str(), "vpn 99: refused (-2 No such file or directory): vpn 99 is not configured\n");
+    EXPECT_EQ(out_.str(),
+              Line(kBranchOffice, "vpn 99: refused (-2 No such file or directory): vpn 99 is not configured"));
     EXPECT_EQ(err_.str(), "");
 }
 
@@ -136,8 +156,9 @@ TEST_F(CommandsTest, BinarySendsTheBytesUnchanged)
 {
     Answer({PackReply(0)});
     const std::string bytes("\x00\xFF not a message", 16);
-    EXPECT_EQ(GoApply({{dir_.Write("raw", bytes)}, true}), kDone);
-    EXPECT_EQ(out_.str(), "message: applied\n");
+    const std::string file = dir_.Write("raw", bytes);
+    EXPECT_EQ(GoApply({{file}, true}), kDone);
+    EXPECT_EQ(out_.str(), Line(file, "message: applied"));
     EXPECT_EQ(MessageOf(*Request(0)), bytes);
 }
 
@@ -152,8 +173,40 @@ TEST_F(CommandsTest, ProblemAfterApplyGoesToStandardError)
 {
     Answer({ReplyFor(7, 0, "", "the instance did not come up")});
     EXPECT_EQ(GoApply({{kBranchOffice}}), kDone);
-    EXPECT_EQ(out_.str(), "vpn 7: applied\n");
-    EXPECT_EQ(err_.str(), "vqctl: vpn 7: the instance did not come up\n");
+    EXPECT_EQ(out_.str(), Line(kBranchOffice, "vpn 7: applied"));
+    EXPECT_EQ(err_.str(), "vqctl: " + Line(kBranchOffice, "vpn 7: the instance did not come up"));
+}
+
+TEST_F(CommandsTest, AServiceThatDoesNotRunIsReportedAndTheNextMessageIsSent)
+{
+    Answer(
+        {ServiceReply(true, false, "dnsmasq: bad option\x1b[2J"), ServiceReply(true, true), ServiceReply(true, false)});
+    EXPECT_EQ(GoApply({{kBranchOffice, kChange, kOff}}), kNotAsAsked);
+    EXPECT_EQ(out_.str(), Line(kBranchOffice, "vpn 7: applied, NOT RUNNING: dnsmasq: bad option?[2J") +
+                              Line(kChange, "vpn 7: applied") + Line(kOff, "vpn 7: applied, NOT RUNNING"));
+    EXPECT_EQ(err_.str(), "");
+}
+
+TEST_F(CommandsTest, AServiceThatStillRunsIsReported)
+{
+    Answer({ServiceReply(false, true, "the instance still runs"), ServiceReply(false, false)});
+    EXPECT_EQ(GoApply({{kOff, kOff}}), kNotAsAsked);
+    EXPECT_EQ(out_.str(),
+              Line(kOff, "vpn 7: applied, STILL RUNNING: the instance still runs") + Line(kOff, "vpn 7: applied"));
+}
+
+TEST_F(CommandsTest, NotesGoToStandardError)
+{
+    std::string note = "dnsproxies[0].domains[1]: is skipped\n";
+    std::vector<char *> notes{note.data(), note.data()};
+    const auto add = [&](Kavel__Reply &reply) {
+        reply.n_notes = notes.size();
+        reply.notes = notes.data();
+    };
+    Answer({PackReply(0, add)});
+    EXPECT_EQ(GoApply({{kOff}}), kDone);
+    const std::string line = "vqctl: " + Line(kOff, "message: dnsproxies[0].domains[1]: is skipped?");
+    EXPECT_EQ(err_.str(), line + line);
 }
 
 TEST_F(CommandsTest, ApplyFailsWithoutAnAgent)
@@ -166,7 +219,7 @@ TEST_F(CommandsTest, ApplyListsUnsentFilesWhenTheConnectionCloses)
 {
     Answer({ReplyFor(7, 0), {}});
     EXPECT_EQ(GoApply({{kBranchOffice, kChange, kOff}}), kNoAgent);
-    EXPECT_EQ(out_.str(), "vpn 7: applied\n");
+    EXPECT_EQ(out_.str(), Line(kBranchOffice, "vpn 7: applied"));
     EXPECT_EQ(err_.str(), std::string("vqctl: ") + kChange +
                               ": the agent closed the connection without a reply; not sent: " + kOff + "\n");
 }
@@ -186,9 +239,11 @@ TEST_F(CommandsTest, CheckContinuesAfterARefusal)
 {
     Answer({ReplyFor(7, -75, "dnsmasq dns server number is more than 8"), CheckReply(7)});
     EXPECT_EQ(GoCheck({{kBranchOffice, kChange}}), kRefused);
-    EXPECT_EQ(out_.str(), "vpn 7: would be refused (-75 Value too large for defined data type): "
-                          "dnsmasq dns server number is more than 8\n"
-                          "vpn 7: would apply: enabled, reload, 3 hosts, 0 mx, 0 servers, 0 forwards, not stored\n");
+    EXPECT_EQ(
+        out_.str(),
+        Line(kBranchOffice, "vpn 7: would be refused (-75 Value too large for defined data type): "
+                            "dnsmasq dns server number is more than 8") +
+            Line(kChange, "vpn 7: would apply: enabled, reload, 3 hosts, 0 mx, 0 servers, 0 forwards, not stored"));
     EXPECT_EQ(Request(1)->verb, KAVEL__REQUEST__VERB__CHECK);
 }
 

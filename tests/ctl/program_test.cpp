@@ -133,7 +133,7 @@ TEST_F(ProgramTest, AppliesStandardInput)
     const Outcome outcome =
         Vqctl({"--socket", agent.Socket(), "apply", "-"}, ReadInput(KAVEL_EXAMPLES "/branch-office.json"));
     EXPECT_EQ(outcome.code, kDone);
-    EXPECT_EQ(outcome.out, "message: applied\n");
+    EXPECT_EQ(outcome.out, "standard input: message: applied\n");
     ASSERT_EQ(agent.Requests().size(), 1U);
 }
 

@@ -194,13 +194,13 @@ class Box:
         for one in messages:
             done = self.vqctl("apply", "-", input=json.dumps(one))
             assert done.returncode == 0, done.stdout + done.stderr + self.log()
-            assert done.stdout == f"vpn {one.get('vpnid', 0)}: applied\n"
+            assert done.stdout == f"standard input: vpn {one.get('vpnid', 0)}: applied\n"
 
     def refused(self, one, command="apply"):
-        """Sends a message that must be refused. Returns what vqctl printed."""
+        """Sends a message that must be refused. Returns what vqctl printed about it."""
         done = self.vqctl(command, "-", input=json.dumps(one))
         assert done.returncode == 1, done.stdout + done.stderr
-        return (done.stdout + done.stderr).strip()
+        return (done.stdout + done.stderr).strip().removeprefix("standard input: ")
 
     def status(self, vpn=7):
         shown = self.vqctl("status", "--json", "--vpn", vpn)

@@ -51,8 +51,8 @@ def test_reload_without_an_instance_is_reported(running):
     """The module skips a reload if there is no instance: the message is applied, and nothing answers."""
     done = running.vqctl("apply", "-", input=json.dumps(message(operation="reload")))
 
-    assert done.stdout == "vpn 7: applied\n"
-    assert done.stderr == "vqctl: vpn 7: no instance runs, and a reload starts none\n"
+    assert done.returncode == 4
+    assert done.stdout == "standard input: vpn 7: applied, NOT RUNNING: no instance runs, and a reload starts none\n"
     assert running.status()["problems"][0] == "no instance runs: it did not start, or was ended from outside"
     started(running)
     assert running.status()["problems"] == []
@@ -110,7 +110,7 @@ def test_instance_keeps_answering_while_the_agent_restarts(running):
 
 
 def test_sigterm_waits_for_the_message_in_progress(running):
-    """A restart waits 2 s for an instance that ignores SIGTERM: long enough to send a signal meanwhile."""
+    """A restart waits 250 ms for an instance that ignores SIGTERM: long enough to send a signal meanwhile."""
     old = started(running)
     os.kill(old, signal.SIGSTOP)
     asking = subprocess.Popen([str(BUILD / "vqctl"), "apply", "-"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
@@ -122,7 +122,7 @@ def test_sigterm_waits_for_the_message_in_progress(running):
     assert running.stop() == 0
 
     assert asking.wait() == 0
-    assert asking.stdout.read() == "vpn 7: applied\n"
+    assert asking.stdout.read() == "standard input: vpn 7: applied\n"
     assert not alive(old)
     expect("192.168.7.13", "nas.vpn7.example")
 
@@ -163,8 +163,9 @@ def test_instance_that_does_not_start_is_reported(running):
 
     done = running.vqctl("apply", "-", input=json.dumps(message()))
 
-    assert done.stdout == "vpn 7: applied\n"
-    assert done.stderr == "vqctl: vpn 7: the instance did not come up\n"
+    assert done.returncode == 4
+    assert done.stdout == ("standard input: vpn 7: applied, NOT RUNNING: the instance did not come up: "
+                           "dnsmasq: bad option at line 1 of /etc/kavel/dnsmasq/vpn_7/dnsmasq.d//broken.conf\n")
     assert running.status()["problems"] == ["no instance runs: it did not start, or was ended from outside"]
     broken.unlink()
     started(running)

@@ -60,7 +60,7 @@ def test_check_applies_nothing(running):
 
     done = running.vqctl("check", "-", input=json.dumps(message()))
     assert done.returncode == 0
-    assert done.stdout.startswith("vpn 7: would apply: enabled, reboot, 1 host")
+    assert done.stdout.startswith("standard input: vpn 7: would apply: enabled, reboot, 1 host")
     assert "would be refused (-22 Invalid argument): dnsmasq dns server[1] is repeat" in running.refused(
         message(dnsservers=[{"dnsserver": "10.0.0.1"}] * 2), command="check")
 

@@ -1,5 +1,9 @@
 #include "base/instance_process.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <charconv>
 #include <filesystem>
 
@@ -29,6 +33,28 @@ bool EndsOption(std::string_view tail)
     return tail.empty() || tail.front() == '\0' || tail.front() == ' ';
 }
 
+std::string WithoutLinks(const char *path)
+{
+    std::error_code ignored;
+    return std::filesystem::canonical(path, ignored).string();
+}
+
+// A program that was replaced on the disk runs on.
+std::string_view ExecutablePath(const Process &process)
+{
+    std::string_view path = process.executable;
+    constexpr std::string_view kReplaced = " (deleted)";
+    if (path.ends_with(kReplaced)) {
+        path.remove_suffix(kReplaced.size());
+    }
+    return path;
+}
+
+bool HasTrustedExecutable(const Process &process, const InstanceIdentity &identity)
+{
+    return process.executableOwner == uid_t{0} || process.executableOwner == identity.users.front();
+}
+
 } // namespace
 
 std::string PidFilePath(std::uint32_t vpnId)
@@ -54,6 +80,9 @@ std::optional<std::uint32_t> VpnOfCommandLine(std::string_view commandLine)
     if (option == std::string_view::npos || commandLine.find(kProgram) == std::string_view::npos) {
         return std::nullopt;
     }
+    if (option > 0 && commandLine[option - 1] != '\0' && commandLine[option - 1] != ' ') {
+        return std::nullopt;
+    }
     const std::string_view rest = commandLine.substr(option + stem.size());
     std::uint32_t vpnId = 0;
     const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), vpnId);
@@ -61,22 +90,49 @@ std::optional<std::uint32_t> VpnOfCommandLine(std::string_view commandLine)
     return error == std::errc() && EndsOption(tail) ? std::optional(vpnId) : std::nullopt;
 }
 
-bool IsDnsmasq(const Process &process)
+// dnsmasq is built to run as "nobody"; packages can build it for a user of its own.
+InstanceIdentity InstanceIdentity::OfBox()
 {
-    return process.alive &&
-           (process.name == kProgram || std::filesystem::path(process.executable).filename() == kProgram);
+    InstanceIdentity identity;
+    identity.program = kProgram;
+    for (const char *launcher : {"/bin/sh", "/usr/bin/nsenter"}) {
+        identity.launchers.push_back(WithoutLinks(launcher));
+    }
+    identity.users.push_back(::geteuid());
+    for (const char *name : {"nobody", "dnsmasq"}) {
+        if (const passwd *user = ::getpwnam(name)) {
+            identity.users.push_back(user->pw_uid);
+        }
+    }
+    return identity;
 }
 
-bool IsInstanceOf(const Process &process, std::uint32_t vpnId)
+bool IsDnsmasq(const Process &process, const InstanceIdentity &identity)
 {
-    return IsDnsmasq(process) && VpnOfCommandLine(process.commandLine) == vpnId;
+    return process.alive && HasTrustedExecutable(process, identity) &&
+           std::filesystem::path(ExecutablePath(process)).filename() == identity.program &&
+           std::ranges::find(identity.users, process.user) != identity.users.end();
 }
 
-std::set<std::uint32_t> VpnsWithProcesses()
+bool IsInstanceOf(const Process &process, std::uint32_t vpnId, const InstanceIdentity &identity)
+{
+    return IsDnsmasq(process, identity) && VpnOfCommandLine(process.commandLine) == vpnId;
+}
+
+// Launchers run as the agent does.
+std::optional<std::uint32_t> VpnOfProcess(const Process &process, const InstanceIdentity &identity)
+{
+    const bool isLauncher = process.alive && process.user == identity.users.front() &&
+                            std::ranges::find(identity.launchers, ExecutablePath(process)) != identity.launchers.end();
+    return isLauncher || IsDnsmasq(process, identity) ? VpnOfCommandLine(process.commandLine) : std::nullopt;
+}
+
+std::set<std::uint32_t> VpnsWithProcesses(const InstanceIdentity &identity)
 {
     std::set<std::uint32_t> found;
     for (const pid_t pid : AllProcesses()) {
-        if (const auto vpnId = VpnOfCommandLine(ReadCommandLine(pid))) {
+        const auto vpnId = VpnOfCommandLine(ReadCommandLine(pid));
+        if (vpnId && VpnOfProcess(InspectProcess(pid), identity) == vpnId) {
             found.insert(*vpnId);
         }
     }

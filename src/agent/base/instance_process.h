@@ -4,11 +4,14 @@
 #ifndef KAVEL_AGENT_INSTANCE_PROCESS_H
 #define KAVEL_AGENT_INSTANCE_PROCESS_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/procfs.h"
 
@@ -24,12 +27,25 @@ inline constexpr const char *kPidDirectory = "/var/run";
 // The VPN whose pid file option is in the command line; nothing when none is.
 [[nodiscard]] std::optional<std::uint32_t> VpnOfCommandLine(std::string_view commandLine);
 
+// Which processes can be instances. Any user can write the right words into a command line.
+struct InstanceIdentity {
+    std::string program;                // file name of dnsmasq's executable, which belongs to root or the agent's user
+    std::vector<std::string> launchers; // paths of what runs before dnsmasq does: the shell, the namespace tool
+    std::vector<uid_t> users;           // whom dnsmasq can run as; the first one is the agent's own
+
+    // Of this box. A wrapper may stand in dnsmasq's place and execute it from another directory.
+    static InstanceIdentity OfBox();
+};
+
 // Whether the process runs dnsmasq, and whether it is the VPN's instance.
-[[nodiscard]] bool IsDnsmasq(const Process &process);
-[[nodiscard]] bool IsInstanceOf(const Process &process, std::uint32_t vpnId);
+[[nodiscard]] bool IsDnsmasq(const Process &process, const InstanceIdentity &identity);
+[[nodiscard]] bool IsInstanceOf(const Process &process, std::uint32_t vpnId, const InstanceIdentity &identity);
+
+// The VPN whose instance the process is or is about to become; nothing for every other process.
+[[nodiscard]] std::optional<std::uint32_t> VpnOfProcess(const Process &process, const InstanceIdentity &identity);
 
 // The VPNs that have an instance or a process that starts one. Reads every process once, however many VPNs there are.
-[[nodiscard]] std::set<std::uint32_t> VpnsWithProcesses();
+[[nodiscard]] std::set<std::uint32_t> VpnsWithProcesses(const InstanceIdentity &identity);
 
 } // namespace kavel::agent
 

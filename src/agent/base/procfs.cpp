@@ -1,5 +1,6 @@
 #include "base/procfs.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -14,6 +15,7 @@ namespace kavel::agent {
 namespace {
 
 // Fields of /proc/<pid>/stat after the name, counted from the state.
+constexpr std::size_t kParentField = 1;
 constexpr std::size_t kStartTimeField = 19;
 constexpr std::string_view kGoneStates = "ZXx";
 
@@ -55,11 +57,37 @@ void ParseStat(Process &process, const std::string &stat)
     if (fields.size() <= kStartTimeField) {
         return;
     }
+    process.parent = WholeNumber<pid_t>(fields[kParentField]).value_or(0);
     process.alive = kGoneStates.find(fields.front()) == std::string_view::npos;
     const std::uint64_t started =
         std::stoull(fields[kStartTimeField]) / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
     const std::uint64_t now = BoxUptimeSeconds();
     process.uptimeSeconds = now > started ? now - started : 0;
+}
+
+// The line of the status file: real, effective, saved and file system user.
+uid_t EffectiveUser(const std::string &directory)
+{
+    std::ifstream file(directory + "/status");
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with("Uid:")) {
+            std::istringstream fields(line.substr(4));
+            uid_t real = 0;
+            uid_t effective = 0;
+            if (fields >> real >> effective) {
+                return effective;
+            }
+        }
+    }
+    return static_cast<uid_t>(-1); // it has ended meanwhile
+}
+
+// Nothing when others can write the file, too.
+std::optional<uid_t> OwnerOf(const std::string &path)
+{
+    struct stat info {};
+    const bool isKnown = ::stat(path.c_str(), &info) == 0 && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    return isKnown ? std::optional(info.st_uid) : std::nullopt;
 }
 
 } // namespace
@@ -77,7 +105,9 @@ Process InspectProcess(pid_t pid)
     }
     std::error_code ignored;
     process.executable = std::filesystem::read_symlink(directory + "/exe", ignored).string();
+    process.executableOwner = OwnerOf(directory + "/exe");
     process.commandLine = ReadCommandLine(pid);
+    process.user = EffectiveUser(directory);
     process.memoryBytes = ResidentBytes(directory);
     return process;
 }
@@ -85,6 +115,14 @@ Process InspectProcess(pid_t pid)
 std::string ReadCommandLine(pid_t pid)
 {
     return ReadAll("/proc/" + std::to_string(pid) + "/cmdline");
+}
+
+// The kernel lists the children of each thread; dnsmasq has one.
+std::vector<pid_t> ChildrenOf(pid_t pid)
+{
+    const std::string directory = "/proc/" + std::to_string(pid);
+    std::istringstream list(ReadAll(directory + "/task/" + std::to_string(pid) + "/children"));
+    return {std::istream_iterator<pid_t>(list), {}};
 }
 
 std::vector<pid_t> AllProcesses()

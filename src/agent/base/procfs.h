@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,10 @@ struct Process {
     bool alive = false; // it exists and is no zombie
     std::string name;   // as the kernel keeps it, 15 characters at most
     std::string executable;
-    std::string commandLine; // as the kernel keeps it: each argument with its terminator
+    std::optional<uid_t> executableOwner; // nothing when others can write the file, too
+    std::string commandLine;        // as the kernel keeps it: each argument with its terminator
+    pid_t parent = 0;
+    uid_t user = 0; // the effective one
     std::uint64_t uptimeSeconds = 0;
     std::uint64_t memoryBytes = 0; // resident
 };
@@ -24,6 +28,9 @@ struct Process {
 
 // The arguments as the kernel keeps them, each with its terminator. Empty for a zombie.
 [[nodiscard]] std::string ReadCommandLine(pid_t pid);
+
+// The processes that this one has forked and that still exist, zombies included.
+[[nodiscard]] std::vector<pid_t> ChildrenOf(pid_t pid);
 
 // The ids of all processes.
 [[nodiscard]] std::vector<pid_t> AllProcesses();

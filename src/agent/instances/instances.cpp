@@ -24,6 +24,8 @@ namespace {
 constexpr const char *kBoxDirectory = "/etc/kavel/dnsmasq";
 constexpr const char *kStateDirectory = "/run/kavel"; // created with the agent's lock
 
+constexpr mode_t kWritableByOthers = S_IWGRP | S_IWOTH;
+
 // The module reads as many bytes of a pid file.
 constexpr std::size_t kPidTextSize = 32;
 
@@ -44,7 +46,10 @@ void CleanDirectory(const std::filesystem::path &directory)
 
 } // namespace
 
-Instances::Instances(std::string root) : root_(std::move(root)) {}
+Instances::Instances(std::string root, InstanceIdentity identity)
+    : root_(std::move(root)), identity_(std::move(identity))
+{
+}
 
 std::string Instances::PidDirectory() const
 {
@@ -90,11 +95,14 @@ std::string Instances::MeantPath(std::uint32_t vpnId) const
 PidFile Instances::ReadPidFile(std::uint32_t vpnId) const
 {
     PidFile file;
-    const UniqueFd handle(::open((root_ + PidFilePath(vpnId)).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!handle) {
+    const std::string path = root_ + PidFilePath(vpnId);
+    const UniqueFd handle(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat info {};
+    if (!handle || ::fstat(handle.Get(), &info) != 0) {
         return file;
     }
     file.exists = true;
+    file.isOwn = S_ISREG(info.st_mode) && info.st_uid == ::geteuid() && (info.st_mode & kWritableByOthers) == 0;
     std::array<char, kPidTextSize + 1> text{};
     const ssize_t size = ::read(handle.Get(), text.data(), kPidTextSize);
     file.isEmpty = size <= 0;
@@ -106,7 +114,18 @@ PidFile Instances::ReadPidFile(std::uint32_t vpnId) const
 
 bool Instances::IsRunning(std::uint32_t vpnId) const
 {
-    return IsInstanceOf(InspectProcess(ReadPidFile(vpnId).pid), vpnId);
+    return IsInstanceOf(InspectProcess(ReadPidFile(vpnId).pid), vpnId, identity_);
+}
+
+PidFile Instances::TakePidFile(std::uint32_t vpnId) const
+{
+    PidFile file = ReadPidFile(vpnId);
+    if (file.exists && !file.isOwn) {
+        const std::string text = file.isEmpty ? "" : std::to_string(file.pid) + "\n";
+        ReplaceFile(root_ + PidFilePath(vpnId), text);
+        file.isOwn = true;
+    }
+    return file;
 }
 
 bool Instances::IsMeantToRun(std::uint32_t vpnId) const
@@ -130,7 +149,7 @@ void Instances::SetMeantToRun(std::uint32_t vpnId, bool isMeant) const
 
 std::optional<std::string> Instances::ReloadObjection(std::uint32_t vpnId) const
 {
-    const PidFile file = ReadPidFile(vpnId);
+    const PidFile file = TakePidFile(vpnId);
     if (!file.exists || file.isEmpty) {
         return std::nullopt;
     }
@@ -139,7 +158,7 @@ std::optional<std::string> Instances::ReloadObjection(std::uint32_t vpnId) const
         return subject + " holds " + std::to_string(file.pid) + ", which is not a process id";
     }
     const Process process = InspectProcess(file.pid);
-    if (!process.alive || IsInstanceOf(process, vpnId)) {
+    if (!process.alive || IsInstanceOf(process, vpnId, identity_)) {
         return std::nullopt;
     }
     return subject + " names process " + std::to_string(file.pid) + " (" + process.name +

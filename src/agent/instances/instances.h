@@ -6,7 +6,10 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
+
+#include "base/instance_process.h"
 
 namespace kavel::agent {
 
@@ -14,12 +17,15 @@ struct PidFile {
     bool exists = false;
     bool isEmpty = true; // nothing could be read from it
     pid_t pid = 0;       // read the way the module reads it: text that is not a number is 0
+    bool isOwn = false;  // only the agent's user can write it
 };
 
 class Instances {
   public:
     // `root` is put in front of every path: empty on a box, a temporary directory in a test.
-    explicit Instances(std::string root = {});
+    explicit Instances(std::string root = {}, InstanceIdentity identity = InstanceIdentity::OfBox());
+
+    [[nodiscard]] const InstanceIdentity &Identity() const { return identity_; }
 
     // The directory of pid files; absolute.
     [[nodiscard]] std::string PidDirectory() const;
@@ -38,18 +44,29 @@ class Instances {
     // Whether the process in the pid file is alive and is the VPN's instance.
     [[nodiscard]] bool IsRunning(std::uint32_t vpnId) const;
 
+    // The VPNs that have an instance or a process that starts one.
+    [[nodiscard]] std::set<std::uint32_t> WithProcesses() const { return VpnsWithProcesses(identity_); }
+
+    // Replaces a pid file that others can write by one of the agent's own, with the same pid. dnsmasq gives its file to
+    // the user that it runs as, and the module trusts the file: that user could direct the module's signals. A replaced
+    // file cannot be written through a descriptor that was opened before. Returns what the file holds now. Throws
+    // std::system_error.
+    PidFile TakePidFile(std::uint32_t vpnId) const;
+
     // Whether an instance of the VPN is meant to run, according to the last applied message. The mark is kept as long
     // as instances live: over a restart of the agent, but not over a restart of the box. Failures are logged.
     [[nodiscard]] bool IsMeantToRun(std::uint32_t vpnId) const;
     void SetMeantToRun(std::uint32_t vpnId, bool isMeant) const;
 
-    // Why a reload would signal a process that is not the VPN's instance; nothing when it is safe.
+    // Why a reload would signal a process that is not the VPN's instance; nothing when it is safe. Takes the pid file
+    // first, so that it cannot change until the module reads it.
     [[nodiscard]] std::optional<std::string> ReloadObjection(std::uint32_t vpnId) const;
 
   private:
     [[nodiscard]] std::string MeantPath(std::uint32_t vpnId) const;
 
     std::string root_;
+    InstanceIdentity identity_;
 };
 
 } // namespace kavel::agent

@@ -50,6 +50,7 @@ Module::Module(const std::string &path, Host &host)
     Find(functions_.initDirectory, "VQCtrl_DnsmasqConfInitByVpnId");
     Find(functions_.releaseDirectory, "VQCtrl_DnsmasqConfRelaseByVpnId");
     Find(functions_.stopInstance, "VQCtrl_DnsmasqStop");
+    Find(functions_.validateDomain, "VQCtrl_ValidateDomain");
     Find(host.conversions.DnsmasqConfToStr, "VQCtrl_AdvancedDnsConfToJsonStr");
     Find(host.conversions.DnsmasqStrToConf, "VQCtrl_AdvancedDnsJsonStrToConf");
 }

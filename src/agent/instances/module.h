@@ -21,6 +21,7 @@ struct ModuleFunctions {
     decltype(&VQCtrl_DnsmasqConfInitByVpnId) initDirectory = nullptr;
     decltype(&VQCtrl_DnsmasqConfRelaseByVpnId) releaseDirectory = nullptr;
     decltype(&VQCtrl_DnsmasqStop) stopInstance = nullptr;
+    decltype(&VQCtrl_ValidateDomain) validateDomain = nullptr;
 };
 
 class Module {

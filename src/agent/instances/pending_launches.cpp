@@ -1,9 +1,11 @@
 #include "instances/pending_launches.h"
 
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
 #include "base/instance_process.h"
+#include "base/log.h"
 
 namespace kavel::agent {
 namespace {
@@ -21,16 +23,32 @@ LaunchOutcome OutcomeOf(bool isRunning)
 
 } // namespace
 
-PendingLaunches::PendingLaunches(EventLoop &loop, const Instances &instances)
-    : instances_(instances), pidFiles_(loop.AddInotify(instances.PidDirectory(), IN_CLOSE_WRITE | IN_MOVED_TO,
-                                                       [this](const inotify_event &event) { ProcessEvents(event); })),
+PendingLaunches::PendingLaunches(EventLoop &loop, const Instances &instances, LaunchOutputs &outputs)
+    : instances_(instances), outputs_(outputs),
+      pidFiles_(loop.AddInotify(instances.PidDirectory(), IN_CLOSE_WRITE | IN_MOVED_TO,
+                                [this](const inotify_event &event) { ProcessEvents(event); })),
       timer_(loop.AddTimer([this] { CheckQuiet(); }))
 {
 }
 
+// A running instance whose pid file cannot be taken runs all the same.
+bool PendingLaunches::IsRunning(std::uint32_t vpnId)
+{
+    if (!instances_.IsRunning(vpnId)) {
+        return false;
+    }
+    try {
+        (void)instances_.TakePidFile(vpnId);
+    } catch (const std::system_error &failure) {
+        Log(LogLevel::kWarning, "vpn %u: its pid file stays writable for dnsmasq: %s", vpnId, failure.what());
+    }
+    outputs_.End(vpnId);
+    return true;
+}
+
 void PendingLaunches::Add(std::uint32_t vpnId, std::chrono::milliseconds timeout, OnEnd onEnd)
 {
-    if (instances_.IsRunning(vpnId)) {
+    if (IsRunning(vpnId)) {
         onEnd(LaunchOutcome::kRunning);
         return;
     }
@@ -45,7 +63,7 @@ void PendingLaunches::Add(std::uint32_t vpnId, std::chrono::milliseconds timeout
 void PendingLaunches::ProcessEvents(const inotify_event &event)
 {
     const auto vpnId = VpnOfPidFile(event.len > 0 ? event.name : "");
-    if (vpnId && IsPending(*vpnId) && instances_.IsRunning(*vpnId)) {
+    if (vpnId && IsPending(*vpnId) && IsRunning(*vpnId)) {
         End(*vpnId, LaunchOutcome::kRunning);
     }
 }
@@ -54,7 +72,7 @@ void PendingLaunches::CheckQuiet()
 {
     const auto now = Clock::now();
     for (const std::uint32_t vpnId : EndedQuietLaunches(now)) {
-        End(vpnId, OutcomeOf(instances_.IsRunning(vpnId)));
+        End(vpnId, OutcomeOf(IsRunning(vpnId)));
     }
     if (!launches_.empty()) {
         timer_.ArmTimer(Clock::now() + std::max<Clock::duration>(kQuietTime, kCheckShare * (Clock::now() - now)));
@@ -68,7 +86,7 @@ std::vector<std::uint32_t> PendingLaunches::EndedQuietLaunches(Clock::time_point
     if (std::ranges::none_of(launches_, isQuiet)) {
         return ended;
     }
-    const std::set<std::uint32_t> withProcesses = VpnsWithProcesses();
+    const std::set<std::uint32_t> withProcesses = instances_.WithProcesses();
     for (auto &each : launches_) {
         auto &[vpnId, launch] = each;
         if (!isQuiet(each)) {
@@ -77,7 +95,7 @@ std::vector<std::uint32_t> PendingLaunches::EndedQuietLaunches(Clock::time_point
         // Two checks in a row: a process that executes another program has no command line for a moment.
         const bool hadProcess = std::exchange(launch.hadProcess, withProcesses.contains(vpnId));
         const bool isGone = !hadProcess && !launch.hadProcess;
-        if (isGone || now >= launch.deadline || instances_.IsRunning(vpnId)) {
+        if (isGone || outputs_.HasFailed(vpnId) || now >= launch.deadline || instances_.IsRunning(vpnId)) {
             ended.push_back(vpnId);
         }
     }

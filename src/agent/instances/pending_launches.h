@@ -14,20 +14,22 @@
 
 #include "base/event_loop.h"
 #include "instances/instances.h"
+#include "services/launch_output.h"
 
 namespace kavel::agent {
 
 // How a launch ended. kCancelled: the agent stops waiting; the instance may still come up.
 enum class LaunchOutcome { kRunning, kFailed, kCancelled };
 
-// dnsmasq writes its pid file when it holds its ports: then the instance runs. A launch has failed as soon as no
-// process of it is left, and when its timeout has passed.
+// dnsmasq writes its pid file when it holds its ports: then the instance runs, and the agent takes the pid file. A
+// launch has failed as soon as dnsmasq has said why it ends, or no process of it is left, and when its timeout has
+// passed. Its output is kept until the next launch, or until the instance runs.
 class PendingLaunches {
   public:
     using OnEnd = std::function<void(LaunchOutcome outcome)>;
 
     // Throws std::system_error. The references must outlive this object.
-    PendingLaunches(EventLoop &loop, const Instances &instances);
+    PendingLaunches(EventLoop &loop, const Instances &instances, LaunchOutputs &outputs);
 
     // Watches a launch of the VPN, which must have none pending. `onEnd` is called once: by the loop, or before this
     // returns when the instance runs already.
@@ -50,11 +52,13 @@ class PendingLaunches {
     };
 
     void ProcessEvents(const inotify_event &event);
+    [[nodiscard]] bool IsRunning(std::uint32_t vpnId);
     void CheckQuiet();
     [[nodiscard]] std::vector<std::uint32_t> EndedQuietLaunches(Clock::time_point now);
     void End(std::uint32_t vpnId, LaunchOutcome outcome);
 
     const Instances &instances_;
+    LaunchOutputs &outputs_;
     std::map<std::uint32_t, Launch> launches_;
     std::optional<EventSource> pidFiles_; // nothing when the user has no inotify instance left: the timer serves alone
     EventSource timer_;

@@ -115,9 +115,9 @@ void PrepareNamespaceOrLog(Host &host, std::uint32_t vpnId)
 // The module finds an instance by its pid file: without this wait it would start a second instance beside one that has
 // not written its file yet, or never stop it. An instance of a VPN that is not configured is left alone: a VPN that was
 // removed from the configuration by mistake must not lose its DNS service.
-bool AdoptInstances(EventLoop &loop, const Config &config, PendingLaunches &launches)
+bool AdoptInstances(EventLoop &loop, const Config &config, const Instances &instances, PendingLaunches &launches)
 {
-    const std::set<std::uint32_t> found = VpnsWithProcesses();
+    const std::set<std::uint32_t> found = instances.WithProcesses();
     if (!RunUntilLaunched(loop, launches, found, kAdoptionTimeout)) {
         return false;
     }
@@ -172,7 +172,7 @@ bool StartServices(EventLoop &loop, Host &host, const Instances &instances, cons
     for (const Vpn &vpn : host.config.vpns) {
         PrepareNamespaceOrLog(host, vpn.id);
     }
-    if (!AdoptInstances(loop, host.config, launches)) {
+    if (!AdoptInstances(loop, host.config, instances, launches)) {
         return false;
     }
     InitializeModule(module, host.config);

@@ -56,12 +56,12 @@ void AddProblem(VpnStatus &status, std::optional<std::string> problem)
     }
 }
 
-void SetProcess(Kavel__VpnStatus &status, const PidFile &file, const Process &process)
+void SetProcess(Kavel__VpnStatus &status, const PidFile &file, const Process &process, const InstanceIdentity &identity)
 {
     status.pid_file = Boolean(file.exists);
     status.pid = file.pid;
     status.alive = Boolean(process.alive);
-    status.is_dnsmasq = Boolean(IsInstanceOf(process, status.vpn));
+    status.is_dnsmasq = Boolean(IsInstanceOf(process, status.vpn, identity));
     status.uptime_seconds = process.uptimeSeconds;
     status.memory_bytes = process.memoryBytes;
 }
@@ -71,10 +71,10 @@ void SetInstance(const Host &host, const Instances &instances, VpnStatus &status
     Kavel__VpnStatus &fields = status.fields;
     const PidFile file = instances.ReadPidFile(fields.vpn);
     const Process process = InspectProcess(file.pid);
-    SetProcess(fields, file, process);
+    SetProcess(fields, file, process, instances.Identity());
     const auto netns = host.namespaces.IdOf(fields.vpn);
     fields.in_namespace = Boolean(process.alive && netns && NamespaceOfProcess(file.pid) == netns);
-    AddProblem(status, ProcessProblem(fields, {file.isEmpty, IsDnsmasq(process)}));
+    AddProblem(status, ProcessProblem(fields, {file.isEmpty, IsDnsmasq(process, instances.Identity())}));
 }
 
 void SetRoutes(Host &host, VpnStatus &status)
@@ -125,7 +125,7 @@ VpnStatus StatusOfStray(const Instances &instances, std::uint32_t vpnId)
 {
     VpnStatus status = NewStatus(instances, vpnId);
     const PidFile file = instances.ReadPidFile(vpnId);
-    SetProcess(status.fields, file, InspectProcess(file.pid));
+    SetProcess(status.fields, file, InspectProcess(file.pid), instances.Identity());
     AddProblem(status, "an instance runs, but the VPN is not configured");
     return status;
 }
@@ -244,7 +244,7 @@ VpnStatus StatusOfVpn(Host &host, const Instances &instances, std::uint32_t vpnI
 std::vector<VpnStatus> StatusOfStrays(const Config &config, const Instances &instances)
 {
     std::vector<VpnStatus> strays;
-    for (const std::uint32_t vpnId : VpnsWithProcesses()) {
+    for (const std::uint32_t vpnId : instances.WithProcesses()) {
         if (!config.Serves(vpnId)) {
             strays.push_back(StatusOfStray(instances, vpnId));
         }

@@ -50,6 +50,9 @@ void ErrorTrail::Add(std::string message)
     while (message.ends_with('\n')) {
         message.pop_back();
     }
+    if (message.ends_with("success")) {
+        return; // the module reports a few successes at error level
+    }
     if (messages_.size() == kMessagesMax) {
         messages_.pop_front();
     }
@@ -65,8 +68,7 @@ std::optional<std::string> ErrorTrail::Cause(std::int32_t result) const
     std::size_t at = messages_.size() - 1;
     while (at > 0 && HasErrorMark(messages_[at], number)) {
         const std::string &previous = messages_[at - 1];
-        const bool isDeeper =
-            HasErrorMark(previous, number) || (!HasAnyErrorMark(previous) && !previous.ends_with("success"));
+        const bool isDeeper = HasErrorMark(previous, number) || !HasAnyErrorMark(previous);
         if (!isDeeper) {
             break;
         }

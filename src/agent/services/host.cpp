@@ -33,4 +33,9 @@ Host &Host::Current()
     return *currentHost;
 }
 
+Host *Host::CurrentOrNull()
+{
+    return currentHost;
+}
+
 } // namespace kavel::agent

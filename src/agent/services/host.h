@@ -3,13 +3,19 @@
 #ifndef KAVEL_AGENT_HOST_H
 #define KAVEL_AGENT_HOST_H
 
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "base/config.h"
+#include "base/instance_process.h"
 #include "base/netlink.h"
 #include "base/netns.h"
 #include "base/nftables.h"
+#include "base/pattern_cache.h"
 #include "services/error_trail.h"
+#include "services/launch_output.h"
 #include "services/store.h"
 #include "vqStore.h"
 
@@ -26,16 +32,36 @@ class Host {
 
     // The living host. Aborts the process when there is none: a service was called before main was ready.
     static Host &Current();
+    // The living host, or null.
+    static Host *CurrentOrNull();
 
     const Config config;
     Namespaces namespaces{config};
     RouteSockets routeSockets{namespaces};
     NftablesContexts nftables{namespaces};
-    ErrorTrail moduleErrors; // since the last Clear()
+    PatternCache patterns;
+    InstanceIdentity identity = InstanceIdentity::OfBox();
+    LaunchOutputs launchOutputs;
+    std::optional<std::uint32_t> currentVpn; // see VpnScope
+    std::vector<std::string> endedProcesses; // what VQ_KillPid ended beside the instance itself, since the last Clear
+    ErrorTrail moduleErrors;                 // since the last Clear()
     std::string flexLog;
     bool moduleIsSilent = false; // the module's lines are not written; its errors are kept all the same
     VQ_DATA_CONTENT_TRANS_OP conversions{};
     Store store{*this};
+};
+
+// The VPN that the module works for during a scope: its log lines name this VPN, and it may end processes of this VPN
+// only.
+class VpnScope {
+  public:
+    VpnScope(Host &host, std::uint32_t vpnId) : host_(host) { host_.currentVpn = vpnId; }
+    VpnScope(const VpnScope &) = delete;
+    VpnScope &operator=(const VpnScope &) = delete;
+    ~VpnScope() { host_.currentVpn.reset(); }
+
+  private:
+    Host &host_;
 };
 
 // Keeps the module's lines out of the log for a scope.

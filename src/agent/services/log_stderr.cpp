@@ -34,7 +34,9 @@ __attribute__((format(printf, 3, 0))) void LogValist(const char * /*tag*/, std::
                                                      va_list arguments)
 {
     (void)ResultOf([&] {
-        WriteLogLine(FromModule(level), FormatText(format, arguments));
+        const auto vpnId = Host::Current().currentVpn;
+        const std::string prefix = vpnId ? "vpn " + std::to_string(*vpnId) + ": " : "";
+        WriteLogLine(FromModule(level), prefix + FormatText(format, arguments));
         return 0;
     });
 }

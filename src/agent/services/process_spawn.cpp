@@ -1,20 +1,16 @@
 // Runs shell commands, and ends the processes of DNS instances.
 #include <fcntl.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-// Older C libraries forgot to say that these are C functions.
-extern "C" {
-#include <sys/pidfd.h>
-}
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <fstream>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,14 +19,16 @@ extern "C" {
 #include "base/instance_process.h"
 #include "base/log.h"
 #include "base/procfs.h"
-#include "deadline.h"
-#include "unique_fd.h"
+#include "services/host.h"
+#include "services/process_end.h"
 #include "vqProcess.h"
 
 namespace kavel::agent {
 namespace {
 
-constexpr std::chrono::milliseconds kEndTimeout{2000};
+// What an instance has between SIGTERM and SIGKILL, and what the kernel has after SIGKILL.
+constexpr std::chrono::milliseconds kTermTimeout{250};
+constexpr std::chrono::milliseconds kKillTimeout{2000};
 
 void Check(int error, const char *what)
 {
@@ -47,12 +45,15 @@ class SpawnActions {
     ~SpawnActions() { posix_spawn_file_actions_destroy(&actions_); }
 
     // A background process of the command outlives the agent: it must not keep the agent's directory, streams and
-    // descriptors.
-    void Detach()
+    // descriptors. Its standard error is `errors`, or nothing.
+    void Detach(std::optional<int> errors)
     {
         Check(posix_spawn_file_actions_addchdir_np(&actions_, "/"), "spawn directory");
         for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
             Check(posix_spawn_file_actions_addopen(&actions_, stream, "/dev/null", O_RDWR, 0), "spawn streams");
+        }
+        if (errors) {
+            Check(posix_spawn_file_actions_adddup2(&actions_, *errors, STDERR_FILENO), "spawn streams");
         }
         Check(posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1), "spawn descriptors");
     }
@@ -116,11 +117,19 @@ int AwaitShell(pid_t shell)
     return info.si_code == CLD_EXITED && info.si_status == 0 ? 0 : -EIO;
 }
 
+// What a launch of an instance writes to its standard error is kept: why it cannot start.
+std::optional<int> ErrorsOf(const char *command)
+{
+    Host *host = Host::CurrentOrNull();
+    const auto vpnId = VpnOfCommandLine(command);
+    return host != nullptr && vpnId ? std::optional(host->launchOutputs.Begin(*vpnId)) : std::nullopt;
+}
+
 // NOLINTNEXTLINE(readability-non-const-parameter): an argument vector is not const
 int RunShell(char *command)
 {
     SpawnActions actions;
-    actions.Detach();
+    actions.Detach(ErrorsOf(command));
     SpawnAttributes attributes;
     attributes.ResetSignalsAndSession();
 
@@ -134,59 +143,91 @@ int RunShell(char *command)
     return AwaitShell(shell);
 }
 
-bool EndsWithin(const UniqueFd &process, std::chrono::milliseconds timeout)
+// A pid file may outlive its process, the pid may have been given to another process since, and the user that dnsmasq
+// runs as can write any pid into the file. Only processes of the VPN that the module works for may be ended.
+std::optional<std::uint32_t> EndableVpn(const Host &host, const Process &process, pid_t pid)
 {
-    const Deadline deadline(timeout);
-    for (;;) {
-        pollfd watched{process.Get(), POLLIN, 0};
-        const int ready = ::poll(&watched, 1, deadline.PollTimeout());
-        if (ready < 0 && errno != EINTR) {
-            ThrowLastErrno("pidfd");
-        }
-        if (ready >= 0) {
-            return ready > 0;
-        }
-    }
-}
-
-// A pid file may outlive its process, and the pid may have been given to another process since.
-bool IsOrBecomesInstance(pid_t pid)
-{
-    const Process process = InspectProcess(pid);
     if (!process.alive) {
-        return false;
+        return std::nullopt;
     }
-    if (!VpnOfCommandLine(process.commandLine)) {
+    const auto vpnId = VpnOfProcess(process, host.identity);
+    if (!vpnId) {
         Log(LogLevel::kWarning, "process %d (%s) is not a DNS instance and is not ended", pid, process.name.c_str());
-        return false;
+    } else if (host.currentVpn && host.currentVpn != vpnId) {
+        Log(LogLevel::kDebug, "vpn %u: process %d belongs to vpn %u and is not ended", *host.currentVpn, pid, *vpnId);
+        return std::nullopt;
     }
-    return true;
+    return vpnId;
 }
 
-bool EndsBy(const UniqueFd &process, int signal)
+bool IsNamedByPidFile(std::uint32_t vpnId, pid_t pid)
 {
-    if (::pidfd_send_signal(process.Get(), signal, nullptr, 0) != 0 && errno != ESRCH) {
-        ThrowLastErrno("signal");
-    }
-    return EndsWithin(process, kEndTimeout);
+    pid_t named = 0;
+    std::ifstream(PidFilePath(vpnId)) >> named;
+    return named == pid;
 }
 
-int EndProcess(pid_t pid)
+// The children of the instance, one per TCP connection: they ignore SIGTERM while a client keeps its connection open.
+std::vector<ProcessHandle> OpenChildren(const Host &host, std::uint32_t vpnId, pid_t pid)
 {
-    // The pidfd is opened first: the process that is inspected then is the one that will be ended.
-    const UniqueFd process(::pidfd_open(pid, 0));
-    if (!process) {
-        // EINVAL: the id of a thread.
-        return errno == EINVAL || errno == ENOENT ? -ESRCH : -errno;
+    std::vector<ProcessHandle> children;
+    for (const pid_t child : ChildrenOf(pid)) {
+        auto handle = ProcessHandle::Open(child);
+        const Process process = InspectProcess(child);
+        if (handle && process.parent == pid && IsInstanceOf(process, vpnId, host.identity)) {
+            children.push_back(*std::move(handle));
+        }
     }
-    if (EndsWithin(process, std::chrono::milliseconds(0)) || !IsOrBecomesInstance(pid)) {
+    return children;
+}
+
+bool IsKilled(const ProcessHandle &process)
+{
+    process.Signal(SIGKILL);
+    return process.EndsWithin(kKillTimeout);
+}
+
+bool IsEnded(const ProcessHandle &process)
+{
+    process.Signal(SIGTERM);
+    if (process.EndsWithin(kTermTimeout)) {
+        return true;
+    }
+    Log(LogLevel::kWarning, "process %d ignored SIGTERM and is killed", process.Pid());
+    return IsKilled(process);
+}
+
+// The children keep the port of the instance.
+bool IsEndedWithChildren(const Host &host, std::uint32_t vpnId, const ProcessHandle &instance)
+{
+    const std::vector<ProcessHandle> children = OpenChildren(host, vpnId, instance.Pid());
+    bool isEnded = IsEnded(instance);
+    for (const ProcessHandle &child : children) {
+        child.Signal(SIGKILL);
+    }
+    for (const ProcessHandle &child : children) {
+        isEnded = child.EndsWithin(kKillTimeout) && isEnded;
+    }
+    return isEnded;
+}
+
+int EndProcess(Host &host, pid_t pid)
+{
+    // The handle is opened first: the process that is inspected then is the one that will be ended.
+    const auto handle = ProcessHandle::Open(pid);
+    if (!handle) {
         return -ESRCH;
     }
-    if (EndsBy(process, SIGTERM)) {
-        return 0;
+    const Process process = InspectProcess(pid);
+    const auto vpnId = EndableVpn(host, process, pid);
+    if (!vpnId) {
+        return -ESRCH;
     }
-    Log(LogLevel::kWarning, "process %d ignored SIGTERM and is killed", pid);
-    return EndsBy(process, SIGKILL) ? 0 : -ETIMEDOUT;
+    if (IsNamedByPidFile(*vpnId, pid)) {
+        return IsEndedWithChildren(host, *vpnId, *handle) ? 0 : -ETIMEDOUT;
+    }
+    host.endedProcesses.push_back("process " + std::to_string(pid) + " (" + process.name + ")");
+    return IsKilled(*handle) ? 0 : -ETIMEDOUT;
 }
 
 } // namespace
@@ -203,6 +244,6 @@ int32_t VQ_CmdExec(char *command)
 
 VQ_ERR_T VQ_KillPid(const pid_t pid)
 {
-    return pid <= 0 ? -EINVAL : ResultOf([&] { return EndProcess(pid); });
+    return pid <= 0 ? -EINVAL : ResultOf([&] { return EndProcess(Host::Current(), pid); });
 }
 }

@@ -16,15 +16,19 @@ char *Borrow(const std::string &text)
     return const_cast<char *>(text.c_str()); // NOLINT(cppcoreguidelines-pro-type-const-cast): for those structures
 }
 
+std::vector<char *> BorrowAll(const std::vector<std::string> &texts)
+{
+    std::vector<char *> pointers;
+    std::ranges::transform(texts, std::back_inserter(pointers), Borrow);
+    return pointers;
+}
+
 // A VPN's status with its texts, which point into the status.
 class PackedStatus {
   public:
-    explicit PackedStatus(const VpnStatus &status) : message_(status.fields)
+    explicit PackedStatus(const VpnStatus &status) : message_(status.fields), problems_(BorrowAll(status.problems))
     {
         message_.namespace_ = Borrow(status.netns);
-        for (const std::string &problem : status.problems) {
-            problems_.push_back(Borrow(problem));
-        }
     }
 
     // Valid until this object is moved or destroyed.
@@ -86,6 +90,12 @@ char *BorrowOrNull(const std::optional<std::string> &text)
     return text ? Borrow(*text) : nullptr;
 }
 
+void SetKnown(protobuf_c_boolean &has, protobuf_c_boolean &field, std::optional<bool> value)
+{
+    has = value ? 1 : 0;
+    field = value.value_or(false) ? 1 : 0;
+}
+
 } // namespace
 
 Answer Refusal(std::int32_t result, std::optional<std::string> text)
@@ -123,6 +133,11 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
         reply.has_stored_text = 1;
         reply.stored_text = {answer.storedText->size(), reinterpret_cast<std::uint8_t *>(Borrow(*answer.storedText))};
     }
+    SetKnown(reply.has_enabled, reply.enabled, answer.enabled);
+    SetKnown(reply.has_running, reply.running, answer.running);
+    std::vector<char *> notes = BorrowAll(answer.notes);
+    reply.notes = notes.data();
+    reply.n_notes = notes.size();
     return PackReply(reply);
 }
 

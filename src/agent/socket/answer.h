@@ -23,6 +23,9 @@ struct Answer {
     std::vector<VpnStatus> vpns;
     std::vector<StoredRecord> stored;
     std::optional<std::string> storedText;
+    std::optional<bool> enabled; // a message that is in force: it wants an instance to run
+    std::optional<bool> running; // and one runs
+    std::vector<std::string> notes;
 };
 
 // Sends the answer to its client. Called exactly once per request.

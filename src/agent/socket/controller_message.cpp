@@ -1,10 +1,7 @@
 #include "socket/controller_message.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cstddef>
 #include <cstdlib>
-#include <string_view>
 #include <utility>
 
 #include "vqDnsmasqConf.h"
@@ -64,12 +61,6 @@ std::optional<ControllerMessage> UnpackPop(std::span<const std::uint8_t> bytes)
     return message;
 }
 
-// What the kernel refuses in an interface name, and what would begin a new line.
-bool IsForbiddenInInterfaceName(unsigned char letter)
-{
-    return std::isspace(letter) != 0 || std::iscntrl(letter) != 0 || letter == '/' || letter == ':';
-}
-
 } // namespace
 
 ProtobufMessage UnpackProtobuf(const ProtobufCMessageDescriptor &type, std::span<const std::uint8_t> bytes)
@@ -82,17 +73,6 @@ ProtobufMessage UnpackProtobuf(const ProtobufCMessageDescriptor &type, std::span
 std::optional<ControllerMessage> UnpackControllerMessage(Platform platform, std::span<const std::uint8_t> bytes)
 {
     return platform == Platform::kCpe ? UnpackCpe(bytes) : UnpackPop(bytes);
-}
-
-std::optional<std::string> InterfaceNameObjection(const DnsmasqConf &message)
-{
-    for (std::size_t i = 0; i < message.n_dnsservers; ++i) {
-        const char *name = message.dnsservers[i]->ifname;
-        if (name != nullptr && std::ranges::any_of(std::string_view(name), IsForbiddenInInterfaceName)) {
-            return "dnsservers[" + std::to_string(i) + "].ifname is not an interface name";
-        }
-    }
-    return std::nullopt;
 }
 
 } // namespace kavel::agent

@@ -38,11 +38,6 @@ struct ControllerMessage {
 [[nodiscard]] std::optional<ControllerMessage> UnpackControllerMessage(Platform platform,
                                                                        std::span<const std::uint8_t> bytes);
 
-// Why a CPE message must not reach the module; nothing when it may. The module writes the interface name of a server
-// into an instance's configuration without a check: a name with a line break would add options of the sender's choice.
-// Names with characters that no interface name can have are objected to.
-[[nodiscard]] std::optional<std::string> InterfaceNameObjection(const DnsmasqConf &message);
-
 } // namespace kavel::agent
 
 #endif

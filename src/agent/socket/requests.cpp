@@ -1,8 +1,10 @@
 #include "socket/requests.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -11,6 +13,7 @@
 #include "base/failure.h"
 #include "base/log.h"
 #include "instances/startup.h"
+#include "socket/message_checks.h"
 #include "socket/store_requests.h"
 #include "vqMemory.h"
 
@@ -43,11 +46,36 @@ Answer MalformedMessage(Platform platform)
     return Refusal(-EINVAL, platform == Platform::kCpe ? "not a CPE message" : "not a POP message");
 }
 
-// What the module does not check and must not get.
-std::optional<Answer> MessageObjection(Platform platform, const ControllerMessage &message)
+// The content of a CPE message; null for a POP message.
+const DnsmasqConf *CpeContent(Platform platform, const ControllerMessage &message)
 {
-    auto objection = platform == Platform::kCpe ? InterfaceNameObjection(*message.pointer.DnsmasqPbCPE) : std::nullopt;
+    return platform == Platform::kCpe ? message.pointer.DnsmasqPbCPE : nullptr;
+}
+
+// What the module does not check and must not get. A message that switches the service off starts nothing.
+std::optional<Answer> MessageObjection(const Host &host, const ModuleFunctions &module,
+                                       const ControllerMessage &message)
+{
+    const DnsmasqConf *content = CpeContent(host.config.platform, message);
+    if (content == nullptr) {
+        return std::nullopt;
+    }
+    auto objection = InterfaceNameObjection(*content);
+    if (!objection && message.enables) {
+        objection = StartObjection(*content, module);
+    }
     return objection ? std::optional(RefusalOf(message.vpn, -EINVAL, std::move(objection))) : std::nullopt;
+}
+
+std::vector<std::string> NotesOn(Host &host, const ModuleFunctions &module, const ControllerMessage &message)
+{
+    const DnsmasqConf *content = CpeContent(host.config.platform, message);
+    if (content == nullptr || !message.enables) {
+        return {};
+    }
+    std::vector<std::string> notes = IneffectiveFields(*content, module);
+    std::ranges::move(MissingInterfaces(*content, host, message.vpn), std::back_inserter(notes));
+    return notes;
 }
 
 // The generated enumeration has no negative values, but a client can send them.
@@ -101,20 +129,42 @@ Kavel__Summary Summarise(const VQ_DNSMASQ_CONF &record)
     return summary;
 }
 
+// An operation that the module does not know is refused after the files are written.
+std::optional<Answer> OperationObjection(const ControllerMessage &message, const VQ_DNSMASQ_CONF &record)
+{
+    const auto operation = static_cast<std::uint32_t>(record.Op);
+    const bool isKnown = operation == VQ_DNSMASQ_OP_RELOAD || operation == VQ_DNSMASQ_OP_REBOOT;
+    return !message.enables || isKnown ? std::nullopt
+                                       : std::optional(RefusalOf(message.vpn, -EINVAL,
+                                                                 "operation: it is " + std::to_string(operation) +
+                                                                     "; 0 is reload, 1 is reboot"));
+}
+
 // The message stays applied.
-void ReportServiceProblem(Answer &answer, const char *problem)
+void ReportServiceProblem(Answer &answer, const std::string &problem)
 {
     answer.text = problem;
-    Log(LogLevel::kError, "vpn %u: %s", answer.vpn.value_or(0), problem);
+    Log(LogLevel::kError, "vpn %u: %s", answer.vpn.value_or(0), problem.c_str());
+}
+
+void AddNote(Answer &answer, std::string note)
+{
+    Log(LogLevel::kWarning, "vpn %u: %s", answer.vpn.value_or(0), note.c_str());
+    answer.notes.push_back(std::move(note));
 }
 
 // What is meant to run from now on, and whether it does.
 void RecordOutcome(const Instances &instances, Answer &answer, const ControllerMessage &message)
 {
     instances.SetMeantToRun(message.vpn, message.enables);
-    if (message.reloads && !instances.IsRunning(message.vpn)) {
+    answer.enabled = message.enables;
+    if (message.launches) {
+        return; // not known yet
+    }
+    answer.running = instances.IsRunning(message.vpn);
+    if (message.reloads && !*answer.running) {
         ReportServiceProblem(answer, "no instance runs, and a reload starts none");
-    } else if (!message.enables && instances.IsRunning(message.vpn)) {
+    } else if (!message.enables && *answer.running) {
         ReportServiceProblem(answer, "the instance still runs");
     }
 }
@@ -219,66 +269,101 @@ void Requests::RunInOrder(std::uint32_t vpnId, ReceivedRequest received, bool wa
 
 void Requests::HandleApply(const Kavel__Request &request, ReceivedRequest received, bool wasQueued)
 {
-    const auto message = UnpackControllerMessage(host_.config.platform, MessageOf(request));
-    if (!message) {
+    auto unpacked = UnpackControllerMessage(host_.config.platform, MessageOf(request));
+    if (!unpacked) {
         received.respond(MalformedMessage(host_.config.platform));
-    } else if (!host_.config.Serves(message->vpn)) {
+        return;
+    }
+    const auto message = std::make_shared<const ControllerMessage>(*std::move(unpacked));
+    if (!host_.config.Serves(message->vpn)) {
         received.respond(NotConfigured(message->vpn));
     } else {
         RunInOrder(message->vpn, std::move(received), wasQueued,
-                   [&](const Respond &respond) { Apply(*message, respond); });
+                   [&](const Respond &respond) { Apply(message, respond); });
     }
 }
 
 std::optional<Answer> Requests::ApplyObjection(const ControllerMessage &message) const
 {
-    if (auto objection = MessageObjection(host_.config.platform, message)) {
+    if (auto objection = MessageObjection(host_, module_, message)) {
         return objection;
     }
     auto objection = message.reloads ? instances_.ReloadObjection(message.vpn) : std::nullopt;
     return objection ? std::optional(RefusalOf(message.vpn, -ESRCH, std::move(objection))) : std::nullopt;
 }
 
-void Requests::Apply(const ControllerMessage &message, const Respond &respond)
+// Calls the module. Whether the message is in force is in `answer.enabled`.
+Answer Requests::Configure(const ControllerMessage &message)
 {
-    if (const auto objection = ApplyObjection(message)) {
-        LogOutcome(*objection, "");
-        respond(*objection);
-        return;
-    }
+    const VpnScope scope(host_, message.vpn);
+    host_.endedProcesses.clear();
     PrepareNamespaceOrLog(host_, message.vpn);
     StoreChange change(host_.store);
     Answer answer = OutcomeOf(host_, module_.configure(&message.pointer), message.vpn);
     LogOutcome(answer, "applied");
+    for (const std::string &process : host_.endedProcesses) {
+        AddNote(answer, "also ended " + process);
+    }
     if (answer.result >= 0 && !change.Finish()) {
-        answer.text = "what was stored before is still stored, and comes back at the next start";
+        AddNote(answer, "what was stored before is still stored, and comes back at the next start");
     }
     if (answer.result < 0 && change.IsBegun()) {
         answer.reason = answer.reason.value_or("") +
                         "; the message is in force all the same, and what was stored before is still stored";
     }
-    const bool isInForce = answer.result >= 0 || change.IsBegun();
-    if (isInForce) {
+    if (answer.result >= 0 || change.IsBegun()) {
         RecordOutcome(instances_, answer, message);
     }
-    if (!isInForce || !message.launches) {
+    return answer;
+}
+
+void Requests::Apply(const std::shared_ptr<const ControllerMessage> &message, const Respond &respond)
+{
+    if (const auto objection = ApplyObjection(*message)) {
+        LogOutcome(*objection, "");
+        respond(*objection);
+        return;
+    }
+    const std::vector<std::string> notes = NotesOn(host_, module_, *message);
+    Answer answer = Configure(*message);
+    const bool isInForce = answer.enabled.has_value();
+    for (const std::string &note : notes) {
+        AddNote(answer, note);
+    }
+    if (!isInForce || !message->launches) {
         respond(answer);
         return;
     }
-    launches_.Add(message.vpn, kLaunchTimeout,
-                  [this, answer, respond](LaunchOutcome outcome) { EndLaunch(answer, outcome, respond); });
+    launches_.Add(message->vpn, kLaunchTimeout, [this, answer, message, respond](LaunchOutcome outcome) {
+        EndLaunch(answer, *message, outcome, respond);
+    });
 }
 
-void Requests::EndLaunch(Answer answer, LaunchOutcome outcome, const Respond &respond)
+// What dnsmasq wrote, and the field of the message that it is about.
+std::string Requests::LaunchFailure(const ControllerMessage &message) const
 {
-    if (outcome == LaunchOutcome::kFailed) {
-        ReportServiceProblem(answer, "the instance did not come up");
-    } else if (outcome == LaunchOutcome::kCancelled) {
+    const std::string reason = host_.launchOutputs.Reason(message.vpn);
+    if (reason.empty()) {
+        return "the instance did not come up";
+    }
+    const DnsmasqConf *content = CpeContent(host_.config.platform, message);
+    const auto field = content != nullptr ? FieldOfReason(*content, module_, reason) : std::nullopt;
+    return "the instance did not come up: " + (field ? *field + ": " : "") + reason;
+}
+
+void Requests::EndLaunch(Answer answer, const ControllerMessage &message, LaunchOutcome outcome, const Respond &respond)
+{
+    if (outcome == LaunchOutcome::kCancelled) {
         answer.text = "the agent is stopping; the instance was still starting";
+    } else {
+        answer.running = outcome == LaunchOutcome::kRunning;
+    }
+    if (outcome == LaunchOutcome::kFailed) {
+        ReportServiceProblem(answer, LaunchFailure(message));
     }
     respond(answer);
-    if (!queues_.IsEmpty(*answer.vpn)) {
-        drainable_.insert(*answer.vpn);
+    if (!queues_.IsEmpty(message.vpn)) {
+        drainable_.insert(message.vpn);
         drain_.Enable();
     }
 }
@@ -312,13 +397,16 @@ void Requests::Stop()
     launches_.CancelAll();
 }
 
-Answer Requests::Check(std::span<const std::uint8_t> bytes) const
+Answer Requests::Check(std::span<const std::uint8_t> bytes)
 {
     const auto message = UnpackControllerMessage(host_.config.platform, bytes);
     if (!message) {
         return MalformedMessage(host_.config.platform);
     }
-    if (auto objection = MessageObjection(host_.config.platform, *message)) {
+    if (!host_.config.Serves(message->vpn)) {
+        return NotConfigured(message->vpn);
+    }
+    if (auto objection = MessageObjection(host_, module_, *message)) {
         return *std::move(objection);
     }
     const std::unique_ptr<VQ_DNSMASQ_CONF, RecordRelease> record(
@@ -326,10 +414,16 @@ Answer Requests::Check(std::span<const std::uint8_t> bytes) const
     if (!record) {
         return Refusal(-ENOMEM);
     }
+    const VpnScope scope(host_, message->vpn);
     Answer answer = OutcomeOf(host_, module_.translate(&message->pointer, record.get()), message->vpn);
-    if (answer.result >= 0) {
-        answer.summary = Summarise(*record);
+    if (answer.result < 0) {
+        return answer;
     }
+    if (auto objection = OperationObjection(*message, *record)) {
+        return *std::move(objection);
+    }
+    answer.summary = Summarise(*record);
+    answer.notes = NotesOn(host_, module_, *message);
     return answer;
 }
 
@@ -384,6 +478,7 @@ void Requests::HandleDirectory(const Kavel__Request &request, ReceivedRequest re
 
 Answer Requests::InitDirectory(std::uint32_t vpnId) const
 {
+    const VpnScope scope(host_, vpnId);
     Answer answer = OutcomeOf(host_, module_.initDirectory(vpnId), vpnId);
     LogOutcome(answer, "directory created");
     return answer;
@@ -394,6 +489,7 @@ Answer Requests::ReleaseDirectory(std::uint32_t vpnId) const
     if (instances_.IsRunning(vpnId)) {
         return RefusalOf(vpnId, -EBUSY, "the instance of vpn " + std::to_string(vpnId) + " is running");
     }
+    const VpnScope scope(host_, vpnId);
     Answer answer = OutcomeOf(host_, module_.releaseDirectory(vpnId), vpnId);
     LogOutcome(answer, "directory removed");
     return answer;

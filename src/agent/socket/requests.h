@@ -4,9 +4,11 @@
 
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <optional>
 #include <set>
 #include <span>
+#include <string>
 
 #include "base/event_loop.h"
 #include "instances/instances.h"
@@ -45,14 +47,16 @@ class Requests {
                     const std::function<void(const Respond &respond)> &work);
     void HandleApply(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
     void HandleDirectory(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
-    void Apply(const ControllerMessage &message, const Respond &respond);
+    void Apply(const std::shared_ptr<const ControllerMessage> &message, const Respond &respond);
+    [[nodiscard]] Answer Configure(const ControllerMessage &message);
+    [[nodiscard]] std::string LaunchFailure(const ControllerMessage &message) const;
     [[nodiscard]] OptionalAnswer ApplyObjection(const ControllerMessage &message) const;
-    [[nodiscard]] Answer Check(std::span<const std::uint8_t> bytes) const;
+    [[nodiscard]] Answer Check(std::span<const std::uint8_t> bytes);
     void BeginStatus(const Kavel__Request &request, const Respond &respond);
     [[nodiscard]] Answer InitDirectory(std::uint32_t vpnId) const;
     [[nodiscard]] Answer ReleaseDirectory(std::uint32_t vpnId) const;
     [[nodiscard]] OptionalAnswer DirectoryObjection(const Kavel__Request &request) const;
-    void EndLaunch(Answer answer, LaunchOutcome outcome, const Respond &respond);
+    void EndLaunch(Answer answer, const ControllerMessage &message, LaunchOutcome outcome, const Respond &respond);
     void DrainQueues();
 
     struct PendingStatus {
