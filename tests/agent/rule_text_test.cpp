@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "scratch.h"
@@ -69,7 +70,7 @@ ThrownError DnsRefusal(const Change &change)
 {
     VQ_CONF_RULE rule = DnsRule();
     change(rule);
-    return FailureOf([&] { (void)InstallDnsText(rule, {"lan0"}); });
+    return FailureOf([&] { (void)InstallDnsText(rule, {{"lan0"}, {}, {}}); });
 }
 
 ThrownError DnatRefusal(const Change &change)
@@ -81,19 +82,53 @@ ThrownError DnatRefusal(const Change &change)
 
 TEST(RuleText, ADnsRuleRedirectsPort53OnEveryInterface)
 {
-    EXPECT_EQ(InstallDnsText(DnsRule(), {"lan0", "lan1"}), "add table ip kavel_dns_0_9\n"
-                                                           "delete table ip kavel_dns_0_9\n"
-                                                           "table ip kavel_dns_0_9 {\n"
-                                                           "chain customer_42 {\n"
-                                                           "}\n"
-                                                           "chain prerouting {\n"
-                                                           "type nat hook prerouting priority dstnat; policy accept;\n"
-                                                           "iifname \"lan0\" udp dport 53 redirect to :53\n"
-                                                           "iifname \"lan0\" tcp dport 53 redirect to :53\n"
-                                                           "iifname \"lan1\" udp dport 53 redirect to :53\n"
-                                                           "iifname \"lan1\" tcp dport 53 redirect to :53\n"
-                                                           "}\n"
-                                                           "}\n");
+    EXPECT_EQ(InstallDnsText(DnsRule(), {{"lan0", "lan1"}, {}, {}}),
+              "add table ip kavel_dns_0_9\n"
+              "delete table ip kavel_dns_0_9\n"
+              "add table inet kavel_dns_0_9\n"
+              "delete table inet kavel_dns_0_9\n"
+              "table inet kavel_dns_0_9 {\n"
+              "chain customer_42 {\n"
+              "}\n"
+              "chain prerouting {\n"
+              "type nat hook prerouting priority dstnat; policy accept;\n"
+              "iifname \"lan0\" udp dport 53 redirect to :53\n"
+              "iifname \"lan0\" tcp dport 53 redirect to :53\n"
+              "iifname \"lan1\" udp dport 53 redirect to :53\n"
+              "iifname \"lan1\" tcp dport 53 redirect to :53\n"
+              "}\n"
+              "}\n");
+}
+
+TEST(RuleText, ADnsRuleDropsPort53OfAWanAfterItHasAcceptedTheOtherInterfaces)
+{
+    EXPECT_THAT(InstallDnsText(DnsRule(), {{"lan0", "br-*"}, {"c2p*"}, {"wan0", "ppp*"}}),
+                testing::EndsWith("iifname \"br-*\" tcp dport 53 redirect to :53\n"
+                                  "}\n"
+                                  "chain input {\n"
+                                  "type filter hook input priority filter; policy accept;\n"
+                                  "iifname \"lan0\" accept\n"
+                                  "iifname \"br-*\" accept\n"
+                                  "iifname \"c2p*\" accept\n"
+                                  "iifname \"wan0\" udp dport 53 drop\n"
+                                  "iifname \"wan0\" tcp dport 53 drop\n"
+                                  "iifname \"ppp*\" udp dport 53 drop\n"
+                                  "iifname \"ppp*\" tcp dport 53 drop\n"
+                                  "}\n"
+                                  "}\n"));
+}
+
+TEST(RuleText, ADnsRuleWithoutLanStillDropsPort53OfAWan)
+{
+    EXPECT_THAT(InstallDnsText(DnsRule(), {{}, {}, {"wan0"}}),
+                testing::EndsWith("type nat hook prerouting priority dstnat; policy accept;\n"
+                                  "}\n"
+                                  "chain input {\n"
+                                  "type filter hook input priority filter; policy accept;\n"
+                                  "iifname \"wan0\" udp dport 53 drop\n"
+                                  "iifname \"wan0\" tcp dport 53 drop\n"
+                                  "}\n"
+                                  "}\n"));
 }
 
 TEST(RuleText, ADnatRuleRewritesTheDestinationOnEveryInterface)
@@ -117,7 +152,7 @@ TEST(RuleText, ADnatRuleRewritesTheDestinationOnEveryInterface)
 TEST(RuleText, ARuleWithoutInterfacesIsInstalledAndMatchesNothing)
 {
     const std::string end = "policy accept;\n}\n}\n";
-    EXPECT_THAT(InstallDnsText(DnsRule(), {}), testing::EndsWith(end));
+    EXPECT_THAT(InstallDnsText(DnsRule(), {{}, {"c2p0"}, {}}), testing::EndsWith(end));
     EXPECT_THAT(InstallDnatText(DnatRule(), {}), testing::EndsWith(end));
 }
 
@@ -143,13 +178,21 @@ TEST(RuleText, ARuleIsIdentifiedByTableZoneAndId)
     EXPECT_EQ(key.zone, 255U);
     EXPECT_EQ(key.id, 4294967295U);
     EXPECT_EQ(TableName(key), "kavel_dnat_255_4294967295");
-    EXPECT_EQ(TableName({VQ_CONF_RULE_TBL_TYPE_DNS, 0, 9}), "kavel_dns_0_9");
+    EXPECT_EQ(RuleTable(key), "ip kavel_dnat_255_4294967295");
+    const RuleKey dns{VQ_CONF_RULE_TBL_TYPE_DNS, 0, 9};
+    EXPECT_EQ(TableName(dns), "kavel_dns_0_9");
+    EXPECT_EQ(RuleTable(dns), "inet kavel_dns_0_9");
+    EXPECT_EQ(OlderRuleTable(dns), "ip kavel_dns_0_9");
 }
 
 TEST(RuleText, ARemovalDeletesTheCustomersChainBeforeTheTable)
 {
-    EXPECT_EQ(RemoveText({VQ_CONF_RULE_TBL_TYPE_DNS, 0, 9}, 42), "delete chain ip kavel_dns_0_9 customer_42\n"
+    EXPECT_EQ(RemoveText({VQ_CONF_RULE_TBL_TYPE_DNS, 0, 9}, 42), "delete chain inet kavel_dns_0_9 customer_42\n"
+                                                                 "delete table inet kavel_dns_0_9\n"
+                                                                 "add table ip kavel_dns_0_9\n"
                                                                  "delete table ip kavel_dns_0_9\n");
+    EXPECT_EQ(RemoveOlderText({VQ_CONF_RULE_TBL_TYPE_DNS, 0, 9}, 42), "delete chain ip kavel_dns_0_9 customer_42\n"
+                                                                      "delete table ip kavel_dns_0_9\n");
     EXPECT_EQ(RemoveText({VQ_CONF_RULE_TBL_TYPE_DNAT, 3, 2}, 4294967295U),
               "delete chain ip kavel_dnat_3_2 customer_4294967295\n"
               "delete table ip kavel_dnat_3_2\n");

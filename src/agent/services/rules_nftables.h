@@ -4,7 +4,9 @@
 
 #include <cstdint>
 
+#include "base/config.h"
 #include "services/host.h"
+#include "services/rule_text.h"
 
 namespace kavel::agent {
 
@@ -15,6 +17,9 @@ struct InstalledRules {
 
 // The rules that are installed for a VPN. Throws std::system_error when the kernel cannot be asked.
 [[nodiscard]] InstalledRules FindInstalledRules(Host &host, std::uint32_t vpnId);
+
+// The configured interfaces that the DNS-table rule of a VPN needs. Throws RuleError when the VPN is not configured.
+[[nodiscard]] DnsInterfaces InterfacesOf(const Config &config, std::uint32_t vpnId);
 
 } // namespace kavel::agent
 
