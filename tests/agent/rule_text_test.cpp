@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -196,6 +197,104 @@ TEST(RuleText, ARemovalDeletesTheCustomersChainBeforeTheTable)
     EXPECT_EQ(RemoveText({VQ_CONF_RULE_TBL_TYPE_DNAT, 3, 2}, 4294967295U),
               "delete chain ip kavel_dnat_3_2 customer_4294967295\n"
               "delete table ip kavel_dnat_3_2\n");
+}
+
+const DnsInterfaces kInterfaces{{"lan0"}, {"c2p*"}, {"wan0"}};
+
+// The table of a DNS-table rule for kInterfaces, as nftables lists it.
+const std::vector<std::string> kDnsListing{"table inet kavel_dns_0_9 {",
+                                           "\tchain customer_42 {",
+                                           "\t}",
+                                           "",
+                                           "\tchain prerouting {",
+                                           "\t\ttype nat hook prerouting priority dstnat; policy accept;",
+                                           "\t\tiifname \"lan0\" udp dport 53 redirect to :53",
+                                           "\t\tiifname \"lan0\" tcp dport 53 redirect to :53",
+                                           "\t}",
+                                           "",
+                                           "\tchain input {",
+                                           "\t\ttype filter hook input priority filter; policy accept;",
+                                           "\t\tiifname \"lan0\" accept",
+                                           "\t\tiifname \"c2p*\" accept",
+                                           "\t\tiifname \"wan0\" udp dport 53 drop",
+                                           "\t\tiifname \"wan0\" tcp dport 53 drop",
+                                           "\t}",
+                                           "}"};
+
+std::string Joined(const std::vector<std::string> &lines)
+{
+    std::string text;
+    for (const std::string &line : lines) {
+        text += line + "\n";
+    }
+    return text;
+}
+
+TEST(RuleText, AListingWithEveryLineIsAnInstalledDnsRule)
+{
+    EXPECT_TRUE(IsDnsInstalled(Joined(kDnsListing), kInterfaces));
+    EXPECT_TRUE(IsDnsInstalled(Joined(kDnsListing), {{"lan0"}, {}, {}})) << "the input chain is not expected then";
+}
+
+// Without closing braces, which every listing has. The customer's chain steers nothing.
+TEST(RuleText, AListingThatLacksALineIsNoInstalledDnsRule)
+{
+    constexpr std::size_t kPrerouting = 4;
+    std::size_t tried = 0;
+    for (std::size_t i = kPrerouting; i < kDnsListing.size(); ++i) {
+        std::vector<std::string> lines = kDnsListing;
+        lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(i));
+        if (!kDnsListing[i].empty() && !kDnsListing[i].ends_with('}')) {
+            EXPECT_FALSE(IsDnsInstalled(Joined(lines), kInterfaces)) << kDnsListing[i];
+            ++tried;
+        }
+    }
+    EXPECT_EQ(tried, 10U);
+    EXPECT_FALSE(IsDnsInstalled("", kInterfaces));
+    EXPECT_FALSE(IsDnsInstalled("", {})) << "the chain is expected without interfaces, too";
+}
+
+TEST(RuleText, AListingWithMoreRulesIsAnInstalledDnsRule)
+{
+    std::vector<std::string> lines = kDnsListing;
+    lines.insert(lines.begin() + 6, "\t\tip saddr 10.0.0.9 accept");
+    EXPECT_TRUE(IsDnsInstalled(Joined(lines), kInterfaces));
+}
+
+TEST(RuleText, AListingWithAChangedRuleIsNoInstalledDnsRule)
+{
+    const std::vector<std::pair<std::size_t, std::string>> changes{
+        {5, "\t\ttype nat hook prerouting priority dstnat; policy drop;"},
+        {6, "\t\tiifname \"lan0\" udp dport 53 redirect to :5353"},
+        {7, "\t\tiifname \"lan1\" tcp dport 53 redirect to :53"},
+        {14, "\t\tiifname \"wan0\" udp dport 53 accept"}};
+    for (const auto &[line, text] : changes) {
+        std::vector<std::string> lines = kDnsListing;
+        lines.at(line) = text;
+        EXPECT_FALSE(IsDnsInstalled(Joined(lines), kInterfaces)) << text;
+    }
+}
+
+TEST(RuleText, AnAcceptBehindTheDropsIsNoInstalledDnsRule)
+{
+    std::vector<std::string> lines = kDnsListing;
+    std::swap(lines.at(13), lines.at(14));
+    EXPECT_FALSE(IsDnsInstalled(Joined(lines), kInterfaces));
+}
+
+TEST(RuleText, AnInstalledDnatRuleRewritesOnEveryInterface)
+{
+    const std::string start = "table ip kavel_dnat_0_3 {\n\tchain prerouting {\n";
+    const std::string hook = "\t\ttype nat hook prerouting priority dstnat; policy accept;\n";
+    const std::string rule = "\t\tiifname \"c2p*\" udp dport 53 dnat to 10.1.2.255\n";
+    const std::string end = "\t}\n}\n";
+    EXPECT_TRUE(IsDnatInstalled(start + hook + rule + end, {"c2p*"}));
+    EXPECT_TRUE(IsDnatInstalled(start + hook + end, {}));
+    EXPECT_FALSE(IsDnatInstalled(start + hook + end, {"c2p*"}));
+    EXPECT_FALSE(IsDnatInstalled(start + hook + rule + end, {"c2p*", "c2p"}));
+    EXPECT_FALSE(IsDnatInstalled(start + hook + "\t\tiifname \"c2p*\" udp dport 53 accept\n" + end, {"c2p*"}));
+    EXPECT_FALSE(IsDnatInstalled(start + rule + end, {"c2p*"})) << "a chain without a hook sees no packet";
+    EXPECT_FALSE(IsDnatInstalled("", {}));
 }
 
 TEST(RuleText, TheSampleRulesAreAccepted)

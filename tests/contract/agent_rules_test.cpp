@@ -1,7 +1,9 @@
-// What the agent's rules look like in the kernel, and what becomes of the rules of an older agent.
+// What the agent's rules look like in the kernel, which of them it takes for installed, and what becomes of the rules
+// of an older agent.
 #include <cerrno>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "contract_test.h"
 #include "services/host.h"
@@ -45,12 +47,36 @@ VQ_ERR_T DeleteDns(std::uint32_t vpn, std::uint32_t customer)
     return VQ_RtcRuleConfDel(0, vpn + agent::kDnsRuleIdOffset, customer, VQ_IMC_OP_TYPE_RULE_DNS_DELETE, TRUE);
 }
 
+VQ_ERR_T AddDnat()
+{
+    const auto rule = std::make_unique<VQ_CONF_RULE>();
+    rule->OpType = VQ_CONF_RULE_OP_TYPE_INSERT;
+    rule->Table = VQ_CONF_RULE_TBL_TYPE_DNAT;
+    rule->Id = VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ;
+    rule->Match.DstPortNum = 1;
+    rule->Match.DstPort[0] = {53, 53};
+    rule->Match.ProtoNum = 1;
+    rule->Match.Proto[0] = 17;
+    rule->Match.InPortNum = 1;
+    rule->Match.InPort[0].Type = VQ_CONF_DP_IF_TYPE_VQCONN_C2P;
+    rule->Actions.DnatFlag = 1;
+    rule->Actions.NatInfo.Ip[0] = Ip(10, 0, 0, 1);
+    rule->Actions.NatInfo.IpNum = 1;
+    rule->Actions.NatInfo.IpType = VQ_IN_ADDR_TYPE_IPV4;
+    return VQ_RtcRuleConfAdd(rule.get(), VQ_IMC_OP_TYPE_RULE_DNAT_INSERT, FALSE, TRUE);
+}
+
 // As an agent did that knew IPv4 only.
 void InstallOlderRule(std::uint32_t customer)
 {
     Nft(kVpn, std::string("table ") + kOlderTable + " {\nchain customer_" + std::to_string(customer) +
                   " {\n}\nchain prerouting {\ntype nat hook prerouting priority dstnat; policy accept;\n"
                   "iifname \"lan0\" udp dport 53 redirect to :53\n}\n}");
+}
+
+agent::InstalledRules Found(std::uint32_t vpn)
+{
+    return agent::FindInstalledRules(agent::Host::Current(), vpn);
 }
 
 class AgentRules : public ContractTest {
@@ -97,6 +123,7 @@ TEST_F(AgentRules, VpnWithoutWanDropsNothing)
 {
     EXPECT_EQ(AddDns(kOtherVpn, kCustomer), 0);
     EXPECT_THAT(Nft(kOtherVpn, "list ruleset"), Not(HasSubstr("drop")));
+    EXPECT_TRUE(Found(kOtherVpn).dns);
 }
 
 TEST_F(AgentRules, InstallationReplacesTheRuleOfAnOlderAgent)
@@ -122,6 +149,71 @@ TEST_F(AgentRules, DeletionLeavesNothingOfAnOlderAgentBehind)
     InstallOlderRule(kCustomerOfVpn);
     EXPECT_EQ(DeleteDns(kVpn, kCustomerOfVpn), 0);
     EXPECT_EQ(Nft(kVpn, "list tables"), "");
+}
+
+TEST_F(AgentRules, RuleIsFoundUntilItIsDeleted)
+{
+    EXPECT_FALSE(Found(kVpn).dns);
+    EXPECT_EQ(AddDns(kVpn, kCustomerOfVpn), 0);
+    EXPECT_TRUE(Found(kVpn).dns);
+    EXPECT_FALSE(Found(kVpn).stale);
+    EXPECT_FALSE(Found(kOtherVpn).dns);
+    EXPECT_EQ(DeleteDns(kVpn, kCustomerOfVpn), 0);
+    EXPECT_FALSE(Found(kVpn).dns);
+    EXPECT_FALSE(Found(kVpn).stale);
+}
+
+TEST_F(AgentRules, BoxHasBothRules)
+{
+    EXPECT_EQ(AddDns(0, kCustomer), 0);
+    EXPECT_TRUE(Found(0).dns);
+    EXPECT_FALSE(Found(0).dnat);
+    EXPECT_EQ(AddDnat(), 0);
+    EXPECT_TRUE(Found(0).dns);
+    EXPECT_TRUE(Found(0).dnat);
+    EXPECT_FALSE(Found(0).stale);
+}
+
+TEST_F(AgentRules, RuleOfAnOlderAgentIsStale)
+{
+    InstallOlderRule(kCustomerOfVpn);
+    EXPECT_FALSE(Found(kVpn).dns);
+    EXPECT_TRUE(Found(kVpn).stale);
+}
+
+TEST_F(AgentRules, ChangedDnsRuleIsStale)
+{
+    const std::string table = kTable;
+    const std::vector<std::string> changes{
+        "flush chain " + table + " prerouting",
+        "flush chain " + table + " input",
+        "delete chain " + table + " input",
+        "flush chain " + table + " prerouting\nadd rule " + table + " prerouting iifname \"lan0\" udp dport 53 accept",
+        "flush table " + table,
+    };
+    for (const std::string &change : changes) {
+        EXPECT_EQ(AddDns(kVpn, kCustomerOfVpn), 0);
+        ASSERT_TRUE(Found(kVpn).dns) << change;
+        Nft(kVpn, change);
+        EXPECT_FALSE(Found(kVpn).dns) << change;
+        EXPECT_TRUE(Found(kVpn).stale) << change;
+    }
+    EXPECT_EQ(DeleteDns(kVpn, kCustomerOfVpn), 0) << "a stale rule can be deleted";
+}
+
+TEST_F(AgentRules, FlushedDnatRuleIsStale)
+{
+    EXPECT_EQ(AddDnat(), 0);
+    Nft(0, "flush chain ip kavel_dnat_0_3 prerouting");
+    EXPECT_FALSE(Found(0).dnat);
+    EXPECT_TRUE(Found(0).stale);
+}
+
+TEST_F(AgentRules, RuleWithAddedRulesIsFound)
+{
+    EXPECT_EQ(AddDns(kVpn, kCustomerOfVpn), 0);
+    Nft(kVpn, std::string("insert rule ") + kTable + " prerouting ip saddr 10.0.0.9 counter accept");
+    EXPECT_TRUE(Found(kVpn).dns);
 }
 
 } // namespace

@@ -67,6 +67,17 @@ def test_client_behind_wan_cannot_use_the_pop_as_an_open_resolver(pop):
     run("nft", "flush", "chain", "inet", "kavel_dns_0_2", "input")
     assert ask_from_upstream() == ["198.51.100.10"], "nothing but the rule prevented the answer"
     assert ask_from_upstream(["+tcp"]) == ["198.51.100.10"]
+    assert "the steering rule is missing" in pop.status(0)["problems"]
+
+
+def test_status_reports_a_dnat_rule_that_was_emptied(pop):
+    pop.apply(pop_message())
+    assert pop.status(0)["dnat"]
+
+    run("nft", "flush", "chain", "ip", "kavel_dnat_0_3", "prerouting")
+
+    assert not pop.status(0)["dnat"]
+    assert "the DNAT rule is missing" in pop.status(0)["problems"]
 
 
 def test_apply_writes_only_the_resolver_file(pop):

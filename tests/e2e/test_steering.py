@@ -201,3 +201,17 @@ def test_status_reports_a_missing_rule(running):
     row = running.status()
     assert not row["rule"]
     assert "the steering rule is missing" in row["problems"]
+
+
+@pytest.mark.parametrize("chain", ["prerouting", "input"])
+def test_status_reports_a_rule_that_was_emptied(running, chain):
+    running.apply(message())
+    assert running.status()["rule"]
+
+    nft("flush", "chain", "inet", TABLE, chain)
+
+    row = running.status()
+    assert not row["rule"]
+    assert "the steering rule is missing" in row["problems"]
+    running.apply(message())
+    assert running.status()["problems"] == []

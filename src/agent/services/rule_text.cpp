@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <initializer_list>
+#include <iterator>
 #include <span>
 
 namespace kavel::agent {
@@ -14,6 +15,7 @@ namespace {
 
 constexpr std::array<const char *, 2> kDnsMatches{"udp dport 53", "tcp dport 53"};
 
+// As nftables lists them: IsDnsInstalled compares.
 constexpr const char *kPreroutingStart =
     "chain prerouting {\ntype nat hook prerouting priority dstnat; policy accept;\n";
 constexpr const char *kInputStart = "chain input {\ntype filter hook input priority filter; policy accept;\n";
@@ -212,6 +214,31 @@ std::string DeleteText(const std::string &table, std::uint32_t customerId)
     return "delete chain " + table + " " + CustomerChain(customerId) + "\ndelete table " + table + "\n";
 }
 
+// The lines of a text without their indentation.
+std::vector<std::string_view> LinesOf(std::string_view text)
+{
+    std::vector<std::string_view> lines;
+    while (!text.empty()) {
+        std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// Whether the lines of `expected` are lines of `listing`, in the same order; there may be others between them.
+bool ContainsLines(std::string_view listing, std::string_view expected)
+{
+    const std::vector<std::string_view> lines = LinesOf(listing);
+    auto next = lines.begin();
+    return std::ranges::all_of(LinesOf(expected), [&](std::string_view line) {
+        const auto found = std::find(next, lines.end(), line);
+        next = found == lines.end() ? found : std::next(found);
+        return found != lines.end();
+    });
+}
+
 } // namespace
 
 RuleKey KeyOf(const VQ_CONF_RULE &rule)
@@ -257,6 +284,22 @@ std::string RemoveText(const RuleKey &key, std::uint32_t customerId)
 std::string RemoveOlderText(const RuleKey &key, std::uint32_t customerId)
 {
     return DeleteText(OlderRuleTable(key), customerId);
+}
+
+bool IsDnsInstalled(std::string_view listing, const DnsInterfaces &interfaces)
+{
+    return ContainsLines(listing, DnsChains(interfaces));
+}
+
+bool IsDnatInstalled(std::string_view listing, const std::vector<std::string> &c2p)
+{
+    const std::vector<std::string_view> lines = LinesOf(listing);
+    const auto isRewritten = [&](const std::string &interface) {
+        return std::ranges::any_of(lines, [&](std::string_view line) {
+            return line.starts_with(OnInterface(interface)) && line.find(" dnat to ") != std::string_view::npos;
+        });
+    };
+    return ContainsLines(listing, kPreroutingStart) && std::ranges::all_of(c2p, isRewritten);
 }
 
 } // namespace kavel::agent

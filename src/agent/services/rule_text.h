@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/failure.h"
@@ -59,6 +60,12 @@ struct DnsInterfaces {
 
 // The commands that remove a DNS-table rule that an older agent installed. Refused like those of RemoveText.
 [[nodiscard]] std::string RemoveOlderText(const RuleKey &key, std::uint32_t customerId);
+
+// Whether the listing of the rule's table ("list table ...") has everything that the installation puts there for these
+// interfaces, in the same order. More rules in the same table are ignored. The address, the protocols and the ports of
+// a DNAT rule are not known here: it must have a rule for each interface.
+[[nodiscard]] bool IsDnsInstalled(std::string_view listing, const DnsInterfaces &interfaces);
+[[nodiscard]] bool IsDnatInstalled(std::string_view listing, const std::vector<std::string> &c2p);
 
 } // namespace kavel::agent
 

@@ -94,15 +94,28 @@ bool Lists(std::string_view tables, const std::string &table)
     return tables.find("table " + table + "\n") != std::string_view::npos;
 }
 
+// The listing of a table; empty when it is not in `tables`. Listing a table that does not exist fails without an errno.
+std::string ListingOf(Host &host, std::uint32_t vpnId, std::string_view tables, const std::string &table)
+{
+    return Lists(tables, table) ? host.nftables.Run(vpnId, "list table " + table + "\n") : std::string();
+}
+
 } // namespace
 
 InstalledRules FindInstalledRules(Host &host, std::uint32_t vpnId)
 {
     const std::string tables = host.nftables.Run(vpnId, "list tables\n");
+    const RuleKey dnsKey{VQ_CONF_RULE_TBL_TYPE_DNS, 0, vpnId + kDnsRuleIdOffset};
+    const std::string dns = ListingOf(host, vpnId, tables, RuleTable(dnsKey));
     InstalledRules found;
-    found.dns = Lists(tables, RuleTable({VQ_CONF_RULE_TBL_TYPE_DNS, 0, vpnId + kDnsRuleIdOffset}));
-    found.dnat =
-        vpnId == 0 && Lists(tables, RuleTable({VQ_CONF_RULE_TBL_TYPE_DNAT, 0, VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ}));
+    found.dns = IsDnsInstalled(dns, InterfacesOf(host.config, vpnId));
+    found.stale = !found.dns && (!dns.empty() || Lists(tables, OlderRuleTable(dnsKey)));
+    if (vpnId == 0) {
+        const RuleKey dnatKey{VQ_CONF_RULE_TBL_TYPE_DNAT, 0, VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ};
+        const std::string dnat = ListingOf(host, vpnId, tables, RuleTable(dnatKey));
+        found.dnat = IsDnatInstalled(dnat, host.config.c2p);
+        found.stale = found.stale || (!found.dnat && !dnat.empty());
+    }
     return found;
 }
 
