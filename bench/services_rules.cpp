@@ -71,7 +71,8 @@ void ExpectEffect(Install &&install, Withdraw &&withdraw)
 }
 
 struct Commands {
-    std::string install = agent::InstallDnsText(*SteeringRule(), agent::Host::Current().config.Find(kVpn)->lan);
+    std::string install =
+        agent::InstallDnsText(*SteeringRule(), agent::InterfacesOf(agent::Host::Current().config, kVpn));
     std::string remove = agent::RemoveText(agent::KeyOf(*SteeringRule()), kCustomer);
 };
 

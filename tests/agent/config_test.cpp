@@ -44,7 +44,8 @@ TEST(Configuration, TakesEveryKey)
 {
     const Config Conf = ParseConfig(R"({
         "platform": "pop", "customer": 4294967295, "persistence": true, "store": "/data/agent.db",
-        "socket": "/data/agent.sock", "log": "debug", "lan": ["eth0", "br-*"], "c2p": ["wg*"],
+        "socket": "/data/agent.sock", "log": "debug", "lan": ["eth0", "br-*"], "wan": ["ppp*", "eth1"],
+        "c2p": ["wg*"],
         "vpns": [{"id": 7, "customer": 1007, "namespace": "blue", "lan": ["lan0", "lan1"],
                   "wan": [{"name": "wan0", "sysRoute": true}, {"name": "wan1"}]}]})");
     EXPECT_EQ(Conf.platform, Platform::kPop);
@@ -54,6 +55,7 @@ TEST(Configuration, TakesEveryKey)
     EXPECT_EQ(Conf.socket, "/data/agent.sock");
     EXPECT_EQ(Conf.log, LogLevel::kDebug);
     EXPECT_THAT(Conf.lan, ElementsAre("eth0", "br-*"));
+    EXPECT_THAT(Conf.wan, ElementsAre("ppp*", "eth1"));
     EXPECT_THAT(Conf.c2p, ElementsAre("wg*"));
     ASSERT_EQ(Conf.vpns.size(), 1U);
     const kavel::agent::Vpn &Vpn = Conf.vpns[0];
@@ -79,6 +81,7 @@ TEST(Configuration, HasDefaultsForEverythingButThePlatform)
     EXPECT_EQ(Conf.socket, "/run/kavel/agent.sock");
     EXPECT_EQ(Conf.log, LogLevel::kNotice);
     EXPECT_THAT(Conf.lan, IsEmpty());
+    EXPECT_THAT(Conf.wan, IsEmpty());
     EXPECT_THAT(Conf.c2p, IsEmpty());
     EXPECT_THAT(Conf.vpns, IsEmpty());
 }
@@ -139,6 +142,7 @@ TEST(Configuration, RefusesAWrongTypeWithItsPath)
     EXPECT_EQ(RefusalOf(R"("store": 1)"), "store: expected an absolute path, not 1");
     EXPECT_EQ(RefusalOf(R"("persistence": "yes")"), R"(persistence: expected true or false, not "yes")");
     EXPECT_EQ(RefusalOf(R"("lan": "eth0")"), R"(lan: expected an array, not "eth0")");
+    EXPECT_EQ(RefusalOf(R"("wan": [{"name": "w"}])"), "wan[0]: expected a string, not an object");
     EXPECT_EQ(RefusalOf(R"("c2p": ["wg0", null])"), "c2p[1]: expected a string, not null");
     EXPECT_EQ(RefusalOf(R"("vpns": {})"), "vpns: expected an array, not an object");
     EXPECT_EQ(RefusalOf(R"("vpns": [7])"), "vpns[0]: expected an object, not 7");
@@ -197,6 +201,7 @@ TEST(Configuration, RefusesAnInterfacePatternThatIsNeitherANameNorAPrefix)
     for (const std::string Bad : {"", "*", "**", "a*b", "..*", "fifteen_letters*"}) {
         const std::string Expected = "\"" + Bad + "\" is neither an interface name nor a prefix that ends in *";
         EXPECT_EQ(RefusalOf(R"("lan": [")" + Bad + "\"]"), "lan[0]: " + Expected);
+        EXPECT_EQ(RefusalOf(R"("wan": [")" + Bad + "\"]"), "wan[0]: " + Expected);
         EXPECT_EQ(RefusalOf(R"("c2p": ["wg0", ")" + Bad + "\"]"), "c2p[1]: " + Expected);
     }
 }

@@ -5,9 +5,11 @@
 #include <netinet/in.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "scratch.h"
@@ -69,7 +71,7 @@ ThrownError DnsRefusal(const Change &change)
 {
     VQ_CONF_RULE rule = DnsRule();
     change(rule);
-    return FailureOf([&] { (void)InstallDnsText(rule, {"lan0"}); });
+    return FailureOf([&] { (void)InstallDnsText(rule, {{"lan0"}, {}, {}}); });
 }
 
 ThrownError DnatRefusal(const Change &change)
@@ -81,19 +83,53 @@ ThrownError DnatRefusal(const Change &change)
 
 TEST(RuleText, ADnsRuleRedirectsPort53OnEveryInterface)
 {
-    EXPECT_EQ(InstallDnsText(DnsRule(), {"lan0", "lan1"}), "add table ip kavel_dns_0_9\n"
-                                                           "delete table ip kavel_dns_0_9\n"
-                                                           "table ip kavel_dns_0_9 {\n"
-                                                           "chain customer_42 {\n"
-                                                           "}\n"
-                                                           "chain prerouting {\n"
-                                                           "type nat hook prerouting priority dstnat; policy accept;\n"
-                                                           "iifname \"lan0\" udp dport 53 redirect to :53\n"
-                                                           "iifname \"lan0\" tcp dport 53 redirect to :53\n"
-                                                           "iifname \"lan1\" udp dport 53 redirect to :53\n"
-                                                           "iifname \"lan1\" tcp dport 53 redirect to :53\n"
-                                                           "}\n"
-                                                           "}\n");
+    EXPECT_EQ(InstallDnsText(DnsRule(), {{"lan0", "lan1"}, {}, {}}),
+              "add table ip kavel_dns_0_9\n"
+              "delete table ip kavel_dns_0_9\n"
+              "add table inet kavel_dns_0_9\n"
+              "delete table inet kavel_dns_0_9\n"
+              "table inet kavel_dns_0_9 {\n"
+              "chain customer_42 {\n"
+              "}\n"
+              "chain prerouting {\n"
+              "type nat hook prerouting priority dstnat; policy accept;\n"
+              "iifname \"lan0\" udp dport 53 redirect to :53\n"
+              "iifname \"lan0\" tcp dport 53 redirect to :53\n"
+              "iifname \"lan1\" udp dport 53 redirect to :53\n"
+              "iifname \"lan1\" tcp dport 53 redirect to :53\n"
+              "}\n"
+              "}\n");
+}
+
+TEST(RuleText, ADnsRuleDropsPort53OfAWanAfterItHasAcceptedTheOtherInterfaces)
+{
+    EXPECT_THAT(InstallDnsText(DnsRule(), {{"lan0", "br-*"}, {"c2p*"}, {"wan0", "ppp*"}}),
+                testing::EndsWith("iifname \"br-*\" tcp dport 53 redirect to :53\n"
+                                  "}\n"
+                                  "chain input {\n"
+                                  "type filter hook input priority filter; policy accept;\n"
+                                  "iifname \"lan0\" accept\n"
+                                  "iifname \"br-*\" accept\n"
+                                  "iifname \"c2p*\" accept\n"
+                                  "iifname \"wan0\" udp dport 53 drop\n"
+                                  "iifname \"wan0\" tcp dport 53 drop\n"
+                                  "iifname \"ppp*\" udp dport 53 drop\n"
+                                  "iifname \"ppp*\" tcp dport 53 drop\n"
+                                  "}\n"
+                                  "}\n"));
+}
+
+TEST(RuleText, ADnsRuleWithoutLanStillDropsPort53OfAWan)
+{
+    EXPECT_THAT(InstallDnsText(DnsRule(), {{}, {}, {"wan0"}}),
+                testing::EndsWith("type nat hook prerouting priority dstnat; policy accept;\n"
+                                  "}\n"
+                                  "chain input {\n"
+                                  "type filter hook input priority filter; policy accept;\n"
+                                  "iifname \"wan0\" udp dport 53 drop\n"
+                                  "iifname \"wan0\" tcp dport 53 drop\n"
+                                  "}\n"
+                                  "}\n"));
 }
 
 TEST(RuleText, ADnatRuleRewritesTheDestinationOnEveryInterface)
@@ -117,7 +153,7 @@ TEST(RuleText, ADnatRuleRewritesTheDestinationOnEveryInterface)
 TEST(RuleText, ARuleWithoutInterfacesIsInstalledAndMatchesNothing)
 {
     const std::string end = "policy accept;\n}\n}\n";
-    EXPECT_THAT(InstallDnsText(DnsRule(), {}), testing::EndsWith(end));
+    EXPECT_THAT(InstallDnsText(DnsRule(), {{}, {"c2p0"}, {}}), testing::EndsWith(end));
     EXPECT_THAT(InstallDnatText(DnatRule(), {}), testing::EndsWith(end));
 }
 
@@ -143,16 +179,122 @@ TEST(RuleText, ARuleIsIdentifiedByTableZoneAndId)
     EXPECT_EQ(key.zone, 255U);
     EXPECT_EQ(key.id, 4294967295U);
     EXPECT_EQ(TableName(key), "kavel_dnat_255_4294967295");
-    EXPECT_EQ(TableName({VQ_CONF_RULE_TBL_TYPE_DNS, 0, 9}), "kavel_dns_0_9");
+    EXPECT_EQ(RuleTable(key), "ip kavel_dnat_255_4294967295");
+    const RuleKey dns{VQ_CONF_RULE_TBL_TYPE_DNS, 0, 9};
+    EXPECT_EQ(TableName(dns), "kavel_dns_0_9");
+    EXPECT_EQ(RuleTable(dns), "inet kavel_dns_0_9");
+    EXPECT_EQ(OlderRuleTable(dns), "ip kavel_dns_0_9");
 }
 
 TEST(RuleText, ARemovalDeletesTheCustomersChainBeforeTheTable)
 {
-    EXPECT_EQ(RemoveText({VQ_CONF_RULE_TBL_TYPE_DNS, 0, 9}, 42), "delete chain ip kavel_dns_0_9 customer_42\n"
+    EXPECT_EQ(RemoveText({VQ_CONF_RULE_TBL_TYPE_DNS, 0, 9}, 42), "delete chain inet kavel_dns_0_9 customer_42\n"
+                                                                 "delete table inet kavel_dns_0_9\n"
+                                                                 "add table ip kavel_dns_0_9\n"
                                                                  "delete table ip kavel_dns_0_9\n");
+    EXPECT_EQ(RemoveOlderText({VQ_CONF_RULE_TBL_TYPE_DNS, 0, 9}, 42), "delete chain ip kavel_dns_0_9 customer_42\n"
+                                                                      "delete table ip kavel_dns_0_9\n");
     EXPECT_EQ(RemoveText({VQ_CONF_RULE_TBL_TYPE_DNAT, 3, 2}, 4294967295U),
               "delete chain ip kavel_dnat_3_2 customer_4294967295\n"
               "delete table ip kavel_dnat_3_2\n");
+}
+
+const DnsInterfaces kInterfaces{{"lan0"}, {"c2p*"}, {"wan0"}};
+
+// The table of a DNS-table rule for kInterfaces, as nftables lists it.
+const std::vector<std::string> kDnsListing{"table inet kavel_dns_0_9 {",
+                                           "\tchain customer_42 {",
+                                           "\t}",
+                                           "",
+                                           "\tchain prerouting {",
+                                           "\t\ttype nat hook prerouting priority dstnat; policy accept;",
+                                           "\t\tiifname \"lan0\" udp dport 53 redirect to :53",
+                                           "\t\tiifname \"lan0\" tcp dport 53 redirect to :53",
+                                           "\t}",
+                                           "",
+                                           "\tchain input {",
+                                           "\t\ttype filter hook input priority filter; policy accept;",
+                                           "\t\tiifname \"lan0\" accept",
+                                           "\t\tiifname \"c2p*\" accept",
+                                           "\t\tiifname \"wan0\" udp dport 53 drop",
+                                           "\t\tiifname \"wan0\" tcp dport 53 drop",
+                                           "\t}",
+                                           "}"};
+
+std::string Joined(const std::vector<std::string> &lines)
+{
+    std::string text;
+    for (const std::string &line : lines) {
+        text += line + "\n";
+    }
+    return text;
+}
+
+TEST(RuleText, AListingWithEveryLineIsAnInstalledDnsRule)
+{
+    EXPECT_TRUE(IsDnsInstalled(Joined(kDnsListing), kInterfaces));
+    EXPECT_TRUE(IsDnsInstalled(Joined(kDnsListing), {{"lan0"}, {}, {}})) << "the input chain is not expected then";
+}
+
+// Without closing braces, which every listing has. The customer's chain steers nothing.
+TEST(RuleText, AListingThatLacksALineIsNoInstalledDnsRule)
+{
+    constexpr std::size_t kPrerouting = 4;
+    std::size_t tried = 0;
+    for (std::size_t i = kPrerouting; i < kDnsListing.size(); ++i) {
+        std::vector<std::string> lines = kDnsListing;
+        lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(i));
+        if (!kDnsListing[i].empty() && !kDnsListing[i].ends_with('}')) {
+            EXPECT_FALSE(IsDnsInstalled(Joined(lines), kInterfaces)) << kDnsListing[i];
+            ++tried;
+        }
+    }
+    EXPECT_EQ(tried, 10U);
+    EXPECT_FALSE(IsDnsInstalled("", kInterfaces));
+    EXPECT_FALSE(IsDnsInstalled("", {})) << "the chain is expected without interfaces, too";
+}
+
+TEST(RuleText, AListingWithMoreRulesIsAnInstalledDnsRule)
+{
+    std::vector<std::string> lines = kDnsListing;
+    lines.insert(lines.begin() + 6, "\t\tip saddr 10.0.0.9 accept");
+    EXPECT_TRUE(IsDnsInstalled(Joined(lines), kInterfaces));
+}
+
+TEST(RuleText, AListingWithAChangedRuleIsNoInstalledDnsRule)
+{
+    const std::vector<std::pair<std::size_t, std::string>> changes{
+        {5, "\t\ttype nat hook prerouting priority dstnat; policy drop;"},
+        {6, "\t\tiifname \"lan0\" udp dport 53 redirect to :5353"},
+        {7, "\t\tiifname \"lan1\" tcp dport 53 redirect to :53"},
+        {14, "\t\tiifname \"wan0\" udp dport 53 accept"}};
+    for (const auto &[line, text] : changes) {
+        std::vector<std::string> lines = kDnsListing;
+        lines.at(line) = text;
+        EXPECT_FALSE(IsDnsInstalled(Joined(lines), kInterfaces)) << text;
+    }
+}
+
+TEST(RuleText, AnAcceptBehindTheDropsIsNoInstalledDnsRule)
+{
+    std::vector<std::string> lines = kDnsListing;
+    std::swap(lines.at(13), lines.at(14));
+    EXPECT_FALSE(IsDnsInstalled(Joined(lines), kInterfaces));
+}
+
+TEST(RuleText, AnInstalledDnatRuleRewritesOnEveryInterface)
+{
+    const std::string start = "table ip kavel_dnat_0_3 {\n\tchain prerouting {\n";
+    const std::string hook = "\t\ttype nat hook prerouting priority dstnat; policy accept;\n";
+    const std::string rule = "\t\tiifname \"c2p*\" udp dport 53 dnat to 10.1.2.255\n";
+    const std::string end = "\t}\n}\n";
+    EXPECT_TRUE(IsDnatInstalled(start + hook + rule + end, {"c2p*"}));
+    EXPECT_TRUE(IsDnatInstalled(start + hook + end, {}));
+    EXPECT_FALSE(IsDnatInstalled(start + hook + end, {"c2p*"}));
+    EXPECT_FALSE(IsDnatInstalled(start + hook + rule + end, {"c2p*", "c2p"}));
+    EXPECT_FALSE(IsDnatInstalled(start + hook + "\t\tiifname \"c2p*\" udp dport 53 accept\n" + end, {"c2p*"}));
+    EXPECT_FALSE(IsDnatInstalled(start + rule + end, {"c2p*"})) << "a chain without a hook sees no packet";
+    EXPECT_FALSE(IsDnatInstalled("", {}));
 }
 
 TEST(RuleText, TheSampleRulesAreAccepted)

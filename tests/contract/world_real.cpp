@@ -70,6 +70,8 @@ agent::Config ConfiguredBox()
     agent::Config config;
     config.customer = kCustomer;
     config.persistence = true;
+    config.lan = {"br-*"};
+    config.wan = {"up0", "br-9"};
     config.c2p = {"c2p*"};
     agent::Vpn first = ConfiguredVpn(kVpn);
     first.customer = kCustomerOfVpn;
@@ -121,20 +123,19 @@ std::string RouteText(const std::string &line)
     return route;
 }
 
-// "table ip kavel_dns_0_9 {" gives "dns zone 0 id 9"; nothing when it is no such line.
+// "table inet kavel_dns_0_9 {" gives "dns zone 0 id 9"; nothing when it is no such line.
 std::string RuleOfTable(std::string line)
 {
-    constexpr std::string_view kTable = "table ip kavel_";
-    if (!line.starts_with(kTable)) {
-        return "";
-    }
     std::ranges::replace(line, '_', ' ');
-    std::istringstream words(line.substr(kTable.size()));
+    std::istringstream words(line);
+    std::string table;
+    std::string family;
+    std::string owner;
     std::string kind;
     std::string zone;
     std::string id;
-    words >> kind >> zone >> id;
-    return kind.append(" zone ").append(zone).append(" id ").append(id);
+    words >> table >> family >> owner >> kind >> zone >> id;
+    return table == "table" && owner == "kavel" ? kind.append(" zone ").append(zone).append(" id ").append(id) : "";
 }
 
 void AppendRules(std::vector<std::string> &rules, const std::string &ruleset)

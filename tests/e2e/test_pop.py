@@ -7,11 +7,12 @@ import pytest
 from box import ROOT, alive, end, instance_pid, instances, run, wait_until
 
 LOCAL_IP = "10.88.0.1"
+UP_IP = "10.9.0.1"
 NOWHERE = "192.0.2.53"
 
 
-def ask_from_branch(name, server=NOWHERE, options=()):
-    answer = run("ip", "netns", "exec", "branch", "dig", "+short", "+time=1", "+tries=1", *options, f"@{server}", name,
+def ask_from_branch(name, server=NOWHERE, options=(), namespace="branch"):
+    answer = run("ip", "netns", "exec", namespace, "dig", "+short", "+time=1", "+tries=1", *options, f"@{server}", name,
                  check=False)
     return [line for line in answer.stdout.splitlines() if not line.startswith(";")]
 
@@ -35,8 +36,7 @@ def pop(box):
     run("rm", "-rf", "/run/kavel-store")
     box.configure(platform="pop", persistence=True, store="/run/kavel-store/agent.db", c2p=["c2p*"])
     yield box.start()
-    for table in tables():
-        run("nft", "delete", "table", "ip", table)
+    run("nft", "flush", "ruleset")
 
 
 def test_branch_is_answered_through_the_dnat(pop):
@@ -47,6 +47,37 @@ def test_branch_is_answered_through_the_dnat(pop):
     wait_until(lambda: ask_from_branch("www.example.net") == ["198.51.100.10"], "an answer through the DNAT")
     assert len(tables()) == 2, "the DNS-table rule and the DNAT rule"
     assert open("/etc/kavel/dnsmasq/resolv.conf").read() == "nameserver 10.9.0.53\n"
+
+
+def ask_from_upstream(options=()):
+    return ask_from_branch("www.example.net", server=UP_IP, options=options, namespace="upstream_pop")
+
+
+def test_client_behind_wan_cannot_use_the_pop_as_an_open_resolver(pop):
+    """The pattern c2p* is in both lists: its interfaces stay served."""
+    pop.stop()
+    pop.configure(platform="pop", c2p=["c2p*"], wan=["up*", "c2p*"])
+    pop.start().apply(pop_message())
+    wait_until(lambda: ask_from_branch("www.example.net") == ["198.51.100.10"], "an answer through the DNAT")
+
+    assert ask_from_upstream() == []
+    assert ask_from_upstream(["+tcp"]) == []
+    assert pop.status(0)["problems"] == []
+
+    run("nft", "flush", "chain", "inet", "kavel_dns_0_2", "input")
+    assert ask_from_upstream() == ["198.51.100.10"], "nothing but the rule prevented the answer"
+    assert ask_from_upstream(["+tcp"]) == ["198.51.100.10"]
+    assert "the steering rule is missing" in pop.status(0)["problems"]
+
+
+def test_status_reports_a_dnat_rule_that_was_emptied(pop):
+    pop.apply(pop_message())
+    assert pop.status(0)["dnat"]
+
+    run("nft", "flush", "chain", "ip", "kavel_dnat_0_3", "prerouting")
+
+    assert not pop.status(0)["dnat"]
+    assert "the DNAT rule is missing" in pop.status(0)["problems"]
 
 
 def test_apply_writes_only_the_resolver_file(pop):

@@ -111,7 +111,7 @@ def test_crash_between_launch_and_rule(keeping):
     keeping.agent.kill()
     keeping.agent.wait()
     (table,) = tables()
-    run("ip", "netns", "exec", "vpn_7", "nft", "delete", "table", "ip", table)
+    run("ip", "netns", "exec", "vpn_7", "nft", "delete", "table", "inet", table)
     with sqlite3.connect(STORE) as store:
         store.execute("UPDATE cpe_dnsmasq SET conf = ? WHERE vpn_id = 7", (off,))
 

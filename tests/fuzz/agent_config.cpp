@@ -64,6 +64,7 @@ void CheckAccepted(const Config &Conf)
                   "the path of the socket is invalid");
     fuzz::Require(Conf.store.starts_with('/'), "the path of the store is invalid");
     fuzz::Require(std::ranges::all_of(Conf.lan, IsInterfacePattern), "a LAN name of the box is unsafe");
+    fuzz::Require(std::ranges::all_of(Conf.wan, IsInterfacePattern), "a WAN name of the box is unsafe");
     fuzz::Require(std::ranges::all_of(Conf.c2p, IsInterfacePattern), "a connection name is unsafe");
 }
 
@@ -87,6 +88,7 @@ void CheckAgainstFile(const Config &Conf, const std::string &Text)
                   "another persistence");
     fuzz::Require(Conf.vpns.size() == LengthOf(Root.get(), "vpns"), "another number of VPNs");
     fuzz::Require(Conf.lan.size() == LengthOf(Root.get(), "lan"), "another number of LANs");
+    fuzz::Require(Conf.wan.size() == LengthOf(Root.get(), "wan"), "another number of WANs");
     fuzz::Require(Conf.c2p.size() == LengthOf(Root.get(), "c2p"), "another number of connections");
 }
 

@@ -174,6 +174,8 @@ constexpr std::array kConfigMembers = {
     JsonMember<Config>{"log", kOptional, [](In value, Config &config) { config.log = ReadLogLevel(value); }},
     JsonMember<Config>{"lan", kOptional,
                        [](In value, Config &config) { config.lan = ReadList(value, InterfacePattern); }},
+    JsonMember<Config>{"wan", kOptional,
+                       [](In value, Config &config) { config.wan = ReadList(value, InterfacePattern); }},
     JsonMember<Config>{"c2p", kOptional,
                        [](In value, Config &config) { config.c2p = ReadList(value, InterfacePattern); }},
     JsonMember<Config>{"vpns", kOptional, [](In value, Config &config) { config.vpns = ReadList(value, ReadVpn); }},

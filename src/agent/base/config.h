@@ -43,7 +43,8 @@ struct Config {
     std::string store = "/var/lib/kavel/agent.db";
     std::string socket = control::kDefaultSocket;
     LogLevel log = LogLevel::kNotice;
-    std::vector<std::string> lan; // the box's own interfaces: names, or prefixes that end in '*'
+    std::vector<std::string> lan; // the box's own LAN interfaces: names, or prefixes that end in '*'
+    std::vector<std::string> wan; // the box's own WAN interfaces: names or prefixes as well
     std::vector<std::string> c2p; // the interfaces of connections from CPEs to this POP: names or prefixes as well
     std::vector<Vpn> vpns;        // by rising id; the box itself, VPN 0, is not among them
 

@@ -7,12 +7,18 @@
 #include <cerrno>
 #include <cstddef>
 #include <initializer_list>
+#include <iterator>
 #include <span>
 
 namespace kavel::agent {
 namespace {
 
 constexpr std::array<const char *, 2> kDnsMatches{"udp dport 53", "tcp dport 53"};
+
+// As nftables lists them: IsDnsInstalled compares.
+constexpr const char *kPreroutingStart =
+    "chain prerouting {\ntype nat hook prerouting priority dstnat; policy accept;\n";
+constexpr const char *kInputStart = "chain input {\ntype filter hook input priority filter; policy accept;\n";
 
 [[noreturn]] void RefuseInvalid(const std::string &text)
 {
@@ -146,22 +152,91 @@ std::string CustomerChain(std::uint32_t customerId)
     return "customer_" + std::to_string(customerId);
 }
 
-// Every match on every interface. A rule without interfaces still gets its table: it is installed, and matches nothing.
-std::string InstallText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces,
-                        std::span<const std::string> matches, const std::string &action)
+std::string OnInterface(const std::string &interface)
 {
-    const std::string table = "table ip " + TableName(KeyOf(rule));
-    // Deleting a table that does not exist fails, so it is added first.
-    std::string text = "add " + table + "\ndelete " + table + "\n" + table + " {\nchain " +
-                       CustomerChain(rule.CustomerId) +
-                       " {\n}\nchain prerouting {\ntype nat hook prerouting priority dstnat; policy accept;\n";
+    return "iifname \"" + interface + "\" ";
+}
+
+// A rule for every match on every interface.
+template <typename Matches>
+std::string RulesOn(const std::vector<std::string> &interfaces, const Matches &matches, const std::string &action)
+{
+    std::string text;
     for (const std::string &interface : interfaces) {
-        for (const std::string &match : matches) {
-            text.append("iifname \"").append(interface).append("\" ").append(match).append(" ");
-            text.append(action).append("\n");
+        for (const auto &match : matches) {
+            text.append(OnInterface(interface)).append(match).append(" ").append(action).append("\n");
         }
     }
-    return text + "}\n}\n";
+    return text;
+}
+
+std::string AcceptAll(const std::vector<std::string> &interfaces)
+{
+    std::string text;
+    for (const std::string &interface : interfaces) {
+        text.append(OnInterface(interface)).append("accept\n");
+    }
+    return text;
+}
+
+// Only what is for the box itself passes the input hook: a query that the box forwards is not dropped. The kernel, not
+// this function, decides which interfaces a prefix means; so the others are accepted before the drops.
+std::string InputChain(const DnsInterfaces &interfaces)
+{
+    if (interfaces.wan.empty()) {
+        return "";
+    }
+    return kInputStart + AcceptAll(interfaces.lan) + AcceptAll(interfaces.c2p) +
+           RulesOn(interfaces.wan, kDnsMatches, "drop") + "}\n";
+}
+
+// A rule without LAN interfaces still gets its chain: it is installed, and matches nothing.
+std::string DnsChains(const DnsInterfaces &interfaces)
+{
+    return kPreroutingStart + RulesOn(interfaces.lan, kDnsMatches, "redirect to :53") + "}\n" + InputChain(interfaces);
+}
+
+// Deleting a table that does not exist fails, so it is added first.
+std::string DeleteIfThere(const std::string &table)
+{
+    return "add table " + table + "\ndelete table " + table + "\n";
+}
+
+std::string CreateText(const VQ_CONF_RULE &rule, const std::string &chains)
+{
+    const std::string table = RuleTable(KeyOf(rule));
+    return DeleteIfThere(table) + "table " + table + " {\nchain " + CustomerChain(rule.CustomerId) + " {\n}\n" +
+           chains + "}\n";
+}
+
+std::string DeleteText(const std::string &table, std::uint32_t customerId)
+{
+    return "delete chain " + table + " " + CustomerChain(customerId) + "\ndelete table " + table + "\n";
+}
+
+// The lines of a text without their indentation.
+std::vector<std::string_view> LinesOf(std::string_view text)
+{
+    std::vector<std::string_view> lines;
+    while (!text.empty()) {
+        std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// Whether the lines of `expected` are lines of `listing`, in the same order; there may be others between them.
+bool ContainsLines(std::string_view listing, std::string_view expected)
+{
+    const std::vector<std::string_view> lines = LinesOf(listing);
+    auto next = lines.begin();
+    return std::ranges::all_of(LinesOf(expected), [&](std::string_view line) {
+        const auto found = std::find(next, lines.end(), line);
+        next = found == lines.end() ? found : std::next(found);
+        return found != lines.end();
+    });
 }
 
 } // namespace
@@ -177,23 +252,54 @@ std::string TableName(const RuleKey &key)
     return "kavel_" + kind + "_" + std::to_string(key.zone) + "_" + std::to_string(key.id);
 }
 
-std::string InstallDnsText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces)
+std::string RuleTable(const RuleKey &key)
 {
-    CheckDns(rule);
-    const std::array<std::string, kDnsMatches.size()> matches{kDnsMatches[0], kDnsMatches[1]};
-    return InstallText(rule, interfaces, matches, "redirect to :53");
+    return (key.table == VQ_CONF_RULE_TBL_TYPE_DNS ? "inet " : "ip ") + TableName(key);
 }
 
-std::string InstallDnatText(const VQ_CONF_RULE &rule, const std::vector<std::string> &interfaces)
+std::string OlderRuleTable(const RuleKey &key)
+{
+    return "ip " + TableName(key);
+}
+
+std::string InstallDnsText(const VQ_CONF_RULE &rule, const DnsInterfaces &interfaces)
+{
+    CheckDns(rule);
+    return DeleteIfThere(OlderRuleTable(KeyOf(rule))) + CreateText(rule, DnsChains(interfaces));
+}
+
+std::string InstallDnatText(const VQ_CONF_RULE &rule, const std::vector<std::string> &c2p)
 {
     CheckDnat(rule);
-    return InstallText(rule, interfaces, DnatMatches(rule.Match), "dnat to " + AddressText(rule.Actions.NatInfo.Ip[0]));
+    const std::string action = "dnat to " + AddressText(rule.Actions.NatInfo.Ip[0]);
+    return CreateText(rule, kPreroutingStart + RulesOn(c2p, DnatMatches(rule.Match), action) + "}\n");
 }
 
 std::string RemoveText(const RuleKey &key, std::uint32_t customerId)
 {
-    const std::string table = TableName(key);
-    return "delete chain ip " + table + " " + CustomerChain(customerId) + "\ndelete table ip " + table + "\n";
+    const bool isDns = key.table == VQ_CONF_RULE_TBL_TYPE_DNS;
+    return DeleteText(RuleTable(key), customerId) + (isDns ? DeleteIfThere(OlderRuleTable(key)) : "");
+}
+
+std::string RemoveOlderText(const RuleKey &key, std::uint32_t customerId)
+{
+    return DeleteText(OlderRuleTable(key), customerId);
+}
+
+bool IsDnsInstalled(std::string_view listing, const DnsInterfaces &interfaces)
+{
+    return ContainsLines(listing, DnsChains(interfaces));
+}
+
+bool IsDnatInstalled(std::string_view listing, const std::vector<std::string> &c2p)
+{
+    const std::vector<std::string_view> lines = LinesOf(listing);
+    const auto isRewritten = [&](const std::string &interface) {
+        return std::ranges::any_of(lines, [&](std::string_view line) {
+            return line.starts_with(OnInterface(interface)) && line.find(" dnat to ") != std::string_view::npos;
+        });
+    };
+    return ContainsLines(listing, kPreroutingStart) && std::ranges::all_of(c2p, isRewritten);
 }
 
 } // namespace kavel::agent

@@ -9,7 +9,6 @@
 #include "base/failure.h"
 #include "base/log.h"
 #include "base/nftables.h"
-#include "services/rule_text.h"
 #include "vqRule.h"
 
 namespace kavel::agent {
@@ -25,18 +24,6 @@ void LogFailure(const std::string &subject, const char *operation, const std::sy
     Log(LogLevel::kError, "%s cannot be %s: %s", subject.c_str(), operation, failure.what());
 }
 
-const std::vector<std::string> &LanOf(const Config &config, std::uint32_t vpnId)
-{
-    if (vpnId == 0) {
-        return config.lan;
-    }
-    const Vpn *vpn = config.Find(vpnId);
-    if (vpn == nullptr) {
-        throw RuleError(ENOENT, "the VPN is not configured");
-    }
-    return vpn->lan;
-}
-
 // The VPN in whose namespace a rule is installed, and the rule's commands.
 struct Plan {
     std::uint32_t vpnId;
@@ -49,7 +36,7 @@ Plan PlanOf(const Config &config, const VQ_CONF_RULE &rule, std::uint16_t op)
         throw RuleError(EOPNOTSUPP, "it is not an insertion");
     }
     if (op == VQ_IMC_OP_TYPE_RULE_DNS_INSERT && rule.Table == VQ_CONF_RULE_TBL_TYPE_DNS) {
-        return {rule.VpnId, InstallDnsText(rule, LanOf(config, rule.VpnId))};
+        return {rule.VpnId, InstallDnsText(rule, InterfacesOf(config, rule.VpnId))};
     }
     if (op == VQ_IMC_OP_TYPE_RULE_DNAT_INSERT && rule.Table == VQ_CONF_RULE_TBL_TYPE_DNAT) {
         return {0, InstallDnatText(rule, config.c2p)};
@@ -70,39 +57,82 @@ int Install(Host &host, const VQ_CONF_RULE &rule, std::uint16_t op)
     }
 }
 
+// Returns false when nothing was removed because the rule is not installed or is another customer's.
+bool TryRemove(Host &host, std::uint32_t vpnId, const std::string &commands)
+{
+    try {
+        host.nftables.Run(vpnId, commands);
+        return true;
+    } catch (const std::system_error &failure) {
+        if (failure.code().value() != ENOENT) {
+            throw;
+        }
+        return false;
+    }
+}
+
 int Remove(Host &host, std::uint32_t vpnId, const RuleKey &key, std::uint32_t customerId)
 {
     const std::string subject = Describe(vpnId, key);
     try {
-        host.nftables.Run(vpnId, RemoveText(key, customerId));
-        return 0;
-    } catch (const std::system_error &failure) {
-        if (failure.code().value() != ENOENT) {
-            LogFailure(subject, "removed", failure);
-            throw;
+        if (TryRemove(host, vpnId, RemoveText(key, customerId)) ||
+            (key.table == VQ_CONF_RULE_TBL_TYPE_DNS && TryRemove(host, vpnId, RemoveOlderText(key, customerId)))) {
+            return 0;
         }
+    } catch (const std::system_error &failure) {
+        LogFailure(subject, "removed", failure);
+        throw;
     }
     // Not an error: the module may remove a rule that was never installed.
     Log(LogLevel::kNotice, "%s is not installed for customer %u", subject.c_str(), customerId);
     return -ENOENT;
 }
 
-// Whether the table `name` is in the output of "list tables".
-bool Lists(std::string_view tables, const std::string &name)
+// Whether `table` is in the output of "list tables".
+bool Lists(std::string_view tables, const std::string &table)
 {
-    return tables.find("table ip " + name + "\n") != std::string_view::npos;
+    return tables.find("table " + table + "\n") != std::string_view::npos;
+}
+
+// The listing of a table; empty when it is not in `tables`. Listing a table that does not exist fails without an errno.
+std::string ListingOf(Host &host, std::uint32_t vpnId, std::string_view tables, const std::string &table)
+{
+    return Lists(tables, table) ? host.nftables.Run(vpnId, "list table " + table + "\n") : std::string();
 }
 
 } // namespace
 
 InstalledRules FindInstalledRules(Host &host, std::uint32_t vpnId)
 {
-    const std::string tables = host.nftables.Run(vpnId, "list tables ip\n");
+    const std::string tables = host.nftables.Run(vpnId, "list tables\n");
+    const RuleKey dnsKey{VQ_CONF_RULE_TBL_TYPE_DNS, 0, vpnId + kDnsRuleIdOffset};
+    const std::string dns = ListingOf(host, vpnId, tables, RuleTable(dnsKey));
     InstalledRules found;
-    found.dns = Lists(tables, TableName({VQ_CONF_RULE_TBL_TYPE_DNS, 0, vpnId + kDnsRuleIdOffset}));
-    found.dnat =
-        vpnId == 0 && Lists(tables, TableName({VQ_CONF_RULE_TBL_TYPE_DNAT, 0, VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ}));
+    found.dns = IsDnsInstalled(dns, InterfacesOf(host.config, vpnId));
+    found.stale = !found.dns && (!dns.empty() || Lists(tables, OlderRuleTable(dnsKey)));
+    if (vpnId == 0) {
+        const RuleKey dnatKey{VQ_CONF_RULE_TBL_TYPE_DNAT, 0, VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ};
+        const std::string dnat = ListingOf(host, vpnId, tables, RuleTable(dnatKey));
+        found.dnat = IsDnatInstalled(dnat, host.config.c2p);
+        found.stale = found.stale || (!found.dnat && !dnat.empty());
+    }
     return found;
+}
+
+DnsInterfaces InterfacesOf(const Config &config, std::uint32_t vpnId)
+{
+    if (vpnId == 0) {
+        return {config.lan, config.c2p, config.wan};
+    }
+    const Vpn *vpn = config.Find(vpnId);
+    if (vpn == nullptr) {
+        throw RuleError(ENOENT, "the VPN is not configured");
+    }
+    DnsInterfaces interfaces{vpn->lan, {}, {}};
+    for (const Wan &wan : vpn->wan) {
+        interfaces.wan.push_back(wan.name);
+    }
+    return interfaces;
 }
 
 } // namespace kavel::agent

@@ -4,17 +4,25 @@
 
 #include <cstdint>
 
+#include "base/config.h"
 #include "services/host.h"
+#include "services/rule_text.h"
 
 namespace kavel::agent {
 
+// A rule counts as installed if its table contains what the agent would install now.
 struct InstalledRules {
-    bool dns = false;  // the DNS-table rule of the VPN
-    bool dnat = false; // the DNAT rule of the box; looked for in VPN 0 alone
+    bool dns = false;   // the DNS-table rule of the VPN
+    bool dnat = false;  // the DNAT rule of the box; looked for in VPN 0 alone
+    bool stale = false; // one of them is not installed, but a table of it exists: an older agent's, or a changed one
 };
 
-// The rules that are installed for a VPN. Throws std::system_error when the kernel cannot be asked.
+// The rules that are installed for a VPN. Throws std::system_error when the kernel cannot be asked or the VPN is not
+// configured.
 [[nodiscard]] InstalledRules FindInstalledRules(Host &host, std::uint32_t vpnId);
+
+// The configured interfaces that the DNS-table rule of a VPN needs. Throws RuleError when the VPN is not configured.
+[[nodiscard]] DnsInterfaces InterfacesOf(const Config &config, std::uint32_t vpnId);
 
 } // namespace kavel::agent
 
