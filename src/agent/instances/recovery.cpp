@@ -19,7 +19,7 @@ bool HasNoRule(Host &host, std::uint32_t vpnId)
 {
     try {
         const InstalledRules rules = FindInstalledRules(host, vpnId);
-        return !rules.dns && !rules.dnat;
+        return !rules.dns && !rules.dnat && !rules.stale;
     } catch (const std::system_error &failure) {
         Log(LogLevel::kWarning, "vpn %u: its rules cannot be read: %s", vpnId, failure.what());
         return false;

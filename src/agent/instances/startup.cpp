@@ -129,11 +129,12 @@ bool AdoptInstances(EventLoop &loop, const Config &config, const Instances &inst
     return true;
 }
 
-void InitializeModule(const ModuleFunctions &module, const Config &config)
+void InitializeModule(const ModuleFunctions &module, Host &host)
 {
     module.setPlatform();
     module.stopOldService();
-    for (const Vpn &vpn : config.vpns) {
+    for (const Vpn &vpn : host.config.vpns) {
+        const VpnScope scope(host, vpn.id);
         const VQ_ERR_T result = module.initDirectory(vpn.id);
         if (result < 0) {
             Log(LogLevel::kError, "vpn %u: no instance directory: %s", vpn.id, std::strerror(-result));
@@ -175,7 +176,7 @@ bool StartServices(EventLoop &loop, Host &host, const Instances &instances, cons
     if (!AdoptInstances(loop, host.config, instances, launches)) {
         return false;
     }
-    InitializeModule(module, host.config);
+    InitializeModule(module, host);
     if (!host.config.persistence) {
         return true;
     }
