@@ -164,6 +164,13 @@ def test_disable_removes_the_rule(running):
     assert not running.status()["rule"]
 
 
+def switch_off_and_fail(box):
+    """Switches the service of VPN 7 off; its instance must still run, and vqctl must say so."""
+    done = box.vqctl("apply", "-", input=json.dumps(message(enable=False)))
+    assert done.returncode == 4
+    assert done.stdout == "standard input: vpn 7: applied, STILL RUNNING: the instance still runs\n"
+
+
 def test_rule_that_cannot_be_removed_stops_the_teardown(running):
     """The result is success and the instance keeps running, since queries may still be steered to it."""
     running.apply(message())
@@ -172,7 +179,7 @@ def test_rule_that_cannot_be_removed_stops_the_teardown(running):
     (table,) = tables()
     run("ip", "netns", "exec", "vpn_7", "nft", "delete", "table", "inet", table)
 
-    running.apply(message(enable=False))
+    switch_off_and_fail(running)
 
     assert alive(pid)
     assert instances(7) == [pid]
@@ -187,7 +194,7 @@ def test_rule_of_another_customer_is_not_removed(box):
     box.configure({"id": 7, "customer": 2, "lan": ["lan0", "lan1"]})
     box.start()
 
-    box.apply(message(enable=False))
+    switch_off_and_fail(box)
 
     assert tables(), "the rule belongs to the first customer"
     assert instances(7)

@@ -16,7 +16,7 @@ struct Process {
     std::string name;   // as the kernel keeps it, 15 characters at most
     std::string executable;
     std::optional<uid_t> executableOwner; // nothing when others can write the file, too
-    std::string commandLine;        // as the kernel keeps it: each argument with its terminator
+    std::string commandLine;              // as the kernel keeps it: each argument with its terminator
     pid_t parent = 0;
     uid_t user = 0; // the effective one
     std::uint64_t uptimeSeconds = 0;

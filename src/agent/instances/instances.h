@@ -51,7 +51,7 @@ class Instances {
     // the user that it runs as, and the module trusts the file: that user could direct the module's signals. A replaced
     // file cannot be written through a descriptor that was opened before. Returns what the file holds now. Throws
     // std::system_error.
-    PidFile TakePidFile(std::uint32_t vpnId) const;
+    [[nodiscard]] PidFile TakePidFile(std::uint32_t vpnId) const;
 
     // Whether an instance of the VPN is meant to run, according to the last applied message. The mark is kept as long
     // as instances live: over a restart of the agent, but not over a restart of the box. Failures are logged.
