@@ -157,7 +157,7 @@ void Run(const Options &options)
     SetUpSignals();
     Config config = LoadConfig(options.config);
     ConfigureLog(config.log);
-    const AgentLock lock;
+    const AgentLock lock(config.socket);
     AdjustLimits(config);
     Host host(std::move(config));
     CheckVpns(host);

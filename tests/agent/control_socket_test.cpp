@@ -284,6 +284,25 @@ TEST_F(ControlSocketTest, RemovesTheSocketAtTheEnd)
     EXPECT_EQ(::access(path_.c_str(), F_OK), -1);
 }
 
+TEST_F(ControlSocketTest, RemovesNoSocketOfAnotherOwnerAtTheEnd)
+{
+    const auto second = std::make_unique<ControlSocket>(
+        loop_, path_, [](const ReceivedFrame & /*frame*/, const Respond &respond) { respond(Refusal(-77)); });
+    socket_.reset();
+    TestClient client(path_);
+    client.SendRequest(1);
+    AwaitReplies(client, 1);
+    EXPECT_THAT(client.Results(), ElementsAre(-77));
+}
+
+TEST_F(ControlSocketTest, RemovesNoFileThatTookItsPlaceAtTheEnd)
+{
+    ASSERT_EQ(::unlink(path_.c_str()), 0);
+    box_.Write("/agent.sock", "content");
+    socket_.reset();
+    EXPECT_EQ(ReadText(path_), "content");
+}
+
 TEST_F(ControlSocketTest, TakesThePlaceOfASocketThatWasLeftThere)
 {
     const ControlSocket second(loop_, path_,

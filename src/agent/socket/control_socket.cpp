@@ -68,6 +68,7 @@ UniqueFd Listen(const std::string &path)
 
 ControlSocket::ControlSocket(EventLoop &loop, std::string path, Handler handler)
     : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), listener_(Listen(path_)),
+      bound_(IdentityOfFile(path_)),
       accept_(loop.AddIo(listener_.Get(), EPOLLIN, [this](std::uint32_t /*events*/) { Accept(); })),
       resumeAccepting_(loop.AddTimer([this] {
           isAcceptPaused_ = false;
@@ -78,9 +79,12 @@ ControlSocket::ControlSocket(EventLoop &loop, std::string path, Handler handler)
 {
 }
 
+// The kernel keeps the inode of a bound socket until the socket is closed, so no other file has its number now.
 ControlSocket::~ControlSocket()
 {
-    ::unlink(path_.c_str());
+    if (IdentityOfFile(path_) == bound_) {
+        ::unlink(path_.c_str());
+    }
 }
 
 bool ControlSocket::IsFull() const

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "base/event_loop.h"
+#include "base/files.h"
 #include "socket/answer.h"
 #include "socket/connection.h"
 #include "unique_fd.h"
@@ -28,7 +29,7 @@ class ControlSocket {
     ControlSocket(EventLoop &loop, std::string path, Handler handler);
     ControlSocket(const ControlSocket &) = delete;
     ControlSocket &operator=(const ControlSocket &) = delete;
-    // Removes the socket.
+    // Removes the socket, unless another one is at the path by now.
     ~ControlSocket();
 
     // Stops accepting and reading. Calls `onDrained` when every reply is sent, and after 1 s at the latest.
@@ -63,6 +64,7 @@ class ControlSocket {
     std::string path_;
     Handler handler_;
     UniqueFd listener_;
+    FileIdentity bound_; // what listener_ was bound to
     std::map<ClientId, Client> clients_;
     ClientId lastId_ = 0;
     std::deque<ClientId> ready_; // clients whose next frame is in their buffer
