@@ -133,6 +133,9 @@ TEST_F(LogTest, ControlCharactersBecomeQuestionMarks)
     EXPECT_EQ(LineOf("a\xC2\x9B"
                      "b\xC3\xA9"),
               "NOTICE a?b\xC3\xA9\n");
+    EXPECT_EQ(LineOf("a\x9B"
+                     "b\u202Ec\u2028d"),
+              "NOTICE a?b?c?d\n");
 }
 
 TEST_F(LogTest, LinesOfTheJournalCarryTheirLevelAsANumber)

@@ -1,13 +1,17 @@
 """What other users, other programs and odd data must not do to a box and its operator."""
 
+import json
 import os
 import pathlib
 import socket
+import sqlite3
 import stat
 import subprocess
 import sys
 
-from box import SOCKET, connect, frame, message, read_frame
+import pytest
+
+from box import BUILD, SOCKET, STORE, connect, frame, message, read_frame, run, vpn_config
 
 LOCK = pathlib.Path("/run/kavel/agent.pid")
 STATUS = frame(b"\x08\x03")
@@ -22,6 +26,25 @@ except PermissionError:
     print("refused", flush=True)
 sys.stdin.read()
 """
+
+# A control character of ISO 6429 and a bidirectional override: as characters, and the first one as a byte alone.
+CONTROLS = ("\u009b".encode(), "\u202e".encode())
+LONE_BYTE = b"\x9b"
+
+
+@pytest.fixture
+def keeping(box):
+    """A box with persistence whose agent was started once and stopped: the store exists."""
+    run("rm", "-rf", STORE.parent)
+    box.configure(vpn_config(7), vpn_config(8), persistence=True, store=str(STORE))
+    box.start()
+    box.stop()
+    return box
+
+
+def store_row(vpn, text):
+    with sqlite3.connect(STORE) as store:
+        store.execute("INSERT INTO cpe_dnsmasq VALUES (?, CAST(? AS TEXT))", (vpn, text))
 
 
 def serves():
@@ -73,3 +96,53 @@ def test_the_end_of_an_agent_removes_no_socket_of_another_program(running):
 
         assert os.stat(SOCKET).st_ino == inode
     SOCKET.unlink()
+
+
+def show_as_bytes(vpn):
+    return subprocess.run([str(BUILD / "vqctl"), "store", "show", str(vpn)], capture_output=True, check=True).stdout
+
+
+def test_controls_in_a_stored_row_do_not_reach_the_terminal(keeping):
+    """VPN 7 has a record with such a host, VPN 8 a text that is no JSON."""
+    record = {"Enable": False, "VpnId": 7, "Op": 1, "DnsHostNum": 1,
+              "DnsHost": [{"Ip": "192.168.7.10", "Domain": "na\u202es\u009b.example"}]}
+    store_row(7, json.dumps(record, ensure_ascii=False).encode())
+    store_row(8, b"no JSON " + b"".join(CONTROLS) + LONE_BYTE)
+
+    keeping.start()
+
+    shown = show_as_bytes(7)
+    assert json.loads(shown) == record
+    assert b'"na\\u202es\\u009b.example"' in shown
+    assert show_as_bytes(8) == b"no JSON ???\n"
+
+
+def vqctl_as_bytes(command, text, *options):
+    return subprocess.run([str(BUILD / "vqctl"), command, *options, "-"], input=text, capture_output=True)
+
+
+def test_controls_in_a_message_reach_neither_the_terminal_nor_the_log(running):
+    """The module names the domain of a forward that it skips; vqctl names a key that it does not know."""
+    forward = {"domains": ["a\u202eb\u009bc"], "serverips": ["10.7.0.53"]}
+    running.apply(message(dnsproxies=[forward]))
+    lone = json.dumps(message(dnsproxies=[{**forward, "domains": ["loneX"]}])).encode()
+    packed = vqctl_as_bytes("encode", lone).stdout.replace(b"loneX", b"lone" + LONE_BYTE)
+    assert vqctl_as_bytes("apply", packed, "--binary").returncode == 0
+    odd_key = vqctl_as_bytes("apply", json.dumps(message(**{"k\u202e\u009b": 1}), ensure_ascii=False).encode())
+
+    assert odd_key.returncode == 2
+    assert b"k??: unknown key" in odd_key.stderr
+    log = running.log_path.read_bytes()
+    for text in (b"domain(a?b?c) is invalid", b"domain(lone?) is invalid"):
+        assert text in log
+    for control in (*CONTROLS, LONE_BYTE):
+        assert control not in odd_key.stdout + odd_key.stderr + log
+
+
+def test_controls_in_a_file_name_reach_no_terminal():
+    for program, options in (("vqagent", ["--config"]), ("vqctl", ["encode"])):
+        odd = b"/no/\x1b[2J\xc2\x9b" + "\u202e".encode() + LONE_BYTE
+        done = subprocess.run([str(BUILD / program).encode(), *(word.encode() for word in options), odd],
+                              capture_output=True)
+        assert done.returncode == 2
+        assert b"/no/?[2J???" in done.stderr

@@ -25,7 +25,7 @@ void ConfigureLog(LogLevel threshold);
 // Writes one line if its level is logged. A trailing line feed in the text is neither needed nor doubled.
 void Log(LogLevel level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// Writes one line whatever the threshold is. Control characters become '?', and every line of the text after the first
+// Writes one line whatever the threshold is. It is as Printable() gives it, and every line of the text after the first
 // is indented: a text from outside cannot forge a line.
 void WriteLogLine(LogLevel level, std::string_view text);
 
