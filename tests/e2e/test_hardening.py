@@ -1,8 +1,11 @@
 """What other users, other programs and odd data must not do to a box and its operator."""
 
+import contextlib
 import json
 import os
 import pathlib
+import re
+import select
 import socket
 import sqlite3
 import stat
@@ -13,6 +16,7 @@ import pytest
 
 from box import BUILD, SOCKET, STORE, connect, frame, message, read_frame, run, vpn_config
 
+SANITIZED = "KAVEL_SANITIZED" in os.environ  # a sanitizer keeps freed memory for a while
 LOCK = pathlib.Path("/run/kavel/agent.pid")
 STATUS = frame(b"\x08\x03")
 
@@ -146,3 +150,38 @@ def test_controls_in_a_file_name_reach_no_terminal():
                               capture_output=True)
         assert done.returncode == 2
         assert b"/no/?[2J???" in done.stderr
+
+
+def peak_memory_mib(pid):
+    (line,) = re.findall(r"^VmHWM:\s+(\d+) kB$", pathlib.Path(f"/proc/{pid}/status").read_text(), re.MULTILINE)
+    return int(line) / 1024
+
+
+def send_until_answered(peer, header, size):
+    """Sends a frame's header and `size` bytes of it. Returns the answer if one comes meanwhile."""
+    peer.sendall(header)
+    piece = bytes(256 * 1024)
+    for _ in range(size // len(piece)):
+        peer.sendall(piece)
+        if select.select([peer], [], [], 0)[0]:
+            return read_frame(peer)
+    return None
+
+
+def test_unfinished_frames_of_many_clients_do_not_take_the_memory(running):
+    """60 clients send 15 MiB each of a frame of 16 MiB, 900 MiB in all. The agent holds 64 MiB of them."""
+    before = peak_memory_mib(running.agent.pid)
+    answers = []
+    with contextlib.ExitStack() as stack:
+        for _ in range(60):
+            peer = stack.enter_context(connect())
+            answers.append(send_until_answered(peer, (16 * 1024 * 1024).to_bytes(4, "big"), 15 * 1024 * 1024))
+        assert peak_memory_mib(running.agent.pid) < before + 64 + 32 or SANITIZED
+
+        assert serves()
+        running.apply(message())
+
+    refused = [answer for answer in answers if answer is not None]
+    assert len(refused) == 56
+    assert all(b"would take more than 67108864 bytes" in answer for answer in refused)
+    running.apply(message(dnshosts=None))
