@@ -14,7 +14,7 @@ import sys
 
 import pytest
 
-from box import BUILD, SOCKET, STORE, connect, frame, message, read_frame, run, vpn_config
+from box import BUILD, SOCKET, STORE, connect, expect, frame, message, read_frame, run, vpn_config
 
 SANITIZED = "KAVEL_SANITIZED" in os.environ  # a sanitizer keeps freed memory for a while
 LOCK = pathlib.Path("/run/kavel/agent.pid")
@@ -185,3 +185,26 @@ def test_unfinished_frames_of_many_clients_do_not_take_the_memory(running):
     assert len(refused) == 56
     assert all(b"would take more than 67108864 bytes" in answer for answer in refused)
     running.apply(message(dnshosts=None))
+
+
+def test_a_large_stored_row_does_not_take_the_memory(keeping):
+    """A row of 100 MB is told in every answer and in the log, and is never read. The other row is recovered."""
+    record = {"Enable": True, "VpnId": 7, "Op": 1, "DnsHostNum": 1,
+              "DnsHost": [{"Ip": "192.168.7.10", "Domain": "nas.vpn7.example"}], "LocalIp": "0.0.0.0"}
+    store_row(7, json.dumps(record))
+    with sqlite3.connect(STORE) as store:
+        store.execute("INSERT INTO cpe_dnsmasq VALUES (8, CAST(zeroblob(100000000) AS TEXT))")
+    problem = "its text has 100000000 bytes; at most 33554432 are read"
+
+    keeping.start()
+
+    expect("192.168.7.10", "nas.vpn7.example")
+    assert f"ERROR vpn 8: its stored record cannot be read, and is kept: {problem}" in keeping.log()
+    for _ in range(3):
+        assert keeping.status(8)["problems"] == [f"its stored record cannot be read: {problem}"]
+        assert problem in keeping.vqctl("status").stdout
+        listed = keeping.vqctl("store", "list", check=True).stdout
+        assert f"vpn 8: {problem}" in listed and "100000000" in listed
+        assert problem in keeping.vqctl("store", "show", "8").stderr
+    assert peak_memory_mib(keeping.agent.pid) < 40 or SANITIZED
+    assert keeping.status(7)["problems"] == []
