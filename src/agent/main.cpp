@@ -24,7 +24,6 @@
 #include "instances/module.h"
 #include "instances/pending_launches.h"
 #include "instances/startup.h"
-#include "printable.h"
 #include "services/host.h"
 #include "services/memory_malloc.h"
 #include "socket/control_socket.h"
@@ -177,7 +176,7 @@ void Run(const Options &options)
 
 int ReportError(const std::string &text, int status)
 {
-    std::fprintf(stderr, "vqagent: %s\n", kavel::Printable(text).c_str());
+    WriteFinalLine(text);
     return status;
 }
 

@@ -208,3 +208,29 @@ def test_a_large_stored_row_does_not_take_the_memory(keeping):
         assert problem in keeping.vqctl("store", "show", "8").stderr
     assert peak_memory_mib(keeping.agent.pid) < 40 or SANITIZED
     assert keeping.status(7)["problems"] == []
+
+
+def test_a_log_reader_that_stops_does_not_stop_the_agent(box, monkeypatch):
+    """Nobody reads the agent's standard error, a pipe of 64 KiB, while 5,000 requests write more than 150 KiB."""
+    reader, writer = os.pipe()
+    monkeypatch.setattr(box, "spawn", lambda *options, **environment: subprocess.Popen(
+        [str(BUILD / "vqagent"), *options], stdout=subprocess.DEVNULL, stderr=writer,
+        env={**os.environ, **environment}))
+    box.start()
+    os.close(writer)
+    create_directory = frame(b"\x08\x04\x18\x07")  # of VPN 7
+    with connect() as peer:
+        for _ in range(5000):
+            peer.sendall(create_directory)
+            assert read_frame(peer)
+    box.apply(message())
+    expect("192.168.7.10", "nas.vpn7.example")
+
+    os.set_blocking(reader, False)
+    text = os.read(reader, 1 << 20)
+    assert len(text) > 32768 and b" of the log were lost" not in text, "the pipe was full"
+    box.apply(message())
+    (lost,) = re.findall(rb"^WARNING (\d+) lines of the log were lost\n", os.read(reader, 1 << 20))
+    assert int(lost) > 1000
+    assert box.stop() == 0
+    os.close(reader)
