@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 import select
+import signal
 import socket
 import sqlite3
 import stat
@@ -14,7 +15,7 @@ import sys
 
 import pytest
 
-from box import BUILD, SOCKET, STORE, connect, expect, frame, message, read_frame, run, vpn_config
+from box import BUILD, SOCKET, STORE, connect, expect, frame, message, read_frame, run, vpn_config, wait_until
 
 SANITIZED = "KAVEL_SANITIZED" in os.environ  # a sanitizer keeps freed memory for a while
 LOCK = pathlib.Path("/run/kavel/agent.pid")
@@ -234,3 +235,47 @@ def test_a_log_reader_that_stops_does_not_stop_the_agent(box, monkeypatch):
     assert int(lost) > 1000
     assert box.stop() == 0
     os.close(reader)
+
+
+def children(pid):
+    """The state of each child process, by its pid."""
+    found = {}
+    for entry in pathlib.Path("/proc").glob("[0-9]*/stat"):
+        with contextlib.suppress(OSError):
+            text = entry.read_text()
+            state, parent = text.rpartition(")")[2].split()[:2]
+            if int(parent) == pid:
+                found[int(text.split()[0])] = state
+    return found
+
+
+@pytest.fixture
+def process_one(box, monkeypatch):
+    """A box whose agent is process 1 of its pid namespace. Returns the box and the agent's pid outside."""
+    monkeypatch.setattr(box, "spawn", lambda *options, **environment: subprocess.Popen(
+        ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc", str(BUILD / "vqagent"), *options],
+        stdout=box.log_path.open("a"), stderr=subprocess.STDOUT, env={**os.environ, **environment}))
+    box.start()
+    (agent,) = children(box.agent.pid)
+    return box, agent
+
+
+def test_as_process_one_the_agent_leaves_no_zombies(process_one):
+    """Neither of a process that lost its parent, nor of an instance, which leaves its shell when it starts."""
+    box, agent = process_one
+    status = pathlib.Path(f"/proc/{agent}/status").read_text()
+    assert re.search(r"^NSpid:.*\t1$", status, re.MULTILINE), "it is process 1"
+    run("nsenter", f"--target={agent}", "--pid", "--mount", "sh", "-c", "sleep 1000 < /dev/null > /dev/null 2>&1 &")
+    (orphan,) = wait_until(lambda: children(agent), "the agent inherits the process")
+
+    os.kill(orphan, signal.SIGTERM)
+
+    wait_until(lambda: children(agent) == {}, "the process is reaped")
+    box.apply(message())
+    expect("192.168.7.10", "nas.vpn7.example")
+    (instance,) = children(agent).values()
+    assert instance != "Z"
+    box.apply(message(enable=False))
+    wait_until(lambda: children(agent) == {}, "the instance is reaped")
+    os.kill(agent, signal.SIGTERM)
+    assert box.agent.wait(timeout=10) == 0
