@@ -3,6 +3,7 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include <array>
 #include <csignal>
@@ -14,6 +15,7 @@
 #include <string>
 #include <utility>
 
+#include "base/child_reaper.h"
 #include "base/config.h"
 #include "base/event_loop.h"
 #include "base/failure.h"
@@ -157,7 +159,7 @@ void Run(const Options &options)
     SetUpSignals();
     Config config = LoadConfig(options.config);
     ConfigureLog(config.log);
-    const AgentLock lock;
+    const AgentLock lock(config.socket);
     AdjustLimits(config);
     Host host(std::move(config));
     CheckVpns(host);
@@ -165,6 +167,7 @@ void Run(const Options &options)
     const Module module(options.module, host);
     Log(LogLevel::kDebug, "module %s", module.Path().c_str());
     EventLoop loop;
+    const EventSource children = ::getpid() == 1 ? ReapChildren(loop) : EventSource();
     const Instances instances({}, host.identity);
     PendingLaunches launches(loop, instances, host.launchOutputs);
     if (Start(loop, host, instances, module, launches)) {
@@ -176,7 +179,7 @@ void Run(const Options &options)
 
 int ReportError(const std::string &text, int status)
 {
-    std::fprintf(stderr, "vqagent: %s\n", text.c_str());
+    WriteFinalLine(text);
     return status;
 }
 

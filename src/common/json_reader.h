@@ -57,7 +57,7 @@ class JsonPath {
     std::size_t index_ = 0;
 };
 
-// Throws InputError: the path, if it is not empty, and `why`. Control characters in it become '?'.
+// Throws InputError: the path, if it is not empty, and `why`, as Printable() gives them.
 [[noreturn]] void Refuse(const JsonPath &path, const std::string &why);
 
 // A value and its path. The document owns the value.

@@ -1,30 +1,22 @@
-// Text from outside, made safe for one line on a terminal or in a log.
+// Text from outside, made safe for a terminal and for a log.
 #ifndef KAVEL_COMMON_PRINTABLE_H
 #define KAVEL_COMMON_PRINTABLE_H
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 
 namespace kavel {
 
-// `text` with each control character replaced by '?', so that it can neither control a terminal nor end the line.
-inline std::string Printable(std::string_view text)
-{
-    const auto isControl = [](unsigned char byte) { return byte < 0x20U || byte == 0x7FU; };
-    // The second range of control characters, U+0080 to U+009F, in UTF-8.
-    const auto isEncodedControl = [](std::string_view rest) {
-        return rest.size() >= 2 && rest[0] == '\xC2' && (static_cast<unsigned char>(rest[1]) & 0xE0U) == 0x80U;
-    };
-    std::string result;
-    result.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool hasTwoBytes = isEncodedControl(text.substr(i));
-        result += hasTwoBytes || isControl(static_cast<unsigned char>(text[i])) ? '?' : text[i];
-        i += hasTwoBytes ? 1 : 0;
-    }
-    return result;
-}
+// `text` in UTF-8, with '?' in the place of what could control a terminal, end the line or change the order in which
+// characters are shown: control characters (U+0000 to U+001F, U+007F to U+009F), bidirectional controls (U+061C,
+// U+200E, U+200F, U+202A to U+202E, U+2066 to U+2069), line and paragraph separators (U+2028, U+2029), and each byte
+// that is not part of valid UTF-8.
+std::string Printable(std::string_view text);
+
+// `json`, a JSON text whose only control characters are line feeds between its tokens, with the escape \uXXXX in the
+// place of each other character that Printable() replaces. The escape of a byte that is not part of valid UTF-8 is
+// \ufffd.
+std::string PrintableJson(std::string_view json);
 
 } // namespace kavel
 

@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "number.h"
+#include "printable.h"
 #include "status_output.h"
 
 namespace {
@@ -144,7 +145,7 @@ std::string UsageText(const CLI::App *app, const CLI::Error &error)
 {
     const std::vector<std::string> unknown = app->remaining(true);
     const std::string why = unknown.empty() ? error.what() : "\"" + unknown.front() + "\" is not a known argument";
-    return "vqctl: " + why + " (see vqctl --help)\n";
+    return "vqctl: " + kavel::Printable(why) + " (see vqctl --help)\n";
 }
 
 int Main(int argc, char **argv)
@@ -169,7 +170,7 @@ int main(int argc, char **argv)
     try {
         return Main(argc, argv);
     } catch (const std::exception &error) {
-        std::cerr << "vqctl: " << error.what() << '\n';
+        std::cerr << "vqctl: " << kavel::Printable(error.what()) << '\n';
         return kBadInput;
     }
 }

@@ -273,8 +273,7 @@ std::string StatusJson(StatusList vpns)
             throw std::bad_alloc();
         }
     }
-    const int format = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
-    return std::string(json_object_to_json_string_ext(list.get(), format)) + "\n";
+    return JsonDocument(list.get());
 }
 
 bool AnyProblem(StatusList vpns)

@@ -24,7 +24,8 @@ std::string MemoryText(std::uint64_t bytes);
 std::string StatusTable(StatusList vpns, bool colour);
 
 // An array with one object for each VPN. The members are the fields of VpnStatus in control.proto, under the same
-// names, and `state`, the word in the table. An optional field that is absent is null; `starting` is false then.
+// names, and `state`, the word in the table. An optional field that is absent is null; `starting` is false then. What
+// must not reach a terminal is escaped.
 std::string StatusJson(StatusList vpns);
 
 // Whether any VPN has a problem. "starting" is not one.

@@ -56,9 +56,7 @@ std::string StoredTable(StoredList records)
 std::string StoredText(std::string_view text)
 {
     try {
-        const JsonPtr json = ParseJson(std::string(text));
-        const int format = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
-        return std::string(json_object_to_json_string_ext(json.get(), format)) + "\n";
+        return JsonDocument(ParseJson(std::string(text)).get());
     } catch (const InputError &) {
         return Printable(text) + "\n";
     }

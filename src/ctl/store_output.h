@@ -15,7 +15,8 @@ using StoredList = std::span<const Kavel__StoredRecord *const>;
 // A row for each record. Below the rows, a line for each record that cannot be read, with the reason.
 std::string StoredTable(StoredList records);
 
-// A stored text: indented if it is JSON. Otherwise it is shown as it is, but with control characters replaced by '?'.
+// A stored text: indented if it is JSON, and with what must not reach a terminal escaped. Otherwise it is shown as it
+// is, but with those characters replaced by '?'.
 std::string StoredText(std::string_view text);
 
 } // namespace kavel::ctl

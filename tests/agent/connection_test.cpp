@@ -20,7 +20,7 @@ constexpr std::chrono::seconds kStallTime{10};
 // A connection and the client's end of it, which does not block either.
 class ConnectionTest : public testing::Test {
   protected:
-    ConnectionTest() : connection_(MakePair(), 4711, kStart) {}
+    ConnectionTest() : connection_(MakePair(), 4711, kStart, budget_) {}
 
     UniqueFd MakePair()
     {
@@ -74,6 +74,7 @@ class ConnectionTest : public testing::Test {
     }
 
     UniqueFd client_;
+    ReceiveBudget budget_{std::size_t{32} * 1024 * 1024};
     Connection connection_;
 };
 
@@ -196,7 +197,7 @@ TEST_F(ConnectionTest, AcceptsTheLongestFrameAndNoLongerOne)
     EXPECT_FALSE(connection_.HasFrame());
     EXPECT_EQ(connection_.WantedEvents(), EPOLLIN);
 
-    Connection other(MakePair(), 1, kStart);
+    Connection other(MakePair(), 1, kStart, budget_);
     Send({1, 0, 0, 1});
     other.Advance(kStart);
     EXPECT_TRUE(other.IsOversized());
@@ -216,6 +217,44 @@ TEST_F(ConnectionTest, ReadsAFrameThatIsLongerThanTheBuffersOfTheSocket)
     }
     ASSERT_TRUE(connection_.HasFrame());
     EXPECT_TRUE(TakeFrame() == content);
+}
+
+TEST_F(ConnectionTest, ExceedsTheBudgetWithBytesThatDoNotFit)
+{
+    ReceiveBudget small(1000);
+    Connection other(MakePair(), 1, kStart, small);
+    Send({1, 0, 0, 0});
+    Send(Bytes(ReceiveBudget::kOwnBytes, 7));
+    other.Advance(kStart);
+    EXPECT_EQ(small.Shared(), 4U);
+    EXPECT_FALSE(other.ExceedsBudget());
+    EXPECT_EQ(other.WantedEvents(), EPOLLIN);
+
+    Send(Bytes(997, 7));
+    other.Advance(kStart);
+    EXPECT_TRUE(other.ExceedsBudget());
+    EXPECT_EQ(other.WantedEvents(), 0U);
+    EXPECT_FALSE(other.IsFinished());
+    EXPECT_FALSE(other.IsIdle());
+
+    other.Dismiss(FrameOf({8}), kStart);
+    EXPECT_EQ(small.Shared(), 0U);
+    EXPECT_FALSE(other.ExceedsBudget());
+    EXPECT_EQ(Received(), FrameOf({8}));
+    Send(Bytes(100'000, 7));
+    other.Advance(kStart);
+    EXPECT_EQ(small.Shared(), 0U);
+    EXPECT_FALSE(other.ExceedsBudget());
+}
+
+TEST_F(ConnectionTest, AFrameThatIsHandedOverLeavesTheBudget)
+{
+    const std::size_t size = ReceiveBudget::kOwnBytes + 500;
+    SendAndAdvance(FrameOf(Bytes(size - control::kFrameHeaderSize)));
+    EXPECT_EQ(budget_.Shared(), 500U);
+    const ReceivedFrame frame = connection_.BeginRequest();
+    EXPECT_EQ(frame.bytes.size(), size);
+    EXPECT_EQ(budget_.Shared(), 0U);
 }
 
 TEST_F(ConnectionTest, DismissSendsALastAnswerAndDiscardsWhatComes)

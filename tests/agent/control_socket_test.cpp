@@ -319,6 +319,25 @@ TEST_F(ControlSocketTest, RemovesTheSocketAtTheEnd)
     EXPECT_EQ(::access(path_.c_str(), F_OK), -1);
 }
 
+TEST_F(ControlSocketTest, RemovesNoSocketOfAnotherOwnerAtTheEnd)
+{
+    const auto second = std::make_unique<ControlSocket>(
+        loop_, path_, [](const ReceivedFrame & /*frame*/, const Respond &respond) { respond(Refusal(-77)); });
+    socket_.reset();
+    TestClient client(path_);
+    client.SendRequest(1);
+    AwaitReplies(client, 1);
+    EXPECT_THAT(client.Results(), ElementsAre(-77));
+}
+
+TEST_F(ControlSocketTest, RemovesNoFileThatTookItsPlaceAtTheEnd)
+{
+    ASSERT_EQ(::unlink(path_.c_str()), 0);
+    box_.Write("/agent.sock", "content");
+    socket_.reset();
+    EXPECT_EQ(ReadText(path_), "content");
+}
+
 TEST_F(ControlSocketTest, TakesThePlaceOfASocketThatWasLeftThere)
 {
     const ControlSocket second(loop_, path_,
@@ -334,6 +353,72 @@ TEST_F(ControlSocketTest, DoesNotReplaceAFile)
     box_.Write("/file", "content");
     EXPECT_THROW(ControlSocket(loop_, box_.Path("/file"), {}), std::system_error);
     EXPECT_EQ(ReadText(box_.Path("/file")), "content");
+}
+
+class BudgetTest : public ControlSocketTest {
+  protected:
+    // An unfinished frame of the maximum size, of which the agent holds `size` bytes.
+    void SendPartOfAFrame(TestClient &client, std::size_t size)
+    {
+        client.Send({1, 0, 0, 0});
+        DispatchReady(loop_);
+        for (std::size_t left = size - control::kFrameHeaderSize; left > 0;) {
+            const std::size_t piece = std::min<std::size_t>(left, 65536);
+            client.Send(Bytes(piece));
+            DispatchReady(loop_);
+            left -= piece;
+        }
+    }
+
+    static constexpr std::size_t kMebi = std::size_t{1024} * 1024;
+};
+
+TEST_F(BudgetTest, DismissesTheClientWhoseBytesDoNotFit)
+{
+    for (std::size_t i = 0; i < 6; ++i) {
+        SendPartOfAFrame(Connect(), 10 * kMebi);
+        EXPECT_TRUE(Client(i).Results().empty());
+    }
+    LogCapture log;
+    TestClient &last = Connect();
+    last.Send({1, 0, 0, 0});
+    for (int i = 0; i < 40 && last.Results().empty(); ++i) {
+        last.Send(Bytes(65536));
+        DispatchReady(loop_);
+    }
+    EXPECT_THAT(last.Results(), ElementsAre(-ENOBUFS));
+    EXPECT_EQ(last.Text(), "the unfinished frames of all clients would take more than 67108864 bytes");
+    EXPECT_TRUE(last.HasEnded());
+    EXPECT_THAT(log.Take(), HasSubstr("is dismissed: the unfinished frames"));
+    for (std::size_t i = 0; i < 6; ++i) {
+        EXPECT_FALSE(Client(i).HasEnded()) << i;
+    }
+}
+
+TEST_F(BudgetTest, ServesOthersWhileTheBudgetIsFull)
+{
+    LogCapture log;
+    for (std::size_t i = 0; i < 6; ++i) {
+        SendPartOfAFrame(Connect(), 10 * kMebi + ReceiveBudget::kOwnBytes);
+    }
+    TestClient &other = Connect();
+    other.Send(FrameOf(Bytes(ReceiveBudget::kOwnBytes - control::kFrameHeaderSize, 5)));
+    AwaitReplies(other, 1);
+    EXPECT_THAT(other.Results(), ElementsAre(5));
+}
+
+TEST_F(BudgetTest, HasRoomAgainWhenAClientLeaves)
+{
+    LogCapture log;
+    for (std::size_t i = 0; i < 6; ++i) {
+        SendPartOfAFrame(Connect(), 10 * kMebi + ReceiveBudget::kOwnBytes);
+    }
+    clients_.pop_front();
+    DispatchReady(loop_);
+    TestClient &next = Connect();
+    SendPartOfAFrame(next, 10 * kMebi + ReceiveBudget::kOwnBytes);
+    EXPECT_TRUE(next.Results().empty());
+    EXPECT_FALSE(next.HasEnded());
 }
 
 // ---- Drain ----

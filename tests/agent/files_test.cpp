@@ -256,5 +256,18 @@ TEST(RemoveTemporaryFiles, IgnoresAMissingDirectory)
     EXPECT_NO_THROW(RemoveTemporaryFiles(directory.File("none"), kNames));
 }
 
+TEST(FileIdentity, TellsAFileFromTheOneThatTookItsPlace)
+{
+    const ScratchDirectory directory;
+    const std::string path = directory.Write("file", "1");
+    const FileIdentity before = IdentityOfFile(path);
+    EXPECT_EQ(IdentityOfFile(path), before);
+    (void)directory.Write("other", "1");
+    std::filesystem::rename(directory.File("other"), path);
+    EXPECT_NE(IdentityOfFile(path), before);
+    std::filesystem::remove(path);
+    EXPECT_EQ(IdentityOfFile(path), FileIdentity());
+}
+
 } // namespace
 } // namespace kavel::agent

@@ -1,11 +1,15 @@
 #include "base/log.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <clocale>
 #include <cstdlib>
 #include <string>
@@ -15,6 +19,7 @@
 namespace kavel::agent {
 namespace {
 
+using testing::MatchesRegex;
 using testing::Optional;
 
 constexpr std::array<LogLevel, 4> kLevels{LogLevel::kError, LogLevel::kWarning, LogLevel::kNotice, LogLevel::kDebug};
@@ -133,6 +138,9 @@ TEST_F(LogTest, ControlCharactersBecomeQuestionMarks)
     EXPECT_EQ(LineOf("a\xC2\x9B"
                      "b\xC3\xA9"),
               "NOTICE a?b\xC3\xA9\n");
+    EXPECT_EQ(LineOf("a\x9B"
+                     "b\u202Ec\u2028d"),
+              "NOTICE a?b?c?d\n");
 }
 
 TEST_F(LogTest, LinesOfTheJournalCarryTheirLevelAsANumber)
@@ -173,6 +181,186 @@ TEST_F(LogTest, AFormatMayGiveAnyLength)
     const CapturedStderr captured;
     Log(LogLevel::kError, "%s", large.c_str());
     EXPECT_EQ(captured.Text(), "ERROR " + large + "\n");
+}
+
+TEST_F(LogTest, AFinalLineHasNoLevel)
+{
+    const CapturedStderr captured;
+    WriteFinalLine("\u202Efirst\nsecond\n");
+    EXPECT_EQ(captured.Text(), "vqagent: ?first\n    second\n");
+}
+
+// Standard error that takes no more than four pages until they are read.
+class StoppedReaderTest : public LogTest {
+  protected:
+    StoppedReaderTest()
+    {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+        reader_ = UniqueFd(ends[0]);
+        const UniqueFd writer(ends[1]);
+        EXPECT_EQ(::fcntl(writer.Get(), F_SETPIPE_SZ, static_cast<int>(kCapacity)), static_cast<int>(kCapacity));
+        EXPECT_EQ(::fcntl(reader_.Get(), F_SETFL, O_NONBLOCK), 0);
+        Use(writer.Get());
+    }
+    ~StoppedReaderTest() override
+    {
+        const CapturedStderr captured; // for what is still to be told
+        WriteLogLine(LogLevel::kNotice, "end");
+        Use(own_.Get());
+    }
+
+    static void Use(int descriptor) { EXPECT_EQ(::dup2(descriptor, STDERR_FILENO), STDERR_FILENO); }
+    static void Fill()
+    {
+        const std::string bytes(kCapacity, 'x');
+        EXPECT_EQ(::write(STDERR_FILENO, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    }
+    // What is in the pipe.
+    [[nodiscard]] std::string Drain() const
+    {
+        std::string text;
+        std::array<char, 4096> bytes{};
+        for (ssize_t size = 0; (size = ::read(reader_.Get(), bytes.data(), bytes.size())) > 0;) {
+            text.append(bytes.data(), static_cast<std::size_t>(size));
+        }
+        EXPECT_EQ(errno, EAGAIN);
+        return text;
+    }
+
+    static constexpr std::size_t kCapacity = 16384;
+    UniqueFd own_{::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)};
+    UniqueFd reader_;
+};
+
+TEST_F(StoppedReaderTest, LosesLinesAndTellsHowMany)
+{
+    Fill();
+    for (int i = 0; i < 3; ++i) {
+        Log(LogLevel::kError, "lost");
+    }
+    EXPECT_EQ(Drain(), std::string(kCapacity, 'x'));
+    Log(LogLevel::kError, "next");
+    Log(LogLevel::kError, "last");
+    EXPECT_EQ(Drain(), "WARNING 3 lines of the log were lost\nERROR next\nERROR last\n");
+}
+
+TEST_F(StoppedReaderTest, TellsOneLostLineWhateverTheThresholdIs)
+{
+    ConfigureLog(LogLevel::kError);
+    Fill();
+    Log(LogLevel::kError, "lost");
+    Log(LogLevel::kNotice, "below the threshold");
+    (void)Drain();
+    WriteFinalLine("next");
+    EXPECT_EQ(Drain(), "WARNING 1 line of the log was lost\nvqagent: next\n");
+}
+
+TEST_F(StoppedReaderTest, NothingIsLostWhileTheReaderKeepsUp)
+{
+    std::string read;
+    for (int i = 0; i < 1000; ++i) {
+        Log(LogLevel::kError, "%s", std::string(500, 'a').c_str());
+        read += Drain();
+    }
+    EXPECT_EQ(read.size(), 1000 * (500 + sizeof("ERROR ")));
+}
+
+TEST_F(StoppedReaderTest, ALineThatIsCutIsEndedBeforeTheNext)
+{
+    const std::string large(100'000, 'x');
+    Log(LogLevel::kError, "%s", large.c_str());
+    Log(LogLevel::kError, "lost");
+    EXPECT_EQ(Drain(), ("ERROR " + large).substr(0, kCapacity));
+    Log(LogLevel::kError, "next");
+    EXPECT_EQ(Drain(), "\nWARNING 2 lines of the log were lost\nERROR next\n");
+}
+
+TEST_F(StoppedReaderTest, TheDescriptorKeepsItsFlags)
+{
+    const int before = ::fcntl(STDERR_FILENO, F_GETFL);
+    Fill();
+    Log(LogLevel::kError, "lost");
+    EXPECT_EQ(::fcntl(STDERR_FILENO, F_GETFL), before);
+    EXPECT_EQ(before & O_NONBLOCK, 0);
+}
+
+TEST_F(StoppedReaderTest, AFullDiskLosesLinesToo)
+{
+    const UniqueFd pipe(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+    const UniqueFd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    ASSERT_TRUE(full);
+    Use(full.Get());
+    Log(LogLevel::kError, "lost");
+    Use(pipe.Get());
+    Log(LogLevel::kError, "next");
+    EXPECT_EQ(Drain(), "WARNING 1 line of the log was lost\nERROR next\n");
+}
+
+TEST_F(StoppedReaderTest, AClosedStandardErrorLosesLinesToo)
+{
+    const UniqueFd pipe(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+    ASSERT_EQ(::close(STDERR_FILENO), 0);
+    Log(LogLevel::kError, "lost");
+    Use(pipe.Get());
+    Log(LogLevel::kError, "next");
+    EXPECT_EQ(Drain(), "WARNING 1 line of the log was lost\nERROR next\n");
+}
+
+// A terminal whose other end is not read, for a scope.
+class StoppedTerminal {
+  public:
+    StoppedTerminal() : reader_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK))
+    {
+        std::array<char, 64> name{};
+        if (!reader_ || ::grantpt(reader_.Get()) != 0 || ::unlockpt(reader_.Get()) != 0 ||
+            ::ptsname_r(reader_.Get(), name.data(), name.size()) != 0) {
+            return;
+        }
+        terminal_ = UniqueFd(::open(name.data(), O_WRONLY | O_NOCTTY | O_CLOEXEC));
+        termios settings{};
+        EXPECT_EQ(::tcgetattr(terminal_.Get(), &settings), 0);
+        ::cfmakeraw(&settings);
+        EXPECT_EQ(::tcsetattr(terminal_.Get(), TCSANOW, &settings), 0);
+    }
+
+    [[nodiscard]] int Fd() const { return terminal_.Get(); }
+    // What was written to it, up to a text with this end.
+    [[nodiscard]] std::string ReadUntil(const std::string &end, int timeoutMs = 10'000) const
+    {
+        std::string text;
+        std::array<char, 4096> bytes{};
+        pollfd waited{reader_.Get(), POLLIN, 0};
+        while (!text.ends_with(end) && ::poll(&waited, 1, timeoutMs) == 1) {
+            const ssize_t size = ::read(reader_.Get(), bytes.data(), bytes.size());
+            if (size <= 0) {
+                break;
+            }
+            text.append(bytes.data(), static_cast<std::size_t>(size));
+        }
+        return text;
+    }
+
+  private:
+    UniqueFd reader_;
+    UniqueFd terminal_;
+};
+
+TEST_F(StoppedReaderTest, ATerminalThatIsNotReadLosesLinesToo)
+{
+    const StoppedTerminal terminal;
+    if (terminal.Fd() < 0) {
+        GTEST_SKIP() << "no pseudo-terminal";
+    }
+    Use(terminal.Fd());
+    for (int i = 0; i < 5000; ++i) {
+        Log(LogLevel::kError, "%s", std::string(100, 'x').c_str());
+    }
+    Log(LogLevel::kError, "lost");
+    EXPECT_FALSE(terminal.ReadUntil("lost\n", 500).ends_with("lost\n"));
+    Log(LogLevel::kError, "next");
+    EXPECT_THAT(terminal.ReadUntil("ERROR next\n"),
+                MatchesRegex("\n?WARNING [0-9]+ lines of the log were lost\nERROR next\n"));
 }
 
 // The C locale has no byte for this character.

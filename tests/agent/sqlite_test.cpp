@@ -83,6 +83,36 @@ TEST_F(SqliteTest, ReadsOneNumber)
     EXPECT_EQ(database_.Number("SELECT id FROM t"), 0);
 }
 
+TEST_F(SqliteTest, TellsTheLengthsOfValuesInBytes)
+{
+    Insert(1, "");
+    Insert(2, "caf\u00e9");
+    Insert(3, std::string_view("a\0'b", 4));
+    ColumnLengths lengths(database_, "t", "text");
+    EXPECT_EQ(lengths.Of(2), 5);
+    EXPECT_EQ(lengths.Of(3), 4);
+    EXPECT_EQ(lengths.Of(1), 0);
+}
+
+TEST_F(SqliteTest, AMissingValueHasNoLength)
+{
+    Insert(1, "one");
+    const ThrownError missing{EIO, "no such rowid: 4"};
+    ColumnLengths lengths(database_, "t", "text");
+    EXPECT_EQ(FailureOf([&] { (void)lengths.Of(4); }), missing) << "as the first";
+    EXPECT_EQ(lengths.Of(1), 3);
+    EXPECT_EQ(FailureOf([&] { (void)lengths.Of(4); }), missing) << "as a later one";
+    EXPECT_EQ(FailureOf([&] { (void)ColumnLengths(database_, "none", "text").Of(1); }).error, EIO);
+}
+
+TEST_F(SqliteTest, ReadsNoValueToTellItsLength)
+{
+    database_.Execute("INSERT INTO t VALUES (1, CAST(zeroblob(20000000) AS TEXT))");
+    (void)sqlite3_memory_highwater(1);
+    EXPECT_EQ(ColumnLengths(database_, "t", "text").Of(1), 20'000'000);
+    EXPECT_LT(sqlite3_memory_highwater(0), 10'000'000);
+}
+
 TEST_F(SqliteTest, CountsTheChangesOfTheLastStatement)
 {
     Insert(1, "one");

@@ -96,6 +96,18 @@ TEST_F(StoreRequestsTest, ShowsNoTextThatDoesNotFitIntoAFrame)
     EXPECT_FALSE(answer.storedText);
 }
 
+TEST_F(StoreRequestsTest, TellsTheLengthOfATextThatIsNotRead)
+{
+    Put(7, std::string(kStoredTextMax + 1, ' '));
+    const Answer shown = Show(7);
+    EXPECT_EQ(shown.result, -EOVERFLOW);
+    EXPECT_EQ(shown.text, "its text has 33554433 bytes; at most 33554432 are read");
+    EXPECT_EQ(shown.vpn, 7U);
+    const Answer listed = ListStore(host_.store);
+    ASSERT_EQ(listed.stored.size(), 1U);
+    EXPECT_EQ(listed.stored[0].problem, shown.text);
+}
+
 TEST_F(StoreRequestsTest, TellsWhyTheStoreCannotBeRead)
 {
     box_.Write("/store", "a file in the place of the directory");

@@ -49,11 +49,20 @@ TEST(RefusalText, ReplacesControlCharacters)
               "(-22 Invalid argument): domain(?[31mx?) is invalid");
 }
 
-TEST(Printable, ReplacesOnlyControlCharacters)
+TEST(JsonDocument, IsIndentedAndEndsInALineFeed)
 {
-    EXPECT_EQ(Printable("caf\u00e9 \t\x7f\u009bm \u00a0."), "caf\u00e9 ???m \u00a0.");
-    EXPECT_EQ(Printable("ends in \xC2"), "ends in \xC2");
-    EXPECT_EQ(Printable(""), "");
+    EXPECT_EQ(JsonDocument(ParseJson(R"({"a":["b/c"]})").get()), R"({
+  "a": [
+    "b/c"
+  ]
+}
+)");
+    EXPECT_EQ(JsonDocument(nullptr), "null\n");
+}
+
+TEST(JsonDocument, EscapesWhatMustNotReachATerminal)
+{
+    EXPECT_EQ(JsonDocument(ParseJson("\"\u202E\u009b\x7f\u00e9\"").get()), "\"\\u202e\\u009b\\u007f\u00e9\"\n");
 }
 
 TEST(Counted, UsesSingularAndPlural)

@@ -90,6 +90,8 @@ TEST_F(ProgramTest, WrongUsageIsReportedInOneLine)
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{}, "A subcommand is required"},
         {{"bogus"}, "\"bogus\" is not a known argument"},
+        {{"bo\u202Eg\033\xFFus"}, "\"bo?g??us\" is not a known argument"},
+        {{"status", "--vpn", "\u009B7"}, "\"?7\" is not a VPN number"},
         {{"apply"}, "FILE is required"},
         {{"apply", "--bogus"}, "\"--bogus\" is not a known argument"},
         {{"encode", "a", "b"}, "\"b\" is not a known argument"},

@@ -211,6 +211,14 @@ TEST_F(StatusTest, JsonOfAStartingInstance)
         << json;
 }
 
+TEST_F(StatusTest, JsonEscapesWhatMustNotReachATerminal)
+{
+    std::string netns = "a\u202E\u009B\xFF\x7F";
+    stopped_.status.namespace_ = netns.data();
+    const Kavel__VpnStatus *one = &stopped_.status;
+    EXPECT_THAT(StatusJson({&one, 1}), testing::HasSubstr(R"("namespace": "a\u202e\u009b\ufffd\u007f")"));
+}
+
 TEST(StatusJson, OfNoVpnIsAnEmptyArray)
 {
     EXPECT_EQ(json_object_array_length(ParseJson(StatusJson({})).get()), 0U);

@@ -64,8 +64,14 @@ TEST_F(StoreOutputTest, JsonIsIndented)
 )");
 }
 
+TEST_F(StoreOutputTest, ControlsInJsonAreEscaped)
+{
+    EXPECT_EQ(StoredText("{\"a\u202E\": \"\u009b\"}"), "{\n  \"a\\u202e\": \"\\u009b\"\n}\n");
+}
+
 TEST_F(StoreOutputTest, ControlCharactersOfOtherTextAreReplaced)
 {
+    EXPECT_EQ(StoredText("{\u202E\u009b\x9B"), "{???\n");
     EXPECT_EQ(StoredText("{\033[2J"), "{?[2J\n");
     EXPECT_EQ(StoredText(""), "\n");
     EXPECT_EQ(StoredText(R"({"a": 1} rest)"), "{\"a\": 1} rest\n");

@@ -196,7 +196,7 @@ void CheckReply(const Buffer &Received, int32_t Result)
 class Conversation {
   public:
     Conversation(kavel::UniqueFd Here, kavel::UniqueFd There, const Stream &Expected)
-        : m_Connection(std::move(Here), 1, {}), m_Peer(std::move(There)), m_Expected(Expected)
+        : m_Connection(std::move(Here), 1, {}, m_Budget), m_Peer(std::move(There)), m_Expected(Expected)
     {
     }
 
@@ -246,6 +246,7 @@ class Conversation {
         CheckReply(m_Peer.Receive(), -EMSGSIZE);
     }
 
+    kavel::agent::ReceiveBudget m_Budget{kavel::control::kFrameMax};
     Connection m_Connection;
     Peer m_Peer;
     const Stream &m_Expected;

@@ -97,6 +97,12 @@ bool IsTemporaryNameOf(std::string_view entry, std::string_view name)
 
 } // namespace
 
+FileIdentity IdentityOfFile(const std::string &path)
+{
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 ? FileIdentity{info.st_dev, info.st_ino} : FileIdentity{};
+}
+
 void SyncDirectory(const std::string &path)
 {
     const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -2,12 +2,22 @@
 #ifndef KAVEL_AGENT_FILES_H
 #define KAVEL_AGENT_FILES_H
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <span>
 #include <string>
 #include <string_view>
 
 namespace kavel::agent {
+
+// Tells whether a path still names the same file.
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0; // 0: no such file
+    bool operator==(const FileIdentity &) const = default;
+};
+[[nodiscard]] FileIdentity IdentityOfFile(const std::string &path);
 
 // Writes the directory's entries to the disk.
 void SyncDirectory(const std::string &path);

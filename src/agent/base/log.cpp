@@ -1,14 +1,19 @@
 #include "base/log.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 
 #include "printable.h"
+#include "unique_fd.h"
 
 namespace kavel::agent {
 namespace {
@@ -32,6 +37,13 @@ struct LogSettings {
 };
 
 LogSettings logSettings;
+
+struct LostLines {
+    std::size_t count = 0;
+    bool endsInALine = false; // a part of the last line was written, without its end
+};
+
+LostLines lostLines;
 
 // JOURNAL_STREAM is inherited by every process below a service: it counts only if it names this standard error.
 bool StderrIsJournal()
@@ -58,6 +70,81 @@ std::string PrintableLines(std::string_view text)
         text.remove_prefix(end + 1);
     }
     return result.append(Printable(text));
+}
+
+// A terminal may take a part of a write and wait for its reader with the rest. Opened again it has flags of its own,
+// and can be one that never waits. Nothing for any other standard error, and for a terminal that cannot be opened.
+UniqueFd OpenTerminal()
+{
+    constexpr int kFlags = O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    return UniqueFd(::isatty(STDERR_FILENO) == 1 ? ::open("/proc/self/fd/2", kFlags) : -1);
+}
+
+// Whether a write of PIPE_BUF bytes does not block, terminals aside. If that cannot be asked, which happens while the
+// process may have no descriptors, the line is worth the attempt.
+bool IsWritable(int descriptor)
+{
+    pollfd waited{descriptor, POLLOUT, 0};
+    int ready = 0;
+    do {
+        ready = ::poll(&waited, 1, 0);
+    } while (ready < 0 && errno == EINTR);
+    return ready < 0 || (waited.revents & POLLOUT) != 0;
+}
+
+// Writes what can be written without blocking. Returns the rest. Standard error is not made a descriptor that never
+// blocks: other processes share it and its flags. A line of up to PIPE_BUF bytes is one write, so that lines of several
+// processes on one stream stay whole.
+std::string_view WriteToStderr(std::string_view text)
+{
+    const UniqueFd terminal = OpenTerminal();
+    const int descriptor = terminal ? terminal.Get() : STDERR_FILENO;
+    while (!text.empty() && IsWritable(descriptor)) {
+        const ssize_t size = ::write(descriptor, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
+        if (size >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(size));
+        } else if (errno != EINTR) {
+            break;
+        }
+    }
+    return text;
+}
+
+// Writes a line, or counts it as lost.
+void WriteOrLose(std::string line)
+{
+    line.push_back('\n');
+    if (lostLines.endsInALine) {
+        line.insert(0, "\n");
+    }
+    const std::size_t left = WriteToStderr(line).size();
+    if (left > 0) {
+        ++lostLines.count;
+    }
+    if (left < line.size()) {
+        lostLines.endsInALine = left > 0;
+    }
+}
+
+std::string LostText(std::size_t count)
+{
+    return count == 1 ? "1 line of the log was lost" : std::to_string(count) + " lines of the log were lost";
+}
+
+void WriteLine(std::string_view prefix, std::string_view text)
+{
+    if (const std::size_t lost = lostLines.count; lost > 0) {
+        lostLines.count = 0;
+        WriteOrLose(std::string(Prefix(LogLevel::kWarning)) + LostText(lost));
+        if (lostLines.count > 0) {
+            lostLines.count = lost + 1; // the warning was not written, nor is the line
+            return;
+        }
+    }
+    while (text.ends_with('\n')) {
+        text.remove_suffix(1);
+    }
+    WriteOrLose(std::string(prefix) + PrintableLines(text));
 }
 
 } // namespace
@@ -94,16 +181,14 @@ void Log(LogLevel level, const char *format, ...)
     WriteLogLine(level, text);
 }
 
-// One write per line, so that lines of several processes on one stream stay whole.
 void WriteLogLine(LogLevel level, std::string_view text)
 {
-    while (text.ends_with('\n')) {
-        text.remove_suffix(1);
-    }
-    std::string line(Prefix(level));
-    line.append(PrintableLines(text)).push_back('\n');
-    while (::write(STDERR_FILENO, line.data(), line.size()) < 0 && errno == EINTR) {
-    }
+    WriteLine(Prefix(level), text);
+}
+
+void WriteFinalLine(std::string_view text)
+{
+    WriteLine("vqagent: ", text);
 }
 
 std::string FormatText(const char *format, va_list arguments)

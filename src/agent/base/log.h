@@ -1,4 +1,6 @@
-// The agent's log: one line per event on standard error.
+// The agent's log: one line per event on standard error. A line that standard error cannot take at the moment, because
+// its reader has stopped or its disk is full, is lost: nothing waits for it. The next line that can be written is
+// preceded by a warning with the number of lines that were lost.
 #ifndef KAVEL_AGENT_LOG_H
 #define KAVEL_AGENT_LOG_H
 
@@ -25,9 +27,12 @@ void ConfigureLog(LogLevel threshold);
 // Writes one line if its level is logged. A trailing line feed in the text is neither needed nor doubled.
 void Log(LogLevel level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// Writes one line whatever the threshold is. Control characters become '?', and every line of the text after the first
+// Writes one line whatever the threshold is. It is as Printable() gives it, and every line of the text after the first
 // is indented: a text from outside cannot forge a line.
 void WriteLogLine(LogLevel level, std::string_view text);
+
+// Writes "vqagent: " and the text as one line without a level, for an error that ends the agent.
+void WriteFinalLine(std::string_view text);
 
 // The text of a printf format; the format itself when it cannot be formatted.
 [[nodiscard]] __attribute__((format(printf, 1, 0))) std::string FormatText(const char *format, va_list arguments);

@@ -134,4 +134,20 @@ std::int64_t Database::Number(const std::string &query) const
     return run.Step() ? run.Number(0) : 0;
 }
 
+// length() would read a text: the length of a value that is opened comes from the row's header.
+std::int64_t ColumnLengths::Of(std::int64_t rowid)
+{
+    if (value_) {
+        CheckCode(database_, sqlite3_blob_reopen(value_.get(), rowid));
+    } else {
+        constexpr int kReadOnly = 0;
+        sqlite3_blob *value = nullptr;
+        const int code =
+            sqlite3_blob_open(database_, "main", table_.c_str(), column_.c_str(), rowid, kReadOnly, &value);
+        value_.reset(value);
+        CheckCode(database_, code);
+    }
+    return sqlite3_blob_bytes(value_.get());
+}
+
 } // namespace kavel::agent

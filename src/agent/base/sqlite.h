@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/failure.h"
 
@@ -72,6 +73,29 @@ class Database {
     };
 
     std::unique_ptr<sqlite3, Close> database_;
+};
+
+// The lengths of the texts or blobs in one column. The values themselves are not read, however long they are.
+class ColumnLengths {
+  public:
+    ColumnLengths(const Database &database, std::string table, std::string column)
+        : database_(database.Get()), table_(std::move(table)), column_(std::move(column))
+    {
+    }
+
+    // In bytes, of the value in the row with this rowid, which must exist. Begins a read of the database that lasts as
+    // long as this object.
+    [[nodiscard]] std::int64_t Of(std::int64_t rowid);
+
+  private:
+    struct Close {
+        void operator()(sqlite3_blob *value) const { sqlite3_blob_close(value); }
+    };
+
+    sqlite3 *database_;
+    std::string table_;
+    std::string column_;
+    std::unique_ptr<sqlite3_blob, Close> value_; // moved from row to row, which is faster than one for each
 };
 
 } // namespace kavel::agent

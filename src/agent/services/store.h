@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vqStore.h"
@@ -15,9 +16,12 @@ namespace kavel::agent {
 
 class Host;
 
+// Longer texts are not read: memory and time of a read are bounded whatever the file holds.
+inline constexpr std::size_t kStoredTextMax = std::size_t{32} * 1024 * 1024;
+
 struct StoredRecord {
     std::uint32_t vpn = 0;
-    std::optional<std::string> problem; // why its text cannot be read; if set, only `vpn` and `bytes` have a meaning
+    std::optional<std::string> problem; // why its text is not read; if set, only `vpn` and `bytes` have a meaning
     bool enable = false;
     std::uint32_t hosts = 0;
     std::uint32_t mxHosts = 0;
@@ -51,6 +55,7 @@ class Store {
     // By rising VPN.
     [[nodiscard]] std::vector<StoredRecord> Read();
     [[nodiscard]] std::optional<StoredRecord> Read(std::uint32_t vpnId);
+    // Throws EOVERFLOW for a text of more than kStoredTextMax bytes.
     [[nodiscard]] std::optional<std::string> ReadText(std::uint32_t vpnId);
 
     // What the module asks for. Failures are logged before they are thrown. Inside a StoreChange a removal is only
@@ -69,16 +74,24 @@ class Store {
     friend class StoreChange;
     class Opened;
 
+    struct Row {
+        std::uint32_t vpn = 0;
+        std::size_t bytes = 0;                // of its text
+        std::optional<std::string_view> text; // nothing when it is longer than kStoredTextMax
+    };
+
     Opened &Open();
     template <typename Work>
     auto With(Work work);
+    template <typename Take>
+    void WithRow(std::uint32_t vpnId, Take take);
     template <typename Work>
     void WithReport(const std::string &operation, Work work);
     void RemoveNow(std::uint32_t vpnId, VQ_SQL_CONF_TBL table);
     [[nodiscard]] VQ_SQL_CONF_TBL TableOfPlatform() const;
     [[nodiscard]] std::optional<std::string> Parse(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record);
-    [[nodiscard]] StoredRecord Describe(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record);
-    void AppendRecord(VQ_PersistentConfList &list, std::uint32_t vpnId, std::string_view text);
+    [[nodiscard]] StoredRecord Describe(const Row &row, VQ_DNSMASQ_CONF &record);
+    void AppendRecord(VQ_PersistentConfList &list, const Row &row);
 
     Host &host_;
     std::unique_ptr<Opened> opened_;

@@ -121,14 +121,14 @@ void Prepare(const Database &database)
 StoreFile::StoreFile(const std::string &path) : path_(path), database_(MadeFile(path), kLockTimeoutMs)
 {
     Prepare(database_);
-    main_ = IdentityOf(path_);
-    log_ = IdentityOf(LogPath());
+    main_ = IdentityOfFile(path_);
+    log_ = IdentityOfFile(LogPath());
 }
 
 // If another database was put at the path, the log must not stay there: SQLite would apply it to that database.
 StoreFile::~StoreFile()
 {
-    if (IdentityOf(path_) == main_ || IdentityOf(LogPath()) != log_) {
+    if (IdentityOfFile(path_) == main_ || IdentityOfFile(LogPath()) != log_) {
         return;
     }
     // The replaced file gets everything that is in the log.
@@ -139,13 +139,7 @@ StoreFile::~StoreFile()
 
 bool StoreFile::IsInPlace() const
 {
-    return IdentityOf(path_) == main_ && IdentityOf(LogPath()) == log_;
-}
-
-StoreFile::Identity StoreFile::IdentityOf(const std::string &path)
-{
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 ? Identity{info.st_dev, info.st_ino} : Identity{};
+    return IdentityOfFile(path_) == main_ && IdentityOfFile(LogPath()) == log_;
 }
 
 } // namespace kavel::agent

@@ -2,12 +2,11 @@
 #ifndef KAVEL_AGENT_STORE_FILE_H
 #define KAVEL_AGENT_STORE_FILE_H
 
-#include <sys/types.h>
-
 #include <array>
 #include <cstddef>
 #include <string>
 
+#include "base/files.h"
 #include "base/sqlite.h"
 
 namespace kavel::agent {
@@ -30,19 +29,12 @@ class StoreFile {
     [[nodiscard]] bool IsInPlace() const;
 
   private:
-    struct Identity {
-        dev_t device = 0;
-        ino_t inode = 0; // 0: no such file
-        bool operator==(const Identity &) const = default;
-    };
-
-    static Identity IdentityOf(const std::string &path);
     [[nodiscard]] std::string LogPath() const { return path_ + "-wal"; }
 
     std::string path_;
     Database database_;
-    Identity main_;
-    Identity log_;
+    FileIdentity main_;
+    FileIdentity log_;
 };
 
 } // namespace kavel::agent

@@ -23,19 +23,23 @@ constexpr std::array<std::uint32_t, 2> kUnreadableIds{0x7FFFFFFFU, 0x80000000U};
 
 struct TableStatements {
     TableStatements(const Database &database, const std::string &table)
-        : put(database.Get(), "INSERT INTO " + table +
-                                  " (vpn_id, conf) VALUES (?1, ?2)"
-                                  " ON CONFLICT (vpn_id) DO UPDATE SET conf = excluded.conf"),
+        : name(table), put(database.Get(), "INSERT INTO " + table +
+                                               " (vpn_id, conf) VALUES (?1, ?2)"
+                                               " ON CONFLICT (vpn_id) DO UPDATE SET conf = excluded.conf"),
           remove(database.Get(), "DELETE FROM " + table + " WHERE vpn_id = ?1"),
-          one(database.Get(), "SELECT vpn_id, conf FROM " + table + " WHERE vpn_id = ?1"),
-          all(database.Get(), "SELECT vpn_id, conf FROM " + table + " ORDER BY vpn_id")
+          one(database.Get(), "SELECT vpn_id FROM " + table + " WHERE vpn_id = ?1"),
+          all(database.Get(), "SELECT vpn_id FROM " + table + " ORDER BY vpn_id"),
+          text(database.Get(), "SELECT conf FROM " + table + " WHERE vpn_id = ?1")
     {
     }
 
+    std::string name;
     Statement put;
     Statement remove;
+    // The rows, without their texts: a text is read once its length is known.
     Statement one;
     Statement all;
+    Statement text;
 };
 
 std::string Subject(std::uint32_t vpnId)
@@ -43,13 +47,9 @@ std::string Subject(std::uint32_t vpnId)
     return "vpn " + std::to_string(vpnId);
 }
 
-// Calls `take` with the VPN and the text of each row.
-template <typename Take>
-void ForEachRow(Statement::Run &run, Take take)
+std::string LengthProblem(std::size_t bytes)
 {
-    while (run.Step()) {
-        take(static_cast<std::uint32_t>(run.Number(0)), run.Text(1));
-    }
+    return "its text has " + std::to_string(bytes) + " bytes; at most " + std::to_string(kStoredTextMax) + " are read";
 }
 
 struct ReleaseList {
@@ -83,6 +83,26 @@ class Store::Opened {
             return pop;
         }
         throw StoreError(EINVAL, "there is no table " + std::to_string(table));
+    }
+
+    // Calls `take` for each row that `run`, a run of `one` or `all`, finds. What `take` gets lives until it returns. As
+    // long as the run lives, the rows and their lengths do not change.
+    template <typename Take>
+    void ForEachRow(const TableStatements &table, Statement::Run &run, Take take) const
+    {
+        ColumnLengths lengths(file.Get(), table.name, "conf");
+        while (run.Step()) {
+            const std::int64_t vpnId = run.Number(0);
+            Row row;
+            row.vpn = static_cast<std::uint32_t>(vpnId);
+            row.bytes = static_cast<std::size_t>(lengths.Of(vpnId));
+            Statement::Run text(table.text);
+            text.Bind(1, vpnId);
+            if (row.bytes <= kStoredTextMax && text.Step()) {
+                row.text = text.Text(0);
+            }
+            take(row);
+        }
     }
 
     StoreFile file;
@@ -191,12 +211,12 @@ std::optional<std::string> Store::Parse(std::uint32_t vpnId, std::string_view te
     return record.VpnId == vpnId ? std::nullopt : std::optional("it is a record of " + Subject(record.VpnId));
 }
 
-StoredRecord Store::Describe(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record)
+StoredRecord Store::Describe(const Row &row, VQ_DNSMASQ_CONF &record)
 {
     StoredRecord stored;
-    stored.vpn = vpnId;
-    stored.bytes = text.size();
-    stored.problem = Parse(vpnId, text, record);
+    stored.vpn = row.vpn;
+    stored.bytes = row.bytes;
+    stored.problem = row.text ? Parse(row.vpn, *row.text, record) : LengthProblem(row.bytes);
     stored.enable = record.Enable != FALSE;
     stored.hosts = record.DnsHostNum;
     stored.mxHosts = record.DnsMxHostNum;
@@ -205,16 +225,16 @@ StoredRecord Store::Describe(std::uint32_t vpnId, std::string_view text, VQ_DNSM
     return stored;
 }
 
-void Store::AppendRecord(VQ_PersistentConfList &list, std::uint32_t vpnId, std::string_view text)
+void Store::AppendRecord(VQ_PersistentConfList &list, const Row &row)
 {
-    if (!host_.config.Serves(vpnId)) {
-        Log(LogLevel::kWarning, "vpn %u: its stored record is not applied: the VPN is not configured", vpnId);
+    if (!host_.config.Serves(row.vpn)) {
+        Log(LogLevel::kWarning, "vpn %u: its stored record is not applied: the VPN is not configured", row.vpn);
         return;
     }
     auto node = MapZeroed<VQ_DnsmasqConfNode>();
-    StoredRecord stored = Describe(vpnId, text, node->Dnsmasq);
+    StoredRecord stored = Describe(row, node->Dnsmasq);
     if (stored.problem) {
-        Log(LogLevel::kError, "vpn %u: its stored record cannot be read, and is kept: %s", vpnId,
+        Log(LogLevel::kError, "vpn %u: its stored record cannot be read, and is kept: %s", row.vpn,
             stored.problem->c_str());
         return;
     }
@@ -230,8 +250,9 @@ VQ_PersistentConfList *Store::List(VQ_SQL_CONF_TBL table)
     ListPtr list = NewList();
     const std::int32_t result = ResultOf([&] {
         WithReport("the stored records cannot be read", [&](Opened &store) {
-            Statement::Run run(store.Of(table).all);
-            ForEachRow(run, [&](std::uint32_t vpnId, std::string_view text) { AppendRecord(*list, vpnId, text); });
+            const TableStatements &rows = store.Of(table);
+            Statement::Run run(rows.all);
+            store.ForEachRow(rows, run, [&](const Row &row) { AppendRecord(*list, row); });
         });
         return 0;
     });
@@ -248,31 +269,50 @@ std::vector<StoredRecord> Store::Read()
     return With([this](Opened &store) {
         std::vector<StoredRecord> records;
         const auto record = MapZeroed<VQ_DNSMASQ_CONF>();
-        Statement::Run run(store.Of(TableOfPlatform()).all);
-        ForEachRow(run, [&](std::uint32_t vpnId, std::string_view text) {
+        const TableStatements &rows = store.Of(TableOfPlatform());
+        Statement::Run run(rows.all);
+        store.ForEachRow(rows, run, [&](const Row &row) {
             ClearPages(*record);
-            records.push_back(Describe(vpnId, text, *record));
+            records.push_back(Describe(row, *record));
         });
         return records;
     });
 }
 
+// Calls `take` with the row of the VPN, if there is one.
+template <typename Take>
+void Store::WithRow(std::uint32_t vpnId, Take take)
+{
+    With([&](Opened &store) {
+        const TableStatements &rows = store.Of(TableOfPlatform());
+        Statement::Run run(rows.one);
+        run.Bind(1, vpnId);
+        store.ForEachRow(rows, run, take);
+    });
+}
+
 std::optional<StoredRecord> Store::Read(std::uint32_t vpnId)
 {
-    const std::optional<std::string> text = ReadText(vpnId);
-    if (!text) {
-        return std::nullopt;
-    }
-    return Describe(vpnId, *text, *MapZeroed<VQ_DNSMASQ_CONF>());
+    std::optional<StoredRecord> record;
+    WithRow(vpnId, [&](const Row &row) { record = Describe(row, *MapZeroed<VQ_DNSMASQ_CONF>()); });
+    return record;
 }
 
 std::optional<std::string> Store::ReadText(std::uint32_t vpnId)
 {
-    return With([&](Opened &store) -> std::optional<std::string> {
-        Statement::Run run(store.Of(TableOfPlatform()).one);
-        run.Bind(1, vpnId);
-        return run.Step() ? std::optional(std::string(run.Text(1))) : std::nullopt;
+    std::optional<std::string> text;
+    std::optional<std::size_t> unreadBytes;
+    WithRow(vpnId, [&](const Row &row) {
+        if (row.text) {
+            text = *row.text;
+        } else {
+            unreadBytes = row.bytes;
+        }
     });
+    if (unreadBytes) {
+        throw StoreError(EOVERFLOW, LengthProblem(*unreadBytes));
+    }
+    return text;
 }
 
 StoreChange::StoreChange(Store &store) : store_(store)

@@ -48,7 +48,8 @@ void Connection::Advance(Clock::time_point now)
 
 bool Connection::MayRead() const
 {
-    return !isBusy_ && !isBroken_ && !hasEnded_ && !HasUnsentReply() && !HoldsFrame() && !IsOversized();
+    return !isBusy_ && !isBroken_ && !hasEnded_ && !HasUnsentReply() && !HoldsFrame() && !IsOversized() &&
+           !exceedsBudget_;
 }
 
 // The buffer grows with what was received, not with what a header announces.
@@ -66,7 +67,7 @@ void Connection::Read()
             return;
         }
         if (!isDismissed_) {
-            in_.insert(in_.end(), bytes.begin(), bytes.begin() + size);
+            exceedsBudget_ = !in_.Append(std::span(bytes).first(static_cast<std::size_t>(size)));
         }
     }
 }
@@ -92,27 +93,24 @@ void Connection::Write()
 
 std::optional<std::size_t> Connection::AnnouncedLength() const
 {
-    if (in_.size() < control::kFrameHeaderSize) {
+    if (in_.Size() < control::kFrameHeaderSize) {
         return std::nullopt;
     }
-    return control::DecodeFrameLength(in_.data());
+    return control::DecodeFrameLength(in_.Bytes().data());
 }
 
 bool Connection::HoldsFrame() const
 {
     const auto length = AnnouncedLength();
-    return length && *length <= control::kFrameMax && in_.size() - control::kFrameHeaderSize >= *length;
+    return length && *length <= control::kFrameMax && in_.Size() - control::kFrameHeaderSize >= *length;
 }
 
 // What follows the frame in the buffer stays there.
 ReceivedFrame Connection::BeginRequest()
 {
-    const auto end = in_.begin() + static_cast<std::ptrdiff_t>(control::kFrameHeaderSize + *AnnouncedLength());
-    std::vector<std::uint8_t> rest(end, in_.end());
-    in_.erase(end, in_.end());
     isBusy_ = true;
     deadline_.reset();
-    return {std::exchange(in_, std::move(rest))};
+    return {in_.TakeFront(control::kFrameHeaderSize + *AnnouncedLength())};
 }
 
 bool Connection::IsOversized() const
@@ -132,7 +130,8 @@ void Connection::Reply(std::vector<std::uint8_t> frame, Clock::time_point now)
 void Connection::Dismiss(std::vector<std::uint8_t> frame, Clock::time_point now)
 {
     isDismissed_ = true;
-    in_ = {};
+    exceedsBudget_ = false;
+    in_.Clear();
     Send(std::move(frame), now);
 }
 
@@ -151,7 +150,7 @@ bool Connection::IsFinished() const
 
 void Connection::UpdateDeadline(Clock::time_point now)
 {
-    const bool isPartial = !in_.empty() && !HoldsFrame();
+    const bool isPartial = !in_.IsEmpty() && !HoldsFrame();
     if (!HasUnsentReply() && !isPartial && !isDismissed_) {
         deadline_.reset();
     } else if (!deadline_) {

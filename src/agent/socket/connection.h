@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "socket/receive_buffer.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {
@@ -30,9 +31,10 @@ class Connection {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // `socket` does not block. `peer` is the client's process, for the log. `now` counts as its last activity.
-    Connection(UniqueFd socket, pid_t peer, Clock::time_point now)
-        : socket_(std::move(socket)), peer_(peer), activeAt_(now)
+    // `socket` does not block. `peer` is the client's process, for the log. `now` counts as its last activity. `budget`
+    // counts what the client has sent until it is handed over or dropped; it must outlive the connection.
+    Connection(UniqueFd socket, pid_t peer, Clock::time_point now, ReceiveBudget &budget)
+        : socket_(std::move(socket)), peer_(peer), in_(budget), activeAt_(now)
     {
     }
 
@@ -55,18 +57,21 @@ class Connection {
 
     // Whether the header of the next frame announces more bytes than are accepted.
     [[nodiscard]] bool IsOversized() const;
+    // Whether the budget had no room for what the client has sent. Some of it is lost: the connection can only be
+    // dismissed.
+    [[nodiscard]] bool ExceedsBudget() const { return exceedsBudget_; }
     // Sends a last answer. What the client still sends is discarded, so that it can read the answer.
     void Dismiss(std::vector<std::uint8_t> frame, Clock::time_point now);
 
     // Whether nothing of a frame was received and no reply is unread.
-    [[nodiscard]] bool IsIdle() const { return in_.empty() && !deadline_ && !isBusy_; }
+    [[nodiscard]] bool IsIdle() const { return in_.IsEmpty() && !deadline_ && !isBusy_; }
     // Whether at least one frame was replied to, and when the client was active last.
     [[nodiscard]] bool WasServed() const { return wasServed_; }
     [[nodiscard]] Clock::time_point ActiveAt() const { return activeAt_; }
     // Whether nothing more can or need be done for the client.
     [[nodiscard]] bool IsFinished() const;
     // Whether the client disconnected in the middle of a frame.
-    [[nodiscard]] bool IsTruncated() const { return hasEnded_ && !in_.empty(); }
+    [[nodiscard]] bool IsTruncated() const { return hasEnded_ && !in_.IsEmpty(); }
     [[nodiscard]] bool HasUnsentReply() const { return sent_ < out_.size(); }
 
     // When the current frame or reply must be complete; nothing while none is under way.
@@ -83,13 +88,14 @@ class Connection {
 
     UniqueFd socket_;
     pid_t peer_;
-    std::vector<std::uint8_t> in_;
+    ReceiveBuffer in_;
     std::vector<std::uint8_t> out_;
     std::size_t sent_ = 0;
-    bool hasEnded_ = false;    // the client sends no more
-    bool isBroken_ = false;    // the client is gone
-    bool isDismissed_ = false; // what the client sends is discarded
-    bool isBusy_ = false;      // a request is being handled
+    bool hasEnded_ = false;      // the client sends no more
+    bool isBroken_ = false;      // the client is gone
+    bool exceedsBudget_ = false; // a part of what the client sent is lost
+    bool isDismissed_ = false;   // what the client sends is discarded
+    bool isBusy_ = false;        // a request is being handled
     bool wasServed_ = false;
     Clock::time_point activeAt_;
     std::optional<Clock::time_point> deadline_;

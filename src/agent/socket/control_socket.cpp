@@ -68,6 +68,7 @@ UniqueFd Listen(const std::string &path)
 
 ControlSocket::ControlSocket(EventLoop &loop, std::string path, Handler handler)
     : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), listener_(Listen(path_)),
+      bound_(IdentityOfFile(path_)), budget_(kReceivedBytesMax - kClientsMax * ReceiveBudget::kOwnBytes),
       accept_(loop.AddIo(listener_.Get(), EPOLLIN, [this](std::uint32_t /*events*/) { Accept(); })),
       resumeAccepting_(loop.AddTimer([this] {
           isAcceptPaused_ = false;
@@ -78,9 +79,12 @@ ControlSocket::ControlSocket(EventLoop &loop, std::string path, Handler handler)
 {
 }
 
+// The kernel keeps the inode of a bound socket until the socket is closed, so no other file has its number now.
 ControlSocket::~ControlSocket()
 {
-    ::unlink(path_.c_str());
+    if (IdentityOfFile(path_) == bound_) {
+        ::unlink(path_.c_str());
+    }
 }
 
 bool ControlSocket::IsFull() const
@@ -151,7 +155,7 @@ void ControlSocket::Admit(UniqueFd socket)
     const ClientId id = ++lastId_;
     EventSource source =
         loop_.AddIo(socket.Get(), EPOLLIN, [this, id](std::uint32_t /*events*/) { ProcessClient(id); });
-    clients_.emplace(id, Client{Connection(std::move(socket), peer.pid, loop_.IdleTime()), std::move(source)});
+    clients_.emplace(id, Client{Connection(std::move(socket), peer.pid, loop_.IdleTime(), budget_), std::move(source)});
 }
 
 void ControlSocket::ProcessClient(ClientId id)
@@ -203,11 +207,11 @@ void ControlSocket::SendAnswer(ClientId id, const Answer &answer)
     }
 }
 
-void ControlSocket::Dismiss(Connection &connection) const
+void ControlSocket::Dismiss(Connection &connection, std::int32_t error, const std::string &text) const
 {
-    const std::string text = "a frame holds " + std::to_string(control::kFrameMax) + " bytes at most";
-    Log(LogLevel::kWarning, "control socket: process %d announced a longer frame: %s", connection.Peer(), text.c_str());
-    connection.Dismiss(PackAnswer(Refusal(-EMSGSIZE, text)), loop_.IdleTime());
+    Log(LogLevel::kWarning, "control socket: process %d %s: %s", connection.Peer(),
+        error == EMSGSIZE ? "announced a longer frame" : "is dismissed", text.c_str());
+    connection.Dismiss(PackAnswer(Refusal(-error, text)), loop_.IdleTime());
 }
 
 // Brings everything that depends on the client's state up to date.
@@ -222,9 +226,13 @@ void ControlSocket::Update(ClientId id)
         return;
     }
     auto &[connection, source] = found->second;
-    // Not before the frame in front of it is answered.
-    if (connection.IsOversized() && !connection.IsBusy() && !connection.HasUnsentReply()) {
-        Dismiss(connection);
+    if (connection.ExceedsBudget()) {
+        Dismiss(connection, ENOBUFS,
+                "the unfinished frames of all clients would take more than " + std::to_string(kReceivedBytesMax) +
+                    " bytes");
+    } else if (connection.IsOversized() && !connection.IsBusy() && !connection.HasUnsentReply()) {
+        // Not before the frame in front of it is answered.
+        Dismiss(connection, EMSGSIZE, "a frame holds " + std::to_string(control::kFrameMax) + " bytes at most");
     }
     if (connection.IsFinished()) {
         if (connection.IsTruncated()) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "base/event_loop.h"
+#include "base/files.h"
 #include "socket/answer.h"
 #include "socket/connection.h"
 #include "unique_fd.h"
@@ -23,12 +24,15 @@ class ControlSocket {
     // Handles one frame. `respond` is called once, before the handler returns or later.
     using Handler = std::function<void(ReceivedFrame frame, const Respond &respond)>;
 
+    // The bytes that all clients together may have sent of frames that are not handed over yet.
+    static constexpr std::size_t kReceivedBytesMax = std::size_t{64} * 1024 * 1024;
+
     // Listens at `path`, in the place of a socket that an earlier agent left there; only the holder of the agent's lock
     // may do so. Clients are root and the agent's own user. Throws std::system_error. `loop` must outlive this object.
     ControlSocket(EventLoop &loop, std::string path, Handler handler);
     ControlSocket(const ControlSocket &) = delete;
     ControlSocket &operator=(const ControlSocket &) = delete;
-    // Removes the socket.
+    // Removes the socket, unless another one is at the path by now.
     ~ControlSocket();
 
     // Stops accepting and reading. Calls `onDrained` when every reply is sent, and after 1 s at the latest.
@@ -51,7 +55,7 @@ class ControlSocket {
     void ProcessFrame(ClientId id);
     void HandleNextFrame();
     void SendAnswer(ClientId id, const Answer &answer);
-    void Dismiss(Connection &connection) const;
+    void Dismiss(Connection &connection, std::int32_t error, const std::string &text) const;
     void Update(ClientId id);
     void UpdateDraining(ClientId id);
     void UpdateListener();
@@ -63,6 +67,8 @@ class ControlSocket {
     std::string path_;
     Handler handler_;
     UniqueFd listener_;
+    FileIdentity bound_; // what listener_ was bound to
+    ReceiveBudget budget_;
     std::map<ClientId, Client> clients_;
     ClientId lastId_ = 0;
     std::deque<ClientId> ready_; // clients whose next frame is in their buffer
