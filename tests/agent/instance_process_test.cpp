@@ -54,6 +54,17 @@ TEST(VpnOfPidFile, IgnoresEveryOtherName)
     }
 }
 
+TEST(VpnOfInstanceFile, KnowsTheDirectoriesOfTheInstances)
+{
+    EXPECT_THAT(VpnOfInstanceFile("/etc/kavel/dnsmasq/vpn_7/hosts"), Optional(7U));
+    EXPECT_THAT(VpnOfInstanceFile("/etc/kavel/dnsmasq/vpn_70/dnsmasq.d/Mxhost.conf"), Optional(70U));
+    EXPECT_THAT(VpnOfInstanceFile("/etc/kavel/dnsmasq/vpn_7"), Optional(7U));
+    EXPECT_THAT(VpnOfInstanceFile("/etc/kavel/dnsmasq/resolv.conf"), Optional(0U));
+    for (const char *path : {"", "/etc/kavel/agent.json", "/etc/kavel/dnsmasq/vpn_x/hosts", "vpn_7/hosts"}) {
+        EXPECT_EQ(VpnOfInstanceFile(path), std::nullopt) << path;
+    }
+}
+
 TEST(VpnOfCommandLine, FindsTheOptionAmongTheArguments)
 {
     EXPECT_THAT(VpnOfCommandLine(CommandLine({"/usr/sbin/dnsmasq", OptionOf("kvl_dns_vpn_7.pid"), "-k"})),

@@ -236,3 +236,24 @@ def test_every_line_of_the_module_names_its_vpn(running):
     lines = [line for line in running.log().splitlines() if "advanceddns" in line and "StopOldVersion" not in line]
     unnamed = [line for line in lines if "vpn 7: <" not in line and "vpn 8: <" not in line]
     assert [line for line in unnamed if "Dnsmasq table is empty" not in line] == []
+
+
+def test_a_recovery_of_vpn_7_does_not_end_the_instance_of_vpn_70(box):
+    """VPN 70 is not stored: the next agent must leave its instance alone, also while it looks for processes of VPN 7."""
+    run("ip", "netns", "add", "vpn_70")
+    try:
+        box.configure(vpn_config(7), {"id": 70}, persistence=True, store="/run/kavel-store/agent.db")
+        box.start()
+        box.apply(message(7, persistentflag=True), message(70, dnsservers=None))
+        other = instance_pid(70)
+        with tcp_connections(1):
+            wait_until(lambda: len(instances(7)) == 2, "a child for the connection")
+            end(instance_pid(7))
+            box.stop()
+            box.start()
+        assert instances(70) == [other]
+        expect("192.168.7.10", "nas.vpn7.example")
+        assert "vpn 7: <NOTICE:advanceddns>[vqagent][VQCtrl_DnsmasqStop" in box.log()
+    finally:
+        box.clean_up()
+        run("ip", "netns", "del", "vpn_70")

@@ -17,6 +17,7 @@
 #include "base/log.h"
 #include "control.pb-c.h"
 #include "cpe_model.h"
+#include "domain_matcher.h"
 #include "frame.h"
 #include "fuzz.h"
 #include "instances/pending_launches.h"
@@ -32,6 +33,18 @@ using kavel::agent::Answer;
 using kavel::agent::Connection;
 
 using Buffer = std::vector<uint8_t>;
+
+// The VPN of most seeds. It has no namespace.
+constexpr uint32_t ServedVpn = 7;
+
+kavel::agent::Config Configuration()
+{
+    kavel::agent::Config Out;
+    Out.vpns.resize(1);
+    Out.vpns.front().id = ServedVpn;
+    Out.vpns.front().netns = "no-namespace";
+    return Out;
+}
 
 // What the stream holds, worked out without the agent's code.
 struct Stream {
@@ -86,6 +99,8 @@ class Agent {
     }
 
   private:
+    static bool IsServed(uint32_t Vpn) { return Vpn == 0 || Vpn == ServedVpn; }
+
     // A VPN that is not configured is refused; the box itself, VPN 0, always is. What is stored and how the box does is
     // not looked at.
     static bool IsHarmless(fuzz::Bytes Frame)
@@ -99,10 +114,13 @@ class Agent {
         case KAVEL__REQUEST__VERB__APPLY: {
             const fuzz::Bytes Message(Request.message.data, Request.has_message != 0 ? Request.message.len : 0);
             const auto Unpacked = kavel::agent::UnpackControllerMessage(kavel::agent::Platform::kCpe, Message);
-            return !Unpacked || Unpacked->vpn != 0;
+            return !Unpacked || !IsServed(Unpacked->vpn);
         }
         case KAVEL__REQUEST__VERB__STATUS:
-            return Request.has_vpn != 0 && Request.vpn != 0;
+            return Request.has_vpn != 0 && !IsServed(Request.vpn);
+        case KAVEL__REQUEST__VERB__VPN_INIT:
+        case KAVEL__REQUEST__VERB__VPN_RELEASE:
+            return Request.has_vpn == 0 || Request.vpn != ServedVpn;
         case KAVEL__REQUEST__VERB__STORE_LIST:
         case KAVEL__REQUEST__VERB__STORE_SHOW:
             return false;
@@ -111,12 +129,12 @@ class Agent {
         }
     }
 
-    kavel::agent::Host m_Host{kavel::agent::Config{}};
+    kavel::agent::Host m_Host{Configuration()};
     kavel::agent::ModuleSilence m_Silence{m_Host};
     kavel::agent::Module m_Module{KAVEL_MODULE, m_Host};
     kavel::agent::EventLoop m_Loop;
     kavel::agent::Instances m_Instances;
-    kavel::agent::PendingLaunches m_Launches{m_Loop, m_Instances};
+    kavel::agent::PendingLaunches m_Launches{m_Loop, m_Instances, m_Host.launchOutputs};
     kavel::agent::Requests m_Requests{m_Loop, m_Host, m_Instances, m_Module.Functions(), m_Launches};
 };
 
@@ -129,6 +147,53 @@ bool HasHarmfulInterface(const DnsmasqConf &Message)
                    return Letter <= ' ' || Letter == 0x7f || Letter == '/' || Letter == ':';
                });
     });
+}
+
+// dnsmasq starts with labels of 63 characters at most, and with 253 characters if one is a capital.
+bool IsTooLong(const char *Name)
+{
+    const std::string_view Text = Name == nullptr ? "" : Name;
+    const auto IsCapital = [](char Letter) { return Letter >= 'A' && Letter <= 'Z'; };
+    size_t Label = 0;
+    for (const char Letter : Text) {
+        Label = Letter == '.' ? 0 : Label + 1;
+        if (Label > 63) {
+            return true;
+        }
+    }
+    return Text.size() > 253 && std::ranges::any_of(Text, IsCapital);
+}
+
+// Whether the instance of this message would not come up.
+bool IsRefusedByDnsmasq(const DnsmasqConf &Message)
+{
+    const auto IsBadMx = [](const DnsMxHostItem *Each) {
+        return Each->preference > 65535 || IsTooLong(Each->sourcedomain) || IsTooLong(Each->targetdomain);
+    };
+    const auto IsBadServer = [](const DnsServerItem *Each) {
+        return Each->ifname != nullptr &&
+               std::string_view(Each->ifname).find_first_of("\"#@") != std::string_view::npos;
+    };
+    const auto IsBadForward = [](const DnsProxyItemV2 *Each) {
+        return std::ranges::any_of(std::span(Each->domains, Each->n_domains),
+                                   [](const char *Name) { return IsTooLong(Name) && fuzz::IsDomain(Name); });
+    };
+    return std::ranges::any_of(std::span(Message.dnsmxhost, Message.n_dnsmxhost), IsBadMx) ||
+           std::ranges::any_of(std::span(Message.dnsservers, Message.n_dnsservers), IsBadServer) ||
+           std::ranges::any_of(std::span(Message.dnsproxies, Message.n_dnsproxies), IsBadForward);
+}
+
+int ExpectedResult(const DnsmasqConf &Message)
+{
+    if (Message.has_vpnid != 0 && Message.vpnid != 0 && Message.vpnid != ServedVpn) {
+        return -ENOENT;
+    }
+    const bool Enables = Message.enable != 0;
+    if (HasHarmfulInterface(Message) || (Enables && IsRefusedByDnsmasq(Message))) {
+        return -EINVAL;
+    }
+    const int Result = fuzz::CpeModel(Message).Result();
+    return Result == 0 && Enables && Message.operation > 1 ? -EINVAL : Result;
 }
 
 // A check of a message ends as the message's own model says.
@@ -146,8 +211,7 @@ void CheckVerdict(fuzz::Bytes Frame, const Answer &Given)
     }
     const fuzz::Bytes Message(Request.message.data, Request.has_message != 0 ? Request.message.len : 0);
     const auto Unpacked = kavel::agent::UnpackControllerMessage(kavel::agent::Platform::kCpe, Message);
-    const bool MayPass = Unpacked && !HasHarmfulInterface(*Unpacked->pointer.DnsmasqPbCPE);
-    const int Expected = MayPass ? fuzz::CpeModel(*Unpacked->pointer.DnsmasqPbCPE).Result() : -EINVAL;
+    const int Expected = Unpacked ? ExpectedResult(*Unpacked->pointer.DnsmasqPbCPE) : -EINVAL;
     fuzz::RequireSame("the result of a check", Given.result, Expected);
     fuzz::Require(Given.summary.has_value() == (Expected == 0), "a summary without a message, or the other way round");
 }

@@ -72,6 +72,21 @@ std::optional<std::uint32_t> VpnOfPidFile(std::string_view name)
     return WholeNumber<std::uint32_t>(name);
 }
 
+std::optional<std::uint32_t> VpnOfInstanceFile(std::string_view path)
+{
+    constexpr std::string_view kBox = "/etc/kavel/dnsmasq/";
+    constexpr std::string_view kVpn = "vpn_";
+    if (!path.starts_with(kBox)) {
+        return std::nullopt;
+    }
+    path.remove_prefix(kBox.size());
+    if (!path.starts_with(kVpn)) {
+        return 0;
+    }
+    path.remove_prefix(kVpn.size());
+    return WholeNumber<std::uint32_t>(path.substr(0, path.find('/')));
+}
+
 // The shell has the whole command in one argument, so program and option are searched for anywhere in the text.
 std::optional<std::uint32_t> VpnOfCommandLine(std::string_view commandLine)
 {

@@ -24,6 +24,10 @@ inline constexpr const char *kPidDirectory = "/var/run";
 // The VPN whose pid file is called `name`; nothing when the name is not one of a pid file.
 [[nodiscard]] std::optional<std::uint32_t> VpnOfPidFile(std::string_view name);
 
+// The VPN whose instance directory, or a file below it, has the absolute path; 0 for the box-wide directory. Nothing
+// for other paths.
+[[nodiscard]] std::optional<std::uint32_t> VpnOfInstanceFile(std::string_view path);
+
 // The VPN whose pid file option is in the command line; nothing when none is.
 [[nodiscard]] std::optional<std::uint32_t> VpnOfCommandLine(std::string_view commandLine);
 

@@ -34,6 +34,7 @@ void StopUnconfirmed(Host &host, const Instances &instances, const ModuleFunctio
     if (instances.IsRunning(vpnId) && HasNoRule(host, vpnId)) {
         Log(LogLevel::kNotice, "vpn %u: stopping its instance: it is stored as switched off and has no steering rule",
             vpnId);
+        const VpnScope scope(host, vpnId);
         (void)module.stopInstance(vpnId); // the module logs a failure
     }
 }
@@ -44,7 +45,10 @@ bool RecoverStored(EventLoop &loop, Host &host, const Instances &instances, cons
                    PendingLaunches &launches)
 {
     host.moduleErrors.Clear();
-    (void)module.recover(); // always succeeds
+    {
+        const RecoveryScope scope(host);
+        (void)module.recover(); // always succeeds
+    }
     std::set<std::uint32_t> enabled;
     for (const StoredRecord &record : host.store.Listed()) {
         instances.SetMeantToRun(record.vpn, record.enable);

@@ -42,6 +42,7 @@ class Host {
     PatternCache patterns;
     InstanceIdentity identity = InstanceIdentity::OfBox();
     LaunchOutputs launchOutputs;
+    bool isRecovering = false;               // see RecoveryScope
     std::optional<std::uint32_t> currentVpn; // see VpnScope
     std::vector<std::string> endedProcesses; // what VQ_KillPid ended beside the instance itself, since the last Clear
     ErrorTrail moduleErrors;                 // since the last Clear()
@@ -59,6 +60,23 @@ class VpnScope {
     VpnScope(const VpnScope &) = delete;
     VpnScope &operator=(const VpnScope &) = delete;
     ~VpnScope() { host_.currentVpn.reset(); }
+
+  private:
+    Host &host_;
+};
+
+// As VpnScope, while the module walks the stored records in one call: it begins each record with the record's files, so
+// the VPN is that of the file that was written last.
+class RecoveryScope {
+  public:
+    explicit RecoveryScope(Host &host) : host_(host) { host_.isRecovering = true; }
+    RecoveryScope(const RecoveryScope &) = delete;
+    RecoveryScope &operator=(const RecoveryScope &) = delete;
+    ~RecoveryScope()
+    {
+        host_.isRecovering = false;
+        host_.currentVpn.reset();
+    }
 
   private:
     Host &host_;
