@@ -221,14 +221,15 @@ def test_check_does_not_pass_what_apply_refuses(running):
 # ---- Costs ----
 
 def test_names_with_a_blank_do_not_grow_the_agent(running):
-    """The module compiles a pattern for each name and does not free it for a name with a blank."""
+    """The module compiles a pattern for each name and does not free it for a name with a blank: 1.7 GB a message. The
+    bound leaves room for freed memory that the process keeps, which a sanitizer does on purpose."""
     names = [f"name {number}.example" for number in range(8192)]
     forwards = [{"domains": names[first:first + 8], "serverips": ["10.7.0.53"]} for first in range(0, 8192, 8)]
     check(running, message(dnsproxies=forwards))
     before = memory_mib(running)
     for _ in range(3):
         assert check(running, message(dnsproxies=forwards)).returncode == 0
-    assert memory_mib(running) < before + 32
+    assert memory_mib(running) < before + 256
 
 
 def test_every_line_of_the_module_names_its_vpn(running):

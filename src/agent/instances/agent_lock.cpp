@@ -18,7 +18,7 @@
 namespace kavel::agent {
 namespace {
 
-constexpr mode_t kFileMode = 0600;
+constexpr mode_t kLockMode = 0600;
 
 flock WholeFile()
 {
@@ -65,13 +65,13 @@ AgentLock::AgentLock(const std::string &controlSocket, std::string path) : path_
 
 void AgentLock::Open()
 {
-    file_ = UniqueFd(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    file_ = UniqueFd(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
     struct stat info {};
     if (!file_ || ::fstat(file_.Get(), &info) != 0) {
         ThrowLastErrno(path_);
     }
     const bool isOwned = info.st_uid == ::geteuid() || ::fchown(file_.Get(), ::geteuid(), ::getegid()) == 0;
-    const bool isPrivate = (info.st_mode & ALLPERMS) == kFileMode || ::fchmod(file_.Get(), kFileMode) == 0;
+    const bool isPrivate = (info.st_mode & ALLPERMS) == kLockMode || ::fchmod(file_.Get(), kLockMode) == 0;
     if (!isOwned || !isPrivate) {
         ThrowLastErrno(path_);
     }

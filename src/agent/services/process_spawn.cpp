@@ -152,7 +152,9 @@ std::optional<std::uint32_t> EndableVpn(const Host &host, const Process &process
     }
     const auto vpnId = VpnOfProcess(process, host.identity);
     if (!vpnId) {
-        Log(LogLevel::kWarning, "process %d (%s) is not a DNS instance and is not ended", pid, process.name.c_str());
+        const std::string subject = host.currentVpn ? "vpn " + std::to_string(*host.currentVpn) + ": " : "";
+        Log(LogLevel::kWarning, "%sprocess %d (%s) is not a DNS instance and is not ended", subject.c_str(), pid,
+            process.name.c_str());
     } else if (host.currentVpn && host.currentVpn != vpnId) {
         Log(LogLevel::kDebug, "vpn %u: process %d belongs to vpn %u and is not ended", *host.currentVpn, pid, *vpnId);
         return std::nullopt;
@@ -187,13 +189,13 @@ bool IsKilled(const ProcessHandle &process)
     return process.EndsWithin(kKillTimeout);
 }
 
-bool IsEnded(const ProcessHandle &process)
+bool IsEnded(std::uint32_t vpnId, const ProcessHandle &process)
 {
     process.Signal(SIGTERM);
     if (process.EndsWithin(kTermTimeout)) {
         return true;
     }
-    Log(LogLevel::kWarning, "process %d ignored SIGTERM and is killed", process.Pid());
+    Log(LogLevel::kWarning, "vpn %u: process %d ignored SIGTERM and is killed", vpnId, process.Pid());
     return IsKilled(process);
 }
 
@@ -201,7 +203,7 @@ bool IsEnded(const ProcessHandle &process)
 bool IsEndedWithChildren(const Host &host, std::uint32_t vpnId, const ProcessHandle &instance)
 {
     const std::vector<ProcessHandle> children = OpenChildren(host, vpnId, instance.Pid());
-    bool isEnded = IsEnded(instance);
+    bool isEnded = IsEnded(vpnId, instance);
     for (const ProcessHandle &child : children) {
         child.Signal(SIGKILL);
     }
