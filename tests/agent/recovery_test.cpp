@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <list>
+#include <string_view>
+#include <unistd.h>
 
 #include "services/store.h"
 #include "test_box.h"
@@ -105,6 +107,17 @@ TEST_F(RecoveryTest, LogsWhichInstanceDidNotComeUp)
     EXPECT_TRUE(Recover());
     EXPECT_THAT(log_, HasSubstr("ERROR vpn " + std::to_string(TestVpn(1)) + ": its instance did not come up again"));
     EXPECT_THAT(log_, HasSubstr("recovered: 2 stored, 1 running"));
+}
+
+TEST_F(RecoveryTest, LogsWhyAnInstanceDidNotComeUp)
+{
+    Store(1, "on");
+    onApply_ = [this] {
+        constexpr std::string_view kReason = "\ndnsmasq: Address already in use\n";
+        EXPECT_GT(::write(host_.launchOutputs.Begin(TestVpn(1)), kReason.data(), kReason.size()), 0);
+    };
+    EXPECT_TRUE(Recover());
+    EXPECT_THAT(log_, HasSubstr(": its instance did not come up again: dnsmasq: Address already in use"));
 }
 
 TEST_F(RecoveryTest, EndsWhenTheLoopIsToExit)

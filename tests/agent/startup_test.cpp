@@ -82,9 +82,9 @@ class LimitsTest : public testing::Test {
     rlimit before_{};
 };
 
-TEST_F(LimitsTest, RaisesTheLimitToTwoDescriptorsPerVpnAndTheOthers)
+TEST_F(LimitsTest, RaisesTheLimitToThreeDescriptorsPerVpnAndTheOthers)
 {
-    EXPECT_EQ(Adjusted(10, 64), std::min<rlim_t>(10 * 2 + 1024 + 256, before_.rlim_max));
+    EXPECT_EQ(Adjusted(10, 64), std::min<rlim_t>(10 * 3 + 1024 + 256, before_.rlim_max));
 }
 
 TEST_F(LimitsTest, DoesNotLowerTheLimit)

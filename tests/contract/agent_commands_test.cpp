@@ -1,5 +1,6 @@
 // The shell that runs the module's commands, and which processes the agent kills.
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,9 +13,11 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
+#include "base/failure.h"
 #include "contract_test.h"
 #include "process_lab.h"
 #include "unique_fd.h"
@@ -142,6 +145,30 @@ TEST_F(Commands, OutputOfCommandsIsNotLogged)
 {
     const std::string logged = world().LoggedBy([] { EXPECT_EQ(Execute("echo noise; echo noise >&2"), 0); });
     EXPECT_THAT(logged, Not(HasSubstr("noise")));
+}
+
+// What an instance writes while it starts is kept in a descriptor. Without one left, the instance is started all the
+// same.
+TEST_F(Commands, LaunchOfAnInstanceNeedsNoFreeDescriptor)
+{
+    try {
+        agent::ThrowErrno(EMFILE,
+                          "a sanitizer needs a descriptor when it sees an exception of this type for the first time");
+    } catch (const std::system_error &failure) {
+        EXPECT_STRNE(failure.what(), "");
+    }
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit low{128, before.rlim_max};
+    std::vector<UniqueFd> used;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    for (int descriptor = 0; (descriptor = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)) >= 0;) {
+        used.emplace_back(descriptor);
+    }
+    const std::int32_t result = Execute(": dnsmasq --pid-file=/var/run/kvl_dns_vpn_7.pid");
+    used.clear();
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(result, 0);
 }
 
 TEST_F(Commands, CommandInheritsNoSignalSettings)

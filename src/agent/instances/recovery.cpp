@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <set>
+#include <string>
 #include <system_error>
 
 #include "base/log.h"
@@ -63,7 +64,9 @@ bool RecoverStored(EventLoop &loop, Host &host, const Instances &instances, cons
         return false;
     }
     for (const std::uint32_t vpnId : *failed) {
-        Log(LogLevel::kError, "vpn %u: its instance did not come up again", vpnId);
+        const std::string reason = host.launchOutputs.Reason(vpnId);
+        Log(LogLevel::kError, "vpn %u: its instance did not come up again%s%s", vpnId, reason.empty() ? "" : ": ",
+            reason.c_str());
     }
     Log(LogLevel::kNotice, "recovered: %zu stored, %zu running", host.store.Listed().size(),
         enabled.size() - failed->size());

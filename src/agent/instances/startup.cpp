@@ -22,8 +22,8 @@
 namespace kavel::agent {
 namespace {
 
-// A status query uses two descriptors per VPN: a route socket, which is above those that select() can use, and a query
-// socket. These are the other descriptors.
+// A VPN uses three descriptors at most: a route socket, which is above those that select() can use, the socket of a
+// status query, and the output of its launch. These are the other descriptors.
 constexpr rlim_t kOtherDescriptors = FD_SETSIZE + 256;
 
 // The limit of inotify instances per user, and how many are used beside one per VPN: by the box's own dnsmasq and the
@@ -78,7 +78,7 @@ void RaiseDescriptorLimit(std::size_t vpns)
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
         return;
     }
-    const rlim_t needed = 2 * static_cast<rlim_t>(vpns) + kOtherDescriptors;
+    const rlim_t needed = 3 * static_cast<rlim_t>(vpns) + kOtherDescriptors;
     if (needed > limit.rlim_cur) {
         limit.rlim_cur = std::min(needed, limit.rlim_max);
         ::setrlimit(RLIMIT_NOFILE, &limit);

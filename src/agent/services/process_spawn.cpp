@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "base/failure.h"
@@ -117,12 +118,21 @@ int AwaitShell(pid_t shell)
     return info.si_code == CLD_EXITED && info.si_status == 0 ? 0 : -EIO;
 }
 
-// What a launch of an instance writes to its standard error is kept: why it cannot start.
+// What a launch of an instance writes to its standard error is kept: why it cannot start. A launch goes on without.
 std::optional<int> ErrorsOf(const char *command)
 {
     Host *host = Host::CurrentOrNull();
     const auto vpnId = VpnOfCommandLine(command);
-    return host != nullptr && vpnId ? std::optional(host->launchOutputs.Begin(*vpnId)) : std::nullopt;
+    if (host == nullptr || !vpnId) {
+        return std::nullopt;
+    }
+    try {
+        return host->launchOutputs.Begin(*vpnId);
+    } catch (const std::system_error &failure) {
+        host->launchOutputs.End(*vpnId); // that of the launch before says nothing about this one
+        Log(LogLevel::kWarning, "vpn %u: what dnsmasq writes is not kept: %s", *vpnId, failure.what());
+        return std::nullopt;
+    }
 }
 
 // NOLINTNEXTLINE(readability-non-const-parameter): an argument vector is not const
