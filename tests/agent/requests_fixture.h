@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include <deque>
 
 #include "services/host.h"
@@ -11,6 +13,19 @@
 #include "test_box.h"
 
 namespace kavel::agent {
+
+inline Bytes WithBadInterfaceName(std::uint32_t vpnId)
+{
+    return PackCpe(vpnId, true, VQ_DNSMASQ_OP_REBOOT, [](DnsmasqConf &message) {
+        static std::array<char, 8> name{"a\nb"};
+        static DnsServerItem server;
+        static DnsServerItem *servers = &server;
+        dns_server_item__init(&server);
+        server.ifname = name.data();
+        message.dnsservers = &servers;
+        message.n_dnsservers = 1;
+    });
+}
 
 class RequestsTest : public testing::Test {
   protected:
