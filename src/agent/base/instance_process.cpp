@@ -7,6 +7,7 @@
 #include <charconv>
 #include <filesystem>
 
+#include "base/netns.h"
 #include "number.h"
 
 namespace kavel::agent {
@@ -33,7 +34,7 @@ bool EndsOption(std::string_view tail)
     return tail.empty() || tail.front() == '\0' || tail.front() == ' ';
 }
 
-std::string WithoutLinks(const char *path)
+std::string WithoutLinks(const std::string &path)
 {
     std::error_code ignored;
     return std::filesystem::canonical(path, ignored).string();
@@ -110,7 +111,7 @@ InstanceIdentity InstanceIdentity::OfBox()
 {
     InstanceIdentity identity;
     identity.program = kProgram;
-    for (const char *launcher : {"/bin/sh", "/usr/bin/nsenter"}) {
+    for (const std::string &launcher : {std::string("/bin/sh"), NamespaceTool(), std::string(kNsenter)}) {
         identity.launchers.push_back(WithoutLinks(launcher));
     }
     identity.users.push_back(::geteuid());

@@ -3,14 +3,19 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "base/failure.h"
 #include "base/log.h"
+#include "base/program_files.h"
 
 namespace kavel::agent {
 namespace {
@@ -37,6 +42,19 @@ std::optional<NamespaceId> NamespaceAt(const std::string &path)
 }
 
 } // namespace
+
+// The module's commands have 511 bytes: 175 of their own and 270 for the path of a namespace are left out here. The
+// shell reads the path.
+std::string NamespaceTool()
+{
+    constexpr std::size_t kPathMax = 60;
+    const std::string path = BesideProgramOr(KAVEL_PROGRAM_DIR, "netns-exec");
+    const bool isPlain = std::ranges::all_of(path, [](unsigned char letter) {
+        return std::isalnum(letter) != 0 ||
+               std::string_view("/._+-").find(static_cast<char>(letter)) != std::string_view::npos;
+    });
+    return isPlain && path.size() <= kPathMax && ::access(path.c_str(), X_OK) == 0 ? path : std::string(kNsenter);
+}
 
 std::string NamespacePath(const Vpn &vpn)
 {

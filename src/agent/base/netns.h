@@ -24,6 +24,11 @@ struct NamespaceId {
 // The path of the VPN's namespace below /run/netns.
 [[nodiscard]] std::string NamespacePath(const Vpn &vpn);
 
+// The program that executes a command in a namespace, with the option "--net=FILE" in front of the command: netns-exec,
+// which comes with the agent, or nsenter where that is missing or its path does not fit into a command.
+[[nodiscard]] std::string NamespaceTool();
+inline constexpr const char *kNsenter = "/usr/bin/nsenter";
+
 // The namespace of a process; nothing when the process has ended.
 [[nodiscard]] std::optional<NamespaceId> NamespaceOfProcess(pid_t pid);
 

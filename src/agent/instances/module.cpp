@@ -5,19 +5,13 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "base/program_files.h"
 #include "module_exports.h"
 
 namespace kavel::agent {
 namespace {
 
 constexpr const char *kFileName = "libvqAdvancedDns.so";
-
-std::string FindLibrary()
-{
-    std::error_code ignored;
-    const auto beside = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path() / kFileName;
-    return std::filesystem::exists(beside, ignored) ? beside.string() : std::string(KAVEL_MODULE_DIR "/") + kFileName;
-}
 
 } // namespace
 
@@ -33,7 +27,7 @@ void Module::Find(Function &function, const char *name) const
 }
 
 Module::Module(const std::string &path, Host &host)
-    : path_(path.empty() ? FindLibrary() : std::filesystem::absolute(path).string()),
+    : path_(path.empty() ? BesideProgramOr(KAVEL_MODULE_DIR, kFileName) : std::filesystem::absolute(path).string()),
       handle_(::dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL))
 {
     if (!handle_) {

@@ -40,6 +40,7 @@ class Host {
     RouteSockets routeSockets{namespaces};
     NftablesContexts nftables{namespaces};
     PatternCache patterns;
+    const std::string namespaceTool = NamespaceTool();
     InstanceIdentity identity = InstanceIdentity::OfBox();
     LaunchOutputs launchOutputs;
     bool isRecovering = false;               // see RecoveryScope

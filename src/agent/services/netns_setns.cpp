@@ -25,7 +25,7 @@ std::string CommandPrefix(const Host &host, std::uint32_t vpnId)
     if (vpn == nullptr || !host.namespaces.IdOf(vpnId)) {
         ThrowErrno(ENOENT, "vpn " + std::to_string(vpnId));
     }
-    return "/usr/bin/nsenter --net=" + NamespacePath(*vpn) + " ";
+    return host.namespaceTool + " --net=" + NamespacePath(*vpn) + " ";
 }
 
 int WriteCommandPrefix(std::uint32_t vpnId, char *buffer, std::size_t size)
