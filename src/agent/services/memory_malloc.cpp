@@ -2,8 +2,10 @@
 
 #include <malloc.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
-#include <cstddef>
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 
 #include "vqMemory.h"
@@ -11,19 +13,21 @@
 namespace kavel::agent {
 namespace {
 
-constexpr int kLargeObject = 1024 * 1024;
+constexpr std::size_t kLargeObject = std::size_t{1024} * 1024;
 
-constexpr std::size_t kHugePage = std::size_t{2} * 1024 * 1024;
+// The large object that was allocated last; it may have been freed.
+struct LargeObject {
+    std::uintptr_t begin = 0;
+    std::uintptr_t end = 0;
+};
+LargeObject g_newest;
 
-// A large object that need not be zeroed is written completely: huge pages avoid thousands of page faults. Its size is
-// rounded up so that it consists of huge pages only. A kernel without huge pages serves ordinary ones.
-void *AllocateInHugePages(std::size_t size)
+// In pages of its own, which are untouched: see ReturnLargeMemory.
+void *AllocateLarge(std::size_t size)
 {
-    const std::size_t whole = (size + kHugePage - 1) / kHugePage * kHugePage;
-    void *const object = whole < size ? nullptr : std::aligned_alloc(kHugePage, whole);
-    if (object != nullptr) {
-        (void)::madvise(object, whole, MADV_HUGEPAGE);
-    }
+    void *const object = std::calloc(1, size);
+    const auto begin = reinterpret_cast<std::uintptr_t>(object);
+    g_newest = object != nullptr ? LargeObject{begin, begin + size} : LargeObject{};
     return object;
 }
 
@@ -31,7 +35,27 @@ void *AllocateInHugePages(std::size_t size)
 
 void ReturnLargeMemory()
 {
-    ::mallopt(M_MMAP_THRESHOLD, kLargeObject);
+    ::mallopt(M_MMAP_THRESHOLD, static_cast<int>(kLargeObject));
+}
+
+bool ZeroInFreshPages(void *object, std::size_t size)
+{
+    static const auto kPage = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+    const auto begin = reinterpret_cast<std::uintptr_t>(object);
+    if (size <= kLargeObject || begin != g_newest.begin || size > g_newest.end - begin) {
+        return false;
+    }
+    const std::uintptr_t firstPage = (begin + kPage - 1) / kPage * kPage;
+    const std::uintptr_t lastPage = (begin + size) / kPage * kPage;
+    auto *const bytes = static_cast<unsigned char *>(object);
+    const std::size_t head = firstPage - begin;
+    const std::size_t body = lastPage - firstPage;
+    if (::madvise(bytes + head, body, MADV_DONTNEED) != 0) {
+        return false;
+    }
+    std::fill_n(bytes, head, 0);
+    std::fill(bytes + head + body, bytes + size, 0);
+    return true;
 }
 
 } // namespace kavel::agent
@@ -42,7 +66,7 @@ extern "C" {
 
 void *VQ_AgentMemAlloc(const size_t size)
 {
-    return size > std::size_t{kLargeObject} ? AllocateInHugePages(size) : std::malloc(size);
+    return size > kLargeObject ? AllocateLarge(size) : std::malloc(size);
 }
 
 // calloc leaves fresh pages untouched: a large record costs memory only where it is written.
@@ -53,6 +77,9 @@ void *VQ_AgentMemZeroAlloc(const size_t size)
 
 void VQ_AgentMemFree(void *pointer)
 {
+    if (reinterpret_cast<std::uintptr_t>(pointer) == g_newest.begin) {
+        g_newest = {};
+    }
     std::free(pointer);
 }
 }
