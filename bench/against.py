@@ -3,7 +3,7 @@
 against.py THIS_BUILD OTHER_BUILD [--quick] [--rounds N] [PROGRAM...]
 
 Each program runs with both builds alternately: this, other, this, other, if there are two rounds. module and services
-are the programs bench_module and bench_services of each build. box_answers and box_many are the scripts of this tree;
+are the programs bench_module and bench_services of each build. the programs named box_... are the scripts of this tree;
 they run with the agent, the tool and the module of each build.
 
 The output has one line for each case: the median of each build, the ratio of each to its floor, and the quotient of
@@ -26,7 +26,7 @@ import tempfile
 from tables import ratios, shown
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-PROGRAMS = ("module", "services", "box_answers", "box_many")
+PROGRAMS = ("module", "services", "box_answers", "box_waits", "box_many")
 BUILT = ("bench_module", "bench_services", "libvqAdvancedDns.so", "vqagent", "vqctl")
 NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 # Cases of several seconds whose work other cases contain; the quick form leaves them out.

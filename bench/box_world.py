@@ -137,10 +137,12 @@ class Controllers:
 
 
 @contextlib.contextmanager
-def agent(vpns, **changes):
-    """A box whose agent is ready and serves these VPNs. Stops the agent and all instances afterwards."""
+def agent(vpns, members=None, **changes):
+    """A box whose agent is ready and serves these VPNs. Stops the agent and all instances afterwards.
+
+    `members` has further members of a VPN's configuration, by VPN; `changes` are those of the box's."""
     box = Box()
-    box.configure(*({"id": vpn} for vpn in vpns), log="notice", **changes)
+    box.configure(*({"id": vpn, **(members or {}).get(vpn, {})} for vpn in vpns), log="notice", **changes)
     try:
         yield box.start()
     finally:
