@@ -45,6 +45,8 @@ TEST(PackAnswer, ASuccessCarriesNothingElse)
     EXPECT_EQ(reply->n_vpns, 0U);
     EXPECT_EQ(reply->n_stored, 0U);
     EXPECT_FALSE(reply->has_stored_text);
+    EXPECT_EQ(reply->n_notes, 0U);
+    EXPECT_EQ(reply->start, nullptr);
 }
 
 TEST(PackAnswer, ARefusalWithoutTextCarriesThatOfItsErrno)
@@ -127,6 +129,72 @@ TEST(PackAnswer, CarriesEveryStatusWithItsTexts)
     EXPECT_TRUE(status.has_rule);
     EXPECT_THAT(status.namespace_, StrEq("blue"));
     EXPECT_THAT(ProblemsOf(status), ElementsAre("first problem", "second"));
+}
+
+TEST(PackAnswer, CarriesTheHistoryOfAVpn)
+{
+    Answer answer;
+    answer.vpns.resize(1);
+    VpnStatus &status = answer.vpns.front();
+    status.fields.has_ends = status.fields.has_last_end_time = status.fields.has_next_start_time = 1;
+    status.fields.ends = 2;
+    status.fields.last_end_time = 5'000'000'000U;
+    status.fields.next_start_time = 5'000'000'004U;
+    status.fields.has_repairs = status.fields.has_last_repair_time = 1;
+    status.fields.repairs = 3;
+    status.fields.last_repair_time = 5'000'000'001U;
+    status.lastEnd = "killed by signal 9";
+    status.lastRepair = "the steering rule was gone";
+    status.revision = "r 1";
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_EQ(reply->n_vpns, 1U);
+    const Kavel__VpnStatus &sent = *reply->vpns[0];
+    EXPECT_TRUE(sent.has_ends && sent.ends == 2);
+    EXPECT_TRUE(sent.has_last_end_time && sent.last_end_time == 5'000'000'000U);
+    EXPECT_TRUE(sent.has_next_start_time && sent.next_start_time == 5'000'000'004U);
+    EXPECT_TRUE(sent.has_repairs && sent.repairs == 3);
+    EXPECT_TRUE(sent.has_last_repair_time && sent.last_repair_time == 5'000'000'001U);
+    EXPECT_THAT(sent.last_end, StrEq("killed by signal 9"));
+    EXPECT_THAT(sent.last_repair, StrEq("the steering rule was gone"));
+    EXPECT_THAT(sent.revision, StrEq("r 1"));
+}
+
+TEST(PackAnswer, AVpnWithoutAHistoryCarriesNone)
+{
+    Answer answer;
+    answer.vpns.resize(1);
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_EQ(reply->n_vpns, 1U);
+    const Kavel__VpnStatus &sent = *reply->vpns[0];
+    EXPECT_FALSE(sent.has_ends || sent.has_last_end_time || sent.has_next_start_time || sent.has_repairs ||
+                 sent.has_last_repair_time);
+    EXPECT_EQ(sent.last_end, nullptr);
+    EXPECT_EQ(sent.last_repair, nullptr);
+    EXPECT_EQ(sent.revision, nullptr);
+}
+
+TEST(PackAnswer, AnEmptyRevisionIsSent)
+{
+    Answer answer;
+    answer.vpns.resize(1);
+    answer.vpns.front().revision = "";
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_EQ(reply->n_vpns, 1U);
+    EXPECT_THAT(reply->vpns[0]->revision, StrEq(""));
+}
+
+TEST(PackAnswer, CarriesTheProgressOfTheStart)
+{
+    Answer answer;
+    answer.start = {.back = 120, .total = 300};
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_NE(reply->start, nullptr);
+    EXPECT_EQ(reply->start->back, 120U);
+    EXPECT_EQ(reply->start->total, 300U);
+    answer.start = StartProgress();
+    const ReplyPtr atFirst = Sent(answer);
+    ASSERT_NE(atFirst->start, nullptr) << "a start with nothing to restore is a start too";
+    EXPECT_EQ(atFirst->start->total, 0U);
 }
 
 TEST(PackAnswer, CarriesEveryStoredRecord)

@@ -20,6 +20,10 @@ struct VpnStatus {
     Kavel__VpnStatus fields = KAVEL__VPN_STATUS__INIT;
     std::string netns;                 // "-" for the box's own
     std::vector<std::string> problems; // plain words
+    // The optional texts, one line each.
+    std::optional<std::string> lastEnd;
+    std::optional<std::string> lastRepair;
+    std::optional<std::string> revision;
 };
 
 // What is stored for the VPNs whose status is asked for.

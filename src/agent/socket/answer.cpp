@@ -16,6 +16,11 @@ char *Borrow(const std::string &text)
     return const_cast<char *>(text.c_str()); // NOLINT(cppcoreguidelines-pro-type-const-cast): for those structures
 }
 
+char *BorrowOrNull(const std::optional<std::string> &text)
+{
+    return text ? Borrow(*text) : nullptr;
+}
+
 std::vector<char *> BorrowAll(const std::vector<std::string> &texts)
 {
     std::vector<char *> pointers;
@@ -29,6 +34,9 @@ class PackedStatus {
     explicit PackedStatus(const VpnStatus &status) : message_(status.fields), problems_(BorrowAll(status.problems))
     {
         message_.namespace_ = Borrow(status.netns);
+        message_.last_end = BorrowOrNull(status.lastEnd);
+        message_.last_repair = BorrowOrNull(status.lastRepair);
+        message_.revision = BorrowOrNull(status.revision);
     }
 
     // Valid until this object is moved or destroyed.
@@ -85,9 +93,12 @@ std::optional<std::string> TextOf(const Answer &answer)
     return answer.text || answer.result >= 0 ? answer.text : std::optional(std::strerror(-answer.result));
 }
 
-char *BorrowOrNull(const std::optional<std::string> &text)
+Kavel__Start PackStart(const StartProgress &progress)
 {
-    return text ? Borrow(*text) : nullptr;
+    Kavel__Start message = KAVEL__START__INIT;
+    message.back = progress.back;
+    message.total = progress.total;
+    return message;
 }
 
 void SetKnown(protobuf_c_boolean &has, protobuf_c_boolean &field, std::optional<bool> value)
@@ -138,6 +149,8 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
     std::vector<char *> notes = BorrowAll(answer.notes);
     reply.notes = notes.data();
     reply.n_notes = notes.size();
+    Kavel__Start start = PackStart(answer.start.value_or(StartProgress()));
+    reply.start = answer.start ? &start : nullptr;
     return PackReply(reply);
 }
 

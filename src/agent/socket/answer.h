@@ -14,6 +14,12 @@
 
 namespace kavel::agent {
 
+// How far the start of the agent is: of the `total` VPNs whose state has to be restored, `back` are restored.
+struct StartProgress {
+    std::uint32_t back = 0;
+    std::uint32_t total = 0;
+};
+
 struct Answer {
     std::int32_t result = 0;           // 0 or more: carried out; a negated errno: refused
     std::optional<std::string> text;   // what the agent found wrong; without it the errno's text is sent
@@ -26,6 +32,7 @@ struct Answer {
     std::optional<bool> enabled; // a message that is in force: it wants an instance to run
     std::optional<bool> running; // and one runs
     std::vector<std::string> notes;
+    std::optional<StartProgress> start; // while the agent is starting
 };
 
 // Sends the answer to its client. Called exactly once per request.
