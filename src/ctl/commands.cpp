@@ -1,5 +1,6 @@
 #include "commands.h"
 
+#include <chrono>
 #include <exception>
 #include <ostream>
 #include <span>
@@ -44,15 +45,31 @@ EncodedMessage LoadMessage(const std::string &file, bool binary)
     return binary ? EncodedMessage{{content.begin(), content.end()}, "raw message"} : EncodeJson(content);
 }
 
-Kavel__Request NewRequest(Kavel__Request__Verb verb)
+// Without `vpn` the request names none.
+Kavel__Request NewRequest(Kavel__Request__Verb verb, std::optional<std::uint32_t> vpn = std::nullopt)
 {
     Kavel__Request request{};
     kavel__request__init(&request);
     request.verb = verb;
+    request.has_vpn = vpn ? 1 : 0;
+    request.vpn = vpn.value_or(0);
     return request;
 }
 
-std::vector<Outgoing> LoadAll(Kavel__Request__Verb verb, const Messages &messages)
+void CheckRevision(const std::string &revision)
+{
+    const std::string expected = "--revision: expected 1 to " + Counted(kRevisionMax, "byte") + " of printable text";
+    if (revision.empty() || revision.size() > kRevisionMax) {
+        throw InputError(expected + ", not " + Counted(revision.size(), "byte"));
+    }
+    if (const std::string printable = Printable(revision); printable != revision) {
+        throw InputError(expected + ", not \"" + printable + "\"");
+    }
+}
+
+// `revision` is sent with each message.
+std::vector<Outgoing> LoadAll(Kavel__Request__Verb verb, const Messages &messages,
+                              std::optional<std::string> revision = std::nullopt)
 {
     std::vector<Outgoing> all;
     for (const std::string &file : messages.files) {
@@ -61,6 +78,7 @@ std::vector<Outgoing> LoadAll(Kavel__Request__Verb verb, const Messages &message
             Kavel__Request request = NewRequest(verb);
             request.has_message = 1;
             request.message = {message.bytes.size(), message.bytes.data()};
+            request.revision = revision ? revision->data() : nullptr;
             return Outgoing{DisplayName(file), message.summary + " (" + Counted(message.bytes.size(), "byte") + ")",
                             PackRequest(request)};
         }));
@@ -168,13 +186,17 @@ std::string AppliedText(const Kavel__Reply &reply)
 
 int RunVpnCommand(const Session &session, Kavel__Request__Verb verb, std::uint32_t vpn, const std::string &done)
 {
-    Kavel__Request request = NewRequest(verb);
-    request.has_vpn = 1;
-    request.vpn = vpn;
-    const ReplyPtr reply = ExchangeOne(session, request, SubjectText(vpn) + " to be " + done);
+    const ReplyPtr reply = ExchangeOne(session, NewRequest(verb, vpn), SubjectText(vpn) + " to be " + done);
     const bool refused = reply->result < 0;
     session.out << SubjectText(vpn) << ": " << (refused ? "refused " + RefusalText(*reply) : done) << '\n';
     return refused ? kRefused : kDone;
+}
+
+// The Unix time in seconds.
+std::uint64_t Now()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(now).count());
 }
 
 // Reports on standard error that the agent refused a query.
@@ -195,7 +217,10 @@ int ReportError(const Session &session, const std::exception &error, ExitCode co
 
 int Apply(const Session &session, const Messages &messages)
 {
-    const std::vector<Outgoing> all = LoadAll(KAVEL__REQUEST__VERB__APPLY, messages);
+    if (messages.revision) {
+        CheckRevision(*messages.revision);
+    }
+    const std::vector<Outgoing> all = LoadAll(KAVEL__REQUEST__VERB__APPLY, messages, messages.revision);
     Client client = Client::Connect(session.socket, session.timeout);
     int code = kDone;
     for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
@@ -244,16 +269,43 @@ int Encode(const std::string &file, const std::optional<std::string> &target)
 
 int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json)
 {
-    Kavel__Request request = NewRequest(KAVEL__REQUEST__VERB__STATUS);
-    request.has_vpn = vpn ? 1 : 0;
-    request.vpn = vpn.value_or(0);
-    const ReplyPtr reply = ExchangeOne(session, request, "status");
+    const ReplyPtr reply = ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__STATUS, vpn), "status");
+    const bool isStarting = reply->start != nullptr;
+    if (isStarting && !json) {
+        session.out << StartText(*reply->start);
+    }
     if (reply->result < 0) {
-        return ReportRefusal(session, vpn ? SubjectText(vpn) : "status", *reply);
+        const int refused = ReportRefusal(session, vpn ? SubjectText(vpn) : "status", *reply);
+        return isStarting ? kStarting : refused;
     }
     const StatusList vpns(reply->vpns, reply->n_vpns);
-    session.out << (json ? StatusJson(vpns) : StatusTable(vpns, session.colour));
+    const StatusView view{.now = Now(), .withRevisions = vpn.has_value(), .colour = session.colour};
+    session.out << (json ? StatusJson(vpns) : StatusTable(vpns, view));
+    if (isStarting) {
+        return kStarting;
+    }
     return AnyProblem(vpns) ? kRefused : kDone;
+}
+
+int Repair(const Session &session, std::optional<std::uint32_t> vpn)
+{
+    const std::string subject = vpn ? SubjectText(vpn) : "repair";
+    const ReplyPtr reply = ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__REPAIR, vpn),
+                                       vpn ? SubjectText(vpn) + " to be repaired" : "repair");
+    if (reply->result < 0) {
+        session.out << subject << ": refused " << RefusalText(*reply) << '\n';
+        return kRefused;
+    }
+    for (const char *note : std::span(reply->notes, reply->n_notes)) {
+        session.out << Printable(note) << '\n';
+    }
+    if (reply->text != nullptr) {
+        session.out.flush();
+        session.err << "vqctl: " << Printable(reply->text) << '\n';
+        return kNotAsAsked;
+    }
+    session.out << (reply->n_notes == 0 ? "nothing to repair\n" : "");
+    return kDone;
 }
 
 int VpnInit(const Session &session, std::uint32_t vpn)
@@ -278,9 +330,7 @@ int StoreList(const Session &session)
 
 int StoreShow(const Session &session, std::uint32_t vpn)
 {
-    Kavel__Request request = NewRequest(KAVEL__REQUEST__VERB__STORE_SHOW);
-    request.has_vpn = 1;
-    request.vpn = vpn;
+    const Kavel__Request request = NewRequest(KAVEL__REQUEST__VERB__STORE_SHOW, vpn);
     const ReplyPtr reply = ExchangeOne(session, request, "store show of " + SubjectText(vpn));
     if (reply->result < 0) {
         return ReportRefusal(session, SubjectText(vpn), *reply);

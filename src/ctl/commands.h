@@ -3,6 +3,7 @@
 #define KAVEL_CTL_COMMANDS_H
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
@@ -29,10 +30,14 @@ struct Session {
 struct Messages {
     std::vector<std::string> files; // `-`: standard input
     bool binary = false;            // the files hold message bytes, which are sent unchanged; otherwise JSON
+    // The sender's name for the messages; apply sends it with each. Printable UTF-8 of 1 to kRevisionMax bytes.
+    std::optional<std::string> revision = std::nullopt;
 };
 
+inline constexpr std::size_t kRevisionMax = 64;
+
 // Applies the messages in order and stops at the first one that is refused. A message whose service does not run is
-// reported, and does not stop the others. If any file is bad, nothing is sent.
+// reported, and does not stop the others. If the revision or any file is bad, nothing is sent.
 int Apply(const Session &session, const Messages &messages);
 
 // Prints for each message what it would set, or why it would be refused. If any file is bad, nothing is sent.
@@ -41,8 +46,13 @@ int Check(const Session &session, const Messages &messages);
 // Writes the bytes of a JSON message to the file `target`, or to standard output.
 int Encode(const std::string &file, const std::optional<std::string> &target);
 
-// Prints the state of one VPN, or of all.
+// Prints the state of one VPN, or of all. While the agent is starting, the text begins with how far the start is; the
+// JSON does not hold that, only the exit code says so.
 int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json);
+
+// Has the agent repair what differs from what is in force, for one VPN or for all. Prints what was repaired; what could
+// not be repaired is printed on `err`.
+int Repair(const Session &session, std::optional<std::uint32_t> vpn);
 
 // Create and remove the instance directory of a VPN.
 int VpnInit(const Session &session, std::uint32_t vpn);

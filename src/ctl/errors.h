@@ -13,7 +13,8 @@ enum ExitCode : int {
     kRefused = 1,    // the agent refused, or a VPN has problems
     kBadInput = 2,   // wrong usage, a file that cannot be read, written or understood
     kNoAgent = 3,    // the agent cannot be reached or violates the protocol
-    kNotAsAsked = 4, // a message was applied, but its service is not in the state that it asks for
+    kNotAsAsked = 4, // carried out, but a service is not in the state that is asked for, or a repair failed
+    kStarting = 5,   // the agent is starting; also if a VPN has problems
 };
 
 // The agent cannot be reached, or the connection to it failed.

@@ -1,11 +1,14 @@
 // The command line of vqctl.
 #include <CLI/CLI.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <iostream>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 #include <vector>
 
@@ -24,7 +27,8 @@ constexpr const char *kFooter = R"(Exit codes:
   1  the agent refused, or status found a VPN with problems
   2  wrong usage or a bad input file (nothing was sent), or output that cannot be written
   3  the agent cannot be reached, or its reply is invalid
-  4  applied, but a service does not run, or still runs although it is switched off)";
+  4  carried out, but a service does not run, or still runs although it is switched off, or a repair failed
+  5  status: the agent is starting)";
 
 struct Arguments {
     Session session{std::cout, std::cerr};
@@ -67,6 +71,12 @@ void AddMessageCommands(CLI::App &app, Arguments &arguments)
     CLI::App *apply =
         app.add_subcommand("apply", "Apply controller messages in order; stop at the first that is refused");
     AddMessages(*apply, arguments);
+    // Not bound to the member: CLI11 would drop an empty revision instead of letting it be refused.
+    apply
+        ->add_option_function<std::string>(
+            "--revision", [&arguments](const std::string &text) { arguments.messages.revision = text; },
+            "The sender's name for the messages, 1 to 64 bytes; the status shows it")
+        ->type_name("REV");
     apply->final_callback(
         [&arguments] { arguments.command = [&] { return Apply(arguments.session, arguments.messages); }; });
 
@@ -87,11 +97,20 @@ void AddMessageCommands(CLI::App &app, Arguments &arguments)
 
 void AddStatusCommand(CLI::App &app, Arguments &arguments)
 {
-    CLI::App *status = app.add_subcommand("status", "Show the state of every VPN; exit code 1 if any has problems");
+    CLI::App *status = app.add_subcommand(
+        "status", "Show the state of every VPN; exit code 1 if any has problems, 5 while the agent is starting");
     status->add_flag("--json", arguments.json, "Print JSON, for programs");
     AddVpn(*status, arguments, "--vpn", "Show only this VPN");
     status->final_callback(
         [&arguments] { arguments.command = [&] { return Status(arguments.session, arguments.vpn, arguments.json); }; });
+}
+
+void AddRepairCommand(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *repair = app.add_subcommand("repair", "Repair what differs from the configuration in force");
+    AddVpn(*repair, arguments, "--vpn", "Repair only this VPN");
+    repair->final_callback(
+        [&arguments] { arguments.command = [&] { return Repair(arguments.session, arguments.vpn); }; });
 }
 
 void AddVpnCommand(CLI::App &app, Arguments &arguments)
@@ -136,6 +155,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     app.add_flag("-v,--verbose", arguments.session.verbose, "Report requests and results on standard error");
     AddMessageCommands(app, arguments);
     AddStatusCommand(app, arguments);
+    AddRepairCommand(app, arguments);
     AddVpnCommand(app, arguments);
     AddStoreCommand(app, arguments);
 }
@@ -148,6 +168,19 @@ std::string UsageText(const CLI::App *app, const CLI::Error &error)
     return "vqctl: " + kavel::Printable(why) + " (see vqctl --help)\n";
 }
 
+// CLI11 would take the argument after "--revision=" for its value: the first file would not be applied.
+void RefuseEmptyValues(std::span<char *const> arguments)
+{
+    for (const std::string_view argument : arguments) {
+        if (argument == "--") {
+            return;
+        }
+        if (argument.starts_with("--") && argument.ends_with("=")) {
+            throw CLI::ValidationError(std::string(argument.substr(0, argument.size() - 1)), "the value is missing");
+        }
+    }
+}
+
 int Main(int argc, char **argv)
 {
     Arguments arguments;
@@ -156,6 +189,7 @@ int Main(int argc, char **argv)
     AddCommands(app, arguments);
     app.failure_message(UsageText);
     try {
+        RefuseEmptyValues({argv, static_cast<std::size_t>(argc)});
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kDone : kBadInput;

@@ -4,9 +4,13 @@
 #include <array>
 #include <cstdlib>
 #include <iomanip>
+#include <iterator>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 #include "json_reader.h"
 #include "output.h"
@@ -133,6 +137,18 @@ JsonPtr OptionalFlagJson(Vpn vpn)
     return vpn.*Has != 0 ? FlagJson<Member>(vpn) : nullptr;
 }
 
+template <auto Has, auto Member>
+JsonPtr OptionalCountJson(Vpn vpn)
+{
+    return vpn.*Has != 0 ? CountJson<Member>(vpn) : nullptr;
+}
+
+template <auto Member>
+JsonPtr OptionalTextJson(Vpn vpn)
+{
+    return vpn.*Member != nullptr ? JsonText(vpn.*Member) : nullptr;
+}
+
 JsonPtr ProblemsJson(Vpn vpn)
 {
     JsonPtr list = Made(json_object_new_array());
@@ -184,6 +200,18 @@ constexpr std::array kFields = {
     StatusField{"problems", ProblemsJson},
 };
 
+// These are members of the JSON object only if the agent sent them.
+constexpr std::array kSentFields = {
+    StatusField{"ends", OptionalCountJson<&VpnStatus::has_ends, &VpnStatus::ends>},
+    StatusField{"last_end_time", OptionalCountJson<&VpnStatus::has_last_end_time, &VpnStatus::last_end_time>},
+    StatusField{"last_end", OptionalTextJson<&VpnStatus::last_end>},
+    StatusField{"next_start_time", OptionalCountJson<&VpnStatus::has_next_start_time, &VpnStatus::next_start_time>},
+    StatusField{"repairs", OptionalCountJson<&VpnStatus::has_repairs, &VpnStatus::repairs>},
+    StatusField{"last_repair_time", OptionalCountJson<&VpnStatus::has_last_repair_time, &VpnStatus::last_repair_time>},
+    StatusField{"last_repair", OptionalTextJson<&VpnStatus::last_repair>},
+    StatusField{"revision", OptionalTextJson<&VpnStatus::revision>},
+};
+
 constexpr bool HasColumn(const StatusField &field)
 {
     return field.column.title != nullptr;
@@ -200,12 +228,22 @@ constexpr auto kVpnColumns = [] {
     return columns;
 }();
 
+void AddMember(json_object *object, const char *name, JsonPtr value)
+{
+    if (json_object_object_add(object, name, value.release()) != 0) {
+        throw std::bad_alloc();
+    }
+}
+
 JsonPtr ObjectOf(Vpn vpn)
 {
     JsonPtr object = Made(json_object_new_object());
     for (const StatusField &field : kFields) {
-        if (json_object_object_add(object.get(), field.name, field.json(vpn).release()) != 0) {
-            throw std::bad_alloc();
+        AddMember(object.get(), field.name, field.json(vpn));
+    }
+    for (const StatusField &field : kSentFields) {
+        if (JsonPtr value = field.json(vpn)) {
+            AddMember(object.get(), field.name, std::move(value));
         }
     }
     return object;
@@ -217,6 +255,70 @@ std::string TwoUnits(std::uint64_t value, std::uint64_t large, char largeSign, s
     std::ostringstream text;
     text << value / large << largeSign << std::setw(2) << std::setfill('0') << value % large / small << smallSign;
     return text.str();
+}
+
+// "10 s"; from a minute on as UptimeText().
+std::string DurationText(std::uint64_t seconds)
+{
+    return seconds < kMinute ? std::to_string(seconds) + " s" : UptimeText(seconds);
+}
+
+// Something that happened `count` times; when last, and what happened then.
+struct Event {
+    const char *verb = nullptr;
+    std::uint32_t count = 0;
+    std::optional<std::uint64_t> lastTime;
+    const char *last = nullptr; // null: not known
+};
+
+// "ended 2 times, last 10 s ago: killed by signal 9". A time in the future (the clock was set back) was 0 s ago.
+std::string EventText(const Event &event, std::uint64_t now)
+{
+    std::string text = event.verb + (" " + Counted(event.count, "time"));
+    if (event.lastTime) {
+        text += ", last " + DurationText(now - std::min(now, *event.lastTime)) + " ago";
+    }
+    return event.last != nullptr ? text + ": " + Printable(event.last) : text;
+}
+
+std::optional<std::uint64_t> Known(protobuf_c_boolean has, std::uint64_t value)
+{
+    return has != 0 ? std::optional(value) : std::nullopt;
+}
+
+std::string EndsText(Vpn vpn, std::uint64_t now)
+{
+    const auto lastTime = Known(vpn.has_last_end_time, vpn.last_end_time);
+    const std::string text = EventText({"ended", vpn.ends, lastTime, vpn.last_end}, now);
+    const bool startsAgain = vpn.has_next_start_time != 0 && vpn.next_start_time > now;
+    return startsAgain ? text + "; starts again in " + DurationText(vpn.next_start_time - now) : text;
+}
+
+std::string RepairsText(Vpn vpn, std::uint64_t now)
+{
+    const auto lastTime = Known(vpn.has_last_repair_time, vpn.last_repair_time);
+    return EventText({"repaired", vpn.repairs, lastTime, vpn.last_repair}, now);
+}
+
+// What is said about a VPN below the table.
+std::string LinesBelow(Vpn vpn, const StatusView &view)
+{
+    std::vector<std::string> texts;
+    std::ranges::transform(std::span(vpn.problems, vpn.n_problems), std::back_inserter(texts), Printable);
+    if (vpn.ends != 0) {
+        texts.push_back(EndsText(vpn, view.now));
+    }
+    if (vpn.repairs != 0) {
+        texts.push_back(RepairsText(vpn, view.now));
+    }
+    if (view.withRevisions && vpn.revision != nullptr) {
+        texts.push_back("revision " + Printable(vpn.revision));
+    }
+    std::string lines;
+    for (const std::string &text : texts) {
+        lines += SubjectText(vpn.vpn) + ": " + text + "\n";
+    }
+    return lines;
 }
 
 } // namespace
@@ -250,18 +352,17 @@ std::string MemoryText(std::uint64_t bytes)
     return std::to_string(bytes / unit) + "." + std::to_string(tenth) + signs.front();
 }
 
-std::string StatusTable(StatusList vpns, bool colour)
+std::string StatusTable(StatusList vpns, const StatusView &view)
 {
     std::ostringstream out;
     PrintTable(out, kVpnColumns, vpns, [&](std::size_t column, Vpn vpn) {
-        return colour && kVpnColumns[column].text == StateText ? StateOf(vpn).colour : "";
+        return view.colour && kVpnColumns[column].text == StateText ? StateOf(vpn).colour : "";
     });
-    out << (AnyProblem(vpns) ? "\n" : "");
+    std::string below;
     for (const Kavel__VpnStatus *vpn : vpns) {
-        for (const char *problem : std::span(vpn->problems, vpn->n_problems)) {
-            out << SubjectText(vpn->vpn) << ": " << Printable(problem) << '\n';
-        }
+        below += LinesBelow(*vpn, view);
     }
+    out << (below.empty() ? "" : "\n") << below;
     return out.str();
 }
 
@@ -274,6 +375,11 @@ std::string StatusJson(StatusList vpns)
         }
     }
     return JsonDocument(list.get());
+}
+
+std::string StartText(const Kavel__Start &start)
+{
+    return "starting: " + std::to_string(start.back) + " of " + std::to_string(start.total) + " VPNs are back\n";
 }
 
 bool AnyProblem(StatusList vpns)

@@ -2,10 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <memory>
-#include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "commands_fixture.h"
 #include "errors.h"
 #include "fake_agent.h"
 #include "files.h"
@@ -19,29 +20,9 @@ constexpr const char *kBranchOffice = KAVEL_EXAMPLES "/branch-office.json";
 constexpr const char *kChange = KAVEL_EXAMPLES "/branch-office-change.json";
 constexpr const char *kOff = KAVEL_EXAMPLES "/branch-office-off.json";
 
-struct RequestRelease {
-    void operator()(Kavel__Request *request) const { kavel__request__free_unpacked(request, nullptr); }
-};
-using RequestPtr = std::unique_ptr<Kavel__Request, RequestRelease>;
-
-RequestPtr Decode(const Bytes &packed)
-{
-    return RequestPtr(kavel__request__unpack(nullptr, packed.size(), packed.data()));
-}
-
 std::string MessageOf(const Kavel__Request &request)
 {
     return {reinterpret_cast<const char *>(request.message.data), request.message.len};
-}
-
-Bytes ReplyFor(std::uint32_t vpn, std::int32_t result, std::string reason = {}, std::string text = {})
-{
-    return PackReply(result, [&](Kavel__Reply &reply) {
-        reply.has_vpn = 1;
-        reply.vpn = vpn;
-        reply.reason = reason.empty() ? nullptr : reason.data();
-        reply.text = text.empty() ? nullptr : text.data();
-    });
 }
 
 // An applied message of vpn 7.
@@ -74,33 +55,6 @@ Bytes CheckReply(std::uint32_t vpn)
         reply.summary = &summary;
     });
 }
-
-class CommandsTest : public testing::Test {
-  protected:
-    void Answer(std::vector<Bytes> replies)
-    {
-        agent_ = std::make_unique<FakeAgent>(std::move(replies));
-        session_.socket = agent_->Socket();
-    }
-
-    int Go(const std::function<int()> &command) { return kavel::ctl::Run(session_, command); }
-    int GoApply(const Messages &messages)
-    {
-        return Go([&] { return Apply(session_, messages); });
-    }
-    int GoCheck(const Messages &messages)
-    {
-        return Go([&] { return Check(session_, messages); });
-    }
-
-    RequestPtr Request(std::size_t index) { return Decode(agent_->Requests().at(index)); }
-
-    std::ostringstream out_;
-    std::ostringstream err_;
-    Session session_{out_, err_, "/nonexistent/agent.sock"};
-    std::unique_ptr<FakeAgent> agent_;
-    TempDir dir_;
-};
 
 TEST_F(CommandsTest, ApplySendsEveryMessageInOrder)
 {
@@ -144,6 +98,44 @@ TEST_F(CommandsTest, ApplySendsNothingWhenAFileIsBad)
     EXPECT_EQ(out_.str(), "");
     EXPECT_EQ(err_.str(), "vqctl: " + bad + ": vpnid: expected a number from 0 to 4294967295, not -1\n");
     EXPECT_EQ(agent_->Requests().size(), 0U);
+}
+
+TEST_F(CommandsTest, ApplySendsTheRevisionWithEachMessage)
+{
+    Answer({ReplyFor(7, 0), ReplyFor(7, 0)});
+    const std::string revision = std::string(kRevisionMax - 5, 'r') + " \u00E4 ?";
+    ASSERT_EQ(revision.size(), kRevisionMax);
+    EXPECT_EQ(GoApply({{kBranchOffice, kChange}, false, revision}), kDone);
+    EXPECT_EQ(out_.str(), Line(kBranchOffice, "vpn 7: applied") + Line(kChange, "vpn 7: applied"));
+    ASSERT_EQ(agent_->Requests().size(), 2U);
+    EXPECT_STREQ(Request(0)->revision, revision.c_str());
+    EXPECT_STREQ(Request(1)->revision, revision.c_str());
+}
+
+TEST_F(CommandsTest, ApplyWithoutARevisionSendsNone)
+{
+    Answer({ReplyFor(7, 0)});
+    EXPECT_EQ(GoApply({{kBranchOffice}}), kDone);
+    EXPECT_EQ(Request(0)->revision, nullptr);
+}
+
+TEST_F(CommandsTest, ApplySendsNothingWhenTheRevisionIsBad)
+{
+    const std::string expected = "vqctl: --revision: expected 1 to 64 bytes of printable text, not ";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"", "0 bytes"},         {std::string(kRevisionMax + 1, 'r'), "65 bytes"},
+        {"a\nb", "\"a?b\""},     {std::string("a\0b", 3), "\"a?b\""},
+        {"\x1b[2J", "\"?[2J\""}, {"\xFF", "\"?\""},
+        {"\u202E", "\"?\""},
+    };
+    for (const auto &[revision, text] : cases) {
+        Answer({ReplyFor(7, 0)});
+        err_.str("");
+        EXPECT_EQ(GoApply({{kBranchOffice}, false, revision}), kBadInput) << text;
+        EXPECT_EQ(err_.str(), expected + text + "\n");
+        EXPECT_EQ(out_.str(), "");
+        EXPECT_EQ(agent_->Requests().size(), 0U) << text;
+    }
 }
 
 TEST_F(CommandsTest, ErrorNamesAMissingFile)
@@ -258,75 +250,6 @@ TEST_F(CommandsTest, CheckFailsWithoutASummary)
     Answer({ReplyFor(7, 0)});
     EXPECT_EQ(GoCheck({{kBranchOffice}}), kNoAgent);
     EXPECT_EQ(err_.str(), "vqctl: the agent's reply says nothing about the message\n");
-}
-
-Bytes StatusReply(const char *problem, bool isStarting = false)
-{
-    std::string name = "vpn_7";
-    std::string text = problem != nullptr ? problem : "";
-    char *problems = text.data();
-    Kavel__VpnStatus vpn{};
-    kavel__vpn_status__init(&vpn);
-    vpn.vpn = 7;
-    vpn.namespace_ = name.data();
-    vpn.has_starting = vpn.starting = isStarting ? 1 : 0;
-    vpn.n_problems = problem != nullptr ? 1 : 0;
-    vpn.problems = &problems;
-    Kavel__VpnStatus *vpns = &vpn;
-    return PackReply(0, [&](Kavel__Reply &reply) {
-        reply.n_vpns = 1;
-        reply.vpns = &vpns;
-    });
-}
-
-TEST_F(CommandsTest, StatusOfAllVpns)
-{
-    Answer({StatusReply(nullptr)});
-    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt, false); }), kDone);
-    EXPECT_THAT(out_.str(), HasSubstr("\n  7  vpn_7      stopped  "));
-    EXPECT_EQ(Request(0)->verb, KAVEL__REQUEST__VERB__STATUS);
-    EXPECT_EQ(Request(0)->has_vpn, 0);
-}
-
-TEST_F(CommandsTest, StatusOfAVpnWithProblemsReturnsRefused)
-{
-    Answer({StatusReply("does not answer on port 53")});
-    EXPECT_EQ(Go([&] { return Status(session_, 7, false); }), kRefused);
-    EXPECT_THAT(out_.str(), HasSubstr("\n\nvpn 7: does not answer on port 53\n"));
-    EXPECT_EQ(Request(0)->has_vpn, 1);
-    EXPECT_EQ(Request(0)->vpn, 7U);
-}
-
-TEST_F(CommandsTest, StatusOfAStartingInstanceSucceeds)
-{
-    Answer({StatusReply(nullptr, true)});
-    EXPECT_EQ(Go([&] { return Status(session_, 7, false); }), kDone);
-    EXPECT_THAT(out_.str(), HasSubstr("\n  7  vpn_7      starting  "));
-}
-
-TEST_F(CommandsTest, StatusOfAStartingInstanceWithProblems)
-{
-    Answer({StatusReply("the steering rule is missing", true)});
-    EXPECT_EQ(Go([&] { return Status(session_, 7, true); }), kRefused);
-    EXPECT_THAT(out_.str(), HasSubstr(R"("starting": true)"));
-}
-
-TEST_F(CommandsTest, StatusAsJson)
-{
-    Answer({StatusReply("does not answer on port 53")});
-    EXPECT_EQ(Go([&] { return Status(session_, 7, true); }), kRefused);
-    EXPECT_THAT(out_.str(), testing::StartsWith("["));
-    EXPECT_THAT(out_.str(), HasSubstr(R"("does not answer on port 53")"));
-}
-
-TEST_F(CommandsTest, StatusOfAnUnknownVpn)
-{
-    Answer({PackReply(-2, [text = std::string("vpn 99 is not configured")](Kavel__Reply &reply) mutable {
-        reply.text = text.data();
-    })});
-    EXPECT_EQ(Go([&] { return Status(session_, 99, true); }), kRefused);
-    EXPECT_EQ(out_.str(), "");
-    EXPECT_EQ(err_.str(), "vqctl: vpn 99: refused (-2 No such file or directory): vpn 99 is not configured\n");
 }
 
 TEST_F(CommandsTest, VpnInitNamesTheVpn)

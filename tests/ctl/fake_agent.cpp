@@ -57,6 +57,11 @@ Bytes PackReply(std::int32_t result, const std::function<void(Kavel__Reply &)> &
     return bytes;
 }
 
+RequestPtr DecodeRequest(const Bytes &packed)
+{
+    return RequestPtr(kavel__request__unpack(nullptr, packed.size(), packed.data()));
+}
+
 Bytes Frame(const Bytes &payload)
 {
     const auto header = control::EncodeFrameLength(payload.size());

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
 #include <thread>
@@ -18,6 +19,14 @@ using Bytes = std::vector<std::uint8_t>;
 
 // A packed reply with `result` and what `fill` sets. The strings that `fill` sets need to live until it returns only.
 Bytes PackReply(std::int32_t result, const std::function<void(Kavel__Reply &)> &fill = {});
+
+struct RequestRelease {
+    void operator()(Kavel__Request *request) const { kavel__request__free_unpacked(request, nullptr); }
+};
+using RequestPtr = std::unique_ptr<Kavel__Request, RequestRelease>;
+
+// Null when `packed` is not a request.
+RequestPtr DecodeRequest(const Bytes &packed);
 
 // The frame that carries `payload`.
 Bytes Frame(const Bytes &payload);

@@ -73,14 +73,18 @@ TEST_F(ProgramTest, Version)
 
 TEST_F(ProgramTest, HelpListsTheExitCodes)
 {
-    for (const char *command : {"", "apply", "check", "encode", "status", "vpn", "store"}) {
+    for (const char *command : {"", "apply", "check", "encode", "status", "repair", "vpn", "store"}) {
         std::vector<std::string> arguments{"--help"};
         if (*command != '\0') {
             arguments.insert(arguments.begin(), command);
         }
         const Outcome outcome = Vqctl(arguments);
         EXPECT_EQ(outcome.code, kDone) << command;
-        EXPECT_THAT(outcome.out, HasSubstr("3  the agent cannot be reached")) << command;
+        EXPECT_THAT(outcome.out, HasSubstr("\n  0  done\n  1  the agent refused, ")) << command;
+        EXPECT_THAT(outcome.out, HasSubstr("\n  2  wrong usage or a bad input file")) << command;
+        EXPECT_THAT(outcome.out, HasSubstr("\n  3  the agent cannot be reached")) << command;
+        EXPECT_THAT(outcome.out, HasSubstr("\n  4  carried out, but a service does not run, ")) << command;
+        EXPECT_THAT(outcome.out, HasSubstr("\n  5  status: the agent is starting\n")) << command;
         EXPECT_EQ(outcome.err, "") << command;
     }
 }
@@ -93,9 +97,14 @@ TEST_F(ProgramTest, WrongUsageIsReportedInOneLine)
         {{"bo\u202Eg\033\xFFus"}, "\"bo?g??us\" is not a known argument"},
         {{"status", "--vpn", "\u009B7"}, "\"?7\" is not a VPN number"},
         {{"apply"}, "FILE is required"},
+        {{"apply", "--revision=", "a", "b"}, "--revision: the value is missing"},
+        {{"apply", "--revision"}, "--revision: 1 required REV missing"},
         {{"apply", "--bogus"}, "\"--bogus\" is not a known argument"},
         {{"encode", "a", "b"}, "\"b\" is not a known argument"},
         {{"status", "--vpn", "x"}, "\"x\" is not a VPN number"},
+        {{"repair", "7"}, "\"7\" is not a known argument"},
+        {{"repair", "--vpn", "x"}, "\"x\" is not a VPN number"},
+        {{"check", "--revision", "r", "a"}, "\"--revision\" is not a known argument"},
         {{"vpn"}, "A subcommand is required"},
         {{"vpn", "init"}, "ID is required"},
         {{"vpn", "init", "0x7"}, "\"0x7\" is not a VPN number"},
@@ -152,9 +161,12 @@ TEST_F(ProgramTest, EveryCommandReachesTheAgent)
     const std::vector<std::pair<std::vector<std::string>, Kavel__Request__Verb>> cases = {
         {{"apply", file}, KAVEL__REQUEST__VERB__APPLY},
         {{"apply", "--binary", file}, KAVEL__REQUEST__VERB__APPLY},
+        {{"apply", "--revision", "r1", file}, KAVEL__REQUEST__VERB__APPLY},
         {{"check", file}, KAVEL__REQUEST__VERB__CHECK},
         {{"status"}, KAVEL__REQUEST__VERB__STATUS},
         {{"status", "--json", "--vpn", "7"}, KAVEL__REQUEST__VERB__STATUS},
+        {{"repair"}, KAVEL__REQUEST__VERB__REPAIR},
+        {{"repair", "--vpn", "7"}, KAVEL__REQUEST__VERB__REPAIR},
         {{"vpn", "init", "7"}, KAVEL__REQUEST__VERB__VPN_INIT},
         {{"vpn", "release", "7"}, KAVEL__REQUEST__VERB__VPN_RELEASE},
         {{"store", "list"}, KAVEL__REQUEST__VERB__STORE_LIST},
@@ -165,12 +177,36 @@ TEST_F(ProgramTest, EveryCommandReachesTheAgent)
         arguments.insert(arguments.end(), {"-s", agent.Socket()});
         EXPECT_EQ(Vqctl(arguments).code, kRefused) << arguments.front();
         ASSERT_EQ(agent.Requests().size(), 1U) << arguments.front();
-        const Bytes &packed = agent.Requests().front();
-        Kavel__Request *request = kavel__request__unpack(nullptr, packed.size(), packed.data());
+        const RequestPtr request = DecodeRequest(agent.Requests().front());
         ASSERT_NE(request, nullptr);
         EXPECT_EQ(request->verb, verb);
-        kavel__request__free_unpacked(request, nullptr);
     }
+}
+
+TEST_F(ProgramTest, ApplySendsTheRevision)
+{
+    FakeAgent agent({PackReply(0)});
+    EXPECT_EQ(Vqctl({"apply", "-s", agent.Socket(), "--revision", "r 1", KAVEL_EXAMPLES "/pop.json"}).code, kDone);
+    ASSERT_EQ(agent.Requests().size(), 1U);
+    EXPECT_STREQ(DecodeRequest(agent.Requests().front())->revision, "r 1");
+}
+
+TEST_F(ProgramTest, RefusesABadRevision)
+{
+    for (const auto &[revision, text] : {std::pair{"", "0 bytes"}, std::pair{"a\tb", "\"a?b\""}}) {
+        const Outcome outcome = Vqctl({"apply", "--revision", revision, KAVEL_EXAMPLES "/pop.json"});
+        EXPECT_EQ(outcome.code, kBadInput) << text;
+        EXPECT_EQ(outcome.err,
+                  std::string("vqctl: --revision: expected 1 to 64 bytes of printable text, not ") + text + "\n");
+        EXPECT_EQ(outcome.out, "") << text;
+    }
+}
+
+TEST_F(ProgramTest, AFileMayBeNamedLikeAnOption)
+{
+    const Outcome outcome = Vqctl({"encode", "--", "--absent="});
+    EXPECT_EQ(outcome.code, kBadInput);
+    EXPECT_EQ(outcome.err, "vqctl: --absent=: cannot be opened: No such file or directory\n");
 }
 
 TEST_F(ProgramTest, EncodeWritesBytes)

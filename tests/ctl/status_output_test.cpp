@@ -73,7 +73,7 @@ class StatusTest : public testing::Test {
 TEST_F(StatusTest, TableHasAlignedColumnsAndProblemsBelow)
 {
     EXPECT_EQ(
-        StatusTable(all_, false),
+        StatusTable(all_, {}),
         R"(       VPN  NAMESPACE       STATE     PID  UPTIME  MEMORY  HOSTS  MX  SERVERS  FORWARDS  ROUTES  STORED  RULE  ANSWERS
          0  -               stopped     -       -       -      0   0        0         0       0  -       -     -
          7  vpn_7           running  4242   3m12s    1.8M      3   1        2         1       3  yes     yes   yes
@@ -86,8 +86,8 @@ vpn 4294967295: runs in another?network namespace
 
 TEST_F(StatusTest, OnlyTheStatesAreColoured)
 {
-    const std::string plain = StatusTable(all_, false);
-    std::string coloured = StatusTable(all_, true);
+    const std::string plain = StatusTable(all_, {});
+    std::string coloured = StatusTable(all_, {.colour = true});
     EXPECT_EQ(plain.find('\033'), std::string::npos);
     EXPECT_NE(coloured.find("  \033[33mstopped\033[0m  "), std::string::npos);
     EXPECT_NE(coloured.find("  \033[32mrunning\033[0m  "), std::string::npos);
@@ -101,7 +101,7 @@ TEST_F(StatusTest, OnlyTheStatesAreColoured)
 TEST_F(StatusTest, TableWithoutProblemsEndsWithItsLastRow)
 {
     EXPECT_EQ(
-        StatusTable(std::span(all_).first(1), false),
+        StatusTable(std::span(all_).first(1), {}),
         "VPN  NAMESPACE  STATE    PID  UPTIME  MEMORY  HOSTS  MX  SERVERS  FORWARDS  ROUTES  STORED  RULE  ANSWERS\n"
         "  0  -          stopped    -       -       -      0   0        0         0       0  -       -     -\n");
 }
@@ -110,17 +110,17 @@ TEST_F(StatusTest, RuleOfAPopNeedsTheDnatRule)
 {
     running_.status.has_dnat = 1;
     const std::span<const Kavel__VpnStatus *const> one = std::span(all_).subspan(1, 1);
-    EXPECT_NE(StatusTable(one, false).find("  yes     no    yes\n"), std::string::npos);
+    EXPECT_NE(StatusTable(one, {}).find("  yes     no    yes\n"), std::string::npos);
     running_.status.dnat = 1;
-    EXPECT_NE(StatusTable(one, false).find("  yes     yes   yes\n"), std::string::npos);
+    EXPECT_NE(StatusTable(one, {}).find("  yes     yes   yes\n"), std::string::npos);
     running_.status.rule = 0;
-    EXPECT_NE(StatusTable(one, false).find("  yes     no    yes\n"), std::string::npos);
+    EXPECT_NE(StatusTable(one, {}).find("  yes     no    yes\n"), std::string::npos);
 }
 
 TEST_F(StatusTest, TableShowsThePidOfADeadProcess)
 {
     running_.status.alive = 0;
-    const std::string table = StatusTable(std::span(all_).subspan(1, 1), false);
+    const std::string table = StatusTable(std::span(all_).subspan(1, 1), {});
     EXPECT_NE(table.find("vpn_7      stopped  4242       -       -"), std::string::npos) << table;
 }
 
@@ -134,10 +134,10 @@ TEST_F(StatusTest, TableShowsAStartingInstance)
     MakeStarting(stopped_);
     const std::span<const Kavel__VpnStatus *const> one = std::span(all_).first(1);
     EXPECT_EQ(
-        StatusTable(one, false),
+        StatusTable(one, {}),
         "VPN  NAMESPACE  STATE     PID  UPTIME  MEMORY  HOSTS  MX  SERVERS  FORWARDS  ROUTES  STORED  RULE  ANSWERS\n"
         "  0  -          starting    -       -       -      0   0        0         0       0  -       -     -\n");
-    EXPECT_NE(StatusTable(one, true).find("  \033[36mstarting\033[0m  "), std::string::npos);
+    EXPECT_NE(StatusTable(one, {.colour = true}).find("  \033[36mstarting\033[0m  "), std::string::npos);
 }
 
 TEST_F(StatusTest, StartingIsNoProblem)
@@ -149,9 +149,112 @@ TEST_F(StatusTest, StartingIsNoProblem)
 TEST_F(StatusTest, ProblemsOfAStartingInstanceComeFirst)
 {
     MakeStarting(failed_);
-    const std::string table = StatusTable(std::span(all_).subspan(2), false);
+    const std::string table = StatusTable(std::span(all_).subspan(2), {});
     EXPECT_NE(table.find("  failed  "), std::string::npos) << table;
     EXPECT_EQ(table.find("starting"), std::string::npos) << table;
+}
+
+constexpr std::uint64_t kNow = 5'000'000'000;
+
+// Its instance ended and it was repaired. The texts live as long as the program.
+void AddHistory(SampleVpn &vpn)
+{
+    static std::string lastEnd = "killed by signal 9";
+    static std::string lastRepair = "the steering rule was gone";
+    static std::string revision = "r 1";
+    Kavel__VpnStatus &status = vpn.status;
+    status.has_ends = status.has_last_end_time = status.has_repairs = status.has_last_repair_time = 1;
+    status.has_next_start_time = 1;
+    status.ends = 2;
+    status.last_end_time = kNow - 10;
+    status.last_end = lastEnd.data();
+    status.next_start_time = kNow + 4;
+    status.repairs = 3;
+    status.last_repair_time = kNow - 25;
+    status.last_repair = lastRepair.data();
+    status.revision = revision.data();
+}
+
+// What stands below the table of one VPN.
+std::string Below(const Kavel__VpnStatus &status, bool withRevisions = false)
+{
+    const Kavel__VpnStatus *one = &status;
+    const std::string table = StatusTable({&one, 1}, {.now = kNow, .withRevisions = withRevisions});
+    const std::size_t gap = table.find("\n\n");
+    return gap == std::string::npos ? "" : table.substr(gap + 2);
+}
+
+TEST_F(StatusTest, EndsAndRepairsStandBelowTheTable)
+{
+    AddHistory(running_);
+    EXPECT_EQ(Below(running_.status), "vpn 7: ended 2 times, last 10 s ago: killed by signal 9; starts again in 4 s\n"
+                                      "vpn 7: repaired 3 times, last 25 s ago: the steering rule was gone\n");
+    EXPECT_FALSE(AnyProblem(std::span(all_).first(2)));
+}
+
+TEST_F(StatusTest, TheLinesOfAVpnStandTogether)
+{
+    AddHistory(running_);
+    AddHistory(failed_);
+    running_.status.repairs = failed_.status.ends = failed_.status.has_last_repair_time = 0;
+    running_.AddProblem("no instance runs");
+    const std::string table = StatusTable(all_, {.now = kNow, .withRevisions = true});
+    EXPECT_EQ(table.substr(table.find("\n\n")),
+              "\n\nvpn 7: no instance runs\n"
+              "vpn 7: ended 2 times, last 10 s ago: killed by signal 9; starts again in 4 s\n"
+              "vpn 7: revision r 1\n"
+              "vpn 4294967295: does not answer on port 53\n"
+              "vpn 4294967295: runs in another?network namespace\n"
+              "vpn 4294967295: repaired 3 times: the steering rule was gone\n"
+              "vpn 4294967295: revision r 1\n");
+}
+
+TEST_F(StatusTest, AStartThatIsNotInTheFutureIsNotShown)
+{
+    AddHistory(running_);
+    running_.status.repairs = 0;
+    running_.status.next_start_time = kNow;
+    EXPECT_EQ(Below(running_.status), "vpn 7: ended 2 times, last 10 s ago: killed by signal 9\n");
+    running_.status.next_start_time = kNow + 1;
+    EXPECT_EQ(Below(running_.status), "vpn 7: ended 2 times, last 10 s ago: killed by signal 9; starts again in 1 s\n");
+    running_.status.has_next_start_time = 0;
+    EXPECT_EQ(Below(running_.status), "vpn 7: ended 2 times, last 10 s ago: killed by signal 9\n");
+}
+
+TEST_F(StatusTest, DurationsFromAMinuteOnHaveTwoUnits)
+{
+    AddHistory(running_);
+    running_.status.repairs = 0;
+    running_.status.last_end_time = kNow - 59;
+    running_.status.next_start_time = kNow + 60;
+    EXPECT_EQ(Below(running_.status),
+              "vpn 7: ended 2 times, last 59 s ago: killed by signal 9; starts again in 1m00s\n");
+    running_.status.last_end_time = kNow - 60;
+    running_.status.has_next_start_time = 0;
+    EXPECT_EQ(Below(running_.status), "vpn 7: ended 2 times, last 1m00s ago: killed by signal 9\n");
+}
+
+TEST_F(StatusTest, AnEndInTheFutureWasJustNow)
+{
+    AddHistory(running_);
+    running_.status.repairs = running_.status.has_next_start_time = 0;
+    running_.status.last_end_time = kNow + 100;
+    EXPECT_EQ(Below(running_.status), "vpn 7: ended 2 times, last 0 s ago: killed by signal 9\n");
+}
+
+TEST_F(StatusTest, UnsentDetailsOfAnEndAreNotShown)
+{
+    running_.status.has_ends = running_.status.ends = 1;
+    EXPECT_EQ(Below(running_.status), "vpn 7: ended 1 time\n");
+}
+
+TEST_F(StatusTest, TheRevisionIsShownOnRequest)
+{
+    std::string revision = "a\u202E";
+    running_.status.revision = revision.data();
+    EXPECT_EQ(Below(running_.status, true), "vpn 7: revision a?\n");
+    EXPECT_EQ(Below(running_.status, false), "");
+    EXPECT_EQ(Below(stopped_.status, true), "");
 }
 
 TEST_F(StatusTest, AnyProblemLooksAtEveryVpn)
@@ -163,6 +266,7 @@ TEST_F(StatusTest, AnyProblemLooksAtEveryVpn)
 
 TEST_F(StatusTest, JsonHoldsEveryFieldOfTheProtocolAndTheState)
 {
+    AddHistory(failed_);
     const JsonPtr json = ParseJson(StatusJson(all_));
     ASSERT_EQ(json_object_array_length(json.get()), 3U);
     json_object *const vpn = json_object_array_get_idx(json.get(), 2);
@@ -203,6 +307,16 @@ TEST_F(StatusTest, JsonHasTheValuesOfTheStatus)
               std::string::npos);
 }
 
+TEST_F(StatusTest, JsonHasTheHistoryThatWasSent)
+{
+    AddHistory(running_);
+    EXPECT_THAT(
+        JsonOf(running_.status),
+        testing::EndsWith(R"("problems":[],"ends":2,"last_end_time":4999999990,"last_end":"killed by signal 9",)"
+                          R"("next_start_time":5000000004,"repairs":3,"last_repair_time":4999999975,)"
+                          R"("last_repair":"the steering rule was gone","revision":"r 1"})"));
+}
+
 TEST_F(StatusTest, JsonOfAStartingInstance)
 {
     MakeStarting(stopped_);
@@ -222,6 +336,15 @@ TEST_F(StatusTest, JsonEscapesWhatMustNotReachATerminal)
 TEST(StatusJson, OfNoVpnIsAnEmptyArray)
 {
     EXPECT_EQ(json_object_array_length(ParseJson(StatusJson({})).get()), 0U);
+}
+
+TEST(StartText, SaysHowManyVpnsAreBack)
+{
+    Kavel__Start start{};
+    kavel__start__init(&start);
+    start.back = 120;
+    start.total = 300;
+    EXPECT_EQ(StartText(start), "starting: 120 of 300 VPNs are back\n");
 }
 
 TEST(UptimeText, ShowsTwoUnits)
