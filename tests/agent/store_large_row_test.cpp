@@ -70,6 +70,8 @@ TEST_F(LargeRowTest, IsNotRead)
     (void)TheStore().Read();
     (void)TheStore().Read(7);
     EXPECT_EQ(FailureOf([&] { (void)TheStore().ReadText(7); }).error, EOVERFLOW);
+    EXPECT_EQ(TheStore().Ids().size(), 3U);
+    EXPECT_FALSE(TheStore().Equals(7, ""));
     const ListPtr list(TheStore().List(kCpe));
     EXPECT_LT(sqlite3_memory_highwater(0), 16'000'000);
 }

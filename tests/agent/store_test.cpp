@@ -138,6 +138,47 @@ TEST_F(StoreTest, ReadsTheTableOfItsPlatform)
     EXPECT_EQ(TheStore().ReadText(7), std::nullopt);
 }
 
+TEST_F(StoreTest, TellsWhichVpnsHaveARow)
+{
+    Start();
+    EXPECT_THAT(TheStore().Ids(), IsEmpty());
+    for (const std::uint32_t vpn : {kLargest, 8U, 0U}) {
+        TheStore().Put(vpn, "not read", kCpe);
+    }
+    TheStore().Put(7, "7", kPop);
+    EXPECT_THAT(TheStore().Ids(), ElementsAre(0U, 8U, kLargest));
+    TheStore().Remove(8, kCpe);
+    EXPECT_THAT(TheStore().Ids(), ElementsAre(0U, kLargest));
+}
+
+TEST_F(StoreTest, ComparesARowWithAText)
+{
+    Start();
+    EXPECT_FALSE(TheStore().Equals(7, ""));
+    TheStore().Put(7, std::string("7\0 words", 8), kCpe);
+    TheStore().Put(8, "", kCpe);
+    EXPECT_TRUE(TheStore().Equals(7, std::string_view("7\0 words", 8)));
+    EXPECT_FALSE(TheStore().Equals(7, "7"));
+    EXPECT_FALSE(TheStore().Equals(7, std::string_view("7\0 Words", 8)));
+    EXPECT_FALSE(TheStore().Equals(7, std::string_view("7\0 words ", 9)));
+    EXPECT_TRUE(TheStore().Equals(8, ""));
+    TheStore().Put(7, "7", kPop);
+    EXPECT_FALSE(TheStore().Equals(7, "7"));
+    EXPECT_FALSE(TheStore().Equals(0, ""));
+}
+
+TEST_F(StoreTest, IdsAndComparisonsFailLikeReads)
+{
+    directory_.Write("agent.db", std::string(5000, 'x'));
+    Start();
+    const ThrownError damaged{EIO, "file is not a database"};
+    EXPECT_EQ(FailureOf([&] { (void)TheStore().Ids(); }), damaged);
+    EXPECT_EQ(FailureOf([&] { (void)TheStore().Equals(7, "7"); }), damaged);
+    std::filesystem::remove(Path());
+    EXPECT_THAT(TheStore().Ids(), IsEmpty());
+    EXPECT_FALSE(TheStore().Equals(7, "7"));
+}
+
 TEST_F(StoreTest, RefusesAnUnknownTable)
 {
     Start();

@@ -58,6 +58,11 @@ class Store {
     // Throws EOVERFLOW for a text of more than kStoredTextMax bytes.
     [[nodiscard]] std::optional<std::string> ReadText(std::uint32_t vpnId);
 
+    // The VPNs that have a row, by rising id. The texts are not read.
+    [[nodiscard]] std::vector<std::uint32_t> Ids();
+    // Whether the VPN has a row with this text. False for a stored text of more than kStoredTextMax bytes.
+    [[nodiscard]] bool Equals(std::uint32_t vpnId, std::string_view text);
+
     // What the module asks for. Failures are logged before they are thrown. Inside a StoreChange a removal is only
     // noted, since the module removes a row before it adds it again. Remove throws ENOENT when there is no row.
     void Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL table);

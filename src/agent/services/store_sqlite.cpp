@@ -315,6 +315,25 @@ std::optional<std::string> Store::ReadText(std::uint32_t vpnId)
     return text;
 }
 
+std::vector<std::uint32_t> Store::Ids()
+{
+    return With([this](Opened &store) {
+        std::vector<std::uint32_t> ids;
+        Statement::Run run(store.Of(TableOfPlatform()).all);
+        while (run.Step()) {
+            ids.push_back(static_cast<std::uint32_t>(run.Number(0)));
+        }
+        return ids;
+    });
+}
+
+bool Store::Equals(std::uint32_t vpnId, std::string_view text)
+{
+    bool isEqual = false;
+    WithRow(vpnId, [&](const Row &row) { isEqual = row.text == text; });
+    return isEqual;
+}
+
 StoreChange::StoreChange(Store &store) : store_(store)
 {
     store_.change_.emplace();
