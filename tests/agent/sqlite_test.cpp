@@ -7,7 +7,9 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "scratch.h"
 
@@ -50,6 +52,42 @@ TEST_F(SqliteTest, BindsAndReadsNumbersAndTexts)
     EXPECT_EQ(run.Number(0), 7);
     EXPECT_EQ(run.Text(1), "");
     EXPECT_FALSE(run.Step());
+}
+
+TEST_F(SqliteTest, BindsAndReadsBlobs)
+{
+    database_.Execute("CREATE TABLE blobs (id INTEGER PRIMARY KEY, blob BLOB) STRICT");
+    const Statement insert(database_.Get(), "INSERT INTO blobs VALUES (?1, ?2)");
+    const std::vector<std::vector<std::uint8_t>> blobs{{0, 255, 0, 7}, {}};
+    for (std::size_t i = 0; i < blobs.size(); ++i) {
+        Statement::Run run(insert);
+        run.Bind(1, static_cast<std::int64_t>(i));
+        run.Bind(2, std::span(blobs[i]));
+        EXPECT_FALSE(run.Step());
+    }
+    const Statement statement(database_.Get(), "SELECT blob FROM blobs ORDER BY id");
+    Statement::Run run(statement);
+    for (const std::vector<std::uint8_t> &blob : blobs) {
+        ASSERT_TRUE(run.Step());
+        EXPECT_FALSE(run.IsNull(0));
+        const std::span<const std::uint8_t> read = run.Blob(0);
+        EXPECT_EQ(std::vector(read.begin(), read.end()), blob);
+    }
+}
+
+TEST_F(SqliteTest, AParameterThatIsNotBoundIsNull)
+{
+    const Statement insert(database_.Get(), "INSERT INTO t VALUES (?1, ?2)");
+    {
+        Statement::Run run(insert);
+        run.Bind(1, 1);
+        run.Step();
+    }
+    const Statement statement(database_.Get(), "SELECT id, text FROM t");
+    Statement::Run run(statement);
+    ASSERT_TRUE(run.Step());
+    EXPECT_FALSE(run.IsNull(0));
+    EXPECT_TRUE(run.IsNull(1));
 }
 
 TEST_F(SqliteTest, AStatementRunsAgainWithOtherValues)

@@ -80,6 +80,13 @@ void Statement::Run::Bind(int parameter, std::string_view text)
     Check(sqlite3_bind_text64(statement_, parameter, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8));
 }
 
+void Statement::Run::Bind(int parameter, std::span<const std::uint8_t> blob)
+{
+    // A null pointer, as an empty vector may have, would bind null.
+    Check(blob.empty() ? sqlite3_bind_zeroblob(statement_, parameter, 0)
+                       : sqlite3_bind_blob64(statement_, parameter, blob.data(), blob.size(), SQLITE_STATIC));
+}
+
 bool Statement::Run::Step()
 {
     const int code = sqlite3_step(statement_);
@@ -87,6 +94,11 @@ bool Statement::Run::Step()
         Check(code);
     }
     return code == SQLITE_ROW;
+}
+
+bool Statement::Run::IsNull(int column) const
+{
+    return sqlite3_column_type(statement_, column) == SQLITE_NULL;
 }
 
 std::int64_t Statement::Run::Number(int column) const
@@ -101,6 +113,16 @@ std::string_view Statement::Run::Text(int column) const
         throw std::bad_alloc(); // no column that is read as text can be null
     }
     return {text, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))};
+}
+
+std::span<const std::uint8_t> Statement::Run::Blob(int column) const
+{
+    const auto *blob = static_cast<const std::uint8_t *>(sqlite3_column_blob(statement_, column));
+    const auto bytes = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
+    if (blob == nullptr && bytes != 0) {
+        throw std::bad_alloc();
+    }
+    return {blob, bytes};
 }
 
 void Statement::Run::Check(int code) const

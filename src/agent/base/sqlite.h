@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -31,14 +32,18 @@ class Statement {
         Run &operator=(const Run &) = delete;
         ~Run();
 
-        // Parameters count from 1. The text stays the caller's and must outlive the run.
+        // Parameters count from 1; one that is not bound is null. The text or blob stays the caller's and must outlive
+        // the run.
         void Bind(int parameter, std::int64_t value);
         void Bind(int parameter, std::string_view text);
+        void Bind(int parameter, std::span<const std::uint8_t> blob);
         // False at the end.
         bool Step();
-        // Columns count from 0. The text is terminated, and valid until the next step.
+        // Columns count from 0. The text is terminated. Text and blob are valid until the next step.
+        [[nodiscard]] bool IsNull(int column) const;
         [[nodiscard]] std::int64_t Number(int column) const;
         [[nodiscard]] std::string_view Text(int column) const;
+        [[nodiscard]] std::span<const std::uint8_t> Blob(int column) const;
 
       private:
         void Check(int code) const;
