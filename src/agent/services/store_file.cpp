@@ -10,6 +10,7 @@
 
 #include "base/failure.h"
 #include "base/files.h"
+#include "services/message_history.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {
@@ -114,6 +115,11 @@ void Prepare(const Database &database)
     if (!made) {
         MakeTables(database);
     }
+    // The rows can be used without it, on a full disk for example. An addition to the history tries again and reports.
+    (void)ResultOf([&] {
+        MakeHistoryTable(database);
+        return 0;
+    });
 }
 
 } // namespace

@@ -16,8 +16,8 @@ inline constexpr std::array<const char *, 2> kStoreTables{"cpe_dnsmasq", "pop_dn
 
 class StoreFile {
   public:
-    // Opens the store at `path`, and creates the file and its tables if they are missing. Throws std::system_error. A
-    // file that is not a store of this release is not changed.
+    // Opens the store at `path`, and creates the file and its tables if they are missing. Throws std::system_error, but
+    // not for a missing history that cannot be created. A file that is not a store of this release is not changed.
     explicit StoreFile(const std::string &path);
     StoreFile(const StoreFile &) = delete;
     StoreFile &operator=(const StoreFile &) = delete;

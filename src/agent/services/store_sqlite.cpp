@@ -11,6 +11,7 @@
 #include "base/log.h"
 #include "base/zeroed_pages.h"
 #include "services/host.h"
+#include "services/message_history.h"
 #include "services/store.h"
 #include "services/store_file.h"
 #include "vqStore.h"
@@ -69,8 +70,9 @@ ListPtr NewList()
 // Statements are finalized before their database is closed.
 class Store::Opened {
   public:
-    explicit Opened(const std::string &path)
-        : file(path), cpe(file.Get(), kStoreTables[0]), pop(file.Get(), kStoreTables[1])
+    explicit Opened(const Config &config)
+        : file(config.store), cpe(file.Get(), kStoreTables[0]), pop(file.Get(), kStoreTables[1]),
+          history(file.Get(), config.platform)
     {
     }
 
@@ -108,6 +110,7 @@ class Store::Opened {
     StoreFile file;
     TableStatements cpe;
     TableStatements pop;
+    MessageHistory history;
 };
 
 Store::Store(Host &host) : host_(host) {}
@@ -129,7 +132,7 @@ Store::Opened &Store::Open()
         opened_.reset(); // it may be writable by now
     }
     if (!opened_) {
-        opened_ = std::make_unique<Opened>(config.store);
+        opened_ = std::make_unique<Opened>(config);
     }
     return *opened_;
 }
@@ -332,6 +335,16 @@ bool Store::Equals(std::uint32_t vpnId, std::string_view text)
     bool isEqual = false;
     WithRow(vpnId, [&](const Row &row) { isEqual = row.text == text; });
     return isEqual;
+}
+
+void Store::AddToHistory(std::uint32_t vpnId, const HistoryEntry &entry)
+{
+    With([&](Opened &store) { store.history.Add(vpnId, entry); });
+}
+
+std::vector<HistoryEntry> Store::ReadHistory(std::uint32_t vpnId)
+{
+    return With([&](Opened &store) { return store.history.Read(vpnId); });
 }
 
 StoreChange::StoreChange(Store &store) : store_(store)

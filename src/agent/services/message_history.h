@@ -1,0 +1,75 @@
+// The history of messages: what was asked for each VPN, by whom, and what was answered. It is a table in the file of
+// the persistent store. It informs the operator: nothing is recovered from it.
+#ifndef KAVEL_AGENT_MESSAGE_HISTORY_H
+#define KAVEL_AGENT_MESSAGE_HISTORY_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/config.h"
+#include "base/sqlite.h"
+
+namespace kavel::agent {
+
+// The bounds for one VPN. A longer message is not kept, and a longer text is cut, all in bytes.
+inline constexpr std::int64_t kHistoryEntriesMax = 10;
+inline constexpr std::int64_t kHistoryBytesMax = std::int64_t{1024} * 1024; // of all its messages
+inline constexpr std::size_t kHistoryMessageMax = std::size_t{512} * 1024;
+inline constexpr std::size_t kHistoryPeerMax = 128;
+inline constexpr std::size_t kHistoryRevisionMax = 64;
+inline constexpr std::size_t kHistoryOutcomeMax = 512;
+
+struct HistoryEntry {
+    std::int64_t time = 0;                            // Unix time in seconds, of the answer
+    std::string peer;                                 // who sent it: "pid 123, uid 0 (vqctl)"
+    std::optional<std::string> revision;              // the sender's name for it
+    std::int32_t result = 0;                          // what was answered
+    std::string outcome;                              // "applied", "applied, NOT RUNNING: ...", "refused: ..."
+    std::uint64_t messageBytes = 0;                   // length of the message, also when it is not kept
+    std::optional<std::vector<std::uint8_t>> message; // packed; nothing when it is too long to be kept
+    bool operator==(const HistoryEntry &) const = default;
+};
+
+// Creates the table if it is missing. Throws std::system_error.
+void MakeHistoryTable(const Database &database);
+
+// The functions throw std::system_error. After a failure the database should be closed: its setting `synchronous` may
+// not be FULL if SQLite could not set it again.
+class MessageHistory {
+  public:
+    // The history of the VPNs of a box of this kind. `database` must outlive this object.
+    MessageHistory(const Database &database, Platform platform) : database_(database), platform_(platform) {}
+
+    // Adds the entry, and removes the oldest ones until the VPN's history is within the bounds, in one transaction. It
+    // survives the end of the agent, but a power failure may lose it: an addition does not wait for the disk, except
+    // when SQLite restarts its log or moves it into the file. For all other commits `synchronous` is FULL.
+    void Add(std::uint32_t vpnId, const HistoryEntry &entry);
+
+    // The newest entry first. Nothing where there is no table, as in a read-only file of an older release.
+    [[nodiscard]] std::vector<HistoryEntry> Read(std::uint32_t vpnId);
+
+  private:
+    struct Writing {
+        explicit Writing(const Database &database);
+
+        Statement insert;
+        Statement removeOld;
+    };
+
+    void PrepareWriting();
+    void Insert(std::uint32_t vpnId, const HistoryEntry &entry);
+    void RemoveOld(std::uint32_t vpnId);
+
+    const Database &database_;
+    Platform platform_;
+    // Prepared by their first use: without a fitting table the store is opened and used all the same.
+    std::optional<Writing> writing_;
+    std::optional<Statement> select_;
+};
+
+} // namespace kavel::agent
+
+#endif
