@@ -1,16 +1,15 @@
 // vqagent: loads the DNS module, gives it the box's services and serves the control socket.
 #include <getopt.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <array>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -20,7 +19,7 @@
 #include "base/event_loop.h"
 #include "base/failure.h"
 #include "base/log.h"
-#include "base/netns.h"
+#include "base/procfs.h"
 #include "instances/agent_lock.h"
 #include "instances/instances.h"
 #include "instances/module.h"
@@ -30,6 +29,7 @@
 #include "services/memory_malloc.h"
 #include "socket/control_socket.h"
 #include "socket/requests.h"
+#include "supervision/supervisor.h"
 
 using namespace kavel::agent;
 
@@ -99,6 +99,7 @@ void SetUpSignals()
     sigemptyset(&handled);
     sigaddset(&handled, SIGTERM);
     sigaddset(&handled, SIGINT);
+    sigaddset(&handled, SIGHUP);
     if (::sigprocmask(SIG_BLOCK, &handled, nullptr) != 0) {
         ThrowLastErrno("signals");
     }
@@ -113,46 +114,112 @@ std::string ServingText(const Config &config)
     return "serving " + std::to_string(count) + (count == 1 ? " VPN" : " VPNs");
 }
 
-// Handled while the sources live. A signal that comes while there are none is pending: it is handled by the next ones.
-std::array<EventSource, 2> AddStopSignals(EventLoop &loop, const std::function<void()> &handler)
-{
-    return {loop.AddSignal(SIGTERM, handler), loop.AddSignal(SIGINT, handler)};
-}
+// What ends the agent, and the way to it.
+class Agent {
+  public:
+    Agent(Options options, Config config)
+        : options_(std::move(options)), host_(std::move(config)), module_(options_.module, host_)
+    {
+    }
 
-// False when a signal ended the start.
-bool Start(EventLoop &loop, Host &host, const Instances &instances, const Module &module, PendingLaunches &launches)
-{
-    const auto signals = AddStopSignals(loop, [&] { loop.Exit(); });
-    return StartServices(loop, host, instances, module.Functions(), launches);
-}
+    // From the start to the last reply. The status to exit with.
+    int Run();
 
-// From the open control socket to the last reply.
-void Serve(EventLoop &loop, Host &host, const Instances &instances, const Module &module, PendingLaunches &launches)
+  private:
+    void BeginStart();
+    void Stop(const char *why, int status);
+    void ReadConfigurationAgain();
+    void CheckMemory();
+
+    Options options_;
+    Host host_;
+    const Module module_;
+    EventLoop loop_;
+    ChildReaper reaper_{loop_};
+    const Instances instances_{{}, host_.identity};
+    PendingLaunches launches_{loop_, instances_, host_.launchOutputs};
+    Supervisor supervisor_{loop_, host_, instances_, module_.Functions(), launches_, reaper_};
+    Requests requests_{loop_, host_, instances_, module_.Functions(), launches_, supervisor_};
+    ControlSocket socket_{loop_, host_.config.socket, [this](ReceivedFrame frame, const Respond &respond) {
+                              requests_.Handle(std::move(frame), respond);
+                              CheckMemory();
+                          }};
+    bool isStopping_ = false;
+    int status_ = EXIT_SUCCESS;
+};
+
+int Agent::Run()
 {
-    Requests requests(loop, host, instances, module.Functions(), launches);
-    ControlSocket socket(loop, host.config.socket, [&](ReceivedFrame frame, const Respond &respond) {
-        requests.Handle(std::move(frame), respond);
+    Log(LogLevel::kDebug, "module %s", module_.Path().c_str());
+    const EventSource terminate =
+        loop_.AddSignal(SIGTERM, [this] { Stop("stopping; DNS instances keep running", EXIT_SUCCESS); });
+    const EventSource interrupt =
+        loop_.AddSignal(SIGINT, [this] { Stop("stopping; DNS instances keep running", EXIT_SUCCESS); });
+    const EventSource reload = loop_.AddSignal(SIGHUP, [this] { ReadConfigurationAgain(); });
+    PrepareBox(instances_, module_.Functions());
+    loop_.SendWatchdog();
+    ::sd_notify(0, "STATUS=starting");
+    supervisor_.Start([this] {
+        Log(LogLevel::kNotice, "%s at %s", ServingText(host_.config).c_str(), host_.config.socket.c_str());
+        ::sd_notifyf(0, "READY=1\nSTATUS=%s", ServingText(host_.config).c_str());
     });
-    const auto namespaces =
-        loop.AddInotify(kNamespaceDirectory, IN_DELETE | IN_MOVED_FROM, [&](const inotify_event & /*event*/) {
-            host.routeSockets.CloseStale();
-            host.nftables.CloseStale();
-        });
-    bool isStopping = false;
-    const auto signals = AddStopSignals(loop, [&] {
-        if (!std::exchange(isStopping, true)) {
-            ::sd_notify(0, "STOPPING=1");
-            Log(LogLevel::kNotice, "stopping; DNS instances keep running");
-            requests.Stop();
-            socket.Drain([&] { loop.Exit(); });
+    loop_.Run();
+    return status_;
+}
+
+void Agent::Stop(const char *why, int status)
+{
+    if (std::exchange(isStopping_, true)) {
+        return;
+    }
+    ::sd_notify(0, "STOPPING=1");
+    Log(status == EXIT_SUCCESS ? LogLevel::kNotice : LogLevel::kError, "%s", why);
+    status_ = status;
+    supervisor_.Stop();
+    requests_.Stop();
+    socket_.Drain([this] { loop_.Exit(); });
+}
+
+// A mistake leaves everything as it is.
+void Agent::ReadConfigurationAgain()
+{
+    if (isStopping_) {
+        return;
+    }
+    if (!supervisor_.Progress()) {
+        ::sd_notify(0, "RELOADING=1");
+    }
+    std::string status = ServingText(host_.config);
+    try {
+        Config fresh = LoadConfig(options_.config);
+        if (const auto key = host_.config.FixedKeyThatDiffers(fresh)) {
+            throw ConfigError(*key + ": needs a restart of the agent");
         }
-    });
-    Log(LogLevel::kNotice, "%s at %s", ServingText(host.config).c_str(), host.config.socket.c_str());
-    ::sd_notifyf(0, "READY=1\nSTATUS=%s", ServingText(host.config).c_str());
-    loop.Run();
+        const Config old = std::exchange(host_.config, std::move(fresh));
+        ConfigureLog(host_.config.log);
+        AdjustLimits(host_.config);
+        host_.namespaces.BeginRequest();
+        Log(LogLevel::kNotice, "configuration read again: %s", ServingText(host_.config).c_str());
+        supervisor_.ConfigurationChanged(old);
+        status = ServingText(host_.config);
+    } catch (const std::exception &failure) {
+        Log(LogLevel::kError, "%s: %s; the configuration stays as it was", options_.config.c_str(), failure.what());
+        status += "; the configuration file has a mistake";
+    }
+    // While it starts, it is ready later.
+    ::sd_notifyf(0, "%sSTATUS=%s", supervisor_.Progress() ? "" : "READY=1\n", status.c_str());
 }
 
-void Run(const Options &options)
+// A leak that nobody knows of must not take the box's memory: what runs is not disturbed by a restart of the agent.
+void Agent::CheckMemory()
+{
+    const std::uint64_t limit = std::uint64_t{host_.config.watch.memoryMiB} << 20U;
+    if (!isStopping_ && OwnMemory() > limit) {
+        Stop("the agent uses more memory than it may; it exits to be started again", kExitFailure);
+    }
+}
+
+int Run(const Options &options)
 {
     ::umask(kUmask);
     ReturnLargeMemory();
@@ -161,20 +228,7 @@ void Run(const Options &options)
     ConfigureLog(config.log);
     const AgentLock lock(config.socket);
     AdjustLimits(config);
-    Host host(std::move(config));
-    CheckVpns(host);
-
-    const Module module(options.module, host);
-    Log(LogLevel::kDebug, "module %s", module.Path().c_str());
-    EventLoop loop;
-    const EventSource children = ::getpid() == 1 ? ReapChildren(loop) : EventSource();
-    const Instances instances({}, host.identity);
-    PendingLaunches launches(loop, instances, host.launchOutputs);
-    if (Start(loop, host, instances, module, launches)) {
-        Serve(loop, host, instances, module, launches);
-    } else {
-        Log(LogLevel::kNotice, "stopped during the start; DNS instances keep running");
-    }
+    return Agent(options, std::move(config)).Run();
 }
 
 int ReportError(const std::string &text, int status)
@@ -193,8 +247,7 @@ int main(int argc, char **argv)
         if (options.printOnly != nullptr) {
             return std::fputs(options.printOnly, stdout) == EOF ? kExitFailure : EXIT_SUCCESS;
         }
-        Run(options);
-        return EXIT_SUCCESS;
+        return Run(options);
     } catch (const UsageError &error) {
         return ReportError(error.what(), kExitUsage);
     } catch (const ConfigError &error) {

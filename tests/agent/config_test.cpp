@@ -16,6 +16,7 @@ using kavel::agent::ParseConfig;
 using kavel::agent::Platform;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 // The message of the ConfigError, or a text that no test expects.
 std::string Refusal(const std::string &Text)
@@ -84,6 +85,80 @@ TEST(Configuration, HasDefaultsForEverythingButThePlatform)
     EXPECT_THAT(Conf.wan, IsEmpty());
     EXPECT_THAT(Conf.c2p, IsEmpty());
     EXPECT_THAT(Conf.vpns, IsEmpty());
+}
+
+TEST(Configuration, HasDefaultsForTheWatch)
+{
+    for (const char *Text : {R"({"platform": "cpe"})", R"({"platform": "cpe", "watch": {}})"}) {
+        const kavel::agent::Watch Watch = ParseConfig(Text).watch;
+        EXPECT_TRUE(Watch.repair);
+        EXPECT_EQ(Watch.udpSeconds, 10U);
+        EXPECT_EQ(Watch.tcpSeconds, 60U);
+        EXPECT_EQ(Watch.upstreamSeconds, 60U);
+        EXPECT_EQ(Watch.lookSeconds, 30U);
+        EXPECT_EQ(Watch.memoryMiB, 512U);
+    }
+}
+
+TEST(Configuration, TakesEveryKeyOfTheWatch)
+{
+    const kavel::agent::Watch Watch = ParseConfig(R"({"platform": "cpe", "watch": {
+        "repair": false, "udpSeconds": 1, "tcpSeconds": 2, "upstreamSeconds": 86400, "lookSeconds": 3,
+        "memoryMiB": 64}})")
+                                          .watch;
+    EXPECT_FALSE(Watch.repair);
+    EXPECT_EQ(Watch.udpSeconds, 1U);
+    EXPECT_EQ(Watch.tcpSeconds, 2U);
+    EXPECT_EQ(Watch.upstreamSeconds, 86400U);
+    EXPECT_EQ(Watch.lookSeconds, 3U);
+    EXPECT_EQ(Watch.memoryMiB, 64U);
+}
+
+TEST(Configuration, RefusesBadValuesOfTheWatch)
+{
+    for (const char *Key : {"udpSeconds", "tcpSeconds", "upstreamSeconds", "lookSeconds"}) {
+        const std::string Name = std::string("watch.") + Key;
+        const auto Of = [Key](const std::string &Value) {
+            return RefusalOf(R"("watch": {")" + std::string(Key) + R"(": )" + Value + "}");
+        };
+        EXPECT_EQ(Of("86401"), Name + ": 86401 is more than 86400 seconds");
+        EXPECT_EQ(Of("0"), Name + ": expected a number from 1 to 4294967295, not 0");
+        EXPECT_EQ(Of("-1"), Name + ": expected a number from 1 to 4294967295, not -1");
+        EXPECT_THAT(Of("\"10\""), StartsWith(Name + ": "));
+    }
+    EXPECT_THAT(RefusalOf(R"("watch": {"memoryMiB": 63})"),
+                StartsWith("watch.memoryMiB: expected a number from 64 to "));
+    EXPECT_THAT(RefusalOf(R"("watch": {"repair": 1})"), StartsWith("watch.repair: "));
+    EXPECT_THAT(RefusalOf(R"("watch": {"seconds": 1})"), StartsWith("watch.seconds: "));
+    EXPECT_THAT(RefusalOf(R"("watch": 1)"), StartsWith("watch: "));
+}
+
+TEST(Configuration, TellsWhichKeyNeedsARestart)
+{
+    const Config Base = ParseConfig(R"({"platform": "cpe"})");
+    const auto Differs = [&Base](const std::string &Text) { return Base.FixedKeyThatDiffers(ParseConfig(Text)); };
+    EXPECT_EQ(Differs(R"({"platform": "cpe", "log": "debug", "lan": ["a"], "vpns": [{"id": 7}],
+                          "watch": {"repair": false}})"),
+              std::nullopt);
+    EXPECT_EQ(Differs(R"({"platform": "pop"})"), "platform");
+    EXPECT_EQ(Differs(R"({"platform": "cpe", "persistence": true})"), "persistence");
+    EXPECT_EQ(Differs(R"({"platform": "cpe", "store": "/other"})"), "store");
+    EXPECT_EQ(Differs(R"({"platform": "cpe", "socket": "/other"})"), "socket");
+}
+
+TEST(Configuration, TellsWhetherAVpnHasTheSameInterfaces)
+{
+    const auto Of = [](const std::string &Members) {
+        return ParseConfig(R"({"platform": "cpe", "vpns": [{"id": 7)" + Members + "}]}").vpns[0];
+    };
+    const kavel::agent::Vpn Base = Of(R"(, "lan": ["a"], "wan": [{"name": "b"}])");
+    EXPECT_TRUE(Base.HasSameInterfaces(Of(R"(, "lan": ["a"], "wan": [{"name": "b", "sysRoute": false}])")));
+    for (const char *Other : {R"(, "lan": ["a"])", R"(, "wan": [{"name": "b"}])",
+                              R"(, "lan": ["a"], "wan": [{"name": "b", "sysRoute": true}])",
+                              R"(, "lan": ["a"], "wan": [{"name": "b"}], "customer": 1)",
+                              R"(, "lan": ["a"], "wan": [{"name": "b"}], "namespace": "n")"}) {
+        EXPECT_FALSE(Base.HasSameInterfaces(Of(Other))) << Other;
+    }
 }
 
 TEST(Configuration, NamesTheNamespaceOfAVpnAfterItsId)

@@ -1,4 +1,4 @@
-#include "socket/controller_message.h"
+#include "instances/controller_message.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

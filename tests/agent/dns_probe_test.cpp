@@ -2,6 +2,7 @@
 #include "instances/dns_probe.h"
 
 #include <gtest/gtest.h>
+#include <memory>
 
 #include "services/host.h"
 #include "test_box.h"
@@ -13,11 +14,11 @@ using namespace std::chrono_literals;
 
 class DnsProbeTest : public testing::Test {
   protected:
-    // Asks these VPNs, with a timeout that no test waits for. Whether the probe ended by itself, without an answer.
-    bool EndsWithoutAnswers(const std::vector<std::uint32_t> &vpnIds)
+    // Asks these servers, with a timeout that no test waits for. Whether the probe ended by itself, without an answer.
+    bool EndsWithoutAnswers(const std::vector<DnsTarget> &targets)
     {
         int ended = 0;
-        const DnsProbe probe(loop_, namespaces_, vpnIds, 10min, [&](const std::set<std::uint32_t> &answering) {
+        const DnsProbe probe(loop_, namespaces_, targets, 10min, [&](const std::set<std::size_t> &answering) {
             ++ended;
             EXPECT_TRUE(answering.empty());
         });
@@ -33,21 +34,50 @@ class DnsProbeTest : public testing::Test {
     EventLoop loop_;
 };
 
-TEST_F(DnsProbeTest, EndsWithoutVpns)
+TEST_F(DnsProbeTest, EndsWithoutServers)
 {
     EXPECT_TRUE(EndsWithoutAnswers({}));
 }
 
 TEST_F(DnsProbeTest, EndsWhenNoNamespaceCanBeEntered)
 {
-    EXPECT_TRUE(EndsWithoutAnswers({0, TestVpn(1), TestVpn(9)}));
+    EXPECT_TRUE(EndsWithoutAnswers(DnsTarget::Instances({0, TestVpn(1), TestVpn(9)})));
+    EXPECT_TRUE(EndsWithoutAnswers(DnsTarget::Instances({0, TestVpn(1), TestVpn(9)}, true)));
+}
+
+// It is destroyed by what it calls, as its owner does.
+TEST_F(DnsProbeTest, MayBeDestroyedByItsEnd)
+{
+    std::unique_ptr<DnsProbe> probe;
+    bool hasEnded = false;
+    probe = std::make_unique<DnsProbe>(loop_, namespaces_, std::vector<DnsTarget>(), 10min,
+                                       [&](const std::set<std::size_t> & /*answering*/) {
+                                           probe.reset();
+                                           hasEnded = true;
+                                       });
+    EXPECT_TRUE(RunUntil(loop_, [&] { return hasEnded; }));
+    EXPECT_FALSE(probe);
+}
+
+TEST_F(DnsProbeTest, AnInstanceIsAskedAtItsLoopbackAddress)
+{
+    const std::vector<DnsTarget> targets = DnsTarget::Instances({7, 0}, true);
+    ASSERT_EQ(targets.size(), 2U);
+    EXPECT_EQ(targets[0].vpnId, 7U);
+    EXPECT_EQ(targets[1].vpnId, 0U);
+    for (const DnsTarget &target : targets) {
+        EXPECT_TRUE(target.overTcp && target.isInstance);
+        EXPECT_EQ(target.address, 0x7F000001U);
+        EXPECT_EQ(target.interface, "");
+    }
+    EXPECT_FALSE(DnsTarget::Instances({7}).front().overTcp);
 }
 
 TEST_F(DnsProbeTest, EndsSilentlyWhenItIsDestroyed)
 {
     int ended = 0;
     {
-        const DnsProbe probe(loop_, namespaces_, {}, 10min, [&](const std::set<std::uint32_t> &) { ++ended; });
+        const DnsProbe probe(loop_, namespaces_, {}, 10min, [&](const std::set<std::size_t> &) { ++ended; });
     }
     DispatchReady(loop_);
     EXPECT_EQ(ended, 0);
@@ -57,9 +87,9 @@ TEST_F(DnsProbeTest, LogsForDebuggingWhomItCannotAsk)
 {
     LogCapture log;
     ConfigureLog(LogLevel::kDebug);
-    EXPECT_TRUE(EndsWithoutAnswers({TestVpn(1)}));
+    EXPECT_TRUE(EndsWithoutAnswers(DnsTarget::Instances({TestVpn(1)})));
     ConfigureLog(LogLevel::kNotice);
-    EXPECT_NE(log.Take().find("DEBUG vpn " + std::to_string(TestVpn(1)) + ": cannot ask its instance: "),
+    EXPECT_NE(log.Take().find("DEBUG vpn " + std::to_string(TestVpn(1)) + ": a DNS server cannot be asked: "),
               std::string::npos);
 }
 

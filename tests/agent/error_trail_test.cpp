@@ -119,6 +119,19 @@ TEST(ErrorTrail, KeepsTheNewest64Messages)
     EXPECT_THAT(trail.Cause(-EINVAL), Optional(Eq("1(22:Invalid)")));
 }
 
+TEST(ErrorTrail, TheFirstMessageIsTheOldestAboutAFailure)
+{
+    ErrorTrail trail;
+    EXPECT_EQ(trail.First(), std::nullopt);
+    trail.Add("vpn 7 started success\n");
+    EXPECT_EQ(trail.First(), std::nullopt);
+    trail.Add("first(22:Invalid)\n");
+    trail.Add("second(5:I/O)");
+    EXPECT_THAT(trail.First(), Optional(Eq("first(22:Invalid)")));
+    trail.Clear();
+    EXPECT_EQ(trail.First(), std::nullopt);
+}
+
 TEST(ErrorTrail, ClearForgetsEveryMessage)
 {
     ErrorTrail trail;

@@ -79,6 +79,15 @@ TEST(ReplaceFile, ReplacesTheWholeContentAndTheMode)
 }
 
 // A reader that has the old file open reads the old bytes to the end.
+TEST(ReplaceFile, GivesTheFileTheMode)
+{
+    const ScratchDirectory directory;
+    const std::string path = directory.Write("secret", "old");
+    ReplaceFile(path, "new", 0600);
+    EXPECT_EQ(ContentOf(path), "new");
+    EXPECT_EQ(ModeOf(path), 0600U);
+}
+
 TEST(ReplaceFile, LeavesTheOldFileToItsReaders)
 {
     const ScratchDirectory directory;

@@ -54,14 +54,16 @@ TEST(VpnOfPidFile, IgnoresEveryOtherName)
     }
 }
 
-TEST(VpnOfInstanceFile, KnowsTheDirectoriesOfTheInstances)
+TEST(VpnOfStateFile, ReadsTheNumberOfAFileOfTheKind)
 {
-    EXPECT_THAT(VpnOfInstanceFile("/etc/kavel/dnsmasq/vpn_7/hosts"), Optional(7U));
-    EXPECT_THAT(VpnOfInstanceFile("/etc/kavel/dnsmasq/vpn_70/dnsmasq.d/Mxhost.conf"), Optional(70U));
-    EXPECT_THAT(VpnOfInstanceFile("/etc/kavel/dnsmasq/vpn_7"), Optional(7U));
-    EXPECT_THAT(VpnOfInstanceFile("/etc/kavel/dnsmasq/resolv.conf"), Optional(0U));
-    for (const char *path : {"", "/etc/kavel/agent.json", "/etc/kavel/dnsmasq/vpn_x/hosts", "vpn_7/hosts"}) {
-        EXPECT_EQ(VpnOfInstanceFile(path), std::nullopt) << path;
+    EXPECT_EQ(StateFileName(7, "launch"), "vpn_7.launch");
+    for (const std::uint32_t vpnId : {0U, 10U, kLargest}) {
+        EXPECT_THAT(VpnOfStateFile(StateFileName(vpnId, "launch"), "launch"), Optional(vpnId));
+    }
+    for (const char *name :
+         {"", "launch", "vpn_.launch", "vpn_7.meant", "vpn_7launch", "vpn_07.launch", "vpn_7.x.launch", "vpn_-7.launch",
+          "vpn_4294967296.launch", ".vpn_7.launch", "vpn_7.launch.x"}) {
+        EXPECT_EQ(VpnOfStateFile(name, "launch"), std::nullopt) << name;
     }
 }
 

@@ -3,7 +3,10 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <string>
 #include <sys/stat.h>
+#include <system_error>
+#include <vector>
 
 #include "base/instance_process.h"
 #include "test_box.h"
@@ -11,8 +14,10 @@
 namespace kavel::agent {
 namespace {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 class InstancesTest : public testing::Test {
   protected:
@@ -32,7 +37,55 @@ TEST_F(InstancesTest, NamesTheDirectories)
     EXPECT_EQ(Instances().Directory(4'294'967'295U), "/etc/kavel/dnsmasq/vpn_4294967295");
 }
 
+TEST_F(InstancesTest, NamesTheFilesOfAnInstance)
+{
+    const std::vector<std::string> files = instances_.Files(7);
+    const std::string directory = box_.Path("/etc/kavel/dnsmasq/vpn_7");
+    EXPECT_THAT(files, ElementsAre(directory + "/hosts", directory + "/resolv.conf", directory + "/dnsmasq.conf",
+                                   directory + "/dnsmasq.d/Mxhost.conf", directory + "/dnsmasq.d/ServerMap.conf",
+                                   directory + "/dnsmasq.d/DnsProxy.conf"));
+    EXPECT_EQ(instances_.Files(0).front(), box_.Path("/etc/kavel/dnsmasq/hosts"));
+}
+
+TEST_F(InstancesTest, FindsTheVpnsWithAStateFile)
+{
+    EXPECT_EQ(instances_.StatePath(7, "launch"), box_.Path("/run/kavel/vpn_7.launch"));
+    EXPECT_THAT(instances_.WithState("launch"), ElementsAre());
+    for (const char *name : {"vpn_7.launch", "vpn_0.launch", "vpn_8.meant", "agent.pid"}) {
+        box_.Write(std::string("/run/kavel/") + name, "");
+    }
+    EXPECT_THAT(instances_.WithState("launch"), ElementsAre(0U, 7U));
+    std::filesystem::remove_all(box_.Path("/run"));
+    EXPECT_THAT(instances_.WithState("launch"), ElementsAre());
+}
+
 // ---- Pid files ----
+
+TEST_F(InstancesTest, WritesAndRemovesAPidFile)
+{
+    box_.WritePidFile(vpnId_, "1\n");
+    instances_.WritePidFile(vpnId_, 4711);
+    const PidFile file = instances_.ReadPidFile(vpnId_);
+    EXPECT_EQ(file.pid, 4711);
+    EXPECT_TRUE(file.isOwn);
+    instances_.RemovePidFile(vpnId_);
+    EXPECT_FALSE(instances_.ReadPidFile(vpnId_).exists);
+    EXPECT_NO_THROW(instances_.RemovePidFile(vpnId_)) << "there is none";
+    std::filesystem::create_directories(box_.Path(PidFilePath(vpnId_)));
+    EXPECT_THROW(instances_.RemovePidFile(vpnId_), std::system_error);
+}
+
+TEST_F(InstancesTest, FindsEveryProcessOfAnInstance)
+{
+    const FakeInstance first(box_, vpnId_);
+    const FakeInstance second(box_, vpnId_);
+    const FakeInstance other(box_, TestVpn(2));
+    const FakeInstance notDnsmasq(box_, TestVpn(3), "dnsmasq-x");
+    const auto processes = instances_.ProcessesByVpn();
+    EXPECT_THAT(processes.at(vpnId_), UnorderedElementsAre(first.Pid(), second.Pid()));
+    EXPECT_THAT(processes.at(TestVpn(2)), ElementsAre(other.Pid()));
+    EXPECT_FALSE(processes.contains(TestVpn(3)));
+}
 
 TEST_F(InstancesTest, AMissingPidFileDoesNotExist)
 {

@@ -45,6 +45,14 @@ TEST_F(LaunchOutputTest, WithoutDnsmasqTheReasonIsTheLastLine)
     EXPECT_FALSE(outputs_.HasFailed(kVpn)) << "dnsmasq may still be started";
 }
 
+TEST_F(LaunchOutputTest, TellsWhichLaunchesAreBegun)
+{
+    EXPECT_TRUE(outputs_.IsBegun(kVpn)) << "also without output";
+    EXPECT_FALSE(outputs_.IsBegun(kVpn + 1));
+    outputs_.End(kVpn);
+    EXPECT_FALSE(outputs_.IsBegun(kVpn));
+}
+
 TEST_F(LaunchOutputTest, TheNextLaunchBeginsAnew)
 {
     Write("dnsmasq: old\n");

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "socket/controller_message.h"
+#include "instances/controller_message.h"
 #include "test_box.h"
 
 namespace kavel::agent {

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <utility>
 
 #include "base/instance_process.h"
 #include "test_box.h"
@@ -12,6 +13,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
+using testing::Pair;
+using testing::UnorderedElementsAre;
 
 class PendingLaunchesTest : public testing::Test {
   protected:
@@ -192,25 +195,56 @@ TEST_F(PendingLaunchesTest, FindsThePidFileWithoutAWatch)
     EXPECT_THAT(outcomes_, ElementsAre(LaunchOutcome::kRunning));
 }
 
-// ---- Several launches ----
+// ---- The observer ----
 
-TEST_F(PendingLaunchesTest, RunUntilLaunchedGivesTheFailedOnes)
+class ObservedLaunchesTest : public PendingLaunchesTest {
+  protected:
+    ObservedLaunchesTest()
+    {
+        launches_.Observe([this](std::uint32_t vpnId, LaunchOutcome outcome) {
+            EXPECT_EQ(outcomes_.size(), observed_.size() + 1) << "the launch's own handler is called first";
+            EXPECT_FALSE(launches_.IsPending(vpnId)) << "the next launch of the VPN may be added";
+            observed_.emplace_back(vpnId, outcome);
+        });
+    }
+
+    std::vector<std::pair<std::uint32_t, LaunchOutcome>> observed_;
+};
+
+TEST_F(ObservedLaunchesTest, AnInstanceThatRunsAlreadyIsObserved)
 {
-    const FakeInstance good(box_, vpnId_);
-    WritePid(vpnId_, good);
-    const auto failed = RunUntilLaunched(loop_, launches_, {vpnId_, other_}, 10min);
-    ASSERT_TRUE(failed);
-    EXPECT_THAT(*failed, ElementsAre(other_));
-    EXPECT_TRUE(launches_.IsEmpty());
+    const FakeInstance instance(box_, vpnId_);
+    WritePid(vpnId_, instance);
+    Add(vpnId_);
+    EXPECT_THAT(observed_, ElementsAre(Pair(vpnId_, LaunchOutcome::kRunning)));
 }
 
-TEST_F(PendingLaunchesTest, RunUntilLaunchedGivesNothingWhenTheLoopExits)
+TEST_F(ObservedLaunchesTest, EveryEndIsObserved)
 {
-    const FakeInstance slow(box_, vpnId_);
-    EventSource exit = loop_.AddDeferred([this] { loop_.Exit(); });
-    exit.Enable();
-    EXPECT_EQ(RunUntilLaunched(loop_, launches_, {vpnId_}, 10min), std::nullopt);
-    EXPECT_TRUE(launches_.IsEmpty());
+    const FakeInstance good(box_, vpnId_);
+    Add(vpnId_);
+    Add(other_);
+    EXPECT_THAT(observed_, ElementsAre());
+    WritePid(vpnId_, good);
+    EXPECT_TRUE(RunUntilEnded(2));
+    EXPECT_THAT(observed_,
+                UnorderedElementsAre(Pair(vpnId_, LaunchOutcome::kRunning), Pair(other_, LaunchOutcome::kFailed)));
+}
+
+TEST_F(ObservedLaunchesTest, ACancelledLaunchIsObserved)
+{
+    Add(vpnId_);
+    launches_.CancelAll();
+    EXPECT_THAT(observed_, ElementsAre(Pair(vpnId_, LaunchOutcome::kCancelled)));
+}
+
+TEST_F(ObservedLaunchesTest, NothingIsObservedWithoutAnObserver)
+{
+    Add(vpnId_);
+    launches_.Observe({});
+    launches_.CancelAll();
+    EXPECT_THAT(outcomes_, ElementsAre(LaunchOutcome::kCancelled));
+    EXPECT_THAT(observed_, ElementsAre());
 }
 
 } // namespace

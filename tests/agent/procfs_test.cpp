@@ -11,6 +11,7 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "scratch.h"
 
@@ -131,6 +132,14 @@ TEST(AllProcesses, HasEveryProcessOnce)
     const pid_t pid = child.Pid();
     child.Reap();
     EXPECT_THAT(AllProcesses(), testing::Not(testing::Contains(pid)));
+}
+
+TEST(OwnMemory, IsTheResidentMemoryOfThisProcess)
+{
+    EXPECT_GT(OwnMemory(), std::uint64_t{1} << 20U);
+    const std::vector<char> more(std::size_t{64} << 20U, 'x');
+    EXPECT_GT(OwnMemory(), std::uint64_t{64} << 20U);
+    EXPECT_EQ(more.back(), 'x');
 }
 
 } // namespace

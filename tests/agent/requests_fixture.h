@@ -5,11 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <array>
-
 #include <deque>
 
+#include "base/child_reaper.h"
 #include "services/host.h"
 #include "socket/requests.h"
+#include "supervision/supervisor.h"
 #include "test_box.h"
 
 namespace kavel::agent {
@@ -29,7 +30,13 @@ inline Bytes WithBadInterfaceName(std::uint32_t vpnId)
 
 class RequestsTest : public testing::Test {
   protected:
-    explicit RequestsTest(const std::function<void(Config &)> &change = {}) : host_(Settings(change)) {}
+    // The supervisor has started.
+    explicit RequestsTest(const std::function<void(Config &)> &change = {}) : host_(Settings(change))
+    {
+        bool isStarted = false;
+        supervisor_.Start([&] { isStarted = true; });
+        EXPECT_TRUE(RunUntil(loop_, [&] { return isStarted; }));
+    }
 
     Config Settings(const std::function<void(Config &)> &change) const
     {
@@ -44,13 +51,14 @@ class RequestsTest : public testing::Test {
     const std::vector<Answer> &Send(const Bytes &packedRequest)
     {
         std::vector<Answer> &answers = answers_.emplace_back();
-        requests_.Handle({FrameOf(packedRequest)}, [&answers](const Answer &answer) { answers.push_back(answer); });
+        requests_.Handle({FrameOf(packedRequest), kSender},
+                         [&answers](const Answer &answer) { answers.push_back(answer); });
         return answers;
     }
 
-    const std::vector<Answer> &SendApply(const Bytes &message)
+    const std::vector<Answer> &SendApply(const Bytes &message, const std::optional<std::string> &revision = {})
     {
-        return Send(PackRequest(KAVEL__REQUEST__VERB__APPLY, std::nullopt, message));
+        return Send(PackRequest(KAVEL__REQUEST__VERB__APPLY, std::nullopt, message, revision));
     }
 
     // An answer that must be there already.
@@ -60,7 +68,10 @@ class RequestsTest : public testing::Test {
         return answers.empty() ? Refusal(-12345) : answers.front();
     }
 
-    Answer Apply(const Bytes &message) { return AnswerIn(SendApply(message)); }
+    Answer Apply(const Bytes &message, const std::optional<std::string> &revision = {})
+    {
+        return AnswerIn(SendApply(message, revision));
+    }
 
     [[nodiscard]] bool RunUntilAnswered(const std::vector<Answer> &answers)
     {
@@ -72,12 +83,14 @@ class RequestsTest : public testing::Test {
         box_.WritePidFile(vpnId, std::to_string(instance.Pid()) + "\n");
     }
 
+    static constexpr const char *kSender = "pid 42, uid 0 (test)";
     const std::uint32_t vpnId_ = TestVpn(1);
     const std::uint32_t other_ = TestVpn(2);
     const std::uint32_t unknown_ = TestVpn(9);
     const Bytes launch_ = PackCpe(vpnId_, true, VQ_DNSMASQ_OP_REBOOT);
     const Bytes reload_ = PackCpe(vpnId_, true, VQ_DNSMASQ_OP_RELOAD);
     const Bytes switchOff_ = PackCpe(vpnId_, false, VQ_DNSMASQ_OP_RELOAD);
+    const ChildScope children_;
     TestBox box_;
     LogCapture log_;
     Host host_;
@@ -86,7 +99,9 @@ class RequestsTest : public testing::Test {
     PendingLaunches launches_{loop_, instances_, host_.launchOutputs};
     FakeModule module_;
     std::deque<std::vector<Answer>> answers_;
-    Requests requests_{loop_, host_, instances_, module_.functions, launches_};
+    ChildReaper reaper_{loop_};
+    Supervisor supervisor_{loop_, host_, instances_, module_.functions, launches_, reaper_};
+    Requests requests_{loop_, host_, instances_, module_.functions, launches_, supervisor_};
 };
 
 } // namespace kavel::agent

@@ -269,8 +269,9 @@ TEST_F(RequestsQueueTest, StopAnswersWhatWasAboutToBeTaken)
 {
     (void)BeginLaunch();
     const auto &waiting = SendApply(reload_);
-    launches_.CancelAll(); // the launch has ended, and the queue is drained in a later iteration
-    EXPECT_TRUE(waiting.empty());
+    EndLaunch();
+    EXPECT_TRUE(RunUntil(loop_, [&] { return launches_.IsEmpty(); }));
+    EXPECT_TRUE(waiting.empty()) << "the queue is drained in a later iteration";
     requests_.Stop();
     EXPECT_EQ(AnswerIn(waiting).result, -ECANCELED);
     DispatchReady(loop_);

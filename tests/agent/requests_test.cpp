@@ -1,12 +1,14 @@
 #include "socket/requests.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <new>
 #include <system_error>
 
 #include "requests_fixture.h"
+#include "services/message_history.h"
 #include "services/store.h"
 
 namespace kavel::agent {
@@ -15,6 +17,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 
 // ---- What is no request ----
 
@@ -140,6 +143,34 @@ TEST_F(RequestsTest, AnExceptionBecomesARefusal)
     EXPECT_THAT(log_.Take(), HasSubstr("ERROR control socket: a request failed: x"));
 }
 
+// ---- The revision ----
+
+TEST_F(RequestsTest, TheStatusHasTheRevisionInForce)
+{
+    for (const std::string &revision : {std::string("v1"), std::string(64, 'r'), std::string("Gr\u00fc\u00dfe 7")}) {
+        EXPECT_EQ(Apply(switchOff_, revision).result, 0);
+        const auto &answers = Send(PackRequest(KAVEL__REQUEST__VERB__STATUS, vpnId_));
+        EXPECT_TRUE(RunUntilAnswered(answers));
+        EXPECT_EQ(AnswerIn(answers).vpns.at(0).revision, revision);
+    }
+    EXPECT_EQ(Apply(switchOff_).result, 0);
+    const auto &answers = Send(PackRequest(KAVEL__REQUEST__VERB__STATUS, vpnId_));
+    EXPECT_TRUE(RunUntilAnswered(answers));
+    EXPECT_EQ(AnswerIn(answers).vpns.at(0).revision, std::nullopt) << "the last message had none";
+}
+
+TEST_F(RequestsTest, ARevisionThatCannotBeShownIsRefused)
+{
+    for (const std::string &revision : {std::string(), std::string(65, 'r'), std::string("a\nb"),
+                                        std::string("\x1b[1m"), std::string("\xff"), std::string("\u202eabc")}) {
+        const Answer answer = Apply(switchOff_, revision);
+        EXPECT_EQ(answer.result, -EINVAL) << revision.size();
+        EXPECT_EQ(answer.vpn, vpnId_);
+        EXPECT_EQ(answer.text, "revision: it has not 1 to 64 printable characters");
+    }
+    EXPECT_THAT(module_.calls, ElementsAre());
+}
+
 // ---- What is meant to run after it ----
 
 TEST_F(RequestsTest, AnAppliedMessageSaysWhatIsMeantToRun)
@@ -175,7 +206,11 @@ class RequestsWithStoreTest : public RequestsTest {
   protected:
     RequestsWithStoreTest() : RequestsTest([](Config &config) { config.persistence = true; }) {}
 
-    void BreakTheStore() const { box_.Write("/store", "a file in the place of the directory"); }
+    void BreakTheStore() const
+    {
+        std::filesystem::remove_all(box_.Path("/store"));
+        box_.Write("/store", "a file in the place of the directory");
+    }
 
     // What the module does with the store, and its result.
     void OnConfigure(const std::optional<std::string> &stored, VQ_ERR_T result)
@@ -262,6 +297,27 @@ TEST_F(RequestsWithStoreTest, ListsAndShowsTheStore)
     EXPECT_EQ(AnswerIn(Send(PackRequest(KAVEL__REQUEST__VERB__STORE_SHOW, vpnId_))).storedText, text);
 }
 
+TEST_F(RequestsWithStoreTest, EveryMessageIsInTheHistory)
+{
+    OnConfigure(std::nullopt, 0);
+    EXPECT_EQ(Apply(switchOff_, "v1").result, 0);
+    module_.onConfigure = [](const VQ_CTRL_DNSMASQ_CONFIG_PB &) { return -EIO; };
+    EXPECT_EQ(Apply(launch_).result, -EIO);
+    const std::vector<HistoryEntry> entries = host_.store.ReadHistory(vpnId_);
+    ASSERT_EQ(entries.size(), 2U);
+    const HistoryEntry &newest = entries.front();
+    const HistoryEntry &oldest = entries.back();
+    EXPECT_EQ(oldest.peer, kSender);
+    EXPECT_EQ(oldest.revision, "v1");
+    EXPECT_EQ(oldest.result, 0);
+    EXPECT_EQ(oldest.outcome, "applied");
+    EXPECT_EQ(oldest.message, switchOff_);
+    EXPECT_EQ(newest.revision, std::nullopt);
+    EXPECT_EQ(newest.result, -EIO);
+    EXPECT_THAT(newest.outcome, StartsWith("refused: "));
+    EXPECT_THAT(host_.store.ReadHistory(other_), ElementsAre());
+}
+
 // ---- Directories ----
 
 class DirectoryTest : public RequestsTest, public testing::WithParamInterface<std::int32_t> {};
@@ -308,6 +364,32 @@ TEST_F(RequestsTest, TheDirectoryOfARunningInstanceIsNotRemoved)
     EXPECT_EQ(answer.text, "the instance of vpn " + std::to_string(vpnId_) + " is running");
     EXPECT_THAT(module_.calls, ElementsAre());
     EXPECT_EQ(AnswerIn(Send(PackRequest(KAVEL__REQUEST__VERB__VPN_INIT, vpnId_))).result, 0);
+}
+
+// ---- Repair ----
+
+TEST_F(RequestsTest, ARepairOfAVpnThatIsNotConfiguredIsRefused)
+{
+    const Answer answer = AnswerIn(Send(PackRequest(KAVEL__REQUEST__VERB__REPAIR, unknown_)));
+    EXPECT_EQ(answer.result, -ENOENT);
+    EXPECT_EQ(answer.text, "vpn " + std::to_string(unknown_) + " is not configured");
+}
+
+TEST_F(RequestsTest, ARepairOfAllTellsTheProblemsOfEachVpn)
+{
+    EXPECT_EQ(AnswerIn(Send(PackRequest(KAVEL__REQUEST__VERB__REPAIR))).text, std::nullopt) << "nothing is in force";
+    for (const std::uint32_t vpnId : {vpnId_, other_}) {
+        EXPECT_EQ(Apply(PackCpe(vpnId, false, VQ_DNSMASQ_OP_RELOAD)).result, 0);
+    }
+    const auto problem = [this](std::uint32_t vpnId) {
+        return "vpn " + std::to_string(vpnId) + ": namespace \"" + host_.config.Find(vpnId)->netns +
+               "\" does not exist";
+    };
+    const Answer answer = AnswerIn(Send(PackRequest(KAVEL__REQUEST__VERB__REPAIR)));
+    EXPECT_EQ(answer.result, 0);
+    EXPECT_EQ(answer.text, problem(vpnId_) + "; " + problem(other_));
+    EXPECT_THAT(answer.notes, ElementsAre());
+    EXPECT_EQ(AnswerIn(Send(PackRequest(KAVEL__REQUEST__VERB__REPAIR, other_))).text, problem(other_));
 }
 
 // ---- Status ----

@@ -6,6 +6,8 @@
 #include <memory>
 #include <numeric>
 
+#include "base/child_reaper.h"
+#include "supervision/supervisor.h"
 #include "test_box.h"
 
 namespace kavel::agent {
@@ -29,11 +31,12 @@ class StatusQueryTest : public testing::Test {
     std::vector<VpnStatus> Query(const StatusScope &scope)
     {
         Host host(config_);
+        Supervisor supervisor(loop_, host, instances_, module_.functions, launches_, reaper_);
         host.conversions.DnsmasqStrToConf = ConvertStoredText;
         std::vector<VpnStatus> result;
         int ended = 0;
         LogCapture log;
-        const StatusQuery query(loop_, host, instances_, launches_, scope, [&](std::vector<VpnStatus> statuses) {
+        const StatusQuery query(loop_, host, instances_, supervisor, scope, [&](std::vector<VpnStatus> statuses) {
             result = std::move(statuses);
             ++ended;
         });
@@ -51,12 +54,15 @@ class StatusQueryTest : public testing::Test {
         return vpnIds;
     }
 
+    const ChildScope children_;
     TestBox box_;
     Config config_;
     Instances instances_{box_.Root()};
     EventLoop loop_;
     LaunchOutputs outputs_;
     PendingLaunches launches_{loop_, instances_, outputs_};
+    FakeModule module_;
+    ChildReaper reaper_{loop_};
 };
 
 TEST_F(StatusQueryTest, GivesTheStatusOfTheVpnsInTheirOrder)
@@ -81,9 +87,10 @@ TEST_F(StatusQueryTest, ManyVpnsAreReadInSeveralIterations)
         config_.vpns.push_back(vpn);
     }
     Host host(config_);
+    Supervisor supervisor(loop_, host, instances_, module_.functions, launches_, reaper_);
     const auto iterations = [&](const std::vector<std::uint32_t> &vpnIds) {
         std::vector<VpnStatus> result;
-        const StatusQuery query(loop_, host, instances_, launches_, {vpnIds, false},
+        const StatusQuery query(loop_, host, instances_, supervisor, {vpnIds, false},
                                 [&](std::vector<VpnStatus> statuses) { result = std::move(statuses); });
         int count = 0;
         EXPECT_TRUE(RunUntil(loop_, [&] {
@@ -134,8 +141,9 @@ TEST_F(StatusQueryTest, AnInstanceThatWasStartingWhenItWasAskedIsStarting)
     const FakeInstance starting(box_, TestVpn(1));
     launches_.Add(TestVpn(1), 10min, [](LaunchOutcome) {});
     Host host(config_);
+    Supervisor supervisor(loop_, host, instances_, module_.functions, launches_, reaper_);
     std::vector<VpnStatus> result;
-    const StatusQuery query(loop_, host, instances_, launches_, {{TestVpn(1)}, false},
+    const StatusQuery query(loop_, host, instances_, supervisor, {{TestVpn(1)}, false},
                             [&](std::vector<VpnStatus> statuses) { result = std::move(statuses); });
     launches_.CancelAll();
     EXPECT_TRUE(RunUntil(loop_, [&] { return !result.empty(); }));
@@ -146,7 +154,8 @@ TEST_F(StatusQueryTest, EndsSilentlyWhenItIsDestroyed)
 {
     int ended = 0;
     Host host(config_);
-    auto query = std::make_unique<StatusQuery>(loop_, host, instances_, launches_, StatusScope{{TestVpn(1)}, false},
+    Supervisor supervisor(loop_, host, instances_, module_.functions, launches_, reaper_);
+    auto query = std::make_unique<StatusQuery>(loop_, host, instances_, supervisor, StatusScope{{TestVpn(1)}, false},
                                                [&](const std::vector<VpnStatus> &) { ++ended; });
     query.reset();
     DispatchReady(loop_);
@@ -157,8 +166,9 @@ TEST_F(StatusQueryTest, ItsEndMayDestroyIt)
 {
     bool hasEnded = false;
     Host host(config_);
+    Supervisor supervisor(loop_, host, instances_, module_.functions, launches_, reaper_);
     std::unique_ptr<StatusQuery> query;
-    query = std::make_unique<StatusQuery>(loop_, host, instances_, launches_, StatusScope{{TestVpn(1)}, false},
+    query = std::make_unique<StatusQuery>(loop_, host, instances_, supervisor, StatusScope{{TestVpn(1)}, false},
                                           [&](const std::vector<VpnStatus> &) {
                                               hasEnded = true;
                                               query.reset();

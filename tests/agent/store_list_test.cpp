@@ -6,6 +6,9 @@
 
 #include <cerrno>
 #include <string>
+#include <utility>
+
+#include "base/zeroed_pages.h"
 
 #include "store_fixture.h"
 
@@ -40,23 +43,70 @@ TEST_F(StoreTest, ListsTheReadableRecordsOfConfiguredVpns)
     const ListPtr list(TheStore().List(kCpe));
     ASSERT_TRUE(list);
     EXPECT_THAT(VpnsOf(list), ElementsAre(0U, 8U));
-    EXPECT_THAT(VpnsOf(TheStore().Listed()), ElementsAre(0U, 8U));
-    EXPECT_EQ(TheStore().Listed().back().forwards, 4U);
     EXPECT_EQ(captured.Text(), "ERROR vpn 7: its stored record cannot be read, and is kept: Invalid argument\n"
                                "WARNING vpn 9: its stored record is not applied: the VPN is not configured\n");
     EXPECT_THAT(VpnsOf(TheStore().Read()), ElementsAre(0U, 7U, 8U, 9U));
 }
 
-TEST_F(StoreTest, ListedHasTheRecordsOfTheLastListAlone)
+TEST_F(StoreTest, AListHasTheRecordsOfItsTableAlone)
 {
     Start();
     TheStore().Put(7, "7", kCpe);
     TheStore().Put(8, "8", kPop);
     const ListPtr first(TheStore().List(kCpe));
-    EXPECT_THAT(VpnsOf(TheStore().Listed()), ElementsAre(7U));
     const ListPtr second(TheStore().List(kPop));
-    EXPECT_THAT(VpnsOf(TheStore().Listed()), ElementsAre(8U));
     EXPECT_THAT(VpnsOf(first), ElementsAre(7U));
+    EXPECT_THAT(VpnsOf(second), ElementsAre(8U));
+}
+
+TEST_F(StoreTest, AnOfferedRecordIsTheNextListAlone)
+{
+    Start();
+    TheStore().Put(7, "7", kCpe);
+    auto node = MapZeroed<VQ_DnsmasqConfNode>();
+    node->Dnsmasq.VpnId = 8;
+    TheStore().Offer(std::move(node));
+    const ListPtr offered(TheStore().List(kCpe));
+    EXPECT_THAT(VpnsOf(offered), ElementsAre(8U));
+    const ListPtr stored(TheStore().List(kCpe));
+    EXPECT_THAT(VpnsOf(stored), ElementsAre(7U));
+}
+
+TEST_F(StoreTest, AnOfferedRecordNeedsNoStore)
+{
+    directory_.Write("agent.db", std::string(5000, 'x'));
+    Start();
+    auto node = MapZeroed<VQ_DnsmasqConfNode>();
+    node->Dnsmasq.VpnId = 9;
+    TheStore().Offer(std::move(node));
+    const CapturedStderr captured;
+    const ListPtr offered(TheStore().List(kPop));
+    ASSERT_TRUE(offered);
+    EXPECT_THAT(VpnsOf(offered), ElementsAre(9U)) << "whether the VPN is configured is not asked";
+    EXPECT_EQ(captured.Text(), "");
+}
+
+TEST_F(StoreTest, ARecordIsFilledFromAText)
+{
+    Start();
+    const auto record = MapZeroed<VQ_DnsmasqConfNode>();
+    EXPECT_EQ(TheStore().Fill(record->Dnsmasq, 7, "7 disabled"), std::nullopt);
+    EXPECT_EQ(record->Dnsmasq.VpnId, 7U);
+    EXPECT_EQ(record->Dnsmasq.Enable, FALSE);
+    const auto other = MapZeroed<VQ_DnsmasqConfNode>();
+    EXPECT_THAT(TheStore().Fill(other->Dnsmasq, 7, "8"), Optional(HasSubstr("8")));
+    const auto bad = MapZeroed<VQ_DnsmasqConfNode>();
+    EXPECT_THAT(TheStore().Fill(bad->Dnsmasq, 7, "7 silent"), Optional(Eq("Invalid argument")));
+}
+
+TEST_F(StoreTest, TellsWhetherAVpnHasARow)
+{
+    Start();
+    TheStore().Put(7, "7", kCpe);
+    TheStore().Put(8, "8", kPop);
+    EXPECT_TRUE(TheStore().Has(7));
+    EXPECT_FALSE(TheStore().Has(8)) << "of the other platform";
+    EXPECT_FALSE(TheStore().Has(0));
 }
 
 TEST_F(StoreTest, AnEmptyStoreGivesAnEmptyList)
@@ -65,7 +115,6 @@ TEST_F(StoreTest, AnEmptyStoreGivesAnEmptyList)
     const ListPtr list(TheStore().List(kCpe));
     ASSERT_TRUE(list);
     EXPECT_THAT(VpnsOf(list), IsEmpty());
-    EXPECT_THAT(TheStore().Listed(), IsEmpty());
 }
 
 TEST_F(StoreTest, AStoreThatCannotBeReadGivesNoList)
@@ -89,7 +138,6 @@ TEST_F(StoreTest, WhatWasReadBeforeAFailureIsListed)
     const ListPtr list(TheStore().List(kCpe));
     ASSERT_TRUE(list);
     EXPECT_THAT(VpnsOf(list), ElementsAre(0U));
-    EXPECT_THAT(VpnsOf(TheStore().Listed()), ElementsAre(0U));
     EXPECT_THAT(captured.Text(), HasSubstr("the stored records cannot be read"));
 }
 

@@ -135,6 +135,30 @@ std::string ReadText(const std::string &path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+std::string OwnProgram()
+{
+    return "dnsmasq-" + std::to_string(::getpid());
+}
+
+InstanceIdentity OwnIdentity()
+{
+    InstanceIdentity identity = InstanceIdentity::OfBox();
+    identity.program = OwnProgram();
+    identity.launchers.clear();
+    return identity;
+}
+
+ChildScope::ChildScope()
+{
+    Require(::sigprocmask(SIG_SETMASK, nullptr, &before_) == 0, "sigprocmask");
+}
+
+ChildScope::~ChildScope()
+{
+    EXPECT_EQ(::sigprocmask(SIG_SETMASK, &before_, nullptr), 0);
+    EXPECT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 0), 0);
+}
+
 // A shell that waits for a line on its standard input. Instances are known by the name of their executable.
 FakeInstance::FakeInstance(const TestBox &box, std::uint32_t vpnId, const std::string &program)
 {
@@ -155,6 +179,7 @@ FakeInstance::FakeInstance(const TestBox &box, std::uint32_t vpnId, const std::s
     errno = ::posix_spawn(&pid_, path.c_str(), &actions, nullptr, arguments.data(), environ);
     ::posix_spawn_file_actions_destroy(&actions);
     Require(errno == 0, "posix_spawn");
+    handle_ = ProcessHandle::Open(pid_);
     AwaitCommandLine(pid_);
 }
 
@@ -165,11 +190,22 @@ FakeInstance::~FakeInstance()
 
 void FakeInstance::Stop()
 {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-        pid_ = -1;
+    if (handle_) {
+        Kill();
+        siginfo_t ignored{};
+        ::waitid(P_PIDFD, static_cast<id_t>(handle_->Fd()), &ignored, WEXITED); // fails if it was reaped
+        handle_.reset();
     }
+}
+
+void FakeInstance::Kill() const
+{
+    handle_->Signal(SIGKILL);
+}
+
+bool FakeInstance::IsAlive() const
+{
+    return handle_ && !handle_->EndsWithin(std::chrono::milliseconds(0));
 }
 
 bool RunUntil(EventLoop &loop, const std::function<bool()> &isDone, std::chrono::milliseconds timeout)
@@ -220,7 +256,8 @@ Bytes FrameOf(const Bytes &payload)
     return frame;
 }
 
-Bytes PackRequest(std::int32_t verb, std::optional<std::uint32_t> vpn, const std::optional<Bytes> &message)
+Bytes PackRequest(std::int32_t verb, std::optional<std::uint32_t> vpn, const std::optional<Bytes> &message,
+                  std::optional<std::string> revision)
 {
     Kavel__Request request = KAVEL__REQUEST__INIT;
     request.verb = static_cast<Kavel__Request__Verb>(verb);
@@ -229,6 +266,7 @@ Bytes PackRequest(std::int32_t verb, std::optional<std::uint32_t> vpn, const std
     Bytes content = message.value_or(Bytes{});
     request.has_message = message ? 1 : 0;
     request.message = {content.size(), content.data()};
+    request.revision = revision ? revision->data() : nullptr;
     Bytes packed(kavel__request__get_packed_size(&request));
     kavel__request__pack(&request, packed.data());
     return packed;
@@ -291,11 +329,27 @@ FakeModule::FakeModule()
         Current().calls.push_back(VpnText("stop", vpnId));
         return 0;
     };
+    functions.restartInstance = [](std::uint32_t vpnId) {
+        Current().calls.push_back(VpnText("restart", vpnId));
+        return Current().onRestart ? Current().onRestart() : 0;
+    };
+    functions.addRoutes = [](const VQ_CTRL_DNSMASQ_CONF *record) {
+        return Current().NotePart(VpnText("add routes of", record->VpnId));
+    };
+    functions.addPolicy = [](std::uint32_t vpnId) { return Current().NotePart(VpnText("add rule of", vpnId)); };
+    functions.removePolicy = [](std::uint32_t vpnId) { return Current().NotePart(VpnText("remove rule of", vpnId)); };
+    functions.addDnat = [](std::uint32_t address) { return Current().NotePart(VpnText("add DNAT to", address)); };
 }
 
 FakeModule::~FakeModule()
 {
     g_module = nullptr;
+}
+
+VQ_ERR_T FakeModule::NotePart(std::string call)
+{
+    calls.push_back(std::move(call));
+    return partResult;
 }
 
 FakeModule &FakeModule::Current()

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -15,8 +16,10 @@
 #include "advanced_dns.pb-c.h"
 #include "base/config.h"
 #include "base/event_loop.h"
+#include "base/instance_process.h"
 #include "control.pb-c.h"
 #include "instances/module.h"
+#include "services/process_end.h"
 #include "socket/connection.h"
 #include "unique_fd.h"
 
@@ -77,6 +80,24 @@ class TestBox {
 
 std::string ReadText(const std::string &path);
 
+// A VPN of this name cannot be told from one of another test or of a real agent, such as VPN 0 of every box: its
+// instances are programs of this name, which no other process on this machine has, and are known by OwnIdentity().
+// A TestBox must live.
+std::string OwnProgram();
+InstanceIdentity OwnIdentity();
+
+// While it lives, a ChildReaper may be made. Afterwards SIGCHLD and the children of others are as they were before.
+class ChildScope {
+  public:
+    ChildScope();
+    ChildScope(const ChildScope &) = delete;
+    ChildScope &operator=(const ChildScope &) = delete;
+    ~ChildScope();
+
+  private:
+    sigset_t before_{};
+};
+
 // A process that is called dnsmasq and has the VPN's pid file in its command line. It writes no pid file.
 class FakeInstance {
   public:
@@ -86,12 +107,16 @@ class FakeInstance {
     ~FakeInstance();
 
     [[nodiscard]] pid_t Pid() const { return pid_; }
+    // Kills it. Somebody else may reap it.
+    void Kill() const;
+    [[nodiscard]] bool IsAlive() const;
     // Ends it, and waits until it is gone.
     void Stop();
 
   private:
     UniqueFd input_; // the process ends with it
     pid_t pid_ = -1;
+    std::optional<ProcessHandle> handle_; // nothing once it is gone
 };
 
 // Dispatches until the condition holds. Whether it does, before the time is over.
@@ -118,7 +143,8 @@ class LogCapture {
 // The frame that carries `payload`, header included.
 Bytes FrameOf(const Bytes &payload);
 Bytes PackRequest(std::int32_t verb, std::optional<std::uint32_t> vpn = std::nullopt,
-                  const std::optional<Bytes> &message = std::nullopt);
+                  const std::optional<Bytes> &message = std::nullopt,
+                  std::optional<std::string> revision = std::nullopt);
 // A controller's messages. `fill` completes them; what it points at only has to live until it returns.
 Bytes PackCpe(std::uint32_t vpnId, bool enable, std::uint32_t operation,
               const std::function<void(DnsmasqConf &)> &fill = {});
@@ -139,7 +165,12 @@ struct FakeModule {
     std::function<VQ_ERR_T(const VQ_CTRL_DNSMASQ_CONFIG_PB &)> onConfigure;
     std::function<VQ_ERR_T(VQ_DNSMASQ_CONF &)> onTranslate;
     std::function<VQ_ERR_T()> onRecover;
+    std::function<VQ_ERR_T()> onRestart;
+    VQ_ERR_T partResult = 0;      // of adding routes and adding or removing rules
     VQ_ERR_T directoryResult = 0; // of creating and removing one
+
+  private:
+    VQ_ERR_T NotePart(std::string call);
 };
 
 // A conversion of stored texts: "on" and "off" are records of the VPN that is appended, such as "on 7", with 1 host,

@@ -20,6 +20,7 @@
 #include "base/failure.h"
 #include "contract_test.h"
 #include "process_lab.h"
+#include "services/launch_mark.h"
 #include "unique_fd.h"
 #include "vqProcess.h"
 
@@ -31,6 +32,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
+using testing::SizeIs;
 
 constexpr const char *kOutput = "/etc/kavel/dnsmasq/output";
 
@@ -43,9 +45,10 @@ std::int32_t Execute(std::string command)
 // that redirects its streams: the constructor waits for the exec.
 class Background {
   public:
-    explicit Background(World &world)
+    // `before` is a command line in front of the one in the background.
+    explicit Background(World &world, const std::string &before = "")
     {
-        EXPECT_EQ(Execute(std::string("sleep infinity & echo $! > ") + kOutput), 0);
+        EXPECT_EQ(Execute(before + "sleep infinity & echo $! > " + kOutput), 0);
         pid_ = std::stoi(world.ReadFile(kOutput).value_or("0"));
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         while (world.ReadFile(Proc("comm")) != "sleep\n" && std::chrono::steady_clock::now() < deadline) {
@@ -55,7 +58,9 @@ class Background {
     }
     Background(const Background &) = delete;
     Background &operator=(const Background &) = delete;
-    ~Background()
+    ~Background() { End(); }
+
+    void End() const
     {
         if (pid_ > 1) {
             ::kill(pid_, SIGKILL);
@@ -139,6 +144,27 @@ TEST_F(Commands, CommandInheritsNoDescriptorsAndStreams)
     ASSERT_TRUE(high);
     const Background sleeper(world());
     EXPECT_THAT(sleeper.Descriptors(), ElementsAre("0 /dev/null", "1 /dev/null", "2 /dev/null"));
+}
+
+// Whoever starts the agent again must be able to tell that the launch is under way.
+TEST_F(Commands, LaunchOfAnInstanceHoldsItsMark)
+{
+    const std::string mark = "/run/kavel/vpn_7.launch";
+    std::filesystem::create_directories("/run/kavel");
+    std::filesystem::remove(mark);
+    const Background other(world());
+    EXPECT_FALSE(std::filesystem::exists(mark)) << "it is no launch";
+    const Background launch(world(), ": dnsmasq --pid-file=/var/run/kvl_dns_vpn_7.pid ; ");
+    EXPECT_THAT(launch.Descriptors(), Contains("3 " + mark));
+    EXPECT_THAT(launch.Descriptors(), SizeIs(4)) << "the streams and the mark";
+    EXPECT_TRUE(agent::IsLaunchMarkHeld(mark));
+    launch.End();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (agent::IsLaunchMarkHeld(mark) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_FALSE(agent::IsLaunchMarkHeld(mark));
+    EXPECT_TRUE(std::filesystem::remove(mark)) << "it stays";
 }
 
 TEST_F(Commands, OutputOfCommandsIsNotLogged)

@@ -14,18 +14,20 @@
 #include <sys/socket.h>
 #include <vector>
 
+#include "base/child_reaper.h"
 #include "base/log.h"
 #include "control.pb-c.h"
 #include "cpe_model.h"
 #include "domain_matcher.h"
 #include "frame.h"
 #include "fuzz.h"
+#include "instances/controller_message.h"
 #include "instances/pending_launches.h"
 #include "services/host.h"
 #include "socket/answer.h"
 #include "socket/connection.h"
-#include "socket/controller_message.h"
 #include "socket/requests.h"
+#include "supervision/supervisor.h"
 
 namespace {
 
@@ -117,6 +119,7 @@ class Agent {
             return !Unpacked || !IsServed(Unpacked->vpn);
         }
         case KAVEL__REQUEST__VERB__STATUS:
+        case KAVEL__REQUEST__VERB__REPAIR:
             return Request.has_vpn != 0 && !IsServed(Request.vpn);
         case KAVEL__REQUEST__VERB__VPN_INIT:
         case KAVEL__REQUEST__VERB__VPN_RELEASE:
@@ -135,7 +138,9 @@ class Agent {
     kavel::agent::EventLoop m_Loop;
     kavel::agent::Instances m_Instances;
     kavel::agent::PendingLaunches m_Launches{m_Loop, m_Instances, m_Host.launchOutputs};
-    kavel::agent::Requests m_Requests{m_Loop, m_Host, m_Instances, m_Module.Functions(), m_Launches};
+    kavel::agent::ChildReaper m_Reaper{m_Loop};
+    kavel::agent::Supervisor m_Supervisor{m_Loop, m_Host, m_Instances, m_Module.Functions(), m_Launches, m_Reaper};
+    kavel::agent::Requests m_Requests{m_Loop, m_Host, m_Instances, m_Module.Functions(), m_Launches, m_Supervisor};
 };
 
 // The module takes a name as it comes; what would end its line or is no part of a name is kept from it.

@@ -22,6 +22,7 @@ namespace kavel::agent {
 namespace {
 
 constexpr std::size_t kNamespaceNameMax = 255;
+constexpr std::uint32_t kWatchSecondsMax = 86400;
 constexpr std::size_t kSocketPathMax = sizeof(sockaddr_un::sun_path) - 1;
 
 // The name becomes part of a file name and of a packet filter's rule.
@@ -165,6 +166,25 @@ void RefuseDuplicates(const std::vector<Vpn> &vpns)
     }
 }
 
+std::uint32_t ReadSeconds(In value)
+{
+    const std::uint32_t seconds = value.Number(1);
+    if (seconds > kWatchSecondsMax) {
+        value.Refuse(value.Shown() + " is more than " + std::to_string(kWatchSecondsMax) + " seconds");
+    }
+    return seconds;
+}
+
+constexpr std::array kWatchMembers = {
+    JsonMember<Watch>{"repair", kOptional, [](In value, Watch &watch) { watch.repair = value.Bool(); }},
+    JsonMember<Watch>{"udpSeconds", kOptional, [](In value, Watch &watch) { watch.udpSeconds = ReadSeconds(value); }},
+    JsonMember<Watch>{"tcpSeconds", kOptional, [](In value, Watch &watch) { watch.tcpSeconds = ReadSeconds(value); }},
+    JsonMember<Watch>{"upstreamSeconds", kOptional,
+                      [](In value, Watch &watch) { watch.upstreamSeconds = ReadSeconds(value); }},
+    JsonMember<Watch>{"lookSeconds", kOptional, [](In value, Watch &watch) { watch.lookSeconds = ReadSeconds(value); }},
+    JsonMember<Watch>{"memoryMiB", kOptional, [](In value, Watch &watch) { watch.memoryMiB = value.Number(64); }},
+};
+
 constexpr std::array kConfigMembers = {
     JsonMember<Config>{"platform", kRequired, [](In value, Config &config) { config.platform = ReadPlatform(value); }},
     JsonMember<Config>{"customer", kOptional, [](In value, Config &config) { config.customer = value.Number(); }},
@@ -178,6 +198,8 @@ constexpr std::array kConfigMembers = {
                        [](In value, Config &config) { config.wan = ReadList(value, InterfacePattern); }},
     JsonMember<Config>{"c2p", kOptional,
                        [](In value, Config &config) { config.c2p = ReadList(value, InterfacePattern); }},
+    JsonMember<Config>{"watch", kOptional,
+                       [](In value, Config &config) { ReadMembers(value, kWatchMembers, config.watch); }},
     JsonMember<Config>{"vpns", kOptional, [](In value, Config &config) { config.vpns = ReadList(value, ReadVpn); }},
 };
 
@@ -187,6 +209,20 @@ const Vpn *Config::Find(std::uint32_t id) const
 {
     const auto found = std::ranges::lower_bound(vpns, id, {}, &Vpn::id);
     return found != vpns.end() && found->id == id ? &*found : nullptr;
+}
+
+std::optional<std::string> Config::FixedKeyThatDiffers(const Config &other) const
+{
+    if (platform != other.platform) {
+        return "platform";
+    }
+    if (persistence != other.persistence) {
+        return "persistence";
+    }
+    if (store != other.store) {
+        return "store";
+    }
+    return socket != other.socket ? std::optional<std::string>("socket") : std::nullopt;
 }
 
 Config ParseConfig(const std::string &text)

@@ -25,6 +25,7 @@ enum class Platform { kCpe, kPop };
 struct Wan {
     std::string name;
     bool sysRoute = false;
+    bool operator==(const Wan &) const = default;
 };
 
 struct Vpn {
@@ -34,6 +35,22 @@ struct Vpn {
     std::vector<std::string> lan;
     std::vector<Wan> wan;
     std::string path; // in the configuration file, for messages: "vpns[1]"
+
+    // Whether rules and routes are the same for both.
+    [[nodiscard]] bool HasSameInterfaces(const Vpn &other) const
+    {
+        return customer == other.customer && netns == other.netns && lan == other.lan && wan == other.wan;
+    }
+};
+
+// How instances are watched. Times are in seconds.
+struct Watch {
+    bool repair = true;                 // restart what has ended, and repair what differs from what is in force
+    std::uint32_t udpSeconds = 10;      // between two queries over UDP to an instance
+    std::uint32_t tcpSeconds = 60;      // the same over TCP
+    std::uint32_t upstreamSeconds = 60; // between two queries to its upstream servers
+    std::uint32_t lookSeconds = 30;     // between two looks for what no event tells
+    std::uint32_t memoryMiB = 512;      // resident memory with which the agent exits, to be started again
 };
 
 struct Config {
@@ -46,10 +63,14 @@ struct Config {
     std::vector<std::string> lan; // the box's own LAN interfaces: names, or prefixes that end in '*'
     std::vector<std::string> wan; // the box's own WAN interfaces: names or prefixes as well
     std::vector<std::string> c2p; // the interfaces of connections from CPEs to this POP: names or prefixes as well
-    std::vector<Vpn> vpns;        // by rising id; the box itself, VPN 0, is not among them
+    Watch watch;
+    std::vector<Vpn> vpns; // by rising id; the box itself, VPN 0, is not among them
 
     // Null when the VPN is not configured.
     [[nodiscard]] const Vpn *Find(std::uint32_t id) const;
+    // The key of this configuration that differs and that cannot be changed while the agent runs; nothing when there is
+    // none.
+    [[nodiscard]] std::optional<std::string> FixedKeyThatDiffers(const Config &other) const;
     // Whether `id` is the box itself or a configured VPN.
     [[nodiscard]] bool Serves(std::uint32_t id) const { return id == 0 || Find(id) != nullptr; }
 };

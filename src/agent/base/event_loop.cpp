@@ -182,6 +182,11 @@ void EventLoop::RunOnce()
     }
 }
 
+void EventLoop::SendWatchdog()
+{
+    (void)sd_event_set_watchdog(event_.get(), 1);
+}
+
 void EventLoop::Run()
 {
     (void)RunUntil([] { return false; });

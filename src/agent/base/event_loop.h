@@ -69,6 +69,9 @@ class EventLoop {
     // Runs `handler` once in a later iteration, each time that it is enabled. It is disabled now.
     [[nodiscard]] EventSource AddDeferred(std::function<void()> handler);
 
+    // Tells the service manager that the loop runs, as often as it wants to know. Nothing without such a manager.
+    void SendWatchdog();
+
     // Dispatches until Exit() is called.
     void Run();
     // Dispatches until `isDone` is true, which is checked after each iteration. False when Exit() came first.

@@ -54,7 +54,7 @@ class TemporaryFile {
         }
     }
 
-    void Write(std::string_view content) const
+    void Write(std::string_view content, mode_t mode) const
     {
         while (!content.empty()) {
             const ssize_t written = ::write(fd_.Get(), content.data(), content.size());
@@ -64,7 +64,7 @@ class TemporaryFile {
                 ThrowLastErrno(path_);
             }
         }
-        if (::fchmod(fd_.Get(), kFileMode) != 0 || ::fsync(fd_.Get()) != 0) {
+        if (::fchmod(fd_.Get(), mode) != 0 || ::fsync(fd_.Get()) != 0) {
             ThrowLastErrno(path_);
         }
     }
@@ -111,11 +111,11 @@ void SyncDirectory(const std::string &path)
     }
 }
 
-void ReplaceFile(const std::string &path, std::string_view content)
+void ReplaceFile(const std::string &path, std::string_view content, mode_t mode)
 {
     const PathParts parts = Split(path);
     TemporaryFile file(parts);
-    file.Write(content);
+    file.Write(content, mode);
     file.MoveTo(path);
     SyncDirectory(parts.directory);
 }

@@ -22,8 +22,8 @@ struct FileIdentity {
 // Writes the directory's entries to the disk.
 void SyncDirectory(const std::string &path);
 
-// Replaces the file at `path`, mode 0644. After a crash the path holds the old bytes or the new ones.
-void ReplaceFile(const std::string &path, std::string_view content);
+// Replaces the file at `path`. After a crash the path holds the old bytes or the new ones.
+void ReplaceFile(const std::string &path, std::string_view content, mode_t mode = 0644);
 
 // Creates an empty file, mode 0644, unless one exists.
 void CreateFile(const std::string &path);

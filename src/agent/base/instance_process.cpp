@@ -16,6 +16,7 @@ namespace {
 constexpr std::string_view kProgram = "dnsmasq";
 constexpr std::string_view kStem = "kvl_dns_vpn_";
 constexpr std::string_view kEnding = ".pid";
+constexpr std::string_view kStateStem = "vpn_";
 constexpr std::string_view kOption = "--pid-file=";
 
 // The option up to the VPN's number.
@@ -63,6 +64,21 @@ std::string PidFilePath(std::uint32_t vpnId)
     return std::string(kPidDirectory).append("/").append(kStem).append(std::to_string(vpnId)).append(kEnding);
 }
 
+std::string StateFileName(std::uint32_t vpnId, std::string_view kind)
+{
+    return std::string(kStateStem).append(std::to_string(vpnId)).append(".").append(kind);
+}
+
+std::optional<std::uint32_t> VpnOfStateFile(std::string_view name, std::string_view kind)
+{
+    if (!name.starts_with(kStateStem) || !name.ends_with(kind)) {
+        return std::nullopt;
+    }
+    name.remove_prefix(kStateStem.size());
+    const auto vpnId = WholeNumber<std::uint32_t>(name.substr(0, name.find('.')));
+    return vpnId && kStateStem.size() + name.size() == StateFileName(*vpnId, kind).size() ? vpnId : std::nullopt;
+}
+
 std::optional<std::uint32_t> VpnOfPidFile(std::string_view name)
 {
     if (!name.starts_with(kStem) || !name.ends_with(kEnding)) {
@@ -71,21 +87,6 @@ std::optional<std::uint32_t> VpnOfPidFile(std::string_view name)
     name.remove_prefix(kStem.size());
     name.remove_suffix(kEnding.size());
     return WholeNumber<std::uint32_t>(name);
-}
-
-std::optional<std::uint32_t> VpnOfInstanceFile(std::string_view path)
-{
-    constexpr std::string_view kBox = "/etc/kavel/dnsmasq/";
-    constexpr std::string_view kVpn = "vpn_";
-    if (!path.starts_with(kBox)) {
-        return std::nullopt;
-    }
-    path.remove_prefix(kBox.size());
-    if (!path.starts_with(kVpn)) {
-        return 0;
-    }
-    path.remove_prefix(kVpn.size());
-    return WholeNumber<std::uint32_t>(path.substr(0, path.find('/')));
 }
 
 // The shell has the whole command in one argument, so program and option are searched for anywhere in the text.

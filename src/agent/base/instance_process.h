@@ -21,12 +21,14 @@ namespace kavel::agent {
 inline constexpr const char *kPidDirectory = "/var/run";
 [[nodiscard]] std::string PidFilePath(std::uint32_t vpnId);
 
+// The directory of what the agent keeps about instances as long as they live, and a VPN's file in it: "vpn_7.launch".
+inline constexpr const char *kStateDirectory = "/run/kavel";
+[[nodiscard]] std::string StateFileName(std::uint32_t vpnId, std::string_view kind);
+// The VPN whose state file of this kind is called `name`; nothing for other names.
+[[nodiscard]] std::optional<std::uint32_t> VpnOfStateFile(std::string_view name, std::string_view kind);
+
 // The VPN whose pid file is called `name`; nothing when the name is not one of a pid file.
 [[nodiscard]] std::optional<std::uint32_t> VpnOfPidFile(std::string_view name);
-
-// The VPN whose instance directory, or a file below it, has the absolute path; 0 for the box-wide directory. Nothing
-// for other paths.
-[[nodiscard]] std::optional<std::uint32_t> VpnOfInstanceFile(std::string_view path);
 
 // The VPN whose pid file option is in the command line; nothing when none is.
 [[nodiscard]] std::optional<std::uint32_t> VpnOfCommandLine(std::string_view commandLine);

@@ -1,18 +1,18 @@
 #include "base/netlink.h"
 
-#include <fcntl.h>
 #include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 
 #include <linux/netlink.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <limits>
 #include <utility>
 
 #include "base/failure.h"
+#include "base/high_fd.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {
@@ -24,17 +24,8 @@ constexpr std::size_t kReceiveSize = 32768;
 // holds this many errors.
 constexpr std::size_t kMessagesPerSend = 64;
 
-// Low descriptors are scarce: libnftables uses select(), which cannot use descriptors from FD_SETSIZE on. There is one
-// route socket per VPN, so they are moved above that limit, unless the process may not have that many descriptors.
-UniqueFd OpenSocket()
-{
-    UniqueFd socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    if (!socket) {
-        ThrowLastErrno("netlink");
-    }
-    UniqueFd high(::fcntl(socket.Get(), F_DUPFD_CLOEXEC, FD_SETSIZE));
-    return high ? std::move(high) : std::move(socket);
-}
+// An answer of the kernel. Thousands of sockets share the stack.
+using ReceiveBuffer = std::array<char, kReceiveSize>;
 
 void SetOption(mnl_socket *socket, int option)
 {
@@ -61,9 +52,18 @@ nlmsghdr &NetlinkBatch::Append(const nlmsghdr &message)
     return *reinterpret_cast<nlmsghdr *>(piece.data() + start);
 }
 
-NetlinkSocket::NetlinkSocket() : received_(kReceiveSize)
+UniqueFd OpenNetlink(int protocol)
 {
-    UniqueFd handle = OpenSocket();
+    UniqueFd socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol));
+    if (!socket) {
+        ThrowLastErrno("netlink");
+    }
+    return MoveHigh(std::move(socket));
+}
+
+NetlinkSocket::NetlinkSocket()
+{
+    UniqueFd handle = OpenNetlink(NETLINK_ROUTE);
     socket_.reset(mnl_socket_fdopen(handle.Get()));
     if (socket_) {
         (void)handle.Release();
@@ -120,9 +120,10 @@ void NetlinkSocket::Dump(NetlinkMessage &message, const std::function<void(const
     header->nlmsg_seq = ++sequence_;
     Send(header, header->nlmsg_len);
 
+    alignas(nlmsghdr) ReceiveBuffer buffer; // NOLINT(cppcoreguidelines-pro-type-member-init): the kernel fills it
     for (;;) {
-        int left = static_cast<int>(Receive());
-        for (auto *at = reinterpret_cast<nlmsghdr *>(received_.data()); mnl_nlmsg_ok(at, left);
+        int left = static_cast<int>(Receive(buffer));
+        for (auto *at = reinterpret_cast<nlmsghdr *>(buffer.data()); mnl_nlmsg_ok(at, left);
              at = mnl_nlmsg_next(at, &left)) {
             if (at->nlmsg_seq != sequence_) {
                 continue;
@@ -169,10 +170,11 @@ void NetlinkSocket::Send(const void *bytes, std::size_t size)
 
 int NetlinkSocket::FirstError(std::uint32_t first, std::uint32_t last, int ignored)
 {
+    alignas(nlmsghdr) ReceiveBuffer buffer; // NOLINT(cppcoreguidelines-pro-type-member-init): the kernel fills it
     int firstError = 0;
     for (;;) {
-        int left = static_cast<int>(Receive());
-        for (auto *at = reinterpret_cast<nlmsghdr *>(received_.data()); mnl_nlmsg_ok(at, left);
+        int left = static_cast<int>(Receive(buffer));
+        for (auto *at = reinterpret_cast<nlmsghdr *>(buffer.data()); mnl_nlmsg_ok(at, left);
              at = mnl_nlmsg_next(at, &left)) {
             if (at->nlmsg_type != NLMSG_ERROR || at->nlmsg_seq - first > last - first) {
                 continue;
@@ -188,10 +190,10 @@ int NetlinkSocket::FirstError(std::uint32_t first, std::uint32_t last, int ignor
     }
 }
 
-std::size_t NetlinkSocket::Receive()
+std::size_t NetlinkSocket::Receive(std::span<char> buffer)
 {
     for (;;) {
-        const ssize_t size = mnl_socket_recvfrom(socket_.get(), received_.data(), received_.size());
+        const ssize_t size = mnl_socket_recvfrom(socket_.get(), buffer.data(), buffer.size());
         if (size >= 0) {
             return static_cast<std::size_t>(size);
         }

@@ -10,11 +10,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "base/per_namespace.h"
+#include "unique_fd.h"
 
 namespace kavel::agent {
 
@@ -59,6 +61,10 @@ class NetlinkBatch {
     std::size_t inLast_ = 0;
 };
 
+// A netlink socket of the calling thread's namespace, with a descriptor that select() cannot use: there are several per
+// VPN, and low descriptors are scarce. Throws std::system_error.
+[[nodiscard]] UniqueFd OpenNetlink(int protocol);
+
 // The kernel refused a request. The socket that carried it stays usable.
 class KernelRefusal : public std::system_error {
   public:
@@ -102,7 +108,7 @@ class NetlinkSocket {
     void Send(const void *bytes, std::size_t size);
     // Reads until `last` is acknowledged. The first error that is not `ignored`, as a positive errno; 0 for none.
     [[nodiscard]] int FirstError(std::uint32_t first, std::uint32_t last, int ignored);
-    std::size_t Receive();
+    [[nodiscard]] std::size_t Receive(std::span<char> buffer);
 
     std::unique_ptr<mnl_socket, Close> socket_;
     std::uint32_t sequence_ = 0;
@@ -111,7 +117,6 @@ class NetlinkSocket {
         std::string name;
         int index = 0; // 0: none is cached
     } lastInterface_;  // thousands of routes in a row use the same one
-    std::vector<char> received_;
 };
 
 // The argument of an interface ioctl.

@@ -18,7 +18,7 @@ namespace {
 // A context caches the tables that it has seen, which takes half a megabyte: 650 MB for a thousand VPNs. A small number
 // also means that a context is closed long after its last transaction. Closed right after it, its socket would wait
 // until the kernel has freed what the transaction replaced.
-constexpr std::size_t kContextsMax = 16;
+constexpr std::size_t kContextsMax = 8;
 
 // libnftables ends the whole process when it gets no socket, or one with a descriptor that select() cannot use. It will
 // get the descriptor that is free now.

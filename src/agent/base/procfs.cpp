@@ -112,6 +112,11 @@ Process InspectProcess(pid_t pid)
     return process;
 }
 
+std::uint64_t OwnMemory()
+{
+    return ResidentBytes("/proc/self");
+}
+
 std::string ReadCommandLine(pid_t pid)
 {
     return ReadAll("/proc/" + std::to_string(pid) + "/cmdline");

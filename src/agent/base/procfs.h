@@ -26,6 +26,9 @@ struct Process {
 // The process with this pid; one that is not alive when there is none.
 [[nodiscard]] Process InspectProcess(pid_t pid);
 
+// Resident memory of this process, in bytes; 0 when it cannot be read.
+[[nodiscard]] std::uint64_t OwnMemory();
+
 // The arguments as the kernel keeps them, each with its terminator. Empty for a zombie.
 [[nodiscard]] std::string ReadCommandLine(pid_t pid);
 

@@ -1,14 +1,13 @@
 #include "instances/dns_probe.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <array>
 #include <cerrno>
-#include <cstddef>
 #include <random>
+#include <span>
 #include <system_error>
 #include <utility>
 
@@ -20,32 +19,52 @@ namespace {
 
 constexpr std::uint16_t kDnsPort = 53;
 constexpr std::size_t kHeaderSize = 12;
+constexpr std::size_t kLengthSize = 2; // over TCP, in front of a message
 constexpr std::uint8_t kResponseFlag = 0x80;
 
-// CHAOS TXT cachesize.bind: dnsmasq answers it itself and never forwards it. The id is in the first two bytes.
-constexpr std::array<std::uint8_t, 32> kQuery{0,   0,   0,   0,   0,   1,   0, 0,   0,   0,   0,   0, 9, 'c', 'a', 'c',
-                                              'h', 'e', 's', 'i', 'z', 'e', 4, 'b', 'i', 'n', 'd', 0, 0, 16,  0,   3};
+// CHAOS TXT cachesize.bind: dnsmasq answers it itself and never forwards it.
+constexpr std::array<std::uint8_t, 20> kCacheSize{9, 'c', 'a', 'c', 'h', 'e', 's', 'i', 'z', 'e',
+                                                  4, 'b', 'i', 'n', 'd', 0,   0,   16,  0,   3};
+// IN NS of the root: every resolver answers it, if only with a refusal.
+constexpr std::array<std::uint8_t, 5> kRootServers{0, 0, 2, 0, 1};
 
-std::array<std::uint8_t, kQuery.size()> QueryWithId(std::uint16_t id)
+std::vector<std::uint8_t> QueryFor(const DnsTarget &target, std::uint16_t id)
 {
-    auto query = kQuery;
-    query[0] = static_cast<std::uint8_t>(id >> 8U);
-    query[1] = static_cast<std::uint8_t>(id);
+    // One question, recursion desired of a resolver.
+    const std::uint8_t flags = target.isInstance ? 0 : 1;
+    const auto high = static_cast<std::uint8_t>(id >> 8U);
+    const auto low = static_cast<std::uint8_t>(id);
+    std::vector<std::uint8_t> query{high, low, flags, 0, 0, 1, 0, 0, 0, 0, 0, 0};
+    const auto question = target.isInstance ? std::span<const std::uint8_t>(kCacheSize) : std::span(kRootServers);
+    query.insert(query.end(), question.begin(), question.end());
+    if (target.overTcp) {
+        const std::size_t length = query.size();
+        query.insert(query.begin(), {static_cast<std::uint8_t>(length >> 8U), static_cast<std::uint8_t>(length)});
+    }
     return query;
 }
 
-// Connected, so that a closed port is reported at once.
-UniqueFd SendQuery(const Namespaces &namespaces, std::uint32_t vpnId, std::uint16_t queryId)
+bool IsAnswer(std::span<const std::uint8_t> message, std::uint16_t id)
 {
-    const NamespaceSwitch inside(namespaces, vpnId);
-    UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return message.size() >= kHeaderSize && message[0] == id >> 8U && message[1] == (id & 0xFFU) &&
+           (message[2] & kResponseFlag) != 0;
+}
+
+// Connected, so that a closed port is reported at once.
+UniqueFd Connect(const Namespaces &namespaces, const DnsTarget &target)
+{
+    const NamespaceSwitch inside(namespaces, target.vpnId);
+    const int kind = target.overTcp ? SOCK_STREAM : SOCK_DGRAM;
+    UniqueFd socket(::socket(AF_INET, kind | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_in server{};
     server.sin_family = AF_INET;
     server.sin_port = htons(kDnsPort);
-    server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const auto query = QueryWithId(queryId);
-    if (!socket || ::connect(socket.Get(), reinterpret_cast<const sockaddr *>(&server), sizeof server) != 0 ||
-        ::send(socket.Get(), query.data(), query.size(), 0) < 0) {
+    server.sin_addr.s_addr = htonl(target.address);
+    const bool isBound = socket && (target.interface.empty() ||
+                                    ::setsockopt(socket.Get(), SOL_SOCKET, SO_BINDTODEVICE, target.interface.c_str(),
+                                                 static_cast<socklen_t>(target.interface.size())) == 0);
+    if (!isBound || (::connect(socket.Get(), reinterpret_cast<const sockaddr *>(&server), sizeof server) != 0 &&
+                     errno != EINPROGRESS)) {
         ThrowLastErrno("DNS query");
     }
     return socket;
@@ -53,60 +72,113 @@ UniqueFd SendQuery(const Namespaces &namespaces, std::uint32_t vpnId, std::uint1
 
 enum class Verdict { kAnswered, kRefused, kPending };
 
+Verdict VerdictOfError()
+{
+    return errno == EAGAIN || errno == EINTR ? Verdict::kPending : Verdict::kRefused;
+}
+
 // Reads every packet that has come: a stray one may precede the answer.
 Verdict ReadPackets(const UniqueFd &socket, std::uint16_t queryId)
 {
     for (;;) {
-        std::array<std::uint8_t, 512> answer{};
-        const ssize_t size = ::recv(socket.Get(), answer.data(), answer.size(), 0);
+        std::array<std::uint8_t, 512> packet{};
+        const ssize_t size = ::recv(socket.Get(), packet.data(), packet.size(), 0);
         if (size < 0) {
-            return errno == EAGAIN || errno == EINTR ? Verdict::kPending : Verdict::kRefused;
+            return VerdictOfError();
         }
-        const bool isOurs = static_cast<std::size_t>(size) >= kHeaderSize && answer[0] == queryId >> 8U &&
-                            answer[1] == (queryId & 0xFFU) && (answer[2] & kResponseFlag) != 0;
-        if (isOurs) {
+        if (IsAnswer({packet.data(), static_cast<std::size_t>(size)}, queryId)) {
             return Verdict::kAnswered;
         }
     }
 }
 
+// The header of the one answer is enough.
+Verdict ReadStream(const UniqueFd &socket, std::uint16_t queryId, std::vector<std::uint8_t> &received)
+{
+    std::array<std::uint8_t, 512> bytes{};
+    const ssize_t size = ::recv(socket.Get(), bytes.data(), bytes.size(), 0);
+    if (size < 0) {
+        return VerdictOfError();
+    }
+    received.insert(received.end(), bytes.begin(), bytes.begin() + size);
+    if (received.size() >= kLengthSize + kHeaderSize) {
+        return IsAnswer(std::span(received).subspan(kLengthSize), queryId) ? Verdict::kAnswered : Verdict::kRefused;
+    }
+    return size == 0 ? Verdict::kRefused : Verdict::kPending;
+}
+
 } // namespace
 
-DnsProbe::DnsProbe(EventLoop &loop, const Namespaces &namespaces, const std::vector<std::uint32_t> &vpnIds,
+std::vector<DnsTarget> DnsTarget::Instances(const std::vector<std::uint32_t> &vpnIds, bool overTcp)
+{
+    std::vector<DnsTarget> targets;
+    targets.reserve(vpnIds.size());
+    for (const std::uint32_t vpnId : vpnIds) {
+        targets.push_back({.vpnId = vpnId, .overTcp = overTcp, .interface = {}});
+    }
+    return targets;
+}
+
+DnsProbe::DnsProbe(EventLoop &loop, const Namespaces &namespaces, const std::vector<DnsTarget> &targets,
                    std::chrono::milliseconds timeout, OnEnd onEnd)
-    : onEnd_(std::move(onEnd)), timer_(loop.AddTimer([this] { onEnd_(answering_); }))
+    : questions_(targets.size()), onEnd_(std::move(onEnd)), timer_(loop.AddTimer([this] {
+          const OnEnd report = std::move(onEnd_);
+          const std::set<std::size_t> answering = std::move(answering_);
+          report(answering);
+      }))
 {
     std::random_device random;
-    for (const std::uint32_t vpnId : vpnIds) {
+    for (std::size_t position = 0; position < targets.size(); ++position) {
+        questions_[position].target = targets[position];
+        questions_[position].queryId = static_cast<std::uint16_t>(random());
         try {
-            Ask(loop, namespaces, vpnId, static_cast<std::uint16_t>(random()));
+            Ask(loop, namespaces, position);
         } catch (const std::system_error &failure) {
-            Log(LogLevel::kDebug, "vpn %u: cannot ask its instance: %s", vpnId, failure.what());
+            Log(LogLevel::kDebug, "vpn %u: a DNS server cannot be asked: %s", targets[position].vpnId, failure.what());
         }
     }
-    timer_.ArmTimer(EventLoop::Clock::now() + (pending_.empty() ? std::chrono::milliseconds(0) : timeout));
+    timer_.ArmTimer(EventLoop::Clock::now() + (pending_ == 0 ? std::chrono::milliseconds(0) : timeout));
 }
 
-void DnsProbe::Ask(EventLoop &loop, const Namespaces &namespaces, std::uint32_t vpnId, std::uint16_t queryId)
+void DnsProbe::Ask(EventLoop &loop, const Namespaces &namespaces, std::size_t position)
 {
-    UniqueFd socket = SendQuery(namespaces, vpnId, queryId);
-    const int fd = socket.Get();
-    EventSource source = loop.AddIo(fd, EPOLLIN, [this, vpnId](std::uint32_t /*events*/) { ReadAnswer(vpnId); });
-    pending_.insert_or_assign(vpnId, Question{queryId, std::move(socket), std::move(source)});
+    Question &question = questions_[position];
+    question.socket = Connect(namespaces, question.target);
+    question.source =
+        loop.AddIo(question.socket.Get(), EPOLLOUT, [this, position](std::uint32_t /*events*/) { Advance(position); });
+    ++pending_;
+    if (!question.target.overTcp) {
+        Advance(position);
+    }
 }
 
-void DnsProbe::ReadAnswer(std::uint32_t vpnId)
+// Sends the question once the socket can, and then reads.
+void DnsProbe::Advance(std::size_t position)
 {
-    const auto question = pending_.find(vpnId);
-    const Verdict verdict = ReadPackets(question->second.socket, question->second.queryId);
-    if (verdict == Verdict::kPending) {
-        return;
+    Question &question = questions_[position];
+    Verdict verdict = Verdict::kPending;
+    if (!question.isSent) {
+        const auto query = QueryFor(question.target, question.queryId);
+        question.isSent = ::send(question.socket.Get(), query.data(), query.size(), MSG_NOSIGNAL) >= 0;
+        verdict = question.isSent ? Verdict::kPending : VerdictOfError();
+        question.source.SetIoEvents(question.isSent ? EPOLLIN : EPOLLOUT);
+    } else {
+        verdict = question.target.overTcp ? ReadStream(question.socket, question.queryId, question.received)
+                                          : ReadPackets(question.socket, question.queryId);
     }
-    if (verdict == Verdict::kAnswered) {
-        answering_.insert(vpnId);
+    if (verdict != Verdict::kPending) {
+        EndQuestion(position, verdict == Verdict::kAnswered);
     }
-    pending_.erase(question);
-    if (pending_.empty()) {
+}
+
+void DnsProbe::EndQuestion(std::size_t position, bool hasAnswered)
+{
+    if (hasAnswered) {
+        answering_.insert(position);
+    }
+    questions_[position].source = EventSource();
+    questions_[position].socket = UniqueFd();
+    if (--pending_ == 0) {
         timer_.ArmTimer(EventLoop::Clock::now());
     }
 }

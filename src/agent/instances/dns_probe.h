@@ -1,12 +1,15 @@
-// Asks instances over UDP whether they answer.
+// Asks DNS servers whether they answer: instances, and the upstream servers of instances.
 #ifndef KAVEL_AGENT_DNS_PROBE_H
 #define KAVEL_AGENT_DNS_PROBE_H
 
+#include <netinet/in.h>
+
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "base/event_loop.h"
@@ -15,31 +18,48 @@
 
 namespace kavel::agent {
 
-// One question to several instances at once. Destroying it cancels it.
+// A server that is asked from inside the namespace of a VPN.
+struct DnsTarget {
+    std::uint32_t vpnId = 0;
+    bool overTcp = false;
+    std::uint32_t address = INADDR_LOOPBACK; // IPv4, in the host's byte order
+    std::string interface;                   // the question leaves through this one; empty: through any
+    bool isInstance = true;                  // it is asked what dnsmasq knows by itself and never forwards
+
+    [[nodiscard]] static std::vector<DnsTarget> Instances(const std::vector<std::uint32_t> &vpnIds,
+                                                          bool overTcp = false);
+};
+
+// One question to several servers at once. Destroying it cancels it.
 class DnsProbe {
   public:
-    // The VPNs in whose namespace 127.0.0.1 has answered.
-    using OnEnd = std::function<void(const std::set<std::uint32_t> &answering)>;
+    // The targets that have answered, by their position.
+    using OnEnd = std::function<void(const std::set<std::size_t> &answering)>;
 
-    // Asks the instances of `vpnIds`. The loop calls `onEnd` once: when every instance has answered or has refused, and
-    // at the latest after `timeout`. `loop` must outlive this object; `namespaces` is used by the constructor only.
-    // Throws std::system_error.
-    DnsProbe(EventLoop &loop, const Namespaces &namespaces, const std::vector<std::uint32_t> &vpnIds,
+    // The loop calls `onEnd` once, which may destroy this object: when every target has answered or has refused, and at
+    // the latest after `timeout`. `loop` must outlive this object; `namespaces` is used by the constructor only. Throws
+    // std::system_error.
+    DnsProbe(EventLoop &loop, const Namespaces &namespaces, const std::vector<DnsTarget> &targets,
              std::chrono::milliseconds timeout, OnEnd onEnd);
 
   private:
     // The source is destroyed before the socket that it watches.
     struct Question {
-        std::uint16_t queryId;
+        DnsTarget target;
+        std::uint16_t queryId = 0;
+        bool isSent = false;
+        std::vector<std::uint8_t> received; // over TCP
         UniqueFd socket;
         EventSource source;
     };
 
-    void Ask(EventLoop &loop, const Namespaces &namespaces, std::uint32_t vpnId, std::uint16_t queryId);
-    void ReadAnswer(std::uint32_t vpnId);
+    void Ask(EventLoop &loop, const Namespaces &namespaces, std::size_t position);
+    void Advance(std::size_t position);
+    void EndQuestion(std::size_t position, bool hasAnswered);
 
-    std::map<std::uint32_t, Question> pending_;
-    std::set<std::uint32_t> answering_;
+    std::vector<Question> questions_;
+    std::size_t pending_ = 0;
+    std::set<std::size_t> answering_;
     OnEnd onEnd_;
     EventSource timer_;
 };

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -21,8 +22,9 @@
 namespace kavel::agent {
 namespace {
 
+constexpr const char *kAgentDirectory = "/etc/kavel";
 constexpr const char *kBoxDirectory = "/etc/kavel/dnsmasq";
-constexpr const char *kStateDirectory = "/run/kavel"; // created with the agent's lock
+constexpr std::string_view kMeant = "meant";
 
 constexpr mode_t kWritableByOthers = S_IWGRP | S_IWOTH;
 
@@ -62,6 +64,14 @@ std::string Instances::Directory(std::uint32_t vpnId) const
     return vpnId == 0 ? box : box + "/vpn_" + std::to_string(vpnId);
 }
 
+std::vector<std::string> Instances::DirectoriesToFiles(std::uint32_t vpnId) const
+{
+    std::vector<std::string> directories{root_ + kAgentDirectory, Directory(0), Directory(vpnId),
+                                         Directory(vpnId) + "/dnsmasq.d"};
+    directories.erase(std::unique(directories.begin(), directories.end()), directories.end());
+    return directories;
+}
+
 void Instances::CreateBoxDirectory() const
 {
     const std::string box = Directory(0);
@@ -87,9 +97,32 @@ void Instances::RemoveLeftovers() const
     }
 }
 
-std::string Instances::MeantPath(std::uint32_t vpnId) const
+std::string Instances::StatePath(std::uint32_t vpnId, std::string_view kind) const
 {
-    return root_ + kStateDirectory + "/vpn_" + std::to_string(vpnId) + ".meant";
+    return root_ + kStateDirectory + "/" + StateFileName(vpnId, kind);
+}
+
+std::set<std::uint32_t> Instances::WithState(std::string_view kind) const
+{
+    std::set<std::uint32_t> found;
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator(root_ + kStateDirectory, ignored)) {
+        if (const auto vpnId = VpnOfStateFile(entry.path().filename().string(), kind)) {
+            found.insert(*vpnId);
+        }
+    }
+    return found;
+}
+
+std::vector<std::string> Instances::Files(std::uint32_t vpnId) const
+{
+    const std::string directory = Directory(vpnId);
+    std::vector<std::string> files;
+    for (const char *name : {"/hosts", "/resolv.conf", "/dnsmasq.conf", "/dnsmasq.d/Mxhost.conf",
+                             "/dnsmasq.d/ServerMap.conf", "/dnsmasq.d/DnsProxy.conf"}) {
+        files.push_back(directory + name);
+    }
+    return files;
 }
 
 PidFile Instances::ReadPidFile(std::uint32_t vpnId) const
@@ -128,14 +161,39 @@ PidFile Instances::TakePidFile(std::uint32_t vpnId) const
     return file;
 }
 
+void Instances::WritePidFile(std::uint32_t vpnId, pid_t pid) const
+{
+    ReplaceFile(root_ + PidFilePath(vpnId), std::to_string(pid) + "\n");
+}
+
+void Instances::RemovePidFile(std::uint32_t vpnId) const
+{
+    const std::string path = root_ + PidFilePath(vpnId);
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        ThrowLastErrno(path);
+    }
+}
+
+std::map<std::uint32_t, std::vector<pid_t>> Instances::ProcessesByVpn() const
+{
+    std::map<std::uint32_t, std::vector<pid_t>> found;
+    for (const pid_t pid : AllProcesses()) {
+        const auto vpnId = VpnOfCommandLine(ReadCommandLine(pid));
+        if (vpnId && VpnOfProcess(InspectProcess(pid), identity_) == vpnId) {
+            found[*vpnId].push_back(pid);
+        }
+    }
+    return found;
+}
+
 bool Instances::IsMeantToRun(std::uint32_t vpnId) const
 {
-    return ::access(MeantPath(vpnId).c_str(), F_OK) == 0;
+    return ::access(StatePath(vpnId, kMeant).c_str(), F_OK) == 0;
 }
 
 void Instances::SetMeantToRun(std::uint32_t vpnId, bool isMeant) const
 {
-    const std::string path = MeantPath(vpnId);
+    const std::string path = StatePath(vpnId, kMeant);
     try {
         if (isMeant) {
             CreateFile(path);

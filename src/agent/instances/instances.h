@@ -5,9 +5,12 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "base/instance_process.h"
 
@@ -33,6 +36,18 @@ class Instances {
     // The directory of the instance's files; the box-wide directory for VPN 0. Without a slash at the end.
     [[nodiscard]] std::string Directory(std::uint32_t vpnId) const;
 
+    // The path of what the agent keeps about the VPN's instance as long as it lives.
+    [[nodiscard]] std::string StatePath(std::uint32_t vpnId, std::string_view kind) const;
+    // The VPNs that have such a file.
+    [[nodiscard]] std::set<std::uint32_t> WithState(std::string_view kind) const;
+
+    // The files that an instance reads, and that a message writes; absolute.
+    [[nodiscard]] std::vector<std::string> Files(std::uint32_t vpnId) const;
+
+    // The directories that lead to them, from the outermost one that is the agent's: dnsmasq reads the files as an
+    // unprivileged user, who must be able to search them.
+    [[nodiscard]] std::vector<std::string> DirectoriesToFiles(std::uint32_t vpnId) const;
+
     // Creates what is missing of the box-wide directory, which the module expects to exist. Throws std::system_error.
     void CreateBoxDirectory() const;
 
@@ -53,6 +68,14 @@ class Instances {
     // std::system_error.
     [[nodiscard]] PidFile TakePidFile(std::uint32_t vpnId) const;
 
+    // Makes the pid file name this process, which is the VPN's instance. Throws std::system_error.
+    void WritePidFile(std::uint32_t vpnId, pid_t pid) const;
+    // Removes the pid file. One that does not exist is no failure. Throws std::system_error.
+    void RemovePidFile(std::uint32_t vpnId) const;
+
+    // The processes that are an instance, its children or about to become it, by VPN. Reads every process.
+    [[nodiscard]] std::map<std::uint32_t, std::vector<pid_t>> ProcessesByVpn() const;
+
     // Whether an instance of the VPN is meant to run, according to the last applied message. The mark is kept as long
     // as instances live: over a restart of the agent, but not over a restart of the box. Failures are logged.
     [[nodiscard]] bool IsMeantToRun(std::uint32_t vpnId) const;
@@ -63,8 +86,6 @@ class Instances {
     [[nodiscard]] std::optional<std::string> ReloadObjection(std::uint32_t vpnId) const;
 
   private:
-    [[nodiscard]] std::string MeantPath(std::uint32_t vpnId) const;
-
     std::string root_;
     InstanceIdentity identity_;
 };

@@ -44,6 +44,11 @@ Module::Module(const std::string &path, Host &host)
     Find(functions_.initDirectory, "VQCtrl_DnsmasqConfInitByVpnId");
     Find(functions_.releaseDirectory, "VQCtrl_DnsmasqConfRelaseByVpnId");
     Find(functions_.stopInstance, "VQCtrl_DnsmasqStop");
+    Find(functions_.restartInstance, "VQCtrl_DnsmasqReboot");
+    Find(functions_.addRoutes, "VQCtrl_AddDnsmasqRouteForVpn");
+    Find(functions_.addPolicy, "VQCtrl_ConfigAddDnsmasqPolicy");
+    Find(functions_.removePolicy, "VQCtrl_ConfigDelDnsmasqPolicy");
+    Find(functions_.addDnat, "VQCtrl_ConfigAddDnsmasqDnat");
     Find(functions_.validateDomain, "VQCtrl_ValidateDomain");
     Find(host.conversions.DnsmasqConfToStr, "VQCtrl_AdvancedDnsConfToJsonStr");
     Find(host.conversions.DnsmasqStrToConf, "VQCtrl_AdvancedDnsJsonStrToConf");

@@ -21,6 +21,11 @@ struct ModuleFunctions {
     decltype(&VQCtrl_DnsmasqConfInitByVpnId) initDirectory = nullptr;
     decltype(&VQCtrl_DnsmasqConfRelaseByVpnId) releaseDirectory = nullptr;
     decltype(&VQCtrl_DnsmasqStop) stopInstance = nullptr;
+    decltype(&VQCtrl_DnsmasqReboot) restartInstance = nullptr;
+    decltype(&VQCtrl_AddDnsmasqRouteForVpn) addRoutes = nullptr;
+    decltype(&VQCtrl_ConfigAddDnsmasqPolicy) addPolicy = nullptr;
+    decltype(&VQCtrl_ConfigDelDnsmasqPolicy) removePolicy = nullptr;
+    decltype(&VQCtrl_ConfigAddDnsmasqDnat) addDnat = nullptr;
     decltype(&VQCtrl_ValidateDomain) validateDomain = nullptr;
 };
 

@@ -46,10 +46,18 @@ bool PendingLaunches::IsRunning(std::uint32_t vpnId)
     return true;
 }
 
+void PendingLaunches::Report(std::uint32_t vpnId, LaunchOutcome outcome)
+{
+    if (observer_) {
+        observer_(vpnId, outcome);
+    }
+}
+
 void PendingLaunches::Add(std::uint32_t vpnId, std::chrono::milliseconds timeout, OnEnd onEnd)
 {
     if (IsRunning(vpnId)) {
         onEnd(LaunchOutcome::kRunning);
+        Report(vpnId, LaunchOutcome::kRunning);
         return;
     }
     const auto now = Clock::now();
@@ -108,6 +116,7 @@ void PendingLaunches::End(std::uint32_t vpnId, LaunchOutcome outcome)
     auto launch = launches_.extract(vpnId);
     if (!launch.empty()) {
         launch.mapped().onEnd(outcome);
+        Report(vpnId, outcome);
     }
 }
 
@@ -116,25 +125,6 @@ void PendingLaunches::CancelAll()
     while (!launches_.empty()) {
         End(launches_.begin()->first, LaunchOutcome::kCancelled);
     }
-}
-
-std::optional<std::set<std::uint32_t>> RunUntilLaunched(EventLoop &loop, PendingLaunches &launches,
-                                                        const std::set<std::uint32_t> &vpnIds,
-                                                        std::chrono::milliseconds timeout)
-{
-    std::set<std::uint32_t> failed;
-    for (const std::uint32_t vpnId : vpnIds) {
-        launches.Add(vpnId, timeout, [&failed, vpnId](LaunchOutcome outcome) {
-            if (outcome != LaunchOutcome::kRunning) {
-                failed.insert(vpnId);
-            }
-        });
-    }
-    if (!loop.RunUntil([&] { return launches.IsEmpty(); })) {
-        launches.CancelAll(); // `failed` is referred to no longer
-        return std::nullopt;
-    }
-    return failed;
 }
 
 } // namespace kavel::agent

@@ -10,6 +10,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "base/event_loop.h"
@@ -38,6 +39,10 @@ class PendingLaunches {
     [[nodiscard]] bool IsPending(std::uint32_t vpnId) const { return launches_.contains(vpnId); }
     [[nodiscard]] bool IsEmpty() const { return launches_.empty(); }
 
+    // Called for each launch that has ended, after its own `onEnd`.
+    using Observer = std::function<void(std::uint32_t vpnId, LaunchOutcome outcome)>;
+    void Observe(Observer observer) { observer_ = std::move(observer); }
+
     // Ends every launch as kCancelled.
     void CancelAll();
 
@@ -56,19 +61,15 @@ class PendingLaunches {
     void CheckQuiet();
     [[nodiscard]] std::vector<std::uint32_t> EndedQuietLaunches(Clock::time_point now);
     void End(std::uint32_t vpnId, LaunchOutcome outcome);
+    void Report(std::uint32_t vpnId, LaunchOutcome outcome);
 
     const Instances &instances_;
     LaunchOutputs &outputs_;
     std::map<std::uint32_t, Launch> launches_;
+    Observer observer_;
     std::optional<EventSource> pidFiles_; // nothing when the user has no inotify instance left: the timer serves alone
     EventSource timer_;
 };
-
-// Runs the loop until the launches of `vpnIds` have ended. Returns the VPNs whose instance does not run; nothing when
-// the loop was told to exit.
-[[nodiscard]] std::optional<std::set<std::uint32_t>> RunUntilLaunched(EventLoop &loop, PendingLaunches &launches,
-                                                                      const std::set<std::uint32_t> &vpnIds,
-                                                                      std::chrono::milliseconds timeout);
 
 } // namespace kavel::agent
 

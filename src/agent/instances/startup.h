@@ -10,23 +10,18 @@
 
 namespace kavel::agent {
 
-// Checks that the namespaces and interfaces of the configuration exist. Throws ConfigError.
-void CheckVpns(Host &host);
-
 // Raises the limit of open files to what the box's VPNs need, and logs a warning when the user may not have as many
 // inotify instances as there are VPNs.
 void AdjustLimits(const Config &config);
 
 // Prepares a VPN's namespace for its instance: sets the loopback interface up and adds the policy rule of the
-// instance's route table. VPN 0 is the box itself, whose namespace is not changed. Throws std::system_error.
-void PrepareNamespace(Host &host, std::uint32_t vpnId);
+// instance's route table. VPN 0 is the box itself, whose namespace is not changed. Whether anything was to be done.
+// Throws std::system_error.
+bool PrepareNamespace(Host &host, std::uint32_t vpnId);
 
-// Prepares the box, in this order: removes leftovers of interrupted writes, creates the box-wide directory, prepares
-// the namespaces, waits for instances that an earlier agent launched (2 s at most), installs the module's platform,
-// creates the instance directories and recovers the stored records. Failures are logged. False when the loop was told
-// to exit.
-[[nodiscard]] bool StartServices(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
-                                 PendingLaunches &launches);
+// Prepares the box: removes leftovers of interrupted writes, creates the box-wide directory, and installs the module's
+// platform. Failures are logged.
+void PrepareBox(const Instances &instances, const ModuleFunctions &module);
 
 } // namespace kavel::agent
 

@@ -77,4 +77,9 @@ std::optional<std::string> ErrorTrail::Cause(std::int32_t result) const
     return messages_[at];
 }
 
+std::optional<std::string> ErrorTrail::First() const
+{
+    return messages_.empty() ? std::nullopt : std::optional(messages_.front());
+}
+
 } // namespace kavel::agent

@@ -20,6 +20,9 @@ class ErrorTrail {
     // pass the same number up. Nothing when there is none.
     [[nodiscard]] std::optional<std::string> Cause(std::int32_t result) const;
 
+    // The oldest message that is about a failure. Nothing when there is none.
+    [[nodiscard]] std::optional<std::string> First() const;
+
   private:
     std::deque<std::string> messages_;
 };

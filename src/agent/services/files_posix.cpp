@@ -5,21 +5,10 @@
 
 #include "base/failure.h"
 #include "base/files.h"
-#include "base/instance_process.h"
-#include "services/host.h"
 #include "vqFile.h"
 
 namespace kavel::agent {
 namespace {
-
-void FollowRecovery(const char *path)
-{
-    Host *host = Host::CurrentOrNull();
-    const auto vpnId = VpnOfInstanceFile(path);
-    if (host != nullptr && host->isRecovering && vpnId) {
-        host->currentVpn = vpnId;
-    }
-}
 
 std::int32_t WriteFilePath(const char *path, const char *text, std::size_t length)
 {
@@ -27,7 +16,6 @@ std::int32_t WriteFilePath(const char *path, const char *text, std::size_t lengt
         return -EINVAL;
     }
     return ResultOf([&] {
-        FollowRecovery(path);
         ReplaceFile(path, std::string_view(text, length));
         return 0;
     });

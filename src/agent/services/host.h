@@ -35,7 +35,7 @@ class Host {
     // The living host, or null.
     static Host *CurrentOrNull();
 
-    const Config config;
+    Config config; // replaced in place when the configuration file is read again
     Namespaces namespaces{config};
     RouteSockets routeSockets{namespaces};
     NftablesContexts nftables{namespaces};
@@ -43,7 +43,6 @@ class Host {
     const std::string namespaceTool = NamespaceTool();
     InstanceIdentity identity = InstanceIdentity::OfBox();
     LaunchOutputs launchOutputs;
-    bool isRecovering = false;               // see RecoveryScope
     std::optional<std::uint32_t> currentVpn; // see VpnScope
     std::vector<std::string> endedProcesses; // what VQ_KillPid ended beside the instance itself, since the last Clear
     ErrorTrail moduleErrors;                 // since the last Clear()
@@ -61,23 +60,6 @@ class VpnScope {
     VpnScope(const VpnScope &) = delete;
     VpnScope &operator=(const VpnScope &) = delete;
     ~VpnScope() { host_.currentVpn.reset(); }
-
-  private:
-    Host &host_;
-};
-
-// As VpnScope, while the module walks the stored records in one call: it begins each record with the record's files, so
-// the VPN is that of the file that was written last.
-class RecoveryScope {
-  public:
-    explicit RecoveryScope(Host &host) : host_(host) { host_.isRecovering = true; }
-    RecoveryScope(const RecoveryScope &) = delete;
-    RecoveryScope &operator=(const RecoveryScope &) = delete;
-    ~RecoveryScope()
-    {
-        host_.isRecovering = false;
-        host_.currentVpn.reset();
-    }
 
   private:
     Host &host_;

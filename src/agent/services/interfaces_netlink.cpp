@@ -129,20 +129,21 @@ int InterfaceIndex(Host &host, std::uint32_t vpnId, const std::string &name)
     return host.routeSockets.With(vpnId, [&](NetlinkSocket &socket) { return socket.InterfaceIndex(name); });
 }
 
-void BringLoopbackUp(Host &host, std::uint32_t vpnId)
+bool BringLoopbackUp(Host &host, std::uint32_t vpnId)
 {
-    host.routeSockets.With(vpnId, [](const NetlinkSocket &socket) {
+    return host.routeSockets.With(vpnId, [](const NetlinkSocket &socket) {
         ifreq request = InterfaceRequest("lo");
         if (::ioctl(socket.Fd(), SIOCGIFFLAGS, &request) != 0) {
             throw KernelRefusal(errno);
         }
         if ((request.ifr_flags & IFF_UP) != 0) {
-            return;
+            return false;
         }
         request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
         if (::ioctl(socket.Fd(), SIOCSIFFLAGS, &request) != 0) {
             throw KernelRefusal(errno);
         }
+        return true;
     });
 }
 

@@ -12,8 +12,9 @@ namespace kavel::agent {
 // The interface's index in the VPN's namespace. Throws std::system_error, with ENODEV when there is no such interface.
 [[nodiscard]] int InterfaceIndex(Host &host, std::uint32_t vpnId, const std::string &name);
 
-// Sets the loopback interface up: queries to an instance's loopback address need it. Throws std::system_error.
-void BringLoopbackUp(Host &host, std::uint32_t vpnId);
+// Sets the loopback interface up: queries to an instance's loopback address need it. Whether it was down. Throws
+// std::system_error.
+bool BringLoopbackUp(Host &host, std::uint32_t vpnId);
 
 } // namespace kavel::agent
 

@@ -30,6 +30,9 @@ class LaunchOutputs {
 
     void End(std::uint32_t vpnId) { outputs_.erase(vpnId); }
 
+    // Whether a launch was begun and its output is kept.
+    [[nodiscard]] bool IsBegun(std::uint32_t vpnId) const { return outputs_.contains(vpnId); }
+
   private:
     std::map<std::uint32_t, UniqueFd> outputs_;
 };

@@ -20,14 +20,14 @@ struct LargeObject {
     std::uintptr_t begin = 0;
     std::uintptr_t end = 0;
 };
-LargeObject g_newest;
+LargeObject newestObject;
 
 // In pages of its own, which are untouched: see ReturnLargeMemory.
 void *AllocateLarge(std::size_t size)
 {
     void *const object = std::calloc(1, size);
     const auto begin = reinterpret_cast<std::uintptr_t>(object);
-    g_newest = object != nullptr ? LargeObject{begin, begin + size} : LargeObject{};
+    newestObject = object != nullptr ? LargeObject{begin, begin + size} : LargeObject{};
     return object;
 }
 
@@ -38,11 +38,16 @@ void ReturnLargeMemory()
     ::mallopt(M_MMAP_THRESHOLD, static_cast<int>(kLargeObject));
 }
 
+void ReturnFreeMemory()
+{
+    ::malloc_trim(0);
+}
+
 bool ZeroInFreshPages(void *object, std::size_t size)
 {
     static const auto kPage = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
     const auto begin = reinterpret_cast<std::uintptr_t>(object);
-    if (size <= kLargeObject || begin != g_newest.begin || size > g_newest.end - begin) {
+    if (size <= kLargeObject || begin != newestObject.begin || size > newestObject.end - begin) {
         return false;
     }
     const std::uintptr_t firstPage = (begin + kPage - 1) / kPage * kPage;
@@ -77,8 +82,8 @@ void *VQ_AgentMemZeroAlloc(const size_t size)
 
 void VQ_AgentMemFree(void *pointer)
 {
-    if (reinterpret_cast<std::uintptr_t>(pointer) == g_newest.begin) {
-        g_newest = {};
+    if (reinterpret_cast<std::uintptr_t>(pointer) == newestObject.begin) {
+        newestObject = {};
     }
     std::free(pointer);
 }

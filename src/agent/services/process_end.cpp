@@ -10,6 +10,7 @@ extern "C" {
 #include <cerrno>
 
 #include "base/failure.h"
+#include "base/high_fd.h"
 #include "deadline.h"
 
 namespace kavel::agent {
@@ -24,7 +25,7 @@ std::optional<ProcessHandle> ProcessHandle::Open(pid_t pid)
         }
         ThrowLastErrno("pidfd");
     }
-    ProcessHandle process(pid, std::move(handle));
+    ProcessHandle process(pid, MoveHigh(std::move(handle)));
     return process.EndsWithin(std::chrono::milliseconds(0)) ? std::nullopt : std::optional(std::move(process));
 }
 

@@ -19,6 +19,8 @@ class ProcessHandle {
     static std::optional<ProcessHandle> Open(pid_t pid);
 
     [[nodiscard]] pid_t Pid() const { return pid_; }
+    // The pidfd, for a loop: it is readable when the process has ended.
+    [[nodiscard]] int Fd() const { return handle_.Get(); }
 
     // A process that has ended already is no failure. Throws std::system_error.
     void Signal(int signal) const;

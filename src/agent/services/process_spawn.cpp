@@ -21,6 +21,7 @@
 #include "base/log.h"
 #include "base/procfs.h"
 #include "services/host.h"
+#include "services/launch_mark.h"
 #include "services/process_end.h"
 #include "vqProcess.h"
 
@@ -46,8 +47,8 @@ class SpawnActions {
     ~SpawnActions() { posix_spawn_file_actions_destroy(&actions_); }
 
     // A background process of the command outlives the agent: it must not keep the agent's directory, streams and
-    // descriptors. Its standard error is `errors`, or nothing.
-    void Detach(std::optional<int> errors)
+    // descriptors. Its standard error is `errors`, or nothing. It keeps `mark`, if there is one.
+    void Detach(std::optional<int> errors, const UniqueFd &mark)
     {
         Check(posix_spawn_file_actions_addchdir_np(&actions_, "/"), "spawn directory");
         for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -56,7 +57,12 @@ class SpawnActions {
         if (errors) {
             Check(posix_spawn_file_actions_adddup2(&actions_, *errors, STDERR_FILENO), "spawn streams");
         }
-        Check(posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1), "spawn descriptors");
+        int firstClosed = STDERR_FILENO + 1;
+        if (mark) {
+            Check(posix_spawn_file_actions_adddup2(&actions_, mark.Get(), firstClosed), "spawn descriptors");
+            ++firstClosed;
+        }
+        Check(posix_spawn_file_actions_addclosefrom_np(&actions_, firstClosed), "spawn descriptors");
     }
     [[nodiscard]] const posix_spawn_file_actions_t *Get() const { return &actions_; }
 
@@ -135,11 +141,25 @@ std::optional<int> ErrorsOf(const char *command)
     }
 }
 
+// The mark of a launch, left before anything of it runs. Nothing for other commands. A launch goes on without.
+UniqueFd MarkOf(const char *command)
+{
+    const auto vpnId = VpnOfCommandLine(command);
+    try {
+        return vpnId ? LeaveLaunchMark(std::string(kStateDirectory) + "/" + StateFileName(*vpnId, kLaunchMark))
+                     : UniqueFd();
+    } catch (const std::system_error &failure) {
+        Log(LogLevel::kWarning, "vpn %u: its launch leaves no mark: %s", *vpnId, failure.what());
+        return {};
+    }
+}
+
 // NOLINTNEXTLINE(readability-non-const-parameter): an argument vector is not const
 int RunShell(char *command)
 {
+    const UniqueFd mark = MarkOf(command);
     SpawnActions actions;
-    actions.Detach(ErrorsOf(command));
+    actions.Detach(ErrorsOf(command), mark);
     SpawnAttributes attributes;
     attributes.ResetSignalsAndSession();
 

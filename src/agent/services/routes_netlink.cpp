@@ -232,9 +232,9 @@ VQ_ERR_T ChangeRoute(std::uint32_t vpnId, const VQ_RTC_ROUTE_CONF *route,
 
 } // namespace
 
-void EnsurePolicyRule(Host &host, std::uint32_t vpnId)
+bool EnsurePolicyRule(Host &host, std::uint32_t vpnId)
 {
-    host.routeSockets.With(vpnId, [](NetlinkSocket &socket) {
+    return host.routeSockets.With(vpnId, [](NetlinkSocket &socket) {
         NetlinkMessage message(RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL);
         auto *rule = message.PutExtra<fib_rule_hdr>();
         rule->family = AF_INET;
@@ -242,7 +242,7 @@ void EnsurePolicyRule(Host &host, std::uint32_t vpnId)
         rule->action = FR_ACT_TO_TBL;
         mnl_attr_put_u32(message.Header(), FRA_PRIORITY, kRulePriority);
         mnl_attr_put_u32(message.Header(), FRA_TABLE, kDnsRouteTable);
-        (void)socket.RequestUnless(EEXIST, message);
+        return socket.RequestUnless(EEXIST, message);
     });
 }
 

@@ -11,8 +11,8 @@ namespace kavel::agent {
 // The table with the host routes of an instance, the same number in every VPN.
 inline constexpr std::uint32_t kDnsRouteTable = 199;
 
-// Makes the VPN's namespace look routes up in kDnsRouteTable, unless it does already. Throws std::system_error.
-void EnsurePolicyRule(Host &host, std::uint32_t vpnId);
+// Makes the VPN's namespace look routes up in kDnsRouteTable. Whether it did not do so yet. Throws std::system_error.
+bool EnsurePolicyRule(Host &host, std::uint32_t vpnId);
 
 // The number of IPv4 routes in `table` of the VPN. Throws std::system_error.
 [[nodiscard]] std::uint32_t CountRoutes(Host &host, std::uint32_t vpnId, std::uint32_t table);

@@ -8,8 +8,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "base/zeroed_pages.h"
 #include "vqStore.h"
 
 namespace kavel::agent {
@@ -56,6 +58,8 @@ class Store {
     // By rising VPN.
     [[nodiscard]] std::vector<StoredRecord> Read();
     [[nodiscard]] std::optional<StoredRecord> Read(std::uint32_t vpnId);
+    // Whether the VPN has a row.
+    [[nodiscard]] bool Has(std::uint32_t vpnId);
     // Throws EOVERFLOW for a text of more than kStoredTextMax bytes.
     [[nodiscard]] std::optional<std::string> ReadText(std::uint32_t vpnId);
 
@@ -73,12 +77,16 @@ class Store {
     void Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL table);
     void Remove(std::uint32_t vpnId, VQ_SQL_CONF_TBL table);
 
+    // Fills the zeroed record of a VPN from its stored text. Returns why that is not possible, or nothing.
+    [[nodiscard]] std::optional<std::string> Fill(VQ_DNSMASQ_CONF &record, std::uint32_t vpnId, std::string_view text);
+
     // The list of the readable records of the configured VPNs, for the module; null when none could be read. Failures
     // and records that are left out are logged. VQ_SqliteConfListRelease releases it.
     [[nodiscard]] VQ_PersistentConfList *List(VQ_SQL_CONF_TBL table);
 
-    // The records of the last List().
-    [[nodiscard]] const std::vector<StoredRecord> &Listed() const { return listed_; }
+    // Makes the next List() return this record alone: the module applies the records of the list, and what is in force
+    // is applied again this way.
+    void Offer(ZeroedPages<VQ_DnsmasqConfNode> node) { offered_ = std::move(node); }
 
   private:
     friend class StoreChange;
@@ -99,14 +107,13 @@ class Store {
     void WithReport(const std::string &operation, Work work);
     void RemoveNow(std::uint32_t vpnId, VQ_SQL_CONF_TBL table);
     [[nodiscard]] VQ_SQL_CONF_TBL TableOfPlatform() const;
-    [[nodiscard]] std::optional<std::string> Parse(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record);
     [[nodiscard]] StoredRecord Describe(const Row &row, VQ_DNSMASQ_CONF &record);
     void AppendRecord(VQ_PersistentConfList &list, const Row &row);
 
     Host &host_;
     std::unique_ptr<Opened> opened_;
     std::optional<DelayedRemoval> change_; // while a StoreChange lives
-    std::vector<StoredRecord> listed_;
+    ZeroedPages<VQ_DnsmasqConfNode> offered_;
 };
 
 // Delays the removal of a row to the end of the scope's work: the module removes a row before it adds it again, and an

@@ -17,7 +17,6 @@ namespace kavel::agent {
 namespace {
 
 constexpr std::int64_t kSchemaVersion = 1;
-constexpr int kLockTimeoutMs = 2000;
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kDirectoryMode = 0700;
 

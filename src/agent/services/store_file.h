@@ -14,6 +14,24 @@ namespace kavel::agent {
 // The tables, one for each kind of box, with the columns `vpn_id` and `conf`.
 inline constexpr std::array<const char *, 2> kStoreTables{"cpe_dnsmasq", "pop_dnsmasq"};
 
+// How long a statement waits for a lock that another program holds.
+inline constexpr int kLockTimeoutMs = 2000;
+
+// Statements of the scope do not wait for locks.
+class WithoutLockWait {
+  public:
+    explicit WithoutLockWait(const Database &database) : database_(database)
+    {
+        (void)sqlite3_busy_timeout(database.Get(), 0);
+    }
+    WithoutLockWait(const WithoutLockWait &) = delete;
+    WithoutLockWait &operator=(const WithoutLockWait &) = delete;
+    ~WithoutLockWait() { (void)sqlite3_busy_timeout(database_.Get(), kLockTimeoutMs); }
+
+  private:
+    const Database &database_;
+};
+
 class StoreFile {
   public:
     // Opens the store at `path`, and creates the file and its tables if they are missing. Throws std::system_error, but

@@ -195,8 +195,7 @@ void Store::RemoveNow(std::uint32_t vpnId, VQ_SQL_CONF_TBL table)
     }
 }
 
-// Fills the zeroed record from a row's text. Returns why that is not possible, or nothing.
-std::optional<std::string> Store::Parse(std::uint32_t vpnId, std::string_view text, VQ_DNSMASQ_CONF &record)
+std::optional<std::string> Store::Fill(VQ_DNSMASQ_CONF &record, std::uint32_t vpnId, std::string_view text)
 {
     const auto convert = host_.conversions.DnsmasqStrToConf;
     if (convert == nullptr) {
@@ -219,7 +218,7 @@ StoredRecord Store::Describe(const Row &row, VQ_DNSMASQ_CONF &record)
     StoredRecord stored;
     stored.vpn = row.vpn;
     stored.bytes = row.bytes;
-    stored.problem = row.text ? Parse(row.vpn, *row.text, record) : LengthProblem(row.bytes);
+    stored.problem = row.text ? Fill(record, row.vpn, *row.text) : LengthProblem(row.bytes);
     stored.enable = record.Enable != FALSE;
     stored.hosts = record.DnsHostNum;
     stored.mxHosts = record.DnsMxHostNum;
@@ -235,13 +234,12 @@ void Store::AppendRecord(VQ_PersistentConfList &list, const Row &row)
         return;
     }
     auto node = MapZeroed<VQ_DnsmasqConfNode>();
-    StoredRecord stored = Describe(row, node->Dnsmasq);
+    const StoredRecord stored = Describe(row, node->Dnsmasq);
     if (stored.problem) {
         Log(LogLevel::kError, "vpn %u: its stored record cannot be read, and is kept: %s", row.vpn,
             stored.problem->c_str());
         return;
     }
-    listed_.push_back(std::move(stored));
     cds_list_add_tail(&node.release()->List, &list.Head);
     ++list.Count;
 }
@@ -249,8 +247,12 @@ void Store::AppendRecord(VQ_PersistentConfList &list, const Row &row)
 // Records that were read before a failure are in the list all the same.
 VQ_PersistentConfList *Store::List(VQ_SQL_CONF_TBL table)
 {
-    listed_.clear();
     ListPtr list = NewList();
+    if (offered_) {
+        cds_list_add_tail(&offered_.release()->List, &list->Head);
+        list->Count = 1;
+        return list.release();
+    }
     const std::int32_t result = ResultOf([&] {
         WithReport("the stored records cannot be read", [&](Opened &store) {
             const TableStatements &rows = store.Of(table);
@@ -291,6 +293,15 @@ void Store::WithRow(std::uint32_t vpnId, Take take)
         Statement::Run run(rows.one);
         run.Bind(1, vpnId);
         store.ForEachRow(rows, run, take);
+    });
+}
+
+bool Store::Has(std::uint32_t vpnId)
+{
+    return With([&](Opened &store) {
+        Statement::Run run(store.Of(TableOfPlatform()).one);
+        run.Bind(1, vpnId);
+        return run.Step();
     });
 }
 
@@ -339,7 +350,11 @@ bool Store::Equals(std::uint32_t vpnId, std::string_view text)
 
 void Store::AddToHistory(std::uint32_t vpnId, const HistoryEntry &entry)
 {
-    With([&](Opened &store) { store.history.Add(vpnId, entry); });
+    With([&](Opened &store) {
+        // It is not worth waiting for: a row of this message may have waited for the same lock already.
+        const WithoutLockWait scope(store.file.Get());
+        store.history.Add(vpnId, entry);
+    });
 }
 
 std::vector<HistoryEntry> Store::ReadHistory(std::uint32_t vpnId)

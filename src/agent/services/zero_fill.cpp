@@ -9,11 +9,14 @@
 extern "C" {
 
 // The C library's own function, under the name that compilers use for checked calls.
-// NOLINTNEXTLINE(bugprone-reserved-identifier): the C library's name
+// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the C library's name
 void *__memset_chk(void *target, int value, std::size_t size, std::size_t targetSize) noexcept;
 
+// The C library's header declares it with other parameter names, and only where that header is included.
+// NOLINTNEXTLINE(readability-redundant-declaration,readability-inconsistent-declaration-parameter-name)
 void *memset(void *target, int value, std::size_t size) noexcept;
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 void *memset(void *target, int value, std::size_t size) noexcept
 {
     const bool isZeroed = value == 0 && kavel::agent::ZeroInFreshPages(target, size);

@@ -11,14 +11,9 @@
 #include "control.pb-c.h"
 #include "instances/status.h"
 #include "services/store.h"
+#include "supervision/supervisor.h"
 
 namespace kavel::agent {
-
-// How far the start of the agent is: of the `total` VPNs whose state has to be restored, `back` are restored.
-struct StartProgress {
-    std::uint32_t back = 0;
-    std::uint32_t total = 0;
-};
 
 struct Answer {
     std::int32_t result = 0;           // 0 or more: carried out; a negated errno: refused

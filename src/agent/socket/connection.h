@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -20,6 +21,7 @@ namespace kavel::agent {
 // A frame as it was received, header included.
 struct ReceivedFrame {
     std::vector<std::uint8_t> bytes;
+    std::string sender = {}; // "pid 123, uid 0 (vqctl)"; may be empty
 
     // Without the header.
     [[nodiscard]] std::span<const std::uint8_t> Content() const;

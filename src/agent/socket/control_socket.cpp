@@ -16,7 +16,9 @@
 
 #include "base/failure.h"
 #include "base/log.h"
+#include "base/procfs.h"
 #include "frame.h"
+#include "printable.h"
 
 namespace kavel::agent {
 namespace {
@@ -62,6 +64,12 @@ UniqueFd Listen(const std::string &path)
         ThrowLastErrno(path);
     }
     return socket;
+}
+
+std::string NameOf(const ucred &peer)
+{
+    return "pid " + std::to_string(peer.pid) + ", uid " + std::to_string(peer.uid) + " (" +
+           Printable(InspectProcess(peer.pid).name) + ")";
 }
 
 } // namespace
@@ -155,7 +163,8 @@ void ControlSocket::Admit(UniqueFd socket)
     const ClientId id = ++lastId_;
     EventSource source =
         loop_.AddIo(socket.Get(), EPOLLIN, [this, id](std::uint32_t /*events*/) { ProcessClient(id); });
-    clients_.emplace(id, Client{Connection(std::move(socket), peer.pid, loop_.IdleTime(), budget_), std::move(source)});
+    clients_.emplace(id, Client{Connection(std::move(socket), peer.pid, loop_.IdleTime(), budget_), NameOf(peer),
+                                std::move(source)});
 }
 
 void ControlSocket::ProcessClient(ClientId id)
@@ -180,7 +189,10 @@ void ControlSocket::ProcessClient(ClientId id)
 
 void ControlSocket::ProcessFrame(ClientId id)
 {
-    handler_(clients_.at(id).connection.BeginRequest(), [this, id](const Answer &answer) { SendAnswer(id, answer); });
+    Client &client = clients_.at(id);
+    ReceivedFrame frame = client.connection.BeginRequest();
+    frame.sender = client.name;
+    handler_(std::move(frame), [this, id](const Answer &answer) { SendAnswer(id, answer); });
 }
 
 // A frame that was received together with the one before it: no event of its socket will announce it.
@@ -225,7 +237,7 @@ void ControlSocket::Update(ClientId id)
         UpdateDraining(id);
         return;
     }
-    auto &[connection, source] = found->second;
+    auto &[connection, name, source] = found->second;
     if (connection.ExceedsBudget()) {
         Dismiss(connection, ENOBUFS,
                 "the unfinished frames of all clients would take more than " + std::to_string(kReceivedBytesMax) +
@@ -314,7 +326,7 @@ void ControlSocket::Drain(std::function<void()> onDrained)
 
 void ControlSocket::UpdateDraining(ClientId id)
 {
-    auto &[connection, source] = clients_.at(id);
+    auto &[connection, name, source] = clients_.at(id);
     if (!connection.IsFinished() && connection.HasUnsentReply()) {
         source.SetIoEvents(EPOLLOUT);
         source.Enable();

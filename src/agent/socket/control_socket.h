@@ -44,6 +44,7 @@ class ControlSocket {
 
     struct Client {
         Connection connection;
+        std::string name; // "pid 123, uid 0 (vqctl)"
         EventSource source;
     };
 

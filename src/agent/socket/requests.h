@@ -9,16 +9,18 @@
 #include <set>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "base/event_loop.h"
+#include "instances/controller_message.h"
 #include "instances/instances.h"
 #include "instances/module.h"
 #include "instances/pending_launches.h"
 #include "services/host.h"
 #include "socket/answer.h"
-#include "socket/controller_message.h"
 #include "socket/request_queues.h"
 #include "socket/status_query.h"
+#include "supervision/supervisor.h"
 
 namespace kavel::agent {
 
@@ -29,7 +31,7 @@ class Requests {
   public:
     // The references must outlive this object. Throws std::system_error.
     Requests(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
-             PendingLaunches &launches);
+             PendingLaunches &launches, Supervisor &supervisor);
 
     // Handles a frame that holds one packed Request. `respond` is called once, before this returns or by the loop.
     void Handle(ReceivedFrame frame, const Respond &respond);
@@ -47,8 +49,13 @@ class Requests {
                     const std::function<void(const Respond &respond)> &work);
     void HandleApply(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
     void HandleDirectory(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
-    void Apply(const std::shared_ptr<const ControllerMessage> &message, const Respond &respond);
-    [[nodiscard]] Answer Configure(const ControllerMessage &message);
+    void Apply(const std::shared_ptr<const ControllerMessage> &message, const Kavel__Request &request,
+               const Respond &respond);
+    [[nodiscard]] Answer Configure(const ControllerMessage &message, const Kavel__Request &request);
+    [[nodiscard]] Respond Recorded(const ControllerMessage &message, const Kavel__Request &request, std::string sender,
+                                   const Respond &respond);
+    void BeginRepair(const Kavel__Request &request, const Respond &respond);
+    [[nodiscard]] std::vector<std::uint32_t> ServedVpns() const;
     [[nodiscard]] std::string LaunchFailure(const ControllerMessage &message) const;
     [[nodiscard]] OptionalAnswer ApplyObjection(const ControllerMessage &message) const;
     [[nodiscard]] Answer Check(std::span<const std::uint8_t> bytes);
@@ -57,6 +64,7 @@ class Requests {
     [[nodiscard]] Answer ReleaseDirectory(std::uint32_t vpnId) const;
     [[nodiscard]] OptionalAnswer DirectoryObjection(const Kavel__Request &request) const;
     void EndLaunch(Answer answer, const ControllerMessage &message, LaunchOutcome outcome, const Respond &respond);
+    void BeginDraining(std::uint32_t vpnId);
     void DrainQueues();
 
     struct PendingStatus {
@@ -69,8 +77,9 @@ class Requests {
     const Instances &instances_;
     const ModuleFunctions &module_;
     PendingLaunches &launches_;
+    Supervisor &supervisor_;
     RequestQueues queues_;
-    std::set<std::uint32_t> drainable_; // VPNs that have ended a launch and have requests in their queues
+    std::set<std::uint32_t> drainable_; // VPNs that are not busy any more and have requests in their queues
     EventSource drain_;
     std::list<PendingStatus> statuses_;
 };

@@ -13,28 +13,30 @@ constexpr std::chrono::milliseconds kAnswerTimeout{500};
 // VPNs that are read before other events are dispatched: a few milliseconds of work.
 constexpr std::size_t kPerIteration = 16;
 
-std::set<std::uint32_t> PendingOf(const PendingLaunches &launches, const std::vector<std::uint32_t> &vpnIds)
+std::set<std::uint32_t> BusyOf(const Supervisor &supervisor, const std::vector<std::uint32_t> &vpnIds)
 {
-    std::set<std::uint32_t> pending;
-    std::ranges::copy_if(vpnIds, std::inserter(pending, pending.end()),
-                         [&](std::uint32_t vpnId) { return launches.IsPending(vpnId); });
-    return pending;
+    std::set<std::uint32_t> busy;
+    std::ranges::copy_if(vpnIds, std::inserter(busy, busy.end()),
+                         [&](std::uint32_t vpnId) { return supervisor.IsBusy(vpnId); });
+    return busy;
 }
 
 } // namespace
 
-StatusQuery::StatusQuery(EventLoop &loop, Host &host, const Instances &instances, const PendingLaunches &launches,
+StatusQuery::StatusQuery(EventLoop &loop, Host &host, const Instances &instances, const Supervisor &supervisor,
                          StatusScope scope, OnEnd onEnd)
-    : host_(host), instances_(instances), launches_(launches), scope_(std::move(scope)), onEnd_(std::move(onEnd)),
-      wasStarting_(PendingOf(launches, scope_.vpnIds)), reading_(loop.AddDeferred([this] { ReadSome(); })),
-      probe_(loop, host.namespaces, scope_.vpnIds, kAnswerTimeout,
-             [this](const std::set<std::uint32_t> &answering) { BeginReading(answering); })
+    : host_(host), instances_(instances), supervisor_(supervisor), scope_(std::move(scope)), onEnd_(std::move(onEnd)),
+      wasStarting_(BusyOf(supervisor, scope_.vpnIds)), reading_(loop.AddDeferred([this] { ReadSome(); })),
+      probe_(loop, host.namespaces, DnsTarget::Instances(scope_.vpnIds), kAnswerTimeout,
+             [this](const std::set<std::size_t> &answering) { BeginReading(answering); })
 {
 }
 
-void StatusQuery::BeginReading(const std::set<std::uint32_t> &answering)
+void StatusQuery::BeginReading(const std::set<std::size_t> &answering)
 {
-    answering_ = answering;
+    for (const std::size_t position : answering) {
+        answering_.insert(scope_.vpnIds[position]);
+    }
     stored_ = ReadStoredRecords(host_, scope_.vpnIds);
     statuses_.reserve(scope_.vpnIds.size());
     reading_.Enable();
@@ -56,8 +58,10 @@ void StatusQuery::ReadSome()
 // An instance that was starting when it was asked could not answer, even if it runs by now.
 VpnStatus StatusQuery::Read(std::uint32_t vpnId)
 {
-    const bool isStarting = wasStarting_.contains(vpnId) || launches_.IsPending(vpnId);
-    return StatusOfVpn(host_, instances_, vpnId, {isStarting, answering_.contains(vpnId)}, stored_);
+    const bool isStarting = wasStarting_.contains(vpnId) || supervisor_.IsBusy(vpnId);
+    VpnStatus status = StatusOfVpn(host_, instances_, vpnId, {isStarting, answering_.contains(vpnId)}, stored_);
+    supervisor_.Describe(status);
+    return status;
 }
 
 void StatusQuery::End()

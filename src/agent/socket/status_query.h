@@ -11,9 +11,9 @@
 #include "base/event_loop.h"
 #include "instances/dns_probe.h"
 #include "instances/instances.h"
-#include "instances/pending_launches.h"
 #include "instances/status.h"
 #include "services/host.h"
+#include "supervision/supervisor.h"
 
 namespace kavel::agent {
 
@@ -31,18 +31,18 @@ class StatusQuery {
 
     // The loop calls `onEnd` once, which may destroy this object. The references must outlive this object. Throws
     // std::system_error.
-    StatusQuery(EventLoop &loop, Host &host, const Instances &instances, const PendingLaunches &launches,
+    StatusQuery(EventLoop &loop, Host &host, const Instances &instances, const Supervisor &supervisor,
                 StatusScope scope, OnEnd onEnd);
 
   private:
-    void BeginReading(const std::set<std::uint32_t> &answering);
+    void BeginReading(const std::set<std::size_t> &answering);
     void ReadSome();
     [[nodiscard]] VpnStatus Read(std::uint32_t vpnId);
     void End();
 
     Host &host_;
     const Instances &instances_;
-    const PendingLaunches &launches_;
+    const Supervisor &supervisor_;
     StatusScope scope_;
     OnEnd onEnd_;
     std::set<std::uint32_t> wasStarting_; // when the instances were asked

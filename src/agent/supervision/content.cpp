@@ -1,0 +1,74 @@
+#include "supervision/content.h"
+
+#include <cstring>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <utility>
+
+#include "instances/controller_message.h"
+
+namespace kavel::agent {
+namespace {
+
+std::span<const std::uint8_t> BytesOf(const std::string &text)
+{
+    return {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()};
+}
+
+// The module's lines about what it has taken already once are kept out of the log.
+void FillFromMessage(Host &host, const ModuleFunctions &module, VQ_DNSMASQ_CONF &record, const std::string &bytes)
+{
+    const auto message = UnpackControllerMessage(host.config.platform, BytesOf(bytes));
+    if (!message) {
+        throw std::runtime_error("what is in force cannot be unpacked");
+    }
+    const ModuleSilence silence(host);
+    host.moduleErrors.Clear();
+    const std::int32_t result = module.translate(&message->pointer, &record);
+    if (result < 0) {
+        throw std::runtime_error(host.moduleErrors.Cause(result).value_or(std::strerror(-result)));
+    }
+}
+
+} // namespace
+
+RecordNode RecordOf(Host &host, const ModuleFunctions &module, std::uint32_t vpnId, const InForceContent &content)
+{
+    RecordNode node = MapZeroed<VQ_DnsmasqConfNode>();
+    if (content.isMessage) {
+        FillFromMessage(host, module, node->Dnsmasq, content.bytes);
+    } else if (auto problem = host.store.Fill(node->Dnsmasq, vpnId, content.bytes)) {
+        throw std::runtime_error(*problem);
+    }
+    return node;
+}
+
+std::string StoredTextOf(Host &host, const ModuleFunctions &module, std::uint32_t vpnId, const InForceContent &content)
+{
+    if (!content.isMessage) {
+        return content.bytes;
+    }
+    const RecordNode node = RecordOf(host, module, vpnId, content);
+    const auto convert = host.conversions.DnsmasqConfToStr;
+    const auto release = host.conversions.DataTransJsonStrFree;
+    const std::unique_ptr<char, void (*)(char *)> text(convert != nullptr ? convert(&node->Dnsmasq) : nullptr, release);
+    if (!text) {
+        throw std::runtime_error("it cannot be converted for the store");
+    }
+    return text.get();
+}
+
+std::optional<std::string> ApplyRecord(Host &host, const ModuleFunctions &module, std::uint32_t vpnId, RecordNode node,
+                                       VQ_DNSMASQ_OPERATION operation)
+{
+    node->Dnsmasq.Op = operation;
+    host.store.Offer(std::move(node));
+    host.namespaces.BeginRequest();
+    host.moduleErrors.Clear();
+    const VpnScope scope(host, vpnId);
+    (void)module.recover(); // always succeeds
+    return host.moduleErrors.First();
+}
+
+} // namespace kavel::agent

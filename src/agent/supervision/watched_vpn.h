@@ -1,0 +1,82 @@
+// What the supervisor knows about one VPN.
+#ifndef KAVEL_AGENT_WATCHED_VPN_H
+#define KAVEL_AGENT_WATCHED_VPN_H
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/event_loop.h"
+#include "base/netns.h"
+#include "instances/dns_probe.h"
+#include "instances/in_force.h"
+#include "services/process_end.h"
+#include "supervision/look.h"
+#include "supervision/namespace_events.h"
+
+namespace kavel::agent {
+
+// A query that is under way.
+struct RunningProbe {
+    std::unique_ptr<DnsProbe> probe;
+};
+
+// As many queries in a row without an answer count as a failure.
+inline constexpr unsigned kUnansweredMax = 3;
+
+struct WatchedVpn {
+    using Clock = EventLoop::Clock;
+
+    // How often something has happened, and when and why last.
+    struct Tally {
+        std::uint32_t count = 0;
+        std::int64_t time = 0; // Unix time, seconds
+        std::string text;
+    };
+
+    // The source is destroyed before the descriptor that it watches.
+    struct Instance {
+        ProcessHandle process;
+        Clock::time_point since;
+        EventSource source;
+    };
+
+    std::optional<InForce> wanted; // nothing: nothing is in force
+    bool isBack = false;           // its state was restored; requests need not wait
+    bool isUnconfirmed = false;    // a launch was begun that nobody has confirmed
+    Missing missing;
+    std::optional<NamespaceId> netns;
+    std::unique_ptr<NamespaceEvents> events;
+    bool haveInterfacesChanged = false; // of its configuration: its routes are others
+    bool isRuleOutdated = false;        // its configuration was changed: the rule may name other interfaces
+    std::optional<Instance> instance;
+
+    Tally ends;
+    unsigned failures = 0; // in a row: starts that have failed, and instances that did not run for long
+    std::optional<Clock::time_point> startAt;
+    std::optional<std::int64_t> startTime; // the same as Unix time
+
+    Tally repairs;
+    std::string repairing;       // what the launch that is pending repairs
+    std::string problem;         // what could not be repaired
+    unsigned repairFailures = 0; // in a row
+    Clock::time_point repairAt;  // no repair is tried before
+    Clock::time_point lookAt;    // the next look
+    Clock::time_point lookedAt;
+    bool areRulesRight = false; // in the last look that read them
+
+    Clock::time_point udpAt;
+    Clock::time_point tcpAt;
+    Clock::time_point upstreamAt;
+    unsigned udpUnanswered = 0; // in a row
+    unsigned tcpUnanswered = 0;
+    std::map<std::string, unsigned> upstreamUnanswered; // by address
+};
+
+} // namespace kavel::agent
+
+#endif
