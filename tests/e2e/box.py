@@ -16,7 +16,8 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["KAVEL_BUILD"])
-SOCKET = pathlib.Path("/run/kavel/agent.sock")
+STATE = pathlib.Path("/run/kavel")
+SOCKET = STATE / "agent.sock"
 CONFIG = pathlib.Path("/etc/kavel/agent.json")
 DNSMASQ = pathlib.Path("/etc/kavel/dnsmasq")
 STORE = pathlib.Path("/run/kavel-store/agent.db")
@@ -207,6 +208,14 @@ class Box:
         (row,) = json.loads(shown.stdout)
         return row
 
+    def cut_power(self):
+        """Kills the agent and the instances, and forgets what is in memory alone. The disks are kept."""
+        self.agent.kill()
+        self.agent.wait()
+        for pid in instances():
+            end(pid)
+        shutil.rmtree(STATE)
+
     def clean_up(self):
         if self.agent is not None and self.agent.poll() is None:
             self.agent.kill()
@@ -216,7 +225,7 @@ class Box:
         for leftover in pathlib.Path("/run").glob("kvl_dns_vpn_*.pid"):
             leftover.unlink()
         shutil.rmtree("/etc/kavel", ignore_errors=True)
-        shutil.rmtree("/run/kavel", ignore_errors=True)
+        shutil.rmtree(STATE, ignore_errors=True)
         for vpn in (7, 8):
             run("ip", "-n", f"vpn_{vpn}", "route", "flush", "table", "199", check=False)
             run("ip", "netns", "exec", f"vpn_{vpn}", "nft", "flush", "ruleset")

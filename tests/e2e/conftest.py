@@ -20,6 +20,13 @@ def box():
 
 
 @pytest.fixture
+def unattended(box):
+    """A configured box whose agent is ready and repairs nothing by itself."""
+    box.configure(box_module.vpn_config(7), box_module.vpn_config(8), watch={"repair": False})
+    return box.start()
+
+
+@pytest.fixture
 def running(box):
     """A configured box whose agent is ready."""
     return box.start()

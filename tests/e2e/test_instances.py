@@ -29,20 +29,20 @@ def test_restart_ends_an_old_instance_that_holds_the_port(running):
     assert instances(7) == [instance_pid()]
 
 
-def test_apply_starts_a_killed_instance_again(running):
-    end(started(running))
+def test_apply_starts_a_killed_instance_again(unattended):
+    end(started(unattended))
     assert ask("nas.vpn7.example") == []
 
-    started(running)
+    started(unattended)
 
     assert len(instances(7)) == 1
 
 
-def test_reload_of_a_killed_instance_is_refused(running):
-    pid = started(running)
+def test_reload_of_a_killed_instance_is_refused(unattended):
+    pid = started(unattended)
     end(pid)
 
-    said = running.refused(message(operation="reload"))
+    said = unattended.refused(message(operation="reload"))
 
     assert said == f"vpn 7: refused (-3 No such process): Reload dns service pid {pid} failed(3:No such process)"
 
@@ -139,19 +139,19 @@ def test_next_agent_controls_the_instance_of_a_killed_one(running):
     assert instances() == []
 
 
-def test_status_reports_problems(running):
-    pid = started(running)
-    good = running.status()
+def test_status_reports_problems(unattended):
+    pid = started(unattended)
+    good = unattended.status()
     assert (good["meant"], good["alive"], good["is_dnsmasq"], good["in_namespace"], good["answers"]) == (True,) * 5
     assert good["problems"] == []
     assert (good["hosts"], good["servers"], good["routes"]) == (1, 1, 1)
     assert good["memory_bytes"] > 100_000
 
     end(pid)
-    bad = running.status()
+    bad = unattended.status()
     assert (bad["meant"], bad["alive"], bad["answers"]) == (True, False, False)
     assert any(str(pid) in problem for problem in bad["problems"])
-    shown = running.vqctl("status")
+    shown = unattended.vqctl("status")
     assert shown.returncode == 1
     assert f"vpn 7: {bad['problems'][0]}" in shown.stdout + shown.stderr
 
@@ -172,16 +172,16 @@ def test_instance_that_does_not_start_is_reported(running):
     assert running.status()["problems"] == []
 
 
-def test_desired_state_survives_a_restart_of_the_agent(running):
-    end(started(running))
+def test_desired_state_survives_a_restart_of_the_agent(unattended):
+    end(started(unattended))
     pid_file().unlink()
-    running.stop()
-    running.start()
+    unattended.stop()
+    unattended.start()
 
-    assert running.status()["meant"]
-    running.apply(message(enable=False))
-    assert not running.status()["meant"]
-    assert running.status()["problems"] == []
+    assert unattended.status()["meant"]
+    unattended.apply(message(enable=False))
+    assert not unattended.status()["meant"]
+    assert unattended.status()["problems"] == []
 
 
 def test_status_of_a_hanging_process(running):

@@ -10,7 +10,7 @@ import time
 
 import pytest
 
-from box import (BUILD, DNSMASQ, STORE, connect, expect, instance_pid, instances, message, read_frame, run, vpn_config,
+from box import (BUILD, DNSMASQ, STORE, connect, end, expect, instance_pid, instances, message, read_frame, run, vpn_config,
                  wait_until)
 from load import Message, result_of
 
@@ -286,6 +286,7 @@ def test_sigterm_ends_the_agent_during_the_recovery(gated):
     open_gate()
     gated.apply(message(persistentflag=True))
     assert gated.stop() == 0
+    end(instance_pid())
     GATE.unlink()
     gated.agent = gated.spawn()
     wait_until(gatekeepers, "the recovery starts the instance")
@@ -295,8 +296,28 @@ def test_sigterm_ends_the_agent_during_the_recovery(gated):
 
     assert gated.agent.wait(timeout=15) == 0
     assert time.monotonic() - started < 1
-    assert "stopped during the start" in gated.log()
+    assert "stopping; DNS instances keep running" in gated.log()
     gated.agent = None
+
+
+def test_status_says_how_far_the_start_is(gated):
+    assert gated.stop() == 0
+    gated.configure(vpn_config(7), vpn_config(8), persistence=True, store=str(STORE))
+    gated.start()
+    open_gate()
+    gated.apply(message(persistentflag=True))
+    GATE.unlink()
+    gated.cut_power()
+    gated.agent = gated.spawn()
+    wait_until(gatekeepers, "the start of the instance")
+
+    starting = gated.vqctl("status")
+
+    assert starting.returncode == 5
+    assert starting.stdout.startswith("starting: 1 of 2 VPNs are back\n")
+    assert gated.vqctl("status", "--json").returncode == 5
+    open_gate()
+    wait_until(lambda: gated.vqctl("status").returncode == 0, "the end of the start")
 
 
 def test_the_next_agent_waits_for_an_instance_that_is_starting(gated):

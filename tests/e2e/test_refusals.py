@@ -130,10 +130,6 @@ def test_replaced_interfaces_and_namespaces_are_used_by_the_next_message(box):
 
 
 BAD_CONFIGURATIONS = {
-    "a namespace that does not exist": (
-        {"vpns": [{"id": 9}]}, 'vpns[0].namespace: "vpn_9" does not exist'),
-    "an interface that does not exist": (
-        {"vpns": [vpn_config(7, lan=["lan0", "lan9"])]}, 'vpns[0].lan[1]: interface "lan9" does not exist in namespace "vpn_7"'),
     "a duplicate": (
         {"vpns": [vpn_config(7), vpn_config(7)]}, "vpns[1].id: 7 is configured twice"),
     "an unknown key": (

@@ -4,7 +4,7 @@ import json
 
 import pytest
 
-from box import alive, ask, expect, instance_pid, instances, message, run, tables
+from box import alive, ask, expect, instance_pid, instances, message, pid_file, run, tables
 
 NOWHERE = "192.0.2.53"
 NOWHERE6 = "2001:db8:53::53"
@@ -171,20 +171,21 @@ def switch_off_and_fail(box):
     assert done.stdout == "standard input: vpn 7: applied, STILL RUNNING: the instance still runs\n"
 
 
-def test_rule_that_cannot_be_removed_stops_the_teardown(running):
-    """The result is success and the instance keeps running, since queries may still be steered to it."""
+def test_switching_off_ends_an_instance_whose_rule_is_gone(running):
+    """The module keeps it, since queries may still be steered to it. The agent sees that they are not."""
     running.apply(message())
     expect("192.168.7.10", "nas.vpn7.example")
     pid = instance_pid()
     (table,) = tables()
     run("ip", "netns", "exec", "vpn_7", "nft", "delete", "table", "inet", table)
 
-    switch_off_and_fail(running)
+    running.apply(message(enable=False))
 
-    assert alive(pid)
-    assert instances(7) == [pid]
+    assert not alive(pid)
+    assert instances(7) == []
+    assert not pid_file().exists()
     assert "Delete Dnsmasq default policy failed" in running.log()
-    assert "runs although it is switched off" in running.status()["problems"]
+    assert running.status()["problems"] == []
 
 
 def test_rule_of_another_customer_is_not_removed(box):

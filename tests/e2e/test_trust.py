@@ -126,16 +126,16 @@ def test_held_connections_do_not_delay_a_restart(running):
     assert "ignored SIGTERM" not in running.log()
 
 
-def test_children_of_an_instance_that_was_killed_do_not_delay_a_restart(running):
-    running.apply(message())
+def test_children_of_an_instance_that_was_killed_do_not_delay_a_restart(unattended):
+    unattended.apply(message())
     with tcp_connections(5):
         wait_until(lambda: len(instances(7)) == 6, "a child for each connection")
         end(instance_pid())
-        done = apply(running, message())
+        done = apply(unattended, message())
         assert done.stdout == APPLIED + "\n"
         assert done.stderr.count("also ended process") == 5
         assert instances(7) == [instance_pid()]
-    assert "ignored SIGTERM" not in running.log()
+    assert "ignored SIGTERM" not in unattended.log()
 
 
 def test_a_process_of_another_user_is_not_taken_for_an_instance(running):
