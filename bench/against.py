@@ -26,7 +26,7 @@ import tempfile
 from tables import ratios, shown
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-PROGRAMS = ("module", "services", "box_answers", "box_waits", "box_many")
+PROGRAMS = ("module", "services", "box_answers", "box_waits", "box_watch", "box_many")
 BUILT = ("bench_module", "bench_services", "libvqAdvancedDns.so", "vqagent", "vqctl")
 NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 # Cases of several seconds whose work other cases contain; the quick form leaves them out.

@@ -4,14 +4,17 @@ KAVEL_BUILD=BUILD_DIR scripts/private bench/box_many.py --out FILE [--quick | --
 """
 
 import contextlib
+import json
 import os
+import pathlib
 import resource
 import signal
 import sys
+import time
 
 from box_dns import Client
-from box_world import (STORE, Controllers, add_namespaces, agent, bytes_in, contents_of, disk, host_of, hosts_message,
-                       instances, messages_for, most_instances, replace_durably, start_bare, stop_instances)
+from box_world import (CONFIG, STORE, Controllers, add_namespaces, agent, bytes_in, contents_of, disk,
+                       host_of, hosts_message, instances, messages_for, most_instances, replace_durably, start_bare, stop_instances)
 from pairs import Figures, arguments, interleaved, seconds
 
 FIRST = 1001  # all ids have four digits, so that none is the beginning of another
@@ -22,6 +25,10 @@ ADDRESS = "192.0.2.1"
 RECOVERY_MEMORY = 300 << 20  # aim, bytes
 IDLE_MEMORY = 12 << 20  # aim, bytes
 STATUS_SECONDS = 2  # aim
+WATCHING_BEGINS = 35  # seconds until every VPN was looked at once
+WATCHING = 60  # seconds
+IDLE_SHARE = 0.03  # aim
+WATCHING_MEMORY = 24 << 20  # aim, bytes
 MOST_IN_DETAIL = 100  # VPNs in the cases with one host, one by one and on disk
 OTHER_DESCRIPTORS = 256
 LEAST_FOR_MEMORY = 1000  # VPNs; with fewer, other changes of the box's free memory are larger
@@ -122,6 +129,27 @@ def measure_instance_memory(figures, count):
                     [bytes_in(f"{pid}/smaps_rollup", field) for pid in running])
 
 
+def measure_watching(box, figures, count):
+    """What the agent needs while nothing happens."""
+    time.sleep(WATCHING_BEGINS)
+    before, start = processor_seconds(box.agent.pid), time.perf_counter()
+    time.sleep(WATCHING)
+    share = (processor_seconds(box.agent.pid) - before) / (time.perf_counter() - start)
+    figures.add("agent that watches idle VPNs, share of one processor", count, "processors", [share], limit=IDLE_SHARE)
+    figures.add("resident memory of the agent that watches VPNs", count, "bytes",
+                [bytes_in(f"{box.agent.pid}/status", "VmRSS:")], limit=WATCHING_MEMORY)
+
+
+def measure_status_of_stopped(box, vpns, figures):
+    """With an agent that repairs nothing: another would start the instances again."""
+    box.stop()
+    config = json.loads(CONFIG.read_text())
+    CONFIG.write_text(json.dumps({**config, "watch": {"repair": False}}))
+    box.start()
+    stop_instances()
+    measure_status(box, figures, len(vpns.ids), "stopped")
+
+
 def measure_stored_and_running(vpns, figures):
     """Memory and status while all VPNs run, then status with all stopped. The store is kept for recovery."""
     count = len(vpns.ids)
@@ -135,9 +163,15 @@ def measure_stored_and_running(vpns, figures):
         if count >= LEAST_FOR_MEMORY:
             figures.add("memory of the box per running VPN, by VPNs", count, "bytes", [(before - left) / count])
         measure_status(box, figures, count, "running")
-        stop_instances()
-        measure_status(box, figures, count, "stopped")
+        if count >= LEAST_FOR_MEMORY:
+            measure_watching(box, figures, count)
+        measure_status_of_stopped(box, vpns, figures)
         controllers.close()
+
+
+def processor_seconds(pid):
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 def recover(vpns, peaks):

@@ -14,7 +14,7 @@ import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/e2e"))
 
-from box import CONFIG, DNSMASQ, Box, connect, instance_pid, instances, pid_file, read_frame, run  # noqa: E402
+from box import CONFIG, DNSMASQ, STATE, Box, connect, instance_pid, instances, pid_file, read_frame, run  # noqa: E402
 from load import Message, result_of  # noqa: E402
 
 from box_dns import inside  # noqa: E402
@@ -141,6 +141,7 @@ def agent(vpns, members=None, **changes):
     """A box whose agent is ready and serves these VPNs. Stops the agent and all instances afterwards.
 
     `members` has further members of a VPN's configuration, by VPN; `changes` are those of the box's."""
+    forget_what_is_in_force()
     box = Box()
     box.configure(*({"id": vpn, **(members or {}).get(vpn, {})} for vpn in vpns), log="notice", **changes)
     try:
@@ -149,6 +150,12 @@ def agent(vpns, members=None, **changes):
         if box.agent is not None:
             box.stop()
         stop_instances()
+
+
+def forget_what_is_in_force():
+    """As a restart of the box: what is kept in memory is gone."""
+    for fact in STATE.glob("vpn_*"):
+        fact.unlink()
 
 
 def stop_instances():

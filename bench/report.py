@@ -6,7 +6,7 @@ report.py [FILE...]: in each document, this program replaces the text between
     <!-- end of figures -->
 
 NAME is one of
-- a program (module, services, box_answers, box_waits, box_many): all its figures and curves;
+- a program (module, services, box_answers, box_waits, box_watch, box_many): all its figures and curves;
 - machine: what the figures were measured on;
 - aims: every case that has an aim; worst: the largest ratios of all other cases;
 - scale box, scale hosts, scale messages, scale fleet: the tables of docs/scale.md.
@@ -27,7 +27,7 @@ from curves import draw
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 DATA = ROOT / "bench/data"
-PROGRAMS = ("module", "services", "box_answers", "box_waits", "box_many")
+PROGRAMS = ("module", "services", "box_answers", "box_waits", "box_watch", "box_many")
 MARKED = re.compile(r"(<!-- figures: ([\w ]+) -->\n).*?(<!-- end of figures -->)", re.DOTALL)
 SIZES_OF_A_CURVE = 3
 
