@@ -104,14 +104,14 @@ TEST(Configuration, TakesEveryKeyOfTheWatch)
 {
     const kavel::agent::Watch Watch = ParseConfig(R"({"platform": "cpe", "watch": {
         "repair": false, "udpSeconds": 1, "tcpSeconds": 2, "upstreamSeconds": 86400, "lookSeconds": 3,
-        "memoryMiB": 64}})")
+        "memoryMiB": 8}})")
                                           .watch;
     EXPECT_FALSE(Watch.repair);
     EXPECT_EQ(Watch.udpSeconds, 1U);
     EXPECT_EQ(Watch.tcpSeconds, 2U);
     EXPECT_EQ(Watch.upstreamSeconds, 86400U);
     EXPECT_EQ(Watch.lookSeconds, 3U);
-    EXPECT_EQ(Watch.memoryMiB, 64U);
+    EXPECT_EQ(Watch.memoryMiB, 8U);
 }
 
 TEST(Configuration, RefusesBadValuesOfTheWatch)
@@ -126,8 +126,8 @@ TEST(Configuration, RefusesBadValuesOfTheWatch)
         EXPECT_EQ(Of("-1"), Name + ": expected a number from 1 to 4294967295, not -1");
         EXPECT_THAT(Of("\"10\""), StartsWith(Name + ": "));
     }
-    EXPECT_THAT(RefusalOf(R"("watch": {"memoryMiB": 63})"),
-                StartsWith("watch.memoryMiB: expected a number from 64 to "));
+    EXPECT_THAT(RefusalOf(R"("watch": {"memoryMiB": 7})"),
+                StartsWith("watch.memoryMiB: expected a number from 8 to "));
     EXPECT_THAT(RefusalOf(R"("watch": {"repair": 1})"), StartsWith("watch.repair: "));
     EXPECT_THAT(RefusalOf(R"("watch": {"seconds": 1})"), StartsWith("watch.seconds: "));
     EXPECT_THAT(RefusalOf(R"("watch": 1)"), StartsWith("watch: "));

@@ -4,6 +4,7 @@ import contextlib
 import json
 import pathlib
 import signal
+import socket
 import subprocess
 import time
 
@@ -95,6 +96,75 @@ def test_a_refused_message_is_never_brought_back(served):
 
     wait_until_right(before)
     expect("192.168.7.10", "nas.vpn7.example")
+
+
+def test_an_agent_over_its_memory_answers_and_exits_to_be_started_again(box):
+    box.configure(vpn_config(7), watch={"memoryMiB": 8})
+    box.start()
+
+    box.apply(message())
+    box.vqctl("status")
+
+    assert box.agent.wait(timeout=10) == 1
+    assert "uses more memory than it may" in box.log()
+    expect("192.168.7.10", "nas.vpn7.example")
+    pid = instance_pid()
+    box.configure(vpn_config(7))
+    box.start()
+    assert instance_pid() == pid and box.status()["problems"] == []
+
+
+def test_the_loop_tells_the_service_manager_that_it_runs(box):
+    """A loop that hangs tells nothing: nobody else sends it."""
+    box.configure(vpn_config(7))
+    address = "/run/watchdog.sock"
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notify:
+        notify.bind(address)
+        notify.settimeout(10)
+        box.agent = box.spawn(NOTIFY_SOCKET=address, WATCHDOG_USEC="500000")
+
+        def next_watchdog():
+            while b"WATCHDOG=1" not in notify.recv(4096):
+                pass
+
+        next_watchdog()
+        next_watchdog()
+        box.agent.send_signal(signal.SIGSTOP)
+        notify.settimeout(2)
+        with pytest.raises(TimeoutError):
+            while True:
+                notify.recv(4096)
+        box.agent.send_signal(signal.SIGCONT)
+        notify.settimeout(10)
+        next_watchdog()
+
+
+@contextlib.contextmanager
+def table_of_another(name):
+    """A table that only its owner can change, who ends with the block."""
+    owner = subprocess.Popen(["ip", "netns", "exec", "vpn_7", "nft", "-i"], stdin=subprocess.PIPE,
+                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, text=True)
+    owner.stdin.write(f"delete table inet {name}\nadd table inet {name} {{ flags owner; }}\n")
+    owner.stdin.flush()
+    wait_until(lambda: "flags owner" in run("ip", "netns", "exec", "vpn_7", "nft", "list", "ruleset").stdout,
+               "the table has an owner")
+    try:
+        yield
+    finally:
+        owner.stdin.close()
+        owner.wait()
+
+
+def test_the_instance_of_a_message_that_failed_is_not_kept(served):
+    """Its rule cannot be installed: the message is refused after its instance was started."""
+    before = snapshot()
+    with table_of_another(*tables()):
+        said = served.refused(message(dnshosts=[{"domain": "other.example", "ip": "10.0.0.1"}]))
+        assert said.startswith("vpn 7: refused (-")
+        wait_until(lambda: ask("nas.vpn7.example", server="192.168.7.1") == ["192.168.7.10"], "the message before")
+        assert ask("other.example", server="192.168.7.1") == []
+
+    wait_until_right(before)
 
 
 def check_all_of_it(address):

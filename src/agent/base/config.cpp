@@ -22,6 +22,7 @@ namespace kavel::agent {
 namespace {
 
 constexpr std::size_t kNamespaceNameMax = 255;
+constexpr std::uint32_t kMemoryMiBMin = 8;
 constexpr std::uint32_t kWatchSecondsMax = 86400;
 constexpr std::size_t kSocketPathMax = sizeof(sockaddr_un::sun_path) - 1;
 
@@ -182,7 +183,7 @@ constexpr std::array kWatchMembers = {
     JsonMember<Watch>{"upstreamSeconds", kOptional,
                       [](In value, Watch &watch) { watch.upstreamSeconds = ReadSeconds(value); }},
     JsonMember<Watch>{"lookSeconds", kOptional, [](In value, Watch &watch) { watch.lookSeconds = ReadSeconds(value); }},
-    JsonMember<Watch>{"memoryMiB", kOptional, [](In value, Watch &watch) { watch.memoryMiB = value.Number(64); }},
+    JsonMember<Watch>{"memoryMiB", kOptional, [](In value, Watch &watch) { watch.memoryMiB = value.Number(kMemoryMiBMin); }},
 };
 
 constexpr std::array kConfigMembers = {

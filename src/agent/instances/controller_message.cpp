@@ -42,6 +42,7 @@ std::optional<ControllerMessage> UnpackCpe(std::span<const std::uint8_t> bytes)
     message.vpn = cpe->has_vpnid != 0 ? cpe->vpnid : 0;
     message.enables = cpe->enable != 0;
     message.reloads = message.enables && cpe->operation == VQ_DNSMASQ_OP_RELOAD;
+    message.isKept = cpe->has_persistentflag != 0 && cpe->persistentflag != 0;
     message.launches = message.enables && cpe->operation == VQ_DNSMASQ_OP_REBOOT;
     return message;
 }
@@ -57,6 +58,7 @@ std::optional<ControllerMessage> UnpackPop(std::span<const std::uint8_t> bytes)
     const auto *pop = reinterpret_cast<const PopDnsmasqConf *>(message.content.get());
     message.pointer.DnsmasqPbPOP = pop;
     message.enables = pop->enable != 0;
+    message.isKept = pop->has_persistentflag != 0 && pop->persistentflag != 0;
     message.launches = message.enables;
     return message;
 }

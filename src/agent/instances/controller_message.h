@@ -32,6 +32,7 @@ struct ControllerMessage {
     bool enables = false;  // once it is applied, an instance is meant to run
     bool reloads = false;  // applying it signals the running instance
     bool launches = false; // applying it starts an instance
+    bool isKept = false;   // it asks to be stored
 };
 
 // The message that controllers send to boxes of this platform; nothing when the bytes are not one.

@@ -248,6 +248,9 @@ void Requests::Apply(const std::shared_ptr<const ControllerMessage> &message, co
     const std::vector<std::string> notes = NotesOn(host_, module_, *message);
     Answer answer = Configure(*message, request);
     const bool isInForce = answer.enabled.has_value();
+    if (!isInForce) {
+        supervisor_.Refused(message->vpn);
+    }
     for (const std::string &note : notes) {
         AddNote(answer, note);
     }

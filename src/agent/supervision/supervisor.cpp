@@ -60,15 +60,6 @@ std::optional<std::uint32_t> RoutesOf(Host &host, std::uint32_t vpnId)
     }
 }
 
-bool IsStored(Host &host, std::uint32_t vpnId)
-{
-    try {
-        return host.config.persistence && host.store.Has(vpnId);
-    } catch (const std::system_error &) {
-        return false; // the store's own lines tell it
-    }
-}
-
 } // namespace
 
 Supervisor::Supervisor(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
@@ -195,7 +186,7 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
     WatchedVpn &vpn = Of(vpnId);
     InForce wanted;
     wanted.enables = message.enables;
-    wanted.isStored = IsStored(host_, vpnId);
+    wanted.isStored = message.isKept && host_.config.persistence; // the store may have failed for now
     wanted.revision = revision;
     vpn.wanted = std::move(wanted);
     vpn.startAt.reset();
@@ -221,6 +212,28 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
         Log(LogLevel::kWarning, "vpn %u: what is in force is not kept: %s", vpnId, failure.what());
     }
     ScheduleLook(vpnId, Clock::now() + std::chrono::seconds(host_.config.watch.lookSeconds));
+}
+
+// Of a message that failed in the middle something may be there: its files, or an instance that it has started.
+void Supervisor::Refused(std::uint32_t vpnId)
+{
+    WatchedVpn &vpn = Of(vpnId);
+    const bool hasLaunched = IsLaunchMarked(vpnId);
+    if (hasLaunched && !vpn.wanted) {
+        Log(LogLevel::kNotice, "vpn %u: the instance of the refused message is ended", vpnId);
+        repairs_.Forsake(vpnId);
+        RemoveMark(vpnId);
+    } else if (hasLaunched && vpn.wanted->enables && host_.config.watch.repair) {
+        vpn.repairing = "a refused message had started its instance";
+        StartInstance(vpnId);
+    } else if (vpn.wanted) {
+        ScheduleLook(vpnId, Clock::now());
+    }
+}
+
+bool Supervisor::IsLaunchMarked(std::uint32_t vpnId) const
+{
+    return ::access(instances_.StatePath(vpnId, kLaunchMark).c_str(), F_OK) == 0;
 }
 
 // The module keeps an instance whose rule it could not remove: queries may still be steered to it. It also keeps one

@@ -59,6 +59,9 @@ class Supervisor {
     void Applied(const ControllerMessage &message, std::span<const std::uint8_t> bytes,
                  const std::optional<std::string> &revision);
 
+    // The module has refused a message for the VPN, and what was in force before still is.
+    void Refused(std::uint32_t vpnId);
+
     // Looks at VPNs that are not busy and repairs what differs. `onEnd` is called when the instances that were started
     // run or have failed. `notes` says what was repaired, `problems` what could not be; one line each.
     struct RepairReport {
@@ -104,6 +107,7 @@ class Supervisor {
     void StartInstance(std::uint32_t vpnId);
     void LaunchEnded(std::uint32_t vpnId, LaunchOutcome outcome);
     void RemoveMark(std::uint32_t vpnId) const;
+    [[nodiscard]] bool IsLaunchMarked(std::uint32_t vpnId) const;
     void JudgeLaunch(std::uint32_t vpnId, bool isRunning);
     void SwitchedOff(std::uint32_t vpnId);
     [[nodiscard]] bool IsIdle(std::uint32_t vpnId) const;
