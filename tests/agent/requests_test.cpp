@@ -251,7 +251,7 @@ TEST_F(RequestsWithStoreTest, TellsThatWhatWasStoredComesBack)
     OnConfigure(std::nullopt, 0);
     const Answer answer = Apply(switchOff_);
     EXPECT_EQ(answer.result, 0);
-    EXPECT_THAT(answer.notes, ElementsAre("what was stored before is still stored, and comes back at the next start"));
+    EXPECT_THAT(answer.notes, ElementsAre("what was stored before is still stored, until the store works again"));
 }
 
 TEST_F(RequestsWithStoreTest, TellsThatAMessageIsInForceAlthoughItCouldNotBeStored)

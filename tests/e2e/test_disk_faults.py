@@ -189,7 +189,7 @@ def test_store_becomes_read_only(box, small_store):
     expect("192.168.7.13", "nas.vpn7.example")
     done = box.vqctl("apply", "-", input=json.dumps(message(8)))
     assert done.stdout == "standard input: vpn 8: applied\n"
-    assert done.stderr == "vqctl: standard input: vpn 8: what was stored before is still stored, and comes back at the next start\n"
+    assert done.stderr == "vqctl: standard input: vpn 8: what was stored before is still stored, until the store works again\n"
     run("mount", "-o", "remount,rw", small_store)
     assert stored_address() == "192.168.7.10"
     box.apply(kept(address="192.168.7.14"))

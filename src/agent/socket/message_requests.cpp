@@ -224,7 +224,7 @@ Answer Requests::Configure(const ControllerMessage &message, const Kavel__Reques
         AddNote(answer, "also ended " + process);
     }
     if (answer.result >= 0 && !change.Finish()) {
-        AddNote(answer, "what was stored before is still stored, and comes back at the next start");
+        AddNote(answer, "what was stored before is still stored, until the store works again");
     }
     if (answer.result < 0 && change.IsBegun()) {
         answer.reason = answer.reason.value_or("") +
