@@ -126,8 +126,7 @@ TEST(Configuration, RefusesBadValuesOfTheWatch)
         EXPECT_EQ(Of("-1"), Name + ": expected a number from 1 to 4294967295, not -1");
         EXPECT_THAT(Of("\"10\""), StartsWith(Name + ": "));
     }
-    EXPECT_THAT(RefusalOf(R"("watch": {"memoryMiB": 7})"),
-                StartsWith("watch.memoryMiB: expected a number from 8 to "));
+    EXPECT_THAT(RefusalOf(R"("watch": {"memoryMiB": 7})"), StartsWith("watch.memoryMiB: expected a number from 8 to "));
     EXPECT_THAT(RefusalOf(R"("watch": {"repair": 1})"), StartsWith("watch.repair: "));
     EXPECT_THAT(RefusalOf(R"("watch": {"seconds": 1})"), StartsWith("watch.seconds: "));
     EXPECT_THAT(RefusalOf(R"("watch": 1)"), StartsWith("watch: "));

@@ -160,12 +160,14 @@ TEST_F(LookTest, WithAServiceThatIsOffNoInstanceMayRun)
     EXPECT_THAT(Look(), IsEmpty());
 }
 
-TEST_F(LookTest, WithAServiceThatIsOffTheFilesDoNotMatter)
+// The next message could not be written without the directory.
+TEST_F(LookTest, TheFilesOfAServiceThatIsOffMatterAsWell)
 {
     wanted_.enables = false;
     instance_.Stop();
     instances_.RemovePidFile(0);
-    EXPECT_THAT(LookAfter([&] { std::filesystem::remove_all(box_.Path("/etc/kavel")); }), IsEmpty());
+    EXPECT_THAT(LookAfter([&] { std::filesystem::remove_all(box_.Path("/etc/kavel")); }),
+                ElementsAre(Difference{Part::kFiles, "its directory was gone"}));
 }
 
 TEST_F(LookTest, GivesTheDifferencesInTheirOrder)

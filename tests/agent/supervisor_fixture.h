@@ -84,7 +84,9 @@ class SupervisorTest : public testing::Test {
     void Apply(std::uint32_t vpnId, bool enables, std::uint32_t operation,
                const std::optional<std::string> &revision = std::nullopt)
     {
-        const Bytes bytes = PackCpe(vpnId, enables, operation);
+        const Bytes bytes = PackCpe(vpnId, enables, operation, [this](DnsmasqConf &message) {
+            message.has_persistentflag = message.persistentflag = isKept_ ? 1 : 0;
+        });
         const auto message = UnpackControllerMessage(Platform::kCpe, bytes);
         ASSERT_TRUE(message);
         supervisor_.Applied(*message, bytes, revision);
@@ -92,6 +94,8 @@ class SupervisorTest : public testing::Test {
             pending_.Add(vpnId, std::chrono::seconds(2), [](LaunchOutcome /*outcome*/) {});
         }
     }
+
+    bool isKept_ = false; // whether the messages ask to be stored
 
     // VPN 0 is in force, and its instance runs. The agent has started before.
     FakeInstance &Serve()

@@ -213,6 +213,7 @@ class RowsTest : public SupervisorTest {
 
 TEST_F(RowsTest, ARowThatIsGoneIsWrittenAgain)
 {
+    isKept_ = true;
     Start();
     Store("on 0");
     (void)Serve();
@@ -224,10 +225,21 @@ TEST_F(RowsTest, ARowThatIsGoneIsWrittenAgain)
 
 TEST_F(RowsTest, AStoreThatIsGoneIsWrittenAgain)
 {
+    isKept_ = true;
     Start();
     Store("on 0");
     (void)Serve();
     std::filesystem::remove_all(box_.Path("/store"));
+    EXPECT_THAT(RepairNow().problems, IsEmpty());
+    EXPECT_EQ(host_.store.ReadText(0), "on 0");
+}
+
+// The store had failed when the message came.
+TEST_F(RowsTest, ARowThatWasNeverWrittenIsWritten)
+{
+    isKept_ = true;
+    Start();
+    (void)Serve();
     EXPECT_THAT(RepairNow().problems, IsEmpty());
     EXPECT_EQ(host_.store.ReadText(0), "on 0");
 }

@@ -83,14 +83,14 @@ def test_pid_file_that_names_another_process(running):
         bystander.wait()
 
 
-def test_pid_file_that_would_signal_every_process(running):
+def test_pid_file_that_would_signal_every_process(unattended):
     """0 and -1 mean the whole process group and every process: the agent must not let the module signal them."""
-    pid = started(running)
+    pid = started(unattended)
     for text in ("0\n", "-1\n", "not a number\n"):
         pid_file().write_text(text)
-        said = running.refused(message(operation="reload"))
+        said = unattended.refused(message(operation="reload"))
         assert said.startswith("vpn 7: refused (-3 No such process): "), said
-        assert running.agent.poll() is None
+        assert unattended.agent.poll() is None
     assert alive(pid)
 
 

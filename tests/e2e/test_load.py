@@ -181,8 +181,7 @@ def test_last_confirmed_message_is_in_force(crowd, seed, capsys):
         end(pid)
     check_status_reports_dead_instances(crowd, histories)
 
-    crowd.agent.kill()
-    crowd.agent.wait()
+    crowd.cut_power()
     began = time.monotonic()
     crowd.start()
     recovery = time.monotonic() - began

@@ -39,6 +39,15 @@ def pop(box):
     run("nft", "flush", "ruleset")
 
 
+@pytest.fixture
+def unattended_pop(pop):
+    """Its agent repairs nothing by itself."""
+    pop.stop()
+    pop.configure(platform="pop", persistence=True, store="/run/kavel-store/agent.db", c2p=["c2p*"],
+                  watch={"repair": False})
+    return pop.start()
+
+
 def test_branch_is_answered_through_the_dnat(pop):
     assert ask_from_branch("www.example.net") == []
 
@@ -53,31 +62,32 @@ def ask_from_upstream(options=()):
     return ask_from_branch("www.example.net", server=UP_IP, options=options, namespace="upstream_pop")
 
 
-def test_client_behind_wan_cannot_use_the_pop_as_an_open_resolver(pop):
+def test_client_behind_wan_cannot_use_the_pop_as_an_open_resolver(unattended_pop):
     """The pattern c2p* is in both lists: its interfaces stay served."""
-    pop.stop()
-    pop.configure(platform="pop", c2p=["c2p*"], wan=["up*", "c2p*"])
-    pop.start().apply(pop_message())
+    unattended_pop.stop()
+    unattended_pop.configure(platform="pop", c2p=["c2p*"], wan=["up*", "c2p*"],
+                             watch={"repair": False})
+    unattended_pop.start().apply(pop_message())
     wait_until(lambda: ask_from_branch("www.example.net") == ["198.51.100.10"], "an answer through the DNAT")
 
     assert ask_from_upstream() == []
     assert ask_from_upstream(["+tcp"]) == []
-    assert pop.status(0)["problems"] == []
+    assert unattended_pop.status(0)["problems"] == []
 
     run("nft", "flush", "chain", "inet", "kavel_dns_0_2", "input")
     assert ask_from_upstream() == ["198.51.100.10"], "nothing but the rule prevented the answer"
     assert ask_from_upstream(["+tcp"]) == ["198.51.100.10"]
-    assert "the steering rule is missing" in pop.status(0)["problems"]
+    assert "the steering rule is missing" in unattended_pop.status(0)["problems"]
 
 
-def test_status_reports_a_dnat_rule_that_was_emptied(pop):
-    pop.apply(pop_message())
-    assert pop.status(0)["dnat"]
+def test_status_reports_a_dnat_rule_that_was_emptied(unattended_pop):
+    unattended_pop.apply(pop_message())
+    assert unattended_pop.status(0)["dnat"]
 
     run("nft", "flush", "chain", "ip", "kavel_dnat_0_3", "prerouting")
 
-    assert not pop.status(0)["dnat"]
-    assert "the DNAT rule is missing" in pop.status(0)["problems"]
+    assert not unattended_pop.status(0)["dnat"]
+    assert "the DNAT rule is missing" in unattended_pop.status(0)["problems"]
 
 
 def test_apply_writes_only_the_resolver_file(pop):

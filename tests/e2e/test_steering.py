@@ -78,8 +78,8 @@ def test_answers_of_an_upstream_server_behind_wan_arrive(running):
 
 @pytest.mark.parametrize("server", [WAN, WAN6])
 @pytest.mark.parametrize("options", [[], ["+tcp"]], ids=["udp", "tcp"])
-def test_client_behind_wan_cannot_use_the_instance_as_an_open_resolver(running, server, options):
-    running.apply(message())
+def test_client_behind_wan_cannot_use_the_instance_as_an_open_resolver(unattended, server, options):
+    unattended.apply(message())
     expect("192.168.7.10", "nas.vpn7.example")
 
     assert ask_from_wan("nas.vpn7.example", server, options) == []
@@ -118,16 +118,16 @@ def test_rule_of_an_older_agent_does_not_outlive_a_restart(running):
     assert running.status()["rule"]
 
 
-def test_rule_of_an_older_agent_does_not_outlive_the_service(running):
-    running.apply(message())
+def test_rule_of_an_older_agent_does_not_outlive_the_service(unattended):
+    unattended.apply(message())
     nft("delete", "table", "inet", TABLE)
     install_older_rule()
-    assert "the steering rule is missing" in running.status()["problems"], "it neither drops nor steers IPv6"
+    assert "the steering rule is missing" in unattended.status()["problems"], "it neither drops nor steers IPv6"
 
-    running.apply(message(enable=False))
+    unattended.apply(message(enable=False))
 
     assert families() == []
-    assert running.status()["problems"] == []
+    assert unattended.status()["problems"] == []
 
 
 def test_restart_replaces_the_rule(running):
@@ -201,25 +201,25 @@ def test_rule_of_another_customer_is_not_removed(box):
     assert instances(7)
 
 
-def test_status_reports_a_missing_rule(running):
-    running.apply(message())
+def test_status_reports_a_missing_rule(unattended):
+    unattended.apply(message())
     (table,) = tables()
     run("ip", "netns", "exec", "vpn_7", "nft", "delete", "table", "inet", table)
 
-    row = running.status()
+    row = unattended.status()
     assert not row["rule"]
     assert "the steering rule is missing" in row["problems"]
 
 
 @pytest.mark.parametrize("chain", ["prerouting", "input"])
-def test_status_reports_a_rule_that_was_emptied(running, chain):
-    running.apply(message())
-    assert running.status()["rule"]
+def test_status_reports_a_rule_that_was_emptied(unattended, chain):
+    unattended.apply(message())
+    assert unattended.status()["rule"]
 
     nft("flush", "chain", "inet", TABLE, chain)
 
-    row = running.status()
+    row = unattended.status()
     assert not row["rule"]
     assert "the steering rule is missing" in row["problems"]
-    running.apply(message())
-    assert running.status()["problems"] == []
+    unattended.apply(message())
+    assert unattended.status()["problems"] == []

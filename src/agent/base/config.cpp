@@ -183,7 +183,8 @@ constexpr std::array kWatchMembers = {
     JsonMember<Watch>{"upstreamSeconds", kOptional,
                       [](In value, Watch &watch) { watch.upstreamSeconds = ReadSeconds(value); }},
     JsonMember<Watch>{"lookSeconds", kOptional, [](In value, Watch &watch) { watch.lookSeconds = ReadSeconds(value); }},
-    JsonMember<Watch>{"memoryMiB", kOptional, [](In value, Watch &watch) { watch.memoryMiB = value.Number(kMemoryMiBMin); }},
+    JsonMember<Watch>{"memoryMiB", kOptional,
+                      [](In value, Watch &watch) { watch.memoryMiB = value.Number(kMemoryMiBMin); }},
 };
 
 constexpr std::array kConfigMembers = {

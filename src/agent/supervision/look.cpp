@@ -24,9 +24,7 @@ class Look {
 
     std::vector<Difference> Run()
     {
-        if (wanted_.enables) {
-            CheckFiles();
-        }
+        CheckFiles();
         CheckRoutes();
         CheckInstance();
         if (!options_.skipsRules) {

@@ -128,8 +128,10 @@ RepairOutcome Repairs::Restart(std::uint32_t vpnId)
 // The module keeps an instance whose rule it cannot remove, such as one that is gone.
 RepairOutcome Repairs::SwitchOff(std::uint32_t vpnId)
 {
-    RepairOutcome outcome = Apply(vpnId, VQ_DNSMASQ_OP_RELOAD);
+    RepairOutcome outcome;
     try {
+        PrepareDirectory(vpnId);
+        outcome = Apply(vpnId, VQ_DNSMASQ_OP_RELOAD);
         EndProcesses(vpnId);
         instances_.RemovePidFile(vpnId);
     } catch (const std::system_error &failure) {
