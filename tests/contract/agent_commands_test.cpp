@@ -76,7 +76,11 @@ class Background {
     {
         std::vector<std::string> found;
         for (const auto &entry : std::filesystem::directory_iterator(Proc("fd"))) {
-            found.push_back(entry.path().filename().string() + " " + std::filesystem::read_symlink(entry).string());
+            std::error_code isClosed; // since the directory was read
+            const std::string target = std::filesystem::read_symlink(entry, isClosed).string();
+            if (!isClosed) {
+                found.push_back(entry.path().filename().string() + " " + target);
+            }
         }
         std::ranges::sort(found);
         return found;

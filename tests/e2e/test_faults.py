@@ -13,9 +13,9 @@ import time
 
 import pytest
 
-from box import (DNSMASQ, STORE, ask, end, expect, instance_pid, instances, pid_file, routes, run, tables, vpn_config,
+from box import (DNSMASQ, STORE, ask, end, expect, instance_pid, instances, message, pid_file, routes, run, tables, vpn_config,
                  wait_until)
-from faults import (ANYWHERE, FAST, ROOT, Client, connect_namespace, differs, enter, is_served_by_one, kept,
+from faults import (ANYWHERE, FAST, ROOT, Client, connect_namespace, differs, end_agent, enter, is_served_by_one, kept,
                     kill, log_since, remove_surroundings, serve, snapshot, wait_until_right)
 
 
@@ -343,6 +343,20 @@ def test_the_closed_directory_of_the_agent_is_opened_again(fast, told):
                   "its directory was closed to dnsmasq's user", loses=False):
         DNSMASQ.parent.chmod(0o700)
         wait_until(lambda: DNSMASQ.parent.stat().st_mode & 0o001, "the directory is open")
+
+
+def test_a_service_that_is_off_is_right_again(fast):
+    """Its files are written again, and there is no rule to remove."""
+    fast.apply(message(enable=False))
+    (directory() / "hosts").write_text("10.0.0.1 edited.example\n")
+
+    wait_until(lambda: "edited" not in (directory() / "hosts").read_text(), "the file is written again")
+    wait_until(lambda: fast.status()["repairs"] == 1, "the repair is told")
+    time.sleep(2)
+    assert fast.status()["problems"] == [] and fast.status()["repairs"] == 1
+    end_agent(fast, signal.SIGKILL)
+    fast.start()
+    assert fast.status()["problems"] == []
 
 
 def test_a_removed_directory_is_made_again(fast, told):

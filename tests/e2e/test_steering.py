@@ -171,21 +171,21 @@ def switch_off_and_fail(box):
     assert done.stdout == "standard input: vpn 7: applied, STILL RUNNING: the instance still runs\n"
 
 
-def test_switching_off_ends_an_instance_whose_rule_is_gone(running):
+def test_switching_off_ends_an_instance_whose_rule_is_gone(unattended):
     """The module keeps it, since queries may still be steered to it. The agent sees that they are not."""
-    running.apply(message())
+    unattended.apply(message())
     expect("192.168.7.10", "nas.vpn7.example")
     pid = instance_pid()
     (table,) = tables()
     run("ip", "netns", "exec", "vpn_7", "nft", "delete", "table", "inet", table)
 
-    running.apply(message(enable=False))
+    unattended.apply(message(enable=False))
 
     assert not alive(pid)
     assert instances(7) == []
     assert not pid_file().exists()
-    assert "Delete Dnsmasq default policy failed" in running.log()
-    assert running.status()["problems"] == []
+    assert "Delete Dnsmasq default policy failed" in unattended.log()
+    assert unattended.status()["problems"] == []
 
 
 def test_rule_of_another_customer_is_not_removed(box):

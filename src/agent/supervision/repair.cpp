@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -131,13 +132,24 @@ RepairOutcome Repairs::SwitchOff(std::uint32_t vpnId)
     RepairOutcome outcome;
     try {
         PrepareDirectory(vpnId);
+        const std::vector<FileMark> before = MarksOf(vpnId);
         outcome = Apply(vpnId, VQ_DNSMASQ_OP_RELOAD);
+        if (MarksOf(vpnId) != before) {
+            outcome.problem.reset(); // the files were written; what else failed was a rule that is gone already
+        }
         EndProcesses(vpnId);
         instances_.RemovePidFile(vpnId);
     } catch (const std::system_error &failure) {
         outcome.problem = failure.what();
     }
     return outcome;
+}
+
+std::vector<FileMark> Repairs::MarksOf(std::uint32_t vpnId) const
+{
+    std::vector<FileMark> marks;
+    std::ranges::transform(instances_.Files(vpnId), std::back_inserter(marks), MarkOfFile);
+    return marks;
 }
 
 void Repairs::Forsake(std::uint32_t vpnId)

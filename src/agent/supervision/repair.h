@@ -53,6 +53,7 @@ class Repairs {
   private:
     [[nodiscard]] RepairOutcome Apply(std::uint32_t vpnId, VQ_DNSMASQ_OPERATION operation);
     void PrepareDirectory(std::uint32_t vpnId);
+    [[nodiscard]] std::vector<FileMark> MarksOf(std::uint32_t vpnId) const;
     [[nodiscard]] RepairOutcome RepairFiles(std::uint32_t vpnId, pid_t instance);
     [[nodiscard]] RepairOutcome RepairRoutes(std::uint32_t vpnId);
     [[nodiscard]] RepairOutcome RepairPidFile(std::uint32_t vpnId, pid_t instance);

@@ -127,7 +127,7 @@ class Supervisor {
     void RepairRow(std::uint32_t vpnId, bool isStored);
     void WatchDirectories();
     void EndAwaited(std::uint32_t vpnId);
-    void AddToReport(RepairReport &report, std::uint32_t vpnId, std::uint32_t repairsBefore);
+    void AddToReport(RepairReport &report, std::uint32_t vpnId, std::uint32_t repairsBefore, bool hasStarted);
 
     // ---- queries: health.cpp ----
     void BeginTicks();

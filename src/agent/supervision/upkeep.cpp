@@ -38,6 +38,14 @@ bool Has(const std::vector<Difference> &differences, Part part)
     return std::ranges::find(differences, part, &Difference::part) != differences.end();
 }
 
+constexpr const char *kInstanceStarted = "its instance was started";
+
+// 0: no instance is watched.
+pid_t PidOf(const WatchedVpn &vpn)
+{
+    return vpn.instance ? vpn.instance->process.Pid() : 0;
+}
+
 } // namespace
 
 void Supervisor::AddToAgenda(std::uint32_t vpnId, Clock::time_point when)
@@ -125,7 +133,7 @@ std::vector<Difference> Supervisor::Look(std::uint32_t vpnId, bool isThorough)
     WatchedVpn &vpn = Of(vpnId);
     const bool hasRulesetChanged = !vpn.events || vpn.events->TakeRulesetChange();
     LookOptions options;
-    options.instance = vpn.instance ? vpn.instance->process.Pid() : 0;
+    options.instance = PidOf(vpn);
     options.skipsRules = !isThorough && vpn.areRulesRight && !hasRulesetChanged;
     host_.namespaces.BeginRequest();
     std::vector<Difference> differences = LookAt(host_, instances_, vpnId, *vpn.wanted, options);
@@ -181,7 +189,7 @@ void Supervisor::RepairDifferences(std::uint32_t vpnId, const std::vector<Differ
         }
         return;
     }
-    const pid_t instance = vpn.instance ? vpn.instance->process.Pid() : 0;
+    const pid_t instance = PidOf(vpn);
     RepairOutcome outcome = repairs_.Repair(vpnId, *vpn.wanted, differences, instance);
     SaveFacts(vpnId, !outcome.problem);
     const std::vector<Difference> left = Look(vpnId, true);
@@ -289,11 +297,12 @@ void Supervisor::RepairNow(const std::vector<std::uint32_t> &vpnIds,
             }
             continue;
         }
+        const pid_t before = PidOf(Of(vpnId));
         LookAndRepair(vpnId, true);
         if (launches_.IsPending(vpnId)) {
             repair.launching.insert(vpnId);
         } else {
-            AddToReport(repair.report, vpnId, repairsBefore[vpnId]);
+            AddToReport(repair.report, vpnId, repairsBefore[vpnId], PidOf(Of(vpnId)) != before);
         }
     }
     if (repair.launching.empty()) {
@@ -303,12 +312,13 @@ void Supervisor::RepairNow(const std::vector<std::uint32_t> &vpnIds,
     }
 }
 
-void Supervisor::AddToReport(RepairReport &report, std::uint32_t vpnId, std::uint32_t repairsBefore)
+void Supervisor::AddToReport(RepairReport &report, std::uint32_t vpnId, std::uint32_t repairsBefore, bool hasStarted)
 {
     const WatchedVpn &vpn = Of(vpnId);
     const std::string subject = "vpn " + std::to_string(vpnId) + ": ";
     if (vpn.repairs.count != repairsBefore) {
-        report.notes.push_back(subject + "repaired: " + vpn.repairs.text);
+        report.notes.push_back(subject +
+                               "repaired: " + (hasStarted ? std::string(kInstanceStarted) : vpn.repairs.text));
     }
     for (const std::string &text : vpn.missing.texts) {
         report.problems.push_back(subject + text);
@@ -331,7 +341,7 @@ void Supervisor::EndAwaited(std::uint32_t vpnId)
         if (found == vpns_.end()) {
             here->report.problems.push_back(subject + "is not configured any more");
         } else if (found->second.instance) {
-            here->report.notes.push_back(subject + "repaired: its instance was started");
+            here->report.notes.push_back(subject + "repaired: " + kInstanceStarted);
         } else {
             here->report.problems.push_back(subject + found->second.ends.text);
         }
