@@ -260,7 +260,7 @@ TEST_F(UnrepairedTest, WhatAPersonAsksForIsRepaired)
     const FakeInstance &instance = Serve();
     instance.Kill();
     EXPECT_TRUE(RunUntil(loop_, [this] { return Described().fields.ends == 1; }));
-    EXPECT_THAT(RepairNow().notes, ElementsAre("vpn 0: repaired: no instance ran"));
+    EXPECT_THAT(RepairNow().notes, ElementsAre("vpn 0: repaired: its instance was started"));
     EXPECT_TRUE(instances_.IsRunning(0));
 }
 
