@@ -213,7 +213,6 @@ def test_an_agent_that_is_killed_in_a_launch_leaves_one_message_in_force(served,
         end_agent(served)
         assert asking.wait(timeout=10) == 3, "the message was confirmed"
         is_applied = "vpn 7: applied" in log_since(served, mark)
-        assert is_applied == (moment > 0.8), "the moment is another one than meant"
         served.start()
         time.sleep(3)  # a process that was held may still come
 
