@@ -128,7 +128,6 @@ class Agent {
     int Run();
 
   private:
-    void BeginStart();
     void Stop(const char *why, int status);
     void ReadConfigurationAgain();
     void CheckMemory();

@@ -156,6 +156,9 @@ class Controller:
         while self.send(self.dice.choice(self.messages[vpn]["reboot"])) is None:
             pass
 
+    def check_refusal(self, one, result):
+        assert result == NO_INSTANCE and one.fields["operation"] == "reload", (result, one.fields)
+
     def send(self, one):
         """Sends one message. Returns its result; None if there was no answer."""
         history = self.histories[one.vpn]
@@ -166,7 +169,7 @@ class Controller:
             history.unanswered.append(one)
         elif result < 0:
             self.refused += 1
-            assert result == NO_INSTANCE and one.fields["operation"] == "reload", (result, one.fields)
+            self.check_refusal(one, result)
         else:
             self.confirmed += 1
             history.confirmed, history.unanswered = one, []

@@ -15,14 +15,14 @@ def started(box, vpn=7):
     return instance_pid(vpn)
 
 
-def test_restart_ends_an_old_instance_that_holds_the_port(running):
+def test_restart_ends_an_old_instance_that_holds_the_port(unattended):
     """An instance that no pid file names is found by its tag and ended; the new instance can bind the port."""
-    old = started(running)
+    old = started(unattended)
     gone = subprocess.Popen(["true"])
     gone.wait()
     pid_file().write_text(f"{gone.pid}\n")
 
-    running.apply(message(dnshosts=[{"domain": "new.vpn7.example", "ip": "192.168.7.99"}]))
+    unattended.apply(message(dnshosts=[{"domain": "new.vpn7.example", "ip": "192.168.7.99"}]))
 
     expect("192.168.7.99", "new.vpn7.example")
     assert not alive(old)
@@ -58,24 +58,24 @@ def test_reload_without_an_instance_is_reported(running):
     assert running.status()["problems"] == []
 
 
-def test_pid_file_that_names_another_process(running):
+def test_pid_file_that_names_another_process(unattended):
     """Reload, restart and stop never signal a process that is not the VPN's instance."""
-    own = started(running)
+    own = started(unattended)
     bystander = subprocess.Popen(["sleep", "60"])
     try:
         pid_file().write_text(f"{bystander.pid}\n")
-        said = running.refused(message(operation="reload"))
+        said = unattended.refused(message(operation="reload"))
         assert said.startswith("vpn 7: refused (-3 No such process): ")
         assert str(bystander.pid) in said and "sleep" in said
 
-        running.apply(message())
+        unattended.apply(message())
         assert bystander.poll() is None
         assert not alive(own)
         expect("192.168.7.10", "nas.vpn7.example")
 
         end(instance_pid())
         pid_file().write_text(f"{bystander.pid}\n")
-        running.apply(message(enable=False))
+        unattended.apply(message(enable=False))
         assert bystander.poll() is None
         assert not pid_file().exists()
     finally:
@@ -156,20 +156,20 @@ def test_status_reports_problems(unattended):
     assert f"vpn 7: {bad['problems'][0]}" in shown.stdout + shown.stderr
 
 
-def test_instance_that_does_not_start_is_reported(running):
+def test_instance_that_does_not_start_is_reported(unattended):
     """dnsmasq refuses a file: the message is applied, and nothing answers."""
     broken = DNSMASQ / "vpn_7/dnsmasq.d/broken.conf"
     broken.write_text("no-such-option\n")
 
-    done = running.vqctl("apply", "-", input=json.dumps(message()))
+    done = unattended.vqctl("apply", "-", input=json.dumps(message()))
 
     assert done.returncode == 4
     assert done.stdout == ("standard input: vpn 7: applied, NOT RUNNING: the instance did not come up: "
                            "dnsmasq: bad option at line 1 of /etc/kavel/dnsmasq/vpn_7/dnsmasq.d//broken.conf\n")
-    assert running.status()["problems"] == ["no instance runs: it did not start, or was ended from outside"]
+    assert unattended.status()["problems"] == ["no instance runs: it did not start, or was ended from outside"]
     broken.unlink()
-    started(running)
-    assert running.status()["problems"] == []
+    started(unattended)
+    assert unattended.status()["problems"] == []
 
 
 def test_desired_state_survives_a_restart_of_the_agent(unattended):

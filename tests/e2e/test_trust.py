@@ -85,12 +85,12 @@ def test_dnsmasqs_user_cannot_direct_signals_at_other_processes(running, bystand
     expect("192.168.7.10", "nas.vpn7.example")
 
 
-def test_a_pid_of_another_vpn_does_not_end_its_instance(running):
-    running.apply(message(7), message(8))
+def test_a_pid_of_another_vpn_does_not_end_its_instance(unattended):
+    unattended.apply(message(7), message(8))
     other = instance_pid(8)
     pid_file(7).write_text(f"{other}\n")
 
-    running.apply(message(7))
+    unattended.apply(message(7))
 
     assert alive(other)
     assert instances(8) == [other]

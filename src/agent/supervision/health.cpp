@@ -103,12 +103,12 @@ void Supervisor::RunProbe(const std::vector<DnsTarget> &targets, OnEnd onEnd)
         return;
     }
     const auto here = probes_.emplace(probes_.end());
-    here->probe = std::make_unique<DnsProbe>(loop_, host_.namespaces, targets, kProbeTimeout,
-                                             [this, here, onEnd](const std::set<std::size_t> &answering) {
-                                                 const RunningProbe ended = std::move(*here);
-                                                 probes_.erase(here);
-                                                 onEnd(answering);
-                                             });
+    *here = std::make_unique<DnsProbe>(loop_, host_.namespaces, targets, kProbeTimeout,
+                                       [this, here, onEnd](const std::set<std::size_t> &answering) {
+                                           const std::unique_ptr<DnsProbe> ended = std::move(*here);
+                                           probes_.erase(here);
+                                           onEnd(answering);
+                                       });
 }
 
 void Supervisor::ProbeInstances(bool overTcp)

@@ -151,6 +151,11 @@ void AddMissingInterface(Host &host, const Vpn &vpn, const std::string &name, Mi
 
 } // namespace
 
+bool Has(std::span<const Difference> differences, Part part)
+{
+    return std::ranges::find(differences, part, &Difference::part) != differences.end();
+}
+
 std::vector<Difference> LookAt(Host &host, const Instances &instances, std::uint32_t vpnId, const InForce &wanted,
                                const LookOptions &options)
 {

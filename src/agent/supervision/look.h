@@ -5,7 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -17,8 +17,7 @@ namespace kavel::agent {
 
 // What can differ. The order is the order of the repairs.
 enum class Part {
-    kNamespace, // its loopback interface, its policy rule
-    kFiles,     // their directory and their rights, too
+    kFiles, // their directory and their rights, too
     kRoutes,
     kInstance, // it does not run, or in another namespace; with a service that is off: it runs
     kPidFile,
@@ -30,6 +29,9 @@ struct Difference {
     std::string text; // in the past tense, without the VPN: "the steering rule was gone"
     bool operator==(const Difference &) const = default;
 };
+
+// Whether one of them is about this part.
+[[nodiscard]] bool Has(std::span<const Difference> differences, Part part);
 
 struct LookOptions {
     pid_t instance = 0;      // the process that is known to be the running instance; 0: that of the pid file counts

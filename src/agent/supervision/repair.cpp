@@ -36,11 +36,6 @@ void OpenDirectory(const std::string &directory)
     }
 }
 
-bool HasPart(std::span<const Difference> differences, Part part)
-{
-    return std::ranges::find(differences, part, &Difference::part) != differences.end();
-}
-
 } // namespace
 
 // Runs `work`, which calls the module; what it throws or what the module says is the problem.
@@ -53,11 +48,11 @@ RepairOutcome Repairs::WithModule(std::uint32_t vpnId, Work work)
         const VpnScope scope(host_, vpnId);
         const std::int32_t result = work();
         if (result < 0) {
-            return {false, host_.moduleErrors.Cause(result).value_or(std::strerror(-result))};
+            return {host_.moduleErrors.Cause(result).value_or(std::strerror(-result))};
         }
         return {};
     } catch (const std::exception &failure) {
-        return {false, failure.what()};
+        return {failure.what()};
     }
 }
 
@@ -65,9 +60,9 @@ RepairOutcome Repairs::Apply(std::uint32_t vpnId, VQ_DNSMASQ_OPERATION operation
 {
     try {
         RecordNode node = RecordOf(host_, module_, vpnId, inForce_.ReadContent(vpnId));
-        return {false, ApplyRecord(host_, module_, vpnId, std::move(node), operation)};
+        return {ApplyRecord(host_, module_, vpnId, std::move(node), operation)};
     } catch (const std::exception &failure) {
-        return {false, failure.what()};
+        return {failure.what()};
     }
 }
 
@@ -122,7 +117,6 @@ RepairOutcome Repairs::Restart(std::uint32_t vpnId)
         const RepairOutcome alone = WithModule(vpnId, [&] { return module_.restartInstance(vpnId); });
         outcome.problem = alone.problem ? alone.problem : outcome.problem;
     }
-    outcome.hasLaunched = true; // if not, the wait for it ends soon
     return outcome;
 }
 
@@ -173,7 +167,7 @@ RepairOutcome Repairs::RepairFiles(std::uint32_t vpnId, pid_t instance)
             instances_.WritePidFile(vpnId, instance); // the module signals the process that it names
         }
     } catch (const std::system_error &failure) {
-        return {false, failure.what()};
+        return {failure.what()};
     }
     return Apply(vpnId, VQ_DNSMASQ_OP_RELOAD);
 }
@@ -215,7 +209,6 @@ RepairOutcome Repairs::InstallRules(std::uint32_t vpnId)
 RepairOutcome Repairs::RepairPart(std::uint32_t vpnId, Part part, pid_t instance)
 {
     switch (part) {
-    case Part::kNamespace:
     case Part::kInstance:
         return {}; // not repaired by itself
     case Part::kFiles:
@@ -236,7 +229,7 @@ RepairOutcome Repairs::Repair(std::uint32_t vpnId, const InForce &wanted, std::s
     if (!wanted.enables) {
         return SwitchOff(vpnId);
     }
-    if (HasPart(differences, Part::kInstance)) {
+    if (Has(differences, Part::kInstance)) {
         return Restart(vpnId);
     }
     RepairOutcome outcome;

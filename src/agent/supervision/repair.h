@@ -22,7 +22,6 @@ namespace kavel::agent {
 
 // What a repair has done.
 struct RepairOutcome {
-    bool hasLaunched = false;           // an instance was started: whether it runs is not known yet
     std::optional<std::string> problem; // why something could not be repaired
 };
 

@@ -131,9 +131,9 @@ bool Supervisor::LoadStoredRow(std::uint32_t vpnId)
 void Supervisor::BringBack(std::uint32_t vpnId)
 {
     WatchedVpn &vpn = Of(vpnId);
-    vpn.isUnconfirmed = marked_.contains(vpnId);
+    const bool isUnconfirmed = marked_.contains(vpnId); // a launch was begun that nobody has confirmed
     vpn.wanted = inForce_.Read(vpnId);
-    bool mustApply = vpn.isUnconfirmed;
+    bool mustApply = isUnconfirmed;
     if (!vpn.wanted && LoadStoredRow(vpnId)) {
         mustApply = true;
     } else if (!vpn.wanted && instances_.IsMeantToRun(vpnId)) {
@@ -153,7 +153,7 @@ void Supervisor::BringBack(std::uint32_t vpnId)
         }
     }
     if (!vpn.wanted) {
-        if (vpn.isUnconfirmed) {
+        if (isUnconfirmed) {
             Log(LogLevel::kNotice, "vpn %u: its instance was started by a message that nobody has confirmed", vpnId);
             repairs_.Forsake(vpnId);
             RemoveMark(vpnId);

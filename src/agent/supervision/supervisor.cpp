@@ -197,7 +197,6 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
     vpn.repairFailures = 0;
     vpn.repairAt = {};
     vpn.upstreamUnanswered.clear();
-    vpn.isUnconfirmed = false;
     RefreshNamespace(vpnId);
     if (!message.enables) {
         SwitchedOff(vpnId);
@@ -362,7 +361,6 @@ void Supervisor::JudgeLaunch(std::uint32_t vpnId, bool isRunning)
     ScheduleLook(vpnId, Clock::now() + (isRunning ? kCheckAfterStart : interval));
     if (isRunning) {
         WatchInstance(vpnId);
-        vpn.isUnconfirmed = false;
         if (!repairing.empty()) {
             NoteRepair(vpnId, repairing);
         }

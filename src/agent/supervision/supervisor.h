@@ -125,6 +125,7 @@ class Supervisor {
     void NoteRepair(std::uint32_t vpnId, const std::string &what);
     void CheckRows();
     void RepairRow(std::uint32_t vpnId, bool isStored);
+    void RepairRowOrLog(std::uint32_t vpnId, bool isStored);
     void WatchDirectories();
     void EndAwaited(std::uint32_t vpnId);
     void AddToReport(RepairReport &report, std::uint32_t vpnId, std::uint32_t repairsBefore, bool hasStarted);
@@ -175,7 +176,7 @@ class Supervisor {
     Clock::time_point nextRowCheck_;
     std::optional<EventSource> pidFiles_;
     std::optional<EventSource> namespaceFiles_;
-    std::list<RunningProbe> probes_;
+    std::list<std::unique_ptr<DnsProbe>> probes_; // that are under way
 };
 
 } // namespace kavel::agent

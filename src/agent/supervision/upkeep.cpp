@@ -33,11 +33,6 @@ std::string TextOf(const std::vector<Difference> &differences)
     return text;
 }
 
-bool Has(const std::vector<Difference> &differences, Part part)
-{
-    return std::ranges::find(differences, part, &Difference::part) != differences.end();
-}
-
 constexpr const char *kInstanceStarted = "its instance was started";
 
 // 0: no instance is watched.
@@ -230,6 +225,18 @@ void Supervisor::RepairRow(std::uint32_t vpnId, bool isStored)
     NoteRepair(vpnId, "its stored row was gone");
 }
 
+// A content that cannot be read is that VPN's own trouble. Throws std::system_error when the store fails.
+void Supervisor::RepairRowOrLog(std::uint32_t vpnId, bool isStored)
+{
+    try {
+        RepairRow(vpnId, isStored);
+    } catch (const std::system_error &) {
+        throw;
+    } catch (const std::exception &failure) {
+        Log(LogLevel::kWarning, "vpn %u: its stored row is not repaired: %s", vpnId, failure.what());
+    }
+}
+
 // The store is asked once for all VPNs: it may be locked, and each question would wait.
 void Supervisor::CheckRows()
 {
@@ -240,7 +247,7 @@ void Supervisor::CheckRows()
             const bool isStored = stored.contains(vpnId);
             // What an older agent has put into force is not known.
             if (IsIdle(vpnId) && vpn.wanted->isStored != isStored && !vpn.wanted->files.empty()) {
-                RepairRow(vpnId, isStored);
+                RepairRowOrLog(vpnId, isStored);
             }
         }
     } catch (const std::exception &failure) {

@@ -20,11 +20,6 @@
 
 namespace kavel::agent {
 
-// A query that is under way.
-struct RunningProbe {
-    std::unique_ptr<DnsProbe> probe;
-};
-
 // As many queries in a row without an answer count as a failure.
 inline constexpr unsigned kUnansweredMax = 3;
 
@@ -47,7 +42,6 @@ struct WatchedVpn {
 
     std::optional<InForce> wanted; // nothing: nothing is in force
     bool isBack = false;           // its state was restored; requests need not wait
-    bool isUnconfirmed = false;    // a launch was begun that nobody has confirmed
     Missing missing;
     std::optional<NamespaceId> netns;
     std::unique_ptr<NamespaceEvents> events;
