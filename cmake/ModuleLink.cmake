@@ -11,5 +11,5 @@ macro(kavel_module_link TARGET MAP)
   set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
   set_target_properties(${TARGET} PROPERTIES LINKER_LANGUAGE C LINK_DEPENDS ${MAP})
   target_link_options(${TARGET} PRIVATE
-    -Wl,--version-script=${MAP} -Wl,--as-needed -Wl,-z,relro -Wl,-z,now)
+    -Wl,--version-script=${MAP} -Wl,--as-needed -Wl,-soname,$<TARGET_FILE_NAME:${TARGET}>)
 endmacro()

@@ -48,7 +48,7 @@ std::optional<NamespaceId> NamespaceAt(const std::string &path)
 std::string NamespaceTool()
 {
     constexpr std::size_t kPathMax = 60;
-    const std::string path = BesideProgramOr(KAVEL_PROGRAM_DIR, "netns-exec");
+    const std::string path = ProgramFile(KAVEL_PROGRAM_DIR, "netns-exec");
     const bool isPlain = std::ranges::all_of(path, [](unsigned char letter) {
         return std::isalnum(letter) != 0 ||
                std::string_view("/._+-").find(static_cast<char>(letter)) != std::string_view::npos;

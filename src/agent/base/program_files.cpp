@@ -4,11 +4,12 @@
 
 namespace kavel::agent {
 
-std::string BesideProgramOr(const std::string &directory, const std::string &file)
+std::string ProgramFile(const std::string &directory, const std::string &file)
 {
     std::error_code ignored;
-    const auto beside = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path() / file;
-    return std::filesystem::exists(beside, ignored) ? beside.string() : directory + "/" + file;
+    const auto here = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
+    const auto beside = here / file;
+    return std::filesystem::exists(beside, ignored) ? beside : (here / directory / file).lexically_normal();
 }
 
 } // namespace kavel::agent

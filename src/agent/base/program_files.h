@@ -6,9 +6,9 @@
 
 namespace kavel::agent {
 
-// The path of `file`: beside the program if it is there, or else in the directory of the installation. Nobody looks
-// whether it is in the second.
-[[nodiscard]] std::string BesideProgramOr(const std::string &directory, const std::string &file);
+// The path of `file`: beside the program if it is there, as in the build tree; or else in the directory of the
+// installation, which is given relative to the program's. Nobody looks whether it is in the second.
+[[nodiscard]] std::string ProgramFile(const std::string &directory, const std::string &file);
 
 } // namespace kavel::agent
 

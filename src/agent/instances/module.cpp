@@ -27,7 +27,7 @@ void Module::Find(Function &function, const char *name) const
 }
 
 Module::Module(const std::string &path, Host &host)
-    : path_(path.empty() ? BesideProgramOr(KAVEL_MODULE_DIR, kFileName) : std::filesystem::absolute(path).string()),
+    : path_(path.empty() ? ProgramFile(KAVEL_MODULE_DIR, kFileName) : std::filesystem::absolute(path).string()),
       handle_(::dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL))
 {
     if (!handle_) {
