@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -22,6 +23,7 @@
 #include "base/log.h"
 #include "base/procfs.h"
 #include "instances/agent_lock.h"
+#include "instances/in_force.h"
 #include "instances/instances.h"
 #include "instances/module.h"
 #include "instances/pending_launches.h"
@@ -30,6 +32,7 @@
 #include "services/memory_malloc.h"
 #include "socket/control_socket.h"
 #include "socket/requests.h"
+#include "supervision/repair.h"
 #include "supervision/supervisor.h"
 
 using namespace kavel::agent;
@@ -46,6 +49,8 @@ constexpr const char *kHelp = "Runs one DNS service per VPN of this box.\n"
                               "usage: vqagent [options]\n"
                               "  --config FILE  configuration file (/etc/kavel/agent.json)\n"
                               "  --module FILE  DNS module to load instead of the installed one\n"
+                              "  --stop-all     end all instances with their rules and routes, and exit; what is\n"
+                              "                 stored stays. Not while an agent runs: vqctl stop --all\n"
                               "  --version      print the version and exit\n"
                               "  --help         print this text and exit\n";
 
@@ -57,13 +62,15 @@ class UsageError : public std::runtime_error {
 struct Options {
     std::string config = "/etc/kavel/agent.json";
     std::string module;
+    bool stopsAll = false;
     const char *printOnly = nullptr; // a text to print instead of running
 };
 
 Options ParseOptions(int argc, char **argv)
 {
-    static constexpr std::array<option, 5> kOptions{{{"config", required_argument, nullptr, 'c'},
+    static constexpr std::array<option, 6> kOptions{{{"config", required_argument, nullptr, 'c'},
                                                      {"module", required_argument, nullptr, 'm'},
+                                                     {"stop-all", no_argument, nullptr, 's'},
                                                      {"version", no_argument, nullptr, 'v'},
                                                      {"help", no_argument, nullptr, 'h'},
                                                      {nullptr, 0, nullptr, 0}}};
@@ -76,6 +83,9 @@ Options ParseOptions(int argc, char **argv)
             break;
         case 'm':
             options.module = optarg;
+            break;
+        case 's':
+            options.stopsAll = true;
             break;
         case 'v':
             options.printOnly = "vqagent " KAVEL_VERSION "\n";
@@ -223,6 +233,31 @@ void Agent::CheckMemory()
     }
 }
 
+// The instances outlive the agent, so that they can be there without one. Those of VPNs that are not configured any
+// more are ended as well; their namespace is not known.
+int StopAll(const Options &options, Config config)
+{
+    Host host(std::move(config));
+    const Module module(options.module, host);
+    const Instances instances({}, host.identity);
+    const InForceFiles inForce(instances);
+    Repairs repairs(host, instances, module.Functions(), inForce);
+    std::set<std::uint32_t> vpnIds = instances.WithProcesses();
+    vpnIds.insert(0);
+    for (const Vpn &vpn : host.config.vpns) {
+        vpnIds.insert(vpn.id);
+    }
+    int status = EXIT_SUCCESS;
+    for (const std::uint32_t vpnId : vpnIds) {
+        host.namespaces.BeginRequest();
+        if (const RepairOutcome outcome = repairs.TakeDown(vpnId); outcome.problem) {
+            Log(LogLevel::kError, "vpn %u: %s", vpnId, outcome.problem->c_str());
+            status = kExitFailure;
+        }
+    }
+    return status;
+}
+
 int Run(const Options &options)
 {
     ::umask(kUmask);
@@ -232,6 +267,9 @@ int Run(const Options &options)
     ConfigureLog(config.log);
     const AgentLock lock(config.socket);
     AdjustLimits(config);
+    if (options.stopsAll) {
+        return StopAll(options, std::move(config));
+    }
     return Agent(options, std::move(config)).Run();
 }
 

@@ -206,6 +206,25 @@ int ReportRefusal(const Session &session, const std::string &subject, const Kave
     return kRefused;
 }
 
+bool HasSomethingToStop(const Kavel__VpnStatus &vpn)
+{
+    return vpn.meant != 0 || vpn.pid_file != 0 || vpn.starting != 0 || vpn.routes != 0 || vpn.rule != 0 ||
+           vpn.dnat != 0;
+}
+
+std::vector<std::uint32_t> VpnsToStop(const Session &session, Client &client)
+{
+    const ReplyPtr reply =
+        Exchange(session, client, PackRequest(NewRequest(KAVEL__REQUEST__VERB__STATUS, std::nullopt)), "status");
+    std::vector<std::uint32_t> vpns;
+    for (const Kavel__VpnStatus *vpn : std::span(reply->vpns, reply->n_vpns)) {
+        if (HasSomethingToStop(*vpn)) {
+            vpns.push_back(vpn->vpn);
+        }
+    }
+    return vpns;
+}
+
 int ReportError(const Session &session, const std::exception &error, ExitCode code)
 {
     session.out.flush();
@@ -306,6 +325,27 @@ int Repair(const Session &session, std::optional<std::uint32_t> vpn)
     }
     session.out << (reply->n_notes == 0 ? "nothing to repair\n" : "");
     return kDone;
+}
+
+int Stop(const Session &session, std::optional<std::uint32_t> vpn)
+{
+    Client client = Client::Connect(session.socket, session.timeout);
+    int code = kDone;
+    for (const std::uint32_t one : vpn ? std::vector{*vpn} : VpnsToStop(session, client)) {
+        const std::string subject = SubjectText(one);
+        const ReplyPtr reply =
+            Exchange(session, client, PackRequest(NewRequest(KAVEL__REQUEST__VERB__STOP, one)), subject + " to stop");
+        if (reply->result < 0) {
+            session.out << subject << ": refused " << RefusalText(*reply) << std::endl;
+            return kRefused;
+        }
+        session.out << subject << ": " << (reply->text == nullptr ? "stopped" : "NOT STOPPED") << std::endl;
+        if (reply->text != nullptr) {
+            session.err << "vqctl: " << subject << ": " << Printable(reply->text) << std::endl;
+            code = kNotAsAsked;
+        }
+    }
+    return code;
 }
 
 int VpnInit(const Session &session, std::uint32_t vpn)

@@ -55,6 +55,10 @@ int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json);
 int Repair(const Session &session, std::optional<std::uint32_t> vpn);
 
 // Create and remove the instance directory of a VPN.
+// Has the agent end the instance of one VPN, or of all that have something to end, with its rules and routes. What
+// could not be removed is printed on `err`.
+int Stop(const Session &session, std::optional<std::uint32_t> vpn);
+
 int VpnInit(const Session &session, std::uint32_t vpn);
 int VpnRelease(const Session &session, std::uint32_t vpn);
 

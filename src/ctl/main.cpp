@@ -36,6 +36,7 @@ struct Arguments {
     std::string file;
     std::optional<std::string> target;
     std::optional<std::uint32_t> vpn;
+    bool all = false; // of the VPNs
     bool json = false;
     std::function<int()> command;
 };
@@ -113,6 +114,16 @@ void AddRepairCommand(CLI::App &app, Arguments &arguments)
         [&arguments] { arguments.command = [&] { return Repair(arguments.session, arguments.vpn); }; });
 }
 
+void AddStopCommand(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *stop = app.add_subcommand("stop", "End instances with their rules and routes; what is stored stays");
+    CLI::Option *all = stop->add_flag("--all", arguments.all, "Stop every VPN");
+    CLI::Option *one = AddVpn(*stop, arguments, "--vpn", "Stop only this VPN");
+    all->excludes(one);
+    stop->require_option(1);
+    stop->final_callback([&arguments] { arguments.command = [&] { return Stop(arguments.session, arguments.vpn); }; });
+}
+
 void AddVpnCommand(CLI::App &app, Arguments &arguments)
 {
     CLI::App *vpn = app.add_subcommand("vpn", "Create or remove the instance directory of a VPN");
@@ -156,6 +167,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     AddMessageCommands(app, arguments);
     AddStatusCommand(app, arguments);
     AddRepairCommand(app, arguments);
+    AddStopCommand(app, arguments);
     AddVpnCommand(app, arguments);
     AddStoreCommand(app, arguments);
 }

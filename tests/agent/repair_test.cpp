@@ -233,6 +233,43 @@ TEST_F(RepairTest, APidFileThatCannotBeRemovedIsAProblem)
     EXPECT_THAT(repairs_.SwitchOff(0).problem.value_or(""), HasSubstr("kvl_dns_vpn_0.pid"));
 }
 
+// Without root the rules of a namespace cannot be read: what is left then is a case of the end-to-end tests.
+TEST_F(RepairTest, TakingDownSwitchesOffWhatIsInForce)
+{
+    const FakeInstance instance(box_, 0, OwnProgram());
+    box_.WritePidFile(0, std::to_string(instance.Pid()));
+    bool isEnabled = true;
+    module_.onRecover = [this, &isEnabled] {
+        VQ_PersistentConfList *list = host_.store.List(VQ_SQL_CONF_CPE_DNSMASQ);
+        isEnabled = reinterpret_cast<const VQ_DnsmasqConfNode *>(list->Head.next)->Dnsmasq.Enable != FALSE;
+        VQ_SqliteConfListRelease(list);
+        return 0;
+    };
+    const LogCapture log;
+    (void)repairs_.TakeDown(0);
+    EXPECT_THAT(module_.calls, ElementsAre("translate", "recover"));
+    EXPECT_FALSE(isEnabled);
+    EXPECT_FALSE(instance.IsAlive());
+    EXPECT_FALSE(instances_.ReadPidFile(0).exists);
+}
+
+TEST_F(RepairTest, TakingDownEndsAnInstanceOfWhichNothingIsKnown)
+{
+    inForce_.Remove(0);
+    const FakeInstance instance(box_, 0, OwnProgram());
+    const LogCapture log;
+    (void)repairs_.TakeDown(0);
+    EXPECT_THAT(module_.calls, ElementsAre());
+    EXPECT_FALSE(instance.IsAlive());
+}
+
+TEST_F(RepairTest, WhatCannotBeTakenDownIsAProblem)
+{
+    std::filesystem::create_directories(box_.Path(PidFilePath(0)));
+    EXPECT_THAT(repairs_.TakeDown(0).problem.value_or(""), HasSubstr("kvl_dns_vpn_0.pid"));
+    EXPECT_NE(inForce_.Read(0), std::nullopt) << "it can be tried again";
+}
+
 TEST_F(RepairTest, WhatNobodyHasConfirmedIsRemoved)
 {
     const FakeInstance instance(box_, 0, OwnProgram());

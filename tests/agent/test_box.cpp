@@ -336,6 +336,7 @@ FakeModule::FakeModule()
     functions.addRoutes = [](const VQ_CTRL_DNSMASQ_CONF *record) {
         return Current().NotePart(VpnText("add routes of", record->VpnId));
     };
+    functions.removeRoutes = [](std::uint32_t vpnId) { (void)Current().NotePart(VpnText("remove routes of", vpnId)); };
     functions.addPolicy = [](std::uint32_t vpnId) { return Current().NotePart(VpnText("add rule of", vpnId)); };
     functions.removePolicy = [](std::uint32_t vpnId) { return Current().NotePart(VpnText("remove rule of", vpnId)); };
     functions.addDnat = [](std::uint32_t address) { return Current().NotePart(VpnText("add DNAT to", address)); };

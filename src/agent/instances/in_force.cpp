@@ -1,6 +1,7 @@
 #include "instances/in_force.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
@@ -118,6 +119,14 @@ void InForceFiles::Write(std::uint32_t vpnId, const InForce &facts, const InForc
 {
     ReplaceFile(instances_.StatePath(vpnId, kKind),
                 TextOf(facts) + (content.isMessage ? kMessageTag : kRecordTag) + content.bytes, kPrivate);
+}
+
+void InForceFiles::Remove(std::uint32_t vpnId) const
+{
+    const std::string path = instances_.StatePath(vpnId, kKind);
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        ThrowLastErrno(path);
+    }
 }
 
 void InForceFiles::Write(std::uint32_t vpnId, const InForce &facts) const

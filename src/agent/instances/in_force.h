@@ -52,6 +52,9 @@ class InForceFiles {
     void Write(std::uint32_t vpnId, const InForce &facts, const InForceContent &content) const;
     void Write(std::uint32_t vpnId, const InForce &facts) const;
 
+    // Nothing is in force from then on. Throws std::system_error.
+    void Remove(std::uint32_t vpnId) const;
+
   private:
     const Instances &instances_;
 };

@@ -46,6 +46,7 @@ Module::Module(const std::string &path, Host &host)
     Find(functions_.stopInstance, "VQCtrl_DnsmasqStop");
     Find(functions_.restartInstance, "VQCtrl_DnsmasqReboot");
     Find(functions_.addRoutes, "VQCtrl_AddDnsmasqRouteForVpn");
+    Find(functions_.removeRoutes, "VQCtrl_DelDnsmasqRouteForVpn");
     Find(functions_.addPolicy, "VQCtrl_ConfigAddDnsmasqPolicy");
     Find(functions_.removePolicy, "VQCtrl_ConfigDelDnsmasqPolicy");
     Find(functions_.addDnat, "VQCtrl_ConfigAddDnsmasqDnat");

@@ -23,6 +23,7 @@ struct ModuleFunctions {
     decltype(&VQCtrl_DnsmasqStop) stopInstance = nullptr;
     decltype(&VQCtrl_DnsmasqReboot) restartInstance = nullptr;
     decltype(&VQCtrl_AddDnsmasqRouteForVpn) addRoutes = nullptr;
+    decltype(&VQCtrl_DelDnsmasqRouteForVpn) removeRoutes = nullptr;
     decltype(&VQCtrl_ConfigAddDnsmasqPolicy) addPolicy = nullptr;
     decltype(&VQCtrl_ConfigDelDnsmasqPolicy) removePolicy = nullptr;
     decltype(&VQCtrl_ConfigAddDnsmasqDnat) addDnat = nullptr;

@@ -230,20 +230,31 @@ VQ_ERR_T ChangeRoute(std::uint32_t vpnId, const VQ_RTC_ROUTE_CONF *route,
     });
 }
 
-} // namespace
-
-bool EnsurePolicyRule(Host &host, std::uint32_t vpnId)
+// Whether the rule was changed; false if the kernel answered `expected`.
+bool ChangePolicyRule(Host &host, std::uint32_t vpnId, std::uint16_t type, std::uint16_t flags, int expected)
 {
-    return host.routeSockets.With(vpnId, [](NetlinkSocket &socket) {
-        NetlinkMessage message(RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL);
+    return host.routeSockets.With(vpnId, [&](NetlinkSocket &socket) {
+        NetlinkMessage message(type, flags);
         auto *rule = message.PutExtra<fib_rule_hdr>();
         rule->family = AF_INET;
         rule->table = kDnsRouteTable;
         rule->action = FR_ACT_TO_TBL;
         mnl_attr_put_u32(message.Header(), FRA_PRIORITY, kRulePriority);
         mnl_attr_put_u32(message.Header(), FRA_TABLE, kDnsRouteTable);
-        return socket.RequestUnless(EEXIST, message);
+        return socket.RequestUnless(expected, message);
     });
+}
+
+} // namespace
+
+bool EnsurePolicyRule(Host &host, std::uint32_t vpnId)
+{
+    return ChangePolicyRule(host, vpnId, RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, EEXIST);
+}
+
+void RemovePolicyRule(Host &host, std::uint32_t vpnId)
+{
+    ChangePolicyRule(host, vpnId, RTM_DELRULE, 0, ENOENT);
 }
 
 std::uint32_t CountRoutes(Host &host, std::uint32_t vpnId, std::uint32_t table)

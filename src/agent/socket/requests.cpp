@@ -89,6 +89,9 @@ void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest recei
     case KAVEL__REQUEST__VERB__REPAIR:
         BeginRepair(request, received.respond);
         return;
+    case KAVEL__REQUEST__VERB__STOP:
+        HandleStop(request, std::move(received), wasQueued);
+        return;
     case KAVEL__REQUEST__VERB__CHECK:
         received.respond(Check(MessageOf(request)));
         return;
@@ -184,6 +187,20 @@ void Requests::BeginRepair(const Kavel__Request &request, const Respond &respond
                               }
                               respond(answer);
                           });
+}
+
+void Requests::HandleStop(const Kavel__Request &request, ReceivedRequest received, bool wasQueued)
+{
+    if (request.has_vpn == 0 || !host_.config.Serves(request.vpn)) {
+        received.respond(request.has_vpn == 0 ? Refusal(-EINVAL, "no vpn is named") : NotConfigured(request.vpn));
+        return;
+    }
+    RunInOrder(request.vpn, std::move(received), wasQueued, [&](const Respond &respond) {
+        Answer answer;
+        answer.vpn = request.vpn;
+        answer.text = supervisor_.TakeDown(request.vpn);
+        respond(answer);
+    });
 }
 
 void Requests::BeginStatus(const Kavel__Request &request, const Respond &respond)

@@ -55,6 +55,7 @@ class Requests {
     [[nodiscard]] Respond Recorded(const ControllerMessage &message, const Kavel__Request &request, std::string sender,
                                    const Respond &respond);
     void BeginRepair(const Kavel__Request &request, const Respond &respond);
+    void HandleStop(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
     [[nodiscard]] std::vector<std::uint32_t> ServedVpns() const;
     [[nodiscard]] std::string LaunchFailure(const ControllerMessage &message) const;
     [[nodiscard]] OptionalAnswer ApplyObjection(const ControllerMessage &message) const;

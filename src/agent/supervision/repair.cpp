@@ -1,6 +1,7 @@
 #include "supervision/repair.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,7 +16,10 @@
 
 #include "base/failure.h"
 #include "base/log.h"
+#include "services/launch_mark.h"
 #include "services/process_end.h"
+#include "services/routes_netlink.h"
+#include "services/rules_nftables.h"
 #include "supervision/content.h"
 
 namespace kavel::agent {
@@ -56,10 +60,11 @@ RepairOutcome Repairs::WithModule(std::uint32_t vpnId, Work work)
     }
 }
 
-RepairOutcome Repairs::Apply(std::uint32_t vpnId, VQ_DNSMASQ_OPERATION operation)
+RepairOutcome Repairs::Apply(std::uint32_t vpnId, VQ_DNSMASQ_OPERATION operation, bool switchesOff)
 {
     try {
         RecordNode node = RecordOf(host_, module_, vpnId, inForce_.ReadContent(vpnId));
+        node->Dnsmasq.Enable = switchesOff ? FALSE : node->Dnsmasq.Enable;
         return {ApplyRecord(host_, module_, vpnId, std::move(node), operation)};
     } catch (const std::exception &failure) {
         return {failure.what()};
@@ -127,7 +132,7 @@ RepairOutcome Repairs::SwitchOff(std::uint32_t vpnId)
     try {
         PrepareDirectory(vpnId);
         const std::vector<FileMark> before = MarksOf(vpnId);
-        outcome = Apply(vpnId, VQ_DNSMASQ_OP_RELOAD);
+        outcome = Apply(vpnId, VQ_DNSMASQ_OP_RELOAD, true);
         if (MarksOf(vpnId) != before) {
             outcome.problem.reset(); // the files were written; what else failed was a rule that is gone already
         }
@@ -137,6 +142,49 @@ RepairOutcome Repairs::SwitchOff(std::uint32_t vpnId)
         outcome.problem = failure.what();
     }
     return outcome;
+}
+
+// What the module has not found to remove, such as the rule of an older agent.
+void Repairs::RemoveRulesAndRoutes(std::uint32_t vpnId)
+{
+    if (!host_.config.Serves(vpnId) || FindMissing(host_, vpnId).isNamespace) {
+        return; // its namespace is not known, or they are gone with it
+    }
+    const InstalledRules rules = FindInstalledRules(host_, vpnId);
+    if (rules.dns || rules.stale) {
+        (void)WithModule(vpnId, [&] { return module_.removePolicy(vpnId); });
+    }
+    if (vpnId != 0) {
+        (void)WithModule(vpnId, [&] {
+            module_.removeRoutes(vpnId);
+            return 0;
+        });
+        RemovePolicyRule(host_, vpnId);
+    }
+    const InstalledRules left = FindInstalledRules(host_, vpnId);
+    if (left.dns || left.dnat || left.stale) {
+        throw std::runtime_error("a steering rule is left");
+    }
+    if (vpnId != 0 && CountRoutes(host_, vpnId, kDnsRouteTable) > 0) {
+        throw std::runtime_error("routes are left");
+    }
+}
+
+RepairOutcome Repairs::TakeDown(std::uint32_t vpnId)
+{
+    host_.launchOutputs.End(vpnId);
+    if (inForce_.Read(vpnId)) {
+        (void)SwitchOff(vpnId); // what it could not remove is removed below, or told
+    }
+    return WithModule(vpnId, [&] {
+        EndProcesses(vpnId);
+        instances_.RemovePidFile(vpnId);
+        RemoveRulesAndRoutes(vpnId);
+        inForce_.Remove(vpnId);
+        instances_.SetMeantToRun(vpnId, false);
+        ::unlink(instances_.StatePath(vpnId, kLaunchMark).c_str());
+        return 0;
+    });
 }
 
 std::vector<FileMark> Repairs::MarksOf(std::uint32_t vpnId) const

@@ -43,6 +43,10 @@ class Repairs {
     // Ends the instance, removes its pid file and, unless they are gone already, its rule and routes.
     [[nodiscard]] RepairOutcome SwitchOff(std::uint32_t vpnId);
 
+    // Ends the instance and removes its pid file, its rules, its routes, their policy rule, and what the agent keeps about
+    // it. Files and stored row stay. The problem says what is left.
+    [[nodiscard]] RepairOutcome TakeDown(std::uint32_t vpnId);
+
     // Removes what a message has left behind that nobody has confirmed, in a VPN for which nothing is in force.
     void Forsake(std::uint32_t vpnId);
 
@@ -50,7 +54,8 @@ class Repairs {
     void EndProcesses(std::uint32_t vpnId);
 
   private:
-    [[nodiscard]] RepairOutcome Apply(std::uint32_t vpnId, VQ_DNSMASQ_OPERATION operation);
+    [[nodiscard]] RepairOutcome Apply(std::uint32_t vpnId, VQ_DNSMASQ_OPERATION operation, bool switchesOff = false);
+    void RemoveRulesAndRoutes(std::uint32_t vpnId);
     void PrepareDirectory(std::uint32_t vpnId);
     [[nodiscard]] std::vector<FileMark> MarksOf(std::uint32_t vpnId) const;
     [[nodiscard]] RepairOutcome RepairFiles(std::uint32_t vpnId, pid_t instance);

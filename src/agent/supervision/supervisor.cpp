@@ -230,6 +230,21 @@ void Supervisor::Refused(std::uint32_t vpnId)
     }
 }
 
+std::optional<std::string> Supervisor::TakeDown(std::uint32_t vpnId)
+{
+    WatchedVpn &vpn = Of(vpnId);
+    vpn.wanted.reset(); // nothing is repaired from here on
+    vpn.instance.reset();
+    vpn.startAt.reset();
+    vpn.startTime.reset();
+    vpn.problem.clear();
+    vpn.upstreamUnanswered.clear();
+    RepairOutcome outcome = repairs_.TakeDown(vpnId);
+    Log(LogLevel::kNotice, "vpn %u: stopped by request%s%s", vpnId, outcome.problem ? "; " : "",
+        outcome.problem.value_or("").c_str());
+    return std::move(outcome.problem);
+}
+
 bool Supervisor::IsLaunchMarked(std::uint32_t vpnId) const
 {
     return ::access(instances_.StatePath(vpnId, kLaunchMark).c_str(), F_OK) == 0;
