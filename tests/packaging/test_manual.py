@@ -1,0 +1,201 @@
+"""The manual pages name every command, option, exit status, key and field that the programs have, and no other."""
+
+import re
+import subprocess
+
+import pytest
+
+import program_help
+from program_help import ROOT
+
+MANUAL = ROOT / "packaging/man"
+PAGES = sorted(path.name for path in MANUAL.glob("*.scd"))
+
+
+class Item:
+    """An entry of a list in a page: a line with names in bold, and an indented text below."""
+
+    def __init__(self, term):
+        self.term = term
+        self.names = re.findall(r"\*(.+?)\*", term.replace("\\", ""))
+        self.text = ""
+
+
+def sections(page):
+    """The items of a page by its headings."""
+    found, items, lists_items = {}, None, True
+    for line in (MANUAL / page).read_text().splitlines():
+        if line.startswith("```"):
+            lists_items = not lists_items
+        elif line.startswith("#"):
+            items = found.setdefault(line.lstrip("# "), [])
+        elif lists_items and line.startswith(("*", "_")):
+            items.append(Item(line))
+        elif lists_items and line.startswith("\t"):
+            items[-1].text += line.strip() + " "
+    return {title: [item for item in items if item.text] for title, items in found.items()}
+
+
+def names_in(items):
+    return [name for item in items for name in item.names]
+
+
+def source(path):
+    return (ROOT / path).read_text()
+
+
+def table(text, name):
+    """The entries of a C++ table of members: their names, and whether they are required."""
+    body = re.search(rf"constexpr std::array {name} = {{(.*?)\n}};", text, re.S)[1]
+    found = re.findall(r'{\s*"(\w+)",\s*(kRequired|kOptional)', body)
+    assert found, name
+    return {member: presence == "kRequired" for member, presence in found}
+
+
+def page_table(items):
+    return {name: "required" in item.term for item in items for name in item.names}
+
+
+@pytest.mark.parametrize("page", PAGES)
+def test_page_is_a_manual_page(page, tmp_path):
+    name, number = page.split(".scd")[0].rsplit(".", 1)
+    assert source(f"packaging/man/{page}").startswith(f"{name}({number})\n")
+    built = tmp_path / page.removesuffix(".scd")
+    with open(MANUAL / page) as text, open(built, "w") as roff:
+        subprocess.run(["scdoc"], stdin=text, stdout=roff, check=True)
+    for check in ("mandoc -T lint -W error", "man --warnings --local-file --encoding=UTF-8"):
+        done = subprocess.run([*check.split(), built], text=True, capture_output=True)
+        assert (done.returncode, done.stderr) == (0, ""), done.stdout
+    assert set(sections(page)) >= {"NAME", "DESCRIPTION", "EXAMPLES", "SEE ALSO"}
+
+
+def test_pages_refer_to_pages_that_exist():
+    ours = {page.removesuffix(".scd") for page in PAGES}
+    other = {"dnsmasq.8", "nft.8", "ip-netns.8", "systemd.service.5", "sd_notify.3", "sd_watchdog_enabled.3"}
+    for page in PAGES:
+        found = re.findall(r"\*([\w.-]+)\*\((\d)\)", source(f"packaging/man/{page}"))
+        assert {f"{name}.{number}" for name, number in found} <= ours | other, page
+
+
+def test_every_command_of_vqctl_has_its_section_and_synopsis():
+    page = sections("vqctl.1.scd")
+    commands = [" ".join(words) for words in program_help.all_commands()]
+    headings = [re.match(r"vqctl ([a-z ]*[a-z])", title)[1] for title in page if title.startswith("vqctl ")]
+    assert headings == commands
+    synopsis = re.findall(r"^\*vqctl ([a-z ]+)\*", source("packaging/man/vqctl.1.scd"), re.M)
+    assert synopsis == commands
+
+
+@pytest.mark.parametrize("words", program_help.all_commands(), ids=" ".join)
+def test_every_option_of_a_command_is_in_its_section_and_synopsis(words):
+    page, command = sections("vqctl.1.scd"), "vqctl " + " ".join(words)
+    (heading,) = [title for title in page if re.match(rf"{command}( [^a-z]|$)", title)]
+    (synopsis,) = re.findall(rf"^\*{command}\*(.*)$", source("packaging/man/vqctl.1.scd"), re.M)
+    options = program_help.options_of(*words)
+    assert sorted(names_in(page[heading])) == sorted(name for names in options for name in names)
+    for names in options:
+        assert f"[{names[0]}" in heading and f"[*{names[0]}*" in synopsis
+
+
+def test_every_option_of_vqctl_itself_is_listed():
+    expected = [name for names in program_help.options(program_help.help_of("vqctl")) for name in names]
+    assert names_in(sections("vqctl.1.scd")["OPTIONS"]) == expected
+    socket = re.search(r"--socket PATH=(\S+)", program_help.help_of("vqctl"))[1]
+    assert socket in source("packaging/man/vqctl.1.scd")
+
+
+def test_every_exit_status_of_vqctl_is_listed_with_its_meaning():
+    lines = program_help.section(program_help.help_of("vqctl"), "Exit codes")
+    expected = [tuple(line.split(maxsplit=1)) for line in lines]
+    items = sections("vqctl.1.scd")["EXIT STATUS"]
+    assert names_in(items) == [number for number, meaning in expected]
+    for item, (number, meaning) in zip(items, expected):
+        assert item.text.replace("*", "").lower().startswith(meaning.lower()), number
+
+
+def test_every_member_and_column_of_the_status_is_listed():
+    text = source("src/ctl/status_output.cpp")
+    items = names_in(sections("vqctl.1.scd")["STATUS"])
+    members = re.findall(r'StatusField{\s*"(\w+)"', text)
+    columns = re.findall(r'{"([A-Z]+)", (?:true|false)', text)
+    assert len(members) > 20 and len(columns) > 10
+    assert [name for name in items if name.isupper()] == columns
+    assert [name for name in items if not name.isupper()] == members
+
+
+def test_every_option_and_exit_status_of_vqagent_is_listed():
+    page = sections("vqagent.8.scd")
+    expected = re.findall(r"^  (--[a-z-]+)", program_help.help_of("vqagent"), re.M)
+    assert [name for name in names_in(page["OPTIONS"]) if name != "-h"] == expected
+    codes = {int(code) for code in re.findall(r"int kExit\w+ = (\d+);", source("src/agent/main.cpp"))}
+    assert {int(name) for name in names_in(page["EXIT STATUS"])} == codes | {0}
+
+
+def test_every_signal_of_vqagent_is_listed():
+    handled = re.findall(r"(?:AddSignal\(|signal\()(SIG[A-Z]+), (?!SIG_DFL)", source("src/agent/main.cpp"))
+    assert len(handled) > 3
+    assert sorted(names_in(sections("vqagent.8.scd")["SIGNALS"])) == sorted(handled)
+
+
+@pytest.mark.parametrize("heading, name", [
+    ("KEYS", "kConfigMembers"), ("KEYS OF AN ITEM OF VPNS", "kVpnMembers"),
+    ("KEYS OF AN ITEM OF WAN", "kWanMembers"), ("KEYS OF WATCH", "kWatchMembers")])
+def test_every_key_of_the_configuration_is_listed(heading, name):
+    assert page_table(sections("agent.json.5.scd")[heading]) == table(source("src/agent/base/config.cpp"), name)
+
+
+def test_every_table_of_keys_has_its_section():
+    tables = re.findall(r"constexpr std::array (k\w+Members) =", source("src/agent/base/config.cpp"))
+    assert len(tables) == len([title for title in sections("agent.json.5.scd") if title.startswith("KEYS")])
+
+
+@pytest.mark.parametrize("heading, name", [
+    ("KEYS", "Config"), ("KEYS OF AN ITEM OF WAN", "Wan"), ("KEYS OF WATCH", "Watch")])
+def test_every_default_of_the_configuration_is_right(heading, name):
+    body = re.search(rf"^struct {name} {{(.*?)^}};", source("src/agent/base/config.h"), re.M | re.S)[1]
+    socket = re.search(r'kDefaultSocket = ("\S+")', source("src/control/frame.h"))[1]
+    defaults = dict(re.findall(r"^ +[\w:]+ (\w+) = ([^;]+);", body, re.M))
+    defaults.pop("platform", None)
+    assert defaults
+    texts = {key: item.text for item in sections("agent.json.5.scd")[heading] for key in item.names}
+    for key, value in defaults.items():
+        value = {"control::kDefaultSocket": socket, "LogLevel::kNotice": '"notice"'}.get(value, value)
+        assert f"Default: {value}." in texts[key], key
+
+
+@pytest.mark.parametrize("heading, name", [
+    ("CPE MESSAGE", "kCpeFields"), ("POP MESSAGE", "kPopFields"),
+    ("Items of dnshosts", "kHostFields"), ("Items of dnsmxhost", "kMxHostFields"),
+    ("Items of dnsservers", "kServerFields"), ("Items of dnsproxies", "kProxyFields")])
+def test_every_field_of_a_message_is_listed(heading, name):
+    assert page_table(sections("messages.5.scd")[heading]) == table(source("src/ctl/json_message.cpp"), name)
+
+
+def test_the_fields_are_those_of_the_message_schema():
+    text = source("src/hostapi/messages/advanced_dns.proto")
+    schema = re.findall(r"^  (?:required|optional|repeated) \w+ (\w+) = ", text, re.M)
+    page = sections("messages.5.scd")
+    lists = [items for title, items in page.items() if title.startswith(("CPE", "POP", "Items"))]
+    assert sorted(name for items in lists for name in names_in(items)) == sorted(schema)
+
+
+def test_every_result_of_apply_and_check_is_listed():
+    result = re.compile(r'"(?:: )?(applied(?:, [A-Z ]+)?|would be refused|would apply|refused)[ :"]')
+    printed = result.findall(source("src/ctl/commands.cpp"))
+    items = sections("vqctl.1.scd")["RESULTS OF APPLY AND CHECK"]
+    assert sorted(item.names[0].rstrip(":") for item in items) == sorted(set(printed))
+
+
+def variables_read(folder):
+    texts = [path.read_text() for path in (ROOT / folder).rglob("*.cpp")]
+    return {name for text in texts for name in re.findall(r'getenv\("(\w+)"\)', text)}
+
+
+def test_every_environment_variable_is_listed():
+    assert set(names_in(sections("vqctl.1.scd")["ENVIRONMENT"])) == variables_read("src/ctl")
+    # libsystemd reads the variables of notifications and of the watchdog.
+    from_manager = {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}
+    listed = set(names_in(sections("vqagent.8.scd")["ENVIRONMENT"]))
+    assert listed == variables_read("src/agent") | from_manager
+    withheld = re.search(r"kOwnVariables{(.*?)}", source("src/agent/services/process_spawn.cpp"), re.S)[1]
+    assert listed <= set(re.findall(r'"(\w+)="', withheld))
