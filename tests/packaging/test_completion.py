@@ -38,7 +38,7 @@ COMMON = flat(program_help.options(program_help.help_of("vqctl")))
 
 def test_commands():
     assert complete("") == sorted(program_help.commands(program_help.help_of("vqctl")))
-    assert complete("-v", "s") == ["status", "store"]
+    assert complete("-v", "s") == ["status", "stop", "store"]
     assert complete("--socket", "/x", "rep") == ["repair"]
     for parent in {words[0] for words in program_help.all_commands() if len(words) == 2}:
         assert complete(parent, "") == sorted(program_help.commands(program_help.help_of("vqctl", parent)))
