@@ -199,3 +199,25 @@ def test_every_environment_variable_is_listed():
     assert listed == variables_read("src/agent") | from_manager
     withheld = re.search(r"kOwnVariables{(.*?)}", source("src/agent/services/process_spawn.cpp"), re.S)[1]
     assert listed <= set(re.findall(r'"(\w+)="', withheld))
+
+
+@pytest.mark.parametrize("heading, field, limit", [
+    ("CPE MESSAGE", "dnshosts", "VQ_DNS_HOST_MAX"), ("CPE MESSAGE", "dnsmxhost", "kMxHostMax"),
+    ("CPE MESSAGE", "dnsservers", "VQ_DNS_SERVER_MAX"), ("CPE MESSAGE", "dnsproxies", "kProxyItemMax"),
+    ("Items of dnsproxies", "domains", "kProxyDomainMax"), ("Items of dnsproxies", "serverips", "kProxyServerMax")])
+def test_the_limits_of_a_message_are_right(heading, field, limit):
+    text = source("src/hostapi/vqDnsmasqConf.h") + source("src/modules/advanceddns/vqCtrlAdvancedDnsPbToConf.cpp")
+    (number,) = re.findall(rf"(?:#define {limit}|size_t {limit} =) (\d+)\b", text)
+    (item,) = [item for item in sections("messages.5.scd")[heading] if item.names == [field]]
+    assert f"up to {number}" in item.term
+
+
+def test_the_limits_of_vqctl_are_right():
+    text = "".join(source(f"src/{path}") for path in ("ctl/commands.h", "ctl/files.h", "control/frame.h"))
+    page = source("packaging/man/vqctl.1.scd").replace("\n", " ")
+    size = r" = std::size_t{(\d+)} \* 1024 \* 1024;"
+    file, frame = (re.search(name + size, text)[1] for name in ("kFileMax", "kFrameMax"))
+    revision = re.search(r"kRevisionMax = (\d+);", text)[1]
+    timeout = re.search(r"kTimeout{(\d+)};", text)[1]
+    assert f"a file of {file} MiB at most" in page and f"A request takes {frame} MiB at most" in page
+    assert f"1 to {revision} bytes" in page and f"within {timeout} s." in page
