@@ -212,10 +212,15 @@ bool HasSomethingToStop(const Kavel__VpnStatus &vpn)
            vpn.dnat != 0;
 }
 
-std::vector<std::uint32_t> VpnsToStop(const Session &session, Client &client)
+// Nothing if the agent refuses to tell.
+std::optional<std::vector<std::uint32_t>> VpnsToStop(const Session &session, Client &client)
 {
     const ReplyPtr reply =
         Exchange(session, client, PackRequest(NewRequest(KAVEL__REQUEST__VERB__STATUS, std::nullopt)), "status");
+    if (reply->result < 0) {
+        ReportRefusal(session, "status", *reply);
+        return std::nullopt;
+    }
     std::vector<std::uint32_t> vpns;
     for (const Kavel__VpnStatus *vpn : std::span(reply->vpns, reply->n_vpns)) {
         if (HasSomethingToStop(*vpn)) {
@@ -330,8 +335,12 @@ int Repair(const Session &session, std::optional<std::uint32_t> vpn)
 int Stop(const Session &session, std::optional<std::uint32_t> vpn)
 {
     Client client = Client::Connect(session.socket, session.timeout);
+    const auto vpns = vpn ? std::optional(std::vector{*vpn}) : VpnsToStop(session, client);
+    if (!vpns) {
+        return kRefused;
+    }
     int code = kDone;
-    for (const std::uint32_t one : vpn ? std::vector{*vpn} : VpnsToStop(session, client)) {
+    for (const std::uint32_t one : *vpns) {
         const std::string subject = SubjectText(one);
         const ReplyPtr reply =
             Exchange(session, client, PackRequest(NewRequest(KAVEL__REQUEST__VERB__STOP, one)), subject + " to stop");

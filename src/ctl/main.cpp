@@ -27,7 +27,7 @@ constexpr const char *kFooter = R"(Exit codes:
   1  the agent refused, or status found a VPN with problems
   2  wrong usage or a bad input file (nothing was sent), or output that cannot be written
   3  the agent cannot be reached, or its reply is invalid
-  4  carried out, but a service does not run, or still runs although it is switched off, or a repair failed
+  4  carried out, but a service does not run, or still runs although it is switched off, or a repair or a stop failed
   5  status: the agent is starting)";
 
 struct Arguments {
