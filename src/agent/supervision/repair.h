@@ -43,8 +43,8 @@ class Repairs {
     // Ends the instance, removes its pid file and, unless they are gone already, its rule and routes.
     [[nodiscard]] RepairOutcome SwitchOff(std::uint32_t vpnId);
 
-    // Ends the instance and removes its pid file, its rules, its routes, their policy rule, and what the agent keeps about
-    // it. Files and stored row stay. The problem says what is left.
+    // Ends the instance and removes its pid file, its rules, its routes, their policy rule, and what the agent keeps
+    // about it. Files and stored row stay. The problem says what is left.
     [[nodiscard]] RepairOutcome TakeDown(std::uint32_t vpnId);
 
     // Removes what a message has left behind that nobody has confirmed, in a VPN for which nothing is in force.

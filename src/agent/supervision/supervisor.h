@@ -70,8 +70,8 @@ class Supervisor {
     };
     void RepairNow(const std::vector<std::uint32_t> &vpnIds, std::function<void(const RepairReport &report)> onEnd);
 
-    // Ends the instance of a VPN that is not busy, with its rules and routes, and forgets what is in force. The stored row
-    // stays: the next start of the agent brings it back. Returns what is left of it; nothing if all is gone.
+    // Ends the instance of a VPN that is not busy, with its rules and routes, and forgets what is in force. The stored
+    // row stays: the next start of the agent brings it back. Returns what is left of it; nothing if all is gone.
     [[nodiscard]] std::optional<std::string> TakeDown(std::uint32_t vpnId);
 
     // Adds what is known about the VPN to its status.
