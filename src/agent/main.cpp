@@ -6,6 +6,7 @@
 
 #include <array>
 #include <chrono>
+#include <cinttypes>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -43,6 +44,9 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr mode_t kUmask = 022;
 constexpr std::chrono::seconds kMemoryInterval{30};
+// How often the service manager is told how far the start is, and how long it waits for the next time.
+constexpr std::chrono::seconds kStartReportInterval{1};
+constexpr std::chrono::microseconds kStartExtension = std::chrono::seconds(60);
 
 constexpr const char *kHelp = "Runs one DNS service per VPN of this box.\n"
                               "\n"
@@ -140,6 +144,7 @@ class Agent {
   private:
     void Stop(const char *why, int status);
     void ReadConfigurationAgain();
+    void ReportStart();
     void CheckMemory();
 
     Options options_;
@@ -156,6 +161,7 @@ class Agent {
                               CheckMemory();
                           }};
     EventSource memoryTimer_ = loop_.AddTimer([this] { CheckMemory(); });
+    EventSource startTimer_ = loop_.AddTimer([this] { ReportStart(); });
     bool isStopping_ = false;
     int status_ = EXIT_SUCCESS;
 };
@@ -171,13 +177,25 @@ int Agent::Run()
     memoryTimer_.ArmTimer(EventLoop::Clock::now() + kMemoryInterval);
     PrepareBox(instances_, module_.Functions());
     loop_.SendWatchdog();
-    ::sd_notify(0, "STATUS=starting");
     supervisor_.Start([this] {
         Log(LogLevel::kNotice, "%s at %s", ServingText(host_.config).c_str(), host_.config.socket.c_str());
         ::sd_notifyf(0, "READY=1\nSTATUS=%s", ServingText(host_.config).c_str());
     });
+    ReportStart();
     loop_.Run();
     return status_;
+}
+
+// The start of hundreds of VPNs may take longer than a service manager waits by default.
+void Agent::ReportStart()
+{
+    const auto progress = supervisor_.Progress();
+    if (!progress || isStopping_) {
+        return;
+    }
+    ::sd_notifyf(0, "STATUS=starting: %" PRIu32 " of %" PRIu32 " VPNs are back\nEXTEND_TIMEOUT_USEC=%lld",
+                 progress->back, progress->total, static_cast<long long>(kStartExtension.count()));
+    startTimer_.ArmTimer(EventLoop::Clock::now() + kStartReportInterval);
 }
 
 void Agent::Stop(const char *why, int status)

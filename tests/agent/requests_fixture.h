@@ -36,6 +36,10 @@ class RequestsTest : public testing::Test {
         bool isStarted = false;
         supervisor_.Start([&] { isStarted = true; });
         EXPECT_TRUE(RunUntil(loop_, [&] { return isStarted; }));
+        for (const Vpn &vpn : host_.config.vpns) {
+            EXPECT_EQ(std::erase(module_.calls, "init " + std::to_string(vpn.id)), 1U)
+                << "the start makes its directory";
+        }
     }
 
     Config Settings(const std::function<void(Config &)> &change) const

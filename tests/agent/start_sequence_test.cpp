@@ -59,6 +59,15 @@ TEST_F(StartSequenceTest, WhereNothingIsInForceNothingIsDone)
     EXPECT_THAT(log_.Take(), HasSubstr("NOTICE recovered: 0 in force, 0 running"));
 }
 
+TEST_F(StartSequenceTest, TheDirectoryOfAVpnIsCreatedAlsoIfItsNamespaceIsMissing)
+{
+    bool isStarted = false;
+    supervisor_.Start([&] { isStarted = true; });
+    EXPECT_TRUE(RunUntil(loop_, [&] { return isStarted; }));
+    EXPECT_THAT(module_.calls, ElementsAre("init " + std::to_string(TestVpn(1))));
+    EXPECT_THAT(log_.Take(), HasSubstr("WARNING vpn " + std::to_string(TestVpn(1)) + ": namespace "));
+}
+
 TEST_F(StartSequenceTest, WhatIsInForceIsLeftAlone)
 {
     const FakeInstance &instance = Run();
@@ -182,6 +191,7 @@ TEST_F(StartSequenceTest, WaitsForAnInstanceThatHasNoPidFileYet)
     supervisor_.Start([&] { isStarted = true; });
     RunFor(200ms);
     EXPECT_FALSE(isStarted);
+    TakeDirectoryCalls();
     EXPECT_THAT(module_.calls, IsEmpty());
     box_.WritePidFile(0, std::to_string(starting.Pid()) + "\n");
     EXPECT_TRUE(RunUntil(loop_, [&] { return isStarted; }));

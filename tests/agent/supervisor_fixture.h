@@ -78,6 +78,15 @@ class SupervisorTest : public testing::Test {
         bool isStarted = false;
         supervisor_.Start([&] { isStarted = true; });
         EXPECT_TRUE(RunUntil(loop_, [&] { return isStarted; }));
+        TakeDirectoryCalls();
+    }
+
+    // The other VPNs have no namespace. The start makes the directory of each of them, once, and nothing else of it.
+    void TakeDirectoryCalls()
+    {
+        for (const Vpn &vpn : host_.config.vpns) {
+            EXPECT_EQ(std::erase(module_.calls, "init " + std::to_string(vpn.id)), 1U) << vpn.id;
+        }
     }
 
     // A message was applied by the module. If it launches an instance, that one runs.

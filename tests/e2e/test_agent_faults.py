@@ -1,6 +1,7 @@
 """The agent itself is ended, killed, or given another configuration: what is in force stays, and comes back."""
 
 import contextlib
+import fcntl
 import json
 import pathlib
 import signal
@@ -10,7 +11,7 @@ import time
 
 import pytest
 
-from box import (BUILD, DNSMASQ, ask, end, expect, instance_pid, instances, message, pid_file, routes, run,
+from box import (BUILD, DNSMASQ, STATE, ask, end, expect, instance_pid, instances, message, pid_file, routes, run,
                  tables, vpn_config, wait_until)
 from faults import (ANYWHERE, ROOT, Client, configure, differs, end_agent, hang_up, kept, kill, log_since,
                     remove_surroundings, row, serve, snapshot, wait_until_right)
@@ -137,6 +138,25 @@ def test_the_loop_tells_the_service_manager_that_it_runs(box):
         box.agent.send_signal(signal.SIGCONT)
         notify.settimeout(10)
         next_watchdog()
+
+
+def test_a_long_start_extends_the_time_that_the_service_manager_waits(box):
+    """The launch of an earlier agent that never becomes visible delays the start by 2 s."""
+    box.configure(vpn_config(7), vpn_config(8))
+    STATE.mkdir(exist_ok=True)
+    address = "/run/start.sock"
+    told = []
+    with (socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notify, (STATE / "vpn_7.launch").open("w") as mark):
+        fcntl.flock(mark, fcntl.LOCK_SH)
+        notify.bind(address)
+        notify.settimeout(10)
+        box.agent = box.spawn(NOTIFY_SOCKET=address)
+        while not told or not told[-1].startswith("READY=1"):
+            told.append(notify.recv(4096).decode())
+
+    assert told[-1] == "READY=1\nSTATUS=serving 2 VPNs"
+    assert len(told[:-1]) >= 2
+    assert set(told[:-1]) == {"STATUS=starting: 0 of 2 VPNs are back\nEXTEND_TIMEOUT_USEC=60000000"}
 
 
 @contextlib.contextmanager

@@ -405,6 +405,19 @@ def test_a_namespace_that_is_made_again_is_served_again(ninth, told):
     assert ask("nas.vpn7.example") == ["192.168.7.10"]
 
 
+def test_a_namespace_that_is_made_after_the_start_is_served_from_its_first_message_on(box):
+    box.configure(vpn_config(7), vpn_config(9))
+    box.start()
+    try:
+        run(ROOT / "scripts/lab", "up", 9)
+        box.apply(message(9))
+        expect("192.168.9.10", "nas.vpn9.example", vpn=9, server=ANYWHERE)
+        expect("198.51.100.9", "vpn9.example.net", vpn=9)
+        wait_until(lambda: box.status(9)["problems"] == [], f"all is right: {box.status(9)}")
+    finally:
+        remove_surroundings(9)
+
+
 def test_an_interface_that_is_made_again_is_served_again(ninth, told):
     with repaired(ninth, told, "LAN interface removed, made again", "its interfaces had changed", vpn=9):
         ip("link", "delete", "lan0", vpn=9)

@@ -128,6 +128,16 @@ bool Supervisor::LoadStoredRow(std::uint32_t vpnId)
     }
 }
 
+// Also if the namespace is missing: the first message may come as soon as the namespace is there.
+void Supervisor::CreateDirectoryOrLog(std::uint32_t vpnId)
+{
+    const VpnScope scope(host_, vpnId);
+    const VQ_ERR_T result = module_.initDirectory(vpnId);
+    if (result < 0) {
+        Log(LogLevel::kError, "vpn %u: no instance directory: %s", vpnId, std::strerror(-result));
+    }
+}
+
 void Supervisor::BringBack(std::uint32_t vpnId)
 {
     WatchedVpn &vpn = Of(vpnId);
@@ -140,18 +150,15 @@ void Supervisor::BringBack(std::uint32_t vpnId)
         vpn.wanted.emplace().enables = true; // by an older agent
     }
     RefreshNamespace(vpnId);
+    // Where an instance is started or looked at now, its directory is looked at with the rest.
+    const bool isLookedAt = vpn.wanted && vpn.wanted->enables && !vpn.missing.isNamespace;
+    if (vpnId != 0 && !isLookedAt) {
+        CreateDirectoryOrLog(vpnId);
+    }
     if (vpn.missing.isNamespace) {
         return;
     }
     PrepareVpn(vpnId);
-    const bool isMeantToRun = vpn.wanted && vpn.wanted->enables; // its directory is looked at with the rest
-    if (vpnId != 0 && !isMeantToRun) {
-        const VpnScope scope(host_, vpnId);
-        const VQ_ERR_T result = module_.initDirectory(vpnId);
-        if (result < 0) {
-            Log(LogLevel::kError, "vpn %u: no instance directory: %s", vpnId, std::strerror(-result));
-        }
-    }
     if (!vpn.wanted) {
         if (isUnconfirmed) {
             Log(LogLevel::kNotice, "vpn %u: its instance was started by a message that nobody has confirmed", vpnId);

@@ -90,6 +90,7 @@ class Supervisor {
     void WaitForMarks();
     void Adopt();
     void BringBackNext();
+    void CreateDirectoryOrLog(std::uint32_t vpnId);
     void BringBack(std::uint32_t vpnId);
     [[nodiscard]] bool LoadStoredRow(std::uint32_t vpnId);
     void LaunchEndedInStart(std::uint32_t vpnId);
