@@ -28,7 +28,7 @@ static VQ_ERR_T _VQCtrl_AddMember(json_object *Parent, const JsonMember &Member,
         VQ_CTRL_LOG_ERROR_TEXT(kWriter, Member.CantNew);
         return VQ_ERR_NO_MEMORY;
     }
-    static_cast<void>(Owned.release());
+    static_cast<void>(Owned.Release());
     return VQ_ERR_OK;
 }
 
@@ -92,11 +92,11 @@ static VQ_ERR_T _VQCtrl_AddList(json_object *Root, const JsonMember &List, const
     VQ_ERR_T Result = _VQCtrl_AddMember(Root, List, Array);
     for (size_t Loop = 0; Result >= 0 && Loop < Count; ++Loop) {
         advanceddns::JsonTree Item(json_object_new_object());
-        if (Item == nullptr || json_object_array_add(Array, Item.get()) != 0) {
+        if (Item == nullptr || json_object_array_add(Array, Item.Get()) != 0) {
             VQ_CTRL_LOG_ERROR_TEXT(kWriter, CantNewItem);
             return VQ_ERR_NO_MEMORY;
         }
-        Result = ToJson(Entries[Loop], Item.release());
+        Result = ToJson(Entries[Loop], Item.Release());
     }
     return Result;
 }
@@ -153,12 +153,12 @@ char *VQCtrl_AdvancedDnsConfToJsonStr(const VQ_CTRL_DNSMASQ_CONF *Conf)
         VQ_CTRL_LOG_ERROR("Can't new dnsmasqJson json object\n");
         return nullptr;
     }
-    const VQ_ERR_T Result = _VQCtrl_AdvancedDnsConfToJson(Conf, Root.get());
+    const VQ_ERR_T Result = _VQCtrl_AdvancedDnsConfToJson(Conf, Root.Get());
     if (Result < 0) {
         VQ_CTRL_LOG_ERROR("Agent dnsmasq conf to json failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
         return nullptr;
     }
-    const char *Text = json_object_to_json_string(Root.get());
+    const char *Text = json_object_to_json_string(Root.Get());
     if (Text == nullptr) {
         VQ_CTRL_LOG_ERROR("Trans json object to json string failed\n");
         return nullptr;
@@ -435,7 +435,7 @@ VQ_ERR_T VQCtrl_AdvancedDnsJsonStrToConf(VQ_CTRL_DNSMASQ_CONF *Conf, const char 
         VQ_CTRL_LOG_ERROR("invalid dnsmasq string, not json\n");
         return VQ_ERR_INVALID;
     }
-    const VQ_ERR_T Result = _VQCtrl_AdvancedDnsJsonToConf(Conf, Root.get());
+    const VQ_ERR_T Result = _VQCtrl_AdvancedDnsJsonToConf(Conf, Root.Get());
     if (Result < 0) {
         VQ_CTRL_LOG_ERROR("Json to data struct failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
     }

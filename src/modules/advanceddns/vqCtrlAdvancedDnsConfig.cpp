@@ -140,18 +140,18 @@ VQ_ERR_T VQCtrl_ConfigAdvancedDns(const VQ_CTRL_DNSMASQ_CONFIG_PB *DnsmasqPb)
         VQ_CTRL_LOG_ERROR("No mem for advanced dns config\n");
         return VQ_ERR_NO_MEMORY;
     }
-    std::memset(Conf.get(), 0, sizeof(*Conf));
+    std::memset(Conf.Get(), 0, sizeof(*Conf));
 
     if (s_AgentDnsmasqOp.PbToConfDnsmasq == nullptr) {
         VQ_CTRL_LOG_NOTICE("No PbToConfDnsmasq call back function, no need to deal with advanced dns msg!\n");
         return VQ_ERR_OK;
     }
-    VQ_ERR_T Result = s_AgentDnsmasqOp.PbToConfDnsmasq(DnsmasqPb, Conf.get());
+    VQ_ERR_T Result = s_AgentDnsmasqOp.PbToConfDnsmasq(DnsmasqPb, Conf.Get());
     if (Result < 0) {
         VQ_CTRL_LOG_ERROR("protobuf to data struct for advanced dns failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
         return Result;
     }
-    Result = _VQCtrl_SetAdvancedDnsConfiguration(Conf.get());
+    Result = _VQCtrl_SetAdvancedDnsConfiguration(Conf.Get());
     if (Result < 0) {
         VQ_CTRL_LOG_ERROR("set configuration advanced dns failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
         return Result;
@@ -159,7 +159,7 @@ VQ_ERR_T VQCtrl_ConfigAdvancedDns(const VQ_CTRL_DNSMASQ_CONFIG_PB *DnsmasqPb)
     if (VQ_IsPersistentConfEnable() == FALSE) {
         return Result;
     }
-    return _VQCtrl_StoreAdvancedDnsConfiguration(__func__, Conf.get(), Result);
+    return _VQCtrl_StoreAdvancedDnsConfiguration(__func__, Conf.Get(), Result);
 }
 
 VQ_ERR_T VQCtrl_AgentRecoverAdvancedDnsConf(void)

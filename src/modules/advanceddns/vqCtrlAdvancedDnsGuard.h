@@ -8,12 +8,12 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <memory>
 
 #include <dirent.h>
 #include <json-c/json.h>
 
 #include "vqCtrlAdvancedDnsLog.h"
+#include "vqCtrlAdvancedDnsOwner.h"
 #include "vqErrno.h"
 #include "vqMemory.h"
 #include "vqNetio.h"
@@ -21,16 +21,6 @@
 #include "vqStore.h"
 
 namespace advanceddns {
-
-// A deleter without state, so that a guard is as large as its pointer.
-template <auto Release>
-struct ReleaseWith {
-    template <typename T>
-    void operator()(T *Owned) const
-    {
-        Release(Owned);
-    }
-};
 
 inline void CloseFile(FILE *File)
 {
@@ -50,12 +40,12 @@ inline void ReleaseJson(json_object *Tree)
 }
 
 template <typename T>
-using HostMemory = std::unique_ptr<T, ReleaseWith<VQ_AgentMemFree>>;
-using InterfaceList = std::unique_ptr<VQ_LIST_HEAD, ReleaseWith<VQ_RtcNetioNodeListRelease>>;
-using ReadFile = std::unique_ptr<FILE, ReleaseWith<CloseFile>>;
-using JsonTree = std::unique_ptr<json_object, ReleaseWith<ReleaseJson>>;
-using StoredRecords = std::unique_ptr<VQ_PersistentConfList, ReleaseWith<VQ_SqliteConfListRelease>>;
-using Directory = std::unique_ptr<DIR, ReleaseWith<CloseDirectory>>;
+using HostMemory = Owner<T, VQ_AgentMemFree>;
+using InterfaceList = Owner<VQ_LIST_HEAD, VQ_RtcNetioNodeListRelease>;
+using ReadFile = Owner<FILE, CloseFile>;
+using JsonTree = Owner<json_object, ReleaseJson>;
+using StoredRecords = Owner<VQ_PersistentConfList, VQ_SqliteConfListRelease>;
+using Directory = Owner<DIR, CloseDirectory>;
 
 // One object of a plain type, not zeroed; null when memory is exhausted.
 template <typename T>

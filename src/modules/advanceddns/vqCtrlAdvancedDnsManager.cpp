@@ -167,7 +167,7 @@ static VQ_ERR_T _VQCtrl_WriteDnsFile(const char *Function, const DnsFile &File, 
         VQ_CTRL_LOG_ERROR_TEXT(Function, File.NoMemory);
         return VQ_ERR_NO_MEMORY;
     }
-    return _VQCtrl_WriteDnsLines(Function, File, Path, Count, Content.get(), MaxLength, Format);
+    return _VQCtrl_WriteDnsLines(Function, File, Path, Count, Content.Get(), MaxLength, Format);
 }
 
 static VQ_ERR_T _VQCtrl_WriteHostsFile(const char *Function, const VQ_CTRL_DNS_HOST_CONF *Hosts, uint16_t Count,
@@ -279,7 +279,7 @@ static BOOL _VQCtrl_IsSysRouteWanExistInVpn(uint32_t VpnId)
         VQ_CTRL_LOG_WARNING("No wan in vpn %u\n", VpnId);
         return FALSE;
     }
-    for (const VQ_LIST_HEAD *Link = List->next; Link != List.get(); Link = Link->next) {
+    for (const VQ_LIST_HEAD *Link = List->next; Link != List.Get(); Link = Link->next) {
         if (cds_list_entry(Link, VQ_RTCWanListNode, list)->WanConf.CommConf.SysRoute != 0) {
             return TRUE;
         }
@@ -334,7 +334,7 @@ VQ_ERR_T VQCtrl_AddDnsmasqRouteForVpn(const VQ_CTRL_DNSMASQ_CONF *Conf)
     char IfName[VQ_IF_NAME_SIZE] = {};
     uint32_t Count = 0;
     const advanceddns::InterfaceList List(VQ_RtcNetioLanGetAllByVpnId(&Count, Conf->VpnId));
-    if (_VQCtrl_HasNodes(List.get(), Count)) {
+    if (_VQCtrl_HasNodes(List.Get(), Count)) {
         const auto *First = cds_list_entry(List->next, VQ_RTCLanListNode, list);
         static_cast<void>(VQ_SafeStrCopy(IfName, sizeof(IfName), First->LanConf.PhyIfName));
     }
@@ -345,7 +345,7 @@ VQ_ERR_T VQCtrl_AddDnsmasqRouteForVpn(const VQ_CTRL_DNSMASQ_CONF *Conf)
         VQ_CTRL_LOG_ERROR("Apply memory failed\n");
         return VQ_ERR_NO_MEMORY;
     }
-    return _VQCtrl_AddServerRoutes(__func__, Conf, IfName, Route.get());
+    return _VQCtrl_AddServerRoutes(__func__, Conf, IfName, Route.Get());
 }
 
 void VQCtrl_DelDnsmasqRouteForVpn(uint32_t VpnId)
@@ -360,7 +360,7 @@ void VQCtrl_DelDnsmasqRouteForVpn(uint32_t VpnId)
     }
     Route->TableId = kDnsmasqRouteTable;
     Route->TargetIp.IpType = VQ_IN_ADDR_TYPE_IPV4;
-    const VQ_ERR_T Result = VQ_RTCRouteDel(VpnId, Route.get());
+    const VQ_ERR_T Result = VQ_RTCRouteDel(VpnId, Route.Get());
     if (Result < 0 && Result != VQ_ERR_NOT_FOUND) {
         VQ_CTRL_LOG_ERROR("Delete route failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
     }

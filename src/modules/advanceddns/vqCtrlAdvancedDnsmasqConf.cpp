@@ -181,7 +181,7 @@ VQ_ERR_T VQCtrl_GetDnsServicePid(uint32_t VpnId, pid_t *Pid)
         return OpenResult;
     }
     char Text[kPidTextSize + 1] = {};
-    if (fread(Text, 1, kPidTextSize, File.get()) == 0) {
+    if (fread(Text, 1, kPidTextSize, File.Get()) == 0) {
         return VQ_ERR_INVALID;
     }
     *Pid = _VQCtrl_TextToPid(Text);
@@ -220,8 +220,8 @@ static BOOL _VQCtrl_IsTcpPortOccupied(uint32_t Port, uint32_t VpnId)
     if (!Vpn.IsInNamespace()) {
         return FALSE;
     }
-    Table.reset(fopen("/proc/net/tcp", "re"));
-    return Table != nullptr ? _VQCtrl_IsTcpPortListed(__func__, Table.get(), Port, VpnId) : FALSE;
+    Table.Reset(fopen("/proc/net/tcp", "re"));
+    return Table != nullptr ? _VQCtrl_IsTcpPortListed(__func__, Table.Get(), Port, VpnId) : FALSE;
 }
 
 // These are substring tests: the tag of VPN 1 is also found in the command line of VPN 10. That is known and kept.
@@ -237,7 +237,7 @@ static BOOL _VQCtrl_IsDnsServiceExistInCmdline(char *Filepath, uint32_t VpnId)
         return FALSE;
     }
     char Cmdline[kCmdlineSize + 1] = {};
-    const size_t Length = fread(Cmdline, 1, kCmdlineSize, File.get());
+    const size_t Length = fread(Cmdline, 1, kCmdlineSize, File.Get());
     for (size_t Index = 0; Index < Length; ++Index) {
         if (Cmdline[Index] == '\0') {
             Cmdline[Index] = ' ';
@@ -282,7 +282,7 @@ static VQ_ERR_T _VQCtrl_KillDnsServiceChildPid(uint32_t VpnId)
         VQ_CTRL_LOG_ERROR("Open dir /proc failed(%d:%s)\n", VQ_CTRL_LOG_REASON(Result));
         return Result;
     }
-    for (const dirent *Entry = readdir(Proc.get()); Entry != nullptr; Entry = readdir(Proc.get())) {
+    for (const dirent *Entry = readdir(Proc.Get()); Entry != nullptr; Entry = readdir(Proc.Get())) {
         if (strcmp(Entry->d_name, ".") == 0 || strcmp(Entry->d_name, "..") == 0) {
             continue;
         }
