@@ -143,6 +143,10 @@ typedef struct {
     VQ_CONF_RULE_ACTION_NAT NatInfo;
 } VQ_CONF_RULE_ACTIONS;
 
+/* The padding is that of plain C, as the processor's ABI has it: host and module run in one process. TimeStamp is at
+ * offset 40, with 4 bytes of implicit padding before it, where a uint64_t in a structure is aligned to 8 bytes (amd64,
+ * arm64, armhf, s390x), and at offset 36 where it is aligned to 4 bytes (i386). The flags are the first ten bits of
+ * their word: on a big-endian processor (s390x) the most significant ones. */
 typedef struct {
     uint8_t OpType; /* VQ_CONF_RULE_OP_TYPE */
     uint8_t Table;  /* VQ_CONF_RULE_TBL_TYPE */
@@ -165,7 +169,7 @@ typedef struct {
     uint32_t PrePersistId;
     uint32_t CustomerId;
     uint8_t Pad[4];
-    uint64_t TimeStamp;
+    uint64_t TimeStamp; /* behind implicit padding, see above */
     VQ_CONF_RULE_MATCH Match;
     VQ_CONF_RULE_ACTIONS Actions;
 } VQ_CONF_RULE;

@@ -65,5 +65,11 @@ CHECK(sizeof(VQ_CONF_RULE_ACTION_NAT) == 16 * 16 + 2 + 4 + 2);
 CHECK(offsetof(VQ_CONF_RULE, RuleVer) == 8);
 CHECK(offsetof(VQ_CONF_RULE, VpnId) == 12);
 CHECK(offsetof(VQ_CONF_RULE, CustomerId) == 28);
+/* i386 aligns a uint64_t in a structure to 4 bytes. */
+#ifdef __i386__
+CHECK(offsetof(VQ_CONF_RULE, TimeStamp) == 36);
+CHECK(offsetof(VQ_CONF_RULE, Match) == 44);
+#else
 CHECK(offsetof(VQ_CONF_RULE, TimeStamp) == 40);
 CHECK(offsetof(VQ_CONF_RULE, Match) == 48);
+#endif
