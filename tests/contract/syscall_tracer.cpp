@@ -28,29 +28,78 @@ struct Known {
     int targetArgument;
 };
 
-constexpr std::array<Known, 17> kKnown{{{SYS_openat, "open", 1, -1},
-                                        {SYS_open, "open", 0, -1},
-                                        {SYS_write, "write", -1, -1},
-                                        {SYS_fchmod, "fchmod", -1, -1},
-                                        {SYS_fsync, "fsync", -1, -1},
-                                        {SYS_fdatasync, "fdatasync", -1, -1},
-                                        {SYS_ftruncate, "ftruncate", -1, -1},
-                                        {SYS_rename, "rename", 0, 1},
-                                        {SYS_renameat, "rename", 1, 3},
-                                        {SYS_renameat2, "rename", 1, 3},
-                                        {SYS_unlink, "unlink", 0, -1},
-                                        {SYS_unlinkat, "unlink", 1, -1},
-                                        {SYS_rmdir, "unlink", 0, -1},
-                                        {SYS_close, "close", -1, -1},
-                                        {SYS_getdents64, "getdents", -1, -1},
-                                        {SYS_newfstatat, "stat", 1, -1},
-                                        {SYS_fstat, "stat", -1, -1}}};
+// A processor has only some of these: newer ones have no open() but openat().
+constexpr auto kKnown = std::to_array<Known>({
+    {SYS_openat, "open", 1, -1},
+#ifdef SYS_open
+    {SYS_open, "open", 0, -1},
+#endif
+    {SYS_write, "write", -1, -1},
+    {SYS_fchmod, "fchmod", -1, -1},
+    {SYS_fsync, "fsync", -1, -1},
+    {SYS_fdatasync, "fdatasync", -1, -1},
+    {SYS_ftruncate, "ftruncate", -1, -1},
+#ifdef SYS_ftruncate64
+    {SYS_ftruncate64, "ftruncate", -1, -1},
+#endif
+#ifdef SYS_rename
+    {SYS_rename, "rename", 0, 1},
+#endif
+    {SYS_renameat, "rename", 1, 3},
+    {SYS_renameat2, "rename", 1, 3},
+#ifdef SYS_unlink
+    {SYS_unlink, "unlink", 0, -1},
+#endif
+    {SYS_unlinkat, "unlink", 1, -1},
+#ifdef SYS_rmdir
+    {SYS_rmdir, "unlink", 0, -1},
+#endif
+    {SYS_close, "close", -1, -1},
+    {SYS_getdents64, "getdents", -1, -1},
+#ifdef SYS_newfstatat
+    {SYS_newfstatat, "stat", 1, -1},
+#endif
+#ifdef SYS_fstatat64
+    {SYS_fstatat64, "stat", 1, -1},
+#endif
+#ifdef SYS_fstat64
+    {SYS_fstat64, "stat", -1, -1},
+#endif
+    {SYS_statx, "stat", 1, -1},
+    {SYS_fstat, "stat", -1, -1},
+});
 
 // Calls without lasting effect.
-constexpr std::array<std::uint64_t, 17> kIgnored{
-    SYS_brk,          SYS_mmap,      SYS_munmap,         SYS_mprotect,    SYS_mremap,     SYS_madvise,
-    SYS_futex,        SYS_getrandom, SYS_rt_sigprocmask, SYS_tgkill,      SYS_gettid,     SYS_rt_sigaction,
-    SYS_rt_sigreturn, SYS_getpid,    SYS_clock_gettime,  SYS_sigaltstack, SYS_sched_yield};
+constexpr auto kIgnored = std::to_array<std::uint64_t>({
+    SYS_brk,
+#ifdef SYS_mmap
+    SYS_mmap,
+#endif
+#ifdef SYS_mmap2
+    SYS_mmap2,
+#endif
+    SYS_munmap,
+    SYS_mprotect,
+    SYS_mremap,
+    SYS_madvise,
+    SYS_futex,
+#ifdef SYS_futex_time64
+    SYS_futex_time64,
+#endif
+    SYS_getrandom,
+    SYS_rt_sigprocmask,
+    SYS_tgkill,
+    SYS_gettid,
+    SYS_rt_sigaction,
+    SYS_rt_sigreturn,
+    SYS_getpid,
+    SYS_clock_gettime,
+#ifdef SYS_clock_gettime64
+    SYS_clock_gettime64,
+#endif
+    SYS_sigaltstack,
+    SYS_sched_yield,
+});
 
 std::string TextAt(pid_t child, std::uint64_t address)
 {
@@ -105,6 +154,7 @@ SystemCall Describe(pid_t child, const __ptrace_syscall_info &info)
     return call;
 }
 
+#ifdef __x86_64__
 template <typename Change>
 void ChangeRegisters(pid_t child, Change change)
 {
@@ -113,6 +163,47 @@ void ChangeRegisters(pid_t child, Change change)
     change(registers);
     ::ptrace(PTRACE_SETREGS, child, nullptr, &registers);
 }
+
+// At the entry of a call: it is not executed.
+void CancelCall(pid_t child)
+{
+    ChangeRegisters(child, [](user_regs_struct &registers) { registers.orig_rax = ~0ULL; });
+}
+
+// At the entry of a write: it is of one byte.
+void ShortenWrite(pid_t child)
+{
+    ChangeRegisters(child, [](user_regs_struct &registers) { registers.rdx = 1; });
+}
+
+// At the exit of a call: it fails with `error`.
+void SetError(pid_t child, int error)
+{
+    ChangeRegisters(child, [error](user_regs_struct &registers) {
+        registers.rax = static_cast<unsigned long long>(-static_cast<long long>(error));
+    });
+}
+#else
+[[noreturn]] void ThrowNoRegisters()
+{
+    throw std::logic_error("the tracer cannot change calls on this processor");
+}
+
+void CancelCall(pid_t /*child*/)
+{
+    ThrowNoRegisters();
+}
+
+void ShortenWrite(pid_t /*child*/)
+{
+    ThrowNoRegisters();
+}
+
+void SetError(pid_t /*child*/, int /*error*/)
+{
+    ThrowNoRegisters();
+}
+#endif
 
 class Tracer {
   public:
@@ -185,9 +276,9 @@ class Tracer {
             Kill();
         } else if (IsDisturbed(Kind::kFail) && !call.Is("close")) {
             // A close that fails has closed the descriptor nevertheless.
-            ChangeRegisters(child_, [](user_regs_struct &registers) { registers.orig_rax = ~0ULL; });
+            CancelCall(child_);
         } else if (IsDisturbed(Kind::kShorten) && call.Is("write")) {
-            ChangeRegisters(child_, [](user_regs_struct &registers) { registers.rdx = 1; });
+            ShortenWrite(child_);
         }
     }
 
@@ -202,9 +293,7 @@ class Tracer {
             Kill();
         } else if (IsDisturbed(Kind::kFail)) {
             call.result = -disturbance_.error;
-            ChangeRegisters(child_, [&](user_regs_struct &registers) {
-                registers.rax = static_cast<unsigned long long>(-static_cast<long long>(disturbance_.error));
-            });
+            SetError(child_, disturbance_.error);
         }
     }
 
@@ -231,6 +320,12 @@ class Tracer {
 }
 
 } // namespace
+
+#ifdef __x86_64__
+const bool kCanChangeCalls = true;
+#else
+const bool kCanChangeCalls = false;
+#endif
 
 Outcome RunTraced(const std::function<int()> &work, const Disturbance &disturbance)
 {

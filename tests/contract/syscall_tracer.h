@@ -46,6 +46,10 @@ struct Outcome {
     std::vector<std::string> descriptorsAfter;
 };
 
+// Whether this processor's calls can be made to fail or to be shortened: that changes registers, whose names and use
+// differ. Where it is false, RunTraced takes no disturbance but a crash.
+extern const bool kCanChangeCalls;
+
 // `work` returns 0 or more, or a negated errno. It runs in a forked copy of this process.
 Outcome RunTraced(const std::function<int()> &work, const Disturbance &disturbance = {});
 

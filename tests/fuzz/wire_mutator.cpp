@@ -59,8 +59,9 @@ std::optional<Field> TakeField(Bytes &Left)
     if (*Number > Left.size()) {
         return std::nullopt;
     }
-    Out.Content.assign(Left.begin(), Left.begin() + static_cast<std::ptrdiff_t>(*Number));
-    Left = Left.subspan(*Number);
+    const Bytes Content = Left.first(static_cast<size_t>(*Number));
+    Out.Content.assign(Content.begin(), Content.end());
+    Left = Left.subspan(Content.size());
     return Out;
 }
 
