@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "emulator.h"
 #include "test_box.h"
 #include "unique_fd.h"
 
@@ -87,6 +88,7 @@ TEST_F(ChildReaperTest, LeavesARunningChild)
 // The shell that launches an instance ends before the instance does.
 TEST_F(ChildReaperTest, ReapsWhatItsChildrenLeaveBehind)
 {
+    KAVEL_SKIP_IF_EMULATED("PR_SET_CHILD_SUBREAPER is not passed on");
     ChildReaper reaper(loop_);
     std::array<int, 2> ends{};
     ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);

@@ -43,13 +43,13 @@ void SetUser(uid_t user)
     Require(::prctl(PR_SET_DUMPABLE, 1) == 0, "prctl");
 }
 
-// For a moment after it was started a process has no command line.
-void AwaitCommandLine(pid_t pid)
+// For a moment after it was started a process has no command line; where programs are emulated it has this program's.
+void AwaitCommandLine(pid_t pid, const std::string &program)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (ReadCommandLine(pid).empty()) {
+    while (!ReadCommandLine(pid).starts_with(program)) {
         if (std::chrono::steady_clock::now() > deadline) {
-            throw std::runtime_error("a process has no command line");
+            throw std::runtime_error("a process does not run " + program);
         }
         ::sched_yield();
     }
@@ -180,7 +180,7 @@ FakeInstance::FakeInstance(const TestBox &box, std::uint32_t vpnId, const std::s
     ::posix_spawn_file_actions_destroy(&actions);
     Require(errno == 0, "posix_spawn");
     handle_ = ProcessHandle::Open(pid_);
-    AwaitCommandLine(pid_);
+    AwaitCommandLine(pid_, path);
 }
 
 FakeInstance::~FakeInstance()

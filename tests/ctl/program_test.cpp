@@ -11,6 +11,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "emulator.h"
 #include "errors.h"
 #include "fake_agent.h"
 #include "files.h"
@@ -33,6 +34,9 @@ class ProgramTest : public testing::Test {
     Outcome Vqctl(std::vector<std::string> arguments, const std::string &input = {}, int output = -1)
     {
         arguments.insert(arguments.begin(), KAVEL_VQCTL);
+        if (const char *emulator = Emulator()) {
+            arguments.insert(arguments.begin(), emulator);
+        }
         std::vector<char *> argv;
         argv.reserve(arguments.size() + 1);
         for (std::string &argument : arguments) {
@@ -53,7 +57,7 @@ class ProgramTest : public testing::Test {
             posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
         }
         pid_t pid = -1;
-        EXPECT_EQ(::posix_spawn(&pid, KAVEL_VQCTL, &actions, nullptr, argv.data(), environ), 0);
+        EXPECT_EQ(::posix_spawn(&pid, argv.front(), &actions, nullptr, argv.data(), environ), 0);
         posix_spawn_file_actions_destroy(&actions);
         int status = 0;
         EXPECT_EQ(::waitpid(pid, &status, 0), pid);
