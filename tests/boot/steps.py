@@ -12,10 +12,14 @@ import subprocess
 import sys
 import time
 
+import readme
 from machine import HERE, PLACE, Failure, Machine, Queries, run, wait_until
 
 SCRIPTS = HERE.parents[1] / "scripts"
+PACKAGING = HERE.parents[1] / "packaging"
 EXAMPLES = HERE.parents[1] / "examples"
+README_PLACE = "/root/kavel"
+README_BLOCKS = ("install", "interface", "configuration", "start", "message", "answer", "status")
 ANYWHERE = "192.0.2.53"  # a resolver that does not exist: the steering rule leads its queries to the instance
 EXPOSURE_MAX = 3.5
 DOWN_MAX = 30.0
@@ -73,6 +77,10 @@ class Box:
         config = {"platform": "cpe", "persistence": True, "vpns": [
             {"id": vpn, "lan": ["lan0", "lan1"], "wan": [{"name": "wan0"}]} for vpn in vpns], **changes}
         self.machine.write("/etc/kavel/agent.json", json.dumps(config))
+
+    def type_in(self, directory, typed):
+        """Types lines in a shell. Returns what they print."""
+        return self.machine.run("bash", "-c", f"cd {directory} && exec 2>&1\n{typed}").stdout
 
     def apply(self, message):
         show(self.do("vqctl", "apply", "-", input=json.dumps(message)))
@@ -168,6 +176,24 @@ def boot(box):
     box.machine.write("/etc/systemd/system/lab.service", LAB_UNIT.format(order="Before=vqagent.service", delay=0))
     box.do("systemctl", "enable", "lab.service")
     box.files_before, box.users_before = box.files(), box.users()
+
+
+def follow_the_readme(box):
+    """README.md: from the packages to the first answer, by its lines alone"""
+    shutil.copytree(box.machine.path("/opt/boot/packages"), box.machine.path(f"{README_PLACE}/build/package"))
+    blocks = readme.blocks()
+    for name in README_BLOCKS:
+        readme.run_block(blocks[name], lambda typed: box.type_in(README_PLACE, typed))
+        show("\n".join(f"# {command.typed.splitlines()[0]}" for command in blocks[name]))
+
+
+def test_the_packages(box):
+    """The packages' own test: a message is applied, and its answer is asked for"""
+    for command in (["vqctl", "stop", "--all"], ["ip", "link", "delete", "client7"], ["ip", "netns", "delete", "vpn_7"]):
+        box.do(*command)
+    shutil.copy(PACKAGING / "debian/tests/answer", box.machine.path("/opt/boot/answer"))
+    show(box.do("/opt/boot/answer"))
+    box.do("apt-get", "purge", "--yes", *box.names)
 
 
 def install(box):
@@ -401,7 +427,7 @@ def purge(box):
     expect(not units and box.state() == "inactive", f"the unit is {box.state()}: {units}")
 
 
-STEPS = (boot, install, serve_pop, serve_two_vpns, check_sandbox, reload_with_a_third_vpn, refuse_a_mistake,
+STEPS = (boot, follow_the_readme, test_the_packages, install, serve_pop, serve_two_vpns, check_sandbox, reload_with_a_third_vpn, refuse_a_mistake,
          kill_the_agent, hang_the_agent, start_slowly, stop_and_start, reboot, reboot_with_late_namespaces, upgrade,
          remove, purge)
 
