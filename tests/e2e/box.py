@@ -3,6 +3,7 @@
 Everything runs inside scripts/private: each test file has its own /etc/kavel, /run and process ids.
 """
 
+import contextlib
 import json
 import os
 import pathlib
@@ -171,11 +172,16 @@ class Box:
         pathlib.Path(address).unlink(missing_ok=True)
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notify:
             notify.bind(address)
-            notify.settimeout(60)
+            notify.settimeout(0.5)
             self.agent = self.spawn(*options, NOTIFY_SOCKET=address)
-            while b"READY=1" not in notify.recv(4096):
-                pass
+            wait_until(lambda: self.is_ready(notify), "the agent is ready", 60)
         return self
+
+    def is_ready(self, notify):
+        """Whether the agent's next message to the service manager says so. Fails if the agent has ended instead."""
+        assert self.agent.poll() is None, f"the agent ended with {self.agent.returncode}: {self.log()}"
+        with contextlib.suppress(TimeoutError):
+            return b"READY=1" in notify.recv(4096)
 
     def stop(self):
         """Sends SIGTERM to the agent. Returns its exit status."""
