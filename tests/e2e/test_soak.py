@@ -9,6 +9,7 @@ import os
 import random
 import shutil
 import signal
+import sqlite3
 import threading
 import time
 
@@ -191,7 +192,7 @@ def wait_until_all_is_right(histories, began):
             try:
                 check_right(vpn, histories)
                 waiting.discard(vpn)
-            except (AssertionError, OSError, KeyError, ValueError) as failure:
+            except (AssertionError, OSError, KeyError, ValueError, sqlite3.OperationalError) as failure:
                 problem = failure
         if waiting and time.monotonic() - began > LONGEST_RETURN:
             raise AssertionError(f"vpns {sorted(waiting)} are not right after {LONGEST_RETURN} s") from problem
