@@ -8,6 +8,8 @@ import sys
 import threading
 import time
 
+from waiting import wait_until
+
 HERE = pathlib.Path(__file__).resolve().parent
 PLACE = pathlib.Path("/run/boot")
 ROOT = PLACE / "root"
@@ -16,24 +18,12 @@ REBOOT = 133  # the exit status of systemd-nspawn --keep-unit if the system want
 BOOT_TIMEOUT = 60.0
 
 
-class Failure(Exception):
+class Failure(AssertionError):
     """A step did not lead to what it must lead to."""
 
 
 def run(*command, **options):
     return subprocess.run([str(word) for word in command], text=True, capture_output=True, check=False, **options)
-
-
-def wait_until(condition, what, seconds=15.0):
-    """Returns the first true value of `condition`. `what` may be a function: it is called at the end of the time."""
-    deadline = time.monotonic() + seconds
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise Failure(f"timeout after {seconds:.0f} s: {what() if callable(what) else what}")
-        time.sleep(0.05)
 
 
 def child_of(pid):

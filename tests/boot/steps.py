@@ -13,7 +13,8 @@ import sys
 import time
 
 import readme
-from machine import HERE, PLACE, Failure, Machine, Queries, run, wait_until
+from machine import HERE, PLACE, Failure, Machine, Queries, run
+from waiting import wait_until
 
 SCRIPTS = HERE.parents[1] / "scripts"
 PACKAGING = HERE.parents[1] / "packaging"
@@ -438,7 +439,7 @@ def main():
         say(step.__doc__)
         try:
             step(box)
-        except (Failure, OSError, subprocess.SubprocessError) as failure:
+        except (AssertionError, OSError, subprocess.SubprocessError) as failure:
             box.machine.report()
             print(f"\nFAILED: {step.__name__}: {failure}", file=sys.stderr)
             return 1

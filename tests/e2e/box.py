@@ -13,7 +13,8 @@ import socket
 import sqlite3
 import struct
 import subprocess
-import time
+
+from waiting import wait_until
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["KAVEL_BUILD"])
@@ -26,17 +27,6 @@ STORE = pathlib.Path("/run/kavel-store/agent.db")
 
 def run(*command, check=True, **options):
     return subprocess.run([str(word) for word in command], check=check, text=True, capture_output=True, **options)
-
-
-def wait_until(condition, what, seconds=15.0):
-    """Returns the first true value of `condition`. If there is none within `seconds`, the test fails with `what`."""
-    deadline = time.monotonic() + seconds
-    while True:
-        value = condition()
-        if value:
-            return value
-        assert time.monotonic() < deadline, f"timeout after {seconds} s: {what}"
-        time.sleep(0.02)
 
 
 def vpn_config(vpn, **changes):
