@@ -257,6 +257,7 @@ int StopAll(const Options &options, Config config)
 {
     Host host(std::move(config));
     const Module module(options.module, host);
+    module.Functions().setPlatform();
     const Instances instances({}, host.identity);
     const InForceFiles inForce(instances);
     Repairs repairs(host, instances, module.Functions(), inForce);

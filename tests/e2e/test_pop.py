@@ -4,7 +4,7 @@ import json
 
 import pytest
 
-from box import ROOT, alive, end, instance_pid, instances, run, wait_until
+from box import BUILD, ROOT, alive, end, instance_pid, instances, run, wait_until
 
 LOCAL_IP = "10.88.0.1"
 UP_IP = "10.9.0.1"
@@ -141,3 +141,17 @@ def test_cpe_message_is_refused_on_a_pop(pop):
     done = pop.vqctl("check", "-", input=json.dumps({"enable": True, "operation": "reload", "vpnid": 7,
                                                      "dnshosts": [{"domain": "a.example", "ip": "10.0.0.1"}]}))
     assert done.returncode == 1
+
+
+@pytest.mark.parametrize("with_agent", [True, False])
+def test_stopping_removes_both_rules(pop, with_agent):
+    pop.apply(pop_message())
+    assert len(tables()) == 2
+
+    if with_agent:
+        assert pop.vqctl("stop", "--all").stdout == "vpn 0: stopped\n"
+    else:
+        assert pop.stop() == 0
+        run(BUILD / "vqagent", "--stop-all")
+
+    assert tables() == [] and instances() == []
