@@ -112,7 +112,11 @@ class Agent {
             return true;
         }
         const auto &Request = *reinterpret_cast<const Kavel__Request *>(Envelope.get());
-        switch (VerbOf(Request)) {
+        if (protobuf_c_enum_descriptor_get_value(&kavel__request__verb__descriptor, VerbOf(Request)) == nullptr) {
+            return true;
+        }
+        // Without a default: a verb that comes later does not compile until somebody has decided about it here.
+        switch (Request.verb) {
         case KAVEL__REQUEST__VERB__APPLY: {
             const fuzz::Bytes Message(Request.message.data, Request.has_message != 0 ? Request.message.len : 0);
             const auto Unpacked = kavel::agent::UnpackControllerMessage(kavel::agent::Platform::kCpe, Message);
@@ -124,12 +128,16 @@ class Agent {
         case KAVEL__REQUEST__VERB__VPN_INIT:
         case KAVEL__REQUEST__VERB__VPN_RELEASE:
             return Request.has_vpn == 0 || Request.vpn != ServedVpn;
+        case KAVEL__REQUEST__VERB__STOP:
+            return Request.has_vpn == 0 || !IsServed(Request.vpn);
+        case KAVEL__REQUEST__VERB__CHECK:
+            return true;
         case KAVEL__REQUEST__VERB__STORE_LIST:
         case KAVEL__REQUEST__VERB__STORE_SHOW:
+        case _KAVEL__REQUEST__VERB_IS_INT_SIZE:
             return false;
-        default:
-            return true;
         }
+        return false;
     }
 
     kavel::agent::Host m_Host{Configuration()};
