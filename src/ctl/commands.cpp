@@ -1,7 +1,5 @@
 #include "commands.h"
 
-#include <chrono>
-#include <exception>
 #include <ostream>
 #include <span>
 
@@ -10,6 +8,7 @@
 #include "files.h"
 #include "json_message.h"
 #include "output.h"
+#include "session.h"
 #include "status_output.h"
 #include "store_output.h"
 
@@ -45,17 +44,6 @@ EncodedMessage LoadMessage(const std::string &file, bool binary)
     return binary ? EncodedMessage{{content.begin(), content.end()}, "raw message"} : EncodeJson(content);
 }
 
-// Without `vpn` the request names none.
-Kavel__Request NewRequest(Kavel__Request__Verb verb, std::optional<std::uint32_t> vpn = std::nullopt)
-{
-    Kavel__Request request{};
-    kavel__request__init(&request);
-    request.verb = verb;
-    request.has_vpn = vpn ? 1 : 0;
-    request.vpn = vpn.value_or(0);
-    return request;
-}
-
 void CheckRevision(const std::string &revision)
 {
     const std::string expected = "--revision: expected 1 to " + Counted(kRevisionMax, "byte") + " of printable text";
@@ -84,31 +72,6 @@ std::vector<Outgoing> LoadAll(Kavel__Request__Verb verb, const Messages &message
         }));
     }
     return all;
-}
-
-ReplyPtr Exchange(const Session &session, Client &client, std::span<const std::uint8_t> request,
-                  const std::string &what)
-{
-    if (session.verbose) {
-        session.err << "vqctl: sending " << Printable(what) << ", request of " << Counted(request.size(), "byte")
-                    << '\n';
-    }
-    ReplyPtr reply = client.Exchange(request);
-    if (session.verbose) {
-        session.err << "vqctl: received result " << reply->result << '\n';
-    }
-    return reply;
-}
-
-ReplyPtr ExchangeOne(const Session &session, const Kavel__Request &request, const std::string &what)
-{
-    Client client = Client::Connect(session.socket, session.timeout);
-    return Exchange(session, client, PackRequest(request), what);
-}
-
-std::optional<std::uint32_t> VpnOf(const Kavel__Reply &reply)
-{
-    return reply.has_vpn != 0 ? std::optional(reply.vpn) : std::nullopt;
 }
 
 // "a.json, b.json"
@@ -192,20 +155,6 @@ int RunVpnCommand(const Session &session, Kavel__Request__Verb verb, std::uint32
     return refused ? kRefused : kDone;
 }
 
-// The Unix time in seconds.
-std::uint64_t Now()
-{
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(now).count());
-}
-
-// Reports on standard error that the agent refused a query.
-int ReportRefusal(const Session &session, const std::string &subject, const Kavel__Reply &reply)
-{
-    session.err << "vqctl: " << subject << ": refused " << RefusalText(reply) << '\n';
-    return kRefused;
-}
-
 bool HasSomethingToStop(const Kavel__VpnStatus &vpn)
 {
     return vpn.meant != 0 || vpn.pid_file != 0 || vpn.starting != 0 || vpn.routes != 0 || vpn.rule != 0 ||
@@ -228,13 +177,6 @@ std::optional<std::vector<std::uint32_t>> VpnsToStop(const Session &session, Cli
         }
     }
     return vpns;
-}
-
-int ReportError(const Session &session, const std::exception &error, ExitCode code)
-{
-    session.out.flush();
-    session.err << "vqctl: " << Printable(error.what()) << '\n';
-    return code;
 }
 
 } // namespace
@@ -291,11 +233,11 @@ int Encode(const std::string &file, const std::optional<std::string> &target)
     return kDone;
 }
 
-int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json)
+int Status(const Session &session, std::optional<std::uint32_t> vpn)
 {
     const ReplyPtr reply = ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__STATUS, vpn), "status");
     const bool isStarting = reply->start != nullptr;
-    if (isStarting && !json) {
+    if (isStarting && !session.json) {
         session.out << StartText(*reply->start);
     }
     if (reply->result < 0) {
@@ -304,7 +246,7 @@ int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json)
     }
     const StatusList vpns(reply->vpns, reply->n_vpns);
     const StatusView view{.now = Now(), .withRevisions = vpn.has_value(), .colour = session.colour};
-    session.out << (json ? StatusJson(vpns) : StatusTable(vpns, view));
+    session.out << (session.json ? StatusJson(vpns) : StatusTable(vpns, view));
     if (isStarting) {
         return kStarting;
     }
@@ -390,21 +332,6 @@ int StoreShow(const Session &session, std::uint32_t vpn)
     const auto *text = reinterpret_cast<const char *>(reply->stored_text.data);
     session.out << StoredText({text, reply->stored_text.len});
     return kDone;
-}
-
-int Run(const Session &session, const std::function<int()> &command)
-{
-    try {
-        const int code = command();
-        if (!session.out.flush()) {
-            throw InputError("standard output: cannot be written");
-        }
-        return code;
-    } catch (const InputError &error) {
-        return ReportError(session, error, kBadInput);
-    } catch (const AgentError &error) {
-        return ReportError(session, error, kNoAgent);
-    }
 }
 
 } // namespace kavel::ctl

@@ -2,30 +2,15 @@
 #ifndef KAVEL_CTL_COMMANDS_H
 #define KAVEL_CTL_COMMANDS_H
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "frame.h"
+#include "session.h"
 
 namespace kavel::ctl {
-
-// For one request. It is long because a large message restarts an instance and installs many routes.
-inline constexpr std::chrono::seconds kTimeout{60};
-
-struct Session {
-    std::ostream &out;
-    std::ostream &err;
-    std::string socket = control::kDefaultSocket;
-    bool verbose = false; // report requests and results on `err`
-    bool colour = false;
-    std::chrono::milliseconds timeout = kTimeout;
-};
 
 struct Messages {
     std::vector<std::string> files; // `-`: standard input
@@ -48,27 +33,23 @@ int Encode(const std::string &file, const std::optional<std::string> &target);
 
 // Prints the state of one VPN, or of all. While the agent is starting, the text begins with how far the start is; the
 // JSON does not hold that, only the exit code says so.
-int Status(const Session &session, std::optional<std::uint32_t> vpn, bool json);
+int Status(const Session &session, std::optional<std::uint32_t> vpn);
 
 // Has the agent repair what differs from what is in force, for one VPN or for all. Prints what was repaired; what could
 // not be repaired is printed on `err`.
 int Repair(const Session &session, std::optional<std::uint32_t> vpn);
 
-// Create and remove the instance directory of a VPN.
 // Has the agent end the instance of one VPN, or of all that have something to end, with its rules and routes. What
 // could not be removed is printed on `err`.
 int Stop(const Session &session, std::optional<std::uint32_t> vpn);
 
+// Create and remove the instance directory of a VPN.
 int VpnInit(const Session &session, std::uint32_t vpn);
 int VpnRelease(const Session &session, std::uint32_t vpn);
 
 // Print a table of the stored records, and the text of one VPN's record.
 int StoreList(const Session &session);
 int StoreShow(const Session &session, std::uint32_t vpn);
-
-// Runs a command and returns its exit code. An InputError or AgentError becomes one line on `session.err` and an exit
-// code; standard output that cannot be written does as well.
-int Run(const Session &session, const std::function<int()> &command);
 
 } // namespace kavel::ctl
 

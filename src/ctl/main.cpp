@@ -37,7 +37,6 @@ struct Arguments {
     std::optional<std::string> target;
     std::optional<std::uint32_t> vpn;
     bool all = false; // of the VPNs
-    bool json = false;
     std::function<int()> command;
 };
 
@@ -100,10 +99,9 @@ void AddStatusCommand(CLI::App &app, Arguments &arguments)
 {
     CLI::App *status = app.add_subcommand(
         "status", "Show the state of every VPN; exit code 1 if any has problems, 5 while the agent is starting");
-    status->add_flag("--json", arguments.json, "Print JSON, for programs");
     AddVpn(*status, arguments, "--vpn", "Show only this VPN");
     status->final_callback(
-        [&arguments] { arguments.command = [&] { return Status(arguments.session, arguments.vpn, arguments.json); }; });
+        [&arguments] { arguments.command = [&] { return Status(arguments.session, arguments.vpn); }; });
 }
 
 void AddRepairCommand(CLI::App &app, Arguments &arguments)
@@ -164,6 +162,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
         ->type_name("PATH")
         ->capture_default_str();
     app.add_flag("-v,--verbose", arguments.session.verbose, "Report requests and results on standard error");
+    app.add_flag("--json", arguments.session.json, "Print JSON, for programs");
     AddMessageCommands(app, arguments);
     AddStatusCommand(app, arguments);
     AddRepairCommand(app, arguments);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <new>
 #include <system_error>
 
 #include "operation.h"
@@ -44,13 +43,6 @@ std::string RefusalText(const Kavel__Reply &reply)
         return text + ": " + Printable(reply.text);
     }
     return text;
-}
-
-std::string JsonDocument(json_object *json)
-{
-    const int format = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
-    const char *const text = json_object_to_json_string_ext(json, format);
-    return text != nullptr ? PrintableJson(text) + "\n" : throw std::bad_alloc();
 }
 
 std::string SummaryText(const Kavel__Summary &summary)

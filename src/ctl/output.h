@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "control.pb-c.h"
-#include "json_reader.h"
 #include "printable.h"
 
 namespace kavel::ctl {
@@ -29,9 +28,6 @@ std::string SubjectText(std::optional<std::uint32_t> vpn);
 // What follows "refused": "(-22 Invalid argument): the reason". The reason is the module's, or else the agent's text
 // unless it only repeats the error; without either the text ends at the parenthesis.
 std::string RefusalText(const Kavel__Reply &reply);
-
-// The text of a JSON value, indented. Characters that must not reach a terminal are escaped: see PrintableJson().
-std::string JsonDocument(json_object *json);
 
 // "enabled, reload, 2 hosts, 1 mx, 2 servers, 3 forwards, not stored".
 std::string SummaryText(const Kavel__Summary &summary);

@@ -5,14 +5,13 @@
 #include <cstdlib>
 #include <iomanip>
 #include <iterator>
-#include <new>
 #include <optional>
 #include <sstream>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
-#include "json_reader.h"
+#include "json_output.h"
 #include "output.h"
 #include "table.h"
 
@@ -93,16 +92,6 @@ std::string RuleText(Vpn vpn)
 
 // What a member of the JSON object holds. An empty JsonPtr is the JSON null.
 
-JsonPtr Made(json_object *value)
-{
-    return value != nullptr ? JsonPtr(value) : throw std::bad_alloc();
-}
-
-JsonPtr JsonText(const char *text)
-{
-    return Made(json_object_new_string(text));
-}
-
 JsonPtr NamespaceJson(Vpn vpn)
 {
     return JsonText(vpn.namespace_);
@@ -115,19 +104,19 @@ JsonPtr StateJson(Vpn vpn)
 
 JsonPtr PidJson(Vpn vpn)
 {
-    return Made(json_object_new_int(vpn.pid));
+    return JsonNumber(vpn.pid);
 }
 
 template <auto Member>
 JsonPtr CountJson(Vpn vpn)
 {
-    return Made(json_object_new_uint64(vpn.*Member));
+    return JsonNumber(vpn.*Member);
 }
 
 template <auto Member>
 JsonPtr FlagJson(Vpn vpn)
 {
-    return Made(json_object_new_boolean(vpn.*Member));
+    return JsonBool(vpn.*Member != 0);
 }
 
 // Null when the agent does not know.
@@ -151,11 +140,9 @@ JsonPtr OptionalTextJson(Vpn vpn)
 
 JsonPtr ProblemsJson(Vpn vpn)
 {
-    JsonPtr list = Made(json_object_new_array());
-    for (const char *problem : std::span(vpn.problems, vpn.n_problems)) {
-        if (json_object_array_add(list.get(), JsonText(problem).release()) != 0) {
-            throw std::bad_alloc();
-        }
+    JsonPtr list = NewJsonArray();
+    for (const Kavel__Finding *problem : std::span(vpn.problems, vpn.n_problems)) {
+        AddElement(list.get(), FindingJson(*problem));
     }
     return list;
 }
@@ -228,16 +215,9 @@ constexpr auto kVpnColumns = [] {
     return columns;
 }();
 
-void AddMember(json_object *object, const char *name, JsonPtr value)
-{
-    if (json_object_object_add(object, name, value.release()) != 0) {
-        throw std::bad_alloc();
-    }
-}
-
 JsonPtr ObjectOf(Vpn vpn)
 {
-    JsonPtr object = Made(json_object_new_object());
+    JsonPtr object = NewJsonObject();
     for (const StatusField &field : kFields) {
         AddMember(object.get(), field.name, field.json(vpn));
     }
@@ -304,7 +284,8 @@ std::string RepairsText(Vpn vpn, std::uint64_t now)
 std::string LinesBelow(Vpn vpn, const StatusView &view)
 {
     std::vector<std::string> texts;
-    std::ranges::transform(std::span(vpn.problems, vpn.n_problems), std::back_inserter(texts), Printable);
+    std::ranges::transform(std::span(vpn.problems, vpn.n_problems), std::back_inserter(texts),
+                           [](const Kavel__Finding *problem) { return Printable(problem->text); });
     if (vpn.ends != 0) {
         texts.push_back(EndsText(vpn, view.now));
     }
@@ -368,11 +349,9 @@ std::string StatusTable(StatusList vpns, const StatusView &view)
 
 std::string StatusJson(StatusList vpns)
 {
-    const JsonPtr list = Made(json_object_new_array());
+    const JsonPtr list = NewJsonArray();
     for (const Kavel__VpnStatus *vpn : vpns) {
-        if (json_object_array_add(list.get(), ObjectOf(*vpn).release()) != 0) {
-            throw std::bad_alloc();
-        }
+        AddElement(list.get(), ObjectOf(*vpn));
     }
     return JsonDocument(list.get());
 }

@@ -6,6 +6,7 @@
 
 #include "errors.h"
 #include "json_reader.h"
+#include "json_output.h"
 #include "output.h"
 #include "table.h"
 

@@ -31,7 +31,11 @@ ReplyPtr Sent(const Answer &answer)
 
 std::vector<std::string> ProblemsOf(const Kavel__VpnStatus &status)
 {
-    return {status.problems, status.problems + status.n_problems};
+    std::vector<std::string> texts;
+    for (const Kavel__Finding *problem : std::span(status.problems, status.n_problems)) {
+        texts.push_back(std::string(problem->code) + ": " + problem->text + "; do: " + problem->remedy);
+    }
+    return texts;
 }
 
 TEST(PackAnswer, ASuccessCarriesNothingElse)
@@ -116,7 +120,7 @@ TEST(PackAnswer, CarriesEveryStatusWithItsTexts)
     answer.vpns[1].fields.memory_bytes = 5'000'000'000U;
     answer.vpns[1].fields.has_rule = 1;
     answer.vpns[1].netns = "blue";
-    answer.vpns[1].problems = {"first problem", "second"};
+    answer.vpns[1].problems = {{Fault::kRoutesMissing, "first problem", ""}, {Fault::kLinkDown, "second", "lan0"}};
     const ReplyPtr reply = Sent(answer);
     ASSERT_EQ(reply->n_vpns, 2U);
     EXPECT_THAT(reply->vpns[0]->namespace_, StrEq("-"));
@@ -128,7 +132,11 @@ TEST(PackAnswer, CarriesEveryStatusWithItsTexts)
     EXPECT_EQ(status.memory_bytes, 5'000'000'000U);
     EXPECT_TRUE(status.has_rule);
     EXPECT_THAT(status.namespace_, StrEq("blue"));
-    EXPECT_THAT(ProblemsOf(status), ElementsAre("first problem", "second"));
+    EXPECT_THAT(
+        ProblemsOf(status),
+        ElementsAre("routes-missing: first problem; do: vqctl repair --vpn 7",
+                    "link-down: second; do: ip netns exec blue ip link set lan0 up; without a carrier: check its "
+                    "other end"));
 }
 
 TEST(PackAnswer, CarriesTheHistoryOfAVpn)

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "finding_texts.h"
 #include "supervisor_fixture.h"
 
 namespace kavel::agent {
@@ -78,13 +79,13 @@ TEST_F(UpstreamHealthTest, AnUpstreamThatDoesNotAnswerIsToldAndNothingIsStarted)
     box_.Write("/etc/kavel/dnsmasq/dnsmasq.d/ServerMap.conf", "server=192.0.2.2@wan0\nserver=/a/192.0.2.3\n");
     const FakeInstance &instance = Serve();
     ASSERT_TRUE(RunUntil(loop_, [this] { return !Described().problems.empty(); }));
-    EXPECT_THAT(Described().problems, UnorderedElementsAre("upstream 192.0.2.1 does not answer",
-                                                           "upstream 192.0.2.2 through wan0 does not answer"));
+    EXPECT_THAT(TextsOf(Described().problems), UnorderedElementsAre("upstream 192.0.2.1 does not answer",
+                                                                    "upstream 192.0.2.2 through wan0 does not answer"));
     EXPECT_TRUE(instance.IsAlive());
     EXPECT_THAT(launches_, IsEmpty());
     EXPECT_EQ(Described().fields.ends, 0U);
     Apply(0, true, VQ_DNSMASQ_OP_RELOAD);
-    EXPECT_THAT(Described().problems, IsEmpty()) << "the new message may have other servers";
+    EXPECT_THAT(TextsOf(Described().problems), IsEmpty()) << "the new message may have other servers";
     EXPECT_THAT(log_.Take(), HasSubstr("WARNING vpn 0: upstream 192.0.2.1 does not answer"));
 }
 

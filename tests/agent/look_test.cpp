@@ -1,5 +1,6 @@
 // Routes and rules need a namespace of their own: what is looked at here is VPN 0, whose rules an ordinary user cannot
 // read.
+#include "finding_texts.h"
 #include "supervision/look.h"
 
 #include <filesystem>
@@ -204,7 +205,7 @@ TEST_F(LookTest, TellsThatANamespaceIsMissing)
     for (std::uint32_t number = 1; number <= 3; ++number) {
         const Missing missing = FindMissing(host_, TestVpn(number));
         EXPECT_TRUE(missing.isNamespace);
-        EXPECT_THAT(missing.texts,
+        EXPECT_THAT(TextsOf(missing.findings),
                     ElementsAre("namespace \"" + host_.config.Find(TestVpn(number))->netns + "\" does not exist"));
     }
 }

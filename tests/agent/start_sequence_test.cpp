@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "finding_texts.h"
 #include "services/launch_mark.h"
 #include "supervisor_fixture.h"
 

@@ -1,4 +1,5 @@
 // Answers of instances need a network namespace: here nobody can be asked.
+#include "finding_texts.h"
 #include "socket/status_query.h"
 
 #include <gmock/gmock.h>
@@ -122,8 +123,8 @@ TEST_F(StatusQueryTest, TellsOnceThatTheStoreCannotBeRead)
     box_.Write("/store", "a file in the place of the directory");
     const auto statuses = Query({{TestVpn(1), TestVpn(2)}, false});
     ASSERT_EQ(statuses.size(), 2U);
-    EXPECT_THAT(statuses[0].problems, Contains(HasSubstr("the store cannot be read: ")));
-    EXPECT_THAT(statuses[1].problems, Not(Contains(HasSubstr("the store cannot be read: "))));
+    EXPECT_THAT(TextsOf(statuses[0].problems), Contains(HasSubstr("the store cannot be read: ")));
+    EXPECT_THAT(TextsOf(statuses[1].problems), Not(Contains(HasSubstr("the store cannot be read: "))));
 }
 
 TEST_F(StatusQueryTest, AnInstanceIsStartingWhileItsLaunchIsPending)

@@ -1,3 +1,4 @@
+#include "finding_texts.h"
 #include "instances/status.h"
 
 #include <cerrno>
@@ -81,7 +82,7 @@ TEST(ProcessProblem, TellsTheFirstThingThatIsWrong)
     for (const ProcessCase &each : cases) {
         Kavel__VpnStatus status = Healthy();
         each.change(status);
-        EXPECT_EQ(ProcessProblem(status, each.traits), each.problem) << each.name;
+        EXPECT_EQ(TextOf(ProcessProblem(status, each.traits)), each.problem) << each.name;
     }
 }
 
@@ -106,12 +107,12 @@ TEST(AnswerProblem, ComparesTheAnswerWithTheProcess)
         });
         const std::string text = "meant, alive, answers: " + std::to_string(each.meant) + std::to_string(each.alive) +
                                  std::to_string(each.answers);
-        EXPECT_EQ(AnswerProblem(status), each.problem) << text;
+        EXPECT_EQ(TextOf(AnswerProblem(status)), each.problem) << text;
         status.starting = 1;
-        EXPECT_EQ(AnswerProblem(status), std::nullopt) << text;
+        EXPECT_EQ(TextOf(AnswerProblem(status)), std::nullopt) << text;
         status.starting = 0;
         status.vpn = 0;
-        EXPECT_EQ(AnswerProblem(status), each.problem == other ? std::nullopt : each.problem)
+        EXPECT_EQ(TextOf(AnswerProblem(status)), each.problem == other ? std::nullopt : each.problem)
             << "the box may have a resolver of its own; " << text;
     }
 }
@@ -119,11 +120,12 @@ TEST(AnswerProblem, ComparesTheAnswerWithTheProcess)
 TEST(RuleProblem, ComparesTheRuleWithWhatIsMeant)
 {
     Kavel__VpnStatus status = Healthy();
-    EXPECT_EQ(RuleProblem(status, true, "the rule"), std::nullopt);
-    EXPECT_EQ(RuleProblem(status, false, "the rule"), "the rule is missing");
+    EXPECT_EQ(TextOf(RuleProblem(status, true, false)), std::nullopt);
+    EXPECT_EQ(TextOf(RuleProblem(status, false, false)), "the steering rule is missing");
     status.meant = 0;
-    EXPECT_EQ(RuleProblem(status, true, "the rule"), "the rule is installed although the service is switched off");
-    EXPECT_EQ(RuleProblem(status, false, "the rule"), std::nullopt);
+    EXPECT_EQ(TextOf(RuleProblem(status, true, false)),
+              "the steering rule is installed although the service is switched off");
+    EXPECT_EQ(TextOf(RuleProblem(status, false, false)), std::nullopt);
 }
 
 TEST(StoredProblem, ComparesTheRecordWithWhatIsMeant)
@@ -131,15 +133,15 @@ TEST(StoredProblem, ComparesTheRecordWithWhatIsMeant)
     Kavel__VpnStatus status = Healthy();
     StoredRecord record;
     record.enable = true;
-    EXPECT_EQ(StoredProblem(status, record), std::nullopt);
+    EXPECT_EQ(TextOf(StoredProblem(status, record)), std::nullopt);
     record.enable = false;
-    EXPECT_EQ(StoredProblem(status, record), "stored as switched off, but meant to run");
+    EXPECT_EQ(TextOf(StoredProblem(status, record)), "stored as switched off, but meant to run");
     status.meant = 0;
-    EXPECT_EQ(StoredProblem(status, record), std::nullopt);
+    EXPECT_EQ(TextOf(StoredProblem(status, record)), std::nullopt);
     record.enable = true;
-    EXPECT_EQ(StoredProblem(status, record), "stored as switched on, but not meant to run");
+    EXPECT_EQ(TextOf(StoredProblem(status, record)), "stored as switched on, but not meant to run");
     record.problem = "is broken";
-    EXPECT_EQ(StoredProblem(status, record), "its stored record cannot be read: is broken");
+    EXPECT_EQ(TextOf(StoredProblem(status, record)), "its stored record cannot be read: is broken");
 }
 
 // ---- The status of a VPN ----
@@ -176,7 +178,7 @@ TEST_F(StatusTest, AVpnWithoutAnythingHasNoProcess)
     EXPECT_EQ(fields.pid, 0);
     EXPECT_EQ(fields.hosts + fields.mx_hosts + fields.servers + fields.forwards, 0U);
     EXPECT_EQ(status.netns, "no-namespace-" + std::to_string(vpnId_));
-    EXPECT_THAT(status.problems, ElementsAre("namespace " + status.netns + " does not exist"));
+    EXPECT_THAT(TextsOf(status.problems), ElementsAre("namespace " + status.netns + " does not exist"));
 }
 
 TEST_F(StatusTest, CountsTheLinesOfTheInstancesFiles)
@@ -203,25 +205,25 @@ TEST_F(StatusTest, DescribesTheProcessOfThePidFile)
     EXPECT_EQ(status.fields.pid, instance.Pid());
     EXPECT_GT(status.fields.memory_bytes, 0U);
     EXPECT_FALSE(status.fields.in_namespace) << "the VPN has no namespace";
-    EXPECT_THAT(status.problems, Contains("runs in another network namespace"));
+    EXPECT_THAT(TextsOf(status.problems), Contains("runs in another network namespace"));
 }
 
 TEST_F(StatusTest, RecognisesAnotherVpnsDnsmasq)
 {
     const FakeInstance other(box_, TestVpn(2));
     box_.WritePidFile(vpnId_, std::to_string(other.Pid()));
-    EXPECT_THAT(Status(vpnId_).problems,
+    EXPECT_THAT(TextsOf(Status(vpnId_).problems),
                 Contains("pid file names process " + std::to_string(other.Pid()) + ", which is another dnsmasq"));
     const FakeInstance shell(box_, vpnId_, "shell");
     box_.WritePidFile(vpnId_, std::to_string(shell.Pid()));
-    EXPECT_THAT(Status(vpnId_).problems,
+    EXPECT_THAT(TextsOf(Status(vpnId_).problems),
                 Contains("pid file names process " + std::to_string(shell.Pid()) + ", which is not dnsmasq"));
 }
 
 TEST_F(StatusTest, TellsAnEmptyPidFileFromAMissingOne)
 {
     box_.WritePidFile(vpnId_, "");
-    EXPECT_THAT(Status(vpnId_).problems, Contains("pid file names no process"));
+    EXPECT_THAT(TextsOf(Status(vpnId_).problems), Contains("pid file names no process"));
 }
 
 TEST_F(StatusTest, TellsWhatIsKnownBefore)
@@ -230,8 +232,8 @@ TEST_F(StatusTest, TellsWhatIsKnownBefore)
     const VpnStatus starting = Status(vpnId_, {.starting = true, .answers = true});
     EXPECT_TRUE(starting.fields.has_starting && starting.fields.starting);
     EXPECT_TRUE(starting.fields.answers);
-    EXPECT_THAT(starting.problems, Not(Contains(HasSubstr("no instance runs"))));
-    EXPECT_THAT(Status(vpnId_).problems, Contains(HasSubstr("no instance runs")));
+    EXPECT_THAT(TextsOf(starting.problems), Not(Contains(HasSubstr("no instance runs"))));
+    EXPECT_THAT(TextsOf(Status(vpnId_).problems), Contains(HasSubstr("no instance runs")));
 }
 
 // Without privileges neither routes nor rules of the box can be read, since that enters its namespace.
@@ -247,7 +249,7 @@ TEST_F(StatusTest, DescribesTheBoxItself)
     EXPECT_EQ(status.fields.hosts, 1U);
     EXPECT_TRUE(status.fields.is_dnsmasq && status.fields.in_namespace);
     EXPECT_FALSE(status.fields.has_rule || status.fields.has_dnat);
-    EXPECT_THAT(status.problems,
+    EXPECT_THAT(TextsOf(status.problems),
                 ElementsAre("its routes cannot be read: Operation not permitted", "its rules cannot be read"));
     EXPECT_THAT(log.Take(), HasSubstr("WARNING vpn 0: its rules cannot be read: "));
 }
@@ -257,7 +259,7 @@ TEST_F(StatusTest, TheBoxThatDoesNotAnswerHasAProblem)
     const FakeInstance instance(box_, 0);
     box_.WritePidFile(0, std::to_string(instance.Pid()));
     LogCapture log;
-    EXPECT_THAT(Status(0).problems, Contains("does not answer on port 53"));
+    EXPECT_THAT(TextsOf(Status(0).problems), Contains("does not answer on port 53"));
 }
 
 TEST_F(StatusTest, TellsWhatIsStored)
@@ -270,12 +272,12 @@ TEST_F(StatusTest, TellsWhatIsStored)
     stored.records[vpnId_].enable = true;
     const VpnStatus enabled = Status(vpnId_, {}, stored);
     EXPECT_TRUE(enabled.fields.stored && enabled.fields.has_stored_enable && enabled.fields.stored_enable);
-    EXPECT_THAT(enabled.problems, Contains("stored as switched on, but not meant to run"));
+    EXPECT_THAT(TextsOf(enabled.problems), Contains("stored as switched on, but not meant to run"));
 
     stored.records[vpnId_].problem = "is broken";
     const VpnStatus broken = Status(vpnId_, {}, stored);
     EXPECT_TRUE(broken.fields.stored && !broken.fields.has_stored_enable);
-    EXPECT_THAT(broken.problems, Contains("its stored record cannot be read: is broken"));
+    EXPECT_THAT(TextsOf(broken.problems), Contains("its stored record cannot be read: is broken"));
 
     stored.isKnown = false;
     EXPECT_FALSE(Status(vpnId_, {}, stored).fields.has_stored);
@@ -330,7 +332,7 @@ TEST_F(StatusTest, FindsInstancesOfVpnsThatAreNotConfigured)
     int found = 0;
     for (const VpnStatus &status : StatusOfStrays(host_.config, instances_)) {
         EXPECT_NE(status.fields.vpn, vpnId_);
-        EXPECT_THAT(status.problems, ElementsAre("an instance runs, but the VPN is not configured"));
+        EXPECT_THAT(TextsOf(status.problems), ElementsAre("an instance runs, but the VPN is not configured"));
         if (status.fields.vpn == stray) {
             ++found;
             EXPECT_EQ(status.fields.pid, instance.Pid());

@@ -1,3 +1,4 @@
+#include "finding_texts.h"
 #include "supervision/supervisor.h"
 
 #include <gmock/gmock.h>
@@ -136,7 +137,7 @@ TEST_F(SupervisorTest, TheModulesMessageTellsWhyAnInstanceDidNotStart)
     instance.Kill();
     ASSERT_TRUE(RunUntil(loop_, [this] { return Described().fields.ends == 2; }));
     EXPECT_THAT(Described().lastEnd.value_or(""), HasSubstr("did not start: "));
-    EXPECT_THAT(Described().problems, Not(IsEmpty()));
+    EXPECT_THAT(TextsOf(Described().problems), Not(IsEmpty()));
 }
 
 // ---- Who has to wait ----
@@ -166,7 +167,7 @@ TEST_F(SupervisorTest, NothingIsKnownOfOtherVpns)
     const VpnStatus status = Described(TestVpn(9));
     EXPECT_FALSE(status.fields.has_ends);
     EXPECT_EQ(status.revision, std::nullopt);
-    EXPECT_THAT(status.problems, IsEmpty());
+    EXPECT_THAT(TextsOf(status.problems), IsEmpty());
 }
 
 TEST_F(SupervisorTest, TheStatusHasTheRevisionOfTheLastMessage)
@@ -183,7 +184,7 @@ TEST_F(SupervisorTest, AMissingNamespaceIsNoSecondProblem)
 {
     Start();
     Apply(TestVpn(1), true, VQ_DNSMASQ_OP_RELOAD);
-    EXPECT_THAT(Described(TestVpn(1)).problems, IsEmpty());
+    EXPECT_THAT(TextsOf(Described(TestVpn(1)).problems), IsEmpty());
     EXPECT_THAT(log_.Take(), HasSubstr("WARNING vpn " + std::to_string(TestVpn(1)) + ": namespace "));
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "finding_texts.h"
 #include "supervisor_fixture.h"
 
 namespace kavel::agent {
@@ -87,10 +88,10 @@ TEST_F(UpkeepTest, ARepairTellsWhatItCannotRepair)
     std::filesystem::remove_all(box_.Path("/etc/kavel"));
     box_.Write("/etc/kavel", "a file in the place of the directory");
     EXPECT_THAT(RepairNow().problems, ElementsAre(StartsWith("vpn 0: its directory was gone: ")));
-    EXPECT_THAT(Described().problems, ElementsAre(StartsWith("its directory was gone: ")));
+    EXPECT_THAT(TextsOf(Described().problems), ElementsAre(StartsWith("its directory was gone: ")));
     std::filesystem::remove(box_.Path("/etc/kavel"));
     EXPECT_THAT(RepairNow().notes, ElementsAre("vpn 0: repaired: its directory was gone"));
-    EXPECT_THAT(Described().problems, IsEmpty());
+    EXPECT_THAT(TextsOf(Described().problems), IsEmpty());
 }
 
 TEST_F(UpkeepTest, ARepairOfAVpnWithoutItsNamespaceSaysSo)
@@ -190,7 +191,7 @@ TEST_F(OftenTest, ARepairThatFailsAgainIsToldOnce)
     box_.Write("/etc/kavel", "a file in the place of the directory");
     RunFor(4500ms);
     EXPECT_EQ(Described().fields.repairs, 0U);
-    EXPECT_THAT(Described().problems, ElementsAre(StartsWith("its directory was gone: ")));
+    EXPECT_THAT(TextsOf(Described().problems), ElementsAre(StartsWith("its directory was gone: ")));
     const std::string log = log_.Take();
     const std::string line = "cannot be repaired: ";
     const std::size_t first = log.find(line);

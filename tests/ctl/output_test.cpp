@@ -1,3 +1,4 @@
+#include "json_output.h"
 #include "output.h"
 
 #include <gtest/gtest.h>

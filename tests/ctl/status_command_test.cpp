@@ -28,7 +28,12 @@ Bytes StatusReply(const char *problem, bool isStarting = false,
 {
     std::string name = "vpn_7";
     std::string text = problem != nullptr ? problem : "";
-    char *problems = text.data();
+    std::string code = "a-code";
+    Kavel__Finding finding{};
+    kavel__finding__init(&finding);
+    finding.code = code.data();
+    finding.text = text.data();
+    Kavel__Finding *problems = &finding;
     Kavel__VpnStatus vpn{};
     kavel__vpn_status__init(&vpn);
     vpn.vpn = 7;
@@ -49,7 +54,7 @@ Bytes StatusReply(const char *problem, bool isStarting = false,
 TEST_F(StatusCommandTest, StatusOfAllVpns)
 {
     Answer({StatusReply(nullptr)});
-    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt, false); }), kDone);
+    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt); }), kDone);
     EXPECT_THAT(out_.str(), HasSubstr("\n  7  vpn_7      stopped  "));
     EXPECT_EQ(Request(0)->verb, KAVEL__REQUEST__VERB__STATUS);
     EXPECT_EQ(Request(0)->has_vpn, 0);
@@ -58,7 +63,7 @@ TEST_F(StatusCommandTest, StatusOfAllVpns)
 TEST_F(StatusCommandTest, StatusOfAVpnWithProblemsReturnsRefused)
 {
     Answer({StatusReply("does not answer on port 53")});
-    EXPECT_EQ(Go([&] { return Status(session_, 7, false); }), kRefused);
+    EXPECT_EQ(Go([&] { return Status(session_, 7); }), kRefused);
     EXPECT_THAT(out_.str(), HasSubstr("\n\nvpn 7: does not answer on port 53\n"));
     EXPECT_EQ(Request(0)->has_vpn, 1);
     EXPECT_EQ(Request(0)->vpn, 7U);
@@ -67,21 +72,23 @@ TEST_F(StatusCommandTest, StatusOfAVpnWithProblemsReturnsRefused)
 TEST_F(StatusCommandTest, StatusOfAStartingInstanceSucceeds)
 {
     Answer({StatusReply(nullptr, true)});
-    EXPECT_EQ(Go([&] { return Status(session_, 7, false); }), kDone);
+    EXPECT_EQ(Go([&] { return Status(session_, 7); }), kDone);
     EXPECT_THAT(out_.str(), HasSubstr("\n  7  vpn_7      starting  "));
 }
 
 TEST_F(StatusCommandTest, StatusOfAStartingInstanceWithProblems)
 {
     Answer({StatusReply("the steering rule is missing", true)});
-    EXPECT_EQ(Go([&] { return Status(session_, 7, true); }), kRefused);
+    session_.json = true;
+    EXPECT_EQ(Go([&] { return Status(session_, 7); }), kRefused);
     EXPECT_THAT(out_.str(), HasSubstr(R"("starting": true)"));
 }
 
 TEST_F(StatusCommandTest, StatusAsJson)
 {
     Answer({StatusReply("does not answer on port 53")});
-    EXPECT_EQ(Go([&] { return Status(session_, 7, true); }), kRefused);
+    session_.json = true;
+    EXPECT_EQ(Go([&] { return Status(session_, 7); }), kRefused);
     EXPECT_THAT(out_.str(), StartsWith("["));
     EXPECT_THAT(out_.str(), HasSubstr(R"("does not answer on port 53")"));
 }
@@ -91,7 +98,8 @@ TEST_F(StatusCommandTest, StatusOfAnUnknownVpn)
     Answer({PackReply(-2, [text = std::string("vpn 99 is not configured")](Kavel__Reply &reply) mutable {
         reply.text = text.data();
     })});
-    EXPECT_EQ(Go([&] { return Status(session_, 99, true); }), kRefused);
+    session_.json = true;
+    EXPECT_EQ(Go([&] { return Status(session_, 99); }), kRefused);
     EXPECT_EQ(out_.str(), "");
     EXPECT_EQ(err_.str(), "vqctl: vpn 99: refused (-2 No such file or directory): vpn 99 is not configured\n");
 }
@@ -112,7 +120,7 @@ Bytes StartingReply(const char *problem, std::int32_t result = 0)
 TEST_F(StatusCommandTest, StatusOfAStartingAgentSaysHowFarItIs)
 {
     Answer({StartingReply(nullptr)});
-    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt, false); }), kStarting);
+    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt); }), kStarting);
     EXPECT_THAT(out_.str(), StartsWith("starting: 120 of 300 VPNs are back\nVPN  NAMESPACE  "));
     EXPECT_THAT(out_.str(), HasSubstr("\n  7  vpn_7      stopped  "));
     EXPECT_EQ(err_.str(), "");
@@ -121,11 +129,13 @@ TEST_F(StatusCommandTest, StatusOfAStartingAgentSaysHowFarItIs)
 TEST_F(StatusCommandTest, StatusOfAStartingAgentKeepsTheShapeOfTheJson)
 {
     Answer({StatusReply(nullptr)});
-    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt, true); }), kDone);
+    session_.json = true;
+    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt); }), kDone);
     const std::string json = std::exchange(out_, std::ostringstream()).str();
     EXPECT_THAT(json, StartsWith("["));
     Answer({StartingReply(nullptr)});
-    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt, true); }), kStarting);
+    session_.json = true;
+    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt); }), kStarting);
     EXPECT_EQ(out_.str(), json);
     EXPECT_EQ(err_.str(), "");
 }
@@ -133,14 +143,14 @@ TEST_F(StatusCommandTest, StatusOfAStartingAgentKeepsTheShapeOfTheJson)
 TEST_F(StatusCommandTest, AStartingAgentComesBeforeProblems)
 {
     Answer({StartingReply("no instance runs")});
-    EXPECT_EQ(Go([&] { return Status(session_, 7, false); }), kStarting);
+    EXPECT_EQ(Go([&] { return Status(session_, 7); }), kStarting);
     EXPECT_THAT(out_.str(), HasSubstr("\n\nvpn 7: no instance runs\n"));
 }
 
 TEST_F(StatusCommandTest, AStartingAgentComesBeforeARefusal)
 {
     Answer({StartingReply(nullptr, -2)});
-    EXPECT_EQ(Go([&] { return Status(session_, 99, false); }), kStarting);
+    EXPECT_EQ(Go([&] { return Status(session_, 99); }), kStarting);
     EXPECT_EQ(out_.str(), "starting: 120 of 300 VPNs are back\n");
     EXPECT_EQ(err_.str(), "vqctl: vpn 99: refused (-2 No such file or directory)\n");
 }
@@ -162,7 +172,7 @@ Bytes HistoryReply(const char *problem)
 TEST_F(StatusCommandTest, EndsAndRepairsAreNoProblem)
 {
     Answer({HistoryReply(nullptr)});
-    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt, false); }), kDone);
+    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt); }), kDone);
     EXPECT_THAT(out_.str(), ContainsRegex("\n\nvpn 7: ended 2 times, last 1[0-9] s ago; starts again in 59m[0-9]+s\n"
                                           "vpn 7: repaired 1 time\n$"));
 }
@@ -170,7 +180,7 @@ TEST_F(StatusCommandTest, EndsAndRepairsAreNoProblem)
 TEST_F(StatusCommandTest, TheRevisionIsShownForASingleVpn)
 {
     Answer({HistoryReply("no instance runs")});
-    EXPECT_EQ(Go([&] { return Status(session_, 7, false); }), kRefused);
+    EXPECT_EQ(Go([&] { return Status(session_, 7); }), kRefused);
     EXPECT_THAT(out_.str(), ContainsRegex("\n\nvpn 7: no instance runs\nvpn 7: ended .*\nvpn 7: repaired 1 time\n"
                                           "vpn 7: revision r1\n$"));
 }
@@ -178,7 +188,8 @@ TEST_F(StatusCommandTest, TheRevisionIsShownForASingleVpn)
 TEST_F(StatusCommandTest, TheJsonOfAllVpnsHoldsTheRevision)
 {
     Answer({HistoryReply(nullptr)});
-    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt, true); }), kDone);
+    session_.json = true;
+    EXPECT_EQ(Go([&] { return Status(session_, std::nullopt); }), kDone);
     EXPECT_THAT(out_.str(), HasSubstr(R"("revision": "r1")"));
 }
 

@@ -25,7 +25,12 @@ struct SampleVpn {
     void AddProblem(const std::string &problem)
     {
         texts.push_back(std::make_unique<std::string>(problem));
-        pointers.push_back(texts.back()->data());
+        Kavel__Finding &finding = *findings.emplace_back(std::make_unique<Kavel__Finding>());
+        kavel__finding__init(&finding);
+        finding.code = code.data();
+        finding.text = texts.back()->data();
+        finding.remedy = remedy.data();
+        pointers.push_back(&finding);
         status.problems = pointers.data();
         status.n_problems = pointers.size();
     }
@@ -33,7 +38,10 @@ struct SampleVpn {
     Kavel__VpnStatus status{};
     std::string name;
     std::vector<std::unique_ptr<std::string>> texts;
-    std::vector<char *> pointers;
+    std::string code = "a-code";
+    std::string remedy = "this";
+    std::vector<std::unique_ptr<Kavel__Finding>> findings;
+    std::vector<Kavel__Finding *> pointers;
 };
 
 void MakeRunning(SampleVpn &vpn, std::int32_t pid)
@@ -294,7 +302,8 @@ TEST_F(StatusTest, JsonHasTheValuesOfTheStatus)
               R"("pid_file":true,"pid":99,"alive":true,"is_dnsmasq":true,"in_namespace":false,"uptime_seconds":192,)"
               R"("memory_bytes":18446744073709551615,"hosts":3,"mx_hosts":1,"servers":2,"forwards":1,"routes":3,)"
               R"("stored":false,"stored_enable":null,"rule":false,"dnat":null,"answers":false,)"
-              R"("problems":["does not answer on port 53","runs in another\nnetwork namespace"]})");
+              R"("problems":[{"code":"a-code","text":"does not answer on port 53","do":"this"},)"
+              R"({"code":"a-code","text":"runs in another\nnetwork namespace","do":"this"}]})");
     EXPECT_EQ(JsonOf(stopped_.status),
               R"({"vpn":0,"namespace":"-","state":"stopped","meant":false,"starting":false,"pid_file":false,"pid":0,)"
               R"("alive":false,"is_dnsmasq":false,"in_namespace":false,"uptime_seconds":0,"memory_bytes":0,)"

@@ -202,7 +202,8 @@ class Box:
     def status(self, vpn=7):
         shown = self.vqctl("status", "--json", "--vpn", vpn)
         (row,) = json.loads(shown.stdout)
-        return row
+        return {**row, "problems": [problem["text"] for problem in row["problems"]],
+                "codes": [problem["code"] for problem in row["problems"]]}
 
     def cut_power(self):
         """Kills the agent and the instances, and forgets what is in memory alone. The disks are kept."""

@@ -124,16 +124,25 @@ class Agent {
         }
         case KAVEL__REQUEST__VERB__STATUS:
         case KAVEL__REQUEST__VERB__REPAIR:
+        case KAVEL__REQUEST__VERB__WHY:
             return Request.has_vpn != 0 && !IsServed(Request.vpn);
         case KAVEL__REQUEST__VERB__VPN_INIT:
         case KAVEL__REQUEST__VERB__VPN_RELEASE:
             return Request.has_vpn == 0 || Request.vpn != ServedVpn;
         case KAVEL__REQUEST__VERB__STOP:
+        case KAVEL__REQUEST__VERB__QUERY:
+        case KAVEL__REQUEST__VERB__IN_FORCE:
+        case KAVEL__REQUEST__VERB__HISTORY:
+        case KAVEL__REQUEST__VERB__CONFIRM:
+        case KAVEL__REQUEST__VERB__FLUSH:
             return Request.has_vpn == 0 || !IsServed(Request.vpn);
         case KAVEL__REQUEST__VERB__CHECK:
             return true;
         case KAVEL__REQUEST__VERB__STORE_LIST:
         case KAVEL__REQUEST__VERB__STORE_SHOW:
+        case KAVEL__REQUEST__VERB__STORE_EXPORT:
+        case KAVEL__REQUEST__VERB__METRICS:
+        case KAVEL__REQUEST__VERB__LOG_LEVEL:
         case _KAVEL__REQUEST__VERB_IS_INT_SIZE:
             return false;
         }

@@ -49,7 +49,7 @@ void SetKnown(protobuf_c_boolean &has, protobuf_c_boolean &field, bool value)
     field = Boolean(value);
 }
 
-void AddProblem(VpnStatus &status, std::optional<std::string> problem)
+void AddProblem(VpnStatus &status, std::optional<Finding> problem)
 {
     if (problem) {
         status.problems.push_back(*std::move(problem));
@@ -82,7 +82,8 @@ void SetRoutes(Host &host, VpnStatus &status)
     try {
         status.fields.routes = CountRoutes(host, status.fields.vpn, kDnsRouteTable);
     } catch (const std::system_error &failure) {
-        AddProblem(status, "its routes cannot be read: " + failure.code().message());
+        AddProblem(status,
+                   Finding{Fault::kKernelUnreadable, "its routes cannot be read: " + failure.code().message(), ""});
     }
 }
 
@@ -92,14 +93,14 @@ void SetRules(Host &host, VpnStatus &status)
     try {
         const InstalledRules rules = FindInstalledRules(host, fields.vpn);
         SetKnown(fields.has_rule, fields.rule, rules.dns);
-        AddProblem(status, RuleProblem(fields, rules.dns, "the steering rule"));
+        AddProblem(status, RuleProblem(fields, rules.dns, false));
         if (fields.vpn == 0 && host.config.platform == Platform::kPop) {
             SetKnown(fields.has_dnat, fields.dnat, rules.dnat);
-            AddProblem(status, RuleProblem(fields, rules.dnat, "the DNAT rule"));
+            AddProblem(status, RuleProblem(fields, rules.dnat, true));
         }
     } catch (const std::system_error &failure) {
         Log(LogLevel::kWarning, "vpn %u: its rules cannot be read: %s", fields.vpn, failure.what());
-        AddProblem(status, "its rules cannot be read");
+        AddProblem(status, Finding{Fault::kKernelUnreadable, "its rules cannot be read", ""});
     }
 }
 
@@ -126,70 +127,84 @@ VpnStatus StatusOfStray(const Instances &instances, std::uint32_t vpnId)
     VpnStatus status = NewStatus(instances, vpnId);
     const PidFile file = instances.ReadPidFile(vpnId);
     SetProcess(status.fields, file, InspectProcess(file.pid), instances.Identity());
-    AddProblem(status, "an instance runs, but the VPN is not configured");
+    AddProblem(status, Finding{Fault::kInstanceUnwanted, "an instance runs, but the VPN is not configured",
+                               std::to_string(file.pid)});
     return status;
 }
 
 } // namespace
 
-std::optional<std::string> ProcessProblem(const Kavel__VpnStatus &status, PidFileTraits traits)
+std::optional<Finding> ProcessProblem(const Kavel__VpnStatus &status, PidFileTraits traits)
 {
     if (status.starting != 0) {
         return std::nullopt; // the pid file is not written yet, or is that of the instance that was ended
     }
-    const std::string process = "process " + std::to_string(status.pid);
+    const std::string pid = std::to_string(status.pid);
+    const std::string process = "process " + pid;
     if (status.pid_file == 0) {
-        return status.meant != 0 ? std::optional("no instance runs: it did not start, or was ended from outside")
+        return status.meant != 0 ? std::optional(Finding{Fault::kInstanceMissing,
+                                                         "no instance runs: it did not start, or was ended from "
+                                                         "outside",
+                                                         ""})
                                  : std::nullopt;
     }
     if (traits.isEmptyPidFile || status.pid <= 0) {
-        return "pid file names no process";
+        return Finding{Fault::kPidFileWrong, "pid file names no process", ""};
     }
     if (status.alive == 0) {
-        return process + " is gone";
+        return Finding{Fault::kInstanceMissing, process + " is gone", ""};
     }
     if (status.is_dnsmasq == 0) {
-        return "pid file names " + process +
-               (traits.isOtherDnsmasq ? ", which is another dnsmasq" : ", which is not dnsmasq");
+        const char *other = traits.isOtherDnsmasq ? ", which is another dnsmasq" : ", which is not dnsmasq";
+        return Finding{Fault::kPidFileWrong, "pid file names " + process + other, pid};
     }
     if (status.in_namespace == 0) {
-        return "runs in another network namespace";
+        return Finding{Fault::kInstanceMisplaced, "runs in another network namespace", pid};
     }
-    return status.meant != 0 ? std::nullopt : std::optional("runs although it is switched off");
+    return status.meant != 0
+               ? std::nullopt
+               : std::optional(Finding{Fault::kInstanceUnwanted, "runs although it is switched off", pid});
 }
 
 // The box may have a resolver of its own, so an answer in VPN 0 is not a problem.
-std::optional<std::string> AnswerProblem(const Kavel__VpnStatus &status)
+std::optional<Finding> AnswerProblem(const Kavel__VpnStatus &status)
 {
     if (status.starting != 0) {
         return std::nullopt;
     }
     if (status.alive != 0 && status.answers == 0) {
-        return "does not answer on port 53";
+        return Finding{Fault::kInstanceSilent, "does not answer on port 53", std::to_string(status.pid)};
     }
     if (status.meant == 0 && status.alive == 0 && status.answers != 0 && status.vpn != 0) {
-        return "something answers on port 53 although no instance is meant to run";
+        return Finding{Fault::kPortTaken, "something answers on port 53 although no instance is meant to run", ""};
     }
     return std::nullopt;
 }
 
-std::optional<std::string> RuleProblem(const Kavel__VpnStatus &status, bool isInstalled, const std::string &rule)
+std::optional<Finding> RuleProblem(const Kavel__VpnStatus &status, bool isInstalled, bool isDnat)
 {
     if ((status.meant != 0) == isInstalled) {
         return std::nullopt;
     }
-    return isInstalled ? rule + " is installed although the service is switched off" : rule + " is missing";
+    const std::string rule = isDnat ? "the DNAT rule" : "the steering rule";
+    if (isInstalled) {
+        return Finding{isDnat ? Fault::kDnatUnwanted : Fault::kSteeringUnwanted,
+                       rule + " is installed although the service is switched off", ""};
+    }
+    return Finding{isDnat ? Fault::kDnatMissing : Fault::kSteeringMissing, rule + " is missing", ""};
 }
 
-std::optional<std::string> StoredProblem(const Kavel__VpnStatus &status, const StoredRecord &record)
+std::optional<Finding> StoredProblem(const Kavel__VpnStatus &status, const StoredRecord &record)
 {
     if (record.problem) {
-        return "its stored record cannot be read: " + *record.problem;
+        return Finding{Fault::kRecordUnreadable, "its stored record cannot be read: " + *record.problem, ""};
     }
     if (record.enable == (status.meant != 0)) {
         return std::nullopt;
     }
-    return record.enable ? "stored as switched on, but not meant to run" : "stored as switched off, but meant to run";
+    return Finding{
+        Fault::kRecordDiffers,
+        record.enable ? "stored as switched on, but not meant to run" : "stored as switched off, but meant to run", ""};
 }
 
 StoredRecords ReadStoredRecords(Host &host, const std::vector<std::uint32_t> &vpnIds)
@@ -236,7 +251,8 @@ VpnStatus StatusOfVpn(Host &host, const Instances &instances, std::uint32_t vpnI
         SetRules(host, status);
         AddProblem(status, AnswerProblem(fields));
     } else {
-        AddProblem(status, "namespace " + status.netns + " does not exist");
+        AddProblem(status,
+                   Finding{Fault::kNamespaceMissing, "namespace " + status.netns + " does not exist", status.netns});
     }
     return status;
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "control.pb-c.h"
+#include "instances/findings.h"
 #include "instances/instances.h"
 #include "services/host.h"
 #include "services/store.h"
@@ -18,8 +19,8 @@ namespace kavel::agent {
 // The fields are those of the control socket's message; its texts are the members below them.
 struct VpnStatus {
     Kavel__VpnStatus fields = KAVEL__VPN_STATUS__INIT;
-    std::string netns;                 // "-" for the box's own
-    std::vector<std::string> problems; // plain words
+    std::string netns; // "-" for the box's own
+    std::vector<Finding> problems;
     // The optional texts, one line each.
     std::optional<std::string> lastEnd;
     std::optional<std::string> lastRepair;
@@ -54,11 +55,10 @@ struct PidFileTraits {
     bool isEmptyPidFile = false;
     bool isOtherDnsmasq = false;
 };
-[[nodiscard]] std::optional<std::string> ProcessProblem(const Kavel__VpnStatus &status, PidFileTraits traits);
-[[nodiscard]] std::optional<std::string> AnswerProblem(const Kavel__VpnStatus &status);
-[[nodiscard]] std::optional<std::string> RuleProblem(const Kavel__VpnStatus &status, bool isInstalled,
-                                                     const std::string &rule);
-[[nodiscard]] std::optional<std::string> StoredProblem(const Kavel__VpnStatus &status, const StoredRecord &record);
+[[nodiscard]] std::optional<Finding> ProcessProblem(const Kavel__VpnStatus &status, PidFileTraits traits);
+[[nodiscard]] std::optional<Finding> AnswerProblem(const Kavel__VpnStatus &status);
+[[nodiscard]] std::optional<Finding> RuleProblem(const Kavel__VpnStatus &status, bool isInstalled, bool isDnat);
+[[nodiscard]] std::optional<Finding> StoredProblem(const Kavel__VpnStatus &status, const StoredRecord &record);
 
 } // namespace kavel::agent
 

@@ -28,10 +28,46 @@ std::vector<char *> BorrowAll(const std::vector<std::string> &texts)
     return pointers;
 }
 
+template <typename Message>
+std::vector<Message *> PointersTo(std::vector<Message> &messages)
+{
+    std::vector<Message *> pointers;
+    std::ranges::transform(messages, std::back_inserter(pointers), [](Message &message) { return &message; });
+    return pointers;
+}
+
+// The findings about a VPN as messages. They point into `findings`, which must outlive this object.
+class PackedFindings {
+  public:
+    PackedFindings(const std::vector<Finding> &findings, std::uint32_t vpnId, const std::string &netns)
+    {
+        remedies_.reserve(findings.size());
+        for (const Finding &finding : findings) {
+            Kavel__Finding &message = messages_.emplace_back();
+            kavel__finding__init(&message);
+            message.code = const_cast<char *>(
+                CodeOf(finding.fault).data()); // NOLINT(cppcoreguidelines-pro-type-const-cast): as Borrow()
+            message.text = Borrow(finding.text);
+            message.remedy = Borrow(remedies_.emplace_back(RemedyOf(finding, vpnId, netns)));
+            message.has_vpn = 1;
+            message.vpn = vpnId;
+        }
+        pointers_ = PointersTo(messages_);
+    }
+
+    std::vector<Kavel__Finding *> &Pointers() { return pointers_; }
+
+  private:
+    std::vector<std::string> remedies_;
+    std::vector<Kavel__Finding> messages_;
+    std::vector<Kavel__Finding *> pointers_;
+};
+
 // A VPN's status with its texts, which point into the status.
 class PackedStatus {
   public:
-    explicit PackedStatus(const VpnStatus &status) : message_(status.fields), problems_(BorrowAll(status.problems))
+    explicit PackedStatus(const VpnStatus &status)
+        : message_(status.fields), problems_(status.problems, status.fields.vpn, status.netns)
     {
         message_.namespace_ = Borrow(status.netns);
         message_.last_end = BorrowOrNull(status.lastEnd);
@@ -42,14 +78,14 @@ class PackedStatus {
     // Valid until this object is moved or destroyed.
     Kavel__VpnStatus *Message()
     {
-        message_.problems = problems_.data();
-        message_.n_problems = problems_.size();
+        message_.problems = problems_.Pointers().data();
+        message_.n_problems = problems_.Pointers().size();
         return &message_;
     }
 
   private:
     Kavel__VpnStatus message_;
-    std::vector<char *> problems_;
+    PackedFindings problems_;
 };
 
 // Points into `record`.
@@ -69,14 +105,6 @@ Kavel__StoredRecord PackRecord(const StoredRecord &record)
     message.servers = record.servers;
     message.forwards = record.forwards;
     return message;
-}
-
-template <typename Message>
-std::vector<Message *> PointersTo(std::vector<Message> &messages)
-{
-    std::vector<Message *> pointers;
-    std::ranges::transform(messages, std::back_inserter(pointers), [](Message &message) { return &message; });
-    return pointers;
 }
 
 std::vector<std::uint8_t> PackReply(const Kavel__Reply &reply)

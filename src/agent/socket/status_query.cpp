@@ -67,7 +67,8 @@ VpnStatus StatusQuery::Read(std::uint32_t vpnId)
 void StatusQuery::End()
 {
     if (stored_.problem && !statuses_.empty()) {
-        statuses_.front().problems.push_back(*stored_.problem); // it concerns all of them: once is enough
+        statuses_.front().problems.push_back(
+            {Fault::kStoreUnreadable, *stored_.problem, ""}); // it concerns all of them: once is enough
     }
     if (scope_.isAll) {
         std::ranges::move(StatusOfStrays(host_.config, instances_), std::back_inserter(statuses_));

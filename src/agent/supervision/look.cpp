@@ -143,9 +143,12 @@ void AddMissingInterface(Host &host, const Vpn &vpn, const std::string &name, Mi
     try {
         (void)InterfaceIndex(host, vpn.id, name);
     } catch (const std::system_error &failure) {
-        missing.texts.push_back("interface \"" + name + "\"" +
-                                (failure.code().value() == ENODEV ? " does not exist in namespace \"" + vpn.netns + "\""
-                                                                  : ": " + failure.code().message()));
+        missing.findings.push_back(
+            {Fault::kInterfaceMissing,
+             "interface \"" + name + "\"" +
+                 (failure.code().value() == ENODEV ? " does not exist in namespace \"" + vpn.netns + "\""
+                                                   : ": " + failure.code().message()),
+             name});
     }
 }
 
@@ -175,10 +178,12 @@ Missing FindMissing(Host &host, std::uint32_t vpnId)
     } catch (const std::system_error &failure) {
         missing.isNamespace = true;
         const int error = failure.code().value();
-        missing.texts.push_back("namespace \"" + vpn->netns + "\"" +
-                                (error == ENOENT   ? " does not exist"
-                                 : error == EINVAL ? " is not a network namespace"
-                                                   : ": " + failure.code().message()));
+        missing.findings.push_back({Fault::kNamespaceMissing,
+                                    "namespace \"" + vpn->netns + "\"" +
+                                        (error == ENOENT   ? " does not exist"
+                                         : error == EINVAL ? " is not a network namespace"
+                                                           : ": " + failure.code().message()),
+                                    vpn->netns});
         return missing;
     }
     for (const std::string &name : vpn->lan) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "instances/findings.h"
 #include "instances/in_force.h"
 #include "instances/instances.h"
 #include "services/host.h"
@@ -43,11 +44,11 @@ struct LookOptions {
 [[nodiscard]] std::vector<Difference> LookAt(Host &host, const Instances &instances, std::uint32_t vpnId,
                                              const InForce &wanted, const LookOptions &options);
 
-// What the VPN needs and does not have: its namespace, or interfaces of its configuration. One line each; the first is
-// about the namespace if that is missing.
+// What the VPN needs and does not have: its namespace, or interfaces of its configuration. The first finding is about
+// the namespace if that is missing.
 struct Missing {
     bool isNamespace = false; // without it nothing can be served
-    std::vector<std::string> texts;
+    std::vector<Finding> findings;
     bool operator==(const Missing &) const = default;
 };
 [[nodiscard]] Missing FindMissing(Host &host, std::uint32_t vpnId);

@@ -126,8 +126,8 @@ void Supervisor::RefreshNamespace(std::uint32_t vpnId)
     WatchedVpn &vpn = Of(vpnId);
     Missing missing = FindMissing(host_, vpnId);
     if (missing != vpn.missing) {
-        for (const std::string &text : missing.texts) {
-            Log(LogLevel::kWarning, "vpn %u: %s", vpnId, text.c_str());
+        for (const Finding &finding : missing.findings) {
+            Log(LogLevel::kWarning, "vpn %u: %s", vpnId, finding.text.c_str());
         }
         vpn.haveInterfacesChanged = !missing.isNamespace && vpn.isBack;
         vpn.missing = std::move(missing);
@@ -418,14 +418,15 @@ void Supervisor::Describe(VpnStatus &status) const
         status.revision = vpn.wanted->revision;
     }
     if (!vpn.missing.isNamespace) {
-        std::ranges::copy(vpn.missing.texts, std::back_inserter(status.problems));
+        std::ranges::copy(vpn.missing.findings, std::back_inserter(status.problems));
     }
     if (!vpn.problem.empty()) {
-        status.problems.push_back(vpn.problem);
+        status.problems.push_back({Fault::kRepairFailed, vpn.problem, ""});
     }
     for (const auto &[upstream, unanswered] : vpn.upstreamUnanswered) {
         if (unanswered >= kUnansweredMax) {
-            status.problems.push_back("upstream " + upstream + " does not answer");
+            status.problems.push_back({Fault::kUpstreamSilent, "upstream " + upstream + " does not answer",
+                                       upstream.substr(0, upstream.find(' '))});
         }
     }
 }

@@ -327,8 +327,8 @@ void Supervisor::AddToReport(RepairReport &report, std::uint32_t vpnId, std::uin
         report.notes.push_back(subject +
                                "repaired: " + (hasStarted ? std::string(kInstanceStarted) : vpn.repairs.text));
     }
-    for (const std::string &text : vpn.missing.texts) {
-        report.problems.push_back(subject + text);
+    for (const Finding &finding : vpn.missing.findings) {
+        report.problems.push_back(subject + finding.text);
     }
     if (!vpn.problem.empty()) {
         report.problems.push_back(subject + vpn.problem);

@@ -1,0 +1,57 @@
+// What every command of vqctl works with: where it writes, how it reaches the agent, and how it ends.
+#ifndef KAVEL_CTL_SESSION_H
+#define KAVEL_CTL_SESSION_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "client.h"
+#include "control.pb-c.h"
+#include "errors.h"
+#include "frame.h"
+
+namespace kavel::ctl {
+
+// For one request. It is long because a large message restarts an instance and installs many routes.
+inline constexpr std::chrono::seconds kTimeout{60};
+
+struct Session {
+    std::ostream &out;
+    std::ostream &err;
+    std::string socket = control::kDefaultSocket;
+    bool verbose = false; // report requests and results on `err`
+    bool colour = false;
+    bool json = false; // print a JSON document instead of text
+    std::chrono::milliseconds timeout = kTimeout;
+};
+
+// A request of this verb. Without `vpn` it names none.
+[[nodiscard]] Kavel__Request NewRequest(Kavel__Request__Verb verb, std::optional<std::uint32_t> vpn = std::nullopt);
+
+// Sends a packed request and waits for the reply. `what` names it in the lines of --verbose. Throws AgentError.
+[[nodiscard]] ReplyPtr Exchange(const Session &session, Client &client, std::span<const std::uint8_t> request,
+                                const std::string &what);
+// The same over a connection of its own. Throws InputError for a request that is too long, too.
+[[nodiscard]] ReplyPtr ExchangeOne(const Session &session, const Kavel__Request &request, const std::string &what);
+
+// The VPN that the reply is about, if it names one.
+[[nodiscard]] std::optional<std::uint32_t> VpnOf(const Kavel__Reply &reply);
+
+// Reports on standard error that the agent refused a query. Returns the exit code.
+int ReportRefusal(const Session &session, const std::string &subject, const Kavel__Reply &reply);
+
+// The Unix time in seconds.
+[[nodiscard]] std::uint64_t Now();
+
+// Runs a command and returns its exit code. An InputError or AgentError becomes one line on `session.err` and an exit
+// code; standard output that cannot be written does as well.
+int Run(const Session &session, const std::function<int()> &command);
+
+} // namespace kavel::ctl
+
+#endif
