@@ -17,6 +17,7 @@
 #include "number.h"
 #include "printable.h"
 #include "status_output.h"
+#include "why_command.h"
 
 namespace {
 
@@ -104,6 +105,14 @@ void AddStatusCommand(CLI::App &app, Arguments &arguments)
         [&arguments] { arguments.command = [&] { return Status(arguments.session, arguments.vpn); }; });
 }
 
+void AddWhyCommand(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *why =
+        app.add_subcommand("why", "Tell what keeps names from resolving, and what mends it; nothing if all is well");
+    AddVpn(*why, arguments, "--vpn", "Look at this VPN only");
+    why->final_callback([&arguments] { arguments.command = [&] { return Why(arguments.session, arguments.vpn); }; });
+}
+
 void AddRepairCommand(CLI::App &app, Arguments &arguments)
 {
     CLI::App *repair = app.add_subcommand("repair", "Repair what differs from the configuration in force");
@@ -165,6 +174,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     app.add_flag("--json", arguments.session.json, "Print JSON, for programs");
     AddMessageCommands(app, arguments);
     AddStatusCommand(app, arguments);
+    AddWhyCommand(app, arguments);
     AddRepairCommand(app, arguments);
     AddStopCommand(app, arguments);
     AddVpnCommand(app, arguments);

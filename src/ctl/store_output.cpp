@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "errors.h"
-#include "json_reader.h"
 #include "json_output.h"
+#include "json_reader.h"
 #include "output.h"
 #include "table.h"
 

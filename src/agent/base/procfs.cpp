@@ -59,6 +59,7 @@ void ParseStat(Process &process, const std::string &stat)
     }
     process.parent = WholeNumber<pid_t>(fields[kParentField]).value_or(0);
     process.alive = kGoneStates.find(fields.front()) == std::string_view::npos;
+    process.isStopped = fields.front() == "T" || fields.front() == "t";
     const std::uint64_t started =
         std::stoull(fields[kStartTimeField]) / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
     const std::uint64_t now = BoxUptimeSeconds();

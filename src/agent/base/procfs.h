@@ -12,8 +12,9 @@
 namespace kavel::agent {
 
 struct Process {
-    bool alive = false; // it exists and is no zombie
-    std::string name;   // as the kernel keeps it, 15 characters at most
+    bool alive = false;     // it exists and is no zombie
+    bool isStopped = false; // by a signal or a debugger
+    std::string name;       // as the kernel keeps it, 15 characters at most
     std::string executable;
     std::optional<uid_t> executableOwner; // nothing when others can write the file, too
     std::string commandLine;              // as the kernel keeps it: each argument with its terminator

@@ -50,21 +50,36 @@ bool IsAnswer(std::span<const std::uint8_t> message, std::uint16_t id)
            (message[2] & kResponseFlag) != 0;
 }
 
+// The address of the target's DNS port. Returns its length.
+socklen_t FillAddress(const DnsTarget &target, sockaddr_storage &address)
+{
+    if (target.address6) {
+        auto &ipv6 = reinterpret_cast<sockaddr_in6 &>(address);
+        ipv6.sin6_family = AF_INET6;
+        ipv6.sin6_port = htons(kDnsPort);
+        ipv6.sin6_addr = *target.address6;
+        return sizeof ipv6;
+    }
+    auto &ipv4 = reinterpret_cast<sockaddr_in &>(address);
+    ipv4.sin_family = AF_INET;
+    ipv4.sin_port = htons(kDnsPort);
+    ipv4.sin_addr.s_addr = htonl(target.address);
+    return sizeof ipv4;
+}
+
 // Connected, so that a closed port is reported at once.
 UniqueFd Connect(const Namespaces &namespaces, const DnsTarget &target)
 {
     const NamespaceSwitch inside(namespaces, target.vpnId);
     const int kind = target.overTcp ? SOCK_STREAM : SOCK_DGRAM;
-    UniqueFd socket(::socket(AF_INET, kind | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    sockaddr_in server{};
-    server.sin_family = AF_INET;
-    server.sin_port = htons(kDnsPort);
-    server.sin_addr.s_addr = htonl(target.address);
+    UniqueFd socket(::socket(target.address6 ? AF_INET6 : AF_INET, kind | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_storage server{};
+    const socklen_t length = FillAddress(target, server);
     const bool isBound = socket && (target.interface.empty() ||
                                     ::setsockopt(socket.Get(), SOL_SOCKET, SO_BINDTODEVICE, target.interface.c_str(),
                                                  static_cast<socklen_t>(target.interface.size())) == 0);
-    if (!isBound || (::connect(socket.Get(), reinterpret_cast<const sockaddr *>(&server), sizeof server) != 0 &&
-                     errno != EINPROGRESS)) {
+    if (!isBound ||
+        (::connect(socket.Get(), reinterpret_cast<const sockaddr *>(&server), length) != 0 && errno != EINPROGRESS)) {
         ThrowLastErrno("DNS query");
     }
     return socket;
@@ -114,7 +129,7 @@ std::vector<DnsTarget> DnsTarget::Instances(const std::vector<std::uint32_t> &vp
     std::vector<DnsTarget> targets;
     targets.reserve(vpnIds.size());
     for (const std::uint32_t vpnId : vpnIds) {
-        targets.push_back({.vpnId = vpnId, .overTcp = overTcp, .interface = {}});
+        targets.push_back({.vpnId = vpnId, .overTcp = overTcp});
     }
     return targets;
 }
@@ -123,7 +138,7 @@ DnsProbe::DnsProbe(EventLoop &loop, const Namespaces &namespaces, const std::vec
                    std::chrono::milliseconds timeout, OnEnd onEnd)
     : questions_(targets.size()), onEnd_(std::move(onEnd)), timer_(loop.AddTimer([this] {
           const OnEnd report = std::move(onEnd_);
-          const std::set<std::size_t> answering = std::move(answering_);
+          const DnsAnswers answering = std::move(answering_);
           report(answering);
       }))
 {
@@ -174,7 +189,7 @@ void DnsProbe::Advance(std::size_t position)
 void DnsProbe::EndQuestion(std::size_t position, bool hasAnswered)
 {
     if (hasAnswered) {
-        answering_.insert(position);
+        answering_[position] = std::chrono::duration_cast<std::chrono::milliseconds>(EventLoop::Clock::now() - begun_);
     }
     questions_[position].source = EventSource();
     questions_[position].socket = UniqueFd();

@@ -8,7 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <set>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,18 +24,21 @@ struct DnsTarget {
     std::uint32_t vpnId = 0;
     bool overTcp = false;
     std::uint32_t address = INADDR_LOOPBACK; // IPv4, in the host's byte order
-    std::string interface;                   // the question leaves through this one; empty: through any
+    std::optional<in6_addr> address6 = {};   // in its place, if set
+    std::string interface = {};              // the question leaves through this one; empty: through any
     bool isInstance = true;                  // it is asked what dnsmasq knows by itself and never forwards
 
     [[nodiscard]] static std::vector<DnsTarget> Instances(const std::vector<std::uint32_t> &vpnIds,
                                                           bool overTcp = false);
 };
 
+// The targets that have answered, by their position, and after how long.
+using DnsAnswers = std::map<std::size_t, std::chrono::milliseconds>;
+
 // One question to several servers at once. Destroying it cancels it.
 class DnsProbe {
   public:
-    // The targets that have answered, by their position.
-    using OnEnd = std::function<void(const std::set<std::size_t> &answering)>;
+    using OnEnd = std::function<void(const DnsAnswers &answering)>;
 
     // The loop calls `onEnd` once, which may destroy this object: when every target has answered or has refused, and at
     // the latest after `timeout`. `loop` must outlive this object; `namespaces` is used by the constructor only. Throws
@@ -59,7 +63,8 @@ class DnsProbe {
 
     std::vector<Question> questions_;
     std::size_t pending_ = 0;
-    std::set<std::size_t> answering_;
+    DnsAnswers answering_;
+    EventLoop::Clock::time_point begun_ = EventLoop::Clock::now();
     OnEnd onEnd_;
     EventSource timer_;
 };

@@ -53,7 +53,9 @@ constexpr std::array kEntries = {
     Entry{Fault::kFilesChanged, "files-changed", "vqctl repair --vpn $vpn"},
     Entry{Fault::kHostSkipped, "host-skipped", "apply a message with a valid name"},
 
-    Entry{Fault::kStoreUnreadable, "store-unreadable", "end the program that locks it, or move the file away"},
+    Entry{Fault::kStoreUnreadable, "store-unreadable",
+          "see the log; move a damaged file away, and the next message makes another"},
+    Entry{Fault::kStoreLocked, "store-locked", "end the program that holds the lock: fuser $it"},
     Entry{Fault::kRecordUnreadable, "record-unreadable", "apply the message again with \"persistentflag\": true"},
     Entry{Fault::kRecordDiffers, "record-differs", "apply the message again"},
 
@@ -94,6 +96,19 @@ std::vector<Fault> AllFaults()
     std::vector<Fault> faults;
     std::ranges::transform(kEntries, std::back_inserter(faults), &Entry::fault);
     return faults;
+}
+
+void PutInOrder(std::vector<Finding> &findings)
+{
+    std::ranges::stable_sort(findings, {}, &Finding::fault);
+    const auto isSame = [](const Finding &a, const Finding &b) {
+        return a.fault == b.fault && a.subject == b.subject && (!a.subject.empty() || a.text == b.text);
+    };
+    for (auto at = findings.begin(); at != findings.end(); ++at) {
+        findings.erase(
+            std::remove_if(std::next(at), findings.end(), [&](const Finding &each) { return isSame(*at, each); }),
+            findings.end());
+    }
 }
 
 } // namespace kavel::agent

@@ -9,25 +9,32 @@
 
 namespace kavel::agent {
 
-// By what they are about. docs/operations.md has a paragraph for each, under its code.
+// The order is the order in which findings are told: causes before what follows from them. docs/operations.md has a
+// paragraph for each, under its code.
 enum class Fault : std::uint8_t {
-    // the instance
-    kInstanceMissing,   // it should run and does not
-    kInstanceUnwanted,  // it runs and should not
-    kInstanceSuspended, // its process is stopped
-    kInstanceSilent,    // it does not answer over UDP
-    kInstanceSilentTcp, // it does not answer over TCP
-    kInstanceMisplaced, // it runs in another network namespace
-    kPidFileWrong,      // the pid file names no process, or another one
-    kPortTaken,         // another process has port 53
-    kStartFailed,       // the last start has failed, for dnsmasq's own reason
-    kFilesRejected,     // dnsmasq would not start with the files as they are
-    kRestartPending,    // files that are read at a start alone have changed since
-    kRepairFailed,      // something that differs could not be repaired
-    // the namespace, its links and routes
     kNamespaceMissing,
     kInterfaceMissing,
     kLinkDown,
+    // limits
+    kInotifyLimit,
+    kDescriptorLimit,
+    // the files
+    kFilesUnreadable, // dnsmasq's user cannot read them
+    kFilesChanged,    // from outside
+    kFilesRejected,   // dnsmasq would not start with the files as they are
+    kHostSkipped,     // dnsmasq does not serve a line of the hosts file
+    // the instance
+    kPortTaken,         // another process has port 53
+    kStartFailed,       // the last start has failed, for dnsmasq's own reason
+    kInstanceMissing,   // it should run and does not
+    kInstanceUnwanted,  // it runs and should not
+    kInstanceSuspended, // its process is stopped
+    kInstanceMisplaced, // it runs in another network namespace
+    kInstanceSilent,    // it does not answer over UDP
+    kInstanceSilentTcp, // it does not answer over TCP
+    kPidFileWrong,      // the pid file names no process, or another one
+    kRestartPending,    // files that are read at a start alone have changed since
+    // routes and rules
     kRoutesMissing,
     kRouteRuleMissing, // the rule that selects the route table
     kSteeringMissing,  // the steering rule is not there, or not complete
@@ -35,25 +42,20 @@ enum class Fault : std::uint8_t {
     kDnatMissing,
     kDnatUnwanted,
     kKernelUnreadable, // the kernel does not tell routes or rules
+    kRepairFailed,     // something that differs could not be repaired
     // the servers
+    kBoundInterfaceMissing,
+    kServerLoop, // a server is the instance itself
     kUpstreamSilent,
     kUpstreamSlow,
     kForwardSilent, // a server of a forward
     kForwardSlow,
-    kBoundInterfaceMissing,
-    kServerLoop,    // a server is the instance itself
     kServersDiffer, // the instance uses other servers than its file has
-    // the files
-    kFilesUnreadable, // dnsmasq's user cannot read them
-    kFilesChanged,    // from outside
-    kHostSkipped,     // dnsmasq does not serve a line of the hosts file
     // the store
     kStoreUnreadable,
+    kStoreLocked,
     kRecordUnreadable,
     kRecordDiffers,
-    // limits
-    kInotifyLimit,
-    kDescriptorLimit,
 };
 
 struct Finding {
@@ -71,6 +73,9 @@ struct Finding {
 
 // Each fault, for tests and documents.
 [[nodiscard]] std::vector<Fault> AllFaults();
+
+// Sorts findings by their faults, and removes those that tell the same fault of the same subject again.
+void PutInOrder(std::vector<Finding> &findings);
 
 } // namespace kavel::agent
 

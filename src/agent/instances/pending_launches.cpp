@@ -6,6 +6,7 @@
 
 #include "base/instance_process.h"
 #include "base/log.h"
+#include "instances/start_files.h"
 
 namespace kavel::agent {
 namespace {
@@ -55,6 +56,7 @@ void PendingLaunches::Report(std::uint32_t vpnId, LaunchOutcome outcome)
 
 void PendingLaunches::Add(std::uint32_t vpnId, std::chrono::milliseconds timeout, OnEnd onEnd)
 {
+    RememberStartFiles(instances_, vpnId);
     if (IsRunning(vpnId)) {
         onEnd(LaunchOutcome::kRunning);
         Report(vpnId, LaunchOutcome::kRunning);

@@ -129,6 +129,23 @@ int InterfaceIndex(Host &host, std::uint32_t vpnId, const std::string &name)
     return host.routeSockets.With(vpnId, [&](NetlinkSocket &socket) { return socket.InterfaceIndex(name); });
 }
 
+LinkState StateOfLink(Host &host, std::uint32_t vpnId, const std::string &name)
+{
+    return host.routeSockets.With(vpnId, [&](const NetlinkSocket &socket) {
+        ifreq request = InterfaceRequest(name);
+        if (::ioctl(socket.Fd(), SIOCGIFFLAGS, &request) != 0) {
+            if (errno == ENODEV) {
+                return LinkState::kMissing;
+            }
+            throw KernelRefusal(errno);
+        }
+        if ((request.ifr_flags & IFF_UP) == 0) {
+            return LinkState::kDown;
+        }
+        return (request.ifr_flags & IFF_RUNNING) == 0 ? LinkState::kNoCarrier : LinkState::kUp;
+    });
+}
+
 bool BringLoopbackUp(Host &host, std::uint32_t vpnId)
 {
     return host.routeSockets.With(vpnId, [](const NetlinkSocket &socket) {

@@ -12,6 +12,11 @@ namespace kavel::agent {
 // The interface's index in the VPN's namespace. Throws std::system_error, with ENODEV when there is no such interface.
 [[nodiscard]] int InterfaceIndex(Host &host, std::uint32_t vpnId, const std::string &name);
 
+enum class LinkState { kMissing, kDown, kNoCarrier, kUp };
+
+// The state of an interface in the VPN's namespace. Throws std::system_error.
+[[nodiscard]] LinkState StateOfLink(Host &host, std::uint32_t vpnId, const std::string &name);
+
 // Sets the loopback interface up: queries to an instance's loopback address need it. Whether it was down. Throws
 // std::system_error.
 bool BringLoopbackUp(Host &host, std::uint32_t vpnId);

@@ -245,11 +245,36 @@ bool ChangePolicyRule(Host &host, std::uint32_t vpnId, std::uint16_t type, std::
     });
 }
 
+// The priority of a policy rule; 0 is that of the local table, which is always there.
+std::uint32_t PriorityOf(const nlmsghdr &rule)
+{
+    std::uint32_t priority = 0;
+    const auto take = [](const nlattr *attribute, void *found) {
+        if (mnl_attr_get_type(attribute) == FRA_PRIORITY && mnl_attr_validate(attribute, MNL_TYPE_U32) >= 0) {
+            *static_cast<std::uint32_t *>(found) = mnl_attr_get_u32(attribute);
+        }
+        return MNL_CB_OK;
+    };
+    mnl_attr_parse(&rule, sizeof(fib_rule_hdr), take, &priority);
+    return priority;
+}
+
 } // namespace
 
 bool EnsurePolicyRule(Host &host, std::uint32_t vpnId)
 {
     return ChangePolicyRule(host, vpnId, RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, EEXIST);
+}
+
+bool HasPolicyRule(Host &host, std::uint32_t vpnId)
+{
+    return host.routeSockets.With(vpnId, [](NetlinkSocket &socket) {
+        NetlinkMessage message(RTM_GETRULE, 0);
+        message.PutExtra<fib_rule_hdr>()->family = AF_INET;
+        bool isThere = false;
+        socket.Dump(message, [&](const nlmsghdr &rule) { isThere = isThere || PriorityOf(rule) == kRulePriority; });
+        return isThere;
+    });
 }
 
 void RemovePolicyRule(Host &host, std::uint32_t vpnId)

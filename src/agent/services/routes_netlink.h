@@ -14,6 +14,9 @@ inline constexpr std::uint32_t kDnsRouteTable = 199;
 // Makes the VPN's namespace look routes up in kDnsRouteTable. Whether it did not do so yet. Throws std::system_error.
 bool EnsurePolicyRule(Host &host, std::uint32_t vpnId);
 
+// Whether it does so. Throws std::system_error.
+[[nodiscard]] bool HasPolicyRule(Host &host, std::uint32_t vpnId);
+
 // Undoes it. A rule that does not exist is no failure. Throws std::system_error.
 void RemovePolicyRule(Host &host, std::uint32_t vpnId);
 

@@ -68,6 +68,9 @@ class Store {
     // Whether the VPN has a row with this text. False for a stored text of more than kStoredTextMax bytes.
     [[nodiscard]] bool Equals(std::uint32_t vpnId, std::string_view text);
 
+    // Whether another program has locked the file against writing. Does not wait. False without a file.
+    [[nodiscard]] bool IsLocked() const;
+
     // The history of messages, see message_history.h. It is no part of the rows, and no other function reads it.
     void AddToHistory(std::uint32_t vpnId, const HistoryEntry &entry);
     [[nodiscard]] std::vector<HistoryEntry> ReadHistory(std::uint32_t vpnId);

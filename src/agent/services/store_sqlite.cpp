@@ -137,6 +137,25 @@ Store::Opened &Store::Open()
     return *opened_;
 }
 
+// Over a connection of its own: the kept one waits for locks.
+bool Store::IsLocked() const
+{
+    try {
+        const Database database(host_.config.store, 0);
+        database.Execute("BEGIN IMMEDIATE");
+        database.Execute("ROLLBACK");
+        return false;
+    } catch (const StoreError &failure) {
+        if (failure.code().value() == ENOENT) {
+            return false;
+        }
+        if (failure.code().value() != EBUSY) {
+            throw;
+        }
+        return true;
+    }
+}
+
 template <typename Work>
 auto Store::With(Work work)
 {

@@ -163,6 +163,15 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
     reply.vpns = messages.data();
     reply.n_vpns = messages.size();
 
+    std::vector<PackedFindings> findingsOf;
+    std::vector<Kavel__Finding *> findings;
+    for (const VpnStatus &status : answer.findingsOf) {
+        std::ranges::copy(findingsOf.emplace_back(status.problems, status.fields.vpn, status.netns).Pointers(),
+                          std::back_inserter(findings));
+    }
+    reply.findings = findings.data();
+    reply.n_findings = findings.size();
+
     std::vector<Kavel__StoredRecord> records;
     std::ranges::transform(answer.stored, std::back_inserter(records), PackRecord);
     std::vector<Kavel__StoredRecord *> stored = PointersTo(records);

@@ -22,6 +22,7 @@ struct Answer {
     std::optional<std::uint32_t> vpn;
     std::optional<Kavel__Summary> summary;
     std::vector<VpnStatus> vpns;
+    std::vector<VpnStatus> findingsOf; // of these VPNs the problems alone are sent
     std::vector<StoredRecord> stored;
     std::optional<std::string> storedText;
     std::optional<bool> enabled; // a message that is in force: it wants an instance to run

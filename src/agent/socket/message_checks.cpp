@@ -7,12 +7,12 @@
 #include <functional>
 #include <system_error>
 
+#include "instances/dns_name.h"
 #include "services/interfaces_netlink.h"
 
 namespace kavel::agent {
 namespace {
 
-constexpr std::size_t kLabelMax = 63;
 constexpr std::size_t kConvertedNameMax = 253;
 constexpr std::uint32_t kPreferenceMax = 65535;
 constexpr std::string_view kSpecialInOption = "\"#@";
@@ -32,17 +32,6 @@ std::string_view TextOf(const char *text)
 bool IsForbiddenInInterfaceName(unsigned char letter)
 {
     return std::isspace(letter) != 0 || std::iscntrl(letter) != 0 || letter == '/' || letter == ':';
-}
-
-std::size_t LongestLabel(std::string_view name)
-{
-    std::size_t longest = 0;
-    while (!name.empty()) {
-        const std::size_t end = std::min(name.find('.'), name.size());
-        longest = std::max(longest, end);
-        name.remove_prefix(std::min(end + 1, name.size()));
-    }
-    return longest;
 }
 
 std::optional<std::string> LabelObjection(std::string_view name)

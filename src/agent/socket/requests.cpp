@@ -18,7 +18,7 @@ namespace kavel::agent {
 namespace {
 
 // As many as there can be clients. Clients that have disconnected do not cancel theirs.
-constexpr std::size_t kStatusesMax = 64;
+constexpr std::size_t kQueriesMax = 64;
 
 // The generated enumeration has no negative values, but a client can send them.
 std::int32_t VerbOf(const Kavel__Request &request)
@@ -86,6 +86,9 @@ void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest recei
     case KAVEL__REQUEST__VERB__STATUS:
         BeginStatus(request, received.respond);
         return;
+    case KAVEL__REQUEST__VERB__WHY:
+        BeginWhy(request, received.respond);
+        return;
     case KAVEL__REQUEST__VERB__REPAIR:
         BeginRepair(request, received.respond);
         return;
@@ -148,6 +151,15 @@ void Requests::DrainQueues()
     }
 }
 
+template <typename Query>
+void Requests::RefuseAll(std::list<PendingQuery<Query>> &queries)
+{
+    for (const PendingQuery<Query> &query : queries) {
+        query.respond(Refusal(-ECANCELED, "the agent is stopping"));
+    }
+    queries.clear();
+}
+
 void Requests::Stop()
 {
     drainable_.clear();
@@ -155,10 +167,8 @@ void Requests::Stop()
     for (const ReceivedRequest &waiting : queues_.TakeAll()) {
         waiting.respond(Refusal(-ECANCELED, "the agent is stopping; nothing was applied"));
     }
-    for (const PendingStatus &status : statuses_) {
-        status.respond(Refusal(-ECANCELED, "the agent is stopping"));
-    }
-    statuses_.clear();
+    RefuseAll(statuses_);
+    RefuseAll(whys_);
     launches_.CancelAll();
 }
 
@@ -203,28 +213,51 @@ void Requests::HandleStop(const Kavel__Request &request, ReceivedRequest receive
     });
 }
 
+// The scope of a request about a VPN, or about all of them. A refusal when there is none.
+std::variant<StatusScope, Answer> Requests::ScopeOf(const Kavel__Request &request) const
+{
+    if (request.has_vpn != 0 && !host_.config.Serves(request.vpn)) {
+        return NotConfigured(request.vpn);
+    }
+    if (pendingQueries_ >= kQueriesMax) {
+        return Refusal(-EBUSY, "the agent handles " + std::to_string(kQueriesMax) + " status requests already");
+    }
+    const bool isAll = request.has_vpn == 0;
+    return StatusScope{isAll ? ServedVpns() : std::vector{request.vpn}, isAll};
+}
+
+template <typename Query, typename Fill>
+void Requests::BeginQuery(std::list<PendingQuery<Query>> &queries, const Kavel__Request &request,
+                          const Respond &respond, Fill fill)
+{
+    auto scope = ScopeOf(request);
+    if (const Answer *refusal = std::get_if<Answer>(&scope)) {
+        respond(*refusal);
+        return;
+    }
+    const auto query = queries.insert(queries.end(), PendingQuery<Query>{respond, std::nullopt});
+    ++pendingQueries_;
+    query->query.emplace(loop_, host_, instances_, supervisor_, std::get<StatusScope>(std::move(scope)),
+                         [this, &queries, query, fill](std::vector<VpnStatus> statuses) {
+                             Answer answer;
+                             fill(answer, std::move(statuses));
+                             answer.start = supervisor_.Progress();
+                             query->respond(answer);
+                             --pendingQueries_;
+                             queries.erase(query);
+                         });
+}
+
 void Requests::BeginStatus(const Kavel__Request &request, const Respond &respond)
 {
-    StatusScope scope{{request.vpn}, request.has_vpn == 0};
-    if (scope.isAll) {
-        scope.vpnIds = ServedVpns();
-    } else if (!host_.config.Serves(request.vpn)) {
-        respond(NotConfigured(request.vpn));
-        return;
-    }
-    if (statuses_.size() >= kStatusesMax) {
-        respond(Refusal(-EBUSY, "the agent handles " + std::to_string(kStatusesMax) + " status requests already"));
-        return;
-    }
-    const auto status = statuses_.insert(statuses_.end(), PendingStatus{respond, std::nullopt});
-    status->query.emplace(loop_, host_, instances_, supervisor_, std::move(scope),
-                          [this, status](std::vector<VpnStatus> statuses) {
-                              Answer answer;
-                              answer.vpns = std::move(statuses);
-                              answer.start = supervisor_.Progress();
-                              status->respond(answer);
-                              statuses_.erase(status);
-                          });
+    BeginQuery(statuses_, request, respond,
+               [](Answer &answer, std::vector<VpnStatus> statuses) { answer.vpns = std::move(statuses); });
+}
+
+void Requests::BeginWhy(const Kavel__Request &request, const Respond &respond)
+{
+    BeginQuery(whys_, request, respond,
+               [](Answer &answer, std::vector<VpnStatus> statuses) { answer.findingsOf = std::move(statuses); });
 }
 
 std::optional<Answer> Requests::DirectoryObjection(const Kavel__Request &request) const

@@ -2,6 +2,7 @@
 #ifndef KAVEL_AGENT_REQUESTS_H
 #define KAVEL_AGENT_REQUESTS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <set>
 #include <span>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "base/event_loop.h"
@@ -20,6 +22,7 @@
 #include "socket/answer.h"
 #include "socket/request_queues.h"
 #include "socket/status_query.h"
+#include "socket/why_query.h"
 #include "supervision/supervisor.h"
 
 namespace kavel::agent {
@@ -61,6 +64,8 @@ class Requests {
     [[nodiscard]] OptionalAnswer ApplyObjection(const ControllerMessage &message) const;
     [[nodiscard]] Answer Check(std::span<const std::uint8_t> bytes);
     void BeginStatus(const Kavel__Request &request, const Respond &respond);
+    void BeginWhy(const Kavel__Request &request, const Respond &respond);
+    [[nodiscard]] std::variant<StatusScope, Answer> ScopeOf(const Kavel__Request &request) const;
     [[nodiscard]] Answer InitDirectory(std::uint32_t vpnId) const;
     [[nodiscard]] Answer ReleaseDirectory(std::uint32_t vpnId) const;
     [[nodiscard]] OptionalAnswer DirectoryObjection(const Kavel__Request &request) const;
@@ -68,10 +73,17 @@ class Requests {
     void BeginDraining(std::uint32_t vpnId);
     void DrainQueues();
 
-    struct PendingStatus {
+    // A StatusQuery or a WhyQuery that runs.
+    template <typename Query>
+    struct PendingQuery {
         Respond respond;
-        std::optional<StatusQuery> query;
+        std::optional<Query> query;
     };
+    template <typename Query, typename Fill>
+    void BeginQuery(std::list<PendingQuery<Query>> &queries, const Kavel__Request &request, const Respond &respond,
+                    Fill fill);
+    template <typename Query>
+    static void RefuseAll(std::list<PendingQuery<Query>> &queries);
 
     EventLoop &loop_;
     Host &host_;
@@ -82,7 +94,9 @@ class Requests {
     RequestQueues queues_;
     std::set<std::uint32_t> drainable_; // VPNs that are not busy any more and have requests in their queues
     EventSource drain_;
-    std::list<PendingStatus> statuses_;
+    std::list<PendingQuery<StatusQuery>> statuses_;
+    std::list<PendingQuery<WhyQuery>> whys_;
+    std::size_t pendingQueries_ = 0;
 };
 
 } // namespace kavel::agent

@@ -5,6 +5,8 @@
 #include <iterator>
 #include <utility>
 
+#include "instances/diagnosis.h"
+
 namespace kavel::agent {
 namespace {
 
@@ -28,13 +30,13 @@ StatusQuery::StatusQuery(EventLoop &loop, Host &host, const Instances &instances
     : host_(host), instances_(instances), supervisor_(supervisor), scope_(std::move(scope)), onEnd_(std::move(onEnd)),
       wasStarting_(BusyOf(supervisor, scope_.vpnIds)), reading_(loop.AddDeferred([this] { ReadSome(); })),
       probe_(loop, host.namespaces, DnsTarget::Instances(scope_.vpnIds), kAnswerTimeout,
-             [this](const std::set<std::size_t> &answering) { BeginReading(answering); })
+             [this](const DnsAnswers &answering) { BeginReading(answering); })
 {
 }
 
-void StatusQuery::BeginReading(const std::set<std::size_t> &answering)
+void StatusQuery::BeginReading(const DnsAnswers &answering)
 {
-    for (const std::size_t position : answering) {
+    for (const auto &[position, after] : answering) {
         answering_.insert(scope_.vpnIds[position]);
     }
     stored_ = ReadStoredRecords(host_, scope_.vpnIds);
@@ -61,14 +63,24 @@ VpnStatus StatusQuery::Read(std::uint32_t vpnId)
     const bool isStarting = wasStarting_.contains(vpnId) || supervisor_.IsBusy(vpnId);
     VpnStatus status = StatusOfVpn(host_, instances_, vpnId, {isStarting, answering_.contains(vpnId)}, stored_);
     supervisor_.Describe(status);
+    std::ranges::move(FindFaults(host_, instances_, status), std::back_inserter(status.problems));
+    PutInOrder(status.problems);
     return status;
+}
+
+void StatusQuery::AddBoxFaults(std::vector<Finding> &problems)
+{
+    if (stored_.problem) {
+        problems.push_back({Fault::kStoreUnreadable, *stored_.problem, ""});
+    }
+    std::ranges::move(FindFaultsOfBox(host_), std::back_inserter(problems));
+    PutInOrder(problems);
 }
 
 void StatusQuery::End()
 {
-    if (stored_.problem && !statuses_.empty()) {
-        statuses_.front().problems.push_back(
-            {Fault::kStoreUnreadable, *stored_.problem, ""}); // it concerns all of them: once is enough
+    if (!statuses_.empty()) {
+        AddBoxFaults(statuses_.front().problems); // they concern all VPNs: once is enough
     }
     if (scope_.isAll) {
         std::ranges::move(StatusOfStrays(host_.config, instances_), std::back_inserter(statuses_));

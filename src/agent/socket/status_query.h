@@ -35,9 +35,10 @@ class StatusQuery {
                 StatusScope scope, OnEnd onEnd);
 
   private:
-    void BeginReading(const std::set<std::size_t> &answering);
+    void BeginReading(const DnsAnswers &answering);
     void ReadSome();
     [[nodiscard]] VpnStatus Read(std::uint32_t vpnId);
+    void AddBoxFaults(std::vector<Finding> &problems);
     void End();
 
     Host &host_;

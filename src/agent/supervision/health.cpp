@@ -1,13 +1,11 @@
 // Asks instances and their upstream servers whether they answer.
-#include <arpa/inet.h>
-
-#include <algorithm>
 #include <chrono>
-#include <fstream>
-#include <string_view>
+#include <set>
+#include <string>
 #include <utility>
 
 #include "base/log.h"
+#include "instances/instance_servers.h"
 #include "services/memory_malloc.h"
 #include "supervision/supervisor.h"
 
@@ -16,37 +14,6 @@ namespace {
 
 constexpr std::chrono::seconds kTick{1};
 constexpr std::chrono::seconds kProbeTimeout{2};
-
-// The upstream servers of a VPN by what its status calls them: "10.7.0.53", "203.0.113.53 through wan0".
-std::map<std::string, DnsTarget> UpstreamsOf(const Instances &instances, std::uint32_t vpnId)
-{
-    const std::string directory = instances.Directory(vpnId);
-    std::map<std::string, std::string> interfaces; // by address
-    std::ifstream bound(directory + "/dnsmasq.d/ServerMap.conf");
-    for (std::string line; std::getline(bound, line);) {
-        constexpr std::string_view kServer = "server=";
-        const std::size_t at = line.find('@');
-        if (line.starts_with(kServer) && at != std::string::npos) {
-            interfaces[line.substr(kServer.size(), at - kServer.size())] = line.substr(at + 1);
-        }
-    }
-    std::map<std::string, DnsTarget> upstreams;
-    std::ifstream resolver(directory + "/resolv.conf");
-    for (std::string word; resolver >> word;) {
-        in_addr address{};
-        if (word == "nameserver" || ::inet_pton(AF_INET, word.c_str(), &address) != 1) {
-            continue;
-        }
-        const std::string interface = interfaces.contains(word) ? interfaces[word] : "";
-        std::string name = word;
-        if (!interface.empty()) {
-            name.append(" through ").append(interface);
-        }
-        upstreams[name] = {
-            .vpnId = vpnId, .address = ntohl(address.s_addr), .interface = interface, .isInstance = false};
-    }
-    return upstreams;
-}
 
 // When it is due again; the first time after a part of the interval, so that the VPNs take turns.
 EventLoop::Clock::time_point NextTime(EventLoop::Clock::time_point last, std::uint32_t seconds, std::uint32_t vpnId)
@@ -104,7 +71,7 @@ void Supervisor::RunProbe(const std::vector<DnsTarget> &targets, OnEnd onEnd)
     }
     const auto here = probes_.emplace(probes_.end());
     *here = std::make_unique<DnsProbe>(loop_, host_.namespaces, targets, kProbeTimeout,
-                                       [this, here, onEnd](const std::set<std::size_t> &answering) {
+                                       [this, here, onEnd](const DnsAnswers &answering) {
                                            const std::unique_ptr<DnsProbe> ended = std::move(*here);
                                            probes_.erase(here);
                                            onEnd(answering);
@@ -122,11 +89,10 @@ void Supervisor::ProbeInstances(bool overTcp)
         }
     }
     RunProbe(DnsTarget::Instances(asked, overTcp),
-             [this, asked, overTcp](const std::set<std::size_t> &answering) { ProbeEnded(asked, answering, overTcp); });
+             [this, asked, overTcp](const DnsAnswers &answering) { ProbeEnded(asked, answering, overTcp); });
 }
 
-void Supervisor::ProbeEnded(const std::vector<std::uint32_t> &asked, const std::set<std::size_t> &answering,
-                            bool overTcp)
+void Supervisor::ProbeEnded(const std::vector<std::uint32_t> &asked, const DnsAnswers &answering, bool overTcp)
 {
     for (std::size_t position = 0; position < asked.size(); ++position) {
         const std::uint32_t vpnId = asked[position];
@@ -155,14 +121,15 @@ void Supervisor::ProbeUpstreams()
         if (!vpn.instance || !IsIdle(vpnId) || !IsDue(vpn.upstreamAt, host_.config.watch.upstreamSeconds, vpnId)) {
             continue;
         }
-        const auto upstreams = UpstreamsOf(instances_, vpnId);
-        std::erase_if(vpn.upstreamUnanswered, [&](const auto &each) { return !upstreams.contains(each.first); });
-        for (const auto &[name, target] : upstreams) {
-            targets.push_back(target);
-            names.push_back(name);
+        std::set<std::string> current;
+        for (const InstanceServer &upstream : UpstreamsOf(instances_, vpnId)) {
+            current.insert(upstream.Name());
+            targets.push_back(upstream.Target(vpnId));
+            names.push_back(upstream.Name());
         }
+        std::erase_if(vpn.upstreamUnanswered, [&](const auto &each) { return !current.contains(each.first); });
     }
-    RunProbe(targets, [this, targets, names](const std::set<std::size_t> &answering) {
+    RunProbe(targets, [this, targets, names](const DnsAnswers &answering) {
         for (std::size_t position = 0; position < targets.size(); ++position) {
             NoteUpstream(targets[position].vpnId, names[position], answering.contains(position));
         }

@@ -16,6 +16,7 @@
 
 #include "base/failure.h"
 #include "base/log.h"
+#include "instances/start_files.h"
 #include "services/launch_mark.h"
 #include "services/process_end.h"
 #include "services/routes_netlink.h"
@@ -183,6 +184,7 @@ RepairOutcome Repairs::TakeDown(std::uint32_t vpnId)
         inForce_.Remove(vpnId);
         instances_.SetMeantToRun(vpnId, false);
         ::unlink(instances_.StatePath(vpnId, kLaunchMark).c_str());
+        ForgetStartFiles(instances_, vpnId);
         return 0;
     });
 }

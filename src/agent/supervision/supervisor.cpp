@@ -390,45 +390,4 @@ void Supervisor::JudgeLaunch(std::uint32_t vpnId, bool isRunning)
     PlanStart(vpnId, isSlow ? kSlowStart : std::chrono::seconds(0));
 }
 
-void Supervisor::Describe(VpnStatus &status) const
-{
-    const auto found = vpns_.find(status.fields.vpn);
-    if (found == vpns_.end()) {
-        return;
-    }
-    const WatchedVpn &vpn = found->second;
-    Kavel__VpnStatus &fields = status.fields;
-    if (vpn.ends.count > 0) {
-        fields.has_ends = fields.has_last_end_time = 1;
-        fields.ends = vpn.ends.count;
-        fields.last_end_time = static_cast<std::uint64_t>(vpn.ends.time);
-        status.lastEnd = vpn.ends.text;
-    }
-    if (vpn.repairs.count > 0) {
-        fields.has_repairs = fields.has_last_repair_time = 1;
-        fields.repairs = vpn.repairs.count;
-        fields.last_repair_time = static_cast<std::uint64_t>(vpn.repairs.time);
-        status.lastRepair = vpn.repairs.text;
-    }
-    if (vpn.startTime) {
-        fields.has_next_start_time = 1;
-        fields.next_start_time = static_cast<std::uint64_t>(*vpn.startTime);
-    }
-    if (vpn.wanted) {
-        status.revision = vpn.wanted->revision;
-    }
-    if (!vpn.missing.isNamespace) {
-        std::ranges::copy(vpn.missing.findings, std::back_inserter(status.problems));
-    }
-    if (!vpn.problem.empty()) {
-        status.problems.push_back({Fault::kRepairFailed, vpn.problem, ""});
-    }
-    for (const auto &[upstream, unanswered] : vpn.upstreamUnanswered) {
-        if (unanswered >= kUnansweredMax) {
-            status.problems.push_back({Fault::kUpstreamSilent, "upstream " + upstream + " does not answer",
-                                       upstream.substr(0, upstream.find(' '))});
-        }
-    }
-}
-
 } // namespace kavel::agent

@@ -135,13 +135,16 @@ class Supervisor {
     void EndAwaited(std::uint32_t vpnId);
     void AddToReport(RepairReport &report, std::uint32_t vpnId, std::uint32_t repairsBefore, bool hasStarted);
 
+    // ---- the status: description.cpp ----
+    void AddWatched(VpnStatus &status, const WatchedVpn &vpn) const;
+
     // ---- queries: health.cpp ----
     void BeginTicks();
     void Tick();
     void NoteUpstream(std::uint32_t vpnId, const std::string &name, bool hasAnswered);
     void ProbeInstances(bool overTcp);
     void ProbeUpstreams();
-    void ProbeEnded(const std::vector<std::uint32_t> &asked, const std::set<std::size_t> &answering, bool overTcp);
+    void ProbeEnded(const std::vector<std::uint32_t> &asked, const DnsAnswers &answering, bool overTcp);
     template <typename OnEnd>
     void RunProbe(const std::vector<DnsTarget> &targets, OnEnd onEnd);
 

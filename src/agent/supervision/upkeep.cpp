@@ -36,11 +36,6 @@ std::string TextOf(const std::vector<Difference> &differences)
 constexpr const char *kInstanceStarted = "its instance was started";
 
 // 0: no instance is watched.
-pid_t PidOf(const WatchedVpn &vpn)
-{
-    return vpn.instance ? vpn.instance->process.Pid() : 0;
-}
-
 } // namespace
 
 void Supervisor::AddToAgenda(std::uint32_t vpnId, Clock::time_point when)
@@ -128,7 +123,7 @@ std::vector<Difference> Supervisor::Look(std::uint32_t vpnId, bool isThorough)
     WatchedVpn &vpn = Of(vpnId);
     const bool hasRulesetChanged = !vpn.events || vpn.events->TakeRulesetChange();
     LookOptions options;
-    options.instance = PidOf(vpn);
+    options.instance = vpn.InstancePid();
     options.skipsRules = !isThorough && vpn.areRulesRight && !hasRulesetChanged;
     host_.namespaces.BeginRequest();
     std::vector<Difference> differences = LookAt(host_, instances_, vpnId, *vpn.wanted, options);
@@ -184,7 +179,7 @@ void Supervisor::RepairDifferences(std::uint32_t vpnId, const std::vector<Differ
         }
         return;
     }
-    const pid_t instance = PidOf(vpn);
+    const pid_t instance = vpn.InstancePid();
     RepairOutcome outcome = repairs_.Repair(vpnId, *vpn.wanted, differences, instance);
     SaveFacts(vpnId, !outcome.problem);
     const std::vector<Difference> left = Look(vpnId, true);
@@ -304,12 +299,12 @@ void Supervisor::RepairNow(const std::vector<std::uint32_t> &vpnIds,
             }
             continue;
         }
-        const pid_t before = PidOf(Of(vpnId));
+        const pid_t before = Of(vpnId).InstancePid();
         LookAndRepair(vpnId, true);
         if (launches_.IsPending(vpnId)) {
             repair.launching.insert(vpnId);
         } else {
-            AddToReport(repair.report, vpnId, repairsBefore[vpnId], PidOf(Of(vpnId)) != before);
+            AddToReport(repair.report, vpnId, repairsBefore[vpnId], Of(vpnId).InstancePid() != before);
         }
     }
     if (repair.launching.empty()) {

@@ -69,6 +69,9 @@ struct WatchedVpn {
     unsigned udpUnanswered = 0; // in a row
     unsigned tcpUnanswered = 0;
     std::map<std::string, unsigned> upstreamUnanswered; // by address
+
+    // The process that is known to be the running instance; 0: none.
+    [[nodiscard]] pid_t InstancePid() const { return instance ? instance->process.Pid() : 0; }
 };
 
 } // namespace kavel::agent
