@@ -19,6 +19,9 @@ std::string ReadInput(const std::string &name);
 // Creates or replaces the file `name`.
 void WriteOutput(const std::string &name, std::span<const std::uint8_t> bytes);
 
+// The same in one step: readers find the old content or the new one. Mode 0644.
+void ReplaceOutput(const std::string &name, const std::string &content);
+
 // Writes to standard output. Refuses a terminal, because raw bytes can change its settings.
 void WriteStandardOutput(std::span<const std::uint8_t> bytes);
 

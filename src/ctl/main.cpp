@@ -14,6 +14,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "metrics_commands.h"
 #include "number.h"
 #include "printable.h"
 #include "status_output.h"
@@ -152,6 +153,18 @@ void AddStoreCommand(CLI::App &app, Arguments &arguments)
         [&arguments] { arguments.command = [&] { return StoreShow(arguments.session, arguments.vpn.value()); }; });
 }
 
+void AddMetricsCommand(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *metrics = app.add_subcommand(
+        "metrics", "Print counters and gauges of the agent and of all VPNs, in the text format of Prometheus");
+    metrics
+        ->add_option("--output", arguments.target,
+                     "Replace this file in one step instead; without an agent it says so (kavel_agent_up 0)")
+        ->type_name("FILE");
+    metrics->final_callback(
+        [&arguments] { arguments.command = [&] { return Metrics(arguments.session, arguments.target); }; });
+}
+
 void AddCommands(CLI::App &app, Arguments &arguments)
 {
     app.require_subcommand(1);
@@ -169,6 +182,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     AddStopCommand(app, arguments);
     AddVpnCommand(app, arguments);
     AddStoreCommand(app, arguments);
+    AddMetricsCommand(app, arguments);
 }
 
 // One line. An argument that no command knows is reported first, because CLI11 may report a missing argument instead.

@@ -92,6 +92,7 @@ void SetRules(Host &host, VpnStatus &status)
     Kavel__VpnStatus &fields = status.fields;
     try {
         const InstalledRules rules = FindInstalledRules(host, fields.vpn);
+        status.redirected = rules.redirected;
         SetKnown(fields.has_rule, fields.rule, rules.dns);
         AddProblem(status, RuleProblem(fields, rules.dns, false));
         if (fields.vpn == 0 && host.config.platform == Platform::kPop) {

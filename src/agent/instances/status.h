@@ -25,6 +25,9 @@ struct VpnStatus {
     std::optional<std::string> lastEnd;
     std::optional<std::string> lastRepair;
     std::optional<std::string> revision;
+    // For metrics: they are not sent with a status.
+    std::optional<std::uint64_t> redirected; // see InstalledRules
+    std::uint32_t failedLaunches = 0;        // since this agent has started
 };
 
 // What is stored for the VPNs whose status is asked for.

@@ -16,6 +16,7 @@
 #include "base/pattern_cache.h"
 #include "services/error_trail.h"
 #include "services/launch_output.h"
+#include "services/own_questions.h"
 #include "services/store.h"
 #include "vqStore.h"
 
@@ -43,6 +44,7 @@ class Host {
     const std::string namespaceTool = NamespaceTool();
     InstanceIdentity identity = InstanceIdentity::OfBox();
     LaunchOutputs launchOutputs;
+    OwnQuestions ownQuestions{std::string(kStateDirectory) + "/questions"};
     std::optional<std::uint32_t> currentVpn; // see VpnScope
     std::vector<std::string> endedProcesses; // what VQ_KillPid ended beside the instance itself, since the last Clear
     ErrorTrail moduleErrors;                 // since the last Clear()

@@ -133,6 +133,7 @@ std::optional<int> ErrorsOf(const char *command)
         return std::nullopt;
     }
     try {
+        host->ownQuestions.BeginLaunch(*vpnId);
         return host->launchOutputs.Begin(*vpnId);
     } catch (const std::system_error &failure) {
         host->launchOutputs.End(*vpnId); // that of the launch before says nothing about this one

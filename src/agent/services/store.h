@@ -72,6 +72,9 @@ class Store {
     void AddToHistory(std::uint32_t vpnId, const HistoryEntry &entry);
     [[nodiscard]] std::vector<HistoryEntry> ReadHistory(std::uint32_t vpnId);
 
+    // How many uses of the file have failed.
+    [[nodiscard]] std::uint64_t Failures() const { return failures_; }
+
     // What the module asks for. Failures are logged before they are thrown. Inside a StoreChange a removal is only
     // noted, since the module removes a row before it adds it again. Remove throws ENOENT when there is no row.
     void Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL table);
@@ -112,6 +115,7 @@ class Store {
 
     Host &host_;
     std::unique_ptr<Opened> opened_;
+    std::uint64_t failures_ = 0;
     std::optional<DelayedRemoval> change_; // while a StoreChange lives
     ZeroedPages<VQ_DnsmasqConfNode> offered_;
 };

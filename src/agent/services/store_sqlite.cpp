@@ -143,6 +143,7 @@ auto Store::With(Work work)
     try {
         return work(Open());
     } catch (...) {
+        failures_ += host_.config.persistence ? 1 : 0; // without it nothing was used
         opened_.reset();
         throw;
     }

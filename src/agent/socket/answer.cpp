@@ -179,6 +179,7 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
     reply.n_notes = notes.size();
     Kavel__Start start = PackStart(answer.start.value_or(StartProgress()));
     reply.start = answer.start ? &start : nullptr;
+    reply.metrics = BorrowOrNull(answer.metrics);
     return PackReply(reply);
 }
 

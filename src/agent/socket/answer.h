@@ -28,6 +28,7 @@ struct Answer {
     std::optional<bool> running; // and one runs
     std::vector<std::string> notes;
     std::optional<StartProgress> start; // while the agent is starting
+    std::optional<std::string> metrics;
 };
 
 // Sends the answer to its client. Called exactly once per request.

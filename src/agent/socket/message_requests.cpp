@@ -154,6 +154,9 @@ void PrepareNamespaceOrLog(Host &host, std::uint32_t vpnId)
 
 void Requests::HandleApply(const Kavel__Request &request, ReceivedRequest received, bool wasQueued)
 {
+    if (!wasQueued) {
+        received.respond = messages_.Counting(received.respond);
+    }
     auto unpacked = UnpackControllerMessage(host_.config.platform, MessageOf(request));
     if (!unpacked) {
         received.respond(MalformedMessage(host_.config.platform));
@@ -168,6 +171,9 @@ void Requests::HandleApply(const Kavel__Request &request, ReceivedRequest receiv
     if (!host_.config.Serves(message->vpn)) {
         received.respond(NotConfigured(message->vpn));
     } else {
+        if (!wasQueued) {
+            messages_.AskedFor(message->vpn, RevisionOf(request));
+        }
         RunInOrder(message->vpn, std::move(received), wasQueued, [&](const Respond &respond) {
             Apply(message, request, Recorded(*message, request, sender, respond));
         });

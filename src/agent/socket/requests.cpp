@@ -86,6 +86,9 @@ void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest recei
     case KAVEL__REQUEST__VERB__STATUS:
         BeginStatus(request, received.respond);
         return;
+    case KAVEL__REQUEST__VERB__METRICS:
+        BeginMetrics(received.respond);
+        return;
     case KAVEL__REQUEST__VERB__REPAIR:
         BeginRepair(request, received.respond);
         return;
@@ -159,6 +162,10 @@ void Requests::Stop()
         status.respond(Refusal(-ECANCELED, "the agent is stopping"));
     }
     statuses_.clear();
+    for (const PendingMetrics &metrics : metrics_) {
+        metrics.respond(Refusal(-ECANCELED, "the agent is stopping"));
+    }
+    metrics_.clear();
     launches_.CancelAll();
 }
 

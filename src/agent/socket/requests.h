@@ -3,6 +3,7 @@
 #define KAVEL_AGENT_REQUESTS_H
 
 #include <cstdint>
+#include <ctime>
 #include <list>
 #include <memory>
 #include <optional>
@@ -18,6 +19,9 @@
 #include "instances/pending_launches.h"
 #include "services/host.h"
 #include "socket/answer.h"
+#include "socket/message_metrics.h"
+#include "socket/metrics_document.h"
+#include "socket/metrics_query.h"
 #include "socket/request_queues.h"
 #include "socket/status_query.h"
 #include "supervision/supervisor.h"
@@ -61,6 +65,8 @@ class Requests {
     [[nodiscard]] OptionalAnswer ApplyObjection(const ControllerMessage &message) const;
     [[nodiscard]] Answer Check(std::span<const std::uint8_t> bytes);
     void BeginStatus(const Kavel__Request &request, const Respond &respond);
+    void BeginMetrics(const Respond &respond);
+    [[nodiscard]] AgentFacts Facts() const;
     [[nodiscard]] Answer InitDirectory(std::uint32_t vpnId) const;
     [[nodiscard]] Answer ReleaseDirectory(std::uint32_t vpnId) const;
     [[nodiscard]] OptionalAnswer DirectoryObjection(const Kavel__Request &request) const;
@@ -71,6 +77,10 @@ class Requests {
     struct PendingStatus {
         Respond respond;
         std::optional<StatusQuery> query;
+    };
+    struct PendingMetrics {
+        Respond respond;
+        std::optional<MetricsQuery> query;
     };
 
     EventLoop &loop_;
@@ -83,6 +93,10 @@ class Requests {
     std::set<std::uint32_t> drainable_; // VPNs that are not busy any more and have requests in their queues
     EventSource drain_;
     std::list<PendingStatus> statuses_;
+    std::list<PendingMetrics> metrics_;
+    MessageMetrics messages_;
+    const std::int64_t startTime_ = std::time(nullptr); // of the agent
+    const EventLoop::Clock::time_point startedAt_ = EventLoop::Clock::now();
 };
 
 } // namespace kavel::agent

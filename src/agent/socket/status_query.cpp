@@ -27,7 +27,7 @@ StatusQuery::StatusQuery(EventLoop &loop, Host &host, const Instances &instances
                          StatusScope scope, OnEnd onEnd)
     : host_(host), instances_(instances), supervisor_(supervisor), scope_(std::move(scope)), onEnd_(std::move(onEnd)),
       wasStarting_(BusyOf(supervisor, scope_.vpnIds)), reading_(loop.AddDeferred([this] { ReadSome(); })),
-      probe_(loop, host.namespaces, DnsTarget::Instances(scope_.vpnIds), kAnswerTimeout,
+      probe_(loop, host, DnsTarget::Instances(scope_.vpnIds), kAnswerTimeout,
              [this](const std::set<std::size_t> &answering) { BeginReading(answering); })
 {
 }

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/log.h"
+#include "base/procfs.h"
 #include "instances/startup.h"
 #include "services/launch_mark.h"
 #include "services/routes_netlink.h"
@@ -276,6 +277,7 @@ void Supervisor::WatchInstance(std::uint32_t vpnId)
     }
     try {
         if (auto process = ProcessHandle::Open(instances_.TakePidFile(vpnId).pid)) {
+            host_.ownQuestions.SetProcess(vpnId, process->Pid(), InspectProcess(process->Pid()).startTime);
             vpn.instance.emplace(WatchedVpn::Instance{*std::move(process), Clock::now(), {}});
             vpn.instance->source = loop_.AddIo(vpn.instance->process.Fd(), EPOLLIN,
                                                [this, vpnId](std::uint32_t /*events*/) { InstanceEnded(vpnId); });
@@ -382,6 +384,7 @@ void Supervisor::JudgeLaunch(std::uint32_t vpnId, bool isRunning)
         return;
     }
     const std::string reason = host_.launchOutputs.Reason(vpnId);
+    ++vpn.failedLaunches;
     vpn.failures = std::max(vpn.failures, 1U); // a start that has just failed is not repeated at once
     NoteEnd(vpnId, "did not start: " + (!reason.empty()        ? reason
                                         : !vpn.problem.empty() ? vpn.problem
@@ -398,6 +401,7 @@ void Supervisor::Describe(VpnStatus &status) const
     }
     const WatchedVpn &vpn = found->second;
     Kavel__VpnStatus &fields = status.fields;
+    status.failedLaunches = vpn.failedLaunches;
     if (vpn.ends.count > 0) {
         fields.has_ends = fields.has_last_end_time = 1;
         fields.ends = vpn.ends.count;

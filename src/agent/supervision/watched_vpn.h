@@ -50,6 +50,7 @@ struct WatchedVpn {
     std::optional<Instance> instance;
 
     Tally ends;
+    std::uint32_t failedLaunches = 0;
     unsigned failures = 0; // in a row: starts that have failed, and instances that did not run for long
     std::optional<Clock::time_point> startAt;
     std::optional<std::int64_t> startTime; // the same as Unix time
