@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstddef>
 #include <iterator>
 #include <numeric>
 
@@ -13,8 +14,8 @@ namespace {
 std::string NumberText(double number)
 {
     std::array<char, 32> text{};
-    const auto end = std::to_chars(text.data(), text.data() + text.size(), number).ptr;
-    return {text.data(), end};
+    const char *const end = std::to_chars(text.data(), text.data() + text.size(), number).ptr;
+    return {text.data(), static_cast<std::size_t>(end - text.data())};
 }
 
 // Backslashes and line feeds in a help text, and quotes, too, in the value of a label.
