@@ -23,6 +23,7 @@
 #include "base/failure.h"
 #include "base/log.h"
 #include "base/procfs.h"
+#include "instances/agent_facts.h"
 #include "instances/agent_lock.h"
 #include "instances/in_force.h"
 #include "instances/instances.h"
@@ -43,6 +44,7 @@ namespace {
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr mode_t kUmask = 022;
+constexpr const char *kStartsPath = "/run/kavel/starts";
 constexpr std::chrono::seconds kMemoryInterval{30};
 // How often the service manager is told how far the start is, and how long it waits for the next time.
 constexpr std::chrono::seconds kStartReportInterval{1};
@@ -155,7 +157,13 @@ class Agent {
     const Instances instances_{{}, host_.identity};
     PendingLaunches launches_{loop_, instances_, host_.launchOutputs};
     Supervisor supervisor_{loop_, host_, instances_, module_.Functions(), launches_, reaper_};
-    Requests requests_{loop_, host_, instances_, module_.Functions(), launches_, supervisor_};
+    Requests requests_{loop_,
+                       host_,
+                       instances_,
+                       module_.Functions(),
+                       launches_,
+                       supervisor_,
+                       {KAVEL_VERSION, CountStart(kStartsPath)}};
     ControlSocket socket_{loop_, host_.config.socket, [this](ReceivedFrame frame, const Respond &respond) {
                               requests_.Handle(std::move(frame), respond);
                               CheckMemory();

@@ -51,6 +51,27 @@ TEST(PackAnswer, ASuccessCarriesNothingElse)
     EXPECT_FALSE(reply->has_stored_text);
     EXPECT_EQ(reply->n_notes, 0U);
     EXPECT_EQ(reply->start, nullptr);
+    EXPECT_EQ(reply->agent, nullptr);
+    EXPECT_FALSE(reply->has_unknown_vpn);
+}
+
+TEST(PackAnswer, CarriesWhatTheAgentTellsAboutItself)
+{
+    Answer answer;
+    answer.agent = {"1.2", 60, 5'000'000'000U, 2};
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_NE(reply->agent, nullptr);
+    EXPECT_STREQ(reply->agent->version, "1.2");
+    EXPECT_EQ(reply->agent->uptime_seconds, 60U);
+    EXPECT_EQ(reply->agent->memory_bytes, 5'000'000'000U);
+    EXPECT_EQ(reply->agent->restarts, 2U);
+}
+
+TEST(PackAnswer, SaysThatTheVpnIsUnknown)
+{
+    Answer answer = Refusal(-ENOENT);
+    answer.isUnknownVpn = true;
+    EXPECT_TRUE(Sent(answer)->unknown_vpn);
 }
 
 TEST(PackAnswer, ARefusalWithoutTextCarriesThatOfItsErrno)

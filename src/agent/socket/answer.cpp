@@ -129,6 +129,17 @@ Kavel__Start PackStart(const StartProgress &progress)
     return message;
 }
 
+// Points into `status`.
+Kavel__AgentStatus PackAgent(const AgentStatus &status)
+{
+    Kavel__AgentStatus message = KAVEL__AGENT_STATUS__INIT;
+    message.version = Borrow(status.version);
+    message.uptime_seconds = status.uptimeSeconds;
+    message.memory_bytes = status.memoryBytes;
+    message.restarts = status.restarts;
+    return message;
+}
+
 void SetKnown(protobuf_c_boolean &has, protobuf_c_boolean &field, std::optional<bool> value)
 {
     has = value ? 1 : 0;
@@ -179,6 +190,10 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
     reply.n_notes = notes.size();
     Kavel__Start start = PackStart(answer.start.value_or(StartProgress()));
     reply.start = answer.start ? &start : nullptr;
+    const AgentStatus ownStatus = answer.agent.value_or(AgentStatus());
+    Kavel__AgentStatus agent = PackAgent(ownStatus);
+    reply.agent = answer.agent ? &agent : nullptr;
+    SetKnown(reply.has_unknown_vpn, reply.unknown_vpn, answer.isUnknownVpn ? std::optional(true) : std::nullopt);
     return PackReply(reply);
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "control.pb-c.h"
+#include "instances/agent_facts.h"
 #include "instances/status.h"
 #include "services/store.h"
 #include "supervision/supervisor.h"
@@ -28,6 +29,8 @@ struct Answer {
     std::optional<bool> running; // and one runs
     std::vector<std::string> notes;
     std::optional<StartProgress> start; // while the agent is starting
+    std::optional<AgentStatus> agent;
+    bool isUnknownVpn = false; // refused: the VPN is not configured
 };
 
 // Sends the answer to its client. Called exactly once per request.

@@ -45,9 +45,9 @@ void WithAnswer(const Respond &respond, Work work)
 } // namespace
 
 Requests::Requests(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
-                   PendingLaunches &launches, Supervisor &supervisor)
+                   PendingLaunches &launches, Supervisor &supervisor, AgentFacts facts)
     : loop_(loop), host_(host), instances_(instances), module_(module), launches_(launches), supervisor_(supervisor),
-      drain_(loop.AddDeferred([this] { DrainQueues(); }))
+      facts_(std::move(facts)), drain_(loop.AddDeferred([this] { DrainQueues(); }))
 {
     supervisor.OnFree([this](std::uint32_t vpnId) { BeginDraining(vpnId); });
 }
@@ -99,7 +99,7 @@ void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest recei
         received.respond(ListStore(host_.store));
         return;
     case KAVEL__REQUEST__VERB__STORE_SHOW:
-        received.respond(ShowStored(host_.store, request));
+        received.respond(ShowStored(host_, request));
         return;
     default:
         received.respond(Refusal(-EINVAL, "unknown verb " + std::to_string(verb)));
@@ -222,6 +222,7 @@ void Requests::BeginStatus(const Kavel__Request &request, const Respond &respond
                               Answer answer;
                               answer.vpns = std::move(statuses);
                               answer.start = supervisor_.Progress();
+                              answer.agent = StatusOfAgent(facts_);
                               status->respond(answer);
                               statuses_.erase(status);
                           });

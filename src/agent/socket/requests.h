@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/event_loop.h"
+#include "instances/agent_facts.h"
 #include "instances/controller_message.h"
 #include "instances/instances.h"
 #include "instances/module.h"
@@ -31,7 +32,7 @@ class Requests {
   public:
     // The references must outlive this object. Throws std::system_error.
     Requests(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
-             PendingLaunches &launches, Supervisor &supervisor);
+             PendingLaunches &launches, Supervisor &supervisor, AgentFacts facts = {});
 
     // Handles a frame that holds one packed Request. `respond` is called once, before this returns or by the loop.
     void Handle(ReceivedFrame frame, const Respond &respond);
@@ -79,6 +80,7 @@ class Requests {
     const ModuleFunctions &module_;
     PendingLaunches &launches_;
     Supervisor &supervisor_;
+    const AgentFacts facts_;
     RequestQueues queues_;
     std::set<std::uint32_t> drainable_; // VPNs that are not busy any more and have requests in their queues
     EventSource drain_;

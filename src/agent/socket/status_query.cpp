@@ -59,7 +59,8 @@ void StatusQuery::ReadSome()
 VpnStatus StatusQuery::Read(std::uint32_t vpnId)
 {
     const bool isStarting = wasStarting_.contains(vpnId) || supervisor_.IsBusy(vpnId);
-    VpnStatus status = StatusOfVpn(host_, instances_, vpnId, {isStarting, answering_.contains(vpnId)}, stored_);
+    const KnownState known{isStarting, answering_.contains(vpnId), supervisor_.IsStopped(vpnId)};
+    VpnStatus status = StatusOfVpn(host_, instances_, vpnId, known, stored_);
     supervisor_.Describe(status);
     return status;
 }
@@ -71,6 +72,9 @@ void StatusQuery::End()
             {Fault::kStoreUnreadable, *stored_.problem, ""}); // it concerns all of them: once is enough
     }
     if (scope_.isAll) {
+        if (host_.config.platform == Platform::kCpe) {
+            std::erase_if(statuses_, IsIdleBox);
+        }
         std::ranges::move(StatusOfStrays(host_.config, instances_), std::back_inserter(statuses_));
     }
     onEnd_(std::move(statuses_));

@@ -189,6 +189,7 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
     wanted.isStored = message.isKept && host_.config.persistence; // the store may have failed for now
     wanted.revision = revision;
     vpn.wanted = std::move(wanted);
+    vpn.isStopped = false;
     vpn.startAt.reset();
     vpn.startTime.reset();
     vpn.failures = 0;
@@ -233,6 +234,7 @@ void Supervisor::Refused(std::uint32_t vpnId)
 std::optional<std::string> Supervisor::TakeDown(std::uint32_t vpnId)
 {
     WatchedVpn &vpn = Of(vpnId);
+    vpn.isStopped = vpn.isStopped || (vpn.wanted && vpn.wanted->enables);
     vpn.wanted.reset(); // nothing is repaired from here on
     vpn.instance.reset();
     vpn.startAt.reset();
@@ -388,6 +390,12 @@ void Supervisor::JudgeLaunch(std::uint32_t vpnId, bool isRunning)
                                                                : std::string("nothing tells why")));
     const bool isSlow = reason.empty() && instances_.WithProcesses().contains(vpnId);
     PlanStart(vpnId, isSlow ? kSlowStart : std::chrono::seconds(0));
+}
+
+bool Supervisor::IsStopped(std::uint32_t vpnId) const
+{
+    const auto found = vpns_.find(vpnId);
+    return found != vpns_.end() && found->second.isStopped;
 }
 
 void Supervisor::Describe(VpnStatus &status) const

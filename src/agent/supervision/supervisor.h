@@ -74,6 +74,9 @@ class Supervisor {
     // row stays: the next start of the agent brings it back. Returns what is left of it; nothing if all is gone.
     [[nodiscard]] std::optional<std::string> TakeDown(std::uint32_t vpnId);
 
+    // Whether the VPN was meant to run until TakeDown(), and no message was applied since.
+    [[nodiscard]] bool IsStopped(std::uint32_t vpnId) const;
+
     // Adds what is known about the VPN to its status.
     void Describe(VpnStatus &status) const;
 

@@ -41,6 +41,7 @@ struct WatchedVpn {
     };
 
     std::optional<InForce> wanted; // nothing: nothing is in force
+    bool isStopped = false;        // it was meant to run until a client stopped it
     bool isBack = false;           // its state was restored; requests need not wait
     Missing missing;
     std::optional<NamespaceId> netns;
