@@ -2,14 +2,16 @@
 
 #include <ostream>
 #include <span>
+#include <string_view>
+#include <utility>
 
 #include "client.h"
 #include "errors.h"
 #include "files.h"
 #include "json_message.h"
+#include "json_output.h"
 #include "output.h"
 #include "session.h"
-#include "status_output.h"
 #include "store_output.h"
 
 namespace kavel::ctl {
@@ -34,7 +36,7 @@ auto WithFileName(const std::string &name, Work work)
     try {
         return work();
     } catch (const InputError &error) {
-        throw InputError(name + ": " + error.what());
+        throw FileError(name, error.what());
     }
 }
 
@@ -97,12 +99,32 @@ std::string NotSentText(std::span<const Outgoing> rest)
     throw AgentError(outgoing.front().file + ": " + error.what() + (rest.empty() ? "" : "; " + rest));
 }
 
+void AddNotSent(const Session &session, std::span<const Outgoing> rest)
+{
+    for (const Outgoing &one : rest) {
+        AddElement(ArrayOf(DocumentOf(session), "not_sent"), JsonText(one.file));
+    }
+}
+
+// Tells which messages were not sent, after one that was refused.
+void ReportNotSent(const Session &session, std::span<const Outgoing> rest)
+{
+    if (session.json) {
+        AddNotSent(session, rest);
+    } else if (!rest.empty()) {
+        session.err << "vqctl: " << Printable(NotSentText(rest)) << '\n';
+    }
+}
+
 ReplyPtr ExchangeFirst(const Session &session, Client &client, std::span<const Outgoing> outgoing)
 {
     const Outgoing &message = outgoing.front();
     try {
         return Exchange(session, client, message.request, message.file + ": " + message.summary);
     } catch (const AgentError &error) {
+        if (session.json) {
+            AddNotSent(session, outgoing.subspan(1));
+        }
         ThrowWithFiles(error, outgoing);
     }
 }
@@ -147,12 +169,88 @@ std::string AppliedText(const Kavel__Reply &reply)
     return reply.text != nullptr ? state + ": " + Printable(reply.text) : state;
 }
 
+JsonPtr NotesJson(const Kavel__Reply &reply)
+{
+    JsonPtr notes = NewJsonArray();
+    for (const char *note : std::span(reply.notes, reply.n_notes)) {
+        AddElement(notes.get(), JsonText(note));
+    }
+    return notes;
+}
+
+// What the agent, or else the module, says beside the result; null: nothing.
+JsonPtr WhyJson(const Kavel__Reply &reply)
+{
+    const char *const why = reply.reason != nullptr ? reply.reason : reply.text;
+    return why != nullptr ? JsonText(why) : nullptr;
+}
+
+JsonPtr VpnOfJson(const Kavel__Reply &reply)
+{
+    return reply.has_vpn != 0 ? JsonNumber(reply.vpn) : nullptr;
+}
+
+JsonPtr MessageJson(const std::string &file, const Kavel__Reply &reply, const std::string &outcome)
+{
+    JsonPtr object = NewJsonObject();
+    AddMember(object.get(), "file", JsonText(file));
+    AddMember(object.get(), "vpn", VpnOfJson(reply));
+    AddMember(object.get(), "result", JsonNumber(reply.result));
+    AddMember(object.get(), "outcome", JsonText(outcome));
+    AddMember(object.get(), "text", WhyJson(reply));
+    if (reply.has_enabled != 0 && reply.has_running != 0) {
+        AddMember(object.get(), "enabled", JsonBool(reply.enabled != 0));
+        AddMember(object.get(), "running", JsonBool(reply.running != 0));
+    }
+    if (reply.summary != nullptr) {
+        AddMember(object.get(), "summary", SummaryJson(*reply.summary));
+    }
+    AddMember(object.get(), "notes", NotesJson(reply));
+    return object;
+}
+
+// What became of a message: `text` begins with the outcome, "applied, NOT RUNNING: ...".
+void PrintResult(const Session &session, const Outgoing &message, const Kavel__Reply &reply, const std::string &text)
+{
+    if (session.json) {
+        const std::string outcome = text.substr(0, text.find_first_of(",:("));
+        AddElement(ArrayOf(DocumentOf(session), "results"),
+                   MessageJson(message.file, reply, outcome.substr(0, outcome.find_last_not_of(' ') + 1)));
+        return;
+    }
+    const std::string subject = MessageSubject(message, reply);
+    session.out << subject << ": " << text << std::endl;
+    if (reply.result >= 0 && IsAsAsked(reply) && reply.text != nullptr) {
+        session.err << "vqctl: " << subject << ": " << Printable(reply.text) << std::endl;
+    }
+    PrintNotes(session, subject, reply);
+}
+
+// Reports on standard output, or in the JSON document, that the agent refused. Returns the exit code.
+int PrintRefusal(const Session &session, const std::string &subject, const Kavel__Reply &reply)
+{
+    const std::string text = subject + ": refused " + RefusalText(reply);
+    if (session.json) {
+        AddError(session, CodeOfRefusal(reply), text);
+    } else {
+        session.out << text << std::endl;
+    }
+    return CodeOfRefusal(reply);
+}
+
 int RunVpnCommand(const Session &session, Kavel__Request__Verb verb, std::uint32_t vpn, const std::string &done)
 {
     const ReplyPtr reply = ExchangeOne(session, NewRequest(verb, vpn), SubjectText(vpn) + " to be " + done);
-    const bool refused = reply->result < 0;
-    session.out << SubjectText(vpn) << ": " << (refused ? "refused " + RefusalText(*reply) : done) << '\n';
-    return refused ? kRefused : kDone;
+    if (reply->result < 0) {
+        return PrintRefusal(session, SubjectText(vpn), *reply);
+    }
+    if (session.json) {
+        AddMember(DocumentOf(session), "vpn", JsonNumber(vpn));
+        AddMember(DocumentOf(session), "outcome", JsonText(done));
+    } else {
+        session.out << SubjectText(vpn) << ": " << done << '\n';
+    }
+    return kDone;
 }
 
 bool HasSomethingToStop(const Kavel__VpnStatus &vpn)
@@ -179,6 +277,23 @@ std::optional<std::vector<std::uint32_t>> VpnsToStop(const Session &session, Cli
     return vpns;
 }
 
+void PrintStopped(const Session &session, std::uint32_t vpn, const Kavel__Reply &reply)
+{
+    if (session.json) {
+        JsonPtr result = NewJsonObject();
+        AddMember(result.get(), "vpn", JsonNumber(vpn));
+        AddMember(result.get(), "stopped", JsonBool(reply.text == nullptr));
+        AddMember(result.get(), "problem", WhyJson(reply));
+        AddElement(ArrayOf(DocumentOf(session), "results"), std::move(result));
+        return;
+    }
+    const std::string subject = SubjectText(vpn);
+    session.out << subject << ": " << (reply.text == nullptr ? "stopped" : "NOT STOPPED") << std::endl;
+    if (reply.text != nullptr) {
+        session.err << "vqctl: " << subject << ": " << Printable(reply.text) << std::endl;
+    }
+}
+
 } // namespace
 
 int Apply(const Session &session, const Messages &messages)
@@ -191,21 +306,13 @@ int Apply(const Session &session, const Messages &messages)
     int code = kDone;
     for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
         const ReplyPtr reply = ExchangeFirst(session, client, left);
-        const std::string subject = MessageSubject(left.front(), *reply);
-        if (reply->result < 0) {
-            session.out << subject << ": refused " << RefusalText(*reply) << std::endl;
-            PrintNotes(session, subject, *reply);
-            const std::string rest = NotSentText(left.subspan(1));
-            session.err << (rest.empty() ? "" : "vqctl: " + Printable(rest) + "\n");
+        const bool isRefused = reply->result < 0;
+        PrintResult(session, left.front(), *reply, isRefused ? "refused " + RefusalText(*reply) : AppliedText(*reply));
+        if (isRefused) {
+            ReportNotSent(session, left.subspan(1));
             return kRefused;
         }
-        session.out << subject << ": " << AppliedText(*reply) << std::endl;
-        if (!IsAsAsked(*reply)) {
-            code = kNotAsAsked;
-        } else if (reply->text != nullptr) {
-            session.err << "vqctl: " << subject << ": " << Printable(reply->text) << std::endl;
-        }
-        PrintNotes(session, subject, *reply);
+        code = IsAsAsked(*reply) ? code : kNotAsAsked;
     }
     return code;
 }
@@ -217,9 +324,7 @@ int Check(const Session &session, const Messages &messages)
     int code = kDone;
     for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
         const ReplyPtr reply = ExchangeFirst(session, client, left);
-        const std::string subject = MessageSubject(left.front(), *reply);
-        session.out << subject << ": " << CheckText(*reply) << std::endl;
-        PrintNotes(session, subject, *reply);
+        PrintResult(session, left.front(), *reply, CheckText(*reply));
         code = reply->result < 0 ? kRefused : code;
     }
     return code;
@@ -233,34 +338,19 @@ int Encode(const std::string &file, const std::optional<std::string> &target)
     return kDone;
 }
 
-int Status(const Session &session, std::optional<std::uint32_t> vpn)
-{
-    const ReplyPtr reply = ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__STATUS, vpn), "status");
-    const bool isStarting = reply->start != nullptr;
-    if (isStarting && !session.json) {
-        session.out << StartText(*reply->start);
-    }
-    if (reply->result < 0) {
-        const int refused = ReportRefusal(session, vpn ? SubjectText(vpn) : "status", *reply);
-        return isStarting ? kStarting : refused;
-    }
-    const StatusList vpns(reply->vpns, reply->n_vpns);
-    const StatusView view{.now = Now(), .withRevisions = vpn.has_value(), .colour = session.colour};
-    session.out << (session.json ? StatusJson(vpns) : StatusTable(vpns, view));
-    if (isStarting) {
-        return kStarting;
-    }
-    return AnyProblem(vpns) ? kRefused : kDone;
-}
-
 int Repair(const Session &session, std::optional<std::uint32_t> vpn)
 {
     const std::string subject = vpn ? SubjectText(vpn) : "repair";
     const ReplyPtr reply = ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__REPAIR, vpn),
                                        vpn ? SubjectText(vpn) + " to be repaired" : "repair");
     if (reply->result < 0) {
-        session.out << subject << ": refused " << RefusalText(*reply) << '\n';
-        return kRefused;
+        return PrintRefusal(session, subject, *reply);
+    }
+    const int code = reply->text == nullptr ? kDone : kNotAsAsked;
+    if (session.json) {
+        AddMember(DocumentOf(session), "repaired", NotesJson(*reply));
+        AddMember(DocumentOf(session), "problem", WhyJson(*reply));
+        return code;
     }
     for (const char *note : std::span(reply->notes, reply->n_notes)) {
         session.out << Printable(note) << '\n';
@@ -268,10 +358,10 @@ int Repair(const Session &session, std::optional<std::uint32_t> vpn)
     if (reply->text != nullptr) {
         session.out.flush();
         session.err << "vqctl: " << Printable(reply->text) << '\n';
-        return kNotAsAsked;
+    } else if (reply->n_notes == 0) {
+        session.out << "nothing to repair\n";
     }
-    session.out << (reply->n_notes == 0 ? "nothing to repair\n" : "");
-    return kDone;
+    return code;
 }
 
 int Stop(const Session &session, std::optional<std::uint32_t> vpn)
@@ -281,20 +371,19 @@ int Stop(const Session &session, std::optional<std::uint32_t> vpn)
     if (!vpns) {
         return kRefused;
     }
+    if (session.json) {
+        (void)ArrayOf(DocumentOf(session), "results"); // also if there is nothing to stop
+    }
     int code = kDone;
     for (const std::uint32_t one : *vpns) {
         const std::string subject = SubjectText(one);
         const ReplyPtr reply =
             Exchange(session, client, PackRequest(NewRequest(KAVEL__REQUEST__VERB__STOP, one)), subject + " to stop");
         if (reply->result < 0) {
-            session.out << subject << ": refused " << RefusalText(*reply) << std::endl;
-            return kRefused;
+            return PrintRefusal(session, subject, *reply);
         }
-        session.out << subject << ": " << (reply->text == nullptr ? "stopped" : "NOT STOPPED") << std::endl;
-        if (reply->text != nullptr) {
-            session.err << "vqctl: " << subject << ": " << Printable(reply->text) << std::endl;
-            code = kNotAsAsked;
-        }
+        PrintStopped(session, one, *reply);
+        code = reply->text == nullptr ? code : kNotAsAsked;
     }
     return code;
 }
@@ -315,7 +404,12 @@ int StoreList(const Session &session)
     if (reply->result < 0) {
         return ReportRefusal(session, "store", *reply);
     }
-    session.out << StoredTable(StoredList(reply->stored, reply->n_stored));
+    const StoredList records(reply->stored, reply->n_stored);
+    if (session.json) {
+        AddMember(DocumentOf(session), "records", StoredJson(records));
+    } else {
+        session.out << StoredTable(records);
+    }
     return kDone;
 }
 
@@ -329,8 +423,13 @@ int StoreShow(const Session &session, std::uint32_t vpn)
     if (reply->has_stored_text == 0) {
         throw AgentError("the agent's reply holds no stored text");
     }
-    const auto *text = reinterpret_cast<const char *>(reply->stored_text.data);
-    session.out << StoredText({text, reply->stored_text.len});
+    const std::string_view text(reinterpret_cast<const char *>(reply->stored_text.data), reply->stored_text.len);
+    if (session.json) {
+        AddMember(DocumentOf(session), "vpn", JsonNumber(vpn));
+        AddStoredText(DocumentOf(session), text);
+    } else {
+        session.out << StoredText(text);
+    }
     return kDone;
 }
 

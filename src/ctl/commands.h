@@ -1,4 +1,5 @@
 // The commands of vqctl. Each returns its exit code, and throws InputError or AgentError when it cannot be carried out.
+// With session.json it prints nothing, but adds what it would print to the JSON document of the session.
 #ifndef KAVEL_CTL_COMMANDS_H
 #define KAVEL_CTL_COMMANDS_H
 
@@ -30,10 +31,6 @@ int Check(const Session &session, const Messages &messages);
 
 // Writes the bytes of a JSON message to the file `target`, or to standard output.
 int Encode(const std::string &file, const std::optional<std::string> &target);
-
-// Prints the state of one VPN, or of all. While the agent is starting, the text begins with how far the start is; the
-// JSON does not hold that, only the exit code says so.
-int Status(const Session &session, std::optional<std::uint32_t> vpn);
 
 // Has the agent repair what differs from what is in force, for one VPN or for all. Prints what was repaired; what could
 // not be repaired is printed on `err`.

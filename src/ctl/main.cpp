@@ -1,21 +1,27 @@
 // The command line of vqctl.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
+#include "completion.h"
 #include "errors.h"
 #include "number.h"
 #include "printable.h"
+#include "status_command.h"
 #include "status_output.h"
 
 namespace {
@@ -24,11 +30,14 @@ using namespace kavel::ctl;
 
 constexpr const char *kFooter = R"(Exit codes:
   0  done
-  1  the agent refused, or status found a VPN with problems
-  2  wrong usage or a bad input file (nothing was sent), or output that cannot be written
-  3  the agent cannot be reached, or its reply is invalid
-  4  carried out, but a service does not run, or still runs although it is switched off, or a repair or a stop failed
-  5  status: the agent is starting)";
+  1  refused, or problems found
+  2  bad input
+  3  no agent
+  4  carried out, but the service does not run
+  5  the agent is starting)";
+
+// The type name of a value that is the name of a column.
+constexpr const char *kColumns = "COLUMN";
 
 struct Arguments {
     Session session{std::cout, std::cerr};
@@ -37,6 +46,7 @@ struct Arguments {
     std::optional<std::string> target;
     std::optional<std::uint32_t> vpn;
     bool all = false; // of the VPNs
+    StatusOptions status;
     std::function<int()> command;
 };
 
@@ -95,13 +105,40 @@ void AddMessageCommands(CLI::App &app, Arguments &arguments)
         [&arguments] { arguments.command = [&] { return Encode(arguments.file, arguments.target); }; });
 }
 
+// CLI11 gives no value for --watch alone.
+void SetWatch(Arguments &arguments, const std::string &text)
+{
+    constexpr std::uint32_t kDefault = 2;
+    constexpr std::uint32_t kLongest = 86400;
+    const auto seconds = text.empty() ? kDefault : kavel::WholeNumber<std::uint32_t>(text);
+    if (!seconds || *seconds == 0 || *seconds > kLongest) {
+        throw CLI::ValidationError("--watch: expected 1 to 86400 seconds, not \"" + text + "\"");
+    }
+    arguments.status.watch = std::chrono::seconds(*seconds);
+}
+
 void AddStatusCommand(CLI::App &app, Arguments &arguments)
 {
+    StatusOptions &options = arguments.status;
     CLI::App *status = app.add_subcommand(
         "status", "Show the state of every VPN; exit code 1 if any has problems, 5 while the agent is starting");
     AddVpn(*status, arguments, "--vpn", "Show only this VPN");
-    status->final_callback(
-        [&arguments] { arguments.command = [&] { return Status(arguments.session, arguments.vpn); }; });
+    status->add_flag("--problems", options.problemsOnly, "Show only VPNs with problems");
+    status->add_option("--columns", options.columns, "Show these columns, with commas between them; help lists them")
+        ->type_name(kColumns);
+    status->add_option("--sort", options.sort, "Sort by this column; -COLUMN in descending order")->type_name(kColumns);
+    status
+        ->add_option_function<std::string>(
+            "--watch", [&arguments](const std::string &text) { SetWatch(arguments, text); },
+            "Print again after so many seconds, by default 2, until Ctrl-C")
+        ->type_name("SECONDS")
+        ->expected(0, 1);
+    status->final_callback([&arguments] {
+        arguments.command = [&] {
+            arguments.status.vpn = arguments.vpn;
+            return Status(arguments.session, arguments.status);
+        };
+    });
 }
 
 void AddRepairCommand(CLI::App &app, Arguments &arguments)
@@ -152,6 +189,78 @@ void AddStoreCommand(CLI::App &app, Arguments &arguments)
         [&arguments] { arguments.command = [&] { return StoreShow(arguments.session, arguments.vpn.value()); }; });
 }
 
+// What the names of types and arguments tell about a value.
+ValueKind KindOf(const CLI::Option &option)
+{
+    using enum ValueKind::Type;
+    const std::string type = option.get_type_name();
+    if (type == kColumns) {
+        ValueKind kind{kWords};
+        std::ranges::transform(AllFields(), std::back_inserter(kind.words),
+                               [](const StatusField *field) { return std::string(field->name); });
+        return kind;
+    }
+    if (option.get_positional()) {
+        return {option.get_single_name() == "FILE" ? kMessageFile : type == "NUMBER" ? kVpn : kNone};
+    }
+    return {type == "FILE" || type == "PATH" ? kFile : type == "NUMBER" ? kVpn : kNone};
+}
+
+bool IsVisible(const CLI::App *app)
+{
+    return !app->get_group().empty();
+}
+
+CommandUsage UsageOf(const CLI::App &app)
+{
+    CommandUsage usage{.path = app.get_name()};
+    for (const CLI::App *parent = app.get_parent(); parent != nullptr; parent = parent->get_parent()) {
+        usage.path = parent->get_name() + " " + usage.path;
+    }
+    for (const CLI::Option *option : app.get_options()) {
+        if (option->get_positional()) {
+            usage.arguments = KindOf(*option);
+            usage.hasManyArguments = option->get_items_expected_max() > 1;
+            continue;
+        }
+        OptionUsage one{{}, option->get_items_expected_min() > 0, KindOf(*option)};
+        std::ranges::transform(option->get_snames(), std::back_inserter(one.names),
+                               [](const std::string &name) { return "-" + name; });
+        std::ranges::transform(option->get_lnames(), std::back_inserter(one.names),
+                               [](const std::string &name) { return "--" + name; });
+        usage.options.push_back(std::move(one));
+    }
+    std::ranges::transform(app.get_subcommands(IsVisible), std::back_inserter(usage.commands),
+                           [](const CLI::App *below) { return below->get_name(); });
+    return usage;
+}
+
+// The program, and every command behind the one that it is below.
+std::vector<CommandUsage> UsagesOf(const CLI::App &program)
+{
+    std::vector<CommandUsage> usages;
+    for (std::vector<const CLI::App *> left{&program}; !left.empty();) {
+        const CLI::App *const app = left.back();
+        left.pop_back();
+        usages.push_back(UsageOf(*app));
+        std::ranges::reverse_copy(app->get_subcommands(IsVisible), std::back_inserter(left));
+    }
+    return usages;
+}
+
+void AddCompletionCommand(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *completion = app.add_subcommand("completion", "Print the completion of the command line")->group("");
+    completion->require_subcommand(1);
+    CLI::App *bash = completion->add_subcommand("bash", "Print it for bash");
+    bash->final_callback([&app, &arguments] {
+        arguments.command = [&] {
+            arguments.session.out << BashCompletion(UsagesOf(app));
+            return kDone;
+        };
+    });
+}
+
 void AddCommands(CLI::App &app, Arguments &arguments)
 {
     app.require_subcommand(1);
@@ -169,6 +278,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     AddStopCommand(app, arguments);
     AddVpnCommand(app, arguments);
     AddStoreCommand(app, arguments);
+    AddCompletionCommand(app, arguments);
 }
 
 // One line. An argument that no command knows is reported first, because CLI11 may report a missing argument instead.
@@ -176,7 +286,7 @@ std::string UsageText(const CLI::App *app, const CLI::Error &error)
 {
     const std::vector<std::string> unknown = app->remaining(true);
     const std::string why = unknown.empty() ? error.what() : "\"" + unknown.front() + "\" is not a known argument";
-    return "vqctl: " + kavel::Printable(why) + " (see vqctl --help)\n";
+    return why + " (see vqctl --help)";
 }
 
 // CLI11 would take the argument after "--revision=" for its value: the first file would not be applied.
@@ -192,18 +302,28 @@ void RefuseEmptyValues(std::span<char *const> arguments)
     }
 }
 
-int Main(int argc, char **argv)
+bool AsksForJson(std::span<char *const> arguments)
+{
+    const auto end = std::ranges::find(arguments, std::string_view("--"), [](const char *text) { return text; });
+    return std::find(arguments.begin(), end, std::string_view("--json")) != end;
+}
+
+int Main(std::span<char *const> words)
 {
     Arguments arguments;
     arguments.session.colour = WantsColour(STDOUT_FILENO);
+    arguments.status.isTerminal = ::isatty(STDOUT_FILENO) == 1;
     CLI::App app("Controls the DNS agent of this box.", "vqctl");
     AddCommands(app, arguments);
-    app.failure_message(UsageText);
     try {
-        RefuseEmptyValues({argv, static_cast<std::size_t>(argc)});
-        app.parse(argc, argv);
+        RefuseEmptyValues(words);
+        app.parse(static_cast<int>(words.size()), words.data());
+    } catch (const CLI::Success &request) { // --help, --version
+        return app.exit(request);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? kDone : kBadInput;
+        arguments.session.json = AsksForJson(words);
+        arguments.command = [&]() -> int { throw kavel::InputError(UsageText(&app, error)); };
+        return Run(arguments.session, arguments.command);
     }
     return Run(arguments.session, arguments.command);
 }
@@ -213,7 +333,7 @@ int Main(int argc, char **argv)
 int main(int argc, char **argv)
 {
     try {
-        return Main(argc, argv);
+        return Main({argv, static_cast<std::size_t>(argc)});
     } catch (const std::exception &error) {
         std::cerr << "vqctl: " << kavel::Printable(error.what()) << '\n';
         return kBadInput;

@@ -3,18 +3,36 @@
 #include <chrono>
 #include <exception>
 #include <ostream>
+#include <utility>
 
+#include "json_output.h"
 #include "output.h"
 
 namespace kavel::ctl {
 
 namespace {
 
-int ReportError(const Session &session, const std::exception &error, ExitCode code)
+int ReportError(const Session &session, const std::exception &error, ExitCode code, const std::string &file = {})
 {
     session.out.flush();
     session.err << "vqctl: " << Printable(error.what()) << '\n';
+    if (session.json) {
+        AddError(session, code, error.what(), file);
+    }
     return code;
+}
+
+int RunCommand(const Session &session, const std::function<int()> &command)
+{
+    try {
+        return command();
+    } catch (const FileError &error) {
+        return ReportError(session, error, kBadInput, error.File());
+    } catch (const InputError &error) {
+        return ReportError(session, error, kBadInput);
+    } catch (const AgentError &error) {
+        return ReportError(session, error, kNoAgent);
+    }
 }
 
 } // namespace
@@ -54,10 +72,38 @@ std::optional<std::uint32_t> VpnOf(const Kavel__Reply &reply)
     return reply.has_vpn != 0 ? std::optional(reply.vpn) : std::nullopt;
 }
 
+json_object *DocumentOf(const Session &session)
+{
+    if (!session.document) {
+        session.document = NewJsonDocument();
+    }
+    return session.document.get();
+}
+
+ExitCode CodeOfRefusal(const Kavel__Reply &reply)
+{
+    return reply.unknown_vpn != 0 ? kBadInput : kRefused;
+}
+
+void AddError(const Session &session, ExitCode code, const std::string &text, const std::string &file)
+{
+    JsonPtr error = NewJsonObject();
+    AddMember(error.get(), "exit", JsonNumber(static_cast<int>(code)));
+    AddMember(error.get(), "text", JsonText(text));
+    if (!file.empty()) {
+        AddMember(error.get(), "file", JsonText(file));
+    }
+    AddMember(DocumentOf(session), "error", std::move(error));
+}
+
 int ReportRefusal(const Session &session, const std::string &subject, const Kavel__Reply &reply)
 {
-    session.err << "vqctl: " << subject << ": refused " << RefusalText(reply) << '\n';
-    return kRefused;
+    const std::string text = subject + ": refused " + RefusalText(reply);
+    session.err << "vqctl: " << text << '\n';
+    if (session.json) {
+        AddError(session, CodeOfRefusal(reply), text);
+    }
+    return CodeOfRefusal(reply);
 }
 
 std::uint64_t Now()
@@ -68,17 +114,15 @@ std::uint64_t Now()
 
 int Run(const Session &session, const std::function<int()> &command)
 {
-    try {
-        const int code = command();
-        if (!session.out.flush()) {
-            throw InputError("standard output: cannot be written");
-        }
-        return code;
-    } catch (const InputError &error) {
-        return ReportError(session, error, kBadInput);
-    } catch (const AgentError &error) {
-        return ReportError(session, error, kNoAgent);
+    const int code = RunCommand(session, command);
+    if (const auto document = std::exchange(session.document, nullptr)) {
+        session.out << JsonDocument(document.get());
     }
+    if (!session.out.flush()) {
+        session.err << "vqctl: standard output: cannot be written\n";
+        return kBadInput;
+    }
+    return code;
 }
 
 } // namespace kavel::ctl

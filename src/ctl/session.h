@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <json-c/json.h>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -28,7 +30,12 @@ struct Session {
     bool colour = false;
     bool json = false; // print a JSON document instead of text
     std::chrono::milliseconds timeout = kTimeout;
+    // With `json`: what Run() prints when the command has ended. Commands add to it with DocumentOf().
+    mutable std::shared_ptr<json_object> document = nullptr;
 };
+
+// The JSON document of the command, begun with the member `schema`.
+[[nodiscard]] json_object *DocumentOf(const Session &session);
 
 // A request of this verb. Without `vpn` it names none.
 [[nodiscard]] Kavel__Request NewRequest(Kavel__Request__Verb verb, std::optional<std::uint32_t> vpn = std::nullopt);
@@ -42,14 +49,22 @@ struct Session {
 // The VPN that the reply is about, if it names one.
 [[nodiscard]] std::optional<std::uint32_t> VpnOf(const Kavel__Reply &reply);
 
-// Reports on standard error that the agent refused a query. Returns the exit code.
+// Of a request that the agent has refused: a VPN that is not configured is bad input.
+[[nodiscard]] ExitCode CodeOfRefusal(const Kavel__Reply &reply);
+
+// Adds to the JSON document why the command has failed: {"error": {"exit": 2, "text": ..., "file": ...}}. An empty file
+// is left out.
+void AddError(const Session &session, ExitCode code, const std::string &text, const std::string &file = {});
+
+// Reports on standard error, and in the JSON document, that the agent refused a query. Returns the exit code.
 int ReportRefusal(const Session &session, const std::string &subject, const Kavel__Reply &reply);
 
 // The Unix time in seconds.
 [[nodiscard]] std::uint64_t Now();
 
-// Runs a command and returns its exit code. An InputError or AgentError becomes one line on `session.err` and an exit
-// code; standard output that cannot be written does as well.
+// Runs a command, prints its JSON document if it has one, and returns its exit code. An InputError or AgentError
+// becomes one line on `session.err`, a member of the JSON document, and an exit code; standard output that cannot be
+// written becomes a line and an exit code.
 int Run(const Session &session, const std::function<int()> &command);
 
 } // namespace kavel::ctl

@@ -1,12 +1,17 @@
 #include "status_output.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <ctime>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <optional>
 #include <pty.h>
 #include <string>
 #include <vector>
 
+#include "json_output.h"
 #include "json_reader.h"
 #include "unique_fd.h"
 
@@ -68,6 +73,7 @@ class StatusTest : public testing::Test {
         MakeRunning(failed_, 99);
         failed_.status.answers = 0;
         failed_.status.stored = failed_.status.has_stored_enable = failed_.status.rule = 0;
+        stopped_.status.has_stopped = stopped_.status.stopped = 1;
         failed_.AddProblem("does not answer on port 53");
         failed_.AddProblem("runs in another\nnetwork namespace");
     }
@@ -78,18 +84,58 @@ class StatusTest : public testing::Test {
     std::vector<const Kavel__VpnStatus *> all_{&stopped_.status, &running_.status, &failed_.status};
 };
 
-TEST_F(StatusTest, TableHasAlignedColumnsAndProblemsBelow)
+TEST_F(StatusTest, TableHasAlignedColumns)
 {
-    EXPECT_EQ(
-        StatusTable(all_, {}),
-        R"(       VPN  NAMESPACE       STATE     PID  UPTIME  MEMORY  HOSTS  MX  SERVERS  FORWARDS  ROUTES  STORED  RULE  ANSWERS
-         0  -               stopped     -       -       -      0   0        0         0       0  -       -     -
-         7  vpn_7           running  4242   3m12s    1.8M      3   1        2         1       3  yes     yes   yes
-4294967295  vpn_4294967295  failed     99   3m12s    1.8M      3   1        2         1       3  no      no    no
+    EXPECT_EQ(StatusTable(all_, {}),
+              "       VPN  NAMESPACE       STATE    UPTIME  MEMORY  HOSTS  STORED  RULE  ANSWERS\n"
+              "         0  -               stopped       -       -      0  -       -     -\n"
+              "         7  vpn_7           running   3m12s    1.8M      3  yes     yes   yes\n"
+              "4294967295  vpn_4294967295  failed    3m12s    1.8M      3  no      no    no\n");
+}
 
-vpn 4294967295: does not answer on port 53
-vpn 4294967295: runs in another?network namespace
-)");
+TEST_F(StatusTest, ProblemsHaveTheirCodeAndWhatMendsThem)
+{
+    EXPECT_EQ(StatusLines(all_, {}), "vpn 4294967295: a-code: does not answer on port 53\n"
+                                     "    do: this\n"
+                                     "vpn 4294967295: a-code: runs in another?network namespace\n"
+                                     "    do: this\n");
+}
+
+TEST_F(StatusTest, AProblemWithoutARemedyHasNone)
+{
+    failed_.findings.front()->remedy = nullptr;
+    EXPECT_TRUE(StatusLines(all_, {}).starts_with("vpn 4294967295: a-code: does not answer on port 53\n"
+                                                  "vpn 4294967295: a-code: runs"));
+}
+
+// The widest values of all columns, and a name that does not fit.
+TEST_F(StatusTest, ATableIsNotWiderThanAsked)
+{
+    SampleVpn wide(4294967295, "customer-with-a-long-n\u00E4me-1");
+    MakeRunning(wide, 1);
+    wide.status.uptime_seconds = 34'570'800;
+    wide.status.memory_bytes = 1'048'575;
+    wide.status.hosts = 99999;
+    wide.status.meant = 0;
+    wide.status.has_starting = wide.status.starting = 1;
+    const Kavel__VpnStatus *one = &wide.status;
+    EXPECT_EQ(StatusTable({&one, 1}, {.widest = 80}),
+              "       VPN  NAMESPACE   STATE      UPTIME   MEMORY  HOSTS  STORED  RULE  ANSWERS\n"
+              "4294967295  custome...  starting  400d03h  1023.9K  99999  yes     yes   yes\n");
+    EXPECT_NE(StatusTable({&one, 1}, {}).find("  customer-with-a-long-n\u00E4me-1  starting  "), std::string::npos);
+}
+
+TEST_F(StatusTest, ANameIsCutBetweenCharacters)
+{
+    SampleVpn wide(7, "\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4");
+    const Kavel__VpnStatus *one = &wide.status;
+    const FieldList fields = FieldsNamed("vpn,namespace,state", "");
+    EXPECT_EQ(StatusTable({&one, 1}, {.fields = fields, .widest = 22}),
+              "VPN  NAMESPACE   STATE\n"
+              "  7  \u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4...  off\n");
+    EXPECT_EQ(StatusTable({&one, 1}, {.fields = fields, .widest = 23}),
+              "VPN  NAMESPACE    STATE\n"
+              "  7  \u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4...  off\n");
 }
 
 TEST_F(StatusTest, OnlyTheStatesAreColoured)
@@ -106,30 +152,118 @@ TEST_F(StatusTest, OnlyTheStatesAreColoured)
     EXPECT_EQ(coloured, plain);
 }
 
-TEST_F(StatusTest, TableWithoutProblemsEndsWithItsLastRow)
+// The cells of one VPN's row.
+std::string Row(const Kavel__VpnStatus &status, const std::string &columns)
 {
-    EXPECT_EQ(
-        StatusTable(std::span(all_).first(1), {}),
-        "VPN  NAMESPACE  STATE    PID  UPTIME  MEMORY  HOSTS  MX  SERVERS  FORWARDS  ROUTES  STORED  RULE  ANSWERS\n"
-        "  0  -          stopped    -       -       -      0   0        0         0       0  -       -     -\n");
+    const Kavel__VpnStatus *one = &status;
+    const std::string table = StatusTable({&one, 1}, {.fields = FieldsNamed(columns, "")});
+    return table.substr(table.find('\n') + 1);
 }
 
-TEST_F(StatusTest, RuleOfAPopNeedsTheDnatRule)
+TEST_F(StatusTest, TheRuleOfAPopNeedsTheDnatRule)
 {
     running_.status.has_dnat = 1;
-    const std::span<const Kavel__VpnStatus *const> one = std::span(all_).subspan(1, 1);
-    EXPECT_NE(StatusTable(one, {}).find("  yes     no    yes\n"), std::string::npos);
+    EXPECT_EQ(Row(running_.status, "rule"), "no\n");
     running_.status.dnat = 1;
-    EXPECT_NE(StatusTable(one, {}).find("  yes     yes   yes\n"), std::string::npos);
+    EXPECT_EQ(Row(running_.status, "rule"), "yes\n");
     running_.status.rule = 0;
-    EXPECT_NE(StatusTable(one, {}).find("  yes     no    yes\n"), std::string::npos);
+    EXPECT_EQ(Row(running_.status, "rule"), "no\n");
 }
 
-TEST_F(StatusTest, TableShowsThePidOfADeadProcess)
+TEST_F(StatusTest, ADeadProcessHasAPidAlone)
 {
     running_.status.alive = 0;
-    const std::string table = StatusTable(std::span(all_).subspan(1, 1), {});
-    EXPECT_NE(table.find("vpn_7      stopped  4242       -       -"), std::string::npos) << table;
+    EXPECT_EQ(Row(running_.status, "state,pid,uptime,memory,answers"), "stopped  4242       -       -  -\n");
+}
+
+TEST_F(StatusTest, EveryFieldCanBeAColumn)
+{
+    EXPECT_EQ(Row(failed_.status, "vpn,meant,in_namespace,stored_enable,dnat,ends,last_end,last_end_time,problems"),
+              "4294967295  yes    yes           -              -        -  -         -              a-code,a-code\n");
+    EXPECT_EQ(Row(running_.status, "mx,mx_hosts,problems"), " 1   1  -\n");
+}
+
+TEST_F(StatusTest, TimesAreThoseOfTheClock)
+{
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    running_.status.has_last_repair_time = 1;
+    running_.status.last_repair_time = 5'000'000'000;
+    EXPECT_EQ(Row(running_.status, "last_repair_time"), "2128-06-11T08:53:20\n");
+    ::unsetenv("TZ");
+}
+
+// ---- States ----
+
+TEST_F(StatusTest, TheStateIsOneWord)
+{
+    const auto word = [](const SampleVpn &vpn) { return StateWord(StateOf(vpn.status)); };
+    EXPECT_EQ(word(running_), "running");
+    EXPECT_EQ(word(failed_), "failed");
+    EXPECT_EQ(word(stopped_), "stopped");
+    stopped_.status.stopped = 0;
+    EXPECT_EQ(word(stopped_), "off");
+    stopped_.status.has_starting = stopped_.status.starting = 1;
+    EXPECT_EQ(word(stopped_), "starting");
+    stopped_.AddProblem("the steering rule is missing");
+    EXPECT_EQ(word(stopped_), "failed") << "problems come first";
+}
+
+TEST_F(StatusTest, AnInstanceThatServesInSpiteOfProblemsIsDegraded)
+{
+    running_.AddProblem("upstream 10.7.0.53 does not answer");
+    EXPECT_EQ(StateOf(running_.status), VpnState::kDegraded);
+    for (const auto member : {&VpnStatus::meant, &VpnStatus::alive, &VpnStatus::answers}) {
+        running_.status.*member = 0;
+        EXPECT_EQ(StateOf(running_.status), VpnState::kFailed);
+        running_.status.*member = 1;
+    }
+}
+
+TEST_F(StatusTest, TheSummaryCountsTheStates)
+{
+    EXPECT_EQ(SummaryLine(all_), "3 VPNs: 1 running, 1 failed, 1 stopped\n");
+    EXPECT_EQ(SummaryLine(std::span(all_).first(1)), "1 VPN: 1 stopped\n");
+    EXPECT_EQ(SummaryLine({}), "0 VPNs\n");
+    std::vector<const Kavel__VpnStatus *> many(300, &running_.status);
+    SampleVpn off(1, "a");
+    SampleVpn degraded(2, "b");
+    MakeRunning(degraded, 1);
+    degraded.AddProblem("a problem");
+    SampleVpn starting(3, "c");
+    starting.status.has_starting = starting.status.starting = 1;
+    many[0] = &off.status;
+    many[1] = &degraded.status;
+    many[2] = &starting.status;
+    EXPECT_EQ(SummaryLine(many), "300 VPNs: 297 running, 1 degraded, 1 starting, 1 off\n");
+}
+
+// ---- The order ----
+
+std::vector<std::uint32_t> Sorted(std::vector<const Kavel__VpnStatus *> vpns, const std::string &order)
+{
+    SortBy(vpns, OrderNamed(order, "--sort"));
+    std::vector<std::uint32_t> ids;
+    std::ranges::transform(vpns, std::back_inserter(ids), [](const VpnStatus *vpn) { return vpn->vpn; });
+    return ids;
+}
+
+TEST_F(StatusTest, RowsAreSortedByAnyField)
+{
+    using testing::ElementsAre;
+    running_.status.has_repairs = 1;
+    running_.status.repairs = 10;
+    failed_.status.has_repairs = 1;
+    failed_.status.repairs = 9;
+    EXPECT_THAT(Sorted(all_, "-vpn"), ElementsAre(4294967295, 7, 0));
+    EXPECT_THAT(Sorted(all_, "repairs"), ElementsAre(0, 4294967295, 7));
+    EXPECT_THAT(Sorted(all_, "state"), ElementsAre(4294967295, 0, 7)) << "the worst first";
+    EXPECT_THAT(Sorted(all_, "-state"), ElementsAre(7, 0, 4294967295));
+    EXPECT_THAT(Sorted(all_, "namespace"), ElementsAre(0, 4294967295, 7));
+    EXPECT_THAT(Sorted(all_, "-problems"), ElementsAre(4294967295, 0, 7));
+    EXPECT_THAT(Sorted(all_, "answers"), ElementsAre(0, 4294967295, 7));
+    EXPECT_THAT(Sorted(all_, "meant"), ElementsAre(0, 7, 4294967295)) << "equal ones keep their order";
+    EXPECT_THAT(Sorted(all_, "-meant"), ElementsAre(7, 4294967295, 0));
 }
 
 void MakeStarting(SampleVpn &vpn)
@@ -137,29 +271,10 @@ void MakeStarting(SampleVpn &vpn)
     vpn.status.meant = vpn.status.has_starting = vpn.status.starting = 1;
 }
 
-TEST_F(StatusTest, TableShowsAStartingInstance)
-{
-    MakeStarting(stopped_);
-    const std::span<const Kavel__VpnStatus *const> one = std::span(all_).first(1);
-    EXPECT_EQ(
-        StatusTable(one, {}),
-        "VPN  NAMESPACE  STATE     PID  UPTIME  MEMORY  HOSTS  MX  SERVERS  FORWARDS  ROUTES  STORED  RULE  ANSWERS\n"
-        "  0  -          starting    -       -       -      0   0        0         0       0  -       -     -\n");
-    EXPECT_NE(StatusTable(one, {.colour = true}).find("  \033[36mstarting\033[0m  "), std::string::npos);
-}
-
 TEST_F(StatusTest, StartingIsNoProblem)
 {
     MakeStarting(stopped_);
     EXPECT_FALSE(AnyProblem(std::span(all_).first(2)));
-}
-
-TEST_F(StatusTest, ProblemsOfAStartingInstanceComeFirst)
-{
-    MakeStarting(failed_);
-    const std::string table = StatusTable(std::span(all_).subspan(2), {});
-    EXPECT_NE(table.find("  failed  "), std::string::npos) << table;
-    EXPECT_EQ(table.find("starting"), std::string::npos) << table;
 }
 
 constexpr std::uint64_t kNow = 5'000'000'000;
@@ -187,9 +302,7 @@ void AddHistory(SampleVpn &vpn)
 std::string Below(const Kavel__VpnStatus &status, bool withRevisions = false)
 {
     const Kavel__VpnStatus *one = &status;
-    const std::string table = StatusTable({&one, 1}, {.now = kNow, .withRevisions = withRevisions});
-    const std::size_t gap = table.find("\n\n");
-    return gap == std::string::npos ? "" : table.substr(gap + 2);
+    return StatusLines({&one, 1}, {.now = kNow, .withRevisions = withRevisions});
 }
 
 TEST_F(StatusTest, EndsAndRepairsStandBelowTheTable)
@@ -206,13 +319,15 @@ TEST_F(StatusTest, TheLinesOfAVpnStandTogether)
     AddHistory(failed_);
     running_.status.repairs = failed_.status.ends = failed_.status.has_last_repair_time = 0;
     running_.AddProblem("no instance runs");
-    const std::string table = StatusTable(all_, {.now = kNow, .withRevisions = true});
-    EXPECT_EQ(table.substr(table.find("\n\n")),
-              "\n\nvpn 7: no instance runs\n"
+    EXPECT_EQ(StatusLines(all_, {.now = kNow, .withRevisions = true}),
+              "vpn 7: a-code: no instance runs\n"
+              "    do: this\n"
               "vpn 7: ended 2 times, last 10 s ago: killed by signal 9; starts again in 4 s\n"
               "vpn 7: revision r 1\n"
-              "vpn 4294967295: does not answer on port 53\n"
-              "vpn 4294967295: runs in another?network namespace\n"
+              "vpn 4294967295: a-code: does not answer on port 53\n"
+              "    do: this\n"
+              "vpn 4294967295: a-code: runs in another?network namespace\n"
+              "    do: this\n"
               "vpn 4294967295: repaired 3 times: the steering rule was gone\n"
               "vpn 4294967295: revision r 1\n");
 }
@@ -272,12 +387,23 @@ TEST_F(StatusTest, AnyProblemLooksAtEveryVpn)
     EXPECT_FALSE(AnyProblem({}));
 }
 
+// The document of a reply without anything else.
+std::string JsonOfAll(StatusList vpns)
+{
+    const JsonPtr document = NewJsonDocument();
+    Kavel__Reply reply{};
+    kavel__reply__init(&reply);
+    AddStatus(document.get(), reply, vpns, AllFields());
+    return JsonDocument(document.get());
+}
+
 TEST_F(StatusTest, JsonHoldsEveryFieldOfTheProtocolAndTheState)
 {
     AddHistory(failed_);
-    const JsonPtr json = ParseJson(StatusJson(all_));
-    ASSERT_EQ(json_object_array_length(json.get()), 3U);
-    json_object *const vpn = json_object_array_get_idx(json.get(), 2);
+    const JsonPtr json = ParseJson(JsonOfAll(all_));
+    json_object *const list = json_object_object_get(json.get(), "vpns");
+    ASSERT_EQ(json_object_array_length(list), 3U);
+    json_object *const vpn = json_object_array_get_idx(list, 2);
     const ProtobufCMessageDescriptor &protocol = kavel__vpn_status__descriptor;
     EXPECT_EQ(static_cast<unsigned>(json_object_object_length(vpn)), protocol.n_fields + 1);
     EXPECT_TRUE(HasKey(vpn, "state"));
@@ -289,26 +415,29 @@ TEST_F(StatusTest, JsonHoldsEveryFieldOfTheProtocolAndTheState)
 std::string JsonOf(const Kavel__VpnStatus &status)
 {
     const Kavel__VpnStatus *one = &status;
-    const JsonPtr json = ParseJson(StatusJson({&one, 1}));
-    return json_object_to_json_string_ext(json_object_array_get_idx(json.get(), 0), JSON_C_TO_STRING_PLAIN);
+    const JsonPtr json = ParseJson(JsonOfAll({&one, 1}));
+    json_object *const list = json_object_object_get(json.get(), "vpns");
+    return json_object_to_json_string_ext(json_object_array_get_idx(list, 0), JSON_C_TO_STRING_PLAIN);
 }
 
 TEST_F(StatusTest, JsonHasTheValuesOfTheStatus)
 {
     failed_.status.in_namespace = 0;
     failed_.status.memory_bytes = 18446744073709551615U;
-    EXPECT_EQ(JsonOf(failed_.status),
-              R"({"vpn":4294967295,"namespace":"vpn_4294967295","state":"failed","meant":true,"starting":false,)"
-              R"("pid_file":true,"pid":99,"alive":true,"is_dnsmasq":true,"in_namespace":false,"uptime_seconds":192,)"
-              R"("memory_bytes":18446744073709551615,"hosts":3,"mx_hosts":1,"servers":2,"forwards":1,"routes":3,)"
-              R"("stored":false,"stored_enable":null,"rule":false,"dnat":null,"answers":false,)"
-              R"("problems":[{"code":"a-code","text":"does not answer on port 53","do":"this"},)"
-              R"({"code":"a-code","text":"runs in another\nnetwork namespace","do":"this"}]})");
-    EXPECT_EQ(JsonOf(stopped_.status),
-              R"({"vpn":0,"namespace":"-","state":"stopped","meant":false,"starting":false,"pid_file":false,"pid":0,)"
-              R"("alive":false,"is_dnsmasq":false,"in_namespace":false,"uptime_seconds":0,"memory_bytes":0,)"
-              R"("hosts":0,"mx_hosts":0,"servers":0,"forwards":0,"routes":0,)"
-              R"("stored":null,"stored_enable":null,"rule":null,"dnat":null,"answers":false,"problems":[]})");
+    EXPECT_EQ(
+        JsonOf(failed_.status),
+        R"({"vpn":4294967295,"namespace":"vpn_4294967295","state":"failed","meant":true,"stopped":false,"starting":false,)"
+        R"("pid_file":true,"pid":99,"alive":true,"is_dnsmasq":true,"in_namespace":false,"uptime_seconds":192,)"
+        R"("memory_bytes":18446744073709551615,"hosts":3,"mx_hosts":1,"servers":2,"forwards":1,"routes":3,)"
+        R"("stored":false,"stored_enable":null,"rule":false,"dnat":null,"answers":false,)"
+        R"("problems":[{"code":"a-code","text":"does not answer on port 53","do":"this"},)"
+        R"({"code":"a-code","text":"runs in another\nnetwork namespace","do":"this"}]})");
+    EXPECT_EQ(
+        JsonOf(stopped_.status),
+        R"({"vpn":0,"namespace":"-","state":"stopped","meant":false,"stopped":true,"starting":false,"pid_file":false,"pid":0,)"
+        R"("alive":false,"is_dnsmasq":false,"in_namespace":false,"uptime_seconds":0,"memory_bytes":0,)"
+        R"("hosts":0,"mx_hosts":0,"servers":0,"forwards":0,"routes":0,)"
+        R"("stored":null,"stored_enable":null,"rule":null,"dnat":null,"answers":false,"problems":[]})");
     running_.status.has_dnat = running_.status.dnat = 1;
     const std::string running = JsonOf(running_.status);
     EXPECT_NE(running.find(R"("state":"running",)"), std::string::npos);
@@ -330,7 +459,8 @@ TEST_F(StatusTest, JsonOfAStartingInstance)
 {
     MakeStarting(stopped_);
     const std::string json = JsonOf(stopped_.status);
-    EXPECT_NE(json.find(R"("state":"starting","meant":true,"starting":true,"pid_file":false,)"), std::string::npos)
+    EXPECT_NE(json.find(R"("state":"starting","meant":true,"stopped":true,"starting":true,"pid_file":false,)"),
+              std::string::npos)
         << json;
 }
 
@@ -339,12 +469,12 @@ TEST_F(StatusTest, JsonEscapesWhatMustNotReachATerminal)
     std::string netns = "a\u202E\u009B\xFF\x7F";
     stopped_.status.namespace_ = netns.data();
     const Kavel__VpnStatus *one = &stopped_.status;
-    EXPECT_THAT(StatusJson({&one, 1}), testing::HasSubstr(R"("namespace": "a\u202e\u009b\ufffd\u007f")"));
+    EXPECT_THAT(JsonOfAll({&one, 1}), testing::HasSubstr(R"("namespace": "a\u202e\u009b\ufffd\u007f")"));
 }
 
 TEST(StatusJson, OfNoVpnIsAnEmptyArray)
 {
-    EXPECT_EQ(json_object_array_length(ParseJson(StatusJson({})).get()), 0U);
+    EXPECT_EQ(JsonOfAll({}), "{\n  \"schema\": 1,\n  \"vpns\": [\n  ]\n}\n");
 }
 
 TEST(StartText, SaysHowManyVpnsAreBack)

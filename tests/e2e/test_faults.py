@@ -512,7 +512,7 @@ def test_without_repair_a_fault_is_told_and_repaired_when_asked(unrepaired, told
 def check_all_is_off(box):
     assert instances(7) == [] and not pid_file().exists() and routes() == [] and tables() == []
     status = box.status()
-    assert status["state"] == "stopped" and status["problems"] == []
+    assert status["state"] == "off" and status["problems"] == []
     assert ask("nas.vpn7.example") == []
 
 

@@ -153,7 +153,7 @@ def test_status_reports_problems(unattended):
     assert any(str(pid) in problem for problem in bad["problems"])
     shown = unattended.vqctl("status")
     assert shown.returncode == 1
-    assert f"vpn 7: {bad['problems'][0]}" in shown.stdout + shown.stderr
+    assert f"vpn 7: {bad['codes'][0]}: {bad['problems'][0]}" in shown.stdout
 
 
 def test_instance_that_does_not_start_is_reported(unattended):
@@ -210,8 +210,8 @@ def test_init_and_release_of_a_vpn_directory(running):
 
 def test_status_lists_every_vpn(running):
     started(running)
-    rows = json.loads(running.vqctl("status", "--json").stdout)
-    assert [row["vpn"] for row in rows] == [0, 7, 8]
+    rows = json.loads(running.vqctl("status", "--json").stdout)["vpns"]
+    assert [row["vpn"] for row in rows] == [7, 8]
 
 
 def test_instance_of_a_vpn_that_was_removed_from_the_configuration(running):
@@ -224,9 +224,9 @@ def test_instance_of_a_vpn_that_was_removed_from_the_configuration(running):
     assert "vpn 8: an instance runs, but the VPN is not configured" in running.log()
     shown = running.vqctl("status")
     assert shown.returncode == 1
-    assert "vpn 8: an instance runs, but the VPN is not configured" in shown.stdout
-    rows = {row["vpn"]: row for row in json.loads(running.vqctl("status", "--json").stdout)}
-    assert set(rows) == {0, 7, 8}
+    assert "vpn 8: instance-unwanted: an instance runs, but the VPN is not configured" in shown.stdout
+    rows = {row["vpn"]: row for row in json.loads(running.vqctl("status", "--json").stdout)["vpns"]}
+    assert set(rows) == {7, 8}
     assert rows[7]["problems"] == []
     assert rows[8]["pid"] == instance_pid(8)
     assert ask("nas.vpn8.example", vpn=8) == ["192.168.8.10"]

@@ -105,7 +105,7 @@ def load(box, controllers, dice):
 
 
 def status_of_all(box):
-    return {row["vpn"]: row for row in json.loads(box.vqctl("status", "--json").stdout)}
+    return {row["vpn"]: row for row in json.loads(box.vqctl("status", "--json").stdout)["vpns"]}
 
 
 def check_status_reports_dead_instances(box, histories):

@@ -75,7 +75,7 @@ def test_vpn_that_is_not_configured_is_refused(running):
     assert not (DNSMASQ / "vpn_99").exists()
     for command in ("init", "release"):
         refused = running.vqctl("vpn", command, "99")
-        assert refused.returncode == 1
+        assert refused.returncode == 2
         assert "vpn 99 is not configured" in refused.stdout + refused.stderr
 
 

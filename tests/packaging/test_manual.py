@@ -114,13 +114,25 @@ def test_every_exit_status_of_vqctl_is_listed_with_its_meaning():
 
 
 def test_every_member_and_column_of_the_status_is_listed():
-    text = source("src/ctl/status_output.cpp")
-    items = names_in(sections("vqctl.1.scd")["STATUS"])
-    members = re.findall(r'StatusField{\s*"(\w+)"', text)
-    columns = re.findall(r'{"([A-Z]+)", (?:true|false)', text)
-    assert len(members) > 20 and len(columns) > 10
-    assert [name for name in items if name.isupper()] == columns
-    assert [name for name in items if not name.isupper()] == members
+    text = source("src/ctl/status_fields.cpp")
+    page = sections("vqctl.1.scd")
+    fields = re.findall(r'(Default\(\s*)?Field<[^;"]*>\(\s*"(\w+)",\s*"([A-Z_]+)"', text)
+    columns = [title for is_default, name, title in fields if is_default]
+    assert len(fields) > 20 and len(columns) > 5
+    assert names_in(page["STATUS"]) == columns
+    members = names_in(page["STATUS AS JSON"])
+    assert [name for name in members if "." not in name] == [name for is_default, name, title in fields]
+    listed = subprocess.run([program_help.BUILD / "vqctl", "status", "--columns", "help"], check=True, text=True,
+                            capture_output=True).stdout.split()
+    assert listed == [name for is_default, name, title in fields]
+
+
+def test_every_state_is_explained():
+    words = re.search(r"kStateStyles = {{(.*?)}};", source("src/ctl/status_fields.cpp"), re.S)[1]
+    states = re.findall(r'{"(\w+)"', words)
+    assert len(states) > 4
+    (state,) = [item for item in sections("vqctl.1.scd")["STATUS"] if item.names == ["STATE"]]
+    assert sorted(re.findall(r'"(\w+)"', state.text)) == sorted(states)
 
 
 def test_every_option_and_exit_status_of_vqagent_is_listed():
@@ -213,7 +225,7 @@ def test_the_limits_of_a_message_are_right(heading, field, limit):
 
 
 def test_the_limits_of_vqctl_are_right():
-    text = "".join(source(f"src/{path}") for path in ("ctl/commands.h", "ctl/files.h", "control/frame.h"))
+    text = "".join(source(f"src/{path}") for path in ("ctl/commands.h", "ctl/files.h", "ctl/session.h", "control/frame.h"))
     page = source("packaging/man/vqctl.1.scd").replace("\n", " ")
     size = r" = std::size_t{(\d+)} \* 1024 \* 1024;"
     file, frame = (re.search(name + size, text)[1] for name in ("kFileMax", "kFrameMax"))
