@@ -91,6 +91,9 @@ TEST_F(StoreRequestsTest, SaysThatAVpnWithoutARowIsNotConfigured)
     EXPECT_EQ(answer.result, -ENOENT);
     EXPECT_EQ(answer.text, "vpn 7 is not configured");
     EXPECT_TRUE(answer.isUnknownVpn);
+    host_.config.persistence = false;
+    EXPECT_TRUE(Show(7).isUnknownVpn);
+    EXPECT_EQ(Show(0).result, -EOPNOTSUPP);
 }
 
 TEST_F(StoreRequestsTest, ShowsNoTextThatDoesNotFitIntoAFrame)

@@ -13,76 +13,11 @@
 
 #include "json_output.h"
 #include "json_reader.h"
+#include "status_samples.h"
 #include "unique_fd.h"
 
 namespace kavel::ctl {
 namespace {
-
-// A status, and the owner of the strings in it.
-struct SampleVpn {
-    explicit SampleVpn(std::uint32_t id, std::string ownNamespace) : name(std::move(ownNamespace))
-    {
-        kavel__vpn_status__init(&status);
-        status.vpn = id;
-        status.namespace_ = name.data();
-    }
-
-    void AddProblem(const std::string &problem)
-    {
-        texts.push_back(std::make_unique<std::string>(problem));
-        Kavel__Finding &finding = *findings.emplace_back(std::make_unique<Kavel__Finding>());
-        kavel__finding__init(&finding);
-        finding.code = code.data();
-        finding.text = texts.back()->data();
-        finding.remedy = remedy.data();
-        pointers.push_back(&finding);
-        status.problems = pointers.data();
-        status.n_problems = pointers.size();
-    }
-
-    Kavel__VpnStatus status{};
-    std::string name;
-    std::vector<std::unique_ptr<std::string>> texts;
-    std::string code = "a-code";
-    std::string remedy = "this";
-    std::vector<std::unique_ptr<Kavel__Finding>> findings;
-    std::vector<Kavel__Finding *> pointers;
-};
-
-void MakeRunning(SampleVpn &vpn, std::int32_t pid)
-{
-    Kavel__VpnStatus &status = vpn.status;
-    status.meant = status.pid_file = status.alive = status.is_dnsmasq = status.in_namespace = status.answers = 1;
-    status.pid = pid;
-    status.uptime_seconds = 192;
-    status.memory_bytes = 1'900'000;
-    status.hosts = 3;
-    status.mx_hosts = 1;
-    status.servers = 2;
-    status.forwards = 1;
-    status.routes = 3;
-    status.has_stored = status.stored = status.has_stored_enable = status.stored_enable = 1;
-    status.has_rule = status.rule = 1;
-}
-
-class StatusTest : public testing::Test {
-  protected:
-    StatusTest()
-    {
-        MakeRunning(running_, 4242);
-        MakeRunning(failed_, 99);
-        failed_.status.answers = 0;
-        failed_.status.stored = failed_.status.has_stored_enable = failed_.status.rule = 0;
-        stopped_.status.has_stopped = stopped_.status.stopped = 1;
-        failed_.AddProblem("does not answer on port 53");
-        failed_.AddProblem("runs in another\nnetwork namespace");
-    }
-
-    SampleVpn stopped_{0, "-"};
-    SampleVpn running_{7, "vpn_7"};
-    SampleVpn failed_{4294967295, "vpn_4294967295"};
-    std::vector<const Kavel__VpnStatus *> all_{&stopped_.status, &running_.status, &failed_.status};
-};
 
 TEST_F(StatusTest, TableHasAlignedColumns)
 {
@@ -152,74 +87,6 @@ TEST_F(StatusTest, OnlyTheStatesAreColoured)
     EXPECT_EQ(coloured, plain);
 }
 
-// The cells of one VPN's row.
-std::string Row(const Kavel__VpnStatus &status, const std::string &columns)
-{
-    const Kavel__VpnStatus *one = &status;
-    const std::string table = StatusTable({&one, 1}, {.fields = FieldsNamed(columns, "")});
-    return table.substr(table.find('\n') + 1);
-}
-
-TEST_F(StatusTest, TheRuleOfAPopNeedsTheDnatRule)
-{
-    running_.status.has_dnat = 1;
-    EXPECT_EQ(Row(running_.status, "rule"), "no\n");
-    running_.status.dnat = 1;
-    EXPECT_EQ(Row(running_.status, "rule"), "yes\n");
-    running_.status.rule = 0;
-    EXPECT_EQ(Row(running_.status, "rule"), "no\n");
-}
-
-TEST_F(StatusTest, ADeadProcessHasAPidAlone)
-{
-    running_.status.alive = 0;
-    EXPECT_EQ(Row(running_.status, "state,pid,uptime,memory,answers"), "stopped  4242       -       -  -\n");
-}
-
-TEST_F(StatusTest, EveryFieldCanBeAColumn)
-{
-    EXPECT_EQ(Row(failed_.status, "vpn,meant,in_namespace,stored_enable,dnat,ends,last_end,last_end_time,problems"),
-              "4294967295  yes    yes           -              -        -  -         -              a-code,a-code\n");
-    EXPECT_EQ(Row(running_.status, "mx,mx_hosts,problems"), " 1   1  -\n");
-}
-
-TEST_F(StatusTest, TimesAreThoseOfTheClock)
-{
-    ::setenv("TZ", "UTC", 1);
-    ::tzset();
-    running_.status.has_last_repair_time = 1;
-    running_.status.last_repair_time = 5'000'000'000;
-    EXPECT_EQ(Row(running_.status, "last_repair_time"), "2128-06-11T08:53:20\n");
-    ::unsetenv("TZ");
-}
-
-// ---- States ----
-
-TEST_F(StatusTest, TheStateIsOneWord)
-{
-    const auto word = [](const SampleVpn &vpn) { return StateWord(StateOf(vpn.status)); };
-    EXPECT_EQ(word(running_), "running");
-    EXPECT_EQ(word(failed_), "failed");
-    EXPECT_EQ(word(stopped_), "stopped");
-    stopped_.status.stopped = 0;
-    EXPECT_EQ(word(stopped_), "off");
-    stopped_.status.has_starting = stopped_.status.starting = 1;
-    EXPECT_EQ(word(stopped_), "starting");
-    stopped_.AddProblem("the steering rule is missing");
-    EXPECT_EQ(word(stopped_), "failed") << "problems come first";
-}
-
-TEST_F(StatusTest, AnInstanceThatServesInSpiteOfProblemsIsDegraded)
-{
-    running_.AddProblem("upstream 10.7.0.53 does not answer");
-    EXPECT_EQ(StateOf(running_.status), VpnState::kDegraded);
-    for (const auto member : {&VpnStatus::meant, &VpnStatus::alive, &VpnStatus::answers}) {
-        running_.status.*member = 0;
-        EXPECT_EQ(StateOf(running_.status), VpnState::kFailed);
-        running_.status.*member = 1;
-    }
-}
-
 TEST_F(StatusTest, TheSummaryCountsTheStates)
 {
     EXPECT_EQ(SummaryLine(all_), "3 VPNs: 1 running, 1 failed, 1 stopped\n");
@@ -236,34 +103,6 @@ TEST_F(StatusTest, TheSummaryCountsTheStates)
     many[1] = &degraded.status;
     many[2] = &starting.status;
     EXPECT_EQ(SummaryLine(many), "300 VPNs: 297 running, 1 degraded, 1 starting, 1 off\n");
-}
-
-// ---- The order ----
-
-std::vector<std::uint32_t> Sorted(std::vector<const Kavel__VpnStatus *> vpns, const std::string &order)
-{
-    SortBy(vpns, OrderNamed(order, "--sort"));
-    std::vector<std::uint32_t> ids;
-    std::ranges::transform(vpns, std::back_inserter(ids), [](const VpnStatus *vpn) { return vpn->vpn; });
-    return ids;
-}
-
-TEST_F(StatusTest, RowsAreSortedByAnyField)
-{
-    using testing::ElementsAre;
-    running_.status.has_repairs = 1;
-    running_.status.repairs = 10;
-    failed_.status.has_repairs = 1;
-    failed_.status.repairs = 9;
-    EXPECT_THAT(Sorted(all_, "-vpn"), ElementsAre(4294967295, 7, 0));
-    EXPECT_THAT(Sorted(all_, "repairs"), ElementsAre(0, 4294967295, 7));
-    EXPECT_THAT(Sorted(all_, "state"), ElementsAre(4294967295, 0, 7)) << "the worst first";
-    EXPECT_THAT(Sorted(all_, "-state"), ElementsAre(7, 0, 4294967295));
-    EXPECT_THAT(Sorted(all_, "namespace"), ElementsAre(0, 4294967295, 7));
-    EXPECT_THAT(Sorted(all_, "-problems"), ElementsAre(4294967295, 0, 7));
-    EXPECT_THAT(Sorted(all_, "answers"), ElementsAre(0, 4294967295, 7));
-    EXPECT_THAT(Sorted(all_, "meant"), ElementsAre(0, 7, 4294967295)) << "equal ones keep their order";
-    EXPECT_THAT(Sorted(all_, "-meant"), ElementsAre(7, 4294967295, 0));
 }
 
 void MakeStarting(SampleVpn &vpn)
@@ -484,30 +323,6 @@ TEST(StartText, SaysHowManyVpnsAreBack)
     start.back = 120;
     start.total = 300;
     EXPECT_EQ(StartText(start), "starting: 120 of 300 VPNs are back\n");
-}
-
-TEST(UptimeText, ShowsTwoUnits)
-{
-    EXPECT_EQ(UptimeText(0), "0s");
-    EXPECT_EQ(UptimeText(59), "59s");
-    EXPECT_EQ(UptimeText(60), "1m00s");
-    EXPECT_EQ(UptimeText(192), "3m12s");
-    EXPECT_EQ(UptimeText(3599), "59m59s");
-    EXPECT_EQ(UptimeText(3600), "1h00m");
-    EXPECT_EQ(UptimeText(86399), "23h59m");
-    EXPECT_EQ(UptimeText(86400), "1d00h");
-    EXPECT_EQ(UptimeText(34'570'800), "400d03h");
-}
-
-TEST(MemoryText, ShowsOneDecimalInTheLargestUnit)
-{
-    EXPECT_EQ(MemoryText(0), "0B");
-    EXPECT_EQ(MemoryText(1023), "1023B");
-    EXPECT_EQ(MemoryText(1024), "1.0K");
-    EXPECT_EQ(MemoryText(1'048'575), "1023.9K");
-    EXPECT_EQ(MemoryText(1'048'576), "1.0M");
-    EXPECT_EQ(MemoryText(1'900'000), "1.8M");
-    EXPECT_EQ(MemoryText(18446744073709551615U), "15.9E");
 }
 
 class ColourTest : public testing::Test {
