@@ -45,8 +45,8 @@ class PackedFindings {
         for (const Finding &finding : findings) {
             Kavel__Finding &message = messages_.emplace_back();
             kavel__finding__init(&message);
-            message.code = const_cast<char *>(
-                CodeOf(finding.fault).data()); // NOLINT(cppcoreguidelines-pro-type-const-cast): as Borrow()
+            // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): as Borrow()
+            message.code = const_cast<char *>(CodeOf(finding.fault).data());
             message.text = Borrow(finding.text);
             message.remedy = Borrow(remedies_.emplace_back(RemedyOf(finding, vpnId, netns)));
             message.has_vpn = 1;
