@@ -227,7 +227,7 @@ void Agent::ReadConfigurationAgain()
             throw ConfigError(*key + ": needs a restart of the agent");
         }
         const Config old = std::exchange(host_.config, std::move(fresh));
-        ConfigureLog(host_.config.log);
+        requests_.ConfigurationRead();
         AdjustLimits(host_.config);
         host_.namespaces.BeginRequest();
         Log(LogLevel::kNotice, "configuration read again: %s", ServingText(host_.config).c_str());

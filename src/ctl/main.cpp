@@ -15,6 +15,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "number.h"
+#include "operator_commands.h"
 #include "printable.h"
 #include "status_output.h"
 
@@ -37,6 +38,8 @@ struct Arguments {
     std::optional<std::string> target;
     std::optional<std::uint32_t> vpn;
     bool all = false; // of the VPNs
+    std::optional<std::string> level;
+    std::optional<std::string> time;
     std::function<int()> command;
 };
 
@@ -152,6 +155,23 @@ void AddStoreCommand(CLI::App &app, Arguments &arguments)
         [&arguments] { arguments.command = [&] { return StoreShow(arguments.session, arguments.vpn.value()); }; });
 }
 
+void AddOperatorCommands(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *flush = app.add_subcommand("flush", "Empty the cache of an instance");
+    AddVpn(*flush, arguments, "--vpn", "The VPN")->required();
+    flush->final_callback(
+        [&arguments] { arguments.command = [&] { return Flush(arguments.session, arguments.vpn.value()); }; });
+
+    CLI::App *log = app.add_subcommand("log", "Change what the agent logs");
+    log->require_subcommand(1);
+    CLI::App *level = log->add_subcommand("level", "Set the level of the log; without LEVEL: show it");
+    level->add_option("LEVEL", arguments.level, "error, warning, notice or debug")->type_name("");
+    level->add_option("--for", arguments.time, "For so long, such as 90s, 10m or 2h; at most 24h")->type_name("TIME");
+    level->final_callback([&arguments] {
+        arguments.command = [&] { return LogLevel(arguments.session, arguments.level, arguments.time); };
+    });
+}
+
 void AddCommands(CLI::App &app, Arguments &arguments)
 {
     app.require_subcommand(1);
@@ -169,6 +189,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     AddStopCommand(app, arguments);
     AddVpnCommand(app, arguments);
     AddStoreCommand(app, arguments);
+    AddOperatorCommands(app, arguments);
 }
 
 // One line. An argument that no command knows is reported first, because CLI11 may report a missing argument instead.

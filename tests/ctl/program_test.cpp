@@ -175,6 +175,8 @@ TEST_F(ProgramTest, EveryCommandReachesTheAgent)
         {{"vpn", "release", "7"}, KAVEL__REQUEST__VERB__VPN_RELEASE},
         {{"store", "list"}, KAVEL__REQUEST__VERB__STORE_LIST},
         {{"store", "show", "0"}, KAVEL__REQUEST__VERB__STORE_SHOW},
+        {{"flush", "--vpn", "7"}, KAVEL__REQUEST__VERB__FLUSH},
+        {{"log", "level", "debug", "--for", "10m"}, KAVEL__REQUEST__VERB__LOG_LEVEL},
     };
     for (auto [arguments, verb] : cases) {
         FakeAgent agent({PackReply(-22)});

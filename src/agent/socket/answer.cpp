@@ -129,6 +129,20 @@ Kavel__Start PackStart(const StartProgress &progress)
     return message;
 }
 
+struct PackedLog {
+    explicit PackedLog(const LogState &state) : level(NameOf(state.level)), configured(NameOf(state.configured))
+    {
+        message.level = level.data();
+        message.configured = configured.data();
+        message.has_until = state.until ? 1 : 0;
+        message.until = static_cast<std::uint64_t>(state.until.value_or(0));
+    }
+
+    std::string level;
+    std::string configured;
+    Kavel__LogState message = KAVEL__LOG_STATE__INIT;
+};
+
 void SetKnown(protobuf_c_boolean &has, protobuf_c_boolean &field, std::optional<bool> value)
 {
     has = value ? 1 : 0;
@@ -179,6 +193,8 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
     reply.n_notes = notes.size();
     Kavel__Start start = PackStart(answer.start.value_or(StartProgress()));
     reply.start = answer.start ? &start : nullptr;
+    PackedLog log(answer.log.value_or(LogState()));
+    reply.log = answer.log ? &log.message : nullptr;
     return PackReply(reply);
 }
 

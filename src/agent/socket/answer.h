@@ -8,12 +8,20 @@
 #include <string>
 #include <vector>
 
+#include "base/log.h"
 #include "control.pb-c.h"
 #include "instances/status.h"
 #include "services/store.h"
 #include "supervision/supervisor.h"
 
 namespace kavel::agent {
+
+// The level of the log.
+struct LogState {
+    LogLevel level = LogLevel::kNotice;
+    LogLevel configured = LogLevel::kNotice;
+    std::optional<std::int64_t> until; // Unix time in seconds
+};
 
 struct Answer {
     std::int32_t result = 0;           // 0 or more: carried out; a negated errno: refused
@@ -28,6 +36,7 @@ struct Answer {
     std::optional<bool> running; // and one runs
     std::vector<std::string> notes;
     std::optional<StartProgress> start; // while the agent is starting
+    std::optional<LogState> log;
 };
 
 // Sends the answer to its client. Called exactly once per request.

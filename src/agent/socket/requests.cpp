@@ -47,7 +47,7 @@ void WithAnswer(const Respond &respond, Work work)
 Requests::Requests(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
                    PendingLaunches &launches, Supervisor &supervisor)
     : loop_(loop), host_(host), instances_(instances), module_(module), launches_(launches), supervisor_(supervisor),
-      drain_(loop.AddDeferred([this] { DrainQueues(); }))
+      drain_(loop.AddDeferred([this] { DrainQueues(); })), logOverride_(loop, host.config.log)
 {
     supervisor.OnFree([this](std::uint32_t vpnId) { BeginDraining(vpnId); });
 }
@@ -91,6 +91,12 @@ void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest recei
         return;
     case KAVEL__REQUEST__VERB__STOP:
         HandleStop(request, std::move(received), wasQueued);
+        return;
+    case KAVEL__REQUEST__VERB__FLUSH:
+        HandleFlush(request, std::move(received), wasQueued);
+        return;
+    case KAVEL__REQUEST__VERB__LOG_LEVEL:
+        received.respond(HandleLogLevel(request, received.frame.sender));
         return;
     case KAVEL__REQUEST__VERB__CHECK:
         received.respond(Check(MessageOf(request)));

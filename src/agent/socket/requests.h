@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/event_loop.h"
+#include "base/log_override.h"
 #include "instances/controller_message.h"
 #include "instances/instances.h"
 #include "instances/module.h"
@@ -36,6 +37,9 @@ class Requests {
     // Handles a frame that holds one packed Request. `respond` is called once, before this returns or by the loop.
     void Handle(ReceivedFrame frame, const Respond &respond);
 
+    // The configuration was read again: its log level holds, unless another one was chosen for a time that is not over.
+    void ConfigurationRead() { logOverride_.ConfigurationRead(host_.config.log); }
+
     // Answers everything that is not answered yet: refuses what waits in a queue and status requests, and cancels the
     // launches. No request may follow.
     void Stop();
@@ -56,6 +60,8 @@ class Requests {
                                    const Respond &respond);
     void BeginRepair(const Kavel__Request &request, const Respond &respond);
     void HandleStop(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
+    void HandleFlush(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
+    [[nodiscard]] Answer HandleLogLevel(const Kavel__Request &request, const std::string &sender);
     [[nodiscard]] std::vector<std::uint32_t> ServedVpns() const;
     [[nodiscard]] std::string LaunchFailure(const ControllerMessage &message) const;
     [[nodiscard]] OptionalAnswer ApplyObjection(const ControllerMessage &message) const;
@@ -83,6 +89,7 @@ class Requests {
     std::set<std::uint32_t> drainable_; // VPNs that are not busy any more and have requests in their queues
     EventSource drain_;
     std::list<PendingStatus> statuses_;
+    LogOverride logOverride_;
 };
 
 } // namespace kavel::agent

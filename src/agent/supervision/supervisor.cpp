@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <ctime>
 #include <iterator>
 #include <system_error>
@@ -243,6 +244,24 @@ std::optional<std::string> Supervisor::TakeDown(std::uint32_t vpnId)
     Log(LogLevel::kNotice, "vpn %u: stopped by request%s%s", vpnId, outcome.problem ? "; " : "",
         outcome.problem.value_or("").c_str());
     return std::move(outcome.problem);
+}
+
+// The signal goes to the process that is watched, whatever the pid file says.
+bool Supervisor::FlushCache(std::uint32_t vpnId)
+{
+    const auto found = vpns_.find(vpnId);
+    if (found == vpns_.end()) {
+        return false;
+    }
+    std::optional<WatchedVpn::Instance> &instance = found->second.instance;
+    if (!instance) {
+        WatchInstance(vpnId);
+    }
+    if (!instance || instance->process.EndsWithin(std::chrono::milliseconds(0))) {
+        return false;
+    }
+    instance->process.Signal(SIGHUP);
+    return true;
 }
 
 bool Supervisor::IsLaunchMarked(std::uint32_t vpnId) const

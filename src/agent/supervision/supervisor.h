@@ -74,6 +74,10 @@ class Supervisor {
     // row stays: the next start of the agent brings it back. Returns what is left of it; nothing if all is gone.
     [[nodiscard]] std::optional<std::string> TakeDown(std::uint32_t vpnId);
 
+    // Has the instance of a VPN that is not busy empty its cache and read its hosts again. False when none runs. Throws
+    // std::system_error.
+    [[nodiscard]] bool FlushCache(std::uint32_t vpnId);
+
     // Adds what is known about the VPN to its status.
     void Describe(VpnStatus &status) const;
 
