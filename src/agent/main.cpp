@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -32,6 +33,7 @@
 #include "services/host.h"
 #include "services/memory_malloc.h"
 #include "socket/control_socket.h"
+#include "socket/peer.h"
 #include "socket/requests.h"
 #include "supervision/repair.h"
 #include "supervision/supervisor.h"
@@ -156,10 +158,12 @@ class Agent {
     PendingLaunches launches_{loop_, instances_, host_.launchOutputs};
     Supervisor supervisor_{loop_, host_, instances_, module_.Functions(), launches_, reaper_};
     Requests requests_{loop_, host_, instances_, module_.Functions(), launches_, supervisor_};
-    ControlSocket socket_{loop_, host_.config.socket, [this](ReceivedFrame frame, const Respond &respond) {
+    ControlSocket socket_{loop_, host_.config.socket,
+                          [this](ReceivedFrame frame, const Respond &respond) {
                               requests_.Handle(std::move(frame), respond);
                               CheckMemory();
-                          }};
+                          },
+                          host_.config.readers ? GroupNamed(*host_.config.readers) : std::nullopt};
     EventSource memoryTimer_ = loop_.AddTimer([this] { CheckMemory(); });
     EventSource startTimer_ = loop_.AddTimer([this] { ReportStart(); });
     bool isStopping_ = false;

@@ -125,5 +125,49 @@ TEST_F(LogLevelTest, AnUnknownLevelAndABadTimeAreRefused)
     EXPECT_EQ(SendLevel(std::nullopt).log->level, LogLevel::kNotice);
 }
 
+// ---- Clients that may only read ----
+
+class ReaderRequestsTest : public RequestsTest {
+  protected:
+    const std::vector<Answer> &SendAsReader(std::int32_t verb)
+    {
+        std::vector<Answer> &answers = answers_.emplace_back();
+        requests_.Handle({FrameOf(PackRequest(verb, vpnId_, launch_)), kSender, true},
+                         [&answers](const Answer &answer) { answers.push_back(answer); });
+        return answers;
+    }
+};
+
+TEST_F(ReaderRequestsTest, WhatChangesNothingIsAnswered)
+{
+    const auto &status = SendAsReader(KAVEL__REQUEST__VERB__STATUS);
+    EXPECT_TRUE(RunUntilAnswered(status));
+    EXPECT_EQ(AnswerIn(status).result, 0);
+    for (const std::int32_t verb : {KAVEL__REQUEST__VERB__WHY, KAVEL__REQUEST__VERB__METRICS}) {
+        const auto &answers = SendAsReader(verb);
+        EXPECT_TRUE(RunUntilAnswered(answers));
+        EXPECT_NE(AnswerIn(answers).result, -EACCES) << verb;
+    }
+}
+
+TEST_F(ReaderRequestsTest, EveryOtherRequestIsRefused)
+{
+    const ProtobufCEnumDescriptor &verbs = kavel__request__verb__descriptor;
+    std::size_t refused = 0;
+    for (const ProtobufCEnumValue &verb : std::span(verbs.values, verbs.n_values)) {
+        if (verb.value == KAVEL__REQUEST__VERB__STATUS || verb.value == KAVEL__REQUEST__VERB__WHY ||
+            verb.value == KAVEL__REQUEST__VERB__METRICS) {
+            continue;
+        }
+        const Answer answer = AnswerIn(SendAsReader(verb.value));
+        EXPECT_EQ(answer.result, -EACCES) << verb.name;
+        EXPECT_EQ(answer.text, "only root may do this; this user may ask for status, why and metrics");
+        ++refused;
+    }
+    EXPECT_EQ(refused, verbs.n_values - 3);
+    EXPECT_EQ(AnswerIn(SendAsReader(99)).result, -EACCES);
+    EXPECT_TRUE(module_.calls.empty());
+}
+
 } // namespace
 } // namespace kavel::agent

@@ -18,7 +18,7 @@ namespace kavel::agent {
 namespace {
 
 constexpr std::uint32_t kVpn = 7;
-constexpr std::uint32_t kAddress = 0x0A'01'02'FFU; // 10.1.2.255
+constexpr std::uint32_t kRuleAddress = 0x0A'01'02'FFU; // 10.1.2.255
 
 const ThrownError kNone{};
 const ThrownError kMatchesMore{EOPNOTSUPP, "it matches by more than protocol, destination port and interface type"};
@@ -61,7 +61,7 @@ VQ_CONF_RULE DnatRule()
     rule.Actions.DnatFlag = 1;
     rule.Actions.NatInfo.IpNum = 1;
     rule.Actions.NatInfo.IpType = VQ_IN_ADDR_TYPE_IPV4;
-    rule.Actions.NatInfo.Ip[0] = kAddress;
+    rule.Actions.NatInfo.Ip[0] = kRuleAddress;
     return rule;
 }
 
