@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "bundle.h"
 #include "commands.h"
 #include "errors.h"
 #include "number.h"
@@ -40,6 +41,7 @@ struct Arguments {
     bool all = false; // of the VPNs
     std::optional<std::string> level;
     std::optional<std::string> time;
+    BundleOptions bundle{.version = KAVEL_VERSION};
     std::function<int()> command;
 };
 
@@ -172,6 +174,15 @@ void AddOperatorCommands(CLI::App &app, Arguments &arguments)
     });
 }
 
+void AddBundleCommand(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *bundle = app.add_subcommand("bundle", "Write an archive for a ticket, also without an agent");
+    bundle->add_option("-o,--output", arguments.bundle.output, "Write to this new file")->type_name("FILE");
+    bundle->add_flag("--redact", arguments.bundle.redact, "Replace names and addresses by tokens");
+    bundle->final_callback(
+        [&arguments] { arguments.command = [&] { return Bundle(arguments.session, arguments.bundle); }; });
+}
+
 void AddCommands(CLI::App &app, Arguments &arguments)
 {
     app.require_subcommand(1);
@@ -190,6 +201,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     AddVpnCommand(app, arguments);
     AddStoreCommand(app, arguments);
     AddOperatorCommands(app, arguments);
+    AddBundleCommand(app, arguments);
 }
 
 // One line. An argument that no command knows is reported first, because CLI11 may report a missing argument instead.

@@ -28,7 +28,7 @@ std::optional<std::uint32_t> SecondsOf(std::string_view text)
     };
     constexpr std::array<Unit, 3> kUnits = {{{'s', 1}, {'m', 60}, {'h', 3600}}};
     std::uint32_t unit = 1;
-    if (const auto found = std::ranges::find(kUnits, text.empty() ? '\0' : text.back(), &Unit::letter);
+    if (const auto *const found = std::ranges::find(kUnits, text.empty() ? '\0' : text.back(), &Unit::letter);
         found != kUnits.end()) {
         unit = found->seconds;
         text.remove_suffix(1);
