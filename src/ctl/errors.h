@@ -23,6 +23,12 @@ class AgentError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The user ended the command by a signal while it waited for the agent.
+class Interrupted : public std::runtime_error {
+  public:
+    Interrupted() : std::runtime_error("interrupted") {}
+};
+
 } // namespace kavel::ctl
 
 #endif

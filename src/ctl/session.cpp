@@ -17,6 +17,21 @@ int ReportError(const Session &session, const std::exception &error, ExitCode co
     return code;
 }
 
+// The words are longer than a Progress, which stands in the line of a terminal.
+void ReportSilence(const Session &session)
+{
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(session.timeout).count();
+    session.err << (session.errIsTerminal ? "\r" : "") << "vqctl: the agent has not replied yet; waiting up to "
+                << seconds << " s" << std::endl;
+}
+
+Waiting WaitingOf(const Session &session)
+{
+    return {.noticeAfter = session.silence,
+            .notice = [&session] { ReportSilence(session); },
+            .interrupt = session.signals != nullptr ? session.signals->Fd() : -1};
+}
+
 } // namespace
 
 Kavel__Request NewRequest(Kavel__Request__Verb verb, std::optional<std::uint32_t> vpn)
@@ -36,7 +51,7 @@ ReplyPtr Exchange(const Session &session, Client &client, std::span<const std::u
         session.err << "vqctl: sending " << Printable(what) << ", request of " << Counted(request.size(), "byte")
                     << '\n';
     }
-    ReplyPtr reply = client.Exchange(request);
+    ReplyPtr reply = client.Exchange(request, WaitingOf(session));
     if (session.verbose) {
         session.err << "vqctl: received result " << reply->result << '\n';
     }

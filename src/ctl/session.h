@@ -14,11 +14,13 @@
 #include "control.pb-c.h"
 #include "errors.h"
 #include "frame.h"
+#include "signals.h"
 
 namespace kavel::ctl {
 
 // For one request. It is long because a large message restarts an instance and installs many routes.
 inline constexpr std::chrono::seconds kTimeout{60};
+inline constexpr std::chrono::seconds kSilence{3};
 
 struct Session {
     std::ostream &out;
@@ -28,12 +30,16 @@ struct Session {
     bool colour = false;
     bool json = false; // print a JSON document instead of text
     std::chrono::milliseconds timeout = kTimeout;
+    std::chrono::milliseconds silence = kSilence; // after that a line says that the agent has not replied
+    bool errIsTerminal = false;                   // progress may be shown on `err`
+    const SignalWatch *signals = nullptr;         // if set, these signals end an exchange: Interrupted is thrown
 };
 
 // A request of this verb. Without `vpn` it names none.
 [[nodiscard]] Kavel__Request NewRequest(Kavel__Request__Verb verb, std::optional<std::uint32_t> vpn = std::nullopt);
 
-// Sends a packed request and waits for the reply. `what` names it in the lines of --verbose. Throws AgentError.
+// Sends a packed request and waits for the reply. `what` names it in the lines of --verbose. A line on `err` says that
+// the agent has not replied for `session.silence`, once for each request. Throws AgentError.
 [[nodiscard]] ReplyPtr Exchange(const Session &session, Client &client, std::span<const std::uint8_t> request,
                                 const std::string &what);
 // The same over a connection of its own. Throws InputError for a request that is too long, too.

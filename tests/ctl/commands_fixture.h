@@ -29,9 +29,9 @@ inline Bytes ReplyFor(std::uint32_t vpn, std::int32_t result, std::string reason
 
 class CommandsTest : public testing::Test {
   protected:
-    void Answer(std::vector<Bytes> replies)
+    void Answer(std::vector<Bytes> replies, std::function<void(std::size_t)> onRequest = {})
     {
-        agent_ = std::make_unique<FakeAgent>(std::move(replies));
+        agent_ = std::make_unique<FakeAgent>(std::move(replies), std::move(onRequest));
         session_.socket = agent_->Socket();
     }
 
