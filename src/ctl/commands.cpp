@@ -1,5 +1,6 @@
 #include "commands.h"
 
+#include <csignal>
 #include <ostream>
 #include <span>
 
@@ -8,7 +9,9 @@
 #include "files.h"
 #include "json_message.h"
 #include "output.h"
+#include "progress.h"
 #include "session.h"
+#include "signals.h"
 #include "status_output.h"
 #include "store_output.h"
 
@@ -22,11 +25,6 @@ struct Outgoing {
     std::vector<std::uint8_t> request;
 };
 
-std::string DisplayName(const std::string &file)
-{
-    return file == "-" ? "standard input" : file;
-}
-
 // Calls `work` and puts the file's name before the text of an InputError.
 template <typename Work>
 auto WithFileName(const std::string &name, Work work)
@@ -38,10 +36,10 @@ auto WithFileName(const std::string &name, Work work)
     }
 }
 
-EncodedMessage LoadMessage(const std::string &file, bool binary)
+EncodedMessage LoadMessage(const std::string &file, bool binary, MessageFor target)
 {
     const std::string content = ReadInput(file);
-    return binary ? EncodedMessage{{content.begin(), content.end()}, "raw message"} : EncodeJson(content);
+    return binary ? EncodedMessage{{content.begin(), content.end()}, "raw message"} : EncodeJson(content, target);
 }
 
 void CheckRevision(const std::string &revision)
@@ -62,7 +60,7 @@ std::vector<Outgoing> LoadAll(Kavel__Request__Verb verb, const Messages &message
     std::vector<Outgoing> all;
     for (const std::string &file : messages.files) {
         all.push_back(WithFileName(DisplayName(file), [&] {
-            EncodedMessage message = LoadMessage(file, messages.binary);
+            EncodedMessage message = LoadMessage(file, messages.binary, messages.target);
             Kavel__Request request = NewRequest(verb);
             request.has_message = 1;
             request.message = {message.bytes.size(), message.bytes.data()};
@@ -107,13 +105,13 @@ ReplyPtr ExchangeFirst(const Session &session, Client &client, std::span<const O
     }
 }
 
-std::string CheckText(const Kavel__Reply &reply)
+std::string CheckText(const std::string &file, const Kavel__Reply &reply)
 {
     if (reply.result < 0) {
         return "would be refused " + RefusalText(reply);
     }
     if (reply.summary == nullptr) {
-        throw AgentError("the agent's reply says nothing about the message");
+        throw AgentError(file + ": the agent's reply says nothing about the message");
     }
     return "would apply: " + SummaryText(*reply.summary);
 }
@@ -145,6 +143,70 @@ std::string AppliedText(const Kavel__Reply &reply)
     }
     const std::string state = reply.enabled != 0 ? "applied, NOT RUNNING" : "applied, STILL RUNNING";
     return reply.text != nullptr ? state + ": " + Printable(reply.text) : state;
+}
+
+// Prints the outcome of an applied message. Returns its exit code.
+int ReportApplied(const Session &session, const Outgoing &message, const Kavel__Reply &reply)
+{
+    const std::string subject = MessageSubject(message, reply);
+    const bool isRefused = reply.result < 0;
+    const bool isAsAsked = isRefused || IsAsAsked(reply);
+    session.out << subject << ": " << (isRefused ? "refused " + RefusalText(reply) : AppliedText(reply)) << std::endl;
+    if (!isRefused && isAsAsked && reply.text != nullptr) {
+        session.err << "vqctl: " << subject << ": " << Printable(reply.text) << std::endl;
+    }
+    PrintNotes(session, subject, reply);
+    if (isRefused) {
+        return kRefused;
+    }
+    return isAsAsked ? kDone : kNotAsAsked;
+}
+
+void ReportFiles(const Session &session, const std::string &what, std::span<const Outgoing> files)
+{
+    if (!files.empty()) {
+        session.err << "vqctl: " << what << ": " << Printable(FileNames(files)) << std::endl;
+    }
+}
+
+// Of `all`, the first `applied` are applied. Returns the exit code.
+int ReportInterruption(const Session &session, std::span<const Outgoing> all, std::size_t applied, bool isInFlight)
+{
+    constexpr int kEndedBySignal = 128; // as a shell reports it
+    const std::span<const Outgoing> left = all.subspan(applied);
+    session.err << "vqctl: interrupted" << std::endl;
+    ReportFiles(session, "applied", all.first(applied));
+    ReportFiles(session, "in flight, may still be applied", left.first(isInFlight ? 1 : 0));
+    ReportFiles(session, "not sent", left.subspan(isInFlight ? 1 : 0));
+    return kEndedBySignal + session.signals->Take().value_or(SIGINT);
+}
+
+int ApplyAll(const Session &session, std::span<const Outgoing> all)
+{
+    Client client = Client::Connect(session.socket, session.timeout);
+    Progress progress(session.err, session.errIsTerminal && !session.verbose, all.size());
+    int code = kDone;
+    for (std::size_t applied = 0; applied < all.size(); ++applied) {
+        const std::span<const Outgoing> left = all.subspan(applied);
+        if (session.signals->IsPending()) {
+            return ReportInterruption(session, all, applied, false);
+        }
+        progress.Show(applied + 1);
+        try {
+            const ReplyPtr reply = ExchangeFirst(session, client, left);
+            progress.Clear();
+            const int one = ReportApplied(session, left.front(), *reply);
+            code = one == kDone ? code : one;
+        } catch (const Interrupted &) {
+            progress.Clear();
+            return ReportInterruption(session, all, applied, true);
+        }
+        if (code == kRefused) {
+            ReportFiles(session, "not sent", left.subspan(1));
+            return code;
+        }
+    }
+    return code;
 }
 
 int RunVpnCommand(const Session &session, Kavel__Request__Verb verb, std::uint32_t vpn, const std::string &done)
@@ -187,49 +249,35 @@ int Apply(const Session &session, const Messages &messages)
         CheckRevision(*messages.revision);
     }
     const std::vector<Outgoing> all = LoadAll(KAVEL__REQUEST__VERB__APPLY, messages, messages.revision);
-    Client client = Client::Connect(session.socket, session.timeout);
-    int code = kDone;
-    for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
-        const ReplyPtr reply = ExchangeFirst(session, client, left);
-        const std::string subject = MessageSubject(left.front(), *reply);
-        if (reply->result < 0) {
-            session.out << subject << ": refused " << RefusalText(*reply) << std::endl;
-            PrintNotes(session, subject, *reply);
-            const std::string rest = NotSentText(left.subspan(1));
-            session.err << (rest.empty() ? "" : "vqctl: " + Printable(rest) + "\n");
-            return kRefused;
-        }
-        session.out << subject << ": " << AppliedText(*reply) << std::endl;
-        if (!IsAsAsked(*reply)) {
-            code = kNotAsAsked;
-        } else if (reply->text != nullptr) {
-            session.err << "vqctl: " << subject << ": " << Printable(reply->text) << std::endl;
-        }
-        PrintNotes(session, subject, *reply);
-    }
-    return code;
+    const SignalWatch signals;
+    Session interruptible = session;
+    interruptible.signals = &signals;
+    return ApplyAll(interruptible, all);
 }
 
 int Check(const Session &session, const Messages &messages)
 {
     const std::vector<Outgoing> all = LoadAll(KAVEL__REQUEST__VERB__CHECK, messages);
     Client client = Client::Connect(session.socket, session.timeout);
+    Progress progress(session.err, session.errIsTerminal && !session.verbose, all.size());
     int code = kDone;
     for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
+        progress.Show(all.size() - left.size() + 1);
         const ReplyPtr reply = ExchangeFirst(session, client, left);
+        progress.Clear();
         const std::string subject = MessageSubject(left.front(), *reply);
-        session.out << subject << ": " << CheckText(*reply) << std::endl;
+        session.out << subject << ": " << CheckText(left.front().file, *reply) << std::endl;
         PrintNotes(session, subject, *reply);
         code = reply->result < 0 ? kRefused : code;
     }
     return code;
 }
 
-int Encode(const std::string &file, const std::optional<std::string> &target)
+int Encode(const std::string &file, const std::optional<std::string> &output, MessageFor target)
 {
-    const EncodedMessage message = WithFileName(DisplayName(file), [&] { return LoadMessage(file, false); });
-    WithFileName(target.value_or("standard output"),
-                 [&] { target ? WriteOutput(*target, message.bytes) : WriteStandardOutput(message.bytes); });
+    const EncodedMessage message = WithFileName(DisplayName(file), [&] { return LoadMessage(file, false, target); });
+    WithFileName(output.value_or("standard output"),
+                 [&] { output ? WriteOutput(*output, message.bytes) : WriteStandardOutput(message.bytes); });
     return kDone;
 }
 

@@ -58,6 +58,11 @@ void WriteAll(int fd, std::span<const std::uint8_t> bytes)
 
 } // namespace
 
+std::string DisplayName(const std::string &name)
+{
+    return name == "-" ? "standard input" : name;
+}
+
 std::string ReadInput(const std::string &name)
 {
     if (name == "-") {

@@ -13,6 +13,9 @@ namespace kavel::ctl {
 // fill the memory.
 inline constexpr std::size_t kFileMax = std::size_t{64} * 1024 * 1024;
 
+// What the output of vqctl calls the file: `-` is "standard input".
+std::string DisplayName(const std::string &name);
+
 // The content of the file `name`; `-` is standard input.
 std::string ReadInput(const std::string &name);
 

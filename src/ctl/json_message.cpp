@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "advanced_dns.pb-c.h"
+#include "errors.h"
 #include "message_fields.h"
 #include "output.h"
 
@@ -103,29 +105,71 @@ std::string SummaryOf(const PopDnsmasqConf &conf)
     return "POP message: " + EnabledText(conf.enable != 0) + ", " + Counted(conf.n_dns, "server");
 }
 
+// A message that names no VPN would change the box's own service: an easy slip, so it has to be asked for.
+void CheckTarget(const JsonValue & /*json*/, const PopDnsmasqConf & /*conf*/, MessageFor /*target*/) {}
+
+void CheckTarget(const JsonValue &json, const DnsmasqConf &conf, MessageFor target)
+{
+    const JsonPath path = json.path.Key("vpnid");
+    if (target == MessageFor::kVpn && !HasKey(json.json, "vpnid")) {
+        Refuse(path, "is missing; give --box if the message is for the box itself");
+    }
+    if (target == MessageFor::kBox && conf.vpnid != 0) {
+        Refuse(path, "is " + std::to_string(conf.vpnid) + ", but --box is given: the box itself is 0");
+    }
+}
+
+// Empty if there were errors: the message is not complete then.
 template <typename Message, auto Init, auto PackedSize, auto Pack, typename Fields>
-EncodedMessage Encode(json_object *json, const Fields &fields)
+EncodedMessage Encode(const JsonValue &json, const Fields &fields, MessageFor target, const bool &hasErrors)
 {
     Arena arena;
     Message message{};
     Init(&message);
-    ReadMembers(JsonValue{json, {}}, fields, message, arena);
+    ReadMembers(json, fields, message, arena);
+    CheckTarget(json, message, target);
+    if (hasErrors) {
+        return {};
+    }
     EncodedMessage encoded{std::vector<std::uint8_t>(PackedSize(&message)), SummaryOf(message)};
     Pack(&message, encoded.bytes.data());
     return encoded;
 }
 
-} // namespace
-
-EncodedMessage EncodeJson(const std::string &text)
+// `hasErrors` becomes true with the first text that `errors` is given.
+EncodedMessage EncodeText(const std::string &text, MessageFor target, const ErrorSink *errors, const bool &hasErrors)
 {
-    const JsonPtr json = ParseJson(text);
+    const JsonPtr json = ParseJson(text, {"message", errors});
+    const JsonValue value{json.get(), {}, errors};
     if (IsForPop(json.get())) {
         return Encode<PopDnsmasqConf, pop_dnsmasq_conf__init, pop_dnsmasq_conf__get_packed_size,
-                      pop_dnsmasq_conf__pack>(json.get(), kPopFields);
+                      pop_dnsmasq_conf__pack>(value, kPopFields, target, hasErrors);
     }
-    return Encode<DnsmasqConf, dnsmasq_conf__init, dnsmasq_conf__get_packed_size, dnsmasq_conf__pack>(json.get(),
-                                                                                                      kCpeFields);
+    return Encode<DnsmasqConf, dnsmasq_conf__init, dnsmasq_conf__get_packed_size, dnsmasq_conf__pack>(
+        value, kCpeFields, target, hasErrors);
+}
+
+} // namespace
+
+EncodedMessage EncodeJson(const std::string &text, MessageFor target)
+{
+    return EncodeText(text, target, nullptr, false);
+}
+
+std::optional<EncodedMessage> EncodeJson(const std::string &text, MessageFor target, const ErrorSink &errors)
+{
+    bool hasErrors = false;
+    const ErrorSink note = [&](const std::string &error) {
+        hasErrors = true;
+        errors(error);
+    };
+    try {
+        EncodedMessage encoded = EncodeText(text, target, &note, hasErrors);
+        return hasErrors ? std::nullopt : std::optional(std::move(encoded));
+    } catch (const InputError &error) {
+        errors(error.what());
+        return std::nullopt;
+    }
 }
 
 } // namespace kavel::ctl

@@ -3,8 +3,11 @@
 #define KAVEL_CTL_JSON_MESSAGE_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "json_reader.h"
 
 namespace kavel::ctl {
 
@@ -13,11 +16,20 @@ struct EncodedMessage {
     std::string summary;             // of its content, for people
 };
 
+// Whom a CPE message is meant for. A POP message is always for the box itself.
+enum class MessageFor {
+    kVpn, // the message must have the key `vpnid`; its 0 is the box itself
+    kBox, // the key is absent, or 0
+};
+
 // Encodes a message. The keys are the field names of the message; addresses are strings; `operation` may be a name. The
 // message is one for a POP if it has a key that only a POP's message has, and no key that only a CPE's message has;
 // otherwise it is one for a CPE. Throws InputError with the path of the first bad field. Names, lengths and counts are
 // not checked here: the module checks them against its limits.
-EncodedMessage EncodeJson(const std::string &text);
+EncodedMessage EncodeJson(const std::string &text, MessageFor target);
+
+// The same. All errors, not only the first, are given to `errors`; if there are any, the result is nothing.
+std::optional<EncodedMessage> EncodeJson(const std::string &text, MessageFor target, const ErrorSink &errors);
 
 } // namespace kavel::ctl
 

@@ -1,6 +1,7 @@
 // The command line of vqctl.
 #include <CLI/CLI.hpp>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -15,6 +16,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "number.h"
+#include "offline_check.h"
 #include "printable.h"
 #include "status_output.h"
 
@@ -37,6 +39,7 @@ struct Arguments {
     std::optional<std::string> target;
     std::optional<std::uint32_t> vpn;
     bool all = false; // of the VPNs
+    bool offline = false;
     std::function<int()> command;
 };
 
@@ -58,12 +61,31 @@ CLI::Option *AddVpn(CLI::App &app, Arguments &arguments, const std::string &name
         ->type_name("NUMBER");
 }
 
+constexpr int kTimeoutMax = 3600; // seconds
+
+std::chrono::seconds TimeoutOf(const std::string &text)
+{
+    const auto seconds = kavel::WholeNumber<std::uint32_t>(text);
+    if (!seconds || *seconds == 0 || *seconds > kTimeoutMax) {
+        throw CLI::ValidationError("\"" + text + "\" is not a number of seconds from 1 to " +
+                                   std::to_string(kTimeoutMax));
+    }
+    return std::chrono::seconds(*seconds);
+}
+
+CLI::Option *AddBox(CLI::App &app, Arguments &arguments)
+{
+    const auto setBox = [&arguments](std::int64_t /*count*/) { arguments.messages.target = MessageFor::kBox; };
+    return app.add_flag_function("--box", setBox, "The message is for the box itself and has no vpnid");
+}
+
 void AddMessages(CLI::App &app, Arguments &arguments)
 {
     app.add_option("FILE", arguments.messages.files, "JSON files with one message each; - is standard input")
         ->required()
         ->type_name("");
-    app.add_flag("--binary", arguments.messages.binary, "The files hold message bytes, which are sent unchecked");
+    app.add_flag("--binary", arguments.messages.binary, "The files hold message bytes, which are sent unchecked")
+        ->excludes(AddBox(app, arguments));
 }
 
 void AddMessageCommands(CLI::App &app, Arguments &arguments)
@@ -82,8 +104,15 @@ void AddMessageCommands(CLI::App &app, Arguments &arguments)
 
     CLI::App *check = app.add_subcommand("check", "Show what controller messages would set, without applying them");
     AddMessages(*check, arguments);
-    check->final_callback(
-        [&arguments] { arguments.command = [&] { return Check(arguments.session, arguments.messages); }; });
+    check->add_flag("--offline", arguments.offline, "Only read the files, without an agent; list all errors of each")
+        ->excludes("--binary");
+    check->final_callback([&arguments] {
+        arguments.command = [&] {
+            return arguments.offline
+                       ? CheckOffline(arguments.session, arguments.messages.files, arguments.messages.target)
+                       : Check(arguments.session, arguments.messages);
+        };
+    });
 
     CLI::App *encode = app.add_subcommand("encode", "Convert a JSON message to message bytes; needs no agent");
     encode->add_option("FILE", arguments.file, "JSON file with the message; - is standard input")
@@ -91,8 +120,10 @@ void AddMessageCommands(CLI::App &app, Arguments &arguments)
         ->type_name("");
     encode->add_option("-o,--output", arguments.target, "Write to this file instead of standard output")
         ->type_name("FILE");
-    encode->final_callback(
-        [&arguments] { arguments.command = [&] { return Encode(arguments.file, arguments.target); }; });
+    AddBox(*encode, arguments);
+    encode->final_callback([&arguments] {
+        arguments.command = [&] { return Encode(arguments.file, arguments.target, arguments.messages.target); };
+    });
 }
 
 void AddStatusCommand(CLI::App &app, Arguments &arguments)
@@ -161,6 +192,10 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     app.add_option("-s,--socket", arguments.session.socket, "The agent's control socket")
         ->type_name("PATH")
         ->capture_default_str();
+    app.add_option_function<std::string>(
+           "--timeout", [&arguments](const std::string &text) { arguments.session.timeout = TimeoutOf(text); },
+           "How long to wait for each reply of the agent, 1 to 3600; default 60")
+        ->type_name("SECONDS");
     app.add_flag("-v,--verbose", arguments.session.verbose, "Report requests and results on standard error");
     app.add_flag("--json", arguments.session.json, "Print JSON, for programs");
     AddMessageCommands(app, arguments);
@@ -196,6 +231,7 @@ int Main(int argc, char **argv)
 {
     Arguments arguments;
     arguments.session.colour = WantsColour(STDOUT_FILENO);
+    arguments.session.errIsTerminal = ::isatty(STDERR_FILENO) == 1;
     CLI::App app("Controls the DNS agent of this box.", "vqctl");
     AddCommands(app, arguments);
     app.failure_message(UsageText);

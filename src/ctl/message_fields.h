@@ -47,7 +47,7 @@ void SetList(const JsonValue &value, Message &message, Arena &arena)
     const std::size_t count = value.Length();
     auto *const elements = std::pmr::polymorphic_allocator<>(&arena).allocate_object<Element>(count);
     for (std::size_t i = 0; i < count; ++i) {
-        elements[i] = Read(value.Element(i), arena);
+        value.Attempt([&] { elements[i] = Read(value.Element(i), arena); });
     }
     message.*Count = count;
     message.*Array = elements;

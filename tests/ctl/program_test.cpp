@@ -2,6 +2,7 @@
 #include <array>
 #include <cstdlib>
 #include <fcntl.h>
+#include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
@@ -116,6 +117,11 @@ TEST_F(ProgramTest, WrongUsageIsReportedInOneLine)
         {{"store"}, "A subcommand is required"},
         {{"store", "list", "7"}, "\"7\" is not a known argument"},
         {{"store", "show"}, "ID is required"},
+        {{"status", "--timeout", "0"}, "\"0\" is not a number of seconds from 1 to 3600"},
+        {{"status", "--timeout", "3601"}, "\"3601\" is not a number of seconds from 1 to 3600"},
+        {{"status", "--timeout", "1.5"}, "\"1.5\" is not a number of seconds from 1 to 3600"},
+        {{"apply", "--binary", "--box", "a"}, "--binary excludes --box"},
+        {{"check", "--offline", "--binary", "a"}, "--binary excludes --offline"},
         {{"vpn", "release", "-1"}, "\"-1\" is not a VPN number"},
     };
     for (const auto &[arguments, text] : cases) {
@@ -185,6 +191,43 @@ TEST_F(ProgramTest, EveryCommandReachesTheAgent)
         ASSERT_NE(request, nullptr);
         EXPECT_EQ(request->verb, verb);
     }
+}
+
+TEST_F(ProgramTest, WaitsNoLongerThanTheTimeout)
+{
+    std::promise<void> end;
+    FakeAgent agent({PackReply(0)}, [&](std::size_t /*number*/) { end.get_future().wait(); });
+    const Outcome outcome = Vqctl({"status", "--timeout", "1", "-s", agent.Socket()});
+    end.set_value();
+    EXPECT_EQ(outcome.code, kNoAgent);
+    EXPECT_EQ(outcome.err, "vqctl: the agent did not reply within 1 s\n");
+}
+
+TEST_F(ProgramTest, MessagesForTheBoxNeedTheirOption)
+{
+    const std::string text = R"({"enable": false, "operation": "reload"})";
+    for (const std::vector<std::string> &command :
+         {std::vector<std::string>{"apply"}, {"check"}, {"check", "--offline"}, {"encode"}}) {
+        FakeAgent agent({PackReply(-22)});
+        std::vector<std::string> arguments = command;
+        arguments.insert(arguments.end(), {"-", "-s", agent.Socket()});
+        const Outcome outcome = Vqctl(arguments, text);
+        EXPECT_EQ(outcome.code, kBadInput) << command.front();
+        EXPECT_EQ(outcome.err, "vqctl: standard input: vpnid: is missing; give --box if the message is for the box "
+                               "itself\n");
+        arguments.emplace_back("--box");
+        EXPECT_NE(Vqctl(arguments, text).code, kBadInput) << command.front();
+    }
+}
+
+TEST_F(ProgramTest, ChecksFilesWithoutAnAgent)
+{
+    const Outcome outcome = Vqctl({"check", "--offline", KAVEL_EXAMPLES "/pop.json", "-"}, "{},{}");
+    EXPECT_EQ(outcome.code, kBadInput);
+    EXPECT_EQ(outcome.out, KAVEL_EXAMPLES "/pop.json: POP message: enabled, 1 server\n");
+    EXPECT_EQ(outcome.err,
+              "vqctl: standard input: line 1, column 3: a second message begins here; put each into a file "
+              "of its own\n");
 }
 
 TEST_F(ProgramTest, ApplySendsTheRevision)

@@ -213,11 +213,13 @@ def test_the_limits_of_a_message_are_right(heading, field, limit):
 
 
 def test_the_limits_of_vqctl_are_right():
-    text = "".join(source(f"src/{path}") for path in ("ctl/commands.h", "ctl/files.h", "control/frame.h"))
+    text = "".join(source(f"src/{path}") for path in ("ctl/commands.h", "ctl/files.h", "ctl/session.h", "control/frame.h"))
     page = source("packaging/man/vqctl.1.scd").replace("\n", " ")
     size = r" = std::size_t{(\d+)} \* 1024 \* 1024;"
     file, frame = (re.search(name + size, text)[1] for name in ("kFileMax", "kFrameMax"))
     revision = re.search(r"kRevisionMax = (\d+);", text)[1]
-    timeout = re.search(r"kTimeout{(\d+)};", text)[1]
+    timeout, silence = (re.search(name + r"{(\d+)};", text)[1] for name in ("kTimeout", "kSilence"))
+    longest = re.search(r"kTimeoutMax = (\d+);", source("src/ctl/main.cpp"))[1]
     assert f"a file of {file} MiB at most" in page and f"A request takes {frame} MiB at most" in page
     assert f"1 to {revision} bytes" in page and f"within {timeout} s." in page
+    assert f"1 to {longest}. Default: {timeout}." in page and f"for {silence} s" in page
