@@ -18,6 +18,7 @@
 #include "number.h"
 #include "offline_check.h"
 #include "printable.h"
+#include "query_commands.h"
 #include "status_output.h"
 
 namespace {
@@ -26,7 +27,7 @@ using namespace kavel::ctl;
 
 constexpr const char *kFooter = R"(Exit codes:
   0  done
-  1  the agent refused, or status found a VPN with problems
+  1  the agent refused, status found a VPN with problems, or query got no answer
   2  wrong usage or a bad input file (nothing was sent), or output that cannot be written
   3  the agent cannot be reached, or its reply is invalid
   4  carried out, but a service does not run, or still runs although it is switched off, or a repair or a stop failed
@@ -40,6 +41,7 @@ struct Arguments {
     std::optional<std::uint32_t> vpn;
     bool all = false; // of the VPNs
     bool offline = false;
+    QueriedName queried;
     std::function<int()> command;
 };
 
@@ -183,6 +185,22 @@ void AddStoreCommand(CLI::App &app, Arguments &arguments)
         [&arguments] { arguments.command = [&] { return StoreShow(arguments.session, arguments.vpn.value()); }; });
 }
 
+void AddQueryCommand(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *query = app.add_subcommand(
+        "query", "Resolve a name as a client of a VPN does, and show the way; exit code 1 if there is no answer");
+    AddVpn(*query, arguments, "--vpn", "The VPN; 0 is the box itself")->required();
+    query->add_option("NAME", arguments.queried.name, "The domain name; with the type PTR also an IP address")
+        ->required()
+        ->type_name("");
+    query->add_option("TYPE", arguments.queried.type, "A (if none is given), AAAA, MX, PTR, ... or TYPE and a number")
+        ->type_name("");
+    query->final_callback([&arguments] {
+        arguments.queried.vpn = arguments.vpn.value();
+        arguments.command = [&] { return Query(arguments.session, arguments.queried); };
+    });
+}
+
 void AddCommands(CLI::App &app, Arguments &arguments)
 {
     app.require_subcommand(1);
@@ -200,6 +218,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     app.add_flag("--json", arguments.session.json, "Print JSON, for programs");
     AddMessageCommands(app, arguments);
     AddStatusCommand(app, arguments);
+    AddQueryCommand(app, arguments);
     AddRepairCommand(app, arguments);
     AddStopCommand(app, arguments);
     AddVpnCommand(app, arguments);

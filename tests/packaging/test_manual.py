@@ -197,7 +197,7 @@ def test_every_environment_variable_is_listed():
     from_manager = {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}
     listed = set(names_in(sections("vqagent.8.scd")["ENVIRONMENT"]))
     assert listed == variables_read("src/agent") | from_manager
-    withheld = re.search(r"kOwnVariables{(.*?)}", source("src/agent/services/process_spawn.cpp"), re.S)[1]
+    withheld = re.search(r"kOwnVariables{(.*?)}", source("src/agent/base/spawn.cpp"), re.S)[1]
     assert listed <= set(re.findall(r'"(\w+)="', withheld))
 
 

@@ -1,10 +1,8 @@
 // Runs shell commands, and ends the processes of DNS instances.
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -12,7 +10,6 @@
 #include <fstream>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -20,6 +17,7 @@
 #include "base/instance_process.h"
 #include "base/log.h"
 #include "base/procfs.h"
+#include "base/spawn.h"
 #include "services/host.h"
 #include "services/launch_mark.h"
 #include "services/process_end.h"
@@ -31,87 +29,6 @@ namespace {
 // What an instance has between SIGTERM and SIGKILL, and what the kernel has after SIGKILL.
 constexpr std::chrono::milliseconds kTermTimeout{250};
 constexpr std::chrono::milliseconds kKillTimeout{2000};
-
-void Check(int error, const char *what)
-{
-    if (error != 0) {
-        ThrowErrno(error, what);
-    }
-}
-
-class SpawnActions {
-  public:
-    SpawnActions() { Check(posix_spawn_file_actions_init(&actions_), "spawn actions"); }
-    SpawnActions(const SpawnActions &) = delete;
-    SpawnActions &operator=(const SpawnActions &) = delete;
-    ~SpawnActions() { posix_spawn_file_actions_destroy(&actions_); }
-
-    // A background process of the command outlives the agent: it must not keep the agent's directory, streams and
-    // descriptors. Its standard error is `errors`, or nothing. It keeps `mark`, if there is one.
-    void Detach(std::optional<int> errors, const UniqueFd &mark)
-    {
-        Check(posix_spawn_file_actions_addchdir_np(&actions_, "/"), "spawn directory");
-        for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-            Check(posix_spawn_file_actions_addopen(&actions_, stream, "/dev/null", O_RDWR, 0), "spawn streams");
-        }
-        if (errors) {
-            Check(posix_spawn_file_actions_adddup2(&actions_, *errors, STDERR_FILENO), "spawn streams");
-        }
-        int firstClosed = STDERR_FILENO + 1;
-        if (mark) {
-            Check(posix_spawn_file_actions_adddup2(&actions_, mark.Get(), firstClosed), "spawn descriptors");
-            ++firstClosed;
-        }
-        Check(posix_spawn_file_actions_addclosefrom_np(&actions_, firstClosed), "spawn descriptors");
-    }
-    [[nodiscard]] const posix_spawn_file_actions_t *Get() const { return &actions_; }
-
-  private:
-    posix_spawn_file_actions_t actions_{};
-};
-
-class SpawnAttributes {
-  public:
-    SpawnAttributes() { Check(posix_spawnattr_init(&attributes_), "spawn attributes"); }
-    SpawnAttributes(const SpawnAttributes &) = delete;
-    SpawnAttributes &operator=(const SpawnAttributes &) = delete;
-    ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
-
-    // The default signal mask and dispositions, and a session of its own, so that a terminal's signals do not reach it.
-    void ResetSignalsAndSession()
-    {
-        sigset_t none;
-        sigset_t all;
-        sigemptyset(&none);
-        sigfillset(&all);
-        Check(posix_spawnattr_setsigmask(&attributes_, &none), "spawn signals");
-        Check(posix_spawnattr_setsigdefault(&attributes_, &all), "spawn signals");
-        constexpr auto kFlags = static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSID);
-        Check(posix_spawnattr_setflags(&attributes_, kFlags), "spawn flags");
-    }
-    [[nodiscard]] const posix_spawnattr_t *Get() const { return &attributes_; }
-
-  private:
-    posix_spawnattr_t attributes_{};
-};
-
-// Variables that a service manager sets for this process alone: a child that used them would speak for the agent.
-constexpr std::array<std::string_view, 7> kOwnVariables{
-    "NOTIFY_SOCKET=", "WATCHDOG_PID=",   "WATCHDOG_USEC=", "LISTEN_PID=",
-    "LISTEN_FDS=",    "LISTEN_FDNAMES=", "JOURNAL_STREAM="};
-
-std::vector<char *> EnvironmentOfChild()
-{
-    std::vector<char *> variables;
-    for (char **variable = environ; *variable != nullptr; ++variable) {
-        const std::string_view text = *variable;
-        if (std::ranges::none_of(kOwnVariables, [&](std::string_view own) { return text.starts_with(own); })) {
-            variables.push_back(*variable);
-        }
-    }
-    variables.push_back(nullptr);
-    return variables;
-}
 
 int AwaitShell(pid_t shell)
 {
@@ -167,7 +84,7 @@ int RunShell(char *command)
     std::string option = "-c";
     const std::array<char *, 4> arguments{name.data(), option.data(), command, nullptr};
     pid_t shell = 0;
-    Check(
+    CheckSpawn(
         posix_spawn(&shell, "/bin/sh", actions.Get(), attributes.Get(), arguments.data(), EnvironmentOfChild().data()),
         "/bin/sh");
     return AwaitShell(shell);

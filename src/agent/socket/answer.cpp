@@ -129,6 +129,38 @@ Kavel__Start PackStart(const StartProgress &progress)
     return message;
 }
 
+// An outcome as a message. It points into the outcome, which must outlive this object.
+class PackedQuery {
+  public:
+    explicit PackedQuery(const QueryOutcome &outcome) : way_(BorrowAll(outcome.way))
+    {
+        kavel__query_answer__init(&message_);
+        if (outcome.answer) {
+            answers_ = BorrowAll(outcome.answer->records);
+            message_.rcode = outcome.answer->rcode;
+        } else {
+            message_.problem = Borrow(outcome.problem);
+        }
+        message_.milliseconds = static_cast<std::uint32_t>(outcome.duration.count());
+        message_.differs = BorrowOrNull(outcome.differs);
+    }
+
+    // Valid until this object is moved or destroyed.
+    Kavel__QueryAnswer *Message()
+    {
+        message_.answers = answers_.data();
+        message_.n_answers = answers_.size();
+        message_.way = way_.data();
+        message_.n_way = way_.size();
+        return &message_;
+    }
+
+  private:
+    Kavel__QueryAnswer message_{};
+    std::vector<char *> answers_;
+    std::vector<char *> way_;
+};
+
 void SetKnown(protobuf_c_boolean &has, protobuf_c_boolean &field, std::optional<bool> value)
 {
     has = value ? 1 : 0;
@@ -179,6 +211,10 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
     reply.n_notes = notes.size();
     Kavel__Start start = PackStart(answer.start.value_or(StartProgress()));
     reply.start = answer.start ? &start : nullptr;
+    std::optional<PackedQuery> query;
+    if (answer.query) {
+        reply.query = query.emplace(*answer.query).Message();
+    }
     return PackReply(reply);
 }
 

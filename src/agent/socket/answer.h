@@ -11,6 +11,7 @@
 #include "control.pb-c.h"
 #include "instances/status.h"
 #include "services/store.h"
+#include "socket/client_query.h"
 #include "supervision/supervisor.h"
 
 namespace kavel::agent {
@@ -28,6 +29,7 @@ struct Answer {
     std::optional<bool> running; // and one runs
     std::vector<std::string> notes;
     std::optional<StartProgress> start; // while the agent is starting
+    std::optional<QueryOutcome> query;
 };
 
 // Sends the answer to its client. Called exactly once per request.

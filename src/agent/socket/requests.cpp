@@ -86,6 +86,9 @@ void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest recei
     case KAVEL__REQUEST__VERB__STATUS:
         BeginStatus(request, received.respond);
         return;
+    case KAVEL__REQUEST__VERB__QUERY:
+        BeginQuery(request, received.respond);
+        return;
     case KAVEL__REQUEST__VERB__REPAIR:
         BeginRepair(request, received.respond);
         return;
@@ -159,6 +162,10 @@ void Requests::Stop()
         status.respond(Refusal(-ECANCELED, "the agent is stopping"));
     }
     statuses_.clear();
+    for (const PendingQuery &query : queries_) {
+        query.respond(Refusal(-ECANCELED, "the agent is stopping"));
+    }
+    queries_.clear();
     launches_.CancelAll();
 }
 

@@ -18,6 +18,7 @@
 #include "instances/pending_launches.h"
 #include "services/host.h"
 #include "socket/answer.h"
+#include "socket/client_query.h"
 #include "socket/request_queues.h"
 #include "socket/status_query.h"
 #include "supervision/supervisor.h"
@@ -36,8 +37,8 @@ class Requests {
     // Handles a frame that holds one packed Request. `respond` is called once, before this returns or by the loop.
     void Handle(ReceivedFrame frame, const Respond &respond);
 
-    // Answers everything that is not answered yet: refuses what waits in a queue and status requests, and cancels the
-    // launches. No request may follow.
+    // Answers everything that is not answered yet: refuses what waits in a queue, status requests and queries, and
+    // cancels the launches. No request may follow.
     void Stop();
 
   private:
@@ -61,6 +62,7 @@ class Requests {
     [[nodiscard]] OptionalAnswer ApplyObjection(const ControllerMessage &message) const;
     [[nodiscard]] Answer Check(std::span<const std::uint8_t> bytes);
     void BeginStatus(const Kavel__Request &request, const Respond &respond);
+    void BeginQuery(const Kavel__Request &request, const Respond &respond);
     [[nodiscard]] Answer InitDirectory(std::uint32_t vpnId) const;
     [[nodiscard]] Answer ReleaseDirectory(std::uint32_t vpnId) const;
     [[nodiscard]] OptionalAnswer DirectoryObjection(const Kavel__Request &request) const;
@@ -71,6 +73,10 @@ class Requests {
     struct PendingStatus {
         Respond respond;
         std::optional<StatusQuery> query;
+    };
+    struct PendingQuery {
+        Respond respond;
+        std::optional<ClientQuery> query;
     };
 
     EventLoop &loop_;
@@ -83,6 +89,7 @@ class Requests {
     std::set<std::uint32_t> drainable_; // VPNs that are not busy any more and have requests in their queues
     EventSource drain_;
     std::list<PendingStatus> statuses_;
+    std::list<PendingQuery> queries_;
 };
 
 } // namespace kavel::agent
