@@ -50,7 +50,7 @@ inline constexpr std::string_view kOtherDnsType = "TYPE"; // and the number
 // "MX"; "TYPE65" for a type that has no name here.
 [[nodiscard]] inline std::string DnsTypeName(std::uint16_t number)
 {
-    const auto found = std::ranges::find(kDnsTypes, static_cast<DnsType>(number), &NamedDnsType::type);
+    const auto *const found = std::ranges::find(kDnsTypes, static_cast<DnsType>(number), &NamedDnsType::type);
     return found != kDnsTypes.end() ? std::string(found->name) : std::string(kOtherDnsType) + std::to_string(number);
 }
 
@@ -59,7 +59,7 @@ inline constexpr std::string_view kOtherDnsType = "TYPE"; // and the number
 {
     std::string upper(text);
     std::ranges::transform(upper, upper.begin(), [](unsigned char letter) { return std::toupper(letter); });
-    if (const auto found = std::ranges::find(kDnsTypes, upper, &NamedDnsType::name); found != kDnsTypes.end()) {
+    if (const auto *const found = std::ranges::find(kDnsTypes, upper, &NamedDnsType::name); found != kDnsTypes.end()) {
         return static_cast<std::uint16_t>(found->type);
     }
     return upper.starts_with(kOtherDnsType) ? WholeNumber<std::uint16_t>(upper.substr(kOtherDnsType.size()))

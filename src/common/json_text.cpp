@@ -178,9 +178,10 @@ bool IsPartOf(std::string_view one, std::string_view other)
     constexpr std::size_t kPartMin = 4;
     const auto [part, whole] = one.size() < other.size() ? std::pair(one, other) : std::pair(other, one);
     const auto sameLetter = [](char left, char right) { return Lower(left) == Lower(right); };
-    const auto found = std::ranges::search(whole, part, sameLetter);
-    return (part.size() >= kBeginningMin && found.begin() == whole.begin() && !found.empty()) ||
-           (part.size() >= kPartMin && !found.empty());
+    // clang 14 does not compile std::ranges::search() with the C++ library of gcc 12.
+    const auto *const found = std::search(whole.begin(), whole.end(), part.begin(), part.end(), sameLetter);
+    return (part.size() >= kBeginningMin && found == whole.begin()) ||
+           (part.size() >= kPartMin && found != whole.end());
 }
 
 // The name that differs least, if the difference is small; of names that differ alike, the longest.

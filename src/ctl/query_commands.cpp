@@ -4,9 +4,9 @@
 #include <arpa/inet.h>
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <ostream>
-#include <ranges>
 #include <span>
 #include <string_view>
 
@@ -51,23 +51,22 @@ std::string RcodeName(std::uint32_t number)
 // "10.7.168.192.in-addr.arpa" for an IP address; nothing for other texts.
 std::optional<std::string> ReverseName(const std::string &address)
 {
-    constexpr std::size_t kIpv4Size = 4;
+    constexpr std::ptrdiff_t kIpv4Size = 4;
     constexpr std::size_t kIpv6Size = 16;
     constexpr std::string_view kDigits = "0123456789abcdef";
     std::array<std::uint8_t, kIpv6Size> bytes{};
     std::string name;
     if (::inet_pton(AF_INET, address.c_str(), bytes.data()) == 1) {
-        for (const std::uint8_t byte : std::span(bytes).first(kIpv4Size) | std::views::reverse) {
-            name += std::to_string(byte) + ".";
-        }
+        std::for_each(bytes.rend() - kIpv4Size, bytes.rend(),
+                      [&](std::uint8_t byte) { name += std::to_string(byte) + "."; });
         return name + "in-addr.arpa";
     }
     if (::inet_pton(AF_INET6, address.c_str(), bytes.data()) != 1) {
         return std::nullopt;
     }
-    for (const std::uint8_t byte : bytes | std::views::reverse) {
+    std::for_each(bytes.rbegin(), bytes.rend(), [&](std::uint8_t byte) {
         name += {kDigits[byte & 0xFU], '.', kDigits[byte >> 4U], '.'};
-    }
+    });
     return name + "ip6.arpa";
 }
 

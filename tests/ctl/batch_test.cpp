@@ -68,7 +68,7 @@ TEST_F(BatchTest, AnInterruptedApplySaysWhatWasSent)
         held_ = {};
         isReleased_ = false;
         err_.str("");
-        HoldAfter(1, [signal, self = ::pthread_self()] { ::pthread_kill(self, signal); });
+        HoldAfter(1, [signal = signal, self = ::pthread_self()] { ::pthread_kill(self, signal); });
         EXPECT_EQ(GoApply({files}), code);
         EXPECT_EQ(err_.str(), "vqctl: interrupted\nvqctl: applied: " + files[0] +
                                   "\nvqctl: in flight, may still be applied: " + files[1] +

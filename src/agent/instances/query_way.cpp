@@ -143,10 +143,8 @@ class WayReader {
     void AddStep(const Words &words, std::chrono::milliseconds after)
     {
         constexpr std::size_t kSentence = 4; // "reply www.example is 192.0.2.1"
-        const std::string &what = words.front();
-        if (words.size() != kSentence) {
-            steps_.push_back(Joined(words));
-        } else if (what == "forwarded") {
+        const std::string what = words.size() == kSentence ? words.front() : "";
+        if (what == "forwarded") {
             AddForward(words[1], words[3]);
         } else if (what == "reply") {
             const std::string reply = words[1] == "error" ? words[3] : words[1] + " is " + words[3];
