@@ -243,5 +243,50 @@ TEST(PackAnswer, CarriesTheStoredTextAsItIs)
               *answer.storedText);
 }
 
+TEST(PackAnswer, AMessageCarriesItsBytes)
+{
+    Answer answer;
+    answer.messages.push_back({7, {1, 0, 2}, Platform::kPop});
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_EQ(reply->n_messages, 1U);
+    const Kavel__PackedMessage &message = *reply->messages[0];
+    EXPECT_EQ(message.vpn, 7U);
+    EXPECT_THAT(std::vector(message.message.data, message.message.data + message.message.len), ElementsAre(1, 0, 2));
+    EXPECT_NE(message.pop, 0);
+}
+
+TEST(PackAnswer, AnEntryOfTheHistoryCarriesItsFields)
+{
+    HistoryEntry entry;
+    entry.time = 1'700'000'000;
+    entry.peer = "pid 1, uid 0 (a)";
+    entry.revision = "r1";
+    entry.result = -22;
+    entry.outcome = "refused: b";
+    entry.messageBytes = 2;
+    entry.message = {3, 4};
+    HistoryEntry other;
+    Answer answer;
+    answer.history = {{7, entry, Platform::kCpe, true}, {8, other, Platform::kPop, false}};
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_EQ(reply->n_history, 2U);
+    const Kavel__HistoryEntry &first = *reply->history[0];
+    EXPECT_EQ(first.vpn, 7U);
+    EXPECT_EQ(first.time, 1'700'000'000U);
+    EXPECT_THAT(first.sender, StrEq("pid 1, uid 0 (a)"));
+    EXPECT_THAT(first.revision, StrEq("r1"));
+    EXPECT_EQ(first.result, -22);
+    EXPECT_THAT(first.outcome, StrEq("refused: b"));
+    EXPECT_EQ(first.bytes, 2U);
+    EXPECT_EQ(first.message.len, 2U);
+    EXPECT_EQ(first.pop, 0);
+    EXPECT_NE(first.undone, 0);
+    const Kavel__HistoryEntry &second = *reply->history[1];
+    EXPECT_EQ(second.revision, nullptr);
+    EXPECT_EQ(second.has_message, 0);
+    EXPECT_NE(second.pop, 0);
+    EXPECT_EQ(second.undone, 0);
+}
+
 } // namespace
 } // namespace kavel::agent

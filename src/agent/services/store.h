@@ -18,6 +18,7 @@ namespace kavel::agent {
 
 class Host;
 struct HistoryEntry;
+struct VpnHistoryEntry;
 
 // Longer texts are not read: memory and time of a read are bounded whatever the file holds.
 inline constexpr std::size_t kStoredTextMax = std::size_t{32} * 1024 * 1024;
@@ -71,6 +72,7 @@ class Store {
     // The history of messages, see message_history.h. It is no part of the rows, and no other function reads it.
     void AddToHistory(std::uint32_t vpnId, const HistoryEntry &entry);
     [[nodiscard]] std::vector<HistoryEntry> ReadHistory(std::uint32_t vpnId);
+    [[nodiscard]] std::vector<VpnHistoryEntry> ReadHistoryOfAll();
 
     // What the module asks for. Failures are logged before they are thrown. Inside a StoreChange a removal is only
     // noted, since the module removes a row before it adds it again. Remove throws ENOENT when there is no row.

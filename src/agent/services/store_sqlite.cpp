@@ -362,6 +362,11 @@ std::vector<HistoryEntry> Store::ReadHistory(std::uint32_t vpnId)
     return With([&](Opened &store) { return store.history.Read(vpnId); });
 }
 
+std::vector<VpnHistoryEntry> Store::ReadHistoryOfAll()
+{
+    return With([](Opened &store) { return store.history.ReadAll(); });
+}
+
 StoreChange::StoreChange(Store &store) : store_(store)
 {
     store_.change_.emplace();

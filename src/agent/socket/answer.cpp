@@ -107,6 +107,42 @@ Kavel__StoredRecord PackRecord(const StoredRecord &record)
     return message;
 }
 
+ProtobufCBinaryData BorrowBytes(const std::vector<std::uint8_t> &bytes)
+{
+    return {bytes.size(),
+            const_cast<std::uint8_t *>(bytes.data())}; // NOLINT(cppcoreguidelines-pro-type-const-cast): as Borrow()
+}
+
+// Points into `sent`.
+Kavel__PackedMessage PackMessage(const SentMessage &sent)
+{
+    Kavel__PackedMessage message = KAVEL__PACKED_MESSAGE__INIT;
+    message.vpn = sent.vpn;
+    message.message = BorrowBytes(sent.bytes);
+    message.has_pop = message.pop = sent.platform == Platform::kPop ? 1 : 0;
+    return message;
+}
+
+// Points into `sent`.
+Kavel__HistoryEntry PackEntry(const SentHistoryEntry &sent)
+{
+    Kavel__HistoryEntry message = KAVEL__HISTORY_ENTRY__INIT;
+    message.vpn = sent.vpn;
+    message.time = static_cast<std::uint64_t>(sent.entry.time);
+    message.sender = Borrow(sent.entry.peer);
+    message.revision = BorrowOrNull(sent.entry.revision);
+    message.result = sent.entry.result;
+    message.outcome = Borrow(sent.entry.outcome);
+    message.bytes = sent.entry.messageBytes;
+    if (sent.entry.message) {
+        message.has_message = 1;
+        message.message = BorrowBytes(*sent.entry.message);
+    }
+    message.has_pop = message.pop = sent.platform == Platform::kPop ? 1 : 0;
+    message.has_undone = message.undone = sent.isUndone ? 1 : 0;
+    return message;
+}
+
 std::vector<std::uint8_t> PackReply(const Kavel__Reply &reply)
 {
     const std::size_t size = kavel__reply__get_packed_size(&reply);
@@ -179,6 +215,16 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
     reply.n_notes = notes.size();
     Kavel__Start start = PackStart(answer.start.value_or(StartProgress()));
     reply.start = answer.start ? &start : nullptr;
+    std::vector<Kavel__PackedMessage> packedMessages;
+    std::ranges::transform(answer.messages, std::back_inserter(packedMessages), PackMessage);
+    std::vector<Kavel__PackedMessage *> sentMessages = PointersTo(packedMessages);
+    reply.messages = sentMessages.data();
+    reply.n_messages = sentMessages.size();
+    std::vector<Kavel__HistoryEntry> entries;
+    std::ranges::transform(answer.history, std::back_inserter(entries), PackEntry);
+    std::vector<Kavel__HistoryEntry *> history = PointersTo(entries);
+    reply.history = history.data();
+    reply.n_history = history.size();
     return PackReply(reply);
 }
 

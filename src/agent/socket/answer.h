@@ -8,12 +8,29 @@
 #include <string>
 #include <vector>
 
+#include "base/config.h"
 #include "control.pb-c.h"
 #include "instances/status.h"
+#include "services/message_history.h"
 #include "services/store.h"
 #include "supervision/supervisor.h"
 
 namespace kavel::agent {
+
+// A controller's message for the client.
+struct SentMessage {
+    std::uint32_t vpn = 0;
+    std::vector<std::uint8_t> bytes;
+    Platform platform = Platform::kCpe;
+};
+
+// An entry of the history for the client.
+struct SentHistoryEntry {
+    std::uint32_t vpn = 0;
+    HistoryEntry entry;
+    Platform platform = Platform::kCpe;
+    bool isUndone = false;
+};
 
 struct Answer {
     std::int32_t result = 0;           // 0 or more: carried out; a negated errno: refused
@@ -28,6 +45,8 @@ struct Answer {
     std::optional<bool> running; // and one runs
     std::vector<std::string> notes;
     std::optional<StartProgress> start; // while the agent is starting
+    std::vector<SentMessage> messages;
+    std::vector<SentHistoryEntry> history;
 };
 
 // Sends the answer to its client. Called exactly once per request.

@@ -11,6 +11,7 @@
 
 #include "base/failure.h"
 #include "base/log.h"
+#include "socket/export_requests.h"
 #include "socket/request_answers.h"
 #include "socket/store_requests.h"
 
@@ -100,6 +101,15 @@ void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest recei
         return;
     case KAVEL__REQUEST__VERB__STORE_SHOW:
         received.respond(ShowStored(host_.store, request));
+        return;
+    case KAVEL__REQUEST__VERB__STORE_EXPORT:
+        received.respond(ExportStored(host_, module_, request));
+        return;
+    case KAVEL__REQUEST__VERB__HISTORY:
+        received.respond(ListHistory(host_, request));
+        return;
+    case KAVEL__REQUEST__VERB__IN_FORCE:
+        received.respond(InForceAnswer(request));
         return;
     default:
         received.respond(Refusal(-EINVAL, "unknown verb " + std::to_string(verb)));
@@ -201,6 +211,20 @@ void Requests::HandleStop(const Kavel__Request &request, ReceivedRequest receive
         answer.text = supervisor_.TakeDown(request.vpn);
         respond(answer);
     });
+}
+
+// While the agent is starting, what is stored may not be in force yet.
+Answer Requests::InForceAnswer(const Kavel__Request &request)
+{
+    if (request.has_vpn == 0 || !host_.config.Serves(request.vpn)) {
+        return request.has_vpn == 0 ? Refusal(-EINVAL, "no vpn is named") : NotConfigured(request.vpn);
+    }
+    if (const auto progress = supervisor_.Progress(); progress && supervisor_.IsBusy(request.vpn)) {
+        Answer starting = RefusalOf(request.vpn, -EAGAIN, "the agent is starting");
+        starting.start = progress;
+        return starting;
+    }
+    return ShowInForce(host_, module_, instances_, request);
 }
 
 void Requests::BeginStatus(const Kavel__Request &request, const Respond &respond)

@@ -60,6 +60,7 @@ class Requests {
     [[nodiscard]] std::string LaunchFailure(const ControllerMessage &message) const;
     [[nodiscard]] OptionalAnswer ApplyObjection(const ControllerMessage &message) const;
     [[nodiscard]] Answer Check(std::span<const std::uint8_t> bytes);
+    [[nodiscard]] Answer InForceAnswer(const Kavel__Request &request);
     void BeginStatus(const Kavel__Request &request, const Respond &respond);
     [[nodiscard]] Answer InitDirectory(std::uint32_t vpnId) const;
     [[nodiscard]] Answer ReleaseDirectory(std::uint32_t vpnId) const;
