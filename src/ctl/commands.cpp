@@ -3,6 +3,7 @@
 #include <ostream>
 #include <span>
 
+#include "apply_output.h"
 #include "client.h"
 #include "errors.h"
 #include "files.h"
@@ -21,22 +22,6 @@ struct Outgoing {
     std::string summary;
     std::vector<std::uint8_t> request;
 };
-
-std::string DisplayName(const std::string &file)
-{
-    return file == "-" ? "standard input" : file;
-}
-
-// Calls `work` and puts the file's name before the text of an InputError.
-template <typename Work>
-auto WithFileName(const std::string &name, Work work)
-{
-    try {
-        return work();
-    } catch (const InputError &error) {
-        throw InputError(name + ": " + error.what());
-    }
-}
 
 EncodedMessage LoadMessage(const std::string &file, bool binary)
 {
@@ -124,29 +109,6 @@ std::string MessageSubject(const Outgoing &message, const Kavel__Reply &reply)
     return Printable(message.file) + ": " + SubjectText(VpnOf(reply));
 }
 
-void PrintNotes(const Session &session, const std::string &subject, const Kavel__Reply &reply)
-{
-    for (std::size_t i = 0; i < reply.n_notes; ++i) {
-        session.err << "vqctl: " << subject << ": " << Printable(reply.notes[i]) << std::endl;
-    }
-}
-
-// Whether the service is in the state that an applied message asks for. An agent that does not know says nothing.
-bool IsAsAsked(const Kavel__Reply &reply)
-{
-    return reply.has_enabled == 0 || reply.has_running == 0 || reply.enabled == reply.running;
-}
-
-// "applied", and what is wrong with the service.
-std::string AppliedText(const Kavel__Reply &reply)
-{
-    if (IsAsAsked(reply)) {
-        return "applied";
-    }
-    const std::string state = reply.enabled != 0 ? "applied, NOT RUNNING" : "applied, STILL RUNNING";
-    return reply.text != nullptr ? state + ": " + Printable(reply.text) : state;
-}
-
 int RunVpnCommand(const Session &session, Kavel__Request__Verb verb, std::uint32_t vpn, const std::string &done)
 {
     const ReplyPtr reply = ExchangeOne(session, NewRequest(verb, vpn), SubjectText(vpn) + " to be " + done);
@@ -192,20 +154,13 @@ int Apply(const Session &session, const Messages &messages)
     for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
         const ReplyPtr reply = ExchangeFirst(session, client, left);
         const std::string subject = MessageSubject(left.front(), *reply);
-        if (reply->result < 0) {
-            session.out << subject << ": refused " << RefusalText(*reply) << std::endl;
-            PrintNotes(session, subject, *reply);
+        const int outcome = ReportApplied(session, subject, *reply);
+        if (outcome == kRefused) {
             const std::string rest = NotSentText(left.subspan(1));
             session.err << (rest.empty() ? "" : "vqctl: " + Printable(rest) + "\n");
             return kRefused;
         }
-        session.out << subject << ": " << AppliedText(*reply) << std::endl;
-        if (!IsAsAsked(*reply)) {
-            code = kNotAsAsked;
-        } else if (reply->text != nullptr) {
-            session.err << "vqctl: " << subject << ": " << Printable(reply->text) << std::endl;
-        }
-        PrintNotes(session, subject, *reply);
+        code = outcome != kDone ? outcome : code;
     }
     return code;
 }

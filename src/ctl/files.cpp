@@ -87,4 +87,9 @@ void WriteStandardOutput(std::span<const std::uint8_t> bytes)
     WriteAll(STDOUT_FILENO, bytes);
 }
 
+std::string DisplayName(const std::string &file)
+{
+    return file == "-" ? "standard input" : file;
+}
+
 } // namespace kavel::ctl

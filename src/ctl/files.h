@@ -7,6 +7,8 @@
 #include <span>
 #include <string>
 
+#include "input_error.h"
+
 namespace kavel::ctl {
 
 // The longest file that is read. The largest message is far smaller as JSON; a wrong file (a device, a log) must not
@@ -21,6 +23,20 @@ void WriteOutput(const std::string &name, std::span<const std::uint8_t> bytes);
 
 // Writes to standard output. Refuses a terminal, because raw bytes can change its settings.
 void WriteStandardOutput(std::span<const std::uint8_t> bytes);
+
+// "-" as "standard input"; every other name as it is.
+std::string DisplayName(const std::string &file);
+
+// Calls `work` and puts the file's name before the text of an InputError.
+template <typename Work>
+auto WithFileName(const std::string &name, Work work)
+{
+    try {
+        return work();
+    } catch (const InputError &error) {
+        throw InputError(name + ": " + error.what());
+    }
+}
 
 } // namespace kavel::ctl
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <type_traits>
 
 #include "advanced_dns.pb-c.h"
 #include "message_fields.h"
@@ -14,65 +15,53 @@ namespace {
 using enum Presence;
 
 constexpr std::array kHostFields = {
-    Field<DnsHostItem>{"domain", kRequired, Set<&DnsHostItem::domain, ReadText>},
-    Field<DnsHostItem>{"ip", kRequired, Set<&DnsHostItem::ip, ReadIpv4>},
-    Field<DnsHostItem>{"ipv6", kOptional, SetOptional<&DnsHostItem::has_ipv6, &DnsHostItem::ipv6, ReadIpv6>},
+    Plain<&DnsHostItem::domain, TextCodec>("domain", kRequired),
+    Plain<&DnsHostItem::ip, Ipv4Codec>("ip", kRequired),
+    Optional<&DnsHostItem::has_ipv6, &DnsHostItem::ipv6, Ipv6Codec>("ipv6"),
 };
-constexpr auto kReadHost = ReadItem<DnsHostItem, kHostFields, dns_host_item__init>;
+using HostCodec = ItemCodec<DnsHostItem, kHostFields, dns_host_item__init>;
 
 constexpr std::array kServerFields = {
-    Field<DnsServerItem>{"dnsserver", kRequired, Set<&DnsServerItem::dnsserver, ReadIpv4>},
-    Field<DnsServerItem>{"ifname", kOptional, Set<&DnsServerItem::ifname, ReadText>},
+    Plain<&DnsServerItem::dnsserver, Ipv4Codec>("dnsserver", kRequired),
+    Plain<&DnsServerItem::ifname, TextCodec>("ifname", kOptional),
 };
-constexpr auto kReadServer = ReadItem<DnsServerItem, kServerFields, dns_server_item__init>;
+using ServerCodec = ItemCodec<DnsServerItem, kServerFields, dns_server_item__init>;
 
 constexpr std::array kMxHostFields = {
-    Field<DnsMxHostItem>{"targetdomain", kRequired, Set<&DnsMxHostItem::targetdomain, ReadText>},
-    Field<DnsMxHostItem>{"sourcedomain", kRequired, Set<&DnsMxHostItem::sourcedomain, ReadText>},
-    Field<DnsMxHostItem>{"preference", kRequired, Set<&DnsMxHostItem::preference, ReadNumber>},
+    Plain<&DnsMxHostItem::targetdomain, TextCodec>("targetdomain", kRequired),
+    Plain<&DnsMxHostItem::sourcedomain, TextCodec>("sourcedomain", kRequired),
+    Plain<&DnsMxHostItem::preference, NumberCodec>("preference", kRequired),
 };
-constexpr auto kReadMxHost = ReadItem<DnsMxHostItem, kMxHostFields, dns_mx_host_item__init>;
+using MxHostCodec = ItemCodec<DnsMxHostItem, kMxHostFields, dns_mx_host_item__init>;
 
 constexpr std::array kProxyFields = {
-    Field<DnsProxyItemV2>{"domains", kRequired,
-                          SetList<&DnsProxyItemV2::n_domains, &DnsProxyItemV2::domains, ReadText>},
-    Field<DnsProxyItemV2>{"serverips", kRequired,
-                          SetList<&DnsProxyItemV2::n_serverips, &DnsProxyItemV2::serverips, ReadIpv4>},
-    Field<DnsProxyItemV2>{"serveripv6s", kOptional,
-                          SetList<&DnsProxyItemV2::n_serveripv6s, &DnsProxyItemV2::serveripv6s, ReadIpv6>},
+    List<&DnsProxyItemV2::n_domains, &DnsProxyItemV2::domains, TextCodec>("domains", kRequired),
+    List<&DnsProxyItemV2::n_serverips, &DnsProxyItemV2::serverips, Ipv4Codec>("serverips", kRequired),
+    List<&DnsProxyItemV2::n_serveripv6s, &DnsProxyItemV2::serveripv6s, Ipv6Codec>("serveripv6s", kOptional),
 };
-constexpr auto kReadProxy = ReadItem<DnsProxyItemV2, kProxyFields, dns_proxy_item_v2__init>;
+using ProxyCodec = ItemCodec<DnsProxyItemV2, kProxyFields, dns_proxy_item_v2__init>;
 
 constexpr std::array kCpeFields = {
-    Field<DnsmasqConf>{"enable", kRequired, Set<&DnsmasqConf::enable, ReadBool>},
-    Field<DnsmasqConf>{"operation", kRequired, Set<&DnsmasqConf::operation, ReadOperation>},
-    Field<DnsmasqConf>{"dnshosts", kOptional, SetList<&DnsmasqConf::n_dnshosts, &DnsmasqConf::dnshosts, kReadHost>},
-    Field<DnsmasqConf>{"dnsservers", kOptional,
-                       SetList<&DnsmasqConf::n_dnsservers, &DnsmasqConf::dnsservers, kReadServer>},
-    Field<DnsmasqConf>{"dnsmxhost", kOptional,
-                       SetList<&DnsmasqConf::n_dnsmxhost, &DnsmasqConf::dnsmxhost, kReadMxHost>},
-    Field<DnsmasqConf>{"dnsproxies", kOptional,
-                       SetList<&DnsmasqConf::n_dnsproxies, &DnsmasqConf::dnsproxies, kReadProxy>},
-    Field<DnsmasqConf>{"persistentflag", kOptional,
-                       SetOptional<&DnsmasqConf::has_persistentflag, &DnsmasqConf::persistentflag, ReadBool>},
-    Field<DnsmasqConf>{"historypersistent", kOptional,
-                       SetOptional<&DnsmasqConf::has_historypersistent, &DnsmasqConf::historypersistent, ReadBool>},
-    Field<DnsmasqConf>{"vpnid", kOptional, SetOptional<&DnsmasqConf::has_vpnid, &DnsmasqConf::vpnid, ReadNumber>},
+    Plain<&DnsmasqConf::enable, BoolCodec>("enable", kRequired),
+    Plain<&DnsmasqConf::operation, OperationCodec>("operation", kRequired),
+    List<&DnsmasqConf::n_dnshosts, &DnsmasqConf::dnshosts, HostCodec>("dnshosts", kOptional),
+    List<&DnsmasqConf::n_dnsservers, &DnsmasqConf::dnsservers, ServerCodec>("dnsservers", kOptional),
+    List<&DnsmasqConf::n_dnsmxhost, &DnsmasqConf::dnsmxhost, MxHostCodec>("dnsmxhost", kOptional),
+    List<&DnsmasqConf::n_dnsproxies, &DnsmasqConf::dnsproxies, ProxyCodec>("dnsproxies", kOptional),
+    Optional<&DnsmasqConf::has_persistentflag, &DnsmasqConf::persistentflag, BoolCodec>("persistentflag"),
+    Optional<&DnsmasqConf::has_historypersistent, &DnsmasqConf::historypersistent, BoolCodec>("historypersistent"),
+    Optional<&DnsmasqConf::has_vpnid, &DnsmasqConf::vpnid, NumberCodec>("vpnid"),
 };
 
 constexpr std::array kPopFields = {
-    Field<PopDnsmasqConf>{"enable", kRequired, Set<&PopDnsmasqConf::enable, ReadBool>},
-    Field<PopDnsmasqConf>{"dns", kOptional, SetList<&PopDnsmasqConf::n_dns, &PopDnsmasqConf::dns, ReadIpv4>},
-    Field<PopDnsmasqConf>{"localip", kRequired, Set<&PopDnsmasqConf::localip, ReadIpv4>},
-    Field<PopDnsmasqConf>{"persistentflag", kOptional,
-                          SetOptional<&PopDnsmasqConf::has_persistentflag, &PopDnsmasqConf::persistentflag, ReadBool>},
-    Field<PopDnsmasqConf>{
-        "historypersistent", kOptional,
-        SetOptional<&PopDnsmasqConf::has_historypersistent, &PopDnsmasqConf::historypersistent, ReadBool>},
-    Field<PopDnsmasqConf>{"dnsipv6", kOptional,
-                          SetList<&PopDnsmasqConf::n_dnsipv6, &PopDnsmasqConf::dnsipv6, ReadIpv6>},
-    Field<PopDnsmasqConf>{"localipv6", kOptional,
-                          SetOptional<&PopDnsmasqConf::has_localipv6, &PopDnsmasqConf::localipv6, ReadIpv6>},
+    Plain<&PopDnsmasqConf::enable, BoolCodec>("enable", kRequired),
+    List<&PopDnsmasqConf::n_dns, &PopDnsmasqConf::dns, Ipv4Codec>("dns", kOptional),
+    Plain<&PopDnsmasqConf::localip, Ipv4Codec>("localip", kRequired),
+    Optional<&PopDnsmasqConf::has_persistentflag, &PopDnsmasqConf::persistentflag, BoolCodec>("persistentflag"),
+    Optional<&PopDnsmasqConf::has_historypersistent, &PopDnsmasqConf::historypersistent, BoolCodec>(
+        "historypersistent"),
+    List<&PopDnsmasqConf::n_dnsipv6, &PopDnsmasqConf::dnsipv6, Ipv6Codec>("dnsipv6", kOptional),
+    Optional<&PopDnsmasqConf::has_localipv6, &PopDnsmasqConf::localipv6, Ipv6Codec>("localipv6"),
 };
 
 // Whether `object` has a key that is in the table `these` and not in the table `others`.
@@ -110,7 +99,8 @@ EncodedMessage Encode(json_object *json, const Fields &fields)
     Message message{};
     Init(&message);
     ReadMembers(JsonValue{json, {}}, fields, message, arena);
-    EncodedMessage encoded{std::vector<std::uint8_t>(PackedSize(&message)), SummaryOf(message)};
+    EncodedMessage encoded{std::vector<std::uint8_t>(PackedSize(&message)), SummaryOf(message),
+                           std::is_same_v<Message, PopDnsmasqConf>};
     Pack(&message, encoded.bytes.data());
     return encoded;
 }
@@ -126,6 +116,14 @@ EncodedMessage EncodeJson(const std::string &text)
     }
     return Encode<DnsmasqConf, dnsmasq_conf__init, dnsmasq_conf__get_packed_size, dnsmasq_conf__pack>(json.get(),
                                                                                                       kCpeFields);
+}
+
+JsonPtr MessageJson(const PackedConf &packed)
+{
+    if (packed.isForPop) {
+        return WriteMembers(*UnpackPop(packed), kPopFields);
+    }
+    return WriteMembers(*UnpackCpe(packed), kCpeFields);
 }
 
 } // namespace kavel::ctl

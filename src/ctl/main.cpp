@@ -12,8 +12,10 @@
 #include <unistd.h>
 #include <vector>
 
+#include "change_commands.h"
 #include "commands.h"
 #include "errors.h"
+#include "export_commands.h"
 #include "number.h"
 #include "printable.h"
 #include "status_output.h"
@@ -36,7 +38,8 @@ struct Arguments {
     std::string file;
     std::optional<std::string> target;
     std::optional<std::uint32_t> vpn;
-    bool all = false; // of the VPNs
+    std::optional<std::uint32_t> number; // of a message in the history
+    bool all = false;                    // of the VPNs
     std::function<int()> command;
 };
 
@@ -138,6 +141,29 @@ void AddVpnCommand(CLI::App &app, Arguments &arguments)
         [&arguments] { arguments.command = [&] { return VpnRelease(arguments.session, arguments.vpn.value()); }; });
 }
 
+// A number of a message in a VPN's history.
+CLI::Option *AddNumber(CLI::App &app, Arguments &arguments, const std::string &name, const std::string &help)
+{
+    const auto set = [&arguments](const std::string &text) {
+        arguments.number = kavel::WholeNumber<std::uint32_t>(text);
+        if (arguments.number.value_or(0) == 0) {
+            throw CLI::ValidationError("\"" + text + "\" is not a number from 1");
+        }
+    };
+    return app.add_option_function<std::string>(name, set, help)->type_name("NUMBER");
+}
+
+void AddExportCommand(CLI::App &store, Arguments &arguments)
+{
+    CLI::App *records = store.add_subcommand("export", "Print stored records as messages that apply takes");
+    AddVpn(*records, arguments, "ID", "Only the record of this VPN");
+    records->add_option("-o,--output", arguments.target, "Write each message to a file vpn_N.json in this directory")
+        ->type_name("DIR");
+    records->final_callback([&arguments] {
+        arguments.command = [&] { return StoreExport(arguments.session, arguments.vpn, arguments.target); };
+    });
+}
+
 void AddStoreCommand(CLI::App &app, Arguments &arguments)
 {
     CLI::App *store = app.add_subcommand("store", "Show the records that the agent applies when it starts");
@@ -150,6 +176,27 @@ void AddStoreCommand(CLI::App &app, Arguments &arguments)
     AddVpn(*show, arguments, "ID", "The VPN; 0 is the box itself")->required();
     show->final_callback(
         [&arguments] { arguments.command = [&] { return StoreShow(arguments.session, arguments.vpn.value()); }; });
+    AddExportCommand(*store, arguments);
+}
+
+void AddChangeCommands(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *diff = app.add_subcommand("diff", "Show what messages would change, and whether this needs a restart");
+    diff->add_option("FILE", arguments.messages.files, "JSON files with one message each; - is standard input")
+        ->required()
+        ->type_name("");
+    diff->final_callback(
+        [&arguments] { arguments.command = [&] { return Diff(arguments.session, arguments.messages.files); }; });
+
+    CLI::App *history = app.add_subcommand("history", "List the messages that the agent keeps, the newest first");
+    CLI::Option *vpn = AddVpn(*history, arguments, "ID", "Only the messages of this VPN");
+    AddNumber(*history, arguments, "--show", "Print the message of this number, as JSON that apply takes")->needs(vpn);
+    history->final_callback([&arguments] {
+        arguments.command = [&] {
+            return arguments.number ? ShowHistoryMessage(arguments.session, arguments.vpn.value(), *arguments.number)
+                                    : History(arguments.session, arguments.vpn);
+        };
+    });
 }
 
 void AddCommands(CLI::App &app, Arguments &arguments)
@@ -169,6 +216,7 @@ void AddCommands(CLI::App &app, Arguments &arguments)
     AddStopCommand(app, arguments);
     AddVpnCommand(app, arguments);
     AddStoreCommand(app, arguments);
+    AddChangeCommands(app, arguments);
 }
 
 // One line. An argument that no command knows is reported first, because CLI11 may report a missing argument instead.

@@ -47,7 +47,7 @@ def source(path):
 def table(text, name):
     """The entries of a C++ table of members: their names, and whether they are required."""
     body = re.search(rf"constexpr std::array {name} = {{(.*?)\n}};", text, re.S)[1]
-    found = re.findall(r'{\s*"(\w+)",\s*(kRequired|kOptional)', body)
+    found = re.findall(r'[{(]\s*"(\w+)"(?:,\s*(kRequired|kOptional)|\))', body)
     assert found, name
     return {member: presence == "kRequired" for member, presence in found}
 
@@ -181,7 +181,7 @@ def test_the_fields_are_those_of_the_message_schema():
 
 def test_every_result_of_apply_and_check_is_listed():
     result = re.compile(r'"(?:: )?(applied(?:, [A-Z ]+)?|would be refused|would apply|refused)[ :"]')
-    printed = result.findall(source("src/ctl/commands.cpp"))
+    printed = result.findall(source("src/ctl/apply_output.cpp") + source("src/ctl/commands.cpp"))
     items = sections("vqctl.1.scd")["RESULTS OF APPLY AND CHECK"]
     assert sorted(item.names[0].rstrip(":") for item in items) == sorted(set(printed))
 
