@@ -34,19 +34,27 @@ std::string AppliedText(const Kavel__Reply &reply)
     return reply.text != nullptr ? state + ": " + Printable(reply.text) : state;
 }
 
+int OutcomeOf(const Kavel__Reply &reply)
+{
+    if (reply.result < 0) {
+        return kRefused;
+    }
+    return IsAsAsked(reply) ? kDone : kNotAsAsked;
+}
+
 int ReportApplied(const Session &session, const std::string &subject, const Kavel__Reply &reply)
 {
     if (reply.result < 0) {
         session.out << subject << ": refused " << RefusalText(reply) << std::endl;
         PrintNotes(session, subject, reply);
-        return kRefused;
+        return OutcomeOf(reply);
     }
     session.out << subject << ": " << AppliedText(reply) << std::endl;
     if (IsAsAsked(reply) && reply.text != nullptr) {
         session.err << "vqctl: " << subject << ": " << Printable(reply.text) << std::endl;
     }
     PrintNotes(session, subject, reply);
-    return IsAsAsked(reply) ? kDone : kNotAsAsked;
+    return OutcomeOf(reply);
 }
 
 } // namespace kavel::ctl

@@ -54,16 +54,6 @@ ReplyPtr AskForInForce(const Session &session, Client &client, std::uint32_t vpn
     return Exchange(session, client, PackRequest(request), "what is in force for " + SubjectText(vpn));
 }
 
-// What is in force according to a reply that is no refusal. It points into the reply.
-std::optional<PackedConf> InForceIn(const Kavel__Reply &reply)
-{
-    if (reply.n_messages == 0) {
-        return std::nullopt;
-    }
-    const Kavel__PackedMessage &message = *reply.messages[0];
-    return PackedConf{{message.message.data, message.message.len}, message.pop != 0};
-}
-
 // Nothing when the agent refuses to tell what is in force: its exit code is in `code` then.
 std::optional<FileChanges> ChangesOfFile(const Session &session, Client &client, NewMessage &message, int &code)
 {

@@ -67,7 +67,7 @@ std::optional<std::vector<std::uint32_t>> StoredVpns(const Session &session, Cli
 
 std::string WriteMessage(const std::string &directory, const Exported &exported)
 {
-    const std::string file = directory + "/vpn_" + std::to_string(exported.vpn) + ".json";
+    std::string file = directory + "/vpn_" + std::to_string(exported.vpn) + ".json";
     const std::string text = JsonDocument(exported.message.get());
     WithFileName(file, [&] { WriteOutput(file, {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()}); });
     return file;

@@ -1,5 +1,6 @@
 #include "history_entries.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <ctime>
@@ -101,10 +102,8 @@ std::string TimeText(std::uint64_t time)
 std::string HistoryTable(HistoryEntries entries)
 {
     const std::vector<Numbered> numbered = NumberedEntries(entries);
-    std::vector<const Numbered *> items;
-    for (const Numbered &item : numbered) {
-        items.push_back(&item);
-    }
+    std::vector<const Numbered *> items(numbered.size());
+    std::ranges::transform(numbered, items.begin(), [](const Numbered &item) { return &item; });
     std::ostringstream out;
     PrintTable(out, kHistoryColumns, std::span<const Numbered *const>(items),
                [](std::size_t, const Numbered &) { return ""; });

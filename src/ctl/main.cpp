@@ -197,6 +197,13 @@ void AddChangeCommands(CLI::App &app, Arguments &arguments)
                                     : History(arguments.session, arguments.vpn);
         };
     });
+
+    CLI::App *rollback = app.add_subcommand("rollback", "Apply the message before the one in force again");
+    AddVpn(*rollback, arguments, "ID", "The VPN; 0 is the box itself")->required();
+    AddNumber(*rollback, arguments, "--to", "Apply the message of this number in the history");
+    rollback->final_callback([&arguments] {
+        arguments.command = [&] { return Rollback(arguments.session, arguments.vpn.value(), arguments.number); };
+    });
 }
 
 void AddCommands(CLI::App &app, Arguments &arguments)

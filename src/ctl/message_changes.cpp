@@ -1,7 +1,6 @@
 #include "message_changes.h"
 
 #include <algorithm>
-#include <compare>
 #include <iterator>
 #include <span>
 #include <tuple>
@@ -25,7 +24,8 @@ struct Fact {
     std::string name; // what it is about
     std::string value;
     bool isReadAtStart = false;
-    auto operator<=>(const Fact &) const = default;
+
+    [[nodiscard]] auto Key() const { return std::tie(topic, name, value); }
 };
 
 struct Content {
@@ -78,9 +78,10 @@ void AddForwards(std::vector<Fact> &facts, const DnsProxyItemV2 &item)
 
 Content Sorted(Content content)
 {
-    std::ranges::sort(content.facts);
-    const auto repeated = std::ranges::unique(content.facts);
-    content.facts.erase(repeated.begin(), repeated.end());
+    std::vector<Fact> &facts = content.facts;
+    std::ranges::sort(facts, {}, &Fact::Key);
+    const auto isRepeated = [](const Fact &one, const Fact &other) { return one.Key() == other.Key(); };
+    facts.erase(std::unique(facts.begin(), facts.end(), isRepeated), facts.end());
     return content;
 }
 
@@ -137,8 +138,8 @@ std::vector<Change> ChangesBetween(const std::vector<Fact> &before, const std::v
 {
     std::vector<Fact> removed;
     std::vector<Fact> added;
-    std::ranges::set_difference(before, after, std::back_inserter(removed));
-    std::ranges::set_difference(after, before, std::back_inserter(added));
+    std::ranges::set_difference(before, after, std::back_inserter(removed), {}, &Fact::Key, &Fact::Key);
+    std::ranges::set_difference(after, before, std::back_inserter(added), {}, &Fact::Key, &Fact::Key);
     std::vector<Change> changes;
     auto add = added.begin();
     for (const Fact &fact : removed) {

@@ -1,11 +1,12 @@
-"""What a message would change, and what was there before: diff, store export, history."""
+"""What a message would change, what was there before, and the way back: diff, store export, history, rollback."""
 
 import json
 import shutil
 
 import pytest
 
-from box import STORE, expect, message, rows, vpn_config
+from box import STORE, ask, expect, instance_pid, message, rows, vpn_config
+from waiting import wait_until
 
 BEFORE = {
     "dnshosts": [{"domain": "nas.example", "ip": "192.168.7.10"}, {"domain": "printer.example", "ip": "192.168.7.20"}],
@@ -24,6 +25,15 @@ def kept(box):
     box.start()
     box.apply(message(7, **BEFORE))
     return box
+
+
+def entries(box):
+    """The history of VPN 7, the newest message first."""
+    return json.loads(box.vqctl("history", "7", "--json").stdout)["messages"]
+
+
+def expect_none(name):
+    wait_until(lambda: ask(name) == [], f"no answer for {name}, got {ask(name)}")
 
 
 def diff(box, one):
@@ -147,3 +157,59 @@ def test_a_message_of_the_history_can_be_applied_again(kept):
 def test_a_number_that_the_history_does_not_have_is_bad_input(kept):
     done = kept.vqctl("history", "7", "--show", "2")
     assert done.returncode == 2 and "there is no message 2: the agent keeps 1 message of this VPN" in done.stderr
+
+
+def test_rollback_brings_back_the_message_before(kept):
+    before = instance_pid()
+    kept.vqctl("apply", "--revision", "r2", "-", input=json.dumps(message(7, **{**BEFORE, "dnshosts": []})))
+    expect_none("nas.example")
+
+    done = kept.vqctl("rollback", "7")
+
+    assert (done.returncode, done.stderr) == (0, "")
+    lines = done.stdout.splitlines()
+    assert lines[0].startswith("vpn 7: back to message 2 of ") and lines[0].endswith(": 2 changes")
+    assert lines[1:] == ["+ host nas.example 192.168.7.10", "+ host printer.example 192.168.7.20", "vpn 7: applied"]
+    expect("192.168.7.10", "nas.example")
+    assert instance_pid() != before, "the message between them restarted it"
+    assert [entry["revision"] for entry in entries(kept)] == [None, "r2", None]
+
+
+def test_a_second_rollback_takes_the_first_one_back(kept):
+    kept.apply(message(7, persistentflag=True))
+    stored = rows()
+    assert kept.vqctl("rollback", "7").returncode == 0
+    assert rows() != stored
+    expect("192.168.7.10", "nas.example")
+    assert kept.vqctl("rollback", "7").returncode == 0
+    assert rows() == stored
+    expect("192.168.7.10", "nas.vpn7.example")
+
+
+def test_rollback_keeps_the_instance_if_a_reload_is_enough(kept):
+    kept.apply(message(7, **{**BEFORE, "dnshosts": []}, operation="reload"))
+    before = instance_pid()
+    assert kept.vqctl("rollback", "7").returncode == 0
+    expect("192.168.7.10", "nas.example")
+    assert instance_pid() == before
+
+
+def test_rollback_after_a_stop_starts_the_instance(kept):
+    assert kept.vqctl("stop", "--vpn", "7").returncode == 0
+    done = kept.vqctl("rollback", "7")
+    assert done.returncode == 0 and "nothing is in force; " in done.stdout
+    expect("192.168.7.10", "nas.example")
+
+
+def test_rollback_to_a_number(kept):
+    kept.apply(message(7))
+    kept.apply(message(7, enable=False))
+    done = kept.vqctl("rollback", "7", "--to", "3")
+    assert done.returncode == 0 and done.stdout.startswith("vpn 7: back to message 3 of ")
+    expect("192.168.7.10", "nas.example")
+    assert kept.vqctl("rollback", "7", "--to", "9").returncode == 2
+
+
+def test_rollback_without_another_message_does_nothing(kept):
+    done = kept.vqctl("rollback", "7")
+    assert (done.returncode, done.stdout) == (1, "") and "differs from what is in force" in done.stderr
