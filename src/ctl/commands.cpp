@@ -8,6 +8,7 @@
 #include "errors.h"
 #include "files.h"
 #include "json_message.h"
+#include "json_output.h"
 #include "output.h"
 #include "session.h"
 #include "status_output.h"
@@ -52,11 +53,30 @@ std::vector<Outgoing> LoadAll(Kavel__Request__Verb verb, const Messages &message
             request.has_message = 1;
             request.message = {message.bytes.size(), message.bytes.data()};
             request.revision = revision ? revision->data() : nullptr;
+            request.has_confirm_seconds = messages.confirmSeconds ? 1 : 0;
+            request.confirm_seconds = messages.confirmSeconds.value_or(0);
             return Outgoing{DisplayName(file), message.summary + " (" + Counted(message.bytes.size(), "byte") + ")",
                             PackRequest(request)};
         }));
     }
     return all;
+}
+
+void CheckConfirmation(const Messages &messages)
+{
+    if (messages.confirmSeconds && messages.files.size() != 1) {
+        throw InputError("--confirm: it takes one file, not " + std::to_string(messages.files.size()));
+    }
+}
+
+// What has to be done next about a message that was applied.
+void ReportConfirmation(const Session &session, const std::string &subject, const Messages &messages,
+                        const Kavel__Reply &reply)
+{
+    if (messages.confirmSeconds && reply.has_vpn != 0) {
+        session.err << "vqctl: " << subject << ": undone in " << *messages.confirmSeconds
+                    << " s unless it is confirmed: vqctl confirm " << reply.vpn << std::endl;
+    }
 }
 
 // "a.json, b.json"
@@ -148,6 +168,7 @@ int Apply(const Session &session, const Messages &messages)
     if (messages.revision) {
         CheckRevision(*messages.revision);
     }
+    CheckConfirmation(messages);
     const std::vector<Outgoing> all = LoadAll(KAVEL__REQUEST__VERB__APPLY, messages, messages.revision);
     Client client = Client::Connect(session.socket, session.timeout);
     int code = kDone;
@@ -160,9 +181,30 @@ int Apply(const Session &session, const Messages &messages)
             session.err << (rest.empty() ? "" : "vqctl: " + Printable(rest) + "\n");
             return kRefused;
         }
+        ReportConfirmation(session, subject, messages, *reply);
         code = outcome != kDone ? outcome : code;
     }
     return code;
+}
+
+int Confirm(const Session &session, std::uint32_t vpn)
+{
+    const std::string subject = SubjectText(vpn);
+    const ReplyPtr reply =
+        ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__CONFIRM, vpn), subject + " to be confirmed");
+    if (session.json) {
+        const JsonPtr document = NewJsonDocument();
+        AddMember(document.get(), "vpn", JsonNumber(vpn));
+        AddMember(document.get(), "result", JsonNumber(reply->result));
+        AddMember(document.get(), "outcome",
+                  JsonText(reply->result < 0 ? "refused " + RefusalText(*reply) : "confirmed"));
+        session.out << JsonDocument(document.get());
+    } else {
+        session.out << subject << ": " << (reply->result < 0 ? "refused " + RefusalText(*reply) : "confirmed") << '\n';
+    }
+    session.out.flush();
+    PrintNotes(session, subject, *reply);
+    return reply->result < 0 ? kRefused : kDone;
 }
 
 int Check(const Session &session, const Messages &messages)

@@ -17,13 +17,19 @@ struct Messages {
     bool binary = false;            // the files hold message bytes, which are sent unchanged; otherwise JSON
     // The sender's name for the messages; apply sends it with each. Printable UTF-8 of 1 to kRevisionMax bytes.
     std::optional<std::string> revision = std::nullopt;
+    // apply: the message is undone after so many seconds, 1 to kConfirmSecondsMax, unless it is confirmed.
+    std::optional<std::uint32_t> confirmSeconds = std::nullopt;
 };
 
 inline constexpr std::size_t kRevisionMax = 64;
+inline constexpr std::uint32_t kConfirmSecondsMax = 3600;
 
 // Applies the messages in order and stops at the first one that is refused. A message whose service does not run is
 // reported, and does not stop the others. If the revision or any file is bad, nothing is sent.
 int Apply(const Session &session, const Messages &messages);
+
+// Confirms the message of a VPN that was applied with `confirmSeconds`.
+int Confirm(const Session &session, std::uint32_t vpn);
 
 // Prints for each message what it would set, or why it would be refused. If any file is bad, nothing is sent.
 int Check(const Session &session, const Messages &messages);

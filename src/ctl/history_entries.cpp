@@ -81,7 +81,7 @@ PackedConf MessageOf(const Kavel__HistoryEntry &entry, std::uint32_t number)
 {
     if (entry.has_message == 0) {
         throw InputError("message " + std::to_string(number) +
-                         (entry.bytes == 0 ? " has no content: the VPN was stopped"
+                         (entry.bytes == 0 ? " has no content: " + Printable(entry.outcome)
                                            : " was not kept: it has " + Counted(entry.bytes, "byte")));
     }
     return {{entry.message.data, entry.message.len}, entry.pop != 0};

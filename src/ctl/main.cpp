@@ -53,6 +53,15 @@ std::uint32_t VpnNumber(const std::string &text)
     return *vpn;
 }
 
+std::uint32_t Seconds(const std::string &text)
+{
+    const auto seconds = kavel::WholeNumber<std::uint32_t>(text);
+    if (!seconds || *seconds == 0 || *seconds > kConfirmSecondsMax) {
+        throw CLI::ValidationError("\"" + text + "\" is not a number from 1 to " + std::to_string(kConfirmSecondsMax));
+    }
+    return *seconds;
+}
+
 CLI::Option *AddVpn(CLI::App &app, Arguments &arguments, const std::string &name, const std::string &help)
 {
     return app
@@ -80,6 +89,11 @@ void AddMessageCommands(CLI::App &app, Arguments &arguments)
             "--revision", [&arguments](const std::string &text) { arguments.messages.revision = text; },
             "The sender's name for the messages, 1 to 64 bytes; the status shows it")
         ->type_name("REV");
+    apply
+        ->add_option_function<std::string>(
+            "--confirm", [&arguments](const std::string &text) { arguments.messages.confirmSeconds = Seconds(text); },
+            "Undo the message after so many seconds, 1 to 3600, unless it is confirmed")
+        ->type_name("SECONDS");
     apply->final_callback(
         [&arguments] { arguments.command = [&] { return Apply(arguments.session, arguments.messages); }; });
 
@@ -197,6 +211,11 @@ void AddChangeCommands(CLI::App &app, Arguments &arguments)
                                     : History(arguments.session, arguments.vpn);
         };
     });
+
+    CLI::App *confirm = app.add_subcommand("confirm", "Confirm a message that was applied with --confirm");
+    AddVpn(*confirm, arguments, "ID", "The VPN; 0 is the box itself")->required();
+    confirm->final_callback(
+        [&arguments] { arguments.command = [&] { return Confirm(arguments.session, arguments.vpn.value()); }; });
 
     CLI::App *rollback = app.add_subcommand("rollback", "Apply the message before the one in force again");
     AddVpn(*rollback, arguments, "ID", "The VPN; 0 is the box itself")->required();

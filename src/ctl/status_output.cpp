@@ -197,6 +197,8 @@ constexpr std::array kSentFields = {
     StatusField{"last_repair_time", OptionalCountJson<&VpnStatus::has_last_repair_time, &VpnStatus::last_repair_time>},
     StatusField{"last_repair", OptionalTextJson<&VpnStatus::last_repair>},
     StatusField{"revision", OptionalTextJson<&VpnStatus::revision>},
+    StatusField{"undone_in_seconds",
+                OptionalCountJson<&VpnStatus::has_undone_in_seconds, &VpnStatus::undone_in_seconds>},
 };
 
 constexpr bool HasColumn(const StatusField &field)
@@ -291,6 +293,9 @@ std::string LinesBelow(Vpn vpn, const StatusView &view)
     }
     if (vpn.repairs != 0) {
         texts.push_back(RepairsText(vpn, view.now));
+    }
+    if (vpn.has_undone_in_seconds != 0) {
+        texts.push_back("not confirmed, undone in " + std::to_string(vpn.undone_in_seconds) + " s");
     }
     if (view.withRevisions && vpn.revision != nullptr) {
         texts.push_back("revision " + Printable(vpn.revision));

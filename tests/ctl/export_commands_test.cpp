@@ -190,9 +190,9 @@ TEST_F(ExportCommandsTest, AMessageThatWasNotKeptIsBadInput)
     EXPECT_EQ(GoShow(7, 1), kBadInput);
     EXPECT_EQ(err_.str(), "vqctl: message 1 was not kept: it has 600000 bytes\n");
     err_.str("");
-    Answer({HistoryReply({{.json = std::nullopt, .bytes = 0}})});
+    Answer({HistoryReply({{.json = std::nullopt, .outcome = "confirmed", .bytes = 0}})});
     EXPECT_EQ(GoShow(7, 1), kBadInput);
-    EXPECT_EQ(err_.str(), "vqctl: message 1 has no content: the VPN was stopped\n");
+    EXPECT_EQ(err_.str(), "vqctl: message 1 has no content: confirmed\n");
 }
 
 TEST_F(ExportCommandsTest, ARefusedHistoryIsReported)

@@ -1,11 +1,12 @@
-"""What a message would change, what was there before, and the way back: diff, store export, history, rollback."""
+"""What a message would change, what was there before, and the way back: diff, store export, history, rollback, confirm."""
 
 import json
 import shutil
+import time
 
 import pytest
 
-from box import STORE, ask, expect, instance_pid, message, rows, vpn_config
+from box import STATE, STORE, ask, end, expect, instance_pid, instances, message, rows, vpn_config
 from waiting import wait_until
 
 BEFORE = {
@@ -213,3 +214,154 @@ def test_rollback_to_a_number(kept):
 def test_rollback_without_another_message_does_nothing(kept):
     done = kept.vqctl("rollback", "7")
     assert (done.returncode, done.stdout) == (1, "") and "differs from what is in force" in done.stderr
+
+
+AFTER = message(7, dnshosts=[{"domain": "after.example", "ip": "192.168.7.99"}], persistentflag=True)
+
+
+def apply_to_confirm(box, one, seconds):
+    done = box.vqctl("apply", "--confirm", seconds, "-", input=json.dumps(one))
+    assert (done.returncode, done.stdout) == (0, f"standard input: vpn {one['vpnid']}: applied\n")
+    assert done.stderr == (f"vqctl: standard input: vpn {one['vpnid']}: undone in {seconds} s unless it is confirmed: "
+                           f"vqctl confirm {one['vpnid']}\n")
+
+
+def unconfirmed(vpn=7):
+    return (STATE / f"vpn_{vpn}.unconfirmed").exists()
+
+
+def test_a_confirmed_message_stays(kept):
+    stored = rows()[7]
+    apply_to_confirm(kept, AFTER, 2)
+    expect("192.168.7.99", "after.example")
+    assert rows()[7] == stored and unconfirmed()
+    assert "vpn 7: not confirmed, undone in " in kept.vqctl("status", "--vpn", "7").stdout
+    assert kept.status()["undone_in_seconds"] <= 2
+
+    done = kept.vqctl("confirm", "7")
+
+    assert (done.returncode, done.stdout, done.stderr) == (0, "vpn 7: confirmed\n", "")
+    assert "after.example" in rows()[7] and not unconfirmed()
+    assert "undone_in_seconds" not in kept.status()
+    time.sleep(2.5)
+    expect("192.168.7.99", "after.example")
+    assert [(one["outcome"], one["undone"]) for one in entries(kept)[:2]] == [
+        ("confirmed", False), ("applied, to be confirmed within 2 s", False)]
+
+
+def test_a_message_that_is_not_confirmed_is_undone(kept):
+    stored = rows()[7]
+    kept.vqctl("apply", "--revision", "good", "-", input=json.dumps(message(7, **BEFORE, operation="reload")))
+    apply_to_confirm(kept, AFTER, 1)
+    expect("192.168.7.10", "nas.example")
+    expect("10 mail.example.", "b.example", "MX")
+    wait_until(lambda: "vpn 7: not confirmed within 1 s; the message before it is in force again" in kept.log(), kept.log)
+    assert rows()[7] == stored and not unconfirmed()
+    assert kept.status()["revision"] == "good"
+    newest, undone = entries(kept)[:2]
+    assert (newest["sender"], newest["revision"], newest["outcome"]) == ("agent", "good", "applied")
+    assert undone["undone"] and not newest["undone"]
+    done = kept.vqctl("rollback", "7")
+    assert done.returncode == 1, "the message that was undone is not the way back"
+
+
+def test_where_nothing_was_in_force_the_vpn_is_stopped(kept):
+    apply_to_confirm(kept, message(8, persistentflag=True), 1)
+    wait_until(lambda: "vpn 8: not confirmed within 1 s; nothing was in force before it: stopped" in kept.log(), kept.log)
+    assert instances(8) == [] and 8 not in rows() and list(STATE.glob("vpn_8.*")) == []
+    newest = json.loads(kept.vqctl("history", "8", "--json").stdout)["messages"][0]
+    assert (newest["sender"], newest["outcome"], newest["bytes"]) == ("agent", "not confirmed, stopped", 0)
+
+
+def test_a_restart_of_the_agent_does_not_confirm(kept):
+    apply_to_confirm(kept, AFTER, 2)
+    assert kept.stop() == 0
+    kept.start()
+    expect("192.168.7.10", "nas.example")
+    wait_until(lambda: not unconfirmed(), "the undo is over")
+
+
+def test_the_time_goes_on_without_an_agent(kept):
+    apply_to_confirm(kept, AFTER, 1)
+    kept.agent.kill()
+    kept.agent.wait()
+    time.sleep(1.2)
+    expect("192.168.7.99", "after.example")
+    kept.start()
+    expect("192.168.7.10", "nas.example")
+
+
+def test_a_restart_of_the_box_brings_back_the_row_of_before(kept):
+    apply_to_confirm(kept, AFTER, 3600)
+    kept.cut_power()
+    kept.start()
+    expect("192.168.7.10", "nas.example")
+    assert not unconfirmed()
+
+
+def test_a_row_that_is_held_back_is_not_repaired(kept):
+    apply_to_confirm(kept, message(7), 3600)
+    assert kept.vqctl("repair").stdout == "nothing to repair\n"
+    assert kept.stop() == 0
+    kept.start()
+    assert 7 in rows() and kept.status()["problems"] == []
+    assert kept.vqctl("confirm", "7").returncode == 0
+    assert 7 not in rows()
+
+
+def test_another_message_confirms(kept):
+    apply_to_confirm(kept, AFTER, 1)
+    kept.apply({**AFTER, "dnshosts": [{"domain": "last.example", "ip": "192.168.7.98"}]})
+    assert not unconfirmed() and "last.example" in rows()[7]
+    time.sleep(1.5)
+    expect("192.168.7.98", "last.example")
+
+
+def test_a_refused_message_confirms_nothing(kept):
+    apply_to_confirm(kept, AFTER, 2)
+    kept.refused(message(7, operation=9))
+    assert unconfirmed()
+    expect("192.168.7.10", "nas.example")
+
+
+def test_a_refused_message_has_nothing_to_confirm(kept):
+    done = kept.vqctl("apply", "--confirm", "60", "-",
+                      input=json.dumps(message(7, dnshosts=[{"domain": "bad_name!", "ip": "10.0.0.1"}])))
+    assert done.returncode == 1 and "undone in" not in done.stderr
+    assert not unconfirmed()
+    assert kept.vqctl("confirm", "7").returncode == 1
+
+
+def test_two_unconfirmed_messages_go_back_to_the_one_before_both(kept):
+    apply_to_confirm(kept, AFTER, 3600)
+    apply_to_confirm(kept, {**AFTER, "dnshosts": []}, 1)
+    expect("192.168.7.10", "nas.example")
+    assert [one["undone"] for one in entries(kept)] == [False, True, True, False]
+
+
+def test_stopping_a_vpn_ends_the_wait(kept):
+    apply_to_confirm(kept, AFTER, 1)
+    assert kept.vqctl("stop", "--vpn", "7").returncode == 0
+    time.sleep(1.5)
+    assert instances(7) == [] and not unconfirmed()
+
+
+def test_an_instance_that_ends_meanwhile_does_not_keep_the_undo_away(kept):
+    """An instance that was killed is started again meanwhile."""
+    apply_to_confirm(kept, AFTER, 1)
+    end(instance_pid())
+    expect("192.168.7.10", "nas.example")
+
+
+@pytest.mark.parametrize("words", [("--confirm", "0"), ("--confirm", "3601"), ("--confirm", "x")])
+def test_the_time_has_bounds(kept, words):
+    assert kept.vqctl("apply", *words, "-", input=json.dumps(AFTER)).returncode == 2
+
+
+def test_one_message_at_a_time_is_confirmed(kept, tmp_path):
+    file = tmp_path / "a.json"
+    file.write_text(json.dumps(AFTER))
+    done = kept.vqctl("apply", "--confirm", "9", file, file)
+    assert (done.returncode, done.stderr) == (2, "vqctl: --confirm: it takes one file, not 2\n")
+    assert kept.vqctl("confirm", "7").returncode == 1
+    assert kept.vqctl("confirm", "99").returncode == 1

@@ -25,6 +25,12 @@ inline constexpr std::size_t kHistoryOutcomeMax = 512;
 // The most entries of all VPNs together that are read at once.
 inline constexpr std::int64_t kHistoryReadMax = 16'000;
 
+// Who has sent what the agent itself applies.
+inline constexpr const char *kSentByAgent = "agent";
+// How the outcome of a message begins that has to be confirmed. The seconds follow, and what is wrong.
+inline constexpr const char *kToBeConfirmed = "applied, to be confirmed within ";
+inline constexpr const char *kConfirmedOutcome = "confirmed";
+
 struct HistoryEntry {
     std::int64_t time = 0;                            // Unix time in seconds, of the answer
     std::string peer;                                 // who sent it: "pid 123, uid 0 (vqctl)"

@@ -41,7 +41,8 @@ struct DelayedRemoval {
         VQ_SQL_CONF_TBL table;
     };
 
-    bool isBegun = false; // the module has used the store
+    bool isBegun = false;  // the module has used the store
+    bool keepsRow = false; // nothing is changed
     std::optional<Row> row;
 };
 
@@ -118,11 +119,15 @@ class Store {
     ZeroedPages<VQ_DnsmasqConfNode> offered_;
 };
 
+// What a StoreChange does with the VPN's row.
+enum class RowChange : std::uint8_t { kCarriedOut, kLeftOut };
+
 // Delays the removal of a row to the end of the scope's work: the module removes a row before it adds it again, and an
 // agent that is killed in between must not lose the row. An addition replaces the noted removal. One at a time.
+// With RowChange::kLeftOut, additions and removals succeed and change nothing.
 class StoreChange {
   public:
-    explicit StoreChange(Store &store);
+    explicit StoreChange(Store &store, RowChange change = RowChange::kCarriedOut);
     StoreChange(const StoreChange &) = delete;
     StoreChange &operator=(const StoreChange &) = delete;
     ~StoreChange();

@@ -162,7 +162,11 @@ void Store::WithReport(const std::string &operation, Work work)
 void Store::Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL table)
 {
     if (change_) {
-        *change_ = {.isBegun = true, .row = std::nullopt};
+        change_->isBegun = true;
+        change_->row.reset();
+        if (change_->keepsRow) {
+            return;
+        }
     }
     WithReport(Subject(vpnId) + " cannot be stored", [&](Opened &store) {
         Statement::Run run(store.Of(table).put);
@@ -175,7 +179,10 @@ void Store::Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL ta
 void Store::Remove(std::uint32_t vpnId, VQ_SQL_CONF_TBL table)
 {
     if (change_) {
-        *change_ = {.isBegun = true, .row = DelayedRemoval::Row{vpnId, table}};
+        change_->isBegun = true;
+        if (!change_->keepsRow) {
+            change_->row = DelayedRemoval::Row{vpnId, table};
+        }
         return;
     }
     RemoveNow(vpnId, table);
@@ -367,9 +374,9 @@ std::vector<VpnHistoryEntry> Store::ReadHistoryOfAll()
     return With([](Opened &store) { return store.history.ReadAll(); });
 }
 
-StoreChange::StoreChange(Store &store) : store_(store)
+StoreChange::StoreChange(Store &store, RowChange change) : store_(store)
 {
-    store_.change_.emplace();
+    store_.change_.emplace().keepsRow = change == RowChange::kLeftOut;
 }
 
 StoreChange::~StoreChange()

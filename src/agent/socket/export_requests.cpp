@@ -57,6 +57,25 @@ std::optional<InForceContent> ContentInForce(const Instances &instances, std::ui
     }
 }
 
+// Marks what the agent has undone, in entries of VPNs one after the other, the newest first: what an undo of the agent
+// has found unconfirmed.
+void MarkUndone(std::vector<SentHistoryEntry> &history)
+{
+    std::optional<std::uint32_t> undoneVpn;
+    for (SentHistoryEntry &sent : history) {
+        const HistoryEntry &entry = sent.entry;
+        if (entry.result < 0) {
+            continue;
+        }
+        sent.isUndone = undoneVpn == sent.vpn && entry.outcome.starts_with(kToBeConfirmed);
+        if (entry.peer == kSentByAgent) {
+            undoneVpn = sent.vpn;
+        } else if (!sent.isUndone) {
+            undoneVpn.reset();
+        }
+    }
+}
+
 } // namespace
 
 Answer ShowInForce(Host &host, const ModuleFunctions &module, const Instances &instances, const Kavel__Request &request)
@@ -90,12 +109,14 @@ Answer ListHistory(Host &host, const Kavel__Request &request)
             for (VpnHistoryEntry &read : host.store.ReadHistoryOfAll()) {
                 answer.history.push_back({read.vpn, std::move(read.entry), platform});
             }
+            MarkUndone(answer.history);
             return answer;
         }
         answer.vpn = request.vpn;
         for (HistoryEntry &entry : host.store.ReadHistory(request.vpn)) {
             answer.history.push_back({request.vpn, std::move(entry), platform});
         }
+        MarkUndone(answer.history);
         return answer;
     });
 }

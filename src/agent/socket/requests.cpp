@@ -51,6 +51,7 @@ Requests::Requests(EventLoop &loop, Host &host, const Instances &instances, cons
       drain_(loop.AddDeferred([this] { DrainQueues(); }))
 {
     supervisor.OnFree([this](std::uint32_t vpnId) { BeginDraining(vpnId); });
+    supervisor.OnUnconfirmed([this](std::uint32_t vpnId) { return BeginUndo(vpnId); });
 }
 
 void Requests::Handle(ReceivedFrame frame, const Respond &respond)
@@ -101,6 +102,9 @@ void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest recei
         return;
     case KAVEL__REQUEST__VERB__STORE_SHOW:
         received.respond(ShowStored(host_.store, request));
+        return;
+    case KAVEL__REQUEST__VERB__CONFIRM:
+        HandleConfirm(request, std::move(received), wasQueued);
         return;
     case KAVEL__REQUEST__VERB__STORE_EXPORT:
         received.respond(ExportStored(host_, module_, request));

@@ -54,10 +54,17 @@ class Requests {
     [[nodiscard]] Answer Configure(const ControllerMessage &message, const Kavel__Request &request);
     [[nodiscard]] Respond Recorded(const ControllerMessage &message, const Kavel__Request &request, std::string sender,
                                    const Respond &respond);
+    void HandleConfirm(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
+    [[nodiscard]] Answer Confirm(std::uint32_t vpnId, const std::string &sender);
+    bool BeginUndo(std::uint32_t vpnId);
+    void ApplyBefore(std::uint32_t vpnId, const BeforeUnconfirmed &before, std::uint32_t seconds);
+    void StopUnconfirmed(std::uint32_t vpnId, std::uint32_t seconds);
+    void AddToHistory(std::uint32_t vpnId, HistoryEntry entry);
     void BeginRepair(const Kavel__Request &request, const Respond &respond);
     void HandleStop(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
     [[nodiscard]] std::vector<std::uint32_t> ServedVpns() const;
     [[nodiscard]] std::string LaunchFailure(const ControllerMessage &message) const;
+    [[nodiscard]] OptionalAnswer KeepBefore(const ControllerMessage &message, const Kavel__Request &request);
     [[nodiscard]] OptionalAnswer ApplyObjection(const ControllerMessage &message) const;
     [[nodiscard]] Answer Check(std::span<const std::uint8_t> bytes);
     [[nodiscard]] Answer InForceAnswer(const Kavel__Request &request);

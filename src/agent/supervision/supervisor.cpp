@@ -66,7 +66,8 @@ Supervisor::Supervisor(EventLoop &loop, Host &host, const Instances &instances, 
                        PendingLaunches &launches, ChildReaper &reaper)
     : loop_(loop), host_(host), instances_(instances), module_(module), launches_(launches), reaper_(reaper),
       markTimer_(loop.AddTimer([this] { WaitForMarks(); })), bringBack_(loop.AddDeferred([this] { BringBackNext(); })),
-      agendaTimer_(loop.AddTimer([this] { RunAgenda(); })), tick_(loop.AddTimer([this] { Tick(); }))
+      agendaTimer_(loop.AddTimer([this] { RunAgenda(); })), tick_(loop.AddTimer([this] { Tick(); })),
+      undoTimer_(loop.AddTimer([this] { RunUndos(); }))
 {
     launches.Observe([this](std::uint32_t vpnId, LaunchOutcome outcome) { LaunchEnded(vpnId, outcome); });
 }
@@ -79,7 +80,7 @@ Supervisor::~Supervisor()
 void Supervisor::Stop()
 {
     isStopped_ = true;
-    for (EventSource *source : {&markTimer_, &bringBack_, &agendaTimer_, &tick_}) {
+    for (EventSource *source : {&markTimer_, &bringBack_, &agendaTimer_, &tick_, &undoTimer_}) {
         *source = EventSource();
     }
     // The inotify sources stay: libsystemd 252 does not return from a wait when one is removed that has events pending.
@@ -180,7 +181,7 @@ void Supervisor::SaveFacts(std::uint32_t vpnId, bool isComplete)
 }
 
 void Supervisor::Applied(const ControllerMessage &message, std::span<const std::uint8_t> bytes,
-                         const std::optional<std::string> &revision)
+                         const std::optional<std::string> &revision, std::optional<std::uint32_t> confirmSeconds)
 {
     const std::uint32_t vpnId = message.vpn;
     WatchedVpn &vpn = Of(vpnId);
@@ -189,6 +190,7 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
     wanted.isStored = message.isKept && host_.config.persistence; // the store may have failed for now
     wanted.revision = revision;
     vpn.wanted = std::move(wanted);
+    BeginConfirmation(vpnId, confirmSeconds);
     vpn.startAt.reset();
     vpn.startTime.reset();
     vpn.failures = 0;
@@ -210,6 +212,9 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
     } catch (const std::system_error &failure) {
         Log(LogLevel::kWarning, "vpn %u: what is in force is not kept: %s", vpnId, failure.what());
     }
+    if (!confirmSeconds) {
+        ForgetBefore(vpnId);
+    }
     ScheduleLook(vpnId, Clock::now() + std::chrono::seconds(host_.config.watch.lookSeconds));
 }
 
@@ -217,6 +222,9 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
 void Supervisor::Refused(std::uint32_t vpnId)
 {
     WatchedVpn &vpn = Of(vpnId);
+    if (!Confirmation(vpnId)) {
+        ForgetBefore(vpnId);
+    }
     const bool hasLaunched = IsLaunchMarked(vpnId);
     if (hasLaunched && !vpn.wanted) {
         Log(LogLevel::kNotice, "vpn %u: the instance of the refused message is ended", vpnId);
@@ -417,6 +425,7 @@ void Supervisor::Describe(VpnStatus &status) const
     if (vpn.wanted) {
         status.revision = vpn.wanted->revision;
     }
+    DescribeConfirmation(status);
     if (!vpn.missing.isNamespace) {
         std::ranges::copy(vpn.missing.findings, std::back_inserter(status.problems));
     }
