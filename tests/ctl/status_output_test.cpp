@@ -272,9 +272,17 @@ TEST_F(StatusTest, AnyProblemLooksAtEveryVpn)
     EXPECT_FALSE(AnyProblem({}));
 }
 
+TEST_F(StatusTest, AMessageThatWaitsForItsConfirmationIsToldBelow)
+{
+    running_.status.has_undone_in_seconds = 1;
+    running_.status.undone_in_seconds = 40;
+    EXPECT_EQ(Below(running_.status, false), "vpn 7: not confirmed, undone in 40 s\n");
+}
+
 TEST_F(StatusTest, JsonHoldsEveryFieldOfTheProtocolAndTheState)
 {
     AddHistory(failed_);
+    failed_.status.has_undone_in_seconds = 1;
     const JsonPtr json = ParseJson(StatusJson(all_));
     ASSERT_EQ(json_object_array_length(json.get()), 3U);
     json_object *const vpn = json_object_array_get_idx(json.get(), 2);
