@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -23,6 +24,7 @@
 #include "base/failure.h"
 #include "base/log.h"
 #include "base/procfs.h"
+#include "instances/agent_facts.h"
 #include "instances/agent_lock.h"
 #include "instances/in_force.h"
 #include "instances/instances.h"
@@ -32,6 +34,7 @@
 #include "services/host.h"
 #include "services/memory_malloc.h"
 #include "socket/control_socket.h"
+#include "socket/peer.h"
 #include "socket/requests.h"
 #include "supervision/repair.h"
 #include "supervision/supervisor.h"
@@ -43,6 +46,7 @@ namespace {
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr mode_t kUmask = 022;
+constexpr const char *kStartsPath = "/run/kavel/starts";
 constexpr std::chrono::seconds kMemoryInterval{30};
 // How often the service manager is told how far the start is, and how long it waits for the next time.
 constexpr std::chrono::seconds kStartReportInterval{1};
@@ -155,11 +159,19 @@ class Agent {
     const Instances instances_{{}, host_.identity};
     PendingLaunches launches_{loop_, instances_, host_.launchOutputs};
     Supervisor supervisor_{loop_, host_, instances_, module_.Functions(), launches_, reaper_};
-    Requests requests_{loop_, host_, instances_, module_.Functions(), launches_, supervisor_};
-    ControlSocket socket_{loop_, host_.config.socket, [this](ReceivedFrame frame, const Respond &respond) {
+    Requests requests_{loop_,
+                       host_,
+                       instances_,
+                       module_.Functions(),
+                       launches_,
+                       supervisor_,
+                       {KAVEL_VERSION, CountStart(kStartsPath)}};
+    ControlSocket socket_{loop_, host_.config.socket,
+                          [this](ReceivedFrame frame, const Respond &respond) {
                               requests_.Handle(std::move(frame), respond);
                               CheckMemory();
-                          }};
+                          },
+                          host_.config.readers ? GroupNamed(*host_.config.readers) : std::nullopt};
     EventSource memoryTimer_ = loop_.AddTimer([this] { CheckMemory(); });
     EventSource startTimer_ = loop_.AddTimer([this] { ReportStart(); });
     bool isStopping_ = false;
@@ -227,7 +239,7 @@ void Agent::ReadConfigurationAgain()
             throw ConfigError(*key + ": needs a restart of the agent");
         }
         const Config old = std::exchange(host_.config, std::move(fresh));
-        ConfigureLog(host_.config.log);
+        requests_.ConfigurationRead();
         AdjustLimits(host_.config);
         host_.namespaces.BeginRequest();
         Log(LogLevel::kNotice, "configuration read again: %s", ServingText(host_.config).c_str());

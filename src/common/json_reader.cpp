@@ -4,52 +4,79 @@
 #include <new>
 
 #include "input_error.h"
+#include "json_text.h"
 #include "printable.h"
 
 namespace kavel {
 
 namespace {
 
-constexpr std::size_t kShownMax = 64;
 constexpr std::string_view kBlanks = " \t\n\v\f\r";
 
-// Whether a byte of UTF-8 is not the first of its character.
-bool ContinuesCharacter(char byte)
+[[noreturn]] void RefuseAt(std::string_view text, const JsonMistake &mistake)
 {
-    return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
+    throw InputError(TextPosition(text).At(mistake.offset) + ": " + mistake.what);
 }
 
-[[noreturn]] void RefuseAt(std::string_view text, std::size_t offset, std::string_view why)
-{
-    const std::string_view before = text.substr(0, offset);
-    const auto line = 1 + std::ranges::count(before, '\n');
-    const std::string_view last = before.substr(before.rfind('\n') + 1); // npos + 1 is 0, the start of the first line
-    const auto column = last.size() - static_cast<std::size_t>(std::ranges::count_if(last, ContinuesCharacter)) + 1;
-    throw InputError("line " + std::to_string(line) + ", column " + std::to_string(column) + ": " + std::string(why));
-}
-
+// A NUL character is named for what it is: the words of json-c do not show it.
 [[noreturn]] void RefuseSyntax(std::string_view text, std::size_t offset, json_tokener_error error)
 {
-    if (offset >= text.size()) {
-        RefuseAt(text, text.size(), "unexpected end of file");
+    const bool isAtEnd = offset >= text.size();
+    std::optional<JsonMistake> mistake = isAtEnd ? std::nullopt : FindMistakeAt(text, offset);
+    if (!mistake) {
+        mistake = FindTypographicQuote(text, offset);
     }
-    RefuseAt(text, offset, text[offset] == '\0' ? "NUL character" : json_tokener_error_desc(error));
+    if (mistake) {
+        RefuseAt(text, *mistake);
+    }
+    if (isAtEnd) {
+        RefuseAt(text, {text.size(), "unexpected end of file"});
+    }
+    RefuseAt(text, {offset, text[offset] == '\0' ? "NUL character" : json_tokener_error_desc(error)});
 }
 
-void RefuseTextAfterValue(std::string_view text, std::size_t valueEnd)
+// Whether another object begins there, with or without a comma before it.
+bool BeginsObject(std::string_view rest)
+{
+    if (rest.starts_with(',')) {
+        rest.remove_prefix(std::min(rest.find_first_not_of(kBlanks, 1), rest.size()));
+    }
+    return rest.starts_with('{');
+}
+
+void RefuseTextAfterValue(std::string_view text, std::size_t valueEnd, std::string_view noun)
 {
     const std::size_t offset = text.find_first_not_of(kBlanks, valueEnd);
-    if (offset != std::string_view::npos) {
-        RefuseAt(text, offset, text[offset] == '\0' ? "NUL character" : "unexpected text after the value");
+    if (offset == std::string_view::npos) {
+        return;
     }
+    if (text[offset] == '\0') {
+        RefuseAt(text, {offset, "NUL character"});
+    }
+    if (BeginsObject(text.substr(offset))) {
+        RefuseAt(text, {offset, "a second " + std::string(noun) + " begins here; put each into a file of its own"});
+    }
+    RefuseAt(text, FindMistakeAt(text, offset).value_or(JsonMistake{offset, "unexpected text after the value"}));
+}
+
+void RefuseRepeatedKeys(std::string_view text, const ErrorSink *errors)
+{
+    TextPosition position(text);
+    FindRepeatedKeys(text, [&](const JsonMistake &repeated) {
+        const std::string refusal = position.At(repeated.offset) + ": " + repeated.what;
+        errors != nullptr ? (*errors)(refusal) : throw InputError(refusal);
+    });
 }
 
 } // namespace
 
-JsonPtr ParseJson(const std::string &text)
+JsonPtr ParseJson(const std::string &text, const JsonReading &reading)
 {
     if (text.size() >= static_cast<std::size_t>(std::numeric_limits<int>::max())) {
         throw InputError("is too large");
+    }
+    if (const std::optional<JsonMistake> mark = FindByteOrderMark(text)) {
+        RefuseAt(text, *mark);
     }
     const std::unique_ptr<json_tokener, decltype(&json_tokener_free)> tokener(json_tokener_new(), json_tokener_free);
     if (!tokener) {
@@ -64,7 +91,8 @@ JsonPtr ParseJson(const std::string &text)
     if (const json_tokener_error error = json_tokener_get_error(tokener.get()); error != json_tokener_success) {
         RefuseSyntax(text, end, error);
     }
-    RefuseTextAfterValue(text, end);
+    RefuseTextAfterValue(text, end, reading.noun);
+    RefuseRepeatedKeys(std::string_view(text).substr(0, end), reading.errors);
     return value;
 }
 
@@ -98,16 +126,7 @@ std::string JsonValue::Shown() const
     if (Is(json_type_object)) {
         return "an object";
     }
-    std::string text = json_object_to_json_string_ext(json, JSON_C_TO_STRING_NOSLASHESCAPE);
-    if (text.size() > kShownMax) {
-        std::size_t cut = kShownMax;
-        while (ContinuesCharacter(text[cut])) {
-            --cut;
-        }
-        text.resize(cut);
-        text += "...";
-    }
-    return text;
+    return Shortened(json_object_to_json_string_ext(json, JSON_C_TO_STRING_NOSLASHESCAPE));
 }
 
 void JsonValue::RefuseKind(std::string_view expected) const

@@ -6,12 +6,18 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <iterator>
 #include <json-c/json.h>
 #include <memory>
 #include <optional>
 #include <ranges>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "input_error.h"
+#include "json_text.h"
 
 namespace kavel {
 
@@ -20,10 +26,20 @@ struct JsonRelease {
 };
 using JsonPtr = std::unique_ptr<json_object, JsonRelease>;
 
+// Is given the text of each error, of one line, where reading can go on behind it.
+using ErrorSink = std::function<void(const std::string &text)>;
+
+struct JsonReading {
+    std::string_view noun = "value"; // what the text holds one of
+    // If set, it is given the errors that do not end the reading, instead of an exception for the first.
+    const ErrorSink *errors = nullptr;
+};
+
 // The one JSON value that `text` consists of, blanks around it aside; null for the JSON null. Refused: a syntax error,
-// bytes that are not UTF-8, a NUL character, text after the value, and a text of INT_MAX bytes or more. Lines and
-// columns count from 1; a column is a character, not a byte. Of a key that an object has twice, the last value counts.
-JsonPtr ParseJson(const std::string &text);
+// a byte order mark, bytes that are not UTF-8, a NUL character, text after the value, a key that an object has twice,
+// and a text of INT_MAX bytes or more. Lines and columns count from 1; a column is a character, not a byte. Only the
+// keys are errors that do not end the reading; the last value of such a key counts then.
+JsonPtr ParseJson(const std::string &text, const JsonReading &reading = {});
 
 // The JSON null, which json-c represents by a null pointer, is a json_type_null.
 inline bool IsType(const json_object *value, json_type type)
@@ -64,6 +80,7 @@ class JsonPath {
 struct JsonValue {
     json_object *json = nullptr;
     JsonPath path;
+    const ErrorSink *errors = nullptr; // see JsonReading; it is passed on to the values inside
 
     [[nodiscard]] bool Is(json_type type) const { return IsType(json, type); }
 
@@ -88,7 +105,21 @@ struct JsonValue {
     // The element at `index`, which is below Length(). It refers to this value.
     [[nodiscard]] JsonValue Element(std::size_t index) const
     {
-        return {json_object_array_get_idx(json, index), path.Index(index)};
+        return {json_object_array_get_idx(json, index), path.Index(index), errors};
+    }
+
+    // Calls `read()`, which may throw InputError: the error goes to `errors` if there are any.
+    template <typename Read>
+    void Attempt(Read read) const
+    {
+        if (errors == nullptr) {
+            return read();
+        }
+        try {
+            read();
+        } catch (const InputError &error) {
+            (*errors)(error.what());
+        }
     }
 
     // Calls `read(element)` for each element of an array, in order.
@@ -97,7 +128,7 @@ struct JsonValue {
     {
         const std::size_t length = Length();
         for (std::size_t i = 0; i < length; ++i) {
-            read(Element(i));
+            Attempt([&] { read(Element(i)); });
         }
     }
 };
@@ -122,6 +153,15 @@ auto FindByName(const Table &table, std::string_view name)
     return std::ranges::find_if(table, [name](const auto &entry) { return entry.name == name; });
 }
 
+// The text for a key that the table does not have.
+template <typename Table>
+std::string UnknownKeyTextFor(std::string_view key, const Table &table)
+{
+    std::vector<std::string_view> names;
+    std::ranges::transform(table, std::back_inserter(names), [](const auto &entry) { return entry.name; });
+    return UnknownKeyText(key, names);
+}
+
 // Reads an object's members, in the order of the document, by a table of JsonMember. Refuses a value that is not an
 // object, a key that the table does not have, and an object without a required key.
 template <typename Table, typename... Target>
@@ -131,16 +171,19 @@ void ReadMembers(const JsonValue &object, const Table &table, Target &...target)
     const json_object_iterator end = json_object_iter_end(object.json);
     json_object_iterator it = json_object_iter_begin(object.json);
     for (; json_object_iter_equal(&it, &end) == 0; json_object_iter_next(&it)) {
-        const JsonPath path = object.path.Key(json_object_iter_peek_name(&it));
-        const auto member = FindByName(table, json_object_iter_peek_name(&it));
-        if (member == std::ranges::end(table)) {
-            Refuse(path, "unknown key");
-        }
-        member->read(JsonValue{json_object_iter_peek_value(&it), path}, target...);
+        const std::string_view key = json_object_iter_peek_name(&it);
+        const JsonPath path = object.path.Key(key);
+        const auto member = FindByName(table, key);
+        object.Attempt([&] {
+            if (member == std::ranges::end(table)) {
+                Refuse(path, UnknownKeyTextFor(key, table));
+            }
+            member->read(JsonValue{json_object_iter_peek_value(&it), path, object.errors}, target...);
+        });
     }
     for (const auto &member : table) {
         if (member.presence == Presence::kRequired && !HasKey(object.json, member.name)) {
-            Refuse(object.path.Key(member.name), "is missing");
+            object.Attempt([&] { Refuse(object.path.Key(member.name), "is missing"); });
         }
     }
 }

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
+#include <utility>
 
 #include "errors.h"
 #include "frame.h"
@@ -72,21 +73,22 @@ Client Client::Connect(const std::string &path, std::chrono::milliseconds timeou
     return {std::move(socket), timeout};
 }
 
-ReplyPtr Client::Exchange(std::span<const std::uint8_t> request)
+ReplyPtr Client::Exchange(std::span<const std::uint8_t> request, Waiting waiting)
 {
-    const Deadline deadline(timeout_);
-    Send(control::EncodeFrameLength(request.size()), deadline);
-    Send(request, deadline);
+    const std::chrono::milliseconds noticeAfter = waiting.noticeAfter;
+    Wait wait{Deadline(timeout_), Deadline(noticeAfter), std::move(waiting)};
+    Send(control::EncodeFrameLength(request.size()), wait);
+    Send(request, wait);
 
     std::array<std::uint8_t, control::kFrameHeaderSize> header{};
-    Receive(header, deadline);
+    Receive(header, wait);
     const std::size_t length = control::DecodeFrameLength(header.data());
     if (length > control::kFrameMax) {
         throw AgentError("the agent announced a reply of " + std::to_string(length) + " bytes, over the limit of " +
                          std::to_string(control::kFrameMax));
     }
     std::vector<std::uint8_t> bytes(length);
-    Receive(bytes, deadline);
+    Receive(bytes, wait);
     ReplyPtr reply(kavel__reply__unpack(nullptr, bytes.size(), bytes.data()));
     if (!reply) {
         throw AgentError("the agent's reply is malformed");
@@ -94,29 +96,38 @@ ReplyPtr Client::Exchange(std::span<const std::uint8_t> request)
     return reply;
 }
 
-void Client::WaitFor(short events, const Deadline &deadline) const
+void Client::WaitFor(short events, Wait &wait) const
 {
-    pollfd waited{socket_.Get(), events, 0};
+    // A descriptor of -1 is passed over by poll().
+    std::array<pollfd, 2> waited{{{socket_.Get(), events, 0}, {wait.other.interrupt, POLLIN, 0}}};
     while (true) {
-        if (deadline.HasPassed()) {
+        if (wait.end.HasPassed()) {
             std::ostringstream text;
             text << "the agent did not reply within " << std::chrono::duration<double>(timeout_).count() << " s";
             throw AgentError(text.str());
         }
-        const int ready = ::poll(&waited, 1, deadline.PollTimeout());
-        if (ready > 0) {
-            return;
+        if (wait.other.notice && wait.notice.HasPassed()) {
+            std::exchange(wait.other.notice, nullptr)();
         }
+        const int untilEnd = wait.end.PollTimeout();
+        const int timeout = wait.other.notice ? std::min(untilEnd, wait.notice.PollTimeout()) : untilEnd;
+        const int ready = ::poll(waited.data(), waited.size(), timeout);
         if (ready < 0 && errno != EINTR) {
             ThrowConnectionError(errno);
+        }
+        if (ready > 0 && waited.front().revents != 0) {
+            return;
+        }
+        if (ready > 0) {
+            throw Interrupted();
         }
     }
 }
 
-void Client::Send(std::span<const std::uint8_t> bytes, const Deadline &deadline) const
+void Client::Send(std::span<const std::uint8_t> bytes, Wait &wait) const
 {
     while (!bytes.empty()) {
-        WaitFor(POLLOUT, deadline);
+        WaitFor(POLLOUT, wait);
         const ssize_t put = ::send(socket_.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (put >= 0) {
             bytes = bytes.subspan(static_cast<std::size_t>(put));
@@ -126,10 +137,10 @@ void Client::Send(std::span<const std::uint8_t> bytes, const Deadline &deadline)
     }
 }
 
-void Client::Receive(std::span<std::uint8_t> bytes, const Deadline &deadline) const
+void Client::Receive(std::span<std::uint8_t> bytes, Wait &wait) const
 {
     while (!bytes.empty()) {
-        WaitFor(POLLIN, deadline);
+        WaitFor(POLLIN, wait);
         const ssize_t got = ::recv(socket_.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
         if (got == 0) {
             throw AgentError(kClosed);

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -23,6 +24,13 @@ using ReplyPtr = std::unique_ptr<Kavel__Reply, ReplyRelease>;
 // Packs a request. Throws InputError when the request is larger than kFrameMax.
 std::vector<std::uint8_t> PackRequest(const Kavel__Request &request);
 
+// What else may happen while a client waits for the agent.
+struct Waiting {
+    std::chrono::milliseconds noticeAfter{0}; // since the exchange has begun
+    std::function<void()> notice;             // called once, at that time; may be empty
+    int interrupt = -1;                       // when this descriptor is readable, Interrupted is thrown; -1: none
+};
+
 class Client {
   public:
     // `timeout` limits each exchange.
@@ -32,12 +40,19 @@ class Client {
     static Client Connect(const std::string &path, std::chrono::milliseconds timeout);
 
     // Sends a packed request and waits for the reply.
-    ReplyPtr Exchange(std::span<const std::uint8_t> request);
+    ReplyPtr Exchange(std::span<const std::uint8_t> request, Waiting waiting = {});
 
   private:
-    void WaitFor(short events, const Deadline &deadline) const;
-    void Send(std::span<const std::uint8_t> bytes, const Deadline &deadline) const;
-    void Receive(std::span<std::uint8_t> bytes, const Deadline &deadline) const;
+    // One exchange: its limit, and what else may happen.
+    struct Wait {
+        Deadline end;
+        Deadline notice;
+        Waiting other;
+    };
+
+    void WaitFor(short events, Wait &wait) const;
+    void Send(std::span<const std::uint8_t> bytes, Wait &wait) const;
+    void Receive(std::span<std::uint8_t> bytes, Wait &wait) const;
 
     UniqueFd socket_;
     std::chrono::milliseconds timeout_;

@@ -1,15 +1,22 @@
 #include "commands.h"
 
+#include <csignal>
 #include <ostream>
 #include <span>
+#include <string_view>
+#include <utility>
 
+#include "apply_output.h"
 #include "client.h"
 #include "errors.h"
 #include "files.h"
 #include "json_message.h"
+#include "json_output.h"
 #include "output.h"
+#include "progress.h"
+#include "result_json.h"
 #include "session.h"
-#include "status_output.h"
+#include "signals.h"
 #include "store_output.h"
 
 namespace kavel::ctl {
@@ -22,26 +29,10 @@ struct Outgoing {
     std::vector<std::uint8_t> request;
 };
 
-std::string DisplayName(const std::string &file)
-{
-    return file == "-" ? "standard input" : file;
-}
-
-// Calls `work` and puts the file's name before the text of an InputError.
-template <typename Work>
-auto WithFileName(const std::string &name, Work work)
-{
-    try {
-        return work();
-    } catch (const InputError &error) {
-        throw InputError(name + ": " + error.what());
-    }
-}
-
-EncodedMessage LoadMessage(const std::string &file, bool binary)
+EncodedMessage LoadMessage(const std::string &file, bool binary, MessageFor target)
 {
     const std::string content = ReadInput(file);
-    return binary ? EncodedMessage{{content.begin(), content.end()}, "raw message"} : EncodeJson(content);
+    return binary ? EncodedMessage{{content.begin(), content.end()}, "raw message"} : EncodeJson(content, target);
 }
 
 void CheckRevision(const std::string &revision)
@@ -62,16 +53,35 @@ std::vector<Outgoing> LoadAll(Kavel__Request__Verb verb, const Messages &message
     std::vector<Outgoing> all;
     for (const std::string &file : messages.files) {
         all.push_back(WithFileName(DisplayName(file), [&] {
-            EncodedMessage message = LoadMessage(file, messages.binary);
+            EncodedMessage message = LoadMessage(file, messages.binary, messages.target);
             Kavel__Request request = NewRequest(verb);
             request.has_message = 1;
             request.message = {message.bytes.size(), message.bytes.data()};
             request.revision = revision ? revision->data() : nullptr;
+            request.has_confirm_seconds = messages.confirmSeconds ? 1 : 0;
+            request.confirm_seconds = messages.confirmSeconds.value_or(0);
             return Outgoing{DisplayName(file), message.summary + " (" + Counted(message.bytes.size(), "byte") + ")",
                             PackRequest(request)};
         }));
     }
     return all;
+}
+
+void CheckConfirmation(const Messages &messages)
+{
+    if (messages.confirmSeconds && messages.files.size() != 1) {
+        throw InputError("--confirm: it takes one file, not " + std::to_string(messages.files.size()));
+    }
+}
+
+// What has to be done next about a message that was applied.
+void ReportConfirmation(const Session &session, const std::string &subject, const Messages &messages,
+                        const Kavel__Reply &reply)
+{
+    if (messages.confirmSeconds && reply.has_vpn != 0) {
+        session.err << "vqctl: " << subject << ": undone in " << *messages.confirmSeconds
+                    << " s unless it is confirmed: vqctl confirm " << reply.vpn << std::endl;
+    }
 }
 
 // "a.json, b.json"
@@ -97,23 +107,43 @@ std::string NotSentText(std::span<const Outgoing> rest)
     throw AgentError(outgoing.front().file + ": " + error.what() + (rest.empty() ? "" : "; " + rest));
 }
 
+void AddNotSent(const Session &session, std::span<const Outgoing> rest)
+{
+    for (const Outgoing &one : rest) {
+        AddElement(ArrayOf(DocumentOf(session), "not_sent"), JsonText(one.file));
+    }
+}
+
+// Tells which messages were not sent, after one that was refused.
+void ReportNotSent(const Session &session, std::span<const Outgoing> rest)
+{
+    if (session.json) {
+        AddNotSent(session, rest);
+    } else if (!rest.empty()) {
+        session.err << "vqctl: " << Printable(NotSentText(rest)) << '\n';
+    }
+}
+
 ReplyPtr ExchangeFirst(const Session &session, Client &client, std::span<const Outgoing> outgoing)
 {
     const Outgoing &message = outgoing.front();
     try {
         return Exchange(session, client, message.request, message.file + ": " + message.summary);
     } catch (const AgentError &error) {
+        if (session.json) {
+            AddNotSent(session, outgoing.subspan(1));
+        }
         ThrowWithFiles(error, outgoing);
     }
 }
 
-std::string CheckText(const Kavel__Reply &reply)
+std::string CheckText(const std::string &file, const Kavel__Reply &reply)
 {
     if (reply.result < 0) {
         return "would be refused " + RefusalText(reply);
     }
     if (reply.summary == nullptr) {
-        throw AgentError("the agent's reply says nothing about the message");
+        throw AgentError(file + ": the agent's reply says nothing about the message");
     }
     return "would apply: " + SummaryText(*reply.summary);
 }
@@ -124,35 +154,110 @@ std::string MessageSubject(const Outgoing &message, const Kavel__Reply &reply)
     return Printable(message.file) + ": " + SubjectText(VpnOf(reply));
 }
 
-void PrintNotes(const Session &session, const std::string &subject, const Kavel__Reply &reply)
+// What became of a message: `text` begins with the outcome, "applied, NOT RUNNING: ...".
+void PrintResult(const Session &session, const Outgoing &message, const Kavel__Reply &reply, const std::string &text)
 {
-    for (std::size_t i = 0; i < reply.n_notes; ++i) {
-        session.err << "vqctl: " << subject << ": " << Printable(reply.notes[i]) << std::endl;
+    if (session.json) {
+        const std::string outcome = text.substr(0, text.find_first_of(",:("));
+        AddElement(ArrayOf(DocumentOf(session), "results"),
+                   MessageJson(message.file, reply, outcome.substr(0, outcome.find_last_not_of(' ') + 1)));
+        return;
+    }
+    const std::string subject = MessageSubject(message, reply);
+    session.out << subject << ": " << text << std::endl;
+    if (OutcomeOf(reply) == kDone && reply.text != nullptr) {
+        session.err << "vqctl: " << subject << ": " << Printable(reply.text) << std::endl;
+    }
+    PrintNotes(session, subject, reply);
+}
+
+// Reports on standard output, or in the JSON document, that the agent refused. Returns the exit code.
+int PrintRefusal(const Session &session, const std::string &subject, const Kavel__Reply &reply)
+{
+    const std::string text = subject + ": refused " + RefusalText(reply);
+    if (session.json) {
+        AddError(session, CodeOfRefusal(reply), text);
+    } else {
+        session.out << text << std::endl;
+    }
+    return CodeOfRefusal(reply);
+}
+
+// Prints the outcome of an applied message. Returns its exit code.
+int ReportResult(const Session &session, const Outgoing &message, const Kavel__Reply &reply)
+{
+    const bool isRefused = reply.result < 0;
+    PrintResult(session, message, reply, isRefused ? "refused " + RefusalText(reply) : AppliedText(reply));
+    return OutcomeOf(reply);
+}
+
+void ReportFiles(const Session &session, const std::string &what, std::span<const Outgoing> files)
+{
+    if (!files.empty()) {
+        session.err << "vqctl: " << what << ": " << Printable(FileNames(files)) << std::endl;
     }
 }
 
-// Whether the service is in the state that an applied message asks for. An agent that does not know says nothing.
-bool IsAsAsked(const Kavel__Reply &reply)
+// Of `all`, the first `applied` are applied. Returns the exit code.
+int ReportInterruption(const Session &session, std::span<const Outgoing> all, std::size_t applied, bool isInFlight)
 {
-    return reply.has_enabled == 0 || reply.has_running == 0 || reply.enabled == reply.running;
+    constexpr int kEndedBySignal = 128; // as a shell reports it
+    const std::span<const Outgoing> left = all.subspan(applied);
+    session.err << "vqctl: interrupted" << std::endl;
+    const int code = kEndedBySignal + session.signals->Take().value_or(SIGINT);
+    if (session.json) {
+        AddError(session, static_cast<ExitCode>(code), "interrupted");
+    }
+    ReportFiles(session, "applied", all.first(applied));
+    ReportFiles(session, "in flight, may still be applied", left.first(isInFlight ? 1 : 0));
+    ReportFiles(session, "not sent", left.subspan(isInFlight ? 1 : 0));
+    return code;
 }
 
-// "applied", and what is wrong with the service.
-std::string AppliedText(const Kavel__Reply &reply)
+int ApplyAll(const Session &session, const Messages &messages, std::span<const Outgoing> all)
 {
-    if (IsAsAsked(reply)) {
-        return "applied";
+    Client client = Client::Connect(session.socket, session.timeout);
+    Progress progress(session.err, session.errIsTerminal && !session.verbose, all.size());
+    int code = kDone;
+    for (std::size_t applied = 0; applied < all.size(); ++applied) {
+        const std::span<const Outgoing> left = all.subspan(applied);
+        if (session.signals->IsPending()) {
+            return ReportInterruption(session, all, applied, false);
+        }
+        progress.Show(applied + 1);
+        try {
+            const ReplyPtr reply = ExchangeFirst(session, client, left);
+            progress.Clear();
+            const int one = ReportResult(session, left.front(), *reply);
+            if (one != kRefused) {
+                ReportConfirmation(session, MessageSubject(left.front(), *reply), messages, *reply);
+            }
+            code = one == kDone ? code : one;
+        } catch (const Interrupted &) {
+            progress.Clear();
+            return ReportInterruption(session, all, applied, true);
+        }
+        if (code == kRefused) {
+            ReportNotSent(session, left.subspan(1));
+            return code;
+        }
     }
-    const std::string state = reply.enabled != 0 ? "applied, NOT RUNNING" : "applied, STILL RUNNING";
-    return reply.text != nullptr ? state + ": " + Printable(reply.text) : state;
+    return code;
 }
 
 int RunVpnCommand(const Session &session, Kavel__Request__Verb verb, std::uint32_t vpn, const std::string &done)
 {
     const ReplyPtr reply = ExchangeOne(session, NewRequest(verb, vpn), SubjectText(vpn) + " to be " + done);
-    const bool refused = reply->result < 0;
-    session.out << SubjectText(vpn) << ": " << (refused ? "refused " + RefusalText(*reply) : done) << '\n';
-    return refused ? kRefused : kDone;
+    if (reply->result < 0) {
+        return PrintRefusal(session, SubjectText(vpn), *reply);
+    }
+    if (session.json) {
+        AddMember(DocumentOf(session), "vpn", JsonNumber(vpn));
+        AddMember(DocumentOf(session), "outcome", JsonText(done));
+    } else {
+        session.out << SubjectText(vpn) << ": " << done << '\n';
+    }
+    return kDone;
 }
 
 bool HasSomethingToStop(const Kavel__VpnStatus &vpn)
@@ -179,6 +284,23 @@ std::optional<std::vector<std::uint32_t>> VpnsToStop(const Session &session, Cli
     return vpns;
 }
 
+void PrintStopped(const Session &session, std::uint32_t vpn, const Kavel__Reply &reply)
+{
+    if (session.json) {
+        JsonPtr result = NewJsonObject();
+        AddMember(result.get(), "vpn", JsonNumber(vpn));
+        AddMember(result.get(), "stopped", JsonBool(reply.text == nullptr));
+        AddMember(result.get(), "problem", WhyJson(reply));
+        AddElement(ArrayOf(DocumentOf(session), "results"), std::move(result));
+        return;
+    }
+    const std::string subject = SubjectText(vpn);
+    session.out << subject << ": " << (reply.text == nullptr ? "stopped" : "NOT STOPPED") << std::endl;
+    if (reply.text != nullptr) {
+        session.err << "vqctl: " << subject << ": " << Printable(reply.text) << std::endl;
+    }
+}
+
 } // namespace
 
 int Apply(const Session &session, const Messages &messages)
@@ -186,71 +308,59 @@ int Apply(const Session &session, const Messages &messages)
     if (messages.revision) {
         CheckRevision(*messages.revision);
     }
+    CheckConfirmation(messages);
     const std::vector<Outgoing> all = LoadAll(KAVEL__REQUEST__VERB__APPLY, messages, messages.revision);
-    Client client = Client::Connect(session.socket, session.timeout);
-    int code = kDone;
-    for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
-        const ReplyPtr reply = ExchangeFirst(session, client, left);
-        const std::string subject = MessageSubject(left.front(), *reply);
-        if (reply->result < 0) {
-            session.out << subject << ": refused " << RefusalText(*reply) << std::endl;
-            PrintNotes(session, subject, *reply);
-            const std::string rest = NotSentText(left.subspan(1));
-            session.err << (rest.empty() ? "" : "vqctl: " + Printable(rest) + "\n");
-            return kRefused;
-        }
-        session.out << subject << ": " << AppliedText(*reply) << std::endl;
-        if (!IsAsAsked(*reply)) {
-            code = kNotAsAsked;
-        } else if (reply->text != nullptr) {
-            session.err << "vqctl: " << subject << ": " << Printable(reply->text) << std::endl;
-        }
-        PrintNotes(session, subject, *reply);
+    const SignalWatch signals;
+    if (session.json) {
+        (void)DocumentOf(session); // the copy adds to the same document
     }
-    return code;
+    Session interruptible = session;
+    interruptible.signals = &signals;
+    return ApplyAll(interruptible, messages, all);
+}
+
+int Confirm(const Session &session, std::uint32_t vpn)
+{
+    const std::string subject = SubjectText(vpn);
+    const ReplyPtr reply =
+        ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__CONFIRM, vpn), subject + " to be confirmed");
+    if (session.json) {
+        const JsonPtr document = NewJsonDocument();
+        AddMember(document.get(), "vpn", JsonNumber(vpn));
+        AddMember(document.get(), "result", JsonNumber(reply->result));
+        AddMember(document.get(), "outcome",
+                  JsonText(reply->result < 0 ? "refused " + RefusalText(*reply) : "confirmed"));
+        session.out << JsonDocument(document.get());
+    } else {
+        session.out << subject << ": " << (reply->result < 0 ? "refused " + RefusalText(*reply) : "confirmed") << '\n';
+    }
+    session.out.flush();
+    PrintNotes(session, subject, *reply);
+    return reply->result < 0 ? kRefused : kDone;
 }
 
 int Check(const Session &session, const Messages &messages)
 {
     const std::vector<Outgoing> all = LoadAll(KAVEL__REQUEST__VERB__CHECK, messages);
     Client client = Client::Connect(session.socket, session.timeout);
+    Progress progress(session.err, session.errIsTerminal && !session.verbose, all.size());
     int code = kDone;
     for (std::span<const Outgoing> left(all); !left.empty(); left = left.subspan(1)) {
+        progress.Show(all.size() - left.size() + 1);
         const ReplyPtr reply = ExchangeFirst(session, client, left);
-        const std::string subject = MessageSubject(left.front(), *reply);
-        session.out << subject << ": " << CheckText(*reply) << std::endl;
-        PrintNotes(session, subject, *reply);
+        progress.Clear();
+        PrintResult(session, left.front(), *reply, CheckText(left.front().file, *reply));
         code = reply->result < 0 ? kRefused : code;
     }
     return code;
 }
 
-int Encode(const std::string &file, const std::optional<std::string> &target)
+int Encode(const std::string &file, const std::optional<std::string> &output, MessageFor target)
 {
-    const EncodedMessage message = WithFileName(DisplayName(file), [&] { return LoadMessage(file, false); });
-    WithFileName(target.value_or("standard output"),
-                 [&] { target ? WriteOutput(*target, message.bytes) : WriteStandardOutput(message.bytes); });
+    const EncodedMessage message = WithFileName(DisplayName(file), [&] { return LoadMessage(file, false, target); });
+    WithFileName(output.value_or("standard output"),
+                 [&] { output ? WriteOutput(*output, message.bytes) : WriteStandardOutput(message.bytes); });
     return kDone;
-}
-
-int Status(const Session &session, std::optional<std::uint32_t> vpn)
-{
-    const ReplyPtr reply = ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__STATUS, vpn), "status");
-    const bool isStarting = reply->start != nullptr;
-    if (isStarting && !session.json) {
-        session.out << StartText(*reply->start);
-    }
-    if (reply->result < 0) {
-        const int refused = ReportRefusal(session, vpn ? SubjectText(vpn) : "status", *reply);
-        return isStarting ? kStarting : refused;
-    }
-    const StatusList vpns(reply->vpns, reply->n_vpns);
-    const StatusView view{.now = Now(), .withRevisions = vpn.has_value(), .colour = session.colour};
-    session.out << (session.json ? StatusJson(vpns) : StatusTable(vpns, view));
-    if (isStarting) {
-        return kStarting;
-    }
-    return AnyProblem(vpns) ? kRefused : kDone;
 }
 
 int Repair(const Session &session, std::optional<std::uint32_t> vpn)
@@ -259,8 +369,13 @@ int Repair(const Session &session, std::optional<std::uint32_t> vpn)
     const ReplyPtr reply = ExchangeOne(session, NewRequest(KAVEL__REQUEST__VERB__REPAIR, vpn),
                                        vpn ? SubjectText(vpn) + " to be repaired" : "repair");
     if (reply->result < 0) {
-        session.out << subject << ": refused " << RefusalText(*reply) << '\n';
-        return kRefused;
+        return PrintRefusal(session, subject, *reply);
+    }
+    const int code = reply->text == nullptr ? kDone : kNotAsAsked;
+    if (session.json) {
+        AddMember(DocumentOf(session), "repaired", NotesJson(*reply));
+        AddMember(DocumentOf(session), "problem", WhyJson(*reply));
+        return code;
     }
     for (const char *note : std::span(reply->notes, reply->n_notes)) {
         session.out << Printable(note) << '\n';
@@ -268,10 +383,10 @@ int Repair(const Session &session, std::optional<std::uint32_t> vpn)
     if (reply->text != nullptr) {
         session.out.flush();
         session.err << "vqctl: " << Printable(reply->text) << '\n';
-        return kNotAsAsked;
+    } else if (reply->n_notes == 0) {
+        session.out << "nothing to repair\n";
     }
-    session.out << (reply->n_notes == 0 ? "nothing to repair\n" : "");
-    return kDone;
+    return code;
 }
 
 int Stop(const Session &session, std::optional<std::uint32_t> vpn)
@@ -281,20 +396,19 @@ int Stop(const Session &session, std::optional<std::uint32_t> vpn)
     if (!vpns) {
         return kRefused;
     }
+    if (session.json) {
+        (void)ArrayOf(DocumentOf(session), "results"); // also if there is nothing to stop
+    }
     int code = kDone;
     for (const std::uint32_t one : *vpns) {
         const std::string subject = SubjectText(one);
         const ReplyPtr reply =
             Exchange(session, client, PackRequest(NewRequest(KAVEL__REQUEST__VERB__STOP, one)), subject + " to stop");
         if (reply->result < 0) {
-            session.out << subject << ": refused " << RefusalText(*reply) << std::endl;
-            return kRefused;
+            return PrintRefusal(session, subject, *reply);
         }
-        session.out << subject << ": " << (reply->text == nullptr ? "stopped" : "NOT STOPPED") << std::endl;
-        if (reply->text != nullptr) {
-            session.err << "vqctl: " << subject << ": " << Printable(reply->text) << std::endl;
-            code = kNotAsAsked;
-        }
+        PrintStopped(session, one, *reply);
+        code = reply->text == nullptr ? code : kNotAsAsked;
     }
     return code;
 }
@@ -315,7 +429,12 @@ int StoreList(const Session &session)
     if (reply->result < 0) {
         return ReportRefusal(session, "store", *reply);
     }
-    session.out << StoredTable(StoredList(reply->stored, reply->n_stored));
+    const StoredList records(reply->stored, reply->n_stored);
+    if (session.json) {
+        AddMember(DocumentOf(session), "records", StoredJson(records));
+    } else {
+        session.out << StoredTable(records);
+    }
     return kDone;
 }
 
@@ -329,8 +448,13 @@ int StoreShow(const Session &session, std::uint32_t vpn)
     if (reply->has_stored_text == 0) {
         throw AgentError("the agent's reply holds no stored text");
     }
-    const auto *text = reinterpret_cast<const char *>(reply->stored_text.data);
-    session.out << StoredText({text, reply->stored_text.len});
+    const std::string_view text(reinterpret_cast<const char *>(reply->stored_text.data), reply->stored_text.len);
+    if (session.json) {
+        AddMember(DocumentOf(session), "vpn", JsonNumber(vpn));
+        AddStoredText(DocumentOf(session), text);
+    } else {
+        session.out << StoredText(text);
+    }
     return kDone;
 }
 

@@ -2,7 +2,10 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -14,6 +17,7 @@ namespace kavel::ctl {
 namespace {
 
 constexpr mode_t kNewFileMode = 0666; // less what the umask removes
+constexpr mode_t kReplacedMode = 0644;
 
 [[noreturn]] void ThrowErrno(const std::string &what)
 {
@@ -58,6 +62,11 @@ void WriteAll(int fd, std::span<const std::uint8_t> bytes)
 
 } // namespace
 
+std::string DisplayName(const std::string &name)
+{
+    return name == "-" ? "standard input" : name;
+}
+
 std::string ReadInput(const std::string &name)
 {
     if (name == "-") {
@@ -77,6 +86,28 @@ void WriteOutput(const std::string &name, std::span<const std::uint8_t> bytes)
         ThrowErrno("cannot be opened");
     }
     WriteAll(file.Get(), bytes);
+}
+
+// The temporary file stands beside it: a rename does not leave a file system. Its name has no suffix that a collector
+// of such files looks for.
+void ReplaceOutput(const std::string &name, const std::string &content)
+{
+    const std::size_t slash = name.rfind('/');
+    const std::size_t base = slash == std::string::npos ? 0 : slash + 1;
+    std::string temporary = name.substr(0, base) + "." + name.substr(base) + ".XXXXXX";
+    const UniqueFd file(::mkostemp(temporary.data(), O_CLOEXEC));
+    if (!file) {
+        ThrowErrno("cannot be created");
+    }
+    try {
+        WriteAll(file.Get(), {reinterpret_cast<const std::uint8_t *>(content.data()), content.size()});
+        if (::fchmod(file.Get(), kReplacedMode) != 0 || ::rename(temporary.c_str(), name.c_str()) != 0) {
+            ThrowErrno("cannot be replaced");
+        }
+    } catch (const InputError &) {
+        ::unlink(temporary.c_str());
+        throw;
+    }
 }
 
 void WriteStandardOutput(std::span<const std::uint8_t> bytes)

@@ -59,6 +59,14 @@ void AddElement(json_object *array, JsonPtr value)
     }
 }
 
+json_object *ArrayOf(json_object *object, const char *name)
+{
+    if (!HasKey(object, name)) {
+        AddMember(object, name, NewJsonArray());
+    }
+    return json_object_object_get(object, name);
+}
+
 JsonPtr NewJsonDocument()
 {
     JsonPtr object = NewJsonObject();

@@ -35,6 +35,9 @@ template <std::integral Number>
 void AddMember(json_object *object, const char *name, JsonPtr value);
 void AddElement(json_object *array, JsonPtr value);
 
+// The array that is the member `name` of the object; an empty one is added if there is none.
+[[nodiscard]] json_object *ArrayOf(json_object *object, const char *name);
+
 // An object with the member `schema`.
 [[nodiscard]] JsonPtr NewJsonDocument();
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <array>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -23,17 +24,27 @@ bool ParseAddress(int family, const std::string &text, void *address)
 
 } // namespace
 
-protobuf_c_boolean ReadBool(const JsonValue &value, Arena & /*arena*/)
+protobuf_c_boolean BoolCodec::Read(const JsonValue &value, Arena & /*arena*/)
 {
     return value.Bool() ? 1 : 0;
 }
 
-std::uint32_t ReadNumber(const JsonValue &value, Arena & /*arena*/)
+JsonPtr BoolCodec::Write(protobuf_c_boolean value)
+{
+    return JsonBool(value != 0);
+}
+
+std::uint32_t NumberCodec::Read(const JsonValue &value, Arena & /*arena*/)
 {
     return value.Number();
 }
 
-std::uint32_t ReadOperation(const JsonValue &value, Arena & /*arena*/)
+JsonPtr NumberCodec::Write(std::uint32_t value)
+{
+    return JsonNumber(value);
+}
+
+std::uint32_t OperationCodec::Read(const JsonValue &value, Arena & /*arena*/)
 {
     if (const std::optional<std::uint32_t> number = value.TryNumber()) {
         return *number;
@@ -46,7 +57,13 @@ std::uint32_t ReadOperation(const JsonValue &value, Arena & /*arena*/)
     return operation->number;
 }
 
-char *ReadText(const JsonValue &value, Arena &arena)
+JsonPtr OperationCodec::Write(std::uint32_t value)
+{
+    const auto *const operation = std::ranges::find(kOperations, value, &Operation::number);
+    return operation != kOperations.end() ? JsonText(std::string(operation->name)) : JsonNumber(value);
+}
+
+char *TextCodec::Read(const JsonValue &value, Arena &arena)
 {
     const std::string_view text = value.String();
     if (text.find('\0') != std::string_view::npos) {
@@ -58,7 +75,12 @@ char *ReadText(const JsonValue &value, Arena &arena)
     return copy;
 }
 
-std::uint32_t ReadIpv4(const JsonValue &value, Arena & /*arena*/)
+JsonPtr TextCodec::Write(const char *value)
+{
+    return value != nullptr ? JsonText(value) : JsonPtr();
+}
+
+std::uint32_t Ipv4Codec::Read(const JsonValue &value, Arena & /*arena*/)
 {
     in_addr address{};
     if (!ParseAddress(AF_INET, std::string(value.String("an IPv4 address in quotes")), &address)) {
@@ -67,13 +89,34 @@ std::uint32_t ReadIpv4(const JsonValue &value, Arena & /*arena*/)
     return ntohl(address.s_addr);
 }
 
-ProtobufCBinaryData ReadIpv6(const JsonValue &value, Arena &arena)
+JsonPtr Ipv4Codec::Write(std::uint32_t value)
+{
+    return JsonText(Ipv4Text(value));
+}
+
+ProtobufCBinaryData Ipv6Codec::Read(const JsonValue &value, Arena &arena)
 {
     auto *const bytes = std::pmr::polymorphic_allocator<>(&arena).allocate_object<std::uint8_t>(kIpv6Size);
     if (!ParseAddress(AF_INET6, std::string(value.String("an IPv6 address in quotes")), bytes)) {
         value.Refuse(value.Shown() + " is not an IPv6 address");
     }
     return {kIpv6Size, bytes};
+}
+
+JsonPtr Ipv6Codec::Write(const ProtobufCBinaryData &value)
+{
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    if (value.len != kIpv6Size || ::inet_ntop(AF_INET6, value.data, text.data(), text.size()) == nullptr) {
+        return {};
+    }
+    return JsonText(text.data());
+}
+
+std::string Ipv4Text(std::uint32_t address)
+{
+    const in_addr network{htonl(address)};
+    std::array<char, INET_ADDRSTRLEN> text{};
+    return ::inet_ntop(AF_INET, &network, text.data(), text.size()) != nullptr ? text.data() : "";
 }
 
 } // namespace kavel::ctl

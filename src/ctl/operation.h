@@ -13,7 +13,9 @@ struct Operation {
     std::uint32_t number;
 };
 
-inline constexpr std::array<Operation, 2> kOperations = {{{"reload", 0}, {"reboot", 1}}};
+inline constexpr std::uint32_t kReload = 0;
+inline constexpr std::uint32_t kReboot = 1;
+inline constexpr std::array<Operation, 2> kOperations = {{{"reload", kReload}, {"reboot", kReboot}}};
 
 } // namespace kavel::ctl
 

@@ -4,6 +4,7 @@
 #include <limits>
 #include <system_error>
 
+#include "json_output.h"
 #include "operation.h"
 
 namespace kavel::ctl {
@@ -51,6 +52,19 @@ std::string SummaryText(const Kavel__Summary &summary)
            Counted(summary.hosts, "host") + ", " + std::to_string(summary.mx_hosts) + " mx, " +
            Counted(summary.servers, "server") + ", " + Counted(summary.proxies, "forward") + ", " +
            (summary.persistent != 0 ? "stored" : "not stored");
+}
+
+JsonPtr SummaryJson(const Kavel__Summary &summary)
+{
+    JsonPtr object = NewJsonObject();
+    AddMember(object.get(), "enable", JsonBool(summary.enable != 0));
+    AddMember(object.get(), "operation", JsonText(OperationText(summary.operation)));
+    AddMember(object.get(), "persistent", JsonBool(summary.persistent != 0));
+    AddMember(object.get(), "hosts", JsonNumber(summary.hosts));
+    AddMember(object.get(), "mx_hosts", JsonNumber(summary.mx_hosts));
+    AddMember(object.get(), "servers", JsonNumber(summary.servers));
+    AddMember(object.get(), "forwards", JsonNumber(summary.proxies));
+    return object;
 }
 
 } // namespace kavel::ctl

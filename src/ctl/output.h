@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "control.pb-c.h"
+#include "json_reader.h"
 #include "printable.h"
 
 namespace kavel::ctl {
@@ -31,6 +32,9 @@ std::string RefusalText(const Kavel__Reply &reply);
 
 // "enabled, reload, 2 hosts, 1 mx, 2 servers, 3 forwards, not stored".
 std::string SummaryText(const Kavel__Summary &summary);
+
+// {"enable": true, "operation": "reload", "persistent": false, "hosts": 2, ...}
+[[nodiscard]] JsonPtr SummaryJson(const Kavel__Summary &summary);
 
 } // namespace kavel::ctl
 

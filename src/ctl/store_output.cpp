@@ -39,12 +39,48 @@ constexpr std::array<TableColumn<Kavel__StoredRecord>, 7> kRowColumns = {{
     {"BYTES", true, [](Stored stored) { return std::to_string(stored.bytes); }},
 }};
 
+JsonPtr RecordJson(Stored stored)
+{
+    JsonPtr object = NewJsonObject();
+    AddMember(object.get(), "vpn", JsonNumber(stored.vpn));
+    AddMember(object.get(), "bytes", JsonNumber(stored.bytes));
+    if (stored.problem != nullptr) {
+        AddMember(object.get(), "problem", JsonText(stored.problem));
+        return object;
+    }
+    AddMember(object.get(), "enable", JsonBool(stored.enable != 0));
+    AddMember(object.get(), "hosts", JsonNumber(stored.hosts));
+    AddMember(object.get(), "mx_hosts", JsonNumber(stored.mx_hosts));
+    AddMember(object.get(), "servers", JsonNumber(stored.servers));
+    AddMember(object.get(), "forwards", JsonNumber(stored.forwards));
+    return object;
+}
+
 } // namespace
+
+JsonPtr StoredJson(StoredList records)
+{
+    JsonPtr list = NewJsonArray();
+    for (const Kavel__StoredRecord *record : records) {
+        AddElement(list.get(), RecordJson(*record));
+    }
+    return list;
+}
+
+void AddStoredText(json_object *document, std::string_view text)
+{
+    try {
+        AddMember(document, "record", ParseJson(std::string(text)));
+    } catch (const InputError &) {
+        AddMember(document, "text", JsonText(std::string(text)));
+    }
+}
 
 std::string StoredTable(StoredList records)
 {
     std::ostringstream out;
-    PrintTable(out, kRowColumns, records, [](std::size_t, Stored) { return ""; });
+    const Table<Kavel__StoredRecord> table(kRowColumns, records, 0);
+    table.Print(out, [](std::size_t, Stored) { return ""; });
     const char *gap = "\n";
     for (const Kavel__StoredRecord *record : records) {
         if (record->problem != nullptr) {

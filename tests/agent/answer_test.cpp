@@ -51,6 +51,27 @@ TEST(PackAnswer, ASuccessCarriesNothingElse)
     EXPECT_FALSE(reply->has_stored_text);
     EXPECT_EQ(reply->n_notes, 0U);
     EXPECT_EQ(reply->start, nullptr);
+    EXPECT_EQ(reply->agent, nullptr);
+    EXPECT_FALSE(reply->has_unknown_vpn);
+}
+
+TEST(PackAnswer, CarriesWhatTheAgentTellsAboutItself)
+{
+    Answer answer;
+    answer.agent = {"1.2", 60, 5'000'000'000U, 2};
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_NE(reply->agent, nullptr);
+    EXPECT_STREQ(reply->agent->version, "1.2");
+    EXPECT_EQ(reply->agent->uptime_seconds, 60U);
+    EXPECT_EQ(reply->agent->memory_bytes, 5'000'000'000U);
+    EXPECT_EQ(reply->agent->restarts, 2U);
+}
+
+TEST(PackAnswer, SaysThatTheVpnIsUnknown)
+{
+    Answer answer = Refusal(-ENOENT);
+    answer.isUnknownVpn = true;
+    EXPECT_TRUE(Sent(answer)->unknown_vpn);
 }
 
 TEST(PackAnswer, ARefusalWithoutTextCarriesThatOfItsErrno)
@@ -241,6 +262,51 @@ TEST(PackAnswer, CarriesTheStoredTextAsItIs)
     ASSERT_TRUE(reply->has_stored_text);
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(reply->stored_text.data), reply->stored_text.len),
               *answer.storedText);
+}
+
+TEST(PackAnswer, AMessageCarriesItsBytes)
+{
+    Answer answer;
+    answer.messages.push_back({7, {1, 0, 2}, Platform::kPop});
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_EQ(reply->n_messages, 1U);
+    const Kavel__PackedMessage &message = *reply->messages[0];
+    EXPECT_EQ(message.vpn, 7U);
+    EXPECT_THAT(std::vector(message.message.data, message.message.data + message.message.len), ElementsAre(1, 0, 2));
+    EXPECT_NE(message.pop, 0);
+}
+
+TEST(PackAnswer, AnEntryOfTheHistoryCarriesItsFields)
+{
+    HistoryEntry entry;
+    entry.time = 1'700'000'000;
+    entry.peer = "pid 1, uid 0 (a)";
+    entry.revision = "r1";
+    entry.result = -22;
+    entry.outcome = "refused: b";
+    entry.messageBytes = 2;
+    entry.message = {3, 4};
+    HistoryEntry other;
+    Answer answer;
+    answer.history = {{7, entry, Platform::kCpe, true}, {8, other, Platform::kPop, false}};
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_EQ(reply->n_history, 2U);
+    const Kavel__HistoryEntry &first = *reply->history[0];
+    EXPECT_EQ(first.vpn, 7U);
+    EXPECT_EQ(first.time, 1'700'000'000U);
+    EXPECT_THAT(first.sender, StrEq("pid 1, uid 0 (a)"));
+    EXPECT_THAT(first.revision, StrEq("r1"));
+    EXPECT_EQ(first.result, -22);
+    EXPECT_THAT(first.outcome, StrEq("refused: b"));
+    EXPECT_EQ(first.bytes, 2U);
+    EXPECT_EQ(first.message.len, 2U);
+    EXPECT_EQ(first.pop, 0);
+    EXPECT_NE(first.undone, 0);
+    const Kavel__HistoryEntry &second = *reply->history[1];
+    EXPECT_EQ(second.revision, nullptr);
+    EXPECT_EQ(second.has_message, 0);
+    EXPECT_NE(second.pop, 0);
+    EXPECT_EQ(second.undone, 0);
 }
 
 } // namespace

@@ -45,7 +45,7 @@ TEST(Configuration, TakesEveryKey)
 {
     const Config Conf = ParseConfig(R"({
         "platform": "pop", "customer": 4294967295, "persistence": true, "store": "/data/agent.db",
-        "socket": "/data/agent.sock", "log": "debug", "lan": ["eth0", "br-*"], "wan": ["ppp*", "eth1"],
+        "socket": "/data/agent.sock", "readers": "adm", "log": "debug", "lan": ["eth0", "br-*"], "wan": ["ppp*", "eth1"],
         "c2p": ["wg*"],
         "vpns": [{"id": 7, "customer": 1007, "namespace": "blue", "lan": ["lan0", "lan1"],
                   "wan": [{"name": "wan0", "sysRoute": true}, {"name": "wan1"}]}]})");
@@ -54,6 +54,7 @@ TEST(Configuration, TakesEveryKey)
     EXPECT_TRUE(Conf.persistence);
     EXPECT_EQ(Conf.store, "/data/agent.db");
     EXPECT_EQ(Conf.socket, "/data/agent.sock");
+    EXPECT_EQ(Conf.readers, "adm");
     EXPECT_EQ(Conf.log, LogLevel::kDebug);
     EXPECT_THAT(Conf.lan, ElementsAre("eth0", "br-*"));
     EXPECT_THAT(Conf.wan, ElementsAre("ppp*", "eth1"));
@@ -242,8 +243,8 @@ TEST(Configuration, RefusesANumberOutsideItsRange)
 
 TEST(Configuration, RefusesAnUnknownKeyWithItsPath)
 {
-    EXPECT_EQ(RefusalOf(R"("persistance": true)"), "persistance: unknown key");
-    EXPECT_EQ(RefusalOfVpn(R"("name": "x")"), "vpns[0].name: unknown key");
+    EXPECT_EQ(RefusalOf(R"("persistance": true)"), "persistance: unknown key; did you mean \"persistence\"?");
+    EXPECT_EQ(RefusalOfVpn(R"("name": "x")"), "vpns[0].name: unknown key; did you mean \"namespace\"?");
     EXPECT_EQ(RefusalOfVpn(R"("wan": [{"name": "w", "mtu": 1500}])"), "vpns[0].wan[0].mtu: unknown key");
     EXPECT_EQ(RefusalOf(R"("": 1)"), "\"\": unknown key");
 }

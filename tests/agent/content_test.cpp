@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <stdexcept>
 
+#include "instances/controller_message.h"
 #include "test_box.h"
 #include "vqLog.h"
 
@@ -142,6 +143,23 @@ TEST_F(ContentTest, AMessageThatCannotBeConvertedHasNoStoredText)
     EXPECT_THROW((void)StoredTextOf(host_, module_.functions, 7, Message()), std::runtime_error);
     host_.conversions = {};
     EXPECT_THROW((void)StoredTextOf(host_, module_.functions, 7, Message()), std::runtime_error);
+}
+
+TEST_F(ContentTest, AMessageStaysTheMessageThatItIs)
+{
+    const std::vector<std::uint8_t> bytes = MessageOfContent(host_, module_.functions, 7, Message());
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), Message().bytes);
+}
+
+TEST_F(ContentTest, ARecordBecomesAMessageThatStartsAndIsStored)
+{
+    const auto message =
+        UnpackControllerMessage(Platform::kCpe, MessageOfContent(host_, module_.functions, 7, {false, "on 7"}));
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->vpn, 7U);
+    EXPECT_TRUE(message->launches && message->isKept);
+    EXPECT_EQ(message->pointer.DnsmasqPbCPE->n_dnsservers, 3U);
+    EXPECT_THROW((void)MessageOfContent(host_, module_.functions, 7, {false, "garbage"}), std::runtime_error);
 }
 
 TEST_F(ContentTest, TheModuleAppliesTheRecordAlone)

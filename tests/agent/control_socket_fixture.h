@@ -101,18 +101,22 @@ class ControlSocketTest : public testing::Test {
         Respond respond;
     };
 
-    ControlSocketTest()
-        : socket_(
-              std::make_unique<ControlSocket>(loop_, path_, [this](const ReceivedFrame &frame, const Respond &respond) {
-                  const std::uint8_t mark = frame.Content().empty() ? std::uint8_t{0} : frame.Content().front();
-                  marks_.push_back(mark);
-                  if (answersAtOnce_) {
-                      respond(AnswerTo(mark));
-                  } else {
-                      requests_.push_back({mark, respond});
-                  }
-              }))
+    ControlSocketTest() : socket_(std::make_unique<ControlSocket>(loop_, path_, Handler())) {}
+
+    ControlSocket::Handler Handler()
     {
+        return [this](const ReceivedFrame &frame, const Respond &respond) {
+            const std::uint8_t mark = frame.Content().empty() ? std::uint8_t{0} : frame.Content().front();
+            marks_.push_back(mark);
+            if (frame.isReader) {
+                readerMarks_.push_back(mark);
+            }
+            if (answersAtOnce_) {
+                respond(AnswerTo(mark));
+            } else {
+                requests_.push_back({mark, respond});
+            }
+        };
     }
 
     [[nodiscard]] Answer AnswerTo(std::uint8_t mark) const
@@ -159,6 +163,7 @@ class ControlSocketTest : public testing::Test {
     bool answersAtOnce_ = true;
     std::size_t padding_ = 0;
     std::vector<int> marks_; // of the requests, in the order in which they were handled
+    std::vector<int> readerMarks_;
     std::vector<Request> requests_;
     std::unique_ptr<ControlSocket> socket_;
     std::list<TestClient> clients_;

@@ -110,5 +110,20 @@ TEST(UnpackProtobuf, UnpacksTheTypeThatIsAskedFor)
     EXPECT_EQ(reinterpret_cast<const Kavel__Request *>(message.get())->vpn, 7U);
 }
 
+TEST(WithStart, AReloadBecomesAStart)
+{
+    const Bytes reload = PackCpe(7, true, VQ_DNSMASQ_OP_RELOAD);
+    EXPECT_EQ(WithStart(Platform::kCpe, reload), PackCpe(7, true, VQ_DNSMASQ_OP_REBOOT));
+}
+
+TEST(WithStart, OtherMessagesStayAsTheyAre)
+{
+    for (const Bytes &bytes : {PackCpe(7, true, VQ_DNSMASQ_OP_REBOOT), PackCpe(7, false, VQ_DNSMASQ_OP_RELOAD),
+                               PackCpe(7, true, 9), Bytes{1, 2, 3}}) {
+        EXPECT_EQ(WithStart(Platform::kCpe, bytes), bytes);
+    }
+    EXPECT_EQ(WithStart(Platform::kPop, PackPop(true)), PackPop(true));
+}
+
 } // namespace
 } // namespace kavel::agent

@@ -18,7 +18,7 @@ class DnsProbeTest : public testing::Test {
     bool EndsWithoutAnswers(const std::vector<DnsTarget> &targets)
     {
         int ended = 0;
-        const DnsProbe probe(loop_, namespaces_, targets, 10min, [&](const std::set<std::size_t> &answering) {
+        const DnsProbe probe(loop_, host_, targets, 10min, [&](const DnsAnswers &answering) {
             ++ended;
             EXPECT_TRUE(answering.empty());
         });
@@ -29,8 +29,7 @@ class DnsProbeTest : public testing::Test {
     }
 
     TestBox box_;
-    const Config config_ = box_.Configuration();
-    const Namespaces namespaces_{config_};
+    Host host_{box_.Configuration()};
     EventLoop loop_;
 };
 
@@ -50,8 +49,8 @@ TEST_F(DnsProbeTest, MayBeDestroyedByItsEnd)
 {
     std::unique_ptr<DnsProbe> probe;
     bool hasEnded = false;
-    probe = std::make_unique<DnsProbe>(loop_, namespaces_, std::vector<DnsTarget>(), 10min,
-                                       [&](const std::set<std::size_t> & /*answering*/) {
+    probe = std::make_unique<DnsProbe>(loop_, host_, std::vector<DnsTarget>(), 10min,
+                                       [&](const DnsAnswers & /*answering*/) {
                                            probe.reset();
                                            hasEnded = true;
                                        });
@@ -77,7 +76,7 @@ TEST_F(DnsProbeTest, EndsSilentlyWhenItIsDestroyed)
 {
     int ended = 0;
     {
-        const DnsProbe probe(loop_, namespaces_, {}, 10min, [&](const std::set<std::size_t> &) { ++ended; });
+        const DnsProbe probe(loop_, host_, {}, 10min, [&](const DnsAnswers &) { ++ended; });
     }
     DispatchReady(loop_);
     EXPECT_EQ(ended, 0);

@@ -152,5 +152,52 @@ TEST(MarkOfFile, ChangesWithTheRights)
     EXPECT_GT(after.changed, before.changed);
 }
 
+TEST_F(InForceTest, AnAwaitedConfirmationIsAFact)
+{
+    InForce facts = Facts();
+    facts.confirmation = AwaitedConfirmation{5'000'000'000'123, 60};
+    files_.Write(7, facts, {true, "bytes"});
+    EXPECT_EQ(files_.Read(7)->confirmation, facts.confirmation);
+    facts.confirmation.reset();
+    files_.Write(7, facts);
+    EXPECT_EQ(files_.Read(7)->confirmation, std::nullopt);
+}
+
+TEST_F(InForceTest, WhatWasInForceBeforeIsKeptUntilItIsForgotten)
+{
+    files_.Write(7, Facts(), {false, "record"});
+    files_.KeepBefore(7);
+    files_.Write(7, {}, {true, "message"});
+    const auto before = files_.ReadBefore(7);
+    ASSERT_TRUE(before);
+    ExpectSame(before->facts, Facts());
+    EXPECT_FALSE(before->content.isMessage);
+    EXPECT_EQ(before->content.bytes, "record");
+    files_.ForgetBefore(7);
+    EXPECT_EQ(FailureOf([this] { (void)files_.ReadBefore(7); }).error, ENOENT);
+    EXPECT_EQ(files_.ReadContent(7).bytes, "message");
+    files_.ForgetBefore(7);
+}
+
+TEST_F(InForceTest, ThatNothingWasInForceIsKept)
+{
+    files_.KeepBefore(7);
+    files_.Write(7, Facts(), {true, "message"});
+    EXPECT_FALSE(files_.ReadBefore(7));
+    files_.Remove(7);
+    EXPECT_EQ(FailureOf([this] { (void)files_.ReadBefore(7); }).error, ENOENT);
+}
+
+TEST_F(InForceTest, WhatCannotBeReadIsNotKept)
+{
+    LogCapture log;
+    box_.Write("/run/kavel/vpn_7.inforce", "garbage");
+    EXPECT_EQ(FailureOf([this] { files_.KeepBefore(7); }).error, ENOENT);
+    box_.Write("/run/kavel/vpn_7.inforce", "garbage\nend\nMbytes");
+    EXPECT_EQ(FailureOf([this] { files_.KeepBefore(7); }).error, EINVAL);
+    box_.Write("/run/kavel/vpn_7.unconfirmed", "garbage");
+    EXPECT_EQ(FailureOf([this] { (void)files_.ReadBefore(7); }).error, EINVAL);
+}
+
 } // namespace
 } // namespace kavel::agent

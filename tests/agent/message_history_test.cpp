@@ -46,6 +46,21 @@ TEST_F(MessageHistoryTest, EmptyIsNotAbsent)
     EXPECT_THAT(TheStore().ReadHistory(7), ElementsAre(empty, absent));
 }
 
+TEST_F(MessageHistoryTest, TheEntriesOfAllVpnsAreReadWithoutTheirMessages)
+{
+    Start();
+    Add(kLargest, Entry("a", 10));
+    Add(7, Entry("b"));
+    Add(7, Entry("c", 20));
+    std::vector<std::string> found;
+    for (const VpnHistoryEntry &read : TheStore().ReadHistoryOfAll()) {
+        EXPECT_EQ(read.entry.message, std::nullopt);
+        found.push_back(std::to_string(read.vpn) + " " + read.entry.outcome + " " +
+                        std::to_string(read.entry.messageBytes));
+    }
+    EXPECT_THAT(found, ElementsAre("7 c 20", "7 b 0", "4294967295 a 10"));
+}
+
 // The clock may be set back.
 TEST_F(MessageHistoryTest, TheEntryThatWasAddedLastIsTheFirst)
 {

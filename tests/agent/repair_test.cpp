@@ -15,7 +15,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr std::uint32_t kAddress = 0x0A000001;
+constexpr std::uint32_t kLocalAddress = 0x0A000001;
 
 class RepairTest : public testing::Test {
   protected:
@@ -26,7 +26,7 @@ class RepairTest : public testing::Test {
         inForce_.Write(0, wanted_, {true, std::string(message.begin(), message.end())});
         instances_.CreateBoxDirectory();
         module_.onTranslate = [](VQ_DNSMASQ_CONF &record) {
-            record.LocalIp = kAddress;
+            record.LocalIp = kLocalAddress;
             return 0;
         };
         module_.onRecover = [this] {
@@ -293,7 +293,8 @@ class PopRepairTest : public RepairTest {
 TEST_F(PopRepairTest, TheRulesOfAPopAreTwo)
 {
     EXPECT_EQ(Repair({Part::kRule}).problem, std::nullopt);
-    EXPECT_THAT(module_.calls, ElementsAre("add rule of 0", "translate", "add DNAT to " + std::to_string(kAddress)));
+    EXPECT_THAT(module_.calls,
+                ElementsAre("add rule of 0", "translate", "add DNAT to " + std::to_string(kLocalAddress)));
 }
 
 TEST_F(PopRepairTest, WithoutTheFirstRuleTheSecondIsNotInstalled)

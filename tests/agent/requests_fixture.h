@@ -105,7 +105,7 @@ class RequestsTest : public testing::Test {
     std::deque<std::vector<Answer>> answers_;
     ChildReaper reaper_{loop_};
     Supervisor supervisor_{loop_, host_, instances_, module_.functions, launches_, reaper_};
-    Requests requests_{loop_, host_, instances_, module_.functions, launches_, supervisor_};
+    Requests requests_{loop_, host_, instances_, module_.functions, launches_, supervisor_, AgentFacts{"1.2", 3}};
 };
 
 } // namespace kavel::agent

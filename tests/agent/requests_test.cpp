@@ -71,6 +71,7 @@ TEST_F(RequestsTest, ApplyForAVpnThatIsNotConfiguredIsRefused)
     EXPECT_EQ(answer.result, -ENOENT);
     EXPECT_EQ(answer.vpn, unknown_);
     EXPECT_EQ(answer.text, "vpn " + std::to_string(unknown_) + " is not configured");
+    EXPECT_TRUE(answer.isUnknownVpn);
     EXPECT_THAT(module_.calls, ElementsAre());
 }
 
@@ -333,6 +334,7 @@ TEST_P(DirectoryTest, NeedsAConfiguredVpn)
     const Answer unknown = AnswerIn(Send(PackRequest(GetParam(), unknown_)));
     EXPECT_EQ(unknown.result, -ENOENT);
     EXPECT_EQ(unknown.text, "vpn " + std::to_string(unknown_) + " is not configured");
+    EXPECT_TRUE(unknown.isUnknownVpn);
     EXPECT_THAT(module_.calls, ElementsAre());
 }
 
@@ -373,6 +375,7 @@ TEST_F(RequestsTest, ARepairOfAVpnThatIsNotConfiguredIsRefused)
     const Answer answer = AnswerIn(Send(PackRequest(KAVEL__REQUEST__VERB__REPAIR, unknown_)));
     EXPECT_EQ(answer.result, -ENOENT);
     EXPECT_EQ(answer.text, "vpn " + std::to_string(unknown_) + " is not configured");
+    EXPECT_TRUE(answer.isUnknownVpn);
 }
 
 TEST_F(RequestsTest, ARepairOfAllTellsTheProblemsOfEachVpn)
@@ -400,6 +403,7 @@ TEST_F(RequestsTest, StatusOfAVpnThatIsNotConfiguredIsRefused)
     EXPECT_EQ(answer.result, -ENOENT);
     EXPECT_EQ(answer.vpn, unknown_);
     EXPECT_EQ(answer.text, "vpn " + std::to_string(unknown_) + " is not configured");
+    EXPECT_TRUE(answer.isUnknownVpn);
 }
 
 TEST_F(RequestsTest, StatusIsAnsweredByTheLoop)
@@ -413,8 +417,19 @@ TEST_F(RequestsTest, StatusIsAnsweredByTheLoop)
     EXPECT_EQ(answer.vpns.front().fields.vpn, vpnId_);
 }
 
+TEST_F(RequestsTest, StatusHasTheAgent)
+{
+    const auto &answers = Send(PackRequest(KAVEL__REQUEST__VERB__STATUS, vpnId_));
+    EXPECT_TRUE(RunUntilAnswered(answers));
+    const auto agent = AnswerIn(answers).agent;
+    ASSERT_TRUE(agent);
+    EXPECT_EQ(agent->version, "1.2");
+    EXPECT_EQ(agent->restarts, 3U);
+}
+
 TEST_F(RequestsTest, StatusOfAllBeginsWithTheBox)
 {
+    instances_.SetMeantToRun(0, true);
     const auto &answers = Send(PackRequest(KAVEL__REQUEST__VERB__STATUS));
     EXPECT_TRUE(RunUntilAnswered(answers));
     const Answer answer = AnswerIn(answers);
@@ -471,6 +486,25 @@ TEST_F(PopRequestsTest, RefusesTheCpeMessage)
     EXPECT_EQ(Apply(launch_).text, "not a POP message");
     EXPECT_EQ(AnswerIn(Send(PackRequest(KAVEL__REQUEST__VERB__CHECK, std::nullopt, launch_))).text,
               "not a POP message");
+}
+
+// ---- Why ----
+
+TEST_F(RequestsTest, WhyOfAVpnThatIsNotConfiguredIsRefused)
+{
+    const Answer answer = AnswerIn(Send(PackRequest(KAVEL__REQUEST__VERB__WHY, unknown_)));
+    EXPECT_EQ(answer.result, -ENOENT);
+    EXPECT_EQ(answer.text, "vpn " + std::to_string(unknown_) + " is not configured");
+}
+
+TEST_F(RequestsTest, WhyTellsWhatIsWrong)
+{
+    instances_.SetMeantToRun(vpnId_, true);
+    const auto &answers = Send(PackRequest(KAVEL__REQUEST__VERB__WHY, vpnId_));
+    ASSERT_TRUE(RunUntil(loop_, [&] { return !answers.empty(); }));
+    ASSERT_EQ(answers.front().findingsOf.size(), 1U);
+    EXPECT_EQ(answers.front().findingsOf.front().problems.front().fault, Fault::kNamespaceMissing);
+    EXPECT_TRUE(answers.front().vpns.empty());
 }
 
 } // namespace

@@ -18,7 +18,7 @@ namespace kavel::agent {
 namespace {
 
 constexpr std::uint32_t kVpn = 7;
-constexpr std::uint32_t kAddress = 0x0A'01'02'FFU; // 10.1.2.255
+constexpr std::uint32_t kRuleAddress = 0x0A'01'02'FFU; // 10.1.2.255
 
 const ThrownError kNone{};
 const ThrownError kMatchesMore{EOPNOTSUPP, "it matches by more than protocol, destination port and interface type"};
@@ -61,7 +61,7 @@ VQ_CONF_RULE DnatRule()
     rule.Actions.DnatFlag = 1;
     rule.Actions.NatInfo.IpNum = 1;
     rule.Actions.NatInfo.IpType = VQ_IN_ADDR_TYPE_IPV4;
-    rule.Actions.NatInfo.Ip[0] = kAddress;
+    rule.Actions.NatInfo.Ip[0] = kRuleAddress;
     return rule;
 }
 
@@ -93,10 +93,10 @@ TEST(RuleText, ADnsRuleRedirectsPort53OnEveryInterface)
               "}\n"
               "chain prerouting {\n"
               "type nat hook prerouting priority dstnat; policy accept;\n"
-              "iifname \"lan0\" udp dport 53 redirect to :53\n"
-              "iifname \"lan0\" tcp dport 53 redirect to :53\n"
-              "iifname \"lan1\" udp dport 53 redirect to :53\n"
-              "iifname \"lan1\" tcp dport 53 redirect to :53\n"
+              "iifname \"lan0\" udp dport 53 counter redirect to :53\n"
+              "iifname \"lan0\" tcp dport 53 counter redirect to :53\n"
+              "iifname \"lan1\" udp dport 53 counter redirect to :53\n"
+              "iifname \"lan1\" tcp dport 53 counter redirect to :53\n"
               "}\n"
               "}\n");
 }
@@ -104,7 +104,7 @@ TEST(RuleText, ADnsRuleRedirectsPort53OnEveryInterface)
 TEST(RuleText, ADnsRuleDropsPort53OfAWanAfterItHasAcceptedTheOtherInterfaces)
 {
     EXPECT_THAT(InstallDnsText(DnsRule(), {{"lan0", "br-*"}, {"c2p*"}, {"wan0", "ppp*"}}),
-                testing::EndsWith("iifname \"br-*\" tcp dport 53 redirect to :53\n"
+                testing::EndsWith("iifname \"br-*\" tcp dport 53 counter redirect to :53\n"
                                   "}\n"
                                   "chain input {\n"
                                   "type filter hook input priority filter; policy accept;\n"
@@ -202,24 +202,25 @@ TEST(RuleText, ARemovalDeletesTheCustomersChainBeforeTheTable)
 const DnsInterfaces kInterfaces{{"lan0"}, {"c2p*"}, {"wan0"}};
 
 // The table of a DNS-table rule for kInterfaces, as nftables lists it.
-const std::vector<std::string> kDnsListing{"table inet kavel_dns_0_9 {",
-                                           "\tchain customer_42 {",
-                                           "\t}",
-                                           "",
-                                           "\tchain prerouting {",
-                                           "\t\ttype nat hook prerouting priority dstnat; policy accept;",
-                                           "\t\tiifname \"lan0\" udp dport 53 redirect to :53",
-                                           "\t\tiifname \"lan0\" tcp dport 53 redirect to :53",
-                                           "\t}",
-                                           "",
-                                           "\tchain input {",
-                                           "\t\ttype filter hook input priority filter; policy accept;",
-                                           "\t\tiifname \"lan0\" accept",
-                                           "\t\tiifname \"c2p*\" accept",
-                                           "\t\tiifname \"wan0\" udp dport 53 drop",
-                                           "\t\tiifname \"wan0\" tcp dport 53 drop",
-                                           "\t}",
-                                           "}"};
+const std::vector<std::string> kDnsListing{
+    "table inet kavel_dns_0_9 {",
+    "\tchain customer_42 {",
+    "\t}",
+    "",
+    "\tchain prerouting {",
+    "\t\ttype nat hook prerouting priority dstnat; policy accept;",
+    "\t\tiifname \"lan0\" udp dport 53 counter packets 0 bytes 0 redirect to :53",
+    "\t\tiifname \"lan0\" tcp dport 53 counter packets 12 bytes 18446744073709551615 redirect to :53",
+    "\t}",
+    "",
+    "\tchain input {",
+    "\t\ttype filter hook input priority filter; policy accept;",
+    "\t\tiifname \"lan0\" accept",
+    "\t\tiifname \"c2p*\" accept",
+    "\t\tiifname \"wan0\" udp dport 53 drop",
+    "\t\tiifname \"wan0\" tcp dport 53 drop",
+    "\t}",
+    "}"};
 
 std::string Joined(const std::vector<std::string> &lines)
 {
@@ -265,14 +266,27 @@ TEST(RuleText, AListingWithAChangedRuleIsNoInstalledDnsRule)
 {
     const std::vector<std::pair<std::size_t, std::string>> changes{
         {5, "\t\ttype nat hook prerouting priority dstnat; policy drop;"},
-        {6, "\t\tiifname \"lan0\" udp dport 53 redirect to :5353"},
-        {7, "\t\tiifname \"lan1\" tcp dport 53 redirect to :53"},
+        {6, "\t\tiifname \"lan0\" udp dport 53 counter packets 0 bytes 0 redirect to :5353"},
+        {6, "\t\tiifname \"lan0\" udp dport 53 redirect to :53"},
+        {6, "\t\tiifname \"lan0\" udp dport 53 counter packets 0 redirect to :53"},
+        {7, "\t\tiifname \"lan1\" tcp dport 53 counter packets 0 bytes 0 redirect to :53"},
         {14, "\t\tiifname \"wan0\" udp dport 53 accept"}};
     for (const auto &[line, text] : changes) {
         std::vector<std::string> lines = kDnsListing;
         lines.at(line) = text;
         EXPECT_FALSE(IsDnsInstalled(Joined(lines), kInterfaces)) << text;
     }
+}
+
+TEST(RuleText, TheRedirectedPacketsAreThoseOfAllRedirectingRules)
+{
+    EXPECT_EQ(RedirectedPackets(Joined(kDnsListing)), 12U);
+    std::vector<std::string> lines = kDnsListing;
+    lines.at(6) = "\t\tiifname \"lan0\" udp dport 53 counter packets 4294967296 bytes 1 redirect to :53";
+    lines.insert(lines.begin() + 8, "\t\tiifname \"lan9\" udp dport 5353 counter packets 7 bytes 9 accept");
+    EXPECT_EQ(RedirectedPackets(Joined(lines)), 4294967308U);
+    EXPECT_EQ(RedirectedPackets("iifname \"lan0\" udp dport 53 redirect to :53\n"), 0U) << "an older agent's";
+    EXPECT_EQ(RedirectedPackets(""), 0U);
 }
 
 TEST(RuleText, AnAcceptBehindTheDropsIsNoInstalledDnsRule)

@@ -79,6 +79,20 @@ TEST_F(StatusQueryTest, AllIncludesInstancesOfVpnsThatAreNotConfigured)
     EXPECT_THAT(VpnsOf(Query({{0}, false})), ElementsAre(0U));
 }
 
+TEST_F(StatusQueryTest, AllIncludesTheBoxOnACpeOnlyIfThereIsSomethingToTell)
+{
+    const VpnStatus box = Query({{0}, false}).front();
+    EXPECT_EQ(VpnsOf(Query({{0}, true})).empty(), IsIdleBox(box));
+    instances_.SetMeantToRun(0, true);
+    EXPECT_THAT(VpnsOf(Query({{0}, true})), ElementsAre(0U));
+}
+
+TEST_F(StatusQueryTest, AllIncludesTheBoxOfAPop)
+{
+    config_.platform = Platform::kPop;
+    EXPECT_THAT(VpnsOf(Query({{0}, true})), ElementsAre(0U));
+}
+
 // Between two iterations of the loop everything else is dispatched.
 TEST_F(StatusQueryTest, ManyVpnsAreReadInSeveralIterations)
 {

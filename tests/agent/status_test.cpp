@@ -140,6 +140,11 @@ TEST(StoredProblem, ComparesTheRecordWithWhatIsMeant)
     EXPECT_EQ(TextOf(StoredProblem(status, record)), std::nullopt);
     record.enable = true;
     EXPECT_EQ(TextOf(StoredProblem(status, record)), "stored as switched on, but not meant to run");
+    status.stopped = 1;
+    EXPECT_EQ(TextOf(StoredProblem(status, record)), std::nullopt) << "a client has stopped it";
+    status.meant = 1;
+    record.enable = false;
+    EXPECT_EQ(TextOf(StoredProblem(status, record)), "stored as switched off, but meant to run");
     record.problem = "is broken";
     EXPECT_EQ(TextOf(StoredProblem(status, record)), "its stored record cannot be read: is broken");
 }
@@ -260,6 +265,37 @@ TEST_F(StatusTest, TheBoxThatDoesNotAnswerHasAProblem)
     box_.WritePidFile(0, std::to_string(instance.Pid()));
     LogCapture log;
     EXPECT_THAT(TextsOf(Status(0).problems), Contains("does not answer on port 53"));
+}
+
+TEST(IsIdleBox, IsTrueForVpnZeroWithoutAnythingToTell)
+{
+    const VpnStatus idle;
+    EXPECT_TRUE(IsIdleBox(idle));
+    for (const auto member : {&Kavel__VpnStatus::meant, &Kavel__VpnStatus::pid_file, &Kavel__VpnStatus::starting,
+                              &Kavel__VpnStatus::stopped, &Kavel__VpnStatus::stored, &Kavel__VpnStatus::rule}) {
+        VpnStatus status;
+        status.fields.*member = 1;
+        EXPECT_FALSE(IsIdleBox(status));
+    }
+    VpnStatus other;
+    other.fields.vpn = 7;
+    EXPECT_FALSE(IsIdleBox(other));
+    VpnStatus routed;
+    routed.fields.routes = 1;
+    EXPECT_FALSE(IsIdleBox(routed));
+    VpnStatus wrong;
+    wrong.problems.push_back({Fault::kKernelUnreadable, "its rules cannot be read", ""});
+    EXPECT_FALSE(IsIdleBox(wrong));
+    VpnStatus revised;
+    revised.revision = "r1";
+    EXPECT_FALSE(IsIdleBox(revised));
+}
+
+TEST_F(StatusTest, TellsThatAClientHasStoppedIt)
+{
+    EXPECT_FALSE(Status(vpnId_, {}, {}).fields.has_stopped);
+    const VpnStatus status = Status(vpnId_, {.stopped = true}, {});
+    EXPECT_TRUE(status.fields.has_stopped && status.fields.stopped);
 }
 
 TEST_F(StatusTest, TellsWhatIsStored)

@@ -67,6 +67,25 @@ TEST_F(StoreTest, AnUnusedChangeIsNotBegun)
     EXPECT_THAT(TheStore().ReadText(7), Optional(Eq("7")));
 }
 
+TEST_F(StoreTest, AChangeThatIsLeftOutChangesNothing)
+{
+    Start();
+    TheStore().Put(7, "7", kCpe);
+    {
+        StoreChange change(TheStore(), RowChange::kLeftOut);
+        EXPECT_FALSE(change.IsBegun());
+        TheStore().Remove(7, kCpe);
+        EXPECT_TRUE(change.IsBegun());
+        TheStore().Put(7, "7 again", kCpe);
+        EXPECT_TRUE(change.Finish());
+        EXPECT_THAT(TheStore().ReadText(7), Optional(Eq("7")));
+    }
+    StoreChange change(TheStore(), RowChange::kLeftOut);
+    TheStore().Remove(7, kCpe);
+    EXPECT_TRUE(change.Finish());
+    EXPECT_THAT(TheStore().ReadText(7), Optional(Eq("7")));
+}
+
 TEST_F(StoreTest, AChangeThatIsNotFinishedRemovesNothing)
 {
     Start();

@@ -30,7 +30,7 @@ class StoreRequestsTest : public testing::Test {
         Kavel__Request request = KAVEL__REQUEST__INIT;
         request.has_vpn = vpnId ? 1 : 0;
         request.vpn = vpnId.value_or(0);
-        return ShowStored(host_.store, request);
+        return ShowStored(host_, request);
     }
 
     TestBox box_;
@@ -82,6 +82,18 @@ TEST_F(StoreRequestsTest, ShowsNothingThatIsNotStored)
     EXPECT_EQ(answer.result, -ENOENT);
     EXPECT_EQ(answer.text, "nothing is stored for vpn 0");
     EXPECT_EQ(answer.vpn, 0U);
+    EXPECT_FALSE(answer.isUnknownVpn);
+}
+
+TEST_F(StoreRequestsTest, SaysThatAVpnWithoutARowIsNotConfigured)
+{
+    const Answer answer = Show(7);
+    EXPECT_EQ(answer.result, -ENOENT);
+    EXPECT_EQ(answer.text, "vpn 7 is not configured");
+    EXPECT_TRUE(answer.isUnknownVpn);
+    host_.config.persistence = false;
+    EXPECT_TRUE(Show(7).isUnknownVpn);
+    EXPECT_EQ(Show(0).result, -EOPNOTSUPP);
 }
 
 TEST_F(StoreRequestsTest, ShowsNoTextThatDoesNotFitIntoAFrame)

@@ -202,6 +202,30 @@ TEST_F(SupervisorTest, WhatIsAppliedIsKeptForTheNextAgent)
     EXPECT_EQ(files.ReadContent(0).bytes, std::string(message.begin(), message.end()));
 }
 
+// ---- Stopped ----
+
+TEST_F(SupervisorTest, WhatWasMeantToRunIsStoppedUntilTheNextMessage)
+{
+    Start();
+    EXPECT_FALSE(supervisor_.IsStopped(0));
+    (void)Serve();
+    EXPECT_FALSE(supervisor_.IsStopped(0));
+    for (int i = 0; i < 2; ++i) {
+        (void)supervisor_.TakeDown(0);
+        EXPECT_TRUE(supervisor_.IsStopped(0));
+    }
+    Apply(0, false, VQ_DNSMASQ_OP_RELOAD);
+    EXPECT_FALSE(supervisor_.IsStopped(0));
+}
+
+TEST_F(SupervisorTest, WhatIsOffIsNotStopped)
+{
+    Start();
+    Apply(0, false, VQ_DNSMASQ_OP_RELOAD);
+    (void)supervisor_.TakeDown(0);
+    EXPECT_FALSE(supervisor_.IsStopped(0));
+}
+
 // ---- The mark of a launch ----
 
 TEST_F(SupervisorTest, TheMarkIsRemovedWhenTheLaunchHasEnded)

@@ -257,7 +257,7 @@ Bytes FrameOf(const Bytes &payload)
 }
 
 Bytes PackRequest(std::int32_t verb, std::optional<std::uint32_t> vpn, const std::optional<Bytes> &message,
-                  std::optional<std::string> revision)
+                  std::optional<std::string> revision, std::optional<std::uint32_t> confirmSeconds)
 {
     Kavel__Request request = KAVEL__REQUEST__INIT;
     request.verb = static_cast<Kavel__Request__Verb>(verb);
@@ -267,6 +267,8 @@ Bytes PackRequest(std::int32_t verb, std::optional<std::uint32_t> vpn, const std
     request.has_message = message ? 1 : 0;
     request.message = {content.size(), content.data()};
     request.revision = revision ? revision->data() : nullptr;
+    request.has_confirm_seconds = confirmSeconds ? 1 : 0;
+    request.confirm_seconds = confirmSeconds.value_or(0);
     Bytes packed(kavel__request__get_packed_size(&request));
     kavel__request__pack(&request, packed.data());
     return packed;

@@ -144,7 +144,8 @@ class LogCapture {
 Bytes FrameOf(const Bytes &payload);
 Bytes PackRequest(std::int32_t verb, std::optional<std::uint32_t> vpn = std::nullopt,
                   const std::optional<Bytes> &message = std::nullopt,
-                  std::optional<std::string> revision = std::nullopt);
+                  std::optional<std::string> revision = std::nullopt,
+                  std::optional<std::uint32_t> confirmSeconds = std::nullopt);
 // A controller's messages. `fill` completes them; what it points at only has to live until it returns.
 Bytes PackCpe(std::uint32_t vpnId, bool enable, std::uint32_t operation,
               const std::function<void(DnsmasqConf &)> &fill = {});

@@ -89,22 +89,23 @@ TEST_F(AgentRules, DnsRuleRedirectsTheLanAndDropsTheWan)
 {
     EXPECT_EQ(AddDns(kVpn, kCustomerOfVpn), 0);
     EXPECT_EQ(Nft(kVpn, "list tables"), std::string("table ") + kTable + "\n");
-    EXPECT_THAT(Nft(kVpn, "list ruleset"), HasSubstr("\t\ttype nat hook prerouting priority dstnat; policy accept;\n"
-                                                     "\t\tiifname \"lan0\" udp dport 53 redirect to :53\n"
-                                                     "\t\tiifname \"lan0\" tcp dport 53 redirect to :53\n"
-                                                     "\t\tiifname \"lan1\" udp dport 53 redirect to :53\n"
-                                                     "\t\tiifname \"lan1\" tcp dport 53 redirect to :53\n"
-                                                     "\t}\n"
-                                                     "\n"
-                                                     "\tchain input {\n"
-                                                     "\t\ttype filter hook input priority filter; policy accept;\n"
-                                                     "\t\tiifname \"lan0\" accept\n"
-                                                     "\t\tiifname \"lan1\" accept\n"
-                                                     "\t\tiifname \"wan0\" udp dport 53 drop\n"
-                                                     "\t\tiifname \"wan0\" tcp dport 53 drop\n"
-                                                     "\t\tiifname \"wan1\" udp dport 53 drop\n"
-                                                     "\t\tiifname \"wan1\" tcp dport 53 drop\n"
-                                                     "\t}\n"));
+    EXPECT_THAT(Nft(kVpn, "list ruleset"),
+                HasSubstr("\t\ttype nat hook prerouting priority dstnat; policy accept;\n"
+                          "\t\tiifname \"lan0\" udp dport 53 counter packets 0 bytes 0 redirect to :53\n"
+                          "\t\tiifname \"lan0\" tcp dport 53 counter packets 0 bytes 0 redirect to :53\n"
+                          "\t\tiifname \"lan1\" udp dport 53 counter packets 0 bytes 0 redirect to :53\n"
+                          "\t\tiifname \"lan1\" tcp dport 53 counter packets 0 bytes 0 redirect to :53\n"
+                          "\t}\n"
+                          "\n"
+                          "\tchain input {\n"
+                          "\t\ttype filter hook input priority filter; policy accept;\n"
+                          "\t\tiifname \"lan0\" accept\n"
+                          "\t\tiifname \"lan1\" accept\n"
+                          "\t\tiifname \"wan0\" udp dport 53 drop\n"
+                          "\t\tiifname \"wan0\" tcp dport 53 drop\n"
+                          "\t\tiifname \"wan1\" udp dport 53 drop\n"
+                          "\t\tiifname \"wan1\" tcp dport 53 drop\n"
+                          "\t}\n"));
 }
 
 TEST_F(AgentRules, DnsRuleOfTheBoxAcceptsItsLanAndC2pBeforeItDropsItsWan)

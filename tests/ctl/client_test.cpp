@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <sched.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
@@ -166,6 +167,41 @@ TEST_F(ClientTest, TimesOutWhenTheAgentDoesNotRead)
 {
     request_.resize(control::kFrameMax);
     EXPECT_EQ(FailureOf(MakeClient(50ms)), "the agent did not reply within 0.05 s");
+}
+
+TEST_F(ClientTest, CallsTheNoticeOnceWhenTheAgentIsSilent)
+{
+    int notices = 0;
+    Client client = MakeClient(200ms);
+    EXPECT_THROW(client.Exchange(request_, {.noticeAfter = 20ms, .notice = [&] { ++notices; }, .interrupt = -1}),
+                 AgentError);
+    EXPECT_EQ(notices, 1);
+}
+
+TEST_F(ClientTest, CallsNoNoticeWhenTheAgentReplies)
+{
+    int notices = 0;
+    ASSERT_TRUE(WriteBytes(agentEnd_.Get(), Frame(PackReply(0))));
+    Client client = MakeClient();
+    client.Exchange(request_, {.noticeAfter = 10s, .notice = [&] { ++notices; }, .interrupt = -1});
+    EXPECT_EQ(notices, 0);
+}
+
+TEST_F(ClientTest, EndsTheExchangeWhenItIsInterrupted)
+{
+    const UniqueFd interrupt(::eventfd(1, EFD_CLOEXEC));
+    Client client = MakeClient();
+    EXPECT_THROW(client.Exchange(request_, {.noticeAfter = 0ms, .notice = {}, .interrupt = interrupt.Get()}),
+                 Interrupted);
+    EXPECT_EQ(ReadFrame(agentEnd_.Get()), request_);
+}
+
+TEST_F(ClientTest, TakesAReplyThatHasComeBeforeTheInterruption)
+{
+    const UniqueFd interrupt(::eventfd(1, EFD_CLOEXEC));
+    ASSERT_TRUE(WriteBytes(agentEnd_.Get(), Frame(PackReply(-5))));
+    Client client = MakeClient();
+    EXPECT_EQ(client.Exchange(request_, {.noticeAfter = 0ms, .notice = {}, .interrupt = interrupt.Get()})->result, -5);
 }
 
 std::string ConnectFailure(const std::string &path)

@@ -27,11 +27,23 @@ inline Bytes ReplyFor(std::uint32_t vpn, std::int32_t result, std::string reason
     });
 }
 
+// The refusal of a request that names a VPN which is not configured.
+inline Bytes UnknownVpnReply(std::uint32_t vpn)
+{
+    return PackReply(-2, [vpn](Kavel__Reply &reply) {
+        static std::string text;
+        text = "vpn " + std::to_string(vpn) + " is not configured";
+        reply.has_unknown_vpn = reply.unknown_vpn = reply.has_vpn = 1;
+        reply.vpn = vpn;
+        reply.text = text.data();
+    });
+}
+
 class CommandsTest : public testing::Test {
   protected:
-    void Answer(std::vector<Bytes> replies)
+    void Answer(std::vector<Bytes> replies, std::function<void(std::size_t)> onRequest = {})
     {
-        agent_ = std::make_unique<FakeAgent>(std::move(replies));
+        agent_ = std::make_unique<FakeAgent>(std::move(replies), std::move(onRequest));
         session_.socket = agent_->Socket();
     }
 

@@ -249,7 +249,8 @@ TEST_F(CommandsTest, CheckFailsWithoutASummary)
 {
     Answer({ReplyFor(7, 0)});
     EXPECT_EQ(GoCheck({{kBranchOffice}}), kNoAgent);
-    EXPECT_EQ(err_.str(), "vqctl: the agent's reply says nothing about the message\n");
+    EXPECT_EQ(err_.str(),
+              "vqctl: " + std::string(kBranchOffice) + ": the agent's reply says nothing about the message\n");
 }
 
 TEST_F(CommandsTest, VpnInitNamesTheVpn)
@@ -336,7 +337,7 @@ TEST_F(CommandsTest, StoreShowFailsWithoutAText)
 TEST_F(CommandsTest, EncodeWritesAFile)
 {
     const std::string target = dir_.File("message.bin");
-    EXPECT_EQ(Go([&] { return Encode(kOff, target); }), kDone);
+    EXPECT_EQ(Go([&] { return Encode(kOff, target, MessageFor::kVpn); }), kDone);
     EXPECT_EQ(ReadInput(target), std::string("\x08\x00\x10\x00\x38\x01\x48\x07", 8));
 }
 
@@ -344,14 +345,14 @@ TEST_F(CommandsTest, EncodeKeepsTheTargetWhenTheMessageIsBad)
 {
     const std::string target = dir_.Write("message.bin", "old");
     const std::string bad = dir_.Write("bad.json", "{}");
-    EXPECT_EQ(Go([&] { return Encode(bad, target); }), kBadInput);
+    EXPECT_EQ(Go([&] { return Encode(bad, target, MessageFor::kVpn); }), kBadInput);
     EXPECT_EQ(err_.str(), "vqctl: " + bad + ": enable: is missing\n");
     EXPECT_EQ(ReadInput(target), "old");
 }
 
 TEST_F(CommandsTest, EncodeNamesTheTargetThatItCannotWrite)
 {
-    EXPECT_EQ(Go([&] { return Encode(kOff, "/dev/full"); }), kBadInput);
+    EXPECT_EQ(Go([&] { return Encode(kOff, "/dev/full", MessageFor::kVpn); }), kBadInput);
     EXPECT_EQ(err_.str(), "vqctl: /dev/full: cannot be written: No space left on device\n");
 }
 

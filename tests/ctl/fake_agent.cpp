@@ -113,8 +113,9 @@ std::string TempDir::Write(const std::string &name, const std::string &content) 
     return File(name);
 }
 
-FakeAgent::FakeAgent(std::vector<Bytes> replies)
-    : replies_(std::move(replies)), listener_(Listen(Socket())), thread_([this] { Serve(); })
+FakeAgent::FakeAgent(std::vector<Bytes> replies, std::function<void(std::size_t)> onRequest)
+    : replies_(std::move(replies)), onRequest_(std::move(onRequest)), listener_(Listen(Socket())),
+      thread_([this] { Serve(); })
 {
 }
 
@@ -144,6 +145,9 @@ void FakeAgent::Serve()
             return;
         }
         requests_.push_back(std::move(request));
+        if (onRequest_) {
+            onRequest_(requests_.size());
+        }
         if (reply.empty() || !WriteBytes(connection.Get(), Frame(reply))) {
             return;
         }

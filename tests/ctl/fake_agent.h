@@ -57,7 +57,9 @@ class TempDir {
 // reply closes the connection at once.
 class FakeAgent {
   public:
-    explicit FakeAgent(std::vector<Bytes> replies);
+    // `onRequest` is called with the number of each request, from 1, before its reply is sent. It runs in another
+    // thread.
+    explicit FakeAgent(std::vector<Bytes> replies, std::function<void(std::size_t)> onRequest = {});
     ~FakeAgent();
     FakeAgent(const FakeAgent &) = delete;
     FakeAgent &operator=(const FakeAgent &) = delete;
@@ -71,6 +73,7 @@ class FakeAgent {
 
     TempDir dir_;
     std::vector<Bytes> replies_;
+    std::function<void(std::size_t)> onRequest_;
     std::vector<Bytes> requests_;
     UniqueFd listener_;
     std::thread thread_;

@@ -38,13 +38,13 @@ PopPtr DecodePop(const EncodedMessage &message)
 
 EncodedMessage EncodeExample(const std::string &name)
 {
-    return EncodeJson(ReadInput(std::string(KAVEL_EXAMPLES) + "/" + name));
+    return EncodeJson(ReadInput(std::string(KAVEL_EXAMPLES) + "/" + name), MessageFor::kVpn);
 }
 
 std::string Refusal(const std::string &text)
 {
     try {
-        EncodeJson(text);
+        EncodeJson(text, MessageFor::kBox);
     } catch (const InputError &error) {
         return error.what();
     }
@@ -100,11 +100,15 @@ std::vector<RefusalCase> SyntaxCases()
                     "line 2, column 12: object property name separator ':' expected"},
         RefusalCase{"ColumnCountsCharacters", "{\"\u00e9\" 1}",
                     "line 1, column 6: object property name separator ':' expected"},
-        RefusalCase{"TrailingComma", R"({"enable": true,})", "line 1, column 17: unexpected character"},
+        RefusalCase{"TrailingComma", R"({"enable": true,})",
+                    R"(line 1, column 16: trailing comma; none may stand before "}")"},
         RefusalCase{"TrailingGarbage", "{}\n  x", "line 2, column 3: unexpected text after the value"},
-        RefusalCase{"SecondValue", "{}{}", "line 1, column 3: unexpected text after the value"},
+        RefusalCase{"SecondMessage", "{}\n{}",
+                    "line 2, column 1: a second message begins here; put each into a file of its own"},
+        RefusalCase{"KeyTwice", "{\"enable\": true,\n \"enable\": false}",
+                    R"(line 2, column 2: key "enable" is there twice)"},
         RefusalCase{"NulAfterValue", std::string("{}\0x", 4), "line 1, column 3: NUL character"},
-        RefusalCase{"Comment", "{} // no", "line 1, column 4: unexpected text after the value"},
+        RefusalCase{"Comment", "{} // no", "line 1, column 4: comment; JSON has none"},
         RefusalCase{"BadUtf8", "{\"enable\": \"\xFF\"}", "line 1, column 13: invalid utf-8 string"},
         RefusalCase{"TooDeep", std::string(100, '['), "line 1, column 33: nesting too deep"},
     };
@@ -119,6 +123,7 @@ std::vector<RefusalCase> ShapeCases()
         RefusalCase{"Number", "7", "expected an object, not 7"},
         RefusalCase{"UnknownKey", Cpe(R"("colour": 1)"), "colour: unknown key"},
         RefusalCase{"EmptyKey", Cpe(R"("": 1)"), R"("": unknown key)"},
+        RefusalCase{"MistypedKey", Cpe(R"("dnshost": [])"), R"(dnshost: unknown key; did you mean "dnshosts"?)"},
         RefusalCase{"UnknownKeyInItem", Cpe(R"("dnshosts": [{"domain": "a.example", "ip": "10.0.0.1", "ttl": 5}])"),
                     "dnshosts[0].ttl: unknown key"},
         RefusalCase{"NoEnable", R"({"operation": 1})", "enable: is missing"},
@@ -243,7 +248,7 @@ INSTANTIATE_TEST_SUITE_P(Platform, RefusedMessage, testing::ValuesIn(PlatformCas
 
 TEST(CpeMessage, SmallestHasOnlyTheRequiredFields)
 {
-    const CpePtr conf = DecodeCpe(EncodeJson(R"({"enable": false, "operation": "reboot"})"));
+    const CpePtr conf = DecodeCpe(EncodeJson(R"({"enable": false, "operation": "reboot"})", MessageFor::kBox));
     ASSERT_TRUE(conf);
     EXPECT_EQ(conf->enable, 0);
     EXPECT_EQ(conf->operation, 1U);
@@ -255,9 +260,10 @@ TEST(CpeMessage, SmallestHasOnlyTheRequiredFields)
 
 TEST(CpeMessage, AcceptsOperationByNameOrNumber)
 {
-    EXPECT_EQ(DecodeCpe(EncodeJson(R"({"enable": true, "operation": "reload"})"))->operation, 0U);
-    EXPECT_EQ(DecodeCpe(EncodeJson(R"({"enable": true, "operation": 0})"))->operation, 0U);
-    EXPECT_EQ(DecodeCpe(EncodeJson(R"({"enable": true, "operation": 4294967295})"))->operation, 4294967295U);
+    EXPECT_EQ(DecodeCpe(EncodeJson(R"({"enable": true, "operation": "reload"})", MessageFor::kBox))->operation, 0U);
+    EXPECT_EQ(DecodeCpe(EncodeJson(R"({"enable": true, "operation": 0})", MessageFor::kBox))->operation, 0U);
+    EXPECT_EQ(DecodeCpe(EncodeJson(R"({"enable": true, "operation": 4294967295})", MessageFor::kBox))->operation,
+              4294967295U);
 }
 
 TEST(CpeMessage, CarriesEveryOptionalField)
@@ -266,7 +272,8 @@ TEST(CpeMessage, CarriesEveryOptionalField)
         "vpnid": 4294967295, "persistentflag": false, "historypersistent": true,
         "dnshosts": [{"domain": "a.example", "ip": "255.255.255.255", "ipv6": "2001:db8::1"}],
         "dnsproxies": [{"domains": ["a.example", "b.example"], "serverips": ["10.0.0.1", "0.0.0.0"],
-                        "serveripv6s": ["::1", "fe80::2"]}])")));
+                        "serveripv6s": ["::1", "fe80::2"]}])"),
+                                             MessageFor::kVpn));
     ASSERT_TRUE(conf);
     EXPECT_EQ(conf->vpnid, 4294967295U);
     EXPECT_TRUE(conf->has_persistentflag != 0 && conf->persistentflag == 0);
@@ -292,11 +299,79 @@ TEST(CpeMessage, DoesNotCheckTheModulesLimits)
     for (int i = 0; i < 1024; ++i) {
         hosts += R"(, {"domain": "", "ip": "10.0.0.1"})";
     }
-    const CpePtr conf = DecodeCpe(EncodeJson(Cpe(R"("dnshosts": [)" + hosts + "]")));
+    const CpePtr conf = DecodeCpe(EncodeJson(Cpe(R"("dnshosts": [)" + hosts + "]"), MessageFor::kBox));
     ASSERT_TRUE(conf);
     ASSERT_EQ(conf->n_dnshosts, 1025U);
     EXPECT_STREQ(conf->dnshosts[0]->domain, "not a domain");
     EXPECT_STREQ(conf->dnshosts[1024]->domain, "");
+}
+
+TEST(CpeMessage, NamesItsVpnOrIsForTheBox)
+{
+    const auto refusal = [](const std::string &text, MessageFor target) {
+        try {
+            EncodeJson(text, target);
+        } catch (const InputError &error) {
+            return std::string(error.what());
+        }
+        return std::string("accepted");
+    };
+    const std::string none = R"({"enable": false, "operation": "reload"})";
+    EXPECT_EQ(refusal(none, MessageFor::kVpn), "vpnid: is missing; give --box if the message is for the box itself");
+    EXPECT_EQ(refusal(none, MessageFor::kBox), "accepted");
+    EXPECT_EQ(refusal(Cpe(R"("vpnid": 0)"), MessageFor::kVpn), "accepted");
+    EXPECT_EQ(refusal(Cpe(R"("vpnid": 0)"), MessageFor::kBox), "accepted");
+    EXPECT_EQ(refusal(Cpe(R"("vpnid": 7)"), MessageFor::kVpn), "accepted");
+    EXPECT_EQ(refusal(Cpe(R"("vpnid": 7)"), MessageFor::kBox), "vpnid: is 7, but --box is given: the box itself is 0");
+    EXPECT_EQ(refusal(R"({"enable": false, "localip": "10.0.0.1"})", MessageFor::kVpn), "accepted");
+}
+
+std::vector<std::string> AllErrors(const std::string &text)
+{
+    std::vector<std::string> errors;
+    const auto encoded = EncodeJson(text, MessageFor::kVpn, [&](const std::string &error) { errors.push_back(error); });
+    EXPECT_EQ(encoded.has_value(), errors.empty());
+    return errors;
+}
+
+TEST(AllErrorsOfAMessage, AreGivenInTheirOrder)
+{
+    const std::vector<std::string> expected = {
+        R"(line 6, column 36: key "ip" is there twice)",
+        R"(enable: expected true or false, not "yes")",
+        R"(dnshosts[0].ip: "10.0.0" is not an IPv4 address)",
+        R"(dnshosts[1]: expected an object, not 5)",
+        R"(dnshosts[2].domain: is missing)",
+        R"(dnsproxies[0].domains[1]: expected a string, not 5)",
+        R"(dnsproxies[0].serverips: expected an array, not null)",
+        R"(VPNID: unknown key; did you mean "vpnid"?)",
+        R"(operation: is missing)",
+        R"(vpnid: is missing; give --box if the message is for the box itself)",
+    };
+    EXPECT_EQ(AllErrors(R"({
+        "enable": "yes",
+        "dnshosts": [
+            {"domain": "a.example", "ip": "10.0.0"},
+            5,
+            {"ip": "10.0.0.1",     "ip": "10.0.0.2"}
+        ],
+        "dnsproxies": [{"domains": ["a.example", 5], "serverips": null}],
+        "VPNID": 7
+    })"),
+              expected);
+}
+
+TEST(AllErrorsOfAMessage, EndWithASyntaxError)
+{
+    EXPECT_EQ(AllErrors(R"({"enable": 1, "operation" 2})"),
+              std::vector<std::string>{"line 1, column 27: object property name separator ':' expected"});
+    EXPECT_EQ(AllErrors("[]"), std::vector<std::string>{"expected an object, not an array"});
+}
+
+TEST(AllErrorsOfAMessage, AreNoneForAGoodOne)
+{
+    EXPECT_EQ(AllErrors(Cpe(R"("vpnid": 7)")), std::vector<std::string>{});
+    EXPECT_EQ(AllErrors(R"({"enable": false, "localip": "10.0.0.1"})"), std::vector<std::string>{});
 }
 
 TEST(CpeMessage, SummaryListsTheCounts)
@@ -310,7 +385,8 @@ TEST(PopMessage, CarriesEveryField)
 {
     const PopPtr conf =
         DecodePop(EncodeJson(R"({"enable": false, "localip": "10.88.0.1", "dns": ["10.0.0.1", "10.0.0.2"],
-        "persistentflag": true, "historypersistent": false, "dnsipv6": ["2001:db8::53"], "localipv6": "::1"})"));
+        "persistentflag": true, "historypersistent": false, "dnsipv6": ["2001:db8::53"], "localipv6": "::1"})",
+                             MessageFor::kVpn));
     ASSERT_TRUE(conf);
     EXPECT_EQ(conf->enable, 0);
     EXPECT_EQ(conf->localip, Ip("10.88.0.1"));

@@ -4,9 +4,12 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "input_error.h"
+#include "json_text.h"
 
 namespace kavel {
 namespace {
@@ -53,9 +56,7 @@ TEST(ParseJson, RefusesATextThatEndsEarly)
 
 TEST(ParseJson, RefusesTextAfterTheValue)
 {
-    EXPECT_EQ(SyntaxError("{}{}"), "line 1, column 3: unexpected text after the value");
     EXPECT_EQ(SyntaxError("{}\n  x"), "line 2, column 3: unexpected text after the value");
-    EXPECT_EQ(SyntaxError("{} // no"), "line 1, column 4: unexpected text after the value");
     EXPECT_EQ(SyntaxError("7 8"), "line 1, column 3: unexpected text after the value");
     EXPECT_EQ(SyntaxError("\"\u00e9\" x"), "line 1, column 5: unexpected text after the value");
 }
@@ -77,11 +78,94 @@ TEST(ParseJson, CountsColumnsInCharacters)
 
 TEST(ParseJson, IsStrict)
 {
-    EXPECT_EQ(SyntaxError("[1,]"), "line 1, column 4: unexpected character");
-    EXPECT_EQ(SyntaxError("{\"a\": 1,}"), "line 1, column 9: unexpected character");
-    EXPECT_EQ(SyntaxError("['a']"), "line 1, column 2: unexpected character");
+    EXPECT_EQ(SyntaxError("[1,,2]"), "line 1, column 4: unexpected character");
+    EXPECT_EQ(SyntaxError("[,1]"), "line 1, column 2: unexpected character");
     EXPECT_EQ(SyntaxError("\"\xFF\""), "line 1, column 2: invalid utf-8 string");
     EXPECT_EQ(SyntaxError(std::string(100, '[')), "line 1, column 33: nesting too deep");
+}
+
+TEST(ParseJson, RefusesASecondValue)
+{
+    const std::string second = " begins here; put each into a file of its own";
+    EXPECT_EQ(SyntaxError("{}{}"), "line 1, column 3: a second value" + second);
+    EXPECT_EQ(SyntaxError("{}\n,\n{}"), "line 2, column 1: a second value" + second);
+    EXPECT_EQ(RefusalOf([] { ParseJson("{}\n {}", {.noun = "message"}); }),
+              "line 2, column 2: a second message" + second);
+    EXPECT_EQ(SyntaxError("{},"), "line 1, column 3: unexpected text after the value");
+}
+
+TEST(ParseJson, NamesUsualMistakes)
+{
+    EXPECT_EQ(SyntaxError("[1, ]"), R"(line 1, column 3: trailing comma; none may stand before "]")");
+    EXPECT_EQ(SyntaxError("{\"a\": 1,\n}"), R"(line 1, column 8: trailing comma; none may stand before "}")");
+    EXPECT_EQ(SyntaxError("// why\n{}"), "line 1, column 1: comment; JSON has none");
+    EXPECT_EQ(SyntaxError("[1, /* why */ 2]"), "line 1, column 5: comment; JSON has none");
+    EXPECT_EQ(SyntaxError("{\n# why\n}"), "line 2, column 1: comment; JSON has none");
+    EXPECT_EQ(SyntaxError("{} # why"), "line 1, column 4: comment; JSON has none");
+    EXPECT_EQ(SyntaxError("\xEF\xBB\xBF{}"), "line 1, column 1: byte order mark; save the file as UTF-8 without one");
+    EXPECT_EQ(SyntaxError("\xFF\xFE{"), "line 1, column 1: UTF-16; save the file as UTF-8");
+    EXPECT_EQ(SyntaxError("['a']"), "line 1, column 2: single quote; use \"");
+}
+
+TEST(ParseJson, NamesTypographicQuotes)
+{
+    EXPECT_EQ(SyntaxError("{“a”: 1}"), "line 1, column 2: typographic quote U+201C; use \"");
+    EXPECT_EQ(SyntaxError("[‘a’]"), "line 1, column 2: typographic quote U+2018; use \"");
+    EXPECT_EQ(SyntaxError("{\"a”: 1}"), "line 1, column 4: typographic quote U+201D; use \"");
+    EXPECT_EQ(SyntaxError("{\"a”: 1, \"b\": 2}"), "line 1, column 4: typographic quote U+201D; use \"");
+    EXPECT_EQ(SyntaxError("[\"it’s\", 1 2]"), "line 1, column 12: array value separator ',' expected");
+    EXPECT_EQ(SyntaxError("[\"it’s\"]"), "accepted");
+}
+
+TEST(ParseJson, RefusesRepeatedKeys)
+{
+    EXPECT_EQ(SyntaxError(R"({"a": 1, "a": 1})"), R"(line 1, column 10: key "a" is there twice)");
+    EXPECT_EQ(SyntaxError("{\"é\": [\n{\"b\": {}, \"c\": [1, 2],\n  \"b\": \"x\"}]}"),
+              R"(line 3, column 3: key "b" is there twice)");
+    EXPECT_EQ(SyntaxError(R"({"a\b": 1, "\u0061\u005Cb": 2})"), R"(accepted)");
+    EXPECT_EQ(SyntaxError(R"({"ab": 1, "\u0061b": 2})"), R"(line 1, column 11: key "ab" is there twice)");
+    EXPECT_EQ(SyntaxError(R"({"a\u0000b": 1, "a": 2})"), R"(line 1, column 17: key "a" is there twice)");
+    EXPECT_EQ(SyntaxError(R"({"a\n": 1, "a\n": 2})"), R"(line 1, column 12: key "a?" is there twice)");
+    EXPECT_EQ(SyntaxError(R"({"": 1, "": 2})"), R"(line 1, column 9: key "" is there twice)");
+}
+
+TEST(ParseJson, AcceptsAKeyThatOnlyAnotherObjectHas)
+{
+    for (const char *text : {R"({"a": {"a": {"a": "a"}}})", R"([{"a": 1}, {"a": 2}])", R"({"a": "b", "b": "a"})",
+                             R"({"a": ["a", "a"], "b": ["{", "\"a\":", "a"]})", R"({"a": 1, "A": 2})"}) {
+        EXPECT_EQ(SyntaxError(text), "accepted") << text;
+    }
+}
+
+TEST(ParseJson, GivesEveryRepeatedKeyToTheSink)
+{
+    std::vector<std::string> errors;
+    const ErrorSink note = [&](const std::string &error) { errors.push_back(error); };
+    const JsonPtr json =
+        ParseJson("{\"a\": 1, \"a\": 2,\n\"b\": {\"a\": 1},\n \"b\": 3, \"a\": 4}", {.noun = "value", .errors = &note});
+    EXPECT_EQ(errors, (std::vector<std::string>{R"(line 1, column 10: key "a" is there twice)",
+                                                R"(line 3, column 2: key "b" is there twice)",
+                                                R"(line 3, column 10: key "a" is there twice)"}));
+    EXPECT_TRUE(json);
+}
+
+TEST(UnknownKeyText, SuggestsANearName)
+{
+    const std::vector<std::string_view> known = {"vpnid",      "enable",    "dnshosts", "dnsservers",
+                                                 "dnsproxies", "dnsmxhost", "ip",       "ipv6"};
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"VpnID", "vpnid"},        {"vpn_id", "vpnid"},       {"vpn", "vpnid"},      {"dnshost", "dnshosts"},
+        {"dsnhosts", "dnshosts"},  {"servers", "dnsservers"}, {"enabled", "enable"}, {"dnsmx", "dnsmxhost"},
+        {"proxies", "dnsproxies"}, {"ip6", "ipv6"},           {"ipv4", "ip"},
+    };
+    for (const auto &[key, meant] : cases) {
+        EXPECT_EQ(UnknownKeyText(key, known), "unknown key; did you mean \"" + meant + "\"?") << key;
+    }
+    for (const char *key : {"", "colour", "dns", "ttl", "localip6address", "n"}) {
+        EXPECT_EQ(UnknownKeyText(key, known), "unknown key") << key;
+    }
+    EXPECT_EQ(UnknownKeyText(std::string(65, 'v'), known), "unknown key");
+    EXPECT_EQ(UnknownKeyText("vpnid", {}), "unknown key");
 }
 
 TEST(JsonPath, NamesEachStep)

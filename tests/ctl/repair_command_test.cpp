@@ -78,10 +78,10 @@ TEST_F(RepairCommandTest, DoesNotSayNothingToRepairWhenARepairFailed)
     EXPECT_EQ(out_.str(), "");
 }
 
-TEST_F(RepairCommandTest, ReportsARefusal)
+TEST_F(RepairCommandTest, AnUnknownVpnIsBadInput)
 {
-    Answer({ReplyFor(99, -2, "", "vpn 99 is not configured")});
-    EXPECT_EQ(GoRepair(99), kRefused);
+    Answer({UnknownVpnReply(99)});
+    EXPECT_EQ(GoRepair(99), kBadInput);
     EXPECT_EQ(out_.str(), "vpn 99: refused (-2 No such file or directory): vpn 99 is not configured\n");
     EXPECT_EQ(err_.str(), "");
 }
@@ -91,6 +91,42 @@ TEST_F(RepairCommandTest, ReportsARefusalForAllVpns)
     Answer({PackReply(-125)});
     EXPECT_EQ(GoRepair(), kRefused);
     EXPECT_EQ(out_.str(), "repair: refused (-125 Operation canceled)\n");
+}
+
+TEST_F(RepairCommandTest, TheJsonHasEachRepairAndWhatIsLeft)
+{
+    session_.json = true;
+    Answer({RepairReply({"vpn 7: a", "vpn 8: b"})});
+    EXPECT_EQ(GoRepair(), kDone);
+    EXPECT_EQ(out_.str(), R"({
+  "schema": 1,
+  "repaired": [
+    "vpn 7: a",
+    "vpn 8: b"
+  ],
+  "problem": null
+}
+)");
+    out_.str("");
+    Answer({RepairReply({}, "vpn 8: c")});
+    EXPECT_EQ(GoRepair(), kNotAsAsked);
+    EXPECT_EQ(out_.str(), "{\n  \"schema\": 1,\n  \"repaired\": [\n  ],\n  \"problem\": \"vpn 8: c\"\n}\n");
+    EXPECT_EQ(err_.str(), "");
+}
+
+TEST_F(RepairCommandTest, TheJsonOfARefusalIsAnError)
+{
+    session_.json = true;
+    Answer({UnknownVpnReply(99)});
+    EXPECT_EQ(GoRepair(99), kBadInput);
+    EXPECT_EQ(out_.str(), R"({
+  "schema": 1,
+  "error": {
+    "exit": 2,
+    "text": "vpn 99: refused (-2 No such file or directory): vpn 99 is not configured"
+  }
+}
+)");
 }
 
 TEST_F(RepairCommandTest, FailsWithoutAnAgent)

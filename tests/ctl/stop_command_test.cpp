@@ -1,4 +1,5 @@
 // `vqctl stop` as a command: its requests, its output and its exit code.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
@@ -69,10 +70,10 @@ TEST_F(StopCommandTest, WhatIsLeftOfOneDoesNotKeepTheOthers)
     EXPECT_EQ(err_.str(), "vqctl: vpn 1: routes are left?\n");
 }
 
-TEST_F(StopCommandTest, ReportsARefusal)
+TEST_F(StopCommandTest, AnUnknownVpnIsBadInput)
 {
-    Answer({ReplyFor(99, -2, "", "vpn 99 is not configured")});
-    EXPECT_EQ(GoStop(99), kRefused);
+    Answer({UnknownVpnReply(99)});
+    EXPECT_EQ(GoStop(99), kBadInput);
     EXPECT_EQ(out_.str(), "vpn 99: refused (-2 No such file or directory): vpn 99 is not configured\n");
 }
 
@@ -82,6 +83,39 @@ TEST_F(StopCommandTest, ReportsThatTheAgentRefusesToTellItsVpns)
     EXPECT_EQ(GoStop(), kRefused);
     EXPECT_EQ(out_.str(), "");
     EXPECT_EQ(err_.str(), "vqctl: status: refused (-16 Device or resource busy)\n");
+}
+
+TEST_F(StopCommandTest, TheJsonHasEachVpn)
+{
+    session_.json = true;
+    Answer({StatusReply(), ReplyFor(1, 0, "", "routes are left"), ReplyFor(2, 0)});
+    EXPECT_EQ(GoStop(), kNotAsAsked);
+    EXPECT_EQ(out_.str(), R"({
+  "schema": 1,
+  "results": [
+    {
+      "vpn": 1,
+      "stopped": false,
+      "problem": "routes are left"
+    },
+    {
+      "vpn": 2,
+      "stopped": true,
+      "problem": null
+    }
+  ]
+}
+)");
+    EXPECT_EQ(err_.str(), "");
+}
+
+TEST_F(StopCommandTest, TheJsonKeepsWhatWasStoppedBeforeAnError)
+{
+    session_.json = true;
+    Answer({StatusReply(), ReplyFor(1, 0), {}});
+    EXPECT_EQ(GoStop(), kNoAgent);
+    EXPECT_THAT(out_.str(), testing::HasSubstr(R"("stopped": true)"));
+    EXPECT_THAT(out_.str(), testing::HasSubstr("\"error\": {\n    \"exit\": 3,\n"));
 }
 
 TEST_F(StopCommandTest, FailsWithoutAnAgent)

@@ -201,7 +201,7 @@ class Box:
 
     def status(self, vpn=7):
         shown = self.vqctl("status", "--json", "--vpn", vpn)
-        (row,) = json.loads(shown.stdout)
+        (row,) = json.loads(shown.stdout)["vpns"]
         return {**row, "problems": [problem["text"] for problem in row["problems"]],
                 "codes": [problem["code"] for problem in row["problems"]]}
 

@@ -99,7 +99,7 @@ def test_system_route_wan_adds_no_routes(box):
 
 def test_vpn_0_serves_the_box_itself(running):
     """The instance of VPN 0 runs in the box's own namespace and reads the box-wide files."""
-    running.apply(message(0, dnshosts=[{"domain": "box.example", "ip": "192.0.2.1"}], dnsservers=None, vpnid=None))
+    running.apply(message(0, dnshosts=[{"domain": "box.example", "ip": "192.0.2.1"}], dnsservers=None))
 
     pid = wait_until(lambda: pid_file(0).exists() and instance_pid(0), "pid file")
     answer = wait_until(lambda: subprocess.run(["dig", "+short", "+time=1", "+tries=1", "@127.0.0.1", "box.example"],

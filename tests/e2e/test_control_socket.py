@@ -9,7 +9,8 @@ import time
 
 import pytest
 
-from box import BUILD, SOCKET, connect, frame, message, read_frame, run, wait_until
+from box import (BUILD, ROOT, SOCKET, connect, frame, instance_pid, message, read_frame, run, vpn_config,
+                 wait_until)
 
 
 STATUS_REQUEST = b"\x08\x03"
@@ -39,6 +40,87 @@ def test_another_user_is_turned_away(running):
                                 str(SOCKET)], capture_output=True, text=True)
     assert as_nobody.stdout == "nothing\n", as_nobody.stderr
     assert "65534" in running.log()
+
+
+GROUP = "games"
+AS_READER = ["setpriv", "--reuid=nobody", "--regid=nogroup", f"--groups={GROUP}"]
+
+
+def as_reader(*words):
+    return run(*AS_READER, BUILD / "vqctl", *words, check=False)
+
+
+@pytest.fixture
+def readable(box):
+    """An agent with a group of readers, and with the capabilities of its unit alone."""
+    box.configure(vpn_config(7), readers=GROUP)
+    kept = "sys_admin net_admin kill sys_ptrace net_bind_service net_raw setuid setgid"
+    bounding = "-all," + ",".join(f"+{name}" for name in kept.split())
+    with box.log_path.open("a") as log:
+        box.agent = subprocess.Popen(["setpriv", f"--bounding-set={bounding}", BUILD / "vqagent"], stdout=log, stderr=log)
+    wait_until(lambda: "serving 1 VPN" in box.log(), "the agent is ready", 30)
+    return box
+
+
+def test_a_reader_may_ask_and_change_nothing(readable):
+    readable.apply(message())
+    assert (stat.S_IMODE(SOCKET.stat().st_mode), SOCKET.group()) == (0o660, GROUP)
+    shown = as_reader("status", "--json")
+    assert shown.stdout and "may not connect" not in readable.log(), shown.stderr
+    before = instance_pid()
+    for words in (["stop", "--all"], ["stop", "--vpn", "7"], ["repair"], ["flush", "--vpn", "7"], ["log", "level", "debug"],
+                  ["log", "level"], ["store", "list"], ["vpn", "release", "7"], ["apply", ROOT / "examples/pop.json"],
+                  ["check", ROOT / "examples/branch-office.json"]):
+        done = as_reader(*words)
+        if words != ["stop", "--all"]:
+            assert done.returncode == 1, words
+        assert "(-13 Permission denied): only root may do this" in done.stdout + done.stderr, words
+    assert instance_pid() == before
+
+
+def test_a_user_of_the_group_as_its_first_one_may_ask(readable):
+    shown = run("setpriv", "--reuid=nobody", f"--regid={GROUP}", "--clear-groups", BUILD / "vqctl", "status", check=False)
+    assert "vpn_7" in shown.stdout, shown.stderr
+
+
+def test_other_users_are_kept_out_by_the_file(readable):
+    shown = run("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", BUILD / "vqctl", "status", check=False)
+    assert shown.returncode == 3 and "Permission denied" in shown.stderr
+
+
+def test_readers_do_not_keep_root_out(readable):
+    """However many connections they open, and whatever they leave unfinished."""
+    script = r"""
+import socket, sys
+peers = []
+for number in range(200):
+    peer = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM | socket.SOCK_NONBLOCK)
+    peers.append(peer)
+    try:
+        peer.connect(sys.argv[1])
+        peer.send((b"\0\0\0\x09half", b"\0\0\0\2\x08\x03" * 500)[number % 2])
+    except OSError:
+        pass
+print("connected", flush=True)
+sys.stdin.read()
+"""
+    with subprocess.Popen([*AS_READER, sys.executable, "-c", script, SOCKET], stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE, text=True) as readers:
+        assert readers.stdout.readline() == "connected\n"
+        started = time.monotonic()
+        for _ in range(5):
+            readable.apply(message())
+            assert readable.vqctl("status").stdout
+        assert time.monotonic() - started < 20
+        readers.stdin.close()
+
+
+def test_a_group_that_does_not_exist_keeps_nothing_from_running(box):
+    box.configure(vpn_config(7), readers="no-such-group")
+    box.start()
+    assert "readers: group no-such-group: does not exist; only root may connect" in box.log()
+    assert stat.S_IMODE(SOCKET.stat().st_mode) == 0o600
+    box.apply(message())
 
 
 def test_requests_one_after_the_other(running):

@@ -422,9 +422,11 @@ def test_a_namespace_that_is_made_after_the_start_is_served_from_its_first_messa
 
 def test_an_interface_that_is_made_again_is_served_again(ninth, told):
     with repaired(ninth, told, "LAN interface removed, made again", "its interfaces had changed", vpn=9):
+        mark = len(ninth.log())
         ip("link", "delete", "lan0", vpn=9)
         status = wait_until(lambda: (now := ninth.status(9))["problems"] and now, "the status tells the fault")
         assert 'interface "lan0" does not exist in namespace "vpn_9"' in status["problems"]
+        wait_until(lambda: 'vpn 9: interface "lan0" does not exist' in log_since(ninth, mark), "the agent has seen it")
         ip("link", "add", "lan0", "type", "veth", "peer", "name", "eth0", "netns", "upstream_9", vpn=9)
         ip("address", "add", "10.9.0.1/24", "dev", "lan0", vpn=9)
         ip("link", "set", "lan0", "up", vpn=9)
@@ -476,7 +478,7 @@ ASKED = {
     "directory removed": (lambda: shutil.rmtree(directory()), "its directory was gone", "its directory was gone"),
     "row deleted": (forget_row, None, "its stored row was gone"),
     "store removed": (remove_store, None, "its stored row was gone"),
-    "instance killed": (lambda: kill(instance_pid()), "is gone", "its instance was started"),
+    "instance killed": (lambda: kill(instance_pid()), "no instance runs: killed by signal 9", "its instance was started"),
 }
 
 
@@ -512,7 +514,7 @@ def test_without_repair_a_fault_is_told_and_repaired_when_asked(unrepaired, told
 def check_all_is_off(box):
     assert instances(7) == [] and not pid_file().exists() and routes() == [] and tables() == []
     status = box.status()
-    assert status["state"] == "stopped" and status["problems"] == []
+    assert status["state"] == "off" and status["problems"] == []
     assert ask("nas.vpn7.example") == []
 
 

@@ -150,10 +150,11 @@ def test_status_reports_problems(unattended):
     end(pid)
     bad = unattended.status()
     assert (bad["meant"], bad["alive"], bad["answers"]) == (True, False, False)
-    assert any(str(pid) in problem for problem in bad["problems"])
+    assert bad["codes"][0] == "instance-missing"
+    assert bad["problems"][0] in (f"process {pid} is gone", "no instance runs: killed by signal 9")
     shown = unattended.vqctl("status")
     assert shown.returncode == 1
-    assert f"vpn 7: {bad['problems'][0]}" in shown.stdout + shown.stderr
+    assert "vpn 7: instance-missing: no instance runs: killed by signal 9\n    do: " in shown.stdout
 
 
 def test_instance_that_does_not_start_is_reported(unattended):
@@ -166,7 +167,10 @@ def test_instance_that_does_not_start_is_reported(unattended):
     assert done.returncode == 4
     assert done.stdout == ("standard input: vpn 7: applied, NOT RUNNING: the instance did not come up: "
                            "dnsmasq: bad option at line 1 of /etc/kavel/dnsmasq/vpn_7/dnsmasq.d//broken.conf\n")
-    assert unattended.status()["problems"] == ["no instance runs: it did not start, or was ended from outside"]
+    assert unattended.status()["problems"] == [
+        "no instance runs: did not start: "
+        "dnsmasq: bad option at line 1 of /etc/kavel/dnsmasq/vpn_7/dnsmasq.d//broken.conf"]
+    assert unattended.status()["codes"] == ["start-failed"]
     broken.unlink()
     started(unattended)
     assert unattended.status()["problems"] == []
@@ -210,8 +214,8 @@ def test_init_and_release_of_a_vpn_directory(running):
 
 def test_status_lists_every_vpn(running):
     started(running)
-    rows = json.loads(running.vqctl("status", "--json").stdout)
-    assert [row["vpn"] for row in rows] == [0, 7, 8]
+    rows = json.loads(running.vqctl("status", "--json").stdout)["vpns"]
+    assert [row["vpn"] for row in rows] == [7, 8]
 
 
 def test_instance_of_a_vpn_that_was_removed_from_the_configuration(running):
@@ -224,9 +228,9 @@ def test_instance_of_a_vpn_that_was_removed_from_the_configuration(running):
     assert "vpn 8: an instance runs, but the VPN is not configured" in running.log()
     shown = running.vqctl("status")
     assert shown.returncode == 1
-    assert "vpn 8: an instance runs, but the VPN is not configured" in shown.stdout
-    rows = {row["vpn"]: row for row in json.loads(running.vqctl("status", "--json").stdout)}
-    assert set(rows) == {0, 7, 8}
+    assert "vpn 8: instance-unwanted: an instance runs, but the VPN is not configured" in shown.stdout
+    rows = {row["vpn"]: row for row in json.loads(running.vqctl("status", "--json").stdout)["vpns"]}
+    assert set(rows) == {7, 8}
     assert rows[7]["problems"] == []
     assert rows[8]["pid"] == instance_pid(8)
     assert ask("nas.vpn8.example", vpn=8) == ["192.168.8.10"]

@@ -230,7 +230,7 @@ def test_store_list_and_show(keeping):
     listed = keeping.vqctl("store", "list").stdout.splitlines()
     assert [line.split()[0] for line in listed[1:]] == ["7", "8"]
     missing = keeping.vqctl("store", "show", "99")
-    assert missing.returncode == 1
+    assert missing.returncode == 2
 
 
 # Exit statuses of vqctl. A reload with no instance is in force, and reported with 4.

@@ -75,7 +75,7 @@ def test_vpn_that_is_not_configured_is_refused(running):
     assert not (DNSMASQ / "vpn_99").exists()
     for command in ("init", "release"):
         refused = running.vqctl("vpn", command, "99")
-        assert refused.returncode == 1
+        assert refused.returncode == 2
         assert "vpn 99 is not configured" in refused.stdout + refused.stderr
 
 
@@ -100,6 +100,7 @@ def in_short_lived(*words):
 def add_lan(peer):
     in_short_lived("link", "add", "lan0", "type", "veth", "peer", "name", peer)
     in_short_lived("link", "set", "lan0", "up")
+    in_short_lived("link", "set", peer, "up")
 
 
 def test_replaced_interfaces_and_namespaces_are_used_by_the_next_message(box):
@@ -193,15 +194,15 @@ def test_vqctl_without_an_agent(box):
         "vqctl: cannot reach the agent at /run/kavel/agent.sock: No such file or directory"]
 
 
-def test_full_disk_keeps_the_old_files(running):
+def test_full_disk_keeps_the_old_files(unattended):
     """No space below /etc/kavel: the message is refused; the old files and the running instance are kept."""
-    running.apply(message())
+    unattended.apply(message())
     expect("192.168.7.10", "nas.vpn7.example")
     hosts = DNSMASQ / "vpn_7/hosts"
     run("mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", DNSMASQ / "vpn_7")
     try:
-        assert running.vqctl("vpn", "init", "7").returncode == 0
-        running.apply(message())
+        assert unattended.vqctl("vpn", "init", "7").returncode == 0
+        unattended.apply(message())
         filler = DNSMASQ / "vpn_7/filler"
         with filler.open("wb", buffering=0) as out, pytest.raises(OSError):
             while True:
@@ -209,14 +210,14 @@ def test_full_disk_keeps_the_old_files(running):
         before = hosts.read_bytes()
         many = [{"domain": f"host{number}.example", "ip": "10.0.0.1"} for number in range(900)]
 
-        said = running.refused(message(dnshosts=many))
+        said = unattended.refused(message(dnshosts=many))
 
         assert said == ("vpn 7: refused (-28 No space left on device): "
                         "Write to dnsmasq host failed(28:No space left on device)")
         assert hosts.read_bytes() == before
         assert list((DNSMASQ / "vpn_7").glob(".*")) == []
         filler.unlink()
-        running.apply(message(dnshosts=many))
+        unattended.apply(message(dnshosts=many))
     finally:
         for pid in instances():
             end(pid)

@@ -47,6 +47,19 @@ def test_nothing_is_repaired_until_the_next_message(serving):
     expect("192.168.7.10", "nas.vpn7.example")
 
 
+def test_a_stopped_vpn_is_neither_off_nor_failed(serving):
+    serving.vqctl("stop", "--vpn", "7")
+
+    shown = serving.vqctl("status")
+    assert shown.returncode == 0 and shown.stdout.endswith("\n2 VPNs: 1 running, 1 stopped\n"), shown.stdout
+    status = serving.status()
+    assert (status["state"], status["stopped"], status["stored_enable"]) == ("stopped", True, True)
+    assert status["problems"] == []
+    serving.apply(message(7, enable=False))
+    status = serving.status()
+    assert (status["state"], status["stopped"]) == ("off", False)
+
+
 def test_the_next_start_brings_back_what_is_stored(serving):
     done = serving.vqctl("stop", "--all")
 
@@ -100,5 +113,5 @@ def test_it_is_said_what_to_stop(running, words):
 
 def test_a_vpn_that_is_not_configured_is_refused(running):
     done = running.vqctl("stop", "--vpn", "99")
-    assert done.returncode == 1
-    assert done.stdout.startswith("vpn 99: refused (-2 ") or "not configured" in done.stdout, done.stdout
+    assert done.returncode == 2
+    assert done.stdout == "vpn 99: refused (-2 No such file or directory): vpn 99 is not configured\n"

@@ -132,7 +132,6 @@ class Agent {
         case KAVEL__REQUEST__VERB__STOP:
         case KAVEL__REQUEST__VERB__QUERY:
         case KAVEL__REQUEST__VERB__IN_FORCE:
-        case KAVEL__REQUEST__VERB__HISTORY:
         case KAVEL__REQUEST__VERB__CONFIRM:
         case KAVEL__REQUEST__VERB__FLUSH:
             return Request.has_vpn == 0 || !IsServed(Request.vpn);
@@ -141,6 +140,7 @@ class Agent {
         case KAVEL__REQUEST__VERB__STORE_LIST:
         case KAVEL__REQUEST__VERB__STORE_SHOW:
         case KAVEL__REQUEST__VERB__STORE_EXPORT:
+        case KAVEL__REQUEST__VERB__HISTORY:
         case KAVEL__REQUEST__VERB__METRICS:
         case KAVEL__REQUEST__VERB__LOG_LEVEL:
         case _KAVEL__REQUEST__VERB_IS_INT_SIZE:

@@ -1,4 +1,5 @@
-// A message as JSON: if it is accepted, the encoded message must have the same fields as the JSON.
+// A message as JSON: if it is accepted, the encoded message must have the same fields as the JSON, which has no key
+// twice in an object. The reading that collects all errors must accept the same texts.
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
@@ -147,17 +148,81 @@ void CheckAccepted(const kavel::ctl::EncodedMessage &Encoded, const std::string 
     fuzz::Require(Packed == Encoded.bytes, "an encoded message has other bytes when it is packed again");
 }
 
+// The members that a text has, by the colons outside its strings.
+size_t MembersInText(const std::string &Text)
+{
+    size_t Count = 0;
+    bool IsInString = false;
+    for (size_t Each = 0; Each < Text.size(); ++Each) {
+        if (Text[Each] == '"') {
+            IsInString = !IsInString;
+        } else if (Text[Each] == '\\' && IsInString) {
+            ++Each;
+        }
+        Count += !IsInString && Text[Each] == ':' ? 1 : 0;
+    }
+    return Count;
+}
+
+// The members that are left when json-c has read the text: of a key that is there twice, one.
+size_t MembersOf(json_object *Json)
+{
+    size_t Count = 0;
+    if (json_object_get_type(Json) == json_type_array) {
+        for (size_t Each = 0; Each < json_object_array_length(Json); ++Each) {
+            Count += MembersOf(json_object_array_get_idx(Json, Each));
+        }
+    }
+    if (json_object_get_type(Json) == json_type_object) {
+        json_object_object_foreach(Json, Key, Value)
+        {
+            static_cast<void>(Key);
+            Count += 1 + MembersOf(Value);
+        }
+    }
+    return Count;
+}
+
+void CheckLine(const std::string &Refusal)
+{
+    if (!fuzz::IsOneLine(Refusal)) {
+        fuzz::Fail("a refusal is not one line: " + Refusal);
+    }
+}
+
+// The text of the first error that is collected; empty if there is none.
+std::string FirstCollected(const std::string &Text, kavel::ctl::MessageFor Target)
+{
+    std::string First;
+    const auto Encoded = kavel::ctl::EncodeJson(Text, Target, [&](const std::string &Error) {
+        CheckLine(Error);
+        First = First.empty() ? Error : First;
+    });
+    fuzz::Require(Encoded.has_value() == First.empty(), "a message with errors is encoded, or one without is not");
+    return First;
+}
+
+void CheckFor(const std::string &Text, kavel::ctl::MessageFor Target)
+{
+    const std::string First = FirstCollected(Text, Target);
+    try {
+        CheckAccepted(kavel::ctl::EncodeJson(Text, Target), Text);
+        fuzz::RequireSame("the first error of an accepted message", {First}, {""});
+        const std::unique_ptr<json_object, FreeJson> Json(json_tokener_parse(Text.c_str()));
+        fuzz::Require(MembersInText(Text) == MembersOf(Json.get()),
+                      "a message with a key that is there twice is accepted");
+    } catch (const kavel::InputError &Refused) {
+        CheckLine(Refused.what());
+        fuzz::RequireSame("the first error of a refused message", {First}, {Refused.what()});
+    }
+}
+
 } // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size)
 {
     const std::string Text(Data, Data + Size);
-    try {
-        CheckAccepted(kavel::ctl::EncodeJson(Text), Text);
-    } catch (const kavel::InputError &Refused) {
-        if (!fuzz::IsOneLine(Refused.what())) {
-            fuzz::Fail(std::string("a refusal is not one line: ") + Refused.what());
-        }
-    }
+    CheckFor(Text, kavel::ctl::MessageFor::kVpn);
+    CheckFor(Text, kavel::ctl::MessageFor::kBox);
     return 0;
 }

@@ -36,6 +36,12 @@ def flat(options):
 COMMON = flat(program_help.options(program_help.help_of("vqctl")))
 
 
+def test_the_script_is_what_the_program_prints():
+    """After a change of the command line: vqctl completion bash >packaging/completion/vqctl"""
+    printed = subprocess.run([BUILD / "vqctl", "completion", "bash"], check=True, text=True, capture_output=True).stdout
+    assert (ROOT / "packaging/completion/vqctl").read_text() == printed
+
+
 def test_commands():
     assert complete("") == sorted(program_help.commands(program_help.help_of("vqctl")))
     assert complete("-v", "s") == ["status", "stop", "store"]
@@ -78,8 +84,23 @@ def test_other_files(words, files):
     assert complete(*words, "", directory=files) == names
 
 
+COLUMNS = subprocess.run([BUILD / "vqctl", "status", "--columns", "help"], check=True, text=True,
+                         capture_output=True).stdout.split()
+
+
+def test_columns():
+    assert complete("status", "--columns", "") == complete("status", "--sort", "=", "") == sorted(COLUMNS)
+    assert complete("status", "--columns", "mem") == ["memory_bytes"]
+    assert complete("status", "--columns", "vpn,state,mem") == ["vpn,state,memory_bytes"]
+    assert complete("status", "--watch", "--pro") == ["--problems"]
+
+
+def test_a_hidden_command_is_not_offered():
+    assert complete("comp") == []
+
+
 def test_nothing_is_offered_for_a_revision_or_after_the_last_argument(files):
-    for words in (["apply", "--revision"], ["encode", "a.json"], ["status"], ["store", "list"]):
+    for words in (["apply", "--revision"], ["encode", "a.json"], ["status"], ["store", "list"], ["status", "--watch"]):
         assert complete(*words, "", directory=files) == []
 
 

@@ -47,7 +47,7 @@ def source(path):
 def table(text, name):
     """The entries of a C++ table of members: their names, and whether they are required."""
     body = re.search(rf"constexpr std::array {name} = {{(.*?)\n}};", text, re.S)[1]
-    found = re.findall(r'{\s*"(\w+)",\s*(kRequired|kOptional)', body)
+    found = re.findall(r'[{(]\s*"(\w+)"(?:,\s*(kRequired|kOptional)|\))', body)
     assert found, name
     return {member: presence == "kRequired" for member, presence in found}
 
@@ -114,13 +114,25 @@ def test_every_exit_status_of_vqctl_is_listed_with_its_meaning():
 
 
 def test_every_member_and_column_of_the_status_is_listed():
-    text = source("src/ctl/status_output.cpp")
-    items = names_in(sections("vqctl.1.scd")["STATUS"])
-    members = re.findall(r'StatusField{\s*"(\w+)"', text)
-    columns = re.findall(r'{"([A-Z]+)", (?:true|false)', text)
-    assert len(members) > 20 and len(columns) > 10
-    assert [name for name in items if name.isupper()] == columns
-    assert [name for name in items if not name.isupper()] == members
+    text = source("src/ctl/status_fields.cpp")
+    page = sections("vqctl.1.scd")
+    fields = re.findall(r'(Default\(\s*)?Field<[^;"]*>\(\s*"(\w+)",\s*"([A-Z_]+)"', text)
+    columns = [title for is_default, name, title in fields if is_default]
+    assert len(fields) > 20 and len(columns) > 5
+    assert names_in(page["STATUS"]) == columns
+    members = names_in(page["STATUS AS JSON"])
+    assert [name for name in members if "." not in name] == [name for is_default, name, title in fields]
+    listed = subprocess.run([program_help.BUILD / "vqctl", "status", "--columns", "help"], check=True, text=True,
+                            capture_output=True).stdout.split()
+    assert listed == [name for is_default, name, title in fields]
+
+
+def test_every_state_is_explained():
+    words = re.search(r"kStateStyles = {{(.*?)}};", source("src/ctl/status_fields.cpp"), re.S)[1]
+    states = re.findall(r'{"(\w+)"', words)
+    assert len(states) > 4
+    (state,) = [item for item in sections("vqctl.1.scd")["STATUS"] if item.names == ["STATE"]]
+    assert sorted(re.findall(r'"(\w+)"', state.text)) == sorted(states)
 
 
 def test_every_option_and_exit_status_of_vqagent_is_listed():
@@ -181,7 +193,7 @@ def test_the_fields_are_those_of_the_message_schema():
 
 def test_every_result_of_apply_and_check_is_listed():
     result = re.compile(r'"(?:: )?(applied(?:, [A-Z ]+)?|would be refused|would apply|refused)[ :"]')
-    printed = result.findall(source("src/ctl/commands.cpp"))
+    printed = result.findall(source("src/ctl/apply_output.cpp") + source("src/ctl/commands.cpp"))
     items = sections("vqctl.1.scd")["RESULTS OF APPLY AND CHECK"]
     assert sorted(item.names[0].rstrip(":") for item in items) == sorted(set(printed))
 
@@ -197,7 +209,7 @@ def test_every_environment_variable_is_listed():
     from_manager = {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}
     listed = set(names_in(sections("vqagent.8.scd")["ENVIRONMENT"]))
     assert listed == variables_read("src/agent") | from_manager
-    withheld = re.search(r"kOwnVariables{(.*?)}", source("src/agent/services/process_spawn.cpp"), re.S)[1]
+    withheld = re.search(r"kOwnVariables{(.*?)}", source("src/agent/base/spawn.cpp"), re.S)[1]
     assert listed <= set(re.findall(r'"(\w+)="', withheld))
 
 
@@ -213,11 +225,13 @@ def test_the_limits_of_a_message_are_right(heading, field, limit):
 
 
 def test_the_limits_of_vqctl_are_right():
-    text = "".join(source(f"src/{path}") for path in ("ctl/commands.h", "ctl/files.h", "control/frame.h"))
+    text = "".join(source(f"src/{path}") for path in ("ctl/commands.h", "ctl/files.h", "ctl/session.h", "control/frame.h"))
     page = source("packaging/man/vqctl.1.scd").replace("\n", " ")
     size = r" = std::size_t{(\d+)} \* 1024 \* 1024;"
     file, frame = (re.search(name + size, text)[1] for name in ("kFileMax", "kFrameMax"))
     revision = re.search(r"kRevisionMax = (\d+);", text)[1]
-    timeout = re.search(r"kTimeout{(\d+)};", text)[1]
+    timeout, silence = (re.search(name + r"{(\d+)};", text)[1] for name in ("kTimeout", "kSilence"))
+    longest = re.search(r"kTimeoutMax = (\d+);", source("src/ctl/main.cpp"))[1]
     assert f"a file of {file} MiB at most" in page and f"A request takes {frame} MiB at most" in page
     assert f"1 to {revision} bytes" in page and f"within {timeout} s." in page
+    assert f"1 to {longest}. Default: {timeout}." in page and f"for {silence} s" in page

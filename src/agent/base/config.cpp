@@ -22,6 +22,7 @@ namespace kavel::agent {
 namespace {
 
 constexpr std::size_t kNamespaceNameMax = 255;
+constexpr std::size_t kGroupNameMax = 32;
 constexpr std::uint32_t kMemoryMiBMin = 8;
 constexpr std::uint32_t kWatchSecondsMax = 86400;
 constexpr std::size_t kSocketPathMax = sizeof(sockaddr_un::sun_path) - 1;
@@ -88,6 +89,18 @@ std::string SocketPath(const JsonValue &value)
         value.Refuse("is longer than " + std::to_string(kSocketPathMax) + " bytes");
     }
     return path;
+}
+
+std::string GroupName(const JsonValue &value)
+{
+    const std::string_view name = value.String("the name of a group");
+    const bool good = std::ranges::all_of(name, [](unsigned char letter) {
+        return std::isalnum(letter) != 0 || letter == '_' || letter == '.' || letter == '-';
+    });
+    if (name.empty() || name.size() > kGroupNameMax || !good || name.front() == '-') {
+        value.Refuse(value.Shown() + " is not the name of a group");
+    }
+    return std::string(name);
 }
 
 Platform ReadPlatform(const JsonValue &value)
@@ -193,6 +206,7 @@ constexpr std::array kConfigMembers = {
     JsonMember<Config>{"persistence", kOptional, [](In value, Config &config) { config.persistence = value.Bool(); }},
     JsonMember<Config>{"store", kOptional, [](In value, Config &config) { config.store = AbsolutePath(value); }},
     JsonMember<Config>{"socket", kOptional, [](In value, Config &config) { config.socket = SocketPath(value); }},
+    JsonMember<Config>{"readers", kOptional, [](In value, Config &config) { config.readers = GroupName(value); }},
     JsonMember<Config>{"log", kOptional, [](In value, Config &config) { config.log = ReadLogLevel(value); }},
     JsonMember<Config>{"lan", kOptional,
                        [](In value, Config &config) { config.lan = ReadList(value, InterfacePattern); }},
@@ -224,7 +238,10 @@ std::optional<std::string> Config::FixedKeyThatDiffers(const Config &other) cons
     if (store != other.store) {
         return "store";
     }
-    return socket != other.socket ? std::optional<std::string>("socket") : std::nullopt;
+    if (socket != other.socket) {
+        return "socket";
+    }
+    return readers != other.readers ? std::optional<std::string>("readers") : std::nullopt;
 }
 
 Config ParseConfig(const std::string &text)

@@ -59,6 +59,7 @@ struct Config {
     bool persistence = false;
     std::string store = "/var/lib/kavel/agent.db";
     std::string socket = control::kDefaultSocket;
+    std::optional<std::string> readers; // the group whose members may ask the agent for what changes nothing
     LogLevel log = LogLevel::kNotice;
     std::vector<std::string> lan; // the box's own LAN interfaces: names, or prefixes that end in '*'
     std::vector<std::string> wan; // the box's own WAN interfaces: names or prefixes as well

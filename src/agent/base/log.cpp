@@ -159,6 +159,11 @@ std::optional<LogLevel> LogLevelByName(std::string_view name)
     return std::nullopt;
 }
 
+std::string_view NameOf(LogLevel level)
+{
+    return kLevels.at(static_cast<std::size_t>(level)).name;
+}
+
 void ConfigureLog(LogLevel threshold)
 {
     logSettings = {threshold, StderrIsJournal()};

@@ -17,6 +17,9 @@ enum class LogLevel { kError, kWarning, kNotice, kDebug };
 // The level called `name` ("error", "warning", "notice", "debug"); nothing when there is none.
 [[nodiscard]] std::optional<LogLevel> LogLevelByName(std::string_view name);
 
+// Its name in the configuration.
+[[nodiscard]] std::string_view NameOf(LogLevel level);
+
 // Lines that are less important than `threshold` are not written. Until the first call the threshold is kNotice. Also
 // checks whether standard error is the journal, whose lines carry their level as "<3>".
 void ConfigureLog(LogLevel threshold);

@@ -60,8 +60,8 @@ void ParseStat(Process &process, const std::string &stat)
     process.parent = WholeNumber<pid_t>(fields[kParentField]).value_or(0);
     process.alive = kGoneStates.find(fields.front()) == std::string_view::npos;
     process.isStopped = fields.front() == "T" || fields.front() == "t";
-    const std::uint64_t started =
-        std::stoull(fields[kStartTimeField]) / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
+    process.startTime = std::stoull(fields[kStartTimeField]);
+    const std::uint64_t started = process.startTime / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
     const std::uint64_t now = BoxUptimeSeconds();
     process.uptimeSeconds = now > started ? now - started : 0;
 }

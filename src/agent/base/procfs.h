@@ -19,7 +19,8 @@ struct Process {
     std::optional<uid_t> executableOwner; // nothing when others can write the file, too
     std::string commandLine;              // as the kernel keeps it: each argument with its terminator
     pid_t parent = 0;
-    uid_t user = 0; // the effective one
+    uid_t user = 0;              // the effective one
+    std::uint64_t startTime = 0; // in clock ticks since the box has started
     std::uint64_t uptimeSeconds = 0;
     std::uint64_t memoryBytes = 0; // resident
 };

@@ -29,15 +29,15 @@ class SpawnActions {
     SpawnActions &operator=(const SpawnActions &) = delete;
     ~SpawnActions() { posix_spawn_file_actions_destroy(&actions_); }
 
-    void Detach(const SpawnFiles &files)
+    void Detach(const SpawnOptions &options)
     {
         Check(posix_spawn_file_actions_addchdir_np(&actions_, "/"), "spawn directory");
         AddStream(STDIN_FILENO, kNowhere);
-        AddStream(STDOUT_FILENO, files.output);
-        AddStream(STDERR_FILENO, files.errors);
+        AddStream(STDOUT_FILENO, options.output);
+        AddStream(STDERR_FILENO, options.errors);
         int firstClosed = STDERR_FILENO + 1;
-        if (files.kept != kNowhere) {
-            Check(posix_spawn_file_actions_adddup2(&actions_, files.kept, firstClosed), "spawn descriptors");
+        if (options.kept != kNowhere) {
+            Check(posix_spawn_file_actions_adddup2(&actions_, options.kept, firstClosed), "spawn descriptors");
             ++firstClosed;
         }
         Check(posix_spawn_file_actions_addclosefrom_np(&actions_, firstClosed), "spawn descriptors");
@@ -102,18 +102,22 @@ std::vector<char *> EnvironmentOfChild()
 
 } // namespace
 
-pid_t SpawnDetached(const char *program, std::vector<std::string> arguments, const SpawnFiles &files)
+pid_t SpawnDetached(const char *program, std::vector<std::string> arguments, const SpawnOptions &options)
 {
     SpawnActions actions;
-    actions.Detach(files);
+    actions.Detach(options);
     SpawnAttributes attributes;
     attributes.ResetSignalsAndSession();
     std::vector<char *> words;
     std::ranges::transform(arguments, std::back_inserter(words), [](std::string &each) { return each.data(); });
     words.push_back(nullptr);
+    std::vector<char *> environment = EnvironmentOfChild();
+    std::string english = "LC_ALL=C";
+    if (options.inEnglish) {
+        environment.insert(environment.begin(), english.data());
+    }
     pid_t child = 0;
-    Check(posix_spawn(&child, program, actions.Get(), attributes.Get(), words.data(), EnvironmentOfChild().data()),
-          program);
+    Check(posix_spawn(&child, program, actions.Get(), attributes.Get(), words.data(), environment.data()), program);
     return child;
 }
 

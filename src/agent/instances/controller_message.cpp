@@ -77,4 +77,17 @@ std::optional<ControllerMessage> UnpackControllerMessage(Platform platform, std:
     return platform == Platform::kCpe ? UnpackCpe(bytes) : UnpackPop(bytes);
 }
 
+std::vector<std::uint8_t> WithStart(Platform platform, std::vector<std::uint8_t> bytes)
+{
+    const auto message = UnpackControllerMessage(platform, bytes);
+    if (!message || !message->reloads) {
+        return bytes;
+    }
+    DnsmasqConf changed = *message->pointer.DnsmasqPbCPE; // what it points at stays the message's
+    changed.operation = VQ_DNSMASQ_OP_REBOOT;
+    std::vector<std::uint8_t> packed(dnsmasq_conf__get_packed_size(&changed));
+    dnsmasq_conf__pack(&changed, packed.data());
+    return packed;
+}
+
 } // namespace kavel::agent

@@ -9,6 +9,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "advanced_dns.pb-c.h"
 #include "base/config.h"
@@ -38,6 +39,10 @@ struct ControllerMessage {
 // The message that controllers send to boxes of this platform; nothing when the bytes are not one.
 [[nodiscard]] std::optional<ControllerMessage> UnpackControllerMessage(Platform platform,
                                                                        std::span<const std::uint8_t> bytes);
+
+// The bytes of a message that starts its instance also if it asked for a reload. Bytes that are no message stay as they
+// are.
+[[nodiscard]] std::vector<std::uint8_t> WithStart(Platform platform, std::vector<std::uint8_t> bytes);
 
 } // namespace kavel::agent
 

@@ -12,13 +12,14 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <sstream>
 #include <string>
 #include <system_error>
 
+#include "base/dns_name.h"
 #include "base/log.h"
 #include "base/procfs.h"
-#include "instances/dns_name.h"
 #include "instances/instance_servers.h"
 #include "instances/start_files.h"
 #include "services/interfaces_netlink.h"
@@ -59,7 +60,10 @@ class Diagnosis {
         CheckInstance();
         CheckReadability();
         CheckHosts();
-        Try("links", [&] { CheckLinks(); });
+        Try("links", [&] {
+            links_ = LinksOf(host_, vpnId_);
+            CheckLinks();
+        });
         Try("policy rules", [&] { CheckRouteRule(); });
         Try("servers", [&] { CheckServers(); });
         return std::move(found_);
@@ -134,23 +138,29 @@ class Diagnosis {
         }
     }
 
-    void CheckLink(const std::string &name, const char *kind)
+    void AddMissing(const std::string &name)
     {
-        const std::string subject = std::string(kind) + " interface " + name;
-        switch (StateOfLink(host_, vpnId_, name)) {
-        case LinkState::kUp:
-            break;
-        case LinkState::kMissing:
-            Add(Fault::kInterfaceMissing,
-                "interface \"" + name + "\" does not exist in namespace \"" + status_.netns + "\"", name);
-            break;
-        case LinkState::kDown:
-            Add(Fault::kLinkDown, subject + " is down", name);
-            break;
-        case LinkState::kNoCarrier:
-            Add(Fault::kLinkDown, subject + " has no carrier: its other end is down", name);
-            break;
+        Add(Fault::kInterfaceMissing,
+            "interface \"" + name + "\" does not exist in namespace \"" + status_.netns + "\"", name);
+    }
+
+    // A port that nothing is plugged into is no fault where others are in use.
+    void CheckLink(const std::string &name, const std::string &kind, bool mayBeUnplugged)
+    {
+        const auto link = links_.find(name);
+        if (link == links_.end()) {
+            AddMissing(name);
+        } else if (link->second == LinkState::kDown) {
+            Add(Fault::kLinkDown, kind + " interface " + name + " is down", name);
+        } else if (link->second == LinkState::kNoCarrier && !mayBeUnplugged) {
+            Add(Fault::kLinkDown, kind + " interface " + name + " has no carrier: its other end is down", name);
         }
+    }
+
+    [[nodiscard]] bool IsUp(const std::string &name) const
+    {
+        const auto link = links_.find(name);
+        return link != links_.end() && link->second == LinkState::kUp;
     }
 
     void CheckLinks()
@@ -159,11 +169,12 @@ class Diagnosis {
         if (vpn == nullptr) {
             return;
         }
+        const bool hasClients = std::ranges::any_of(vpn->lan, [this](const std::string &name) { return IsUp(name); });
         for (const std::string &name : vpn->lan) {
-            CheckLink(name, "LAN");
+            CheckLink(name, "LAN", hasClients);
         }
         for (const Wan &wan : vpn->wan) {
-            CheckLink(wan.name, "WAN");
+            CheckLink(wan.name, "WAN", false);
         }
     }
 
@@ -189,11 +200,10 @@ class Diagnosis {
 
     void CheckBinding(const InstanceServer &server)
     {
-        if (server.interface.empty()) {
+        if (server.interface.empty() || links_.empty()) { // every namespace has a loopback interface
             return;
         }
-        const bool isName = server.interface.size() < IFNAMSIZ;
-        if (!isName || StateOfLink(host_, vpnId_, server.interface) == LinkState::kMissing) {
+        if (!links_.contains(server.interface)) {
             Add(Fault::kBoundInterfaceMissing,
                 "server " + server.address + " is bound to interface " + server.interface + ", which does not exist",
                 server.interface);
@@ -220,6 +230,7 @@ class Diagnosis {
     const Instances &instances_;
     const VpnStatus &status_;
     std::uint32_t vpnId_;
+    std::map<std::string, LinkState> links_;
     std::vector<Finding> found_;
 };
 

@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <random>
@@ -22,9 +23,8 @@ constexpr std::size_t kHeaderSize = 12;
 constexpr std::size_t kLengthSize = 2; // over TCP, in front of a message
 constexpr std::uint8_t kResponseFlag = 0x80;
 
-// CHAOS TXT cachesize.bind: dnsmasq answers it itself and never forwards it.
-constexpr std::array<std::uint8_t, 20> kCacheSize{9, 'c', 'a', 'c', 'h', 'e', 's', 'i', 'z', 'e',
-                                                  4, 'b', 'i', 'n', 'd', 0,   0,   16,  0,   3};
+// After its first label: CHAOS TXT cachesize.bind and others, which dnsmasq answers itself and never forwards.
+constexpr std::array<std::uint8_t, 10> kBindText{4, 'b', 'i', 'n', 'd', 0, 0, 16, 0, 3};
 // IN NS of the root: every resolver answers it, if only with a refusal.
 constexpr std::array<std::uint8_t, 5> kRootServers{0, 0, 2, 0, 1};
 
@@ -35,7 +35,11 @@ std::vector<std::uint8_t> QueryFor(const DnsTarget &target, std::uint16_t id)
     const auto high = static_cast<std::uint8_t>(id >> 8U);
     const auto low = static_cast<std::uint8_t>(id);
     std::vector<std::uint8_t> query{high, low, flags, 0, 0, 1, 0, 0, 0, 0, 0, 0};
-    const auto question = target.isInstance ? std::span<const std::uint8_t>(kCacheSize) : std::span(kRootServers);
+    if (target.isInstance) {
+        query.push_back(static_cast<std::uint8_t>(target.counter.size()));
+        query.insert(query.end(), target.counter.begin(), target.counter.end());
+    }
+    const auto question = target.isInstance ? std::span<const std::uint8_t>(kBindText) : std::span(kRootServers);
     query.insert(query.end(), question.begin(), question.end());
     if (target.overTcp) {
         const std::size_t length = query.size();
@@ -93,7 +97,7 @@ Verdict VerdictOfError()
 }
 
 // Reads every packet that has come: a stray one may precede the answer.
-Verdict ReadPackets(const UniqueFd &socket, std::uint16_t queryId)
+Verdict ReadPackets(const UniqueFd &socket, std::uint16_t queryId, std::vector<std::uint8_t> &message)
 {
     for (;;) {
         std::array<std::uint8_t, 512> packet{};
@@ -102,21 +106,31 @@ Verdict ReadPackets(const UniqueFd &socket, std::uint16_t queryId)
             return VerdictOfError();
         }
         if (IsAnswer({packet.data(), static_cast<std::size_t>(size)}, queryId)) {
+            message.assign(packet.begin(), packet.begin() + size);
             return Verdict::kAnswered;
         }
     }
 }
 
-// The header of the one answer is enough.
-Verdict ReadStream(const UniqueFd &socket, std::uint16_t queryId, std::vector<std::uint8_t> &received)
+// The bytes of the one answer that are waited for, with its length in front.
+std::size_t NeededOf(std::span<const std::uint8_t> received, bool isWhole)
 {
-    std::array<std::uint8_t, 512> bytes{};
+    constexpr std::size_t kHeaderEnd = kLengthSize + kHeaderSize;
+    if (!isWhole || received.size() < kHeaderEnd) {
+        return kHeaderEnd;
+    }
+    return std::max<std::size_t>(kHeaderEnd, kLengthSize + (std::size_t{received[0]} << 8U) + received[1]);
+}
+
+Verdict ReadStream(const UniqueFd &socket, std::uint16_t queryId, bool isWhole, std::vector<std::uint8_t> &received)
+{
+    std::array<std::uint8_t, 4096> bytes{};
     const ssize_t size = ::recv(socket.Get(), bytes.data(), bytes.size(), 0);
     if (size < 0) {
         return VerdictOfError();
     }
     received.insert(received.end(), bytes.begin(), bytes.begin() + size);
-    if (received.size() >= kLengthSize + kHeaderSize) {
+    if (received.size() >= NeededOf(received, isWhole)) {
         return IsAnswer(std::span(received).subspan(kLengthSize), queryId) ? Verdict::kAnswered : Verdict::kRefused;
     }
     return size == 0 ? Verdict::kRefused : Verdict::kPending;
@@ -134,9 +148,9 @@ std::vector<DnsTarget> DnsTarget::Instances(const std::vector<std::uint32_t> &vp
     return targets;
 }
 
-DnsProbe::DnsProbe(EventLoop &loop, const Namespaces &namespaces, const std::vector<DnsTarget> &targets,
+DnsProbe::DnsProbe(EventLoop &loop, Host &host, const std::vector<DnsTarget> &targets,
                    std::chrono::milliseconds timeout, OnEnd onEnd)
-    : questions_(targets.size()), onEnd_(std::move(onEnd)), timer_(loop.AddTimer([this] {
+    : host_(host), questions_(targets.size()), onEnd_(std::move(onEnd)), timer_(loop.AddTimer([this] {
           const OnEnd report = std::move(onEnd_);
           const DnsAnswers answering = std::move(answering_);
           report(answering);
@@ -147,7 +161,7 @@ DnsProbe::DnsProbe(EventLoop &loop, const Namespaces &namespaces, const std::vec
         questions_[position].target = targets[position];
         questions_[position].queryId = static_cast<std::uint16_t>(random());
         try {
-            Ask(loop, namespaces, position);
+            Ask(loop, position);
         } catch (const std::system_error &failure) {
             Log(LogLevel::kDebug, "vpn %u: a DNS server cannot be asked: %s", targets[position].vpnId, failure.what());
         }
@@ -155,15 +169,26 @@ DnsProbe::DnsProbe(EventLoop &loop, const Namespaces &namespaces, const std::vec
     timer_.ArmTimer(EventLoop::Clock::now() + (pending_ == 0 ? std::chrono::milliseconds(0) : timeout));
 }
 
-void DnsProbe::Ask(EventLoop &loop, const Namespaces &namespaces, std::size_t position)
+void DnsProbe::Ask(EventLoop &loop, std::size_t position)
 {
     Question &question = questions_[position];
-    question.socket = Connect(namespaces, question.target);
+    question.socket = Connect(host_.namespaces, question.target);
     question.source =
         loop.AddIo(question.socket.Get(), EPOLLOUT, [this, position](std::uint32_t /*events*/) { Advance(position); });
     ++pending_;
     if (!question.target.overTcp) {
         Advance(position);
+    }
+}
+
+void DnsProbe::Send(Question &question)
+{
+    const DnsTarget &target = question.target;
+    const auto query = QueryFor(target, question.queryId);
+    question.reply.questionsBefore = host_.ownQuestions.CountOf(target.vpnId);
+    question.isSent = ::send(question.socket.Get(), query.data(), query.size(), MSG_NOSIGNAL) >= 0;
+    if (question.isSent && target.isInstance && !target.overTcp) {
+        question.counted = host_.ownQuestions.Add(target.vpnId);
     }
 }
 
@@ -173,13 +198,13 @@ void DnsProbe::Advance(std::size_t position)
     Question &question = questions_[position];
     Verdict verdict = Verdict::kPending;
     if (!question.isSent) {
-        const auto query = QueryFor(question.target, question.queryId);
-        question.isSent = ::send(question.socket.Get(), query.data(), query.size(), MSG_NOSIGNAL) >= 0;
+        Send(question);
         verdict = question.isSent ? Verdict::kPending : VerdictOfError();
         question.source.SetIoEvents(question.isSent ? EPOLLIN : EPOLLOUT);
     } else {
-        verdict = question.target.overTcp ? ReadStream(question.socket, question.queryId, question.received)
-                                          : ReadPackets(question.socket, question.queryId);
+        verdict = question.target.overTcp
+                      ? ReadStream(question.socket, question.queryId, question.target.isWhole, question.received)
+                      : ReadPackets(question.socket, question.queryId, question.reply.message);
     }
     if (verdict != Verdict::kPending) {
         EndQuestion(position, verdict == Verdict::kAnswered);
@@ -188,11 +213,17 @@ void DnsProbe::Advance(std::size_t position)
 
 void DnsProbe::EndQuestion(std::size_t position, bool hasAnswered)
 {
+    Question &question = questions_[position];
     if (hasAnswered) {
         answering_[position] = std::chrono::duration_cast<std::chrono::milliseconds>(EventLoop::Clock::now() - begun_);
+    } else if (question.counted) {
+        host_.ownQuestions.Withdraw(*question.counted);
     }
-    questions_[position].source = EventSource();
-    questions_[position].socket = UniqueFd();
+    if (hasAnswered && question.target.overTcp) {
+        question.reply.message.assign(question.received.begin() + kLengthSize, question.received.end());
+    }
+    question.source = EventSource();
+    question.socket = UniqueFd();
     if (--pending_ == 0) {
         timer_.ArmTimer(EventLoop::Clock::now());
     }

@@ -35,7 +35,7 @@ DryStart::DryStart(EventLoop &loop, const char *program, const std::string &conf
     : output_(MemoryFile()), onEnd_(std::move(onEnd)), timer_(loop.AddTimer([this] { End(!process_); }))
 {
     const pid_t pid = SpawnDetached(program, {"dnsmasq", "--test", "--conf-file=" + configuration},
-                                    {.output = output_.Get(), .errors = output_.Get()});
+                                    {.output = output_.Get(), .errors = output_.Get(), .inEnglish = true});
     process_ = ProcessHandle::Open(pid);
     if (process_) { // otherwise it has ended already
         ended_ = loop.AddIo(process_->Fd(), EPOLLIN, [this](std::uint32_t /*events*/) { End(true); });

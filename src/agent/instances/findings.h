@@ -50,7 +50,7 @@ enum class Fault : std::uint8_t {
     kUpstreamSlow,
     kForwardSilent, // a server of a forward
     kForwardSlow,
-    kServersDiffer, // the instance uses other servers than its file has
+    kServersDiffer, // the instance does not use an upstream server of its file
     // the store
     kStoreUnreadable,
     kStoreLocked,

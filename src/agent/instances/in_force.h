@@ -8,19 +8,17 @@
 #include <string>
 #include <vector>
 
+#include "base/files.h"
 #include "instances/instances.h"
 
 namespace kavel::agent {
 
-// Changes whenever the file is written, replaced, or gets other rights.
-struct FileMark {
-    std::uint64_t inode = 0; // 0: no such file
-    std::uint64_t size = 0;
-    std::int64_t modified = 0; // nanoseconds
-    std::int64_t changed = 0;
-    bool operator==(const FileMark &) const = default;
+// A message that is undone unless it is confirmed before.
+struct AwaitedConfirmation {
+    std::int64_t deadline = 0; // nanoseconds of CLOCK_BOOTTIME
+    std::uint32_t seconds = 0; // that were given for it
+    bool operator==(const AwaitedConfirmation &) const = default;
 };
-[[nodiscard]] FileMark MarkOfFile(const std::string &path);
 
 // Facts about what is in force, without its content.
 struct InForce {
@@ -29,6 +27,7 @@ struct InForce {
     std::optional<std::string> revision; // the sender's name for it
     std::optional<std::uint32_t> routes; // in the VPN's route table after it was applied; nothing: not known
     std::vector<FileMark> files;         // of Instances::Files() after it was applied
+    std::optional<AwaitedConfirmation> confirmation;
 };
 
 // The content: a packed controller message, or the text of a stored record.
@@ -37,7 +36,13 @@ struct InForceContent {
     std::string bytes;
 };
 
-// One file per VPN.
+// What was in force before a message that waits for its confirmation.
+struct BeforeUnconfirmed {
+    InForce facts;
+    InForceContent content;
+};
+
+// One file per VPN, and another one while a message waits for its confirmation.
 class InForceFiles {
   public:
     // `instances` must outlive this object.
@@ -52,8 +57,16 @@ class InForceFiles {
     void Write(std::uint32_t vpnId, const InForce &facts, const InForceContent &content) const;
     void Write(std::uint32_t vpnId, const InForce &facts) const;
 
-    // Nothing is in force from then on. Throws std::system_error.
+    // Nothing is in force from then on, and nothing was before. Throws std::system_error.
     void Remove(std::uint32_t vpnId) const;
+
+    // Keeps what is in force, or that nothing is, until it is forgotten. Throws std::system_error.
+    void KeepBefore(std::uint32_t vpnId) const;
+    // What was kept; nothing if nothing was in force. Throws std::system_error if nothing was kept, or it cannot be
+    // read.
+    [[nodiscard]] std::optional<BeforeUnconfirmed> ReadBefore(std::uint32_t vpnId) const;
+    // Throws std::system_error.
+    void ForgetBefore(std::uint32_t vpnId) const;
 
   private:
     const Instances &instances_;

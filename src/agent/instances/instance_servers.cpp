@@ -79,6 +79,7 @@ std::vector<InstanceServer> UpstreamsOf(const Instances &instances, std::uint32_
         upstreams.emplace(server.Name(), std::move(server));
     }
     std::vector<InstanceServer> servers;
+    servers.reserve(upstreams.size());
     for (auto &[name, server] : upstreams) {
         servers.push_back(std::move(server));
     }

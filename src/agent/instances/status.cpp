@@ -92,6 +92,8 @@ void SetRules(Host &host, VpnStatus &status)
     Kavel__VpnStatus &fields = status.fields;
     try {
         const InstalledRules rules = FindInstalledRules(host, fields.vpn);
+        fields.has_redirected = Boolean(rules.redirected.has_value());
+        fields.redirected = rules.redirected.value_or(0);
         SetKnown(fields.has_rule, fields.rule, rules.dns);
         AddProblem(status, RuleProblem(fields, rules.dns, false));
         if (fields.vpn == 0 && host.config.platform == Platform::kPop) {
@@ -199,7 +201,8 @@ std::optional<Finding> StoredProblem(const Kavel__VpnStatus &status, const Store
     if (record.problem) {
         return Finding{Fault::kRecordUnreadable, "its stored record cannot be read: " + *record.problem, ""};
     }
-    if (record.enable == (status.meant != 0)) {
+    const bool isStopped = record.enable && status.stopped != 0; // on purpose
+    if (record.enable == (status.meant != 0) || isStopped) {
         return std::nullopt;
     }
     return Finding{
@@ -241,6 +244,9 @@ VpnStatus StatusOfVpn(Host &host, const Instances &instances, std::uint32_t vpnI
     if (known.starting) {
         SetKnown(fields.has_starting, fields.starting, true);
     }
+    if (known.stopped) {
+        SetKnown(fields.has_stopped, fields.stopped, true);
+    }
     if (vpnId != 0) {
         status.netns = host.config.Find(vpnId)->netns;
     }
@@ -255,6 +261,14 @@ VpnStatus StatusOfVpn(Host &host, const Instances &instances, std::uint32_t vpnI
                    Finding{Fault::kNamespaceMissing, "namespace " + status.netns + " does not exist", status.netns});
     }
     return status;
+}
+
+bool IsIdleBox(const VpnStatus &status)
+{
+    const Kavel__VpnStatus &fields = status.fields;
+    const bool hasInstance = fields.meant != 0 || fields.pid_file != 0 || fields.starting != 0 || fields.stopped != 0;
+    const bool isPrepared = fields.stored != 0 || fields.rule != 0 || fields.routes != 0 || status.revision;
+    return fields.vpn == 0 && !hasInstance && !isPrepared && status.problems.empty();
 }
 
 std::vector<VpnStatus> StatusOfStrays(const Config &config, const Instances &instances)

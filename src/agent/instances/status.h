@@ -25,6 +25,8 @@ struct VpnStatus {
     std::optional<std::string> lastEnd;
     std::optional<std::string> lastRepair;
     std::optional<std::string> revision;
+    // For metrics: they are not sent with a status.
+    std::uint32_t failedLaunches = 0;        // since this agent has started
 };
 
 // What is stored for the VPNs whose status is asked for.
@@ -40,11 +42,15 @@ struct StoredRecords {
 struct KnownState {
     bool starting = false;
     bool answers = false; // to a DNS query that was sent just now
+    bool stopped = false; // a client has stopped it
 };
 
 // The status of a configured VPN or of VPN 0.
 [[nodiscard]] VpnStatus StatusOfVpn(Host &host, const Instances &instances, std::uint32_t vpnId, KnownState known,
                                     const StoredRecords &stored);
+
+// Whether this is the status of VPN 0, and says nothing: most CPE boxes have no instance of their own.
+[[nodiscard]] bool IsIdleBox(const VpnStatus &status);
 
 // The status of the instances that run although their VPNs are not configured.
 [[nodiscard]] std::vector<VpnStatus> StatusOfStrays(const Config &config, const Instances &instances);

@@ -4,11 +4,13 @@
 #define KAVEL_AGENT_HOST_H
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/config.h"
+#include "base/files.h"
 #include "base/instance_process.h"
 #include "base/netlink.h"
 #include "base/netns.h"
@@ -16,6 +18,7 @@
 #include "base/pattern_cache.h"
 #include "services/error_trail.h"
 #include "services/launch_output.h"
+#include "services/own_questions.h"
 #include "services/store.h"
 #include "vqStore.h"
 
@@ -43,9 +46,11 @@ class Host {
     const std::string namespaceTool = NamespaceTool();
     InstanceIdentity identity = InstanceIdentity::OfBox();
     LaunchOutputs launchOutputs;
+    OwnQuestions ownQuestions{std::string(kStateDirectory) + "/questions"};
     std::optional<std::uint32_t> currentVpn; // see VpnScope
     std::vector<std::string> endedProcesses; // what VQ_KillPid ended beside the instance itself, since the last Clear
-    ErrorTrail moduleErrors;                 // since the last Clear()
+    std::map<std::string, FileMark> writtenFiles; // by path, as this agent has written them for the module
+    ErrorTrail moduleErrors;                      // since the last Clear()
     std::string flexLog;
     bool moduleIsSilent = false; // the module's lines are not written; its errors are kept all the same
     VQ_DATA_CONTENT_TRANS_OP conversions{};

@@ -1,5 +1,6 @@
 #include "services/interfaces_netlink.h"
 
+#include <linux/rtnetlink.h>
 #include <sys/ioctl.h>
 #include <urcu/list.h>
 
@@ -16,6 +17,8 @@
 
 namespace kavel::agent {
 namespace {
+
+constexpr unsigned kLowerUp = 1U << 16U; // IFF_LOWER_UP of linux/if.h, which cannot be included beside net/if.h
 
 void ReleaseNodes(VQ_LIST_HEAD *list)
 {
@@ -122,6 +125,29 @@ VQ_LIST_HEAD *ListOf(std::uint32_t vpnId, std::uint32_t *count, BuildList *build
     return list;
 }
 
+std::string NameOfLink(const nlmsghdr &link)
+{
+    std::string name;
+    const auto take = [](const nlattr *attribute, void *found) {
+        if (mnl_attr_get_type(attribute) == IFLA_IFNAME && mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) >= 0) {
+            *static_cast<std::string *>(found) = mnl_attr_get_str(attribute);
+        }
+        return MNL_CB_OK;
+    };
+    mnl_attr_parse(&link, sizeof(ifinfomsg), take, &name);
+    return name;
+}
+
+// The carrier itself: the operational state follows it up to a second later.
+LinkState StateOfLink(const nlmsghdr &link)
+{
+    const auto *info = static_cast<const ifinfomsg *>(mnl_nlmsg_get_payload(&link));
+    if ((info->ifi_flags & IFF_UP) == 0) {
+        return LinkState::kDown;
+    }
+    return (info->ifi_flags & kLowerUp) == 0 ? LinkState::kNoCarrier : LinkState::kUp;
+}
+
 } // namespace
 
 int InterfaceIndex(Host &host, std::uint32_t vpnId, const std::string &name)
@@ -129,20 +155,18 @@ int InterfaceIndex(Host &host, std::uint32_t vpnId, const std::string &name)
     return host.routeSockets.With(vpnId, [&](NetlinkSocket &socket) { return socket.InterfaceIndex(name); });
 }
 
-LinkState StateOfLink(Host &host, std::uint32_t vpnId, const std::string &name)
+std::map<std::string, LinkState> LinksOf(Host &host, std::uint32_t vpnId)
 {
-    return host.routeSockets.With(vpnId, [&](const NetlinkSocket &socket) {
-        ifreq request = InterfaceRequest(name);
-        if (::ioctl(socket.Fd(), SIOCGIFFLAGS, &request) != 0) {
-            if (errno == ENODEV) {
-                return LinkState::kMissing;
+    return host.routeSockets.With(vpnId, [](NetlinkSocket &socket) {
+        NetlinkMessage message(RTM_GETLINK, 0);
+        message.PutExtra<ifinfomsg>()->ifi_family = AF_UNSPEC;
+        std::map<std::string, LinkState> links;
+        socket.Dump(message, [&](const nlmsghdr &link) {
+            if (link.nlmsg_type == RTM_NEWLINK) {
+                links.emplace(NameOfLink(link), StateOfLink(link));
             }
-            throw KernelRefusal(errno);
-        }
-        if ((request.ifr_flags & IFF_UP) == 0) {
-            return LinkState::kDown;
-        }
-        return (request.ifr_flags & IFF_RUNNING) == 0 ? LinkState::kNoCarrier : LinkState::kUp;
+        });
+        return links;
     });
 }
 

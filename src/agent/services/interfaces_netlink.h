@@ -3,6 +3,7 @@
 #define KAVEL_AGENT_INTERFACES_NETLINK_H
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "services/host.h"
@@ -12,10 +13,10 @@ namespace kavel::agent {
 // The interface's index in the VPN's namespace. Throws std::system_error, with ENODEV when there is no such interface.
 [[nodiscard]] int InterfaceIndex(Host &host, std::uint32_t vpnId, const std::string &name);
 
-enum class LinkState { kMissing, kDown, kNoCarrier, kUp };
+enum class LinkState { kDown, kNoCarrier, kUp };
 
-// The state of an interface in the VPN's namespace. Throws std::system_error.
-[[nodiscard]] LinkState StateOfLink(Host &host, std::uint32_t vpnId, const std::string &name);
+// The interfaces in the VPN's namespace, by name. Throws std::system_error.
+[[nodiscard]] std::map<std::string, LinkState> LinksOf(Host &host, std::uint32_t vpnId);
 
 // Sets the loopback interface up: queries to an instance's loopback address need it. Whether it was down. Throws
 // std::system_error.

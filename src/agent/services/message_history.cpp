@@ -44,6 +44,10 @@ constexpr const char *kSelectEntries =
     "SELECT time, peer, revision, result, outcome, message_bytes, CASE WHEN length(message) <= ?4 THEN message END"
     " FROM history WHERE platform = ?1 AND vpn_id = ?2 ORDER BY number DESC LIMIT ?3";
 
+constexpr const char *kSelectAll = "SELECT time, peer, revision, result, outcome, message_bytes, NULL, vpn_id"
+                                   " FROM history WHERE platform = ?1 ORDER BY vpn_id, number DESC LIMIT ?2";
+constexpr int kVpnColumn = 7;
+
 std::string_view ColumnOf(Platform platform)
 {
     return platform == Platform::kCpe ? "cpe" : "pop";
@@ -175,10 +179,31 @@ void MessageHistory::Add(std::uint32_t vpnId, const HistoryEntry &entry)
     });
 }
 
+bool MessageHistory::HasTable() const
+{
+    return database_.Number("SELECT count(*) FROM sqlite_schema WHERE name = 'history' COLLATE NOCASE") != 0;
+}
+
+std::vector<VpnHistoryEntry> MessageHistory::ReadAll()
+{
+    if (!HasTable()) {
+        return {};
+    }
+    Statement select(database_.Get(), kSelectAll);
+    Statement::Run run(select);
+    run.Bind(1, ColumnOf(platform_));
+    run.Bind(2, kHistoryReadMax);
+    std::vector<VpnHistoryEntry> entries;
+    while (run.Step()) {
+        entries.push_back({static_cast<std::uint32_t>(run.Number(kVpnColumn)), EntryOf(run)});
+    }
+    return entries;
+}
+
 std::vector<HistoryEntry> MessageHistory::Read(std::uint32_t vpnId)
 {
     if (!select_) {
-        if (database_.Number("SELECT count(*) FROM sqlite_schema WHERE name = 'history' COLLATE NOCASE") == 0) {
+        if (!HasTable()) {
             return {};
         }
         select_.emplace(database_.Get(), kSelectEntries);

@@ -22,6 +22,15 @@ inline constexpr std::size_t kHistoryPeerMax = 128;
 inline constexpr std::size_t kHistoryRevisionMax = 64;
 inline constexpr std::size_t kHistoryOutcomeMax = 512;
 
+// The most entries of all VPNs together that are read at once.
+inline constexpr std::int64_t kHistoryReadMax = 16'000;
+
+// Who has sent what the agent itself applies.
+inline constexpr const char *kSentByAgent = "agent";
+// How the outcome of a message begins that has to be confirmed. The seconds follow, and what is wrong.
+inline constexpr const char *kToBeConfirmed = "applied, to be confirmed within ";
+inline constexpr const char *kConfirmedOutcome = "confirmed";
+
 struct HistoryEntry {
     std::int64_t time = 0;                            // Unix time in seconds, of the answer
     std::string peer;                                 // who sent it: "pid 123, uid 0 (vqctl)"
@@ -31,6 +40,11 @@ struct HistoryEntry {
     std::uint64_t messageBytes = 0;                   // length of the message, also when it is not kept
     std::optional<std::vector<std::uint8_t>> message; // packed; nothing when it is too long to be kept
     bool operator==(const HistoryEntry &) const = default;
+};
+
+struct VpnHistoryEntry {
+    std::uint32_t vpn = 0;
+    HistoryEntry entry; // without its message
 };
 
 // Creates the table if it is missing. Throws std::system_error.
@@ -50,6 +64,8 @@ class MessageHistory {
 
     // The newest entry first. Nothing where there is no table, as in a read-only file of an older release.
     [[nodiscard]] std::vector<HistoryEntry> Read(std::uint32_t vpnId);
+    // Of all VPNs, by rising id.
+    [[nodiscard]] std::vector<VpnHistoryEntry> ReadAll();
 
   private:
     struct Writing {
@@ -59,6 +75,7 @@ class MessageHistory {
         Statement removeOld;
     };
 
+    [[nodiscard]] bool HasTable() const;
     void PrepareWriting();
     void Insert(std::uint32_t vpnId, const HistoryEntry &entry);
     void RemoveOld(std::uint32_t vpnId);

@@ -8,7 +8,6 @@
 #include <fstream>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -49,6 +48,7 @@ std::optional<int> ErrorsOf(const char *command)
         return std::nullopt;
     }
     try {
+        host->ownQuestions.BeginLaunch(*vpnId);
         return host->launchOutputs.Begin(*vpnId);
     } catch (const std::system_error &failure) {
         host->launchOutputs.End(*vpnId); // that of the launch before says nothing about this one

@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <span>
+#include <sstream>
 
 namespace kavel::agent {
 namespace {
@@ -18,6 +19,7 @@ constexpr std::array<const char *, 2> kDnsMatches{"udp dport 53", "tcp dport 53"
 // As nftables lists them: IsDnsInstalled compares.
 constexpr const char *kPreroutingStart =
     "chain prerouting {\ntype nat hook prerouting priority dstnat; policy accept;\n";
+constexpr const char *kRedirect = "counter redirect to :53";
 constexpr const char *kInputStart = "chain input {\ntype filter hook input priority filter; policy accept;\n";
 
 [[noreturn]] void RefuseInvalid(const std::string &text)
@@ -193,7 +195,7 @@ std::string InputChain(const DnsInterfaces &interfaces)
 // A rule without LAN interfaces still gets its chain: it is installed, and matches nothing.
 std::string DnsChains(const DnsInterfaces &interfaces)
 {
-    return kPreroutingStart + RulesOn(interfaces.lan, kDnsMatches, "redirect to :53") + "}\n" + InputChain(interfaces);
+    return kPreroutingStart + RulesOn(interfaces.lan, kDnsMatches, kRedirect) + "}\n" + InputChain(interfaces);
 }
 
 // Deleting a table that does not exist fails, so it is added first.
@@ -227,10 +229,37 @@ std::vector<std::string_view> LinesOf(std::string_view text)
     return lines;
 }
 
+// What a counter has counted stands behind it in a listing: "counter packets 3 bytes 180".
+struct CountedLine {
+    std::string rule; // without the numbers
+    std::uint64_t packets = 0;
+};
+
+CountedLine WithoutNumbers(std::string_view line)
+{
+    constexpr std::string_view kCounter = "counter packets ";
+    const std::size_t at = line.find(kCounter);
+    if (at == std::string_view::npos) {
+        return {std::string(line)};
+    }
+    std::istringstream numbers{std::string(line.substr(at + kCounter.size()))};
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;
+    std::string word;
+    if (!(numbers >> packets >> word >> bytes) || word != "bytes") {
+        return {std::string(line)};
+    }
+    std::string rest;
+    std::getline(numbers, rest);
+    return {std::string(line.substr(0, at)) + "counter" + rest, packets};
+}
+
 // Whether the lines of `expected` are lines of `listing`, in the same order; there may be others between them.
 bool ContainsLines(std::string_view listing, std::string_view expected)
 {
-    const std::vector<std::string_view> lines = LinesOf(listing);
+    std::vector<std::string> lines;
+    std::ranges::transform(LinesOf(listing), std::back_inserter(lines),
+                           [](std::string_view line) { return WithoutNumbers(line).rule; });
     auto next = lines.begin();
     return std::ranges::all_of(LinesOf(expected), [&](std::string_view line) {
         const auto found = std::find(next, lines.end(), line);
@@ -300,6 +329,16 @@ bool IsDnatInstalled(std::string_view listing, const std::vector<std::string> &c
         });
     };
     return ContainsLines(listing, kPreroutingStart) && std::ranges::all_of(c2p, isRewritten);
+}
+
+std::uint64_t RedirectedPackets(std::string_view listing)
+{
+    std::uint64_t packets = 0;
+    for (const std::string_view line : LinesOf(listing)) {
+        const CountedLine counted = WithoutNumbers(line);
+        packets += counted.rule.ends_with(kRedirect) ? counted.packets : 0;
+    }
+    return packets;
 }
 
 } // namespace kavel::agent

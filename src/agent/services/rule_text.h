@@ -62,10 +62,15 @@ struct DnsInterfaces {
 [[nodiscard]] std::string RemoveOlderText(const RuleKey &key, std::uint32_t customerId);
 
 // Whether the listing of the rule's table ("list table ...") has everything that the installation puts there for these
-// interfaces, in the same order. More rules in the same table are ignored. The address, the protocols and the ports of
+// interfaces, in the same order. More rules in the same table are ignored, and so is what counters have counted. The
+// address, the protocols and the ports of
 // a DNAT rule are not known here: it must have a rule for each interface.
 [[nodiscard]] bool IsDnsInstalled(std::string_view listing, const DnsInterfaces &interfaces);
 [[nodiscard]] bool IsDnatInstalled(std::string_view listing, const std::vector<std::string> &c2p);
+
+// The packets that the redirecting rules of a DNS-table rule have counted, by the listing of its table. The kernel
+// passes the first packet of a connection through these rules, and treats the others alike.
+[[nodiscard]] std::uint64_t RedirectedPackets(std::string_view listing);
 
 } // namespace kavel::agent
 

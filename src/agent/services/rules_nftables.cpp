@@ -109,6 +109,9 @@ InstalledRules FindInstalledRules(Host &host, std::uint32_t vpnId)
     const std::string dns = ListingOf(host, vpnId, tables, RuleTable(dnsKey));
     InstalledRules found;
     found.dns = IsDnsInstalled(dns, InterfacesOf(host.config, vpnId));
+    if (!dns.empty()) {
+        found.redirected = RedirectedPackets(dns);
+    }
     found.stale = !found.dns && (!dns.empty() || Lists(tables, OlderRuleTable(dnsKey)));
     if (vpnId == 0) {
         const RuleKey dnatKey{VQ_CONF_RULE_TBL_TYPE_DNAT, 0, VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ};

@@ -18,6 +18,7 @@ namespace kavel::agent {
 
 class Host;
 struct HistoryEntry;
+struct VpnHistoryEntry;
 
 // Longer texts are not read: memory and time of a read are bounded whatever the file holds.
 inline constexpr std::size_t kStoredTextMax = std::size_t{32} * 1024 * 1024;
@@ -40,7 +41,8 @@ struct DelayedRemoval {
         VQ_SQL_CONF_TBL table;
     };
 
-    bool isBegun = false; // the module has used the store
+    bool isBegun = false;  // the module has used the store
+    bool keepsRow = false; // nothing is changed
     std::optional<Row> row;
 };
 
@@ -74,6 +76,10 @@ class Store {
     // The history of messages, see message_history.h. It is no part of the rows, and no other function reads it.
     void AddToHistory(std::uint32_t vpnId, const HistoryEntry &entry);
     [[nodiscard]] std::vector<HistoryEntry> ReadHistory(std::uint32_t vpnId);
+    [[nodiscard]] std::vector<VpnHistoryEntry> ReadHistoryOfAll();
+
+    // How many uses of the file have failed.
+    [[nodiscard]] std::uint64_t Failures() const { return failures_; }
 
     // What the module asks for. Failures are logged before they are thrown. Inside a StoreChange a removal is only
     // noted, since the module removes a row before it adds it again. Remove throws ENOENT when there is no row.
@@ -115,15 +121,20 @@ class Store {
 
     Host &host_;
     std::unique_ptr<Opened> opened_;
+    std::uint64_t failures_ = 0;
     std::optional<DelayedRemoval> change_; // while a StoreChange lives
     ZeroedPages<VQ_DnsmasqConfNode> offered_;
 };
 
+// What a StoreChange does with the VPN's row.
+enum class RowChange : std::uint8_t { kCarriedOut, kLeftOut };
+
 // Delays the removal of a row to the end of the scope's work: the module removes a row before it adds it again, and an
 // agent that is killed in between must not lose the row. An addition replaces the noted removal. One at a time.
+// With RowChange::kLeftOut, additions and removals succeed and change nothing.
 class StoreChange {
   public:
-    explicit StoreChange(Store &store);
+    explicit StoreChange(Store &store, RowChange change = RowChange::kCarriedOut);
     StoreChange(const StoreChange &) = delete;
     StoreChange &operator=(const StoreChange &) = delete;
     ~StoreChange();

@@ -162,6 +162,7 @@ auto Store::With(Work work)
     try {
         return work(Open());
     } catch (...) {
+        failures_ += host_.config.persistence ? 1 : 0; // without it nothing was used
         opened_.reset();
         throw;
     }
@@ -181,7 +182,11 @@ void Store::WithReport(const std::string &operation, Work work)
 void Store::Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL table)
 {
     if (change_) {
-        *change_ = {.isBegun = true, .row = std::nullopt};
+        change_->isBegun = true;
+        change_->row.reset();
+        if (change_->keepsRow) {
+            return;
+        }
     }
     WithReport(Subject(vpnId) + " cannot be stored", [&](Opened &store) {
         Statement::Run run(store.Of(table).put);
@@ -194,7 +199,10 @@ void Store::Put(std::uint32_t vpnId, const std::string &text, VQ_SQL_CONF_TBL ta
 void Store::Remove(std::uint32_t vpnId, VQ_SQL_CONF_TBL table)
 {
     if (change_) {
-        *change_ = {.isBegun = true, .row = DelayedRemoval::Row{vpnId, table}};
+        change_->isBegun = true;
+        if (!change_->keepsRow) {
+            change_->row = DelayedRemoval::Row{vpnId, table};
+        }
         return;
     }
     RemoveNow(vpnId, table);
@@ -381,9 +389,14 @@ std::vector<HistoryEntry> Store::ReadHistory(std::uint32_t vpnId)
     return With([&](Opened &store) { return store.history.Read(vpnId); });
 }
 
-StoreChange::StoreChange(Store &store) : store_(store)
+std::vector<VpnHistoryEntry> Store::ReadHistoryOfAll()
 {
-    store_.change_.emplace();
+    return With([](Opened &store) { return store.history.ReadAll(); });
+}
+
+StoreChange::StoreChange(Store &store, RowChange change) : store_(store)
+{
+    store_.change_.emplace().keepsRow = change == RowChange::kLeftOut;
 }
 
 StoreChange::~StoreChange()

@@ -45,8 +45,8 @@ class PackedFindings {
         for (const Finding &finding : findings) {
             Kavel__Finding &message = messages_.emplace_back();
             kavel__finding__init(&message);
-            message.code = const_cast<char *>(
-                CodeOf(finding.fault).data()); // NOLINT(cppcoreguidelines-pro-type-const-cast): as Borrow()
+            // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): as Borrow()
+            message.code = const_cast<char *>(CodeOf(finding.fault).data());
             message.text = Borrow(finding.text);
             message.remedy = Borrow(remedies_.emplace_back(RemedyOf(finding, vpnId, netns)));
             message.has_vpn = 1;
@@ -107,6 +107,42 @@ Kavel__StoredRecord PackRecord(const StoredRecord &record)
     return message;
 }
 
+ProtobufCBinaryData BorrowBytes(const std::vector<std::uint8_t> &bytes)
+{
+    return {bytes.size(),
+            const_cast<std::uint8_t *>(bytes.data())}; // NOLINT(cppcoreguidelines-pro-type-const-cast): as Borrow()
+}
+
+// Points into `sent`.
+Kavel__PackedMessage PackMessage(const SentMessage &sent)
+{
+    Kavel__PackedMessage message = KAVEL__PACKED_MESSAGE__INIT;
+    message.vpn = sent.vpn;
+    message.message = BorrowBytes(sent.bytes);
+    message.has_pop = message.pop = sent.platform == Platform::kPop ? 1 : 0;
+    return message;
+}
+
+// Points into `sent`.
+Kavel__HistoryEntry PackEntry(const SentHistoryEntry &sent)
+{
+    Kavel__HistoryEntry message = KAVEL__HISTORY_ENTRY__INIT;
+    message.vpn = sent.vpn;
+    message.time = static_cast<std::uint64_t>(sent.entry.time);
+    message.sender = Borrow(sent.entry.peer);
+    message.revision = BorrowOrNull(sent.entry.revision);
+    message.result = sent.entry.result;
+    message.outcome = Borrow(sent.entry.outcome);
+    message.bytes = sent.entry.messageBytes;
+    if (sent.entry.message) {
+        message.has_message = 1;
+        message.message = BorrowBytes(*sent.entry.message);
+    }
+    message.has_pop = message.pop = sent.platform == Platform::kPop ? 1 : 0;
+    message.has_undone = message.undone = sent.isUndone ? 1 : 0;
+    return message;
+}
+
 std::vector<std::uint8_t> PackReply(const Kavel__Reply &reply)
 {
     const std::size_t size = kavel__reply__get_packed_size(&reply);
@@ -128,6 +164,63 @@ Kavel__Start PackStart(const StartProgress &progress)
     message.total = progress.total;
     return message;
 }
+
+// Points into `status`.
+Kavel__AgentStatus PackAgent(const AgentStatus &status)
+{
+    Kavel__AgentStatus message = KAVEL__AGENT_STATUS__INIT;
+    message.version = Borrow(status.version);
+    message.uptime_seconds = status.uptimeSeconds;
+    message.memory_bytes = status.memoryBytes;
+    message.restarts = status.restarts;
+    return message;
+}
+
+struct PackedLog {
+    explicit PackedLog(const LogState &state) : level(NameOf(state.level)), configured(NameOf(state.configured))
+    {
+        message.level = level.data();
+        message.configured = configured.data();
+        message.has_until = state.until ? 1 : 0;
+        message.until = static_cast<std::uint64_t>(state.until.value_or(0));
+    }
+
+    std::string level;
+    std::string configured;
+    Kavel__LogState message = KAVEL__LOG_STATE__INIT;
+};
+
+// An outcome as a message. It points into the outcome, which must outlive this object.
+class PackedQuery {
+  public:
+    explicit PackedQuery(const QueryOutcome &outcome) : way_(BorrowAll(outcome.way))
+    {
+        kavel__query_answer__init(&message_);
+        if (outcome.answer) {
+            answers_ = BorrowAll(outcome.answer->records);
+            message_.rcode = outcome.answer->rcode;
+        } else {
+            message_.problem = Borrow(outcome.problem);
+        }
+        message_.milliseconds = static_cast<std::uint32_t>(outcome.duration.count());
+        message_.differs = BorrowOrNull(outcome.differs);
+    }
+
+    // Valid until this object is moved or destroyed.
+    Kavel__QueryAnswer *Message()
+    {
+        message_.answers = answers_.data();
+        message_.n_answers = answers_.size();
+        message_.way = way_.data();
+        message_.n_way = way_.size();
+        return &message_;
+    }
+
+  private:
+    Kavel__QueryAnswer message_{};
+    std::vector<char *> answers_;
+    std::vector<char *> way_;
+};
 
 void SetKnown(protobuf_c_boolean &has, protobuf_c_boolean &field, std::optional<bool> value)
 {
@@ -188,6 +281,27 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
     reply.n_notes = notes.size();
     Kavel__Start start = PackStart(answer.start.value_or(StartProgress()));
     reply.start = answer.start ? &start : nullptr;
+    reply.metrics = BorrowOrNull(answer.metrics);
+    const AgentStatus ownStatus = answer.agent.value_or(AgentStatus());
+    Kavel__AgentStatus agent = PackAgent(ownStatus);
+    reply.agent = answer.agent ? &agent : nullptr;
+    SetKnown(reply.has_unknown_vpn, reply.unknown_vpn, answer.isUnknownVpn ? std::optional(true) : std::nullopt);
+    PackedLog log(answer.log.value_or(LogState()));
+    reply.log = answer.log ? &log.message : nullptr;
+    std::optional<PackedQuery> query;
+    if (answer.query) {
+        reply.query = query.emplace(*answer.query).Message();
+    }
+    std::vector<Kavel__PackedMessage> packedMessages;
+    std::ranges::transform(answer.messages, std::back_inserter(packedMessages), PackMessage);
+    std::vector<Kavel__PackedMessage *> sentMessages = PointersTo(packedMessages);
+    reply.messages = sentMessages.data();
+    reply.n_messages = sentMessages.size();
+    std::vector<Kavel__HistoryEntry> entries;
+    std::ranges::transform(answer.history, std::back_inserter(entries), PackEntry);
+    std::vector<Kavel__HistoryEntry *> history = PointersTo(entries);
+    reply.history = history.data();
+    reply.n_history = history.size();
     return PackReply(reply);
 }
 

@@ -8,12 +8,39 @@
 #include <string>
 #include <vector>
 
+#include "base/config.h"
+#include "base/log.h"
 #include "control.pb-c.h"
+#include "instances/agent_facts.h"
 #include "instances/status.h"
+#include "services/message_history.h"
 #include "services/store.h"
+#include "socket/client_query.h"
 #include "supervision/supervisor.h"
 
 namespace kavel::agent {
+
+// The level of the log.
+struct LogState {
+    LogLevel level = LogLevel::kNotice;
+    LogLevel configured = LogLevel::kNotice;
+    std::optional<std::int64_t> until; // Unix time in seconds
+};
+
+// A controller's message for the client.
+struct SentMessage {
+    std::uint32_t vpn = 0;
+    std::vector<std::uint8_t> bytes;
+    Platform platform = Platform::kCpe;
+};
+
+// An entry of the history for the client.
+struct SentHistoryEntry {
+    std::uint32_t vpn = 0;
+    HistoryEntry entry;
+    Platform platform = Platform::kCpe;
+    bool isUndone = false;
+};
 
 struct Answer {
     std::int32_t result = 0;           // 0 or more: carried out; a negated errno: refused
@@ -29,6 +56,13 @@ struct Answer {
     std::optional<bool> running; // and one runs
     std::vector<std::string> notes;
     std::optional<StartProgress> start; // while the agent is starting
+    std::optional<std::string> metrics;
+    std::optional<AgentStatus> agent;
+    bool isUnknownVpn = false; // refused: the VPN is not configured
+    std::optional<LogState> log;
+    std::optional<QueryOutcome> query;
+    std::vector<SentMessage> messages;
+    std::vector<SentHistoryEntry> history;
 };
 
 // Sends the answer to its client. Called exactly once per request.

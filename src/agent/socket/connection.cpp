@@ -3,6 +3,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <utility>
@@ -52,12 +53,14 @@ bool Connection::MayRead() const
            !exceedsBudget_;
 }
 
-// The buffer grows with what was received, not with what a header announces.
+// The buffer grows with what was received, not with what a header announces. Of a client with short frames it stays
+// within what is its own of the budget.
 void Connection::Read()
 {
     std::array<std::uint8_t, kReadSize> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): recv fills it
+    const std::size_t most = std::min(kReadSize, control::kFrameHeaderSize + frameMax_);
     while (MayRead()) {
-        const ssize_t size = ::recv(socket_.Get(), bytes.data(), bytes.size(), 0);
+        const ssize_t size = ::recv(socket_.Get(), bytes.data(), most, 0);
         if (size < 0) {
             isBroken_ = !WouldBlock(errno);
             return;
@@ -102,7 +105,7 @@ std::optional<std::size_t> Connection::AnnouncedLength() const
 bool Connection::HoldsFrame() const
 {
     const auto length = AnnouncedLength();
-    return length && *length <= control::kFrameMax && in_.Size() - control::kFrameHeaderSize >= *length;
+    return length && *length <= frameMax_ && in_.Size() - control::kFrameHeaderSize >= *length;
 }
 
 // What follows the frame in the buffer stays there.
@@ -116,7 +119,7 @@ ReceivedFrame Connection::BeginRequest()
 bool Connection::IsOversized() const
 {
     const auto length = AnnouncedLength();
-    return length && *length > control::kFrameMax;
+    return length && *length > frameMax_;
 }
 
 void Connection::Reply(std::vector<std::uint8_t> frame, Clock::time_point now)

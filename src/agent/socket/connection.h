@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "frame.h"
 #include "socket/receive_buffer.h"
 #include "unique_fd.h"
 
@@ -22,6 +23,7 @@ namespace kavel::agent {
 struct ReceivedFrame {
     std::vector<std::uint8_t> bytes;
     std::string sender = {}; // "pid 123, uid 0 (vqctl)"; may be empty
+    bool isReader = false;   // the sender may only ask for what changes nothing
 
     // Without the header.
     [[nodiscard]] std::span<const std::uint8_t> Content() const;
@@ -34,14 +36,17 @@ class Connection {
     using Clock = std::chrono::steady_clock;
 
     // `socket` does not block. `peer` is the client's process, for the log. `now` counts as its last activity. `budget`
-    // counts what the client has sent until it is handed over or dropped; it must outlive the connection.
-    Connection(UniqueFd socket, pid_t peer, Clock::time_point now, ReceiveBudget &budget)
-        : socket_(std::move(socket)), peer_(peer), in_(budget), activeAt_(now)
+    // counts what the client has sent until it is handed over or dropped; it must outlive the connection. A frame holds
+    // `frameMax` bytes at most.
+    Connection(UniqueFd socket, pid_t peer, Clock::time_point now, ReceiveBudget &budget,
+               std::size_t frameMax = control::kFrameMax)
+        : socket_(std::move(socket)), peer_(peer), frameMax_(frameMax), in_(budget), activeAt_(now)
     {
     }
 
     [[nodiscard]] int Fd() const { return socket_.Get(); }
     [[nodiscard]] pid_t Peer() const { return peer_; }
+    [[nodiscard]] std::size_t FrameMax() const { return frameMax_; }
 
     // The epoll events that it waits for; 0: none.
     [[nodiscard]] std::uint32_t WantedEvents() const;
@@ -90,6 +95,7 @@ class Connection {
 
     UniqueFd socket_;
     pid_t peer_;
+    std::size_t frameMax_;
     ReceiveBuffer in_;
     std::vector<std::uint8_t> out_;
     std::size_t sent_ = 0;

@@ -10,7 +10,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <optional>
+#include <system_error>
 #include <tuple>
 #include <utility>
 
@@ -47,7 +49,7 @@ void RemoveStaleSocket(const std::string &path)
     }
 }
 
-UniqueFd Listen(const std::string &path)
+UniqueFd Listen(const std::string &path, std::optional<gid_t> readers)
 {
     UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) {
@@ -59,24 +61,30 @@ UniqueFd Listen(const std::string &path)
     RemoveStaleSocket(path);
     // The socket must not be accessible to others at any moment.
     const UmaskScope umask(kSocketUmask);
+    const FileGroupScope group(readers);
     if (::bind(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
         ::listen(socket.Get(), SOMAXCONN) != 0) {
         ThrowLastErrno(path);
     }
+    if (readers) {
+        OpenToGroup(path, *readers);
+    }
     return socket;
 }
 
-std::string NameOf(const ucred &peer)
+std::string DescriptionOf(const Peer &peer)
 {
-    return "pid " + std::to_string(peer.pid) + ", uid " + std::to_string(peer.uid) + " (" +
+    return "pid " + std::to_string(peer.pid) + ", uid " + std::to_string(peer.user) + " (" +
            Printable(InspectProcess(peer.pid).name) + ")";
 }
 
 } // namespace
 
-ControlSocket::ControlSocket(EventLoop &loop, std::string path, Handler handler)
-    : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), listener_(Listen(path_)),
-      bound_(IdentityOfFile(path_)), budget_(kReceivedBytesMax - kClientsMax * ReceiveBudget::kOwnBytes),
+ControlSocket::ControlSocket(EventLoop &loop, std::string path, Handler handler, std::optional<gid_t> readers,
+                             AccessRule rule)
+    : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), listener_(Listen(path_, readers)),
+      bound_(IdentityOfFile(path_)), readers_(readers), rule_(std::move(rule)),
+      budget_(kReceivedBytesMax - kClientsMax * ReceiveBudget::kOwnBytes),
       accept_(loop.AddIo(listener_.Get(), EPOLLIN, [this](std::uint32_t /*events*/) { Accept(); })),
       resumeAccepting_(loop.AddTimer([this] {
           isAcceptPaused_ = false;
@@ -100,13 +108,14 @@ bool ControlSocket::IsFull() const
     return clients_.size() >= kClientsMax;
 }
 
-// At most one client is closed per call, so that the others are served in between.
+// At most one client is closed per call to admit any other, and clients that are turned away count, so that the others
+// are served in between.
 void ControlSocket::Accept()
 {
     if (IsFull()) {
-        CloseIdleClient();
+        CloseIdleClient(Among::kAll);
     }
-    while (!IsFull()) {
+    for (std::size_t accepted = 0; accepted < kClientsMax && !IsFull(); ++accepted) {
         UniqueFd socket(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket) {
             Admit(std::move(socket));
@@ -122,49 +131,77 @@ void ControlSocket::Accept()
     UpdateListener();
 }
 
-// A client that never sent a request is closed before one that did, and the one that is idle longest before others.
-std::map<ControlSocket::ClientId, ControlSocket::Client>::iterator ControlSocket::FindIdleClient()
+// A reader is closed before others, a client that never sent a request before one that did, and the one that is idle
+// longest before others.
+std::map<ControlSocket::ClientId, ControlSocket::Client>::iterator ControlSocket::FindIdleClient(Among among)
 {
-    const auto rank = [](const auto &entry) {
-        const Connection &connection = entry.second.connection;
-        return std::tuple(!connection.IsIdle(), connection.WasServed(), connection.ActiveAt());
+    const auto isCandidate = [among](const Client &client) {
+        return client.connection.IsIdle() && (among == Among::kAll || client.isReader);
+    };
+    const auto rank = [&](const auto &entry) {
+        const Client &client = entry.second;
+        return std::tuple(!isCandidate(client), !client.isReader, client.connection.WasServed(),
+                          client.connection.ActiveAt());
     };
     const auto found = std::ranges::min_element(clients_, {}, rank);
-    return found != clients_.end() && found->second.connection.IsIdle() ? found : clients_.end();
+    return found != clients_.end() && isCandidate(found->second) ? found : clients_.end();
 }
 
-void ControlSocket::CloseIdleClient()
+// Whether one was closed.
+bool ControlSocket::CloseIdleClient(Among among)
 {
-    for (auto found = FindIdleClient(); found != clients_.end(); found = FindIdleClient()) {
+    for (auto found = FindIdleClient(among); found != clients_.end(); found = FindIdleClient(among)) {
         auto &[id, client] = *found;
         client.connection.Advance(loop_.IdleTime()); // it may have sent something that was not read yet
         if (client.connection.IsIdle()) {
-            Log(LogLevel::kNotice, "control socket: closing the idle connection of process %d: all %zu are in use",
-                client.connection.Peer(), kClientsMax);
+            Log(client.isReader ? LogLevel::kDebug : LogLevel::kNotice,
+                "control socket: closing the idle connection of process %d: all %zu are in use",
+                client.connection.Peer(), among == Among::kAll ? kClientsMax : kReadersMax);
             clients_.erase(found);
-            return;
+            return true;
         }
         Update(id);
     }
+    return false;
+}
+
+// A reader must not be able to fill the log.
+bool ControlSocket::HasRoomForReader()
+{
+    const auto isReader = [](const auto &entry) { return entry.second.isReader; };
+    const bool hasRoom = static_cast<std::size_t>(std::ranges::count_if(clients_, isReader)) < kReadersMax ||
+                         CloseIdleClient(Among::kReaders);
+    if (!hasRoom && !areReadersTurnedAway_) {
+        Log(LogLevel::kWarning, "control socket: %zu readers are connected; more are turned away", kReadersMax);
+    }
+    areReadersTurnedAway_ = !hasRoom;
+    return hasRoom;
 }
 
 void ControlSocket::Admit(UniqueFd socket)
 {
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    if (::getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-        Log(LogLevel::kWarning, "control socket: rejected a client without credentials: %s", std::strerror(errno));
+    Peer peer;
+    try {
+        peer = PeerOf(socket.Get());
+    } catch (const std::system_error &failure) {
+        Log(LogLevel::kWarning, "control socket: rejected a client: %s", failure.what());
         return;
     }
-    if (peer.uid != 0 && peer.uid != ::geteuid()) {
-        Log(LogLevel::kWarning, "control socket: rejected process %d: user %u may not connect", peer.pid, peer.uid);
+    const Access access = rule_(peer, readers_);
+    if (access == Access::kNone) {
+        Log(LogLevel::kWarning, "control socket: rejected process %d: user %u may not connect", peer.pid, peer.user);
+        return;
+    }
+    const bool isReader = access == Access::kRead;
+    if (isReader && !HasRoomForReader()) {
         return;
     }
     const ClientId id = ++lastId_;
     EventSource source =
         loop_.AddIo(socket.Get(), EPOLLIN, [this, id](std::uint32_t /*events*/) { ProcessClient(id); });
-    clients_.emplace(id, Client{Connection(std::move(socket), peer.pid, loop_.IdleTime(), budget_), NameOf(peer),
-                                std::move(source)});
+    const std::size_t frameMax = isReader ? kReaderFrameMax : control::kFrameMax;
+    clients_.emplace(id, Client{Connection(std::move(socket), peer.pid, loop_.IdleTime(), budget_, frameMax),
+                                DescriptionOf(peer), isReader, std::move(source)});
 }
 
 void ControlSocket::ProcessClient(ClientId id)
@@ -192,7 +229,18 @@ void ControlSocket::ProcessFrame(ClientId id)
     Client &client = clients_.at(id);
     ReceivedFrame frame = client.connection.BeginRequest();
     frame.sender = client.name;
-    handler_(std::move(frame), [this, id](const Answer &answer) { SendAnswer(id, answer); });
+    frame.isReader = client.isReader;
+    if (!frame.isReader) {
+        handler_(std::move(frame), [this, id](const Answer &answer) { SendAnswer(id, answer); });
+    } else if (readerRequests_ < kReadersMax) {
+        ++readerRequests_;
+        handler_(std::move(frame), [this, id, isPending = std::make_shared<bool>(true)](const Answer &answer) {
+            readerRequests_ -= std::exchange(*isPending, false) ? 1 : 0;
+            SendAnswer(id, answer);
+        });
+    } else {
+        SendAnswer(id, Refusal(-EBUSY, std::to_string(kReadersMax) + " requests of readers are not answered yet"));
+    }
 }
 
 // A frame that was received together with the one before it: no event of its socket will announce it.
@@ -237,14 +285,14 @@ void ControlSocket::Update(ClientId id)
         UpdateDraining(id);
         return;
     }
-    auto &[connection, name, source] = found->second;
+    auto &[connection, name, isReader, source] = found->second;
     if (connection.ExceedsBudget()) {
         Dismiss(connection, ENOBUFS,
                 "the unfinished frames of all clients would take more than " + std::to_string(kReceivedBytesMax) +
                     " bytes");
     } else if (connection.IsOversized() && !connection.IsBusy() && !connection.HasUnsentReply()) {
         // Not before the frame in front of it is answered.
-        Dismiss(connection, EMSGSIZE, "a frame holds " + std::to_string(control::kFrameMax) + " bytes at most");
+        Dismiss(connection, EMSGSIZE, "a frame holds " + std::to_string(connection.FrameMax()) + " bytes at most");
     }
     if (connection.IsFinished()) {
         if (connection.IsTruncated()) {
@@ -326,7 +374,7 @@ void ControlSocket::Drain(std::function<void()> onDrained)
 
 void ControlSocket::UpdateDraining(ClientId id)
 {
-    auto &[connection, name, source] = clients_.at(id);
+    auto &[connection, name, isReader, source] = clients_.at(id);
     if (!connection.IsFinished() && connection.HasUnsentReply()) {
         source.SetIoEvents(EPOLLOUT);
         source.Enable();

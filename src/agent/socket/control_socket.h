@@ -2,17 +2,21 @@
 #ifndef KAVEL_AGENT_CONTROL_SOCKET_H
 #define KAVEL_AGENT_CONTROL_SOCKET_H
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "base/event_loop.h"
 #include "base/files.h"
 #include "socket/answer.h"
 #include "socket/connection.h"
+#include "socket/peer.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {
@@ -27,9 +31,17 @@ class ControlSocket {
     // The bytes that all clients together may have sent of frames that are not handed over yet.
     static constexpr std::size_t kReceivedBytesMax = std::size_t{64} * 1024 * 1024;
 
+    // Of all connections, and of unanswered requests: those of readers. The others are kept for the agent's owner. A
+    // frame of a reader is short.
+    static constexpr std::size_t kReadersMax = 32;
+    static constexpr std::size_t kReaderFrameMax = 4096;
+
     // Listens at `path`, in the place of a socket that an earlier agent left there; only the holder of the agent's lock
-    // may do so. Clients are root and the agent's own user. Throws std::system_error. `loop` must outlive this object.
-    ControlSocket(EventLoop &loop, std::string path, Handler handler);
+    // may do so. Clients are root, the agent's own user, and the members of the group `readers`, as `rule` says. A
+    // reader's frames are marked; the handler decides about them. Throws std::system_error. `loop` must outlive this
+    // object.
+    ControlSocket(EventLoop &loop, std::string path, Handler handler, std::optional<gid_t> readers = std::nullopt,
+                  AccessRule rule = AccessOf);
     ControlSocket(const ControlSocket &) = delete;
     ControlSocket &operator=(const ControlSocket &) = delete;
     // Removes the socket, unless another one is at the path by now.
@@ -45,13 +57,16 @@ class ControlSocket {
     struct Client {
         Connection connection;
         std::string name; // "pid 123, uid 0 (vqctl)"
+        bool isReader = false;
         EventSource source;
     };
+    enum class Among { kAll, kReaders };
 
     void Accept();
-    [[nodiscard]] std::map<ClientId, Client>::iterator FindIdleClient();
-    void CloseIdleClient();
+    [[nodiscard]] std::map<ClientId, Client>::iterator FindIdleClient(Among among);
+    bool CloseIdleClient(Among among);
     void Admit(UniqueFd socket);
+    [[nodiscard]] bool HasRoomForReader();
     void ProcessClient(ClientId id);
     void ProcessFrame(ClientId id);
     void HandleNextFrame();
@@ -69,9 +84,13 @@ class ControlSocket {
     Handler handler_;
     UniqueFd listener_;
     FileIdentity bound_; // what listener_ was bound to
+    std::optional<gid_t> readers_;
+    AccessRule rule_;
     ReceiveBudget budget_;
     std::map<ClientId, Client> clients_;
     ClientId lastId_ = 0;
+    std::size_t readerRequests_ = 0; // that are not answered, also of readers that have left
+    bool areReadersTurnedAway_ = false;
     std::deque<ClientId> ready_; // clients whose next frame is in their buffer
     EventSource accept_;
     EventSource resumeAccepting_;

@@ -7,7 +7,7 @@
 #include <functional>
 #include <system_error>
 
-#include "instances/dns_name.h"
+#include "base/dns_name.h"
 #include "services/interfaces_netlink.h"
 
 namespace kavel::agent {

@@ -23,6 +23,7 @@ namespace {
 constexpr std::chrono::milliseconds kLaunchTimeout{2000};
 
 constexpr std::size_t kRevisionMax = 64; // bytes
+constexpr std::uint32_t kConfirmSecondsMax = 3600;
 
 struct RecordRelease {
     void operator()(VQ_DNSMASQ_CONF *record) const { VQ_AgentMemFree(record); }
@@ -76,16 +77,32 @@ std::optional<std::string> RevisionObjection(const Kavel__Request &request)
                : std::optional("revision: it has not 1 to " + std::to_string(kRevisionMax) + " printable characters");
 }
 
+std::optional<std::uint32_t> ConfirmSecondsOf(const Kavel__Request &request)
+{
+    return request.has_confirm_seconds != 0 ? std::optional(request.confirm_seconds) : std::nullopt;
+}
+
+std::optional<std::string> ConfirmationObjection(const Kavel__Request &request)
+{
+    const std::uint32_t seconds = ConfirmSecondsOf(request).value_or(1);
+    return seconds >= 1 && seconds <= kConfirmSecondsMax
+               ? std::nullopt
+               : std::optional("confirm_seconds: it is " + std::to_string(seconds) + "; 1 to " +
+                               std::to_string(kConfirmSecondsMax) + " are possible");
+}
+
 // For the history: what a client was told.
-std::string OutcomeText(const Answer &answer)
+std::string OutcomeText(const Answer &answer, std::optional<std::uint32_t> confirmSeconds)
 {
     if (answer.result < 0) {
         return "refused: " + answer.reason.value_or(answer.text.value_or(std::strerror(-answer.result)));
     }
     const bool isRunning = answer.running.value_or(false);
     const bool isAsWanted = answer.enabled.value_or(isRunning) == isRunning;
-    return isAsWanted ? "applied"
-                      : (isRunning ? "applied, STILL RUNNING: " : "applied, NOT RUNNING: ") + answer.text.value_or("");
+    const std::string applied =
+        confirmSeconds ? kToBeConfirmed + std::to_string(*confirmSeconds) + " s" : std::string("applied");
+    return isAsWanted ? applied
+                      : applied + (isRunning ? ", STILL RUNNING: " : ", NOT RUNNING: ") + answer.text.value_or("");
 }
 
 Kavel__Summary Summarise(const VQ_DNSMASQ_CONF &record)
@@ -154,6 +171,9 @@ void PrepareNamespaceOrLog(Host &host, std::uint32_t vpnId)
 
 void Requests::HandleApply(const Kavel__Request &request, ReceivedRequest received, bool wasQueued)
 {
+    if (!wasQueued) {
+        received.respond = messages_.Counting(received.respond);
+    }
     auto unpacked = UnpackControllerMessage(host_.config.platform, MessageOf(request));
     if (!unpacked) {
         received.respond(MalformedMessage(host_.config.platform));
@@ -164,10 +184,17 @@ void Requests::HandleApply(const Kavel__Request &request, ReceivedRequest receiv
         received.respond(RefusalOf(message->vpn, -EINVAL, std::move(objection)));
         return;
     }
+    if (auto objection = ConfirmationObjection(request)) {
+        received.respond(RefusalOf(message->vpn, -EINVAL, std::move(objection)));
+        return;
+    }
     const std::string sender = received.frame.sender;
     if (!host_.config.Serves(message->vpn)) {
         received.respond(NotConfigured(message->vpn));
     } else {
+        if (!wasQueued) {
+            messages_.AskedFor(message->vpn, RevisionOf(request));
+        }
         RunInOrder(message->vpn, std::move(received), wasQueued, [&](const Respond &respond) {
             Apply(message, request, Recorded(*message, request, sender, respond));
         });
@@ -189,17 +216,26 @@ Respond Requests::Recorded(const ControllerMessage &message, const Kavel__Reques
     if (bytes.size() <= kHistoryMessageMax) {
         entry.message.emplace(bytes.begin(), bytes.end());
     }
-    return [this, vpnId = message.vpn, entry, respond](const Answer &answer) mutable {
-        entry.time = std::time(nullptr);
-        entry.result = answer.result;
-        entry.outcome = OutcomeText(answer);
-        try {
-            host_.store.AddToHistory(vpnId, entry);
-        } catch (const std::system_error &failure) {
-            Log(LogLevel::kDebug, "vpn %u: the message is not in the history: %s", vpnId, failure.what());
-        }
-        respond(answer);
-    };
+    return
+        [this, vpnId = message.vpn, seconds = ConfirmSecondsOf(request), entry, respond](const Answer &answer) mutable {
+            entry.result = answer.result;
+            entry.outcome = OutcomeText(answer, seconds);
+            AddToHistory(vpnId, entry);
+            respond(answer);
+        };
+}
+
+void Requests::AddToHistory(std::uint32_t vpnId, HistoryEntry entry)
+{
+    if (!host_.config.persistence) {
+        return;
+    }
+    entry.time = std::time(nullptr);
+    try {
+        host_.store.AddToHistory(vpnId, entry);
+    } catch (const std::system_error &failure) {
+        Log(LogLevel::kDebug, "vpn %u: the message is not in the history: %s", vpnId, failure.what());
+    }
 }
 
 std::optional<Answer> Requests::ApplyObjection(const ControllerMessage &message) const
@@ -211,13 +247,29 @@ std::optional<Answer> Requests::ApplyObjection(const ControllerMessage &message)
     return objection ? std::optional(RefusalOf(message.vpn, -ESRCH, std::move(objection))) : std::nullopt;
 }
 
+// What is in force is kept if the message has to be confirmed.
+std::optional<Answer> Requests::KeepBefore(const ControllerMessage &message, const Kavel__Request &request)
+{
+    if (request.has_confirm_seconds == 0) {
+        return std::nullopt;
+    }
+    try {
+        supervisor_.KeepBefore(message.vpn);
+        return std::nullopt;
+    } catch (const std::system_error &failure) {
+        return RefusalOf(message.vpn, -failure.code().value(),
+                         "what is in force cannot be kept: " + std::string(failure.what()));
+    }
+}
+
 // Calls the module. Whether the message is in force is in `answer.enabled`.
 Answer Requests::Configure(const ControllerMessage &message, const Kavel__Request &request)
 {
     const VpnScope scope(host_, message.vpn);
     host_.endedProcesses.clear();
     PrepareNamespaceOrLog(host_, message.vpn);
-    StoreChange change(host_.store);
+    const auto confirmSeconds = ConfirmSecondsOf(request);
+    StoreChange change(host_.store, confirmSeconds ? RowChange::kLeftOut : RowChange::kCarriedOut);
     Answer answer = OutcomeOf(host_, module_.configure(&message.pointer), message.vpn);
     LogOutcome(answer, "applied");
     for (const std::string &process : host_.endedProcesses) {
@@ -231,7 +283,7 @@ Answer Requests::Configure(const ControllerMessage &message, const Kavel__Reques
                         "; the message is in force all the same, and what was stored before is still stored";
     }
     if (answer.result >= 0 || change.IsBegun()) {
-        supervisor_.Applied(message, MessageOf(request), RevisionOf(request));
+        supervisor_.Applied(message, MessageOf(request), RevisionOf(request), confirmSeconds);
         RecordOutcome(instances_, answer, message);
     }
     return answer;
@@ -241,6 +293,11 @@ void Requests::Apply(const std::shared_ptr<const ControllerMessage> &message, co
                      const Respond &respond)
 {
     if (const auto objection = ApplyObjection(*message)) {
+        LogOutcome(*objection, "");
+        respond(*objection);
+        return;
+    }
+    if (const auto objection = KeepBefore(*message, request)) {
         LogOutcome(*objection, "");
         respond(*objection);
         return;

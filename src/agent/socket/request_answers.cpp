@@ -17,7 +17,9 @@ Answer RefusalOf(std::uint32_t vpnId, std::int32_t result, std::optional<std::st
 
 Answer NotConfigured(std::uint32_t vpnId)
 {
-    return RefusalOf(vpnId, -ENOENT, "vpn " + std::to_string(vpnId) + " is not configured");
+    Answer answer = RefusalOf(vpnId, -ENOENT, "vpn " + std::to_string(vpnId) + " is not configured");
+    answer.isUnknownVpn = true;
+    return answer;
 }
 
 Answer MalformedMessage(Platform platform)

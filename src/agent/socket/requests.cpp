@@ -11,6 +11,7 @@
 
 #include "base/failure.h"
 #include "base/log.h"
+#include "socket/export_requests.h"
 #include "socket/request_answers.h"
 #include "socket/store_requests.h"
 
@@ -29,6 +30,13 @@ std::int32_t VerbOf(const Kavel__Request &request)
     return verb;
 }
 
+// A new verb is for the owner alone until it is named here.
+bool IsForReaders(std::int32_t verb)
+{
+    return verb == KAVEL__REQUEST__VERB__STATUS || verb == KAVEL__REQUEST__VERB__WHY ||
+           verb == KAVEL__REQUEST__VERB__METRICS;
+}
+
 // Runs `work`; what it throws becomes the answer. A client that was answered already gets no second answer.
 template <typename Work>
 void WithAnswer(const Respond &respond, Work work)
@@ -45,11 +53,12 @@ void WithAnswer(const Respond &respond, Work work)
 } // namespace
 
 Requests::Requests(EventLoop &loop, Host &host, const Instances &instances, const ModuleFunctions &module,
-                   PendingLaunches &launches, Supervisor &supervisor)
+                   PendingLaunches &launches, Supervisor &supervisor, AgentFacts facts)
     : loop_(loop), host_(host), instances_(instances), module_(module), launches_(launches), supervisor_(supervisor),
-      drain_(loop.AddDeferred([this] { DrainQueues(); }))
+      facts_(std::move(facts)), drain_(loop.AddDeferred([this] { DrainQueues(); })), logOverride_(loop, host.config.log)
 {
     supervisor.OnFree([this](std::uint32_t vpnId) { BeginDraining(vpnId); });
+    supervisor.OnUnconfirmed([this](std::uint32_t vpnId) { return BeginUndo(vpnId); });
 }
 
 void Requests::Handle(ReceivedFrame frame, const Respond &respond)
@@ -75,6 +84,10 @@ void Requests::Dispatch(ReceivedRequest received, bool wasQueued)
 void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest received, bool wasQueued)
 {
     const std::int32_t verb = VerbOf(request);
+    if (received.frame.isReader && !IsForReaders(verb)) {
+        received.respond(Refusal(-EACCES, "only root may do this; this user may ask for status, why and metrics"));
+        return;
+    }
     switch (verb) {
     case KAVEL__REQUEST__VERB__APPLY:
         HandleApply(request, std::move(received), wasQueued);
@@ -89,11 +102,23 @@ void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest recei
     case KAVEL__REQUEST__VERB__WHY:
         BeginWhy(request, received.respond);
         return;
+    case KAVEL__REQUEST__VERB__METRICS:
+        BeginMetrics(received.respond);
+        return;
+    case KAVEL__REQUEST__VERB__QUERY:
+        BeginClientQuery(request, received.respond);
+        return;
     case KAVEL__REQUEST__VERB__REPAIR:
         BeginRepair(request, received.respond);
         return;
     case KAVEL__REQUEST__VERB__STOP:
         HandleStop(request, std::move(received), wasQueued);
+        return;
+    case KAVEL__REQUEST__VERB__FLUSH:
+        HandleFlush(request, std::move(received), wasQueued);
+        return;
+    case KAVEL__REQUEST__VERB__LOG_LEVEL:
+        received.respond(HandleLogLevel(request, received.frame.sender));
         return;
     case KAVEL__REQUEST__VERB__CHECK:
         received.respond(Check(MessageOf(request)));
@@ -102,7 +127,19 @@ void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest recei
         received.respond(ListStore(host_.store));
         return;
     case KAVEL__REQUEST__VERB__STORE_SHOW:
-        received.respond(ShowStored(host_.store, request));
+        received.respond(ShowStored(host_, request));
+        return;
+    case KAVEL__REQUEST__VERB__CONFIRM:
+        HandleConfirm(request, std::move(received), wasQueued);
+        return;
+    case KAVEL__REQUEST__VERB__STORE_EXPORT:
+        received.respond(ExportStored(host_, module_, request));
+        return;
+    case KAVEL__REQUEST__VERB__HISTORY:
+        received.respond(ListHistory(host_, request));
+        return;
+    case KAVEL__REQUEST__VERB__IN_FORCE:
+        received.respond(InForceAnswer(request));
         return;
     default:
         received.respond(Refusal(-EINVAL, "unknown verb " + std::to_string(verb)));
@@ -169,6 +206,8 @@ void Requests::Stop()
     }
     RefuseAll(statuses_);
     RefuseAll(whys_);
+    RefuseAll(metrics_);
+    RefuseAll(clientQueries_);
     launches_.CancelAll();
 }
 
@@ -248,10 +287,26 @@ void Requests::BeginQuery(std::list<PendingQuery<Query>> &queries, const Kavel__
                          });
 }
 
+// While the agent is starting, what is stored may not be in force yet.
+Answer Requests::InForceAnswer(const Kavel__Request &request)
+{
+    if (request.has_vpn == 0 || !host_.config.Serves(request.vpn)) {
+        return request.has_vpn == 0 ? Refusal(-EINVAL, "no vpn is named") : NotConfigured(request.vpn);
+    }
+    if (const auto progress = supervisor_.Progress(); progress && supervisor_.IsBusy(request.vpn)) {
+        Answer starting = RefusalOf(request.vpn, -EAGAIN, "the agent is starting");
+        starting.start = progress;
+        return starting;
+    }
+    return ShowInForce(host_, module_, instances_, request);
+}
+
 void Requests::BeginStatus(const Kavel__Request &request, const Respond &respond)
 {
-    BeginQuery(statuses_, request, respond,
-               [](Answer &answer, std::vector<VpnStatus> statuses) { answer.vpns = std::move(statuses); });
+    BeginQuery(statuses_, request, respond, [this](Answer &answer, std::vector<VpnStatus> statuses) {
+        answer.vpns = std::move(statuses);
+        answer.agent = StatusOfAgent(facts_);
+    });
 }
 
 void Requests::BeginWhy(const Kavel__Request &request, const Respond &respond)

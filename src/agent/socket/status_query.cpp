@@ -29,7 +29,7 @@ StatusQuery::StatusQuery(EventLoop &loop, Host &host, const Instances &instances
                          StatusScope scope, OnEnd onEnd)
     : host_(host), instances_(instances), supervisor_(supervisor), scope_(std::move(scope)), onEnd_(std::move(onEnd)),
       wasStarting_(BusyOf(supervisor, scope_.vpnIds)), reading_(loop.AddDeferred([this] { ReadSome(); })),
-      probe_(loop, host.namespaces, DnsTarget::Instances(scope_.vpnIds), kAnswerTimeout,
+      probe_(loop, host, DnsTarget::Instances(scope_.vpnIds), kAnswerTimeout,
              [this](const DnsAnswers &answering) { BeginReading(answering); })
 {
 }
@@ -61,7 +61,8 @@ void StatusQuery::ReadSome()
 VpnStatus StatusQuery::Read(std::uint32_t vpnId)
 {
     const bool isStarting = wasStarting_.contains(vpnId) || supervisor_.IsBusy(vpnId);
-    VpnStatus status = StatusOfVpn(host_, instances_, vpnId, {isStarting, answering_.contains(vpnId)}, stored_);
+    const KnownState known{isStarting, answering_.contains(vpnId), supervisor_.IsStopped(vpnId)};
+    VpnStatus status = StatusOfVpn(host_, instances_, vpnId, known, stored_);
     supervisor_.Describe(status);
     std::ranges::move(FindFaults(host_, instances_, status), std::back_inserter(status.problems));
     PutInOrder(status.problems);
@@ -83,6 +84,9 @@ void StatusQuery::End()
         AddBoxFaults(statuses_.front().problems); // they concern all VPNs: once is enough
     }
     if (scope_.isAll) {
+        if (host_.config.platform == Platform::kCpe) {
+            std::erase_if(statuses_, IsIdleBox);
+        }
         std::ranges::move(StatusOfStrays(host_.config, instances_), std::back_inserter(statuses_));
     }
     onEnd_(std::move(statuses_));

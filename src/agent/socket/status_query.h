@@ -17,7 +17,8 @@
 
 namespace kavel::agent {
 
-// Which VPNs a status is about. All of them include VPN 0 and the instances of VPNs that are not configured.
+// Which VPNs a status is about. All of them include the instances of VPNs that are not configured, and VPN 0: on a CPE
+// only if there is something in force, stored, running or wrong.
 struct StatusScope {
     std::vector<std::uint32_t> vpnIds;
     bool isAll = false;

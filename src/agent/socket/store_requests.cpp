@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "frame.h"
+#include "socket/request_answers.h"
 
 namespace kavel::agent {
 namespace {
@@ -23,9 +24,17 @@ Answer WithStoreErrors(Read read)
     }
 }
 
-Answer ShowText(Store &store, std::uint32_t vpnId)
+// The row of a VPN that is not configured is kept, and is shown.
+Answer ShowText(Host &host, std::uint32_t vpnId)
 {
-    std::optional<std::string> text = store.ReadText(vpnId);
+    const bool isServed = host.config.Serves(vpnId);
+    if (!isServed && !host.config.persistence) {
+        return NotConfigured(vpnId);
+    }
+    std::optional<std::string> text = host.store.ReadText(vpnId);
+    if (!text && !isServed) {
+        return NotConfigured(vpnId);
+    }
     if (!text) {
         return Refusal(-ENOENT, "nothing is stored for vpn " + std::to_string(vpnId));
     }
@@ -49,12 +58,12 @@ Answer ListStore(Store &store)
     });
 }
 
-Answer ShowStored(Store &store, const Kavel__Request &request)
+Answer ShowStored(Host &host, const Kavel__Request &request)
 {
     if (request.has_vpn == 0) {
         return Refusal(-EINVAL, "no vpn is named");
     }
-    Answer answer = WithStoreErrors([&] { return ShowText(store, request.vpn); });
+    Answer answer = WithStoreErrors([&] { return ShowText(host, request.vpn); });
     answer.vpn = request.vpn;
     return answer;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <set>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "base/log.h"
 #include "base/port_owners.h"
 #include "base/procfs.h"
+#include "instances/dns_counters.h"
 
 namespace kavel::agent {
 namespace {
@@ -88,7 +90,7 @@ void WhyQuery::AddTargets(std::size_t position, std::vector<DnsTarget> &targets)
     const std::uint32_t vpnId = status.fields.vpn;
     if (IsAlive(status)) {
         asked_.push_back({position, std::nullopt});
-        targets.push_back({.vpnId = vpnId, .overTcp = true});
+        targets.push_back({.vpnId = vpnId, .overTcp = true, .counter = "servers", .isWhole = true});
     }
     std::vector<InstanceServer> servers = UpstreamsOf(instances_, vpnId);
     std::ranges::move(ForwardServersOf(instances_, vpnId, kForwardServersMax), std::back_inserter(servers));
@@ -108,8 +110,7 @@ void WhyQuery::BeginProbe()
         }
     }
     host_.namespaces.BeginRequest();
-    probe_.emplace(loop_, host_.namespaces, targets, kServerTimeout,
-                   [this](const DnsAnswers &answering) { EndProbe(answering); });
+    probe_.emplace(loop_, host_, targets, kServerTimeout, [this](const DnsAnswers &answering) { EndProbe(answering); });
 }
 
 void WhyQuery::BeginDryStart(std::size_t position)
@@ -148,12 +149,37 @@ void WhyQuery::EndProbe(const DnsAnswers &answering)
         VpnStatus &status = statuses_[asked.position];
         if (asked.server) {
             JudgeServer(asked, after);
-        } else if (!after) {
+        } else if (after) {
+            CompareServers(status, probe_->AnswerOf(position));
+        } else {
             status.problems.push_back(
                 {Fault::kInstanceSilentTcp, "does not answer on port 53 over TCP", std::to_string(status.fields.pid)});
         }
     }
     EndPart();
+}
+
+// The other servers that it uses are those of forwards, and of files of the operator's own.
+void WhyQuery::CompareServers(VpnStatus &status, const DnsProbe::Reply &reply) const
+{
+    std::set<std::string> used;
+    const auto texts = TxtStrings(reply.message);
+    for (const std::string &text : texts.value_or(std::vector<std::string>())) {
+        if (const auto upstream = ReadUpstream(text)) {
+            used.insert(upstream->server.substr(0, upstream->server.find('#')));
+        }
+    }
+    if (!texts || HasFault(status, Fault::kRestartPending)) {
+        return;
+    }
+    for (const InstanceServer &server : UpstreamsOf(instances_, status.fields.vpn)) {
+        if (!used.contains(server.address) && !HasFaultOf(status, Fault::kServerLoop, server.address)) {
+            status.problems.push_back(
+                {Fault::kServersDiffer,
+                 "the instance does not use upstream " + server.address + ", which is in its resolv.conf",
+                 server.address});
+        }
+    }
 }
 
 void WhyQuery::JudgeServer(const Asked &asked, std::optional<std::chrono::milliseconds> after)

@@ -46,6 +46,7 @@ class WhyQuery {
     void BeginDryStart(std::size_t position);
     void EndDryStart(std::size_t position, const std::optional<std::string> &reason);
     void EndProbe(const DnsAnswers &answering);
+    void CompareServers(VpnStatus &status, const DnsProbe::Reply &reply) const;
     void JudgeServer(const Asked &asked, std::optional<std::chrono::milliseconds> after);
     void EndPart();
     void EndBatch();

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "instances/controller_message.h"
+#include "instances/record_message.h"
 
 namespace kavel::agent {
 namespace {
@@ -57,6 +58,18 @@ std::string StoredTextOf(Host &host, const ModuleFunctions &module, std::uint32_
         throw std::runtime_error("it cannot be converted for the store");
     }
     return text.get();
+}
+
+std::vector<std::uint8_t> MessageOfContent(Host &host, const ModuleFunctions &module, std::uint32_t vpnId,
+                                           const InForceContent &content)
+{
+    if (content.isMessage) {
+        return {content.bytes.begin(), content.bytes.end()};
+    }
+    const RecordNode node = RecordOf(host, module, vpnId, content);
+    node->Dnsmasq.Op = VQ_DNSMASQ_OP_REBOOT;
+    node->Dnsmasq.PersistentFlag = TRUE;
+    return MessageOfRecord(host.config.platform, node->Dnsmasq);
 }
 
 std::optional<std::string> ApplyRecord(Host &host, const ModuleFunctions &module, std::uint32_t vpnId, RecordNode node,

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/zeroed_pages.h"
 #include "instances/in_force.h"
@@ -23,6 +24,11 @@ using RecordNode = ZeroedPages<VQ_DnsmasqConfNode>;
 // The text that the store keeps for a content. Throws std::runtime_error.
 [[nodiscard]] std::string StoredTextOf(Host &host, const ModuleFunctions &module, std::uint32_t vpnId,
                                        const InForceContent &content);
+
+// A content as a packed message. That of a stored record asks for a restart and to be stored, as a message that had led
+// to the record would have to. Throws std::runtime_error.
+[[nodiscard]] std::vector<std::uint8_t> MessageOfContent(Host &host, const ModuleFunctions &module, std::uint32_t vpnId,
+                                                         const InForceContent &content);
 
 // Applies a record through the module, as it applies stored records: its files, then routes, instance and rule, or
 // their removal. The operation of the record is `operation`. Returns the module's first message about a failure;

@@ -50,6 +50,7 @@ void Supervisor::Describe(VpnStatus &status) const
     }
     const WatchedVpn &vpn = found->second;
     Kavel__VpnStatus &fields = status.fields;
+    status.failedLaunches = vpn.failedLaunches;
     if (vpn.ends.count > 0) {
         fields.has_ends = fields.has_last_end_time = 1;
         fields.ends = vpn.ends.count;
@@ -69,6 +70,7 @@ void Supervisor::Describe(VpnStatus &status) const
     if (vpn.wanted) {
         status.revision = vpn.wanted->revision;
     }
+    DescribeConfirmation(status);
     AddReason(status.problems, vpn.ends.text);
     AddWatched(status, vpn);
 }
@@ -78,15 +80,20 @@ void Supervisor::AddWatched(VpnStatus &status, const WatchedVpn &vpn) const
     if (!vpn.missing.isNamespace) {
         std::ranges::copy(vpn.missing.findings, std::back_inserter(status.problems));
     }
+    bool isTold = false; // what could not be repaired
     if (IsIdle(status.fields.vpn) && vpn.wanted->enables) {
         for (const Difference &difference :
              LookAt(host_, instances_, status.fields.vpn, *vpn.wanted, {vpn.InstancePid(), true})) {
+            const bool isReason = vpn.problem.starts_with(difference.text);
             if (const auto fault = FaultOf(difference)) {
-                status.problems.push_back({*fault, difference.text, ""});
+                isTold = isTold || vpn.problem.find(difference.text) != std::string::npos;
+                status.problems.push_back({*fault, isReason ? vpn.problem : difference.text, ""});
             }
         }
     }
-    if (!vpn.problem.empty()) {
+    // Without repairs the text only counts what differs, which the other findings tell.
+    isTold = isTold || (!host_.config.watch.repair && !status.problems.empty());
+    if (!vpn.problem.empty() && !isTold) {
         status.problems.push_back({Fault::kRepairFailed, vpn.problem, ""});
     }
     for (const auto &[upstream, unanswered] : vpn.upstreamUnanswered) {

@@ -70,7 +70,7 @@ void Supervisor::RunProbe(const std::vector<DnsTarget> &targets, OnEnd onEnd)
         return;
     }
     const auto here = probes_.emplace(probes_.end());
-    *here = std::make_unique<DnsProbe>(loop_, host_.namespaces, targets, kProbeTimeout,
+    *here = std::make_unique<DnsProbe>(loop_, host_, targets, kProbeTimeout,
                                        [this, here, onEnd](const DnsAnswers &answering) {
                                            const std::unique_ptr<DnsProbe> ended = std::move(*here);
                                            probes_.erase(here);

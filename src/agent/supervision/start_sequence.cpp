@@ -143,6 +143,7 @@ void Supervisor::BringBack(std::uint32_t vpnId)
     WatchedVpn &vpn = Of(vpnId);
     const bool isUnconfirmed = marked_.contains(vpnId); // a launch was begun that nobody has confirmed
     vpn.wanted = inForce_.Read(vpnId);
+    ResumeConfirmation(vpnId);
     bool mustApply = isUnconfirmed;
     if (!vpn.wanted && LoadStoredRow(vpnId)) {
         mustApply = true;
@@ -185,7 +186,7 @@ void Supervisor::BringBack(std::uint32_t vpnId)
 void Supervisor::CheckStoredText(std::uint32_t vpnId)
 {
     const InForce &wanted = *Of(vpnId).wanted;
-    if (!host_.config.persistence || wanted.files.empty()) {
+    if (!host_.config.persistence || wanted.files.empty() || wanted.confirmation) {
         return;
     }
     try {

@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <ctime>
 #include <iterator>
 #include <system_error>
 #include <utility>
 
 #include "base/log.h"
+#include "base/procfs.h"
 #include "instances/startup.h"
 #include "services/launch_mark.h"
 #include "services/routes_netlink.h"
@@ -66,7 +68,8 @@ Supervisor::Supervisor(EventLoop &loop, Host &host, const Instances &instances, 
                        PendingLaunches &launches, ChildReaper &reaper)
     : loop_(loop), host_(host), instances_(instances), module_(module), launches_(launches), reaper_(reaper),
       markTimer_(loop.AddTimer([this] { WaitForMarks(); })), bringBack_(loop.AddDeferred([this] { BringBackNext(); })),
-      agendaTimer_(loop.AddTimer([this] { RunAgenda(); })), tick_(loop.AddTimer([this] { Tick(); }))
+      agendaTimer_(loop.AddTimer([this] { RunAgenda(); })), tick_(loop.AddTimer([this] { Tick(); })),
+      undoTimer_(loop.AddTimer([this] { RunUndos(); }))
 {
     launches.Observe([this](std::uint32_t vpnId, LaunchOutcome outcome) { LaunchEnded(vpnId, outcome); });
 }
@@ -79,7 +82,7 @@ Supervisor::~Supervisor()
 void Supervisor::Stop()
 {
     isStopped_ = true;
-    for (EventSource *source : {&markTimer_, &bringBack_, &agendaTimer_, &tick_}) {
+    for (EventSource *source : {&markTimer_, &bringBack_, &agendaTimer_, &tick_, &undoTimer_}) {
         *source = EventSource();
     }
     // The inotify sources stay: libsystemd 252 does not return from a wait when one is removed that has events pending.
@@ -158,7 +161,11 @@ void Supervisor::RecordFacts(std::uint32_t vpnId, bool isComplete)
     if (isComplete) {
         const std::vector<std::string> files = instances_.Files(vpnId);
         wanted.files.clear();
-        std::ranges::transform(files, std::back_inserter(wanted.files), MarkOfFile);
+        std::ranges::transform(files, std::back_inserter(wanted.files), [this](const std::string &path) {
+            // What others have done to it since it was written is no part of what is in force.
+            const auto written = host_.writtenFiles.find(path);
+            return written != host_.writtenFiles.end() ? written->second : MarkOfFile(path);
+        });
         wanted.routes = RoutesOf(host_, vpnId);
         vpn.haveInterfacesChanged = vpn.isRuleOutdated = false;
     }
@@ -180,7 +187,7 @@ void Supervisor::SaveFacts(std::uint32_t vpnId, bool isComplete)
 }
 
 void Supervisor::Applied(const ControllerMessage &message, std::span<const std::uint8_t> bytes,
-                         const std::optional<std::string> &revision)
+                         const std::optional<std::string> &revision, std::optional<std::uint32_t> confirmSeconds)
 {
     const std::uint32_t vpnId = message.vpn;
     WatchedVpn &vpn = Of(vpnId);
@@ -189,6 +196,8 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
     wanted.isStored = message.isKept && host_.config.persistence; // the store may have failed for now
     wanted.revision = revision;
     vpn.wanted = std::move(wanted);
+    vpn.isStopped = false;
+    BeginConfirmation(vpnId, confirmSeconds);
     vpn.startAt.reset();
     vpn.startTime.reset();
     vpn.failures = 0;
@@ -210,6 +219,9 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
     } catch (const std::system_error &failure) {
         Log(LogLevel::kWarning, "vpn %u: what is in force is not kept: %s", vpnId, failure.what());
     }
+    if (!confirmSeconds) {
+        ForgetBefore(vpnId);
+    }
     ScheduleLook(vpnId, Clock::now() + std::chrono::seconds(host_.config.watch.lookSeconds));
 }
 
@@ -217,6 +229,9 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
 void Supervisor::Refused(std::uint32_t vpnId)
 {
     WatchedVpn &vpn = Of(vpnId);
+    if (!Confirmation(vpnId)) {
+        ForgetBefore(vpnId);
+    }
     const bool hasLaunched = IsLaunchMarked(vpnId);
     if (hasLaunched && !vpn.wanted) {
         Log(LogLevel::kNotice, "vpn %u: the instance of the refused message is ended", vpnId);
@@ -233,6 +248,7 @@ void Supervisor::Refused(std::uint32_t vpnId)
 std::optional<std::string> Supervisor::TakeDown(std::uint32_t vpnId)
 {
     WatchedVpn &vpn = Of(vpnId);
+    vpn.isStopped = vpn.isStopped || (vpn.wanted && vpn.wanted->enables);
     vpn.wanted.reset(); // nothing is repaired from here on
     vpn.instance.reset();
     vpn.startAt.reset();
@@ -243,6 +259,24 @@ std::optional<std::string> Supervisor::TakeDown(std::uint32_t vpnId)
     Log(LogLevel::kNotice, "vpn %u: stopped by request%s%s", vpnId, outcome.problem ? "; " : "",
         outcome.problem.value_or("").c_str());
     return std::move(outcome.problem);
+}
+
+// The signal goes to the process that is watched, whatever the pid file says.
+bool Supervisor::FlushCache(std::uint32_t vpnId)
+{
+    const auto found = vpns_.find(vpnId);
+    if (found == vpns_.end()) {
+        return false;
+    }
+    std::optional<WatchedVpn::Instance> &instance = found->second.instance;
+    if (!instance) {
+        WatchInstance(vpnId);
+    }
+    if (!instance || instance->process.EndsWithin(std::chrono::milliseconds(0))) {
+        return false;
+    }
+    instance->process.Signal(SIGHUP);
+    return true;
 }
 
 bool Supervisor::IsLaunchMarked(std::uint32_t vpnId) const
@@ -276,6 +310,7 @@ void Supervisor::WatchInstance(std::uint32_t vpnId)
     }
     try {
         if (auto process = ProcessHandle::Open(instances_.TakePidFile(vpnId).pid)) {
+            host_.ownQuestions.SetProcess(vpnId, process->Pid(), InspectProcess(process->Pid()).startTime);
             vpn.instance.emplace(WatchedVpn::Instance{*std::move(process), Clock::now(), {}});
             vpn.instance->source = loop_.AddIo(vpn.instance->process.Fd(), EPOLLIN,
                                                [this, vpnId](std::uint32_t /*events*/) { InstanceEnded(vpnId); });
@@ -382,12 +417,19 @@ void Supervisor::JudgeLaunch(std::uint32_t vpnId, bool isRunning)
         return;
     }
     const std::string reason = host_.launchOutputs.Reason(vpnId);
+    ++vpn.failedLaunches;
     vpn.failures = std::max(vpn.failures, 1U); // a start that has just failed is not repeated at once
     NoteEnd(vpnId, "did not start: " + (!reason.empty()        ? reason
                                         : !vpn.problem.empty() ? vpn.problem
                                                                : std::string("nothing tells why")));
     const bool isSlow = reason.empty() && instances_.WithProcesses().contains(vpnId);
     PlanStart(vpnId, isSlow ? kSlowStart : std::chrono::seconds(0));
+}
+
+bool Supervisor::IsStopped(std::uint32_t vpnId) const
+{
+    const auto found = vpns_.find(vpnId);
+    return found != vpns_.end() && found->second.isStopped;
 }
 
 } // namespace kavel::agent

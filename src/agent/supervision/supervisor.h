@@ -56,8 +56,26 @@ class Supervisor {
     [[nodiscard]] bool IsBusy(std::uint32_t vpnId) const;
 
     // The message, which `bytes` is the packed form of, is in force from now on. If it launches, its launch is pending.
+    // With `confirmSeconds` it waits for its confirmation: KeepBefore() was called before. Without them it confirms one
+    // that waits.
     void Applied(const ControllerMessage &message, std::span<const std::uint8_t> bytes,
-                 const std::optional<std::string> &revision);
+                 const std::optional<std::string> &revision,
+                 std::optional<std::uint32_t> confirmSeconds = std::nullopt);
+
+    // Keeps what is in force for the VPN, to be brought back if the message that is applied now is not confirmed. If
+    // one waits for its confirmation, what was in force before that one stays kept. Throws std::system_error.
+    void KeepBefore(std::uint32_t vpnId);
+    // What KeepBefore() has kept; nothing if nothing was in force. Throws std::system_error.
+    [[nodiscard]] std::optional<BeforeUnconfirmed> Before(std::uint32_t vpnId) const;
+    // Nothing if no message of the VPN waits for its confirmation.
+    [[nodiscard]] std::optional<AwaitedConfirmation> Confirmation(std::uint32_t vpnId) const;
+    // The message that waits for its confirmation stays in force. Its row is written now, or removed: until then the
+    // row is that of before, which counts after a restart of the box. Returns what is wrong with the row. Throws
+    // std::system_error when the message still waits.
+    [[nodiscard]] std::optional<std::string> Confirm(std::uint32_t vpnId);
+    // Called for a VPN that is not busy when its message was not confirmed in time. `undo` begins to bring back what
+    // was in force before; false: not now. It is called again later until the VPN has no such message.
+    void OnUnconfirmed(std::function<bool(std::uint32_t vpnId)> undo) { onUnconfirmed_ = std::move(undo); }
 
     // The module has refused a message for the VPN, and what was in force before still is.
     void Refused(std::uint32_t vpnId);
@@ -73,6 +91,12 @@ class Supervisor {
     // Ends the instance of a VPN that is not busy, with its rules and routes, and forgets what is in force. The stored
     // row stays: the next start of the agent brings it back. Returns what is left of it; nothing if all is gone.
     [[nodiscard]] std::optional<std::string> TakeDown(std::uint32_t vpnId);
+
+    // Whether the VPN was meant to run until TakeDown(), and no message was applied since.
+    [[nodiscard]] bool IsStopped(std::uint32_t vpnId) const;
+    // Has the instance of a VPN that is not busy empty its cache and read its hosts again. False when none runs. Throws
+    // std::system_error.
+    [[nodiscard]] bool FlushCache(std::uint32_t vpnId);
 
     // Adds what is known about the VPN to its status.
     void Describe(VpnStatus &status) const;
@@ -137,6 +161,15 @@ class Supervisor {
 
     // ---- the status: description.cpp ----
     void AddWatched(VpnStatus &status, const WatchedVpn &vpn) const;
+    // ---- messages that wait for a confirmation: confirmation.cpp ----
+    void BeginConfirmation(std::uint32_t vpnId, std::optional<std::uint32_t> seconds);
+    void ResumeConfirmation(std::uint32_t vpnId);
+    void ForgetBefore(std::uint32_t vpnId) const;
+    void ScheduleUndo(std::uint32_t vpnId, Clock::time_point when);
+    void ArmUndoTimer();
+    void RunUndos();
+    void StoreConfirmed(std::uint32_t vpnId);
+    void DescribeConfirmation(VpnStatus &status) const;
 
     // ---- queries: health.cpp ----
     void BeginTicks();
@@ -158,6 +191,7 @@ class Supervisor {
     Repairs repairs_{host_, instances_, module_, inForce_};
     std::map<std::uint32_t, WatchedVpn> vpns_; // those that something is in force for, and those to bring back
     std::function<void(std::uint32_t vpnId)> onFree_;
+    std::function<bool(std::uint32_t vpnId)> onUnconfirmed_;
     bool isStopped_ = false;
 
     // The start.
@@ -181,6 +215,8 @@ class Supervisor {
     std::multimap<Clock::time_point, std::uint32_t> agenda_; // when to attend to which VPN
     EventSource agendaTimer_;
     EventSource tick_;
+    std::map<std::uint32_t, Clock::time_point> undos_; // when to look whether a message was confirmed
+    EventSource undoTimer_;
     Clock::time_point nextRowCheck_;
     std::optional<EventSource> pidFiles_;
     std::optional<EventSource> namespaceFiles_;

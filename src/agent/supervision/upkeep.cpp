@@ -240,8 +240,9 @@ void Supervisor::CheckRows()
         const std::set<std::uint32_t> stored(ids.begin(), ids.end());
         for (const auto &[vpnId, vpn] : vpns_) {
             const bool isStored = stored.contains(vpnId);
-            // What an older agent has put into force is not known.
-            if (IsIdle(vpnId) && vpn.wanted->isStored != isStored && !vpn.wanted->files.empty()) {
+            // What an older agent has put into force is not known. An unconfirmed message has the row of before.
+            if (IsIdle(vpnId) && !vpn.wanted->confirmation && vpn.wanted->isStored != isStored &&
+                !vpn.wanted->files.empty()) {
                 RepairRowOrLog(vpnId, isStored);
             }
         }

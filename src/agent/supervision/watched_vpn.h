@@ -41,6 +41,7 @@ struct WatchedVpn {
     };
 
     std::optional<InForce> wanted; // nothing: nothing is in force
+    bool isStopped = false;        // it was meant to run until a client stopped it
     bool isBack = false;           // its state was restored; requests need not wait
     Missing missing;
     std::optional<NamespaceId> netns;
@@ -50,6 +51,7 @@ struct WatchedVpn {
     std::optional<Instance> instance;
 
     Tally ends;
+    std::uint32_t failedLaunches = 0;
     unsigned failures = 0; // in a row: starts that have failed, and instances that did not run for long
     std::optional<Clock::time_point> startAt;
     std::optional<std::int64_t> startTime; // the same as Unix time
