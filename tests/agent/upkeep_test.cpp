@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "supervisor_fixture.h"
+#include "vqFile.h"
 
 namespace kavel::agent {
 namespace {
@@ -44,6 +45,23 @@ TEST_F(UpkeepTest, ARepairTellsWhatItHasRepaired)
     EXPECT_EQ(Described().lastRepair, "hosts was changed; its pid file was gone");
     EXPECT_THAT(RepairNow().notes, IsEmpty()) << "it is right now";
     EXPECT_THAT(log_.Take(), HasSubstr("NOTICE vpn 0: repaired: hosts was changed; its pid file was gone"));
+}
+
+// A message restarts the instance after it has written the files: others can change them before they are noted.
+TEST_F(UpkeepTest, WhatOthersDidToAFileBeforeItWasNotedIsNoPartOfWhatIsInForce)
+{
+    Start();
+    const std::string hosts = box_.Path(kHosts);
+    ASSERT_EQ(VQ_WriteSyncWithFilePath(hosts.c_str(), "written\n", 8), 0);
+    box_.Write(kHosts, "edited\n");
+    (void)Serve();
+    module_.onRecover = [this, hosts] {
+        VQ_SqliteConfListRelease(host_.store.List(VQ_SQL_CONF_CPE_DNSMASQ));
+        return VQ_WriteSyncWithFilePath(hosts.c_str(), "written\n", 8);
+    };
+    EXPECT_THAT(RepairNow().notes, ElementsAre("vpn 0: repaired: hosts was changed"));
+    EXPECT_EQ(ReadText(hosts), "written\n");
+    EXPECT_THAT(RepairNow().notes, IsEmpty());
 }
 
 TEST_F(UpkeepTest, ARepairWaitsForTheInstanceThatItStarts)

@@ -18,6 +18,11 @@ namespace {
 constexpr std::string_view kTemporarySuffix = ".XXXXXX";
 constexpr mode_t kFileMode = 0644;
 
+std::int64_t Nanoseconds(const timespec &time)
+{
+    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
 struct PathParts {
     std::string directory;
     std::string name;
@@ -101,6 +106,16 @@ FileIdentity IdentityOfFile(const std::string &path)
 {
     struct stat info {};
     return ::stat(path.c_str(), &info) == 0 ? FileIdentity{info.st_dev, info.st_ino} : FileIdentity{};
+}
+
+FileMark MarkOfFile(const std::string &path)
+{
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+        return {};
+    }
+    return {info.st_ino, static_cast<std::uint64_t>(info.st_size), Nanoseconds(info.st_mtim),
+            Nanoseconds(info.st_ctim)};
 }
 
 void SyncDirectory(const std::string &path)

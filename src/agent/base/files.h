@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <span>
 #include <string>
@@ -18,6 +19,16 @@ struct FileIdentity {
     bool operator==(const FileIdentity &) const = default;
 };
 [[nodiscard]] FileIdentity IdentityOfFile(const std::string &path);
+
+// Changes whenever the file is written, replaced, or gets other rights.
+struct FileMark {
+    std::uint64_t inode = 0; // 0: no such file
+    std::uint64_t size = 0;
+    std::int64_t modified = 0; // nanoseconds
+    std::int64_t changed = 0;
+    bool operator==(const FileMark &) const = default;
+};
+[[nodiscard]] FileMark MarkOfFile(const std::string &path);
 
 // Writes the directory's entries to the disk.
 void SyncDirectory(const std::string &path);

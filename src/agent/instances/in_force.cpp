@@ -1,6 +1,5 @@
 #include "instances/in_force.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,11 +22,6 @@ constexpr const char *kLastLine = "end";
 constexpr char kMessageTag = 'M';
 constexpr char kRecordTag = 'R';
 constexpr mode_t kPrivate = 0600;
-
-std::int64_t Nanoseconds(const timespec &time)
-{
-    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
 
 std::string TextOf(const InForce &facts)
 {
@@ -71,16 +65,6 @@ bool ReadFact(InForce &facts, const std::string &line)
 }
 
 } // namespace
-
-FileMark MarkOfFile(const std::string &path)
-{
-    struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) {
-        return {};
-    }
-    return {info.st_ino, static_cast<std::uint64_t>(info.st_size), Nanoseconds(info.st_mtim),
-            Nanoseconds(info.st_ctim)};
-}
 
 std::optional<InForce> InForceFiles::Read(std::uint32_t vpnId) const
 {

@@ -8,19 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "base/files.h"
 #include "instances/instances.h"
 
 namespace kavel::agent {
-
-// Changes whenever the file is written, replaced, or gets other rights.
-struct FileMark {
-    std::uint64_t inode = 0; // 0: no such file
-    std::uint64_t size = 0;
-    std::int64_t modified = 0; // nanoseconds
-    std::int64_t changed = 0;
-    bool operator==(const FileMark &) const = default;
-};
-[[nodiscard]] FileMark MarkOfFile(const std::string &path);
 
 // Facts about what is in force, without its content.
 struct InForce {

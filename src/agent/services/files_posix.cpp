@@ -5,6 +5,7 @@
 
 #include "base/failure.h"
 #include "base/files.h"
+#include "services/host.h"
 #include "vqFile.h"
 
 namespace kavel::agent {
@@ -17,6 +18,9 @@ std::int32_t WriteFilePath(const char *path, const char *text, std::size_t lengt
     }
     return ResultOf([&] {
         ReplaceFile(path, std::string_view(text, length));
+        if (Host *host = Host::CurrentOrNull()) {
+            host->writtenFiles[path] = MarkOfFile(path);
+        }
         return 0;
     });
 }

@@ -4,11 +4,13 @@
 #define KAVEL_AGENT_HOST_H
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/config.h"
+#include "base/files.h"
 #include "base/instance_process.h"
 #include "base/netlink.h"
 #include "base/netns.h"
@@ -45,7 +47,8 @@ class Host {
     LaunchOutputs launchOutputs;
     std::optional<std::uint32_t> currentVpn; // see VpnScope
     std::vector<std::string> endedProcesses; // what VQ_KillPid ended beside the instance itself, since the last Clear
-    ErrorTrail moduleErrors;                 // since the last Clear()
+    std::map<std::string, FileMark> writtenFiles; // by path, as this agent has written them for the module
+    ErrorTrail moduleErrors;                      // since the last Clear()
     std::string flexLog;
     bool moduleIsSilent = false; // the module's lines are not written; its errors are kept all the same
     VQ_DATA_CONTENT_TRANS_OP conversions{};

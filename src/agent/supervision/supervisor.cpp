@@ -158,7 +158,11 @@ void Supervisor::RecordFacts(std::uint32_t vpnId, bool isComplete)
     if (isComplete) {
         const std::vector<std::string> files = instances_.Files(vpnId);
         wanted.files.clear();
-        std::ranges::transform(files, std::back_inserter(wanted.files), MarkOfFile);
+        std::ranges::transform(files, std::back_inserter(wanted.files), [this](const std::string &path) {
+            // What others have done to it since it was written is no part of what is in force.
+            const auto written = host_.writtenFiles.find(path);
+            return written != host_.writtenFiles.end() ? written->second : MarkOfFile(path);
+        });
         wanted.routes = RoutesOf(host_, vpnId);
         vpn.haveInterfacesChanged = vpn.isRuleOutdated = false;
     }
