@@ -27,6 +27,16 @@ function(kavel_add_cases NAME LABEL SECONDS)
   set_tests_properties(${NAME} PROPERTIES LABELS ${LABEL} TIMEOUT ${limit})
 endfunction()
 
+# kavel_add_parts(NAME LABEL SECONDS COUNT COMMAND...): the same as COUNT entries NAME.1, NAME.2, ... with a part of the
+# cases each. SECONDS is the limit of one entry.
+function(kavel_add_parts NAME LABEL SECONDS COUNT)
+  foreach(part RANGE 1 ${COUNT})
+    kavel_add_cases(${NAME}.${part} ${LABEL} ${SECONDS} ${ARGN})
+    math(EXPR index "${part} - 1")
+    set_property(TEST ${NAME}.${part} PROPERTY ENVIRONMENT "GTEST_TOTAL_SHARDS=${COUNT}" "GTEST_SHARD_INDEX=${index}")
+  endforeach()
+endfunction()
+
 # kavel_is_quick(TEST... PROGRAMS PROGRAM...): scripts/test --quick builds these programs and runs these tests.
 function(kavel_is_quick)
   cmake_parse_arguments(ARG "" "" "PROGRAMS" ${ARGN})

@@ -17,10 +17,10 @@ namespace {
 
 class ChildReaperTest : public testing::Test {
   protected:
-    // A child that ends at once.
+    // A child that ends at once. With the sanitizers a copy of this process takes a tenth of a second.
     static pid_t Start(int status = 7)
     {
-        const pid_t child = ::fork();
+        const pid_t child = ::vfork();
         if (child == 0) {
             ::_exit(status);
         }

@@ -217,6 +217,21 @@ TEST_F(OftenTest, ARepairThatFailsAgainIsToldOnce)
     EXPECT_EQ(log.find(line, first + 1), std::string::npos) << "the same problem is told once";
 }
 
+// The repair itself has written the pid file: what looks at that comes before the next repair is due.
+TEST_F(UpkeepTest, ALookBeforeTheNextRepairIsDueDoesNotReplaceIt)
+{
+    Start();
+    (void)Serve();
+    std::filesystem::remove_all(box_.Path("/etc/kavel"));
+    box_.Write("/etc/kavel", "a file in the place of the directory");
+    instances_.RemovePidFile(0);
+    ASSERT_TRUE(RunUntil(loop_, [this] { return !Described().problems.empty(); }));
+    RunFor(300ms);
+    std::filesystem::remove(box_.Path("/etc/kavel"));
+    EXPECT_TRUE(RunUntil(
+        loop_, [this] { return Described().fields.repairs == 1; }, 5s));
+}
+
 // ---- Stored rows ----
 
 class RowsTest : public SupervisorTest {

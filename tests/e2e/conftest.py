@@ -30,3 +30,12 @@ def unattended(box):
 def running(box):
     """A configured box whose agent is ready."""
     return box.start()
+
+
+@pytest.fixture
+def told(capsys):
+    """Prints one line about a fault: a row of the table in docs/reliability.md."""
+    def tell(fault, *figures):
+        with capsys.disabled():
+            print("\n| " + " | ".join([fault, *figures]) + " |", end="")
+    return tell

@@ -13,7 +13,8 @@ import struct
 import threading
 import time
 
-from box import DNSMASQ, STORE, end, expect, instance_pid, instances, message, pid_file, run, vpn_config, wait_until
+from box import (DNSMASQ, STORE, end, expect, instance_pid, instances, message, pid_file, run, tables, vpn_config,
+                 wait_until)
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 LIBC = ctypes.CDLL(None, use_errno=True)
@@ -152,6 +153,42 @@ def wait_until_right(before, vpn=7, seconds=15.0):
             return time.monotonic() - began
         assert time.monotonic() < deadline, f"timeout after {seconds} s: {difference}"
         time.sleep(0.02)
+
+
+def ip(*words, vpn=7):
+    run("ip", "-n", f"vpn_{vpn}", *words)
+
+
+def nft(*words, vpn=7):
+    run("ip", "netns", "exec", f"vpn_{vpn}", "nft", *words)
+
+
+def flush_chain():
+    (table,) = tables()
+    nft("flush", "table", "inet", table)
+
+
+def delete_table():
+    (table,) = tables()
+    nft("delete", "table", "inet", table)
+
+
+def directory(vpn=7):
+    return DNSMASQ / f"vpn_{vpn}"
+
+
+def edit_hosts():
+    (directory() / "hosts").write_text("192.168.7.66 nas.vpn7.example\n")
+
+
+def forget_row():
+    with contextlib.closing(sqlite3.connect(STORE)) as store, store:
+        store.execute("DELETE FROM cpe_dnsmasq WHERE vpn_id = 7")
+
+
+def remove_store():
+    for path in STORE.parent.glob("agent.db*"):
+        path.unlink()
 
 
 def kept(vpn=7, **changes):

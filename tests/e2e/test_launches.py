@@ -1,7 +1,6 @@
 """Requests for a VPN whose instance is starting, and requests for the other VPNs meanwhile."""
 
 import contextlib
-import json
 import pathlib
 import select
 import signal

@@ -8,7 +8,7 @@ import subprocess
 
 import pytest
 
-from box import BUILD, ROOT, STATE, expect, message, run, tables, vpn_config
+from box import BUILD, STATE, expect, message, run, tables, vpn_config
 from waiting import wait_until
 
 

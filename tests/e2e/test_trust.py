@@ -4,9 +4,7 @@ import contextlib
 import json
 import os
 import pathlib
-import socket
 import subprocess
-import time
 
 import pytest
 

@@ -156,7 +156,9 @@ void Supervisor::LookAndRepair(std::uint32_t vpnId, bool isThorough)
     if (!differences.empty()) {
         if (isThorough || (host_.config.watch.repair && vpn.lookedAt >= vpn.repairAt)) {
             RepairDifferences(vpnId, differences);
-        } else if (!host_.config.watch.repair) {
+        } else if (host_.config.watch.repair) {
+            ScheduleLook(vpnId, vpn.repairAt); // a look in between has replaced it
+        } else {
             vpn.problem = "not repaired: " + TextOf(differences);
         }
         return;
