@@ -15,7 +15,7 @@
 #include "tracer.h"
 #include "vqFile.h"
 
-enum { kLargeSize = 300000, kSizeLimit = 4096, kRounds = 50 };
+enum { kLargeSize = 300000, kSizeLimit = 4096, kRounds = 20 };
 
 typedef int32_t (*WriteFunction)(const char *path, const char *text, size_t length);
 

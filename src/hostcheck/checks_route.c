@@ -9,7 +9,7 @@
 #include "vqNetio.h"
 #include "vqRoute.h"
 
-enum { kTable = 199, kOtherTable = 200, kManyRoutes = 300, kHostBits = 32 };
+enum { kTable = 199, kOtherTable = 200, kManyRoutes = 100, kHostBits = 32 };
 
 /* Of the addresses for tests of networks. Reversed it is another address. */
 static const uint32_t kTarget = 0xC6120102U; /* 198.18.1.2 */
