@@ -114,7 +114,7 @@ static void CheckDnsRule(Check *check, uint32_t vpnId)
     const VQ_ERR_T added = AddDns(vpnId);
     if (added < 0) {
         Broken(check, "the DNS rule of VPN %u is refused with %d", vpnId, added);
-    } else if (g_settings.probe != NULL && strcmp(before, RulesText()) == 0) {
+    } else if (AreRulesProbed() && strcmp(before, RulesText()) == 0) {
         Broken(check, "result %d, and the rules of --probe are as before", added);
     }
     const VQ_ERR_T deleted = DeleteDns(vpnId);
@@ -164,7 +164,7 @@ void CheckRuleDnat(Check *check)
         Broken(check, "the DNAT rule is refused with %d", added);
     } else if (strstr(text, kReversedText) != NULL) {
         Broken(check, "the rule leads to %s instead of %s", kReversedText, kTargetText);
-    } else if (g_settings.probe != NULL && strcmp(g_settings.probe, "none") != 0 && strstr(text, kTargetText) == NULL) {
+    } else if (AreRulesProbed() && strstr(text, kTargetText) == NULL) {
         Broken(check, "no rule of --probe leads to %s", kTargetText);
     }
     const VQ_ERR_T replaced = AddDnat(kTarget + 1);

@@ -25,6 +25,11 @@ bool AreRoutesOfKernel(void)
     return g_settings.probe == NULL;
 }
 
+bool AreRulesProbed(void)
+{
+    return g_settings.probe != NULL && !IsSwitchedOff();
+}
+
 /* Calls `work` in the namespace of the VPN, through the host's own switch. -1 if that fails. */
 static int InNamespace(uint32_t vpnId, int (*work)(void *argument), void *argument)
 {

@@ -11,6 +11,9 @@ int CountRoutes(uint32_t vpnId, uint32_t table, uint32_t target);
 /* Whether CountRoutes asks the kernel: then a missing route may be in another data plane. */
 bool AreRoutesOfKernel(void);
 
+/* Whether a command of --probe shows the rules. */
+bool AreRulesProbed(void);
+
 /* The text of all rules in force in the box and in the namespace of the VPN, as far as it can be seen; empty if nothing
  * can. With --probe: its lines that begin with "rule". Else what `nft` lists without counters. */
 const char *RulesText(void);

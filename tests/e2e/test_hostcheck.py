@@ -82,6 +82,44 @@ def test_only_selects_promises_by_the_begin_of_their_ids(box):
     assert set(judged(done)) == {promise for promise in promises() if promise.startswith("string.")}
 
 
+# As an agent with another data plane than the kernel's would write it.
+PROBE = """
+for table in 199 200; do
+    ip -n vpn_7 route show table $table 2>/dev/null | while read -r target rest; do echo "route 7 $table $target/32 $rest"; done
+done
+for vpn in 0 7; do
+    [ $vpn = 0 ] && enter= || enter="ip netns exec vpn_$vpn"
+    $enter nft list tables | sed -n 's/.* kavel_\\(dns\\|dnat\\)_0_\\([0-9]*\\)$/rule \\1 0 \\2 0/p'
+done
+"""
+
+
+def test_probe_shows_routes_and_rules(box):
+    box.configure(vpn_config(7), vpn_config(8))
+
+    done = check_host("--vpn", 7, "--only", "r", "--probe", PROBE)
+
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert {promise for promise, result in judged(done).items() if result != "ok"} == {"rule.dnat"}
+
+
+def test_probe_that_shows_nothing_is_believed(box):
+    done = check_host("--vpn", 7, "--only", "r", "--probe", "true")
+
+    assert done.returncode == 1, done.stdout + done.stderr
+    broken = {promise for promise, result in judged(done).items() if result == "not ok"}
+    assert broken == {"route.add", "rule.dns", "rule.box"}
+
+
+def test_data_plane_that_cannot_be_seen_is_not_judged(box):
+    done = check_host("--vpn", 7, "--only", "r", "--probe", "none")
+
+    assert done.returncode == 0, done.stdout + done.stderr
+    results = judged(done)
+    assert results["route.add"] == results["route.add-namespace"] == "routes cannot be seen"
+    assert results["route.add-exists"] == results["rule.dns"] == results["rule.dns-replaces"] == "ok"
+
+
 def test_wrong_platform_is_named(box):
     done = check_host("--vpn", 7, "--platform", "pop", "--only", "call.platform")
 
