@@ -166,7 +166,7 @@ void CheckProcessCmdStreams(Check *check)
     }
 }
 
-/* A set of signals from /proc/PID/status. */
+/* A set of signals from /proc/PID/status, without those that C libraries keep for themselves. */
 static unsigned long long SignalSet(pid_t pid, const char *name)
 {
     char path[64];
@@ -177,7 +177,7 @@ static unsigned long long SignalSet(pid_t pid, const char *name)
     if (line != NULL) {
         sscanf(line + strlen(name), "%llx", &set);
     }
-    return set;
+    return set & 0x7FFFFFFFULL;
 }
 
 static void NameSignals(unsigned long long set, char *text, size_t size)

@@ -101,9 +101,9 @@ void CheckJsonRelease(Check *check)
         if (json_object_put(root) != 1) {
             Broken(check, "json_object_put does not say that an object is released");
         }
-        before = round == kTrees / 2 ? ResidentKiB() : before;
+        before = round == kTrees / 2 ? WrittenKiB() : before;
     }
-    if (ResidentKiB() - before > kGrowthKiB) {
-        Broken(check, "%ld KiB more after %d objects", ResidentKiB() - before, kTrees / 2);
+    if (WrittenKiB() - before > kGrowthKiB) {
+        Broken(check, "%ld KiB more after %d objects", WrittenKiB() - before, kTrees / 2);
     }
 }

@@ -93,10 +93,10 @@ static pid_t StartInstance(Check *check)
 static void CheckGone(Check *check, pid_t instance)
 {
     const VQ_ERR_T result = VQ_KillPid(instance);
-    const bool exists = Exists(instance);
-    if (result < 0 || exists) {
-        Broken(check, "result %d, and the process %s", result,
-               exists ? "still exists when the call returns" : "is gone");
+    /* A zombie has released all that it had. */
+    const bool runs = IsRunning(instance);
+    if (result < 0 || runs) {
+        Broken(check, "result %d, and the process %s", result, runs ? "still exists when the call returns" : "is gone");
     }
 }
 
@@ -108,24 +108,33 @@ void CheckProcessKillWaits(Check *check)
     }
 }
 
-/* A process that is stopped does not handle SIGTERM. */
+/* Starts an instance that is stopped, and so does not handle SIGTERM. Tells its id when it is. Never returns. */
+static void NurseStopped(int told)
+{
+    int started[2];
+    int status = 0;
+    char letter = '\0';
+    const bool hasPipe = pipe2(started, O_CLOEXEC) == 0;
+    const pid_t instance = hasPipe ? fork() : -1;
+    if (instance == 0) {
+        BecomeInstance();
+    }
+    close(started[1]);
+    /* Closed by its exec. */
+    const bool isStarted = instance > 0 && read(started[0], &letter, 1) == 0;
+    if (isStarted && kill(instance, SIGSTOP) == 0 && waitpid(instance, &status, WUNTRACED) == instance &&
+        WIFSTOPPED(status) && write(told, &instance, sizeof(instance)) == (ssize_t)sizeof(instance)) {
+        waitpid(instance, &status, 0);
+    }
+    _exit(0);
+}
+
 void CheckProcessKillStubborn(Check *check)
 {
     int ends[2];
     pid_t instance = 0;
     if (pipe2(ends, O_CLOEXEC) == 0 && fork() == 0) {
-        instance = fork();
-        if (instance == 0) {
-            BecomeInstance();
-        }
-        /* Until it is stopped, and then until it has ended. */
-        int status = 0;
-        kill(instance, SIGSTOP);
-        waitpid(instance, &status, WUNTRACED);
-        if (write(ends[1], &instance, sizeof(instance)) == (ssize_t)sizeof(instance)) {
-            waitpid(instance, &status, 0);
-        }
-        _exit(0);
+        NurseStopped(ends[1]);
     }
     close(ends[1]);
     if (read(ends[0], &instance, sizeof(instance)) != (ssize_t)sizeof(instance)) {

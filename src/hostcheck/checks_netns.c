@@ -94,9 +94,9 @@ static const char *LinkBehindPrefix(Check *check, const char *link)
     const char *prefix = LabDirectory(check) != NULL ? Prefix(check) : NULL;
     text[0] = '\0';
     if (prefix != NULL) {
-        const int32_t result = Execute("%sreadlink /proc/self/%s > %s", prefix, link, LabFile("link"));
+        const int32_t result = Execute("%s/bin/sh -c 'readlink /proc/self/%s > %s'", prefix, link, LabFile("link"));
         if (GetFile(LabFile("link"), text, sizeof(text)) <= 0) {
-            Broken(check, "the command \"%sreadlink ...\" writes nothing; its result is %d", prefix, result);
+            Broken(check, "a command behind the prefix \"%s\" writes nothing; its result is %d", prefix, result);
         }
         text[strcspn(text, "\n")] = '\0';
     }
@@ -151,7 +151,8 @@ void CheckNetnsPrefixPid(Check *check)
     CompareLink(check, "ns/pid");
     CompareLink(check, "root");
     const char *prefix = Prefix(check);
-    if (prefix != NULL && PutFile(LabFile("here"), "x", 1) && Execute("%stest -e %s", prefix, LabFile("here")) < 0) {
+    if (prefix != NULL && PutFile(LabFile("here"), "x", 1) &&
+        Execute("%s/bin/sh -c 'test -e %s'", prefix, LabFile("here")) < 0) {
         Broken(check, "a command behind the prefix does not find the file %s of the host", LabFile("here"));
     }
 }
@@ -355,9 +356,9 @@ void CheckNetioRelease(Check *check)
             return;
         }
         VQ_RtcNetioNodeListRelease(list);
-        before = round == kLists / 2 ? ResidentKiB() : before;
+        before = round == kLists / 2 ? WrittenKiB() : before;
     }
-    if (ResidentKiB() - before >= kGrowthKiB) {
-        Broken(check, "%ld KiB more after %d lists", ResidentKiB() - before, kLists / 2);
+    if (WrittenKiB() - before >= kGrowthKiB) {
+        Broken(check, "%ld KiB more after %d lists", WrittenKiB() - before, kLists / 2);
     }
 }

@@ -351,9 +351,9 @@ void CheckStoreConversionFree(Check *check)
         char *text = VQ_AgentMemAlloc(kGrowthKiB);
         memset(text, 'x', kGrowthKiB);
         table->DataTransJsonStrFree(text);
-        before = round == kFrees / 2 ? ResidentKiB() : before;
+        before = round == kFrees / 2 ? WrittenKiB() : before;
     }
-    if (ResidentKiB() - before > kGrowthKiB / 4) {
-        Broken(check, "%ld KiB more after %d releases of 20 KB", ResidentKiB() - before, kFrees / 2);
+    if (WrittenKiB() - before > kGrowthKiB / 4) {
+        Broken(check, "%ld KiB more after %d releases of 20 KB", WrittenKiB() - before, kFrees / 2);
     }
 }

@@ -115,23 +115,21 @@ pid_t AwaitPidIn(const char *path)
     return 0;
 }
 
-static long PagesInKiB(bool isResident)
-{
-    char text[128];
-    long total = 0;
-    long resident = 0;
-    if (GetFile("/proc/self/statm", text, sizeof(text)) > 0 && sscanf(text, "%ld %ld", &total, &resident) == 2) {
-        return (isResident ? resident : total) * (sysconf(_SC_PAGESIZE) / 1024);
-    }
-    return 0;
-}
-
-long ResidentKiB(void)
-{
-    return PagesInKiB(true);
-}
-
 long MappedKiB(void)
 {
-    return PagesInKiB(false);
+    char text[128];
+    long pages = 0;
+    return GetFile("/proc/self/statm", text, sizeof(text)) > 0 && sscanf(text, "%ld", &pages) == 1
+               ? pages * (sysconf(_SC_PAGESIZE) / 1024)
+               : 0;
+}
+
+/* The size of the resident memory is not exact. */
+long WrittenKiB(void)
+{
+    char text[2048];
+    long size = 0;
+    const char *line =
+        GetFile("/proc/self/smaps_rollup", text, sizeof(text)) > 0 ? strstr(text, "Private_Dirty:") : NULL;
+    return line != NULL && sscanf(line, "Private_Dirty: %ld", &size) == 1 ? size : 0;
 }

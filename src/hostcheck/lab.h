@@ -29,8 +29,8 @@ int32_t Execute(const char *format, ...) VQ_PRINTF_LIKE(1, 2);
 /* Waits until `path` has a number that a newline follows, for 5 s at most; 0 if it does not come. */
 pid_t AwaitPidIn(const char *path);
 
-/* Memory of this process in KiB: what is resident, and all that is mapped. */
-long ResidentKiB(void);
+/* Memory of this process in KiB: what it has written to, and all that is mapped. */
+long WrittenKiB(void);
 long MappedKiB(void);
 
 #endif
