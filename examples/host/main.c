@@ -102,23 +102,12 @@ static VQ_ERR_T ApplyBytes(const uint8_t *bytes, size_t size)
     return result;
 }
 
-/* The socket that the running program listens on. */
-static int OpenSocket(struct sockaddr_un *address)
-{
-    *address = (struct sockaddr_un){.sun_family = AF_UNIX};
-    VQ_SafeStrCopy(address->sun_path, sizeof(address->sun_path), s_socket);
-    return socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-}
-
 /* One message at a time, on the main thread, in the namespace of the box. */
-static void Serve(void)
+static void Serve(int host)
 {
     static uint8_t bytes[8 * 1024 * 1024];
     char text[kTextSize];
     struct sockaddr_un peer;
-    const int host = OpenSocket(&peer);
-    unlink(s_socket);
-    Check(bind(host, (struct sockaddr *)&peer, sizeof(peer)) == 0, s_socket, strerror(errno));
     for (;;) {
         socklen_t size = sizeof(peer);
         const ssize_t length = recvfrom(host, text, sizeof(text) - 1, 0, (struct sockaddr *)&peer, &size);
@@ -135,14 +124,14 @@ static void Serve(void)
 }
 
 /* The answer is a result and, if that is negative, the first error that the module logged. */
-static int Apply(void)
+static int Apply(int host, struct sockaddr_un *address)
 {
+    const struct timeval patience = {.tv_sec = 60};
     char *path = realpath(s_apply, NULL);
     char answer[kTextSize] = "";
-    struct sockaddr_un address;
-    const int host = OpenSocket(&address);
-    const bool isAnswered = path != NULL && bind(host, (struct sockaddr *)&address, sizeof(address.sun_family)) == 0 &&
-                            connect(host, (struct sockaddr *)&address, sizeof(address)) == 0 &&
+    setsockopt(host, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    const bool isAnswered = path != NULL && bind(host, (struct sockaddr *)address, sizeof(address->sun_family)) == 0 &&
+                            connect(host, (struct sockaddr *)address, sizeof(*address)) == 0 &&
                             send(host, path, strlen(path), 0) > 0 && recv(host, answer, sizeof(answer) - 1, 0) > 0;
     Check(isAnswered, s_apply, strerror(errno));
     puts(answer);
@@ -161,13 +150,18 @@ int main(int count, char **arguments)
         }
         Check(isKnown, arguments[at], "unknown option or bad value");
     }
+    struct sockaddr_un address = {.sun_family = AF_UNIX};
+    VQ_SafeStrCopy(address.sun_path, sizeof(address.sun_path), s_socket);
+    const int host = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (s_apply != NULL) {
-        return Apply();
+        return Apply(host, &address);
     }
     s_isPop = strcmp(s_platform, "pop") == 0;
-    VQ_SNPrintf(g_vpns[0].netns, kNameSize, "/proc/%d/fd/%d", getpid(),
-                open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
+    const int boxNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    VQ_SNPrintf(g_vpns[0].netns, kNameSize, "/proc/%d/fd/%d", getpid(), boxNamespace);
     CreateBoxFiles();
+    unlink(s_socket); /* a message that comes before Serve waits in the new one */
+    Check(bind(host, (struct sockaddr *)&address, sizeof(address)) == 0, s_socket, strerror(errno));
     Start();
-    Serve();
+    Serve(host);
 }

@@ -133,7 +133,7 @@ int VQ_IPNum2IPStr(const uint32_t ip, const uint32_t flag, char *buffer, uint32_
 
 REAL(VQ_LogGetImplItem);
 REAL(VQ_ThreadGetName);
-REAL(VQ_FlexLogGetFormatBuff);
+REAL(VQ_FlexLogSetFormatData);
 REAL(VQ_FlexLogDataReset);
 
 static const char *NoLevelText(uint32_t level)
@@ -161,17 +161,17 @@ VQ_ERR_T VQ_ThreadGetName(char *buffer, size_t size)
     return Real_VQ_ThreadGetName(buffer, size);
 }
 
-char *VQ_FlexLogGetFormatBuff(void)
+VQ_ERR_T VQ_FlexLogSetFormatData(const char *format, ...)
 {
-    static char first[64];
-    char *text = Real_VQ_FlexLogGetFormatBuff();
-    if (!HasFault("flex-log-not-replaced")) {
-        return text;
-    }
-    if (first[0] == '\0') {
-        snprintf(first, sizeof(first), "%s", text);
-    }
-    return first;
+    char *text = NULL;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vasprintf(&text, format, arguments);
+    va_end(arguments);
+    const bool keepsOldText = HasFault("flex-log-not-replaced") && VQ_FlexLogGetFormatBuff()[0] != '\0';
+    const VQ_ERR_T result = keepsOldText ? length : Real_VQ_FlexLogSetFormatData("%s", text);
+    free(text);
+    return result;
 }
 
 void VQ_FlexLogDataReset(void)

@@ -180,10 +180,19 @@ VQ_ERR_T VQ_KillPid(const pid_t pid)
     return HasFault("kill-zero-is-success") && pid <= 0 ? 0 : result;
 }
 
-/* ---- The wait for an instance ---- */
+/* ---- Pid files ---- */
 
+void RepairPidFile(uint32_t vpnId);
 bool AwaitPidFile(uint32_t vpnId);
+REAL(RepairPidFile);
 REAL(AwaitPidFile);
+
+void RepairPidFile(uint32_t vpnId)
+{
+    if (!HasFault("lost-pid-file-ignored") && !HasFault("pid-file-not-awaited")) {
+        Real_RepairPidFile(vpnId);
+    }
+}
 
 bool AwaitPidFile(uint32_t vpnId)
 {
