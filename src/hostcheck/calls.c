@@ -1,5 +1,6 @@
 #include "calls.h"
 
+#include <stdarg.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -17,19 +18,56 @@ enum { kInitsMax = 4096 };
 static atomic_int s_running; /* calls that have not returned */
 
 /* The verdicts as the calls come. */
-static Check s_platformFirst;
-static Check s_platform;
-static Check s_initFirst;
-static Check s_recoverLate;
-static Check s_boxNamespace;
-static Check s_mainThread;
-static Check s_oneAtATime;
+typedef struct {
+    PromiseId promise;
+    Check check;
+    bool isWritten; /* as it is now */
+} CallVerdict;
 
+static CallVerdict s_platformFirst = {.promise = kCallPlatformFirst};
+static CallVerdict s_platform = {.promise = kCallPlatform};
+static CallVerdict s_initFirst = {.promise = kCallInitFirst};
+static CallVerdict s_recoverLate = {.promise = kCallRecoverLate};
+static CallVerdict s_boxNamespace = {.promise = kCallBoxNamespace};
+static CallVerdict s_mainThread = {.promise = kThreadMain};
+static CallVerdict s_oneAtATime = {.promise = kThreadOne};
+static CallVerdict *const kVerdicts[] = {&s_platformFirst, &s_platform,   &s_initFirst, &s_recoverLate,
+                                         &s_boxNamespace,  &s_mainThread, &s_oneAtATime};
+enum { kVerdictCount = sizeof(kVerdicts) / sizeof(kVerdicts[0]) };
+
+static bool s_isJudged; /* JudgeCalls was called */
 static bool s_hasPlatform;
 static bool s_hasMessage;
 static bool s_hasRecovery;
 static uint32_t s_inits[kInitsMax];
 static int s_initCount;
+
+/* Records a promise that a call breaks; the first time counts. */
+static void Breaks(CallVerdict *verdict, const char *format, ...) VQ_PRINTF_LIKE(2, 3);
+static void Breaks(CallVerdict *verdict, const char *format, ...)
+{
+    char seen[kSeenSize];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(seen, sizeof(seen), format, arguments);
+    va_end(arguments);
+    if (verdict->check.verdict == kVerdictKept) {
+        Broken(&verdict->check, "%s", seen);
+        verdict->isWritten = false;
+    }
+}
+
+/* Writes what has changed since the last time. */
+static void WriteVerdicts(void)
+{
+    for (int i = 0; i < kVerdictCount; ++i) {
+        CallVerdict *verdict = kVerdicts[i];
+        if (!verdict->isWritten && (verdict != &s_recoverLate || s_hasRecovery)) {
+            verdict->isWritten = true;
+            WriteResult(verdict->promise, &verdict->check);
+        }
+    }
+}
 
 static bool IsInitialised(uint32_t vpnId)
 {
@@ -48,11 +86,11 @@ static void JudgePlace(void)
     const long thread = syscall(SYS_gettid);
     first = first != 0 ? first : g_settings.boxNetns != 0 ? g_settings.boxNetns : netns;
     if (netns != first) {
-        Broken(&s_boxNamespace, "a call in network namespace %llu instead of %llu", (unsigned long long)netns,
+        Breaks(&s_boxNamespace, "a call in network namespace %llu instead of %llu", (unsigned long long)netns,
                (unsigned long long)first);
     }
     if (thread != (long)getpid()) {
-        Broken(&s_mainThread, "a call on thread %ld of process %ld", thread, (long)getpid());
+        Breaks(&s_mainThread, "a call on thread %ld of process %ld", thread, (long)getpid());
     }
 }
 
@@ -63,7 +101,7 @@ static void JudgePlatform(CallRole role)
     }
     const bool isRight = role == (g_settings.isPop ? kRolePop : kRoleCpe);
     if (!isRight && role != kRoleOtherPlatform) {
-        Broken(&s_platform, "the entry of a %s is called on a %s", role == kRolePop ? "POP" : "CPE",
+        Breaks(&s_platform, "the entry of a %s is called on a %s", role == kRolePop ? "POP" : "CPE",
                g_settings.isPop ? "POP" : "CPE");
     }
     s_hasPlatform |= role != kRoleOtherPlatform;
@@ -76,12 +114,12 @@ static void JudgeOrder(CallRole role, uint32_t vpnId)
     } else if (role == kRoleMessage) {
         s_hasMessage = true;
         if (!IsInitialised(vpnId)) {
-            Broken(&s_initFirst, "a message for VPN %u, which is not initialised", vpnId);
+            Breaks(&s_initFirst, "a message for VPN %u, which is not initialised", vpnId);
         }
     } else if (role == kRoleRecover) {
         s_hasRecovery = true;
         if (!s_hasPlatform || !IsInitialised(g_settings.vpnId)) {
-            Broken(&s_recoverLate, "the recovery comes before %s",
+            Breaks(&s_recoverLate, "the recovery comes before %s",
                    s_hasPlatform ? "a VPN is initialised" : "the platform is set");
         }
     }
@@ -90,16 +128,19 @@ static void JudgeOrder(CallRole role, uint32_t vpnId)
 void BeginCall(CallRole role, uint32_t vpnId)
 {
     if (atomic_fetch_add(&s_running, 1) > 0) {
-        Broken(&s_oneAtATime, "a call begins while another one has not returned");
+        Breaks(&s_oneAtATime, "a call begins while another one has not returned");
     }
     JudgePlace();
     if (role <= kRoleOtherPlatform) {
         JudgePlatform(role);
     } else if (!s_hasPlatform) {
-        Broken(&s_platformFirst, "a call %s before the platform is set",
+        Breaks(&s_platformFirst, "a call %s before the platform is set",
                role == kRoleInit ? "that initialises a VPN" : "of another kind");
     }
     JudgeOrder(role, vpnId);
+    if (s_isJudged) {
+        WriteVerdicts();
+    }
 }
 
 void EndCall(void)
@@ -110,21 +151,13 @@ void EndCall(void)
 void JudgeCalls(void)
 {
     if (!s_hasPlatform) {
-        Broken(&s_platform, "no entry of a CPE or a POP is called");
-    }
-    if (!s_hasRecovery) {
-        Skipped(&s_recoverLate, "the host has not recovered stored records so far");
+        Breaks(&s_platform, "no entry of a CPE or a POP is called");
     }
     if (!s_hasMessage && !IsInitialised(g_settings.vpnId)) {
-        Broken(&s_initFirst, "VPN %u is not initialised", g_settings.vpnId);
+        Breaks(&s_initFirst, "VPN %u is not initialised", g_settings.vpnId);
     }
-    WriteResult(kCallPlatformFirst, &s_platformFirst);
-    WriteResult(kCallPlatform, &s_platform);
-    WriteResult(kCallInitFirst, &s_initFirst);
-    WriteResult(kCallRecoverLate, &s_recoverLate);
-    WriteResult(kCallBoxNamespace, &s_boxNamespace);
-    WriteResult(kThreadMain, &s_mainThread);
-    WriteResult(kThreadOne, &s_oneAtATime);
+    s_isJudged = true;
+    WriteVerdicts();
 }
 
 uint32_t VpnOfMessage(const VQ_CTRL_DNSMASQ_CONFIG_PB *message, bool isPop)

@@ -11,7 +11,8 @@ typedef enum { kRoleCpe, kRolePop, kRoleOtherPlatform, kRoleInit, kRoleRecover, 
 void BeginCall(CallRole role, uint32_t vpnId);
 void EndCall(void);
 
-/* Writes the results of what the calls so far have shown. */
+/* Writes the results of what the calls so far have shown. What a later call breaks is written with that call; the
+ * result for the recovery is written when it comes. */
 void JudgeCalls(void);
 
 /* Whether the message is the one of the kit, and the verdict about its fields. */

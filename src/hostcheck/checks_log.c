@@ -131,15 +131,19 @@ void CheckLogThreadNameFits(Check *check)
     }
 }
 
+static void CheckFlexText(Check *check, VQ_ERR_T result, const char *expected)
+{
+    const char *text = VQ_FlexLogGetFormatBuff();
+    if (result < 0 || text == NULL || strcmp(text, expected) != 0) {
+        Broken(check, "result %d and \"%.200s\" instead of \"%s\"", result, text == NULL ? "null" : text, expected);
+    }
+}
+
 void CheckLogFlex(Check *check)
 {
-    VQ_FlexLogSetFormatData("a long first message %d\n", 1);
-    const VQ_ERR_T result = VQ_FlexLogSetFormatData("bad domain %s (%d:%u)\n", "x.example", -22, 7U);
-    const char *text = VQ_FlexLogGetFormatBuff();
-    if (result < 0 || text == NULL || strcmp(text, "bad domain x.example (-22:7)\n") != 0) {
-        Broken(check, "result %d and \"%.200s\" instead of \"bad domain x.example (-22:7)\"", result,
-               text == NULL ? "null" : text);
-    }
+    CheckFlexText(check, VQ_FlexLogSetFormatData("a long first message %d\n", 1), "a long first message 1\n");
+    CheckFlexText(check, VQ_FlexLogSetFormatData("bad domain %s (%d:%u)\n", "x.example", -22, 7U),
+                  "bad domain x.example (-22:7)\n");
 }
 
 void CheckLogFlexLong(Check *check)

@@ -312,19 +312,22 @@ void CheckNetioLanNames(Check *check)
     }
 }
 
+static void CheckUnknown(Check *check, GetList get, const char *kind)
+{
+    uint32_t count = 0;
+    VQ_LIST_HEAD *list = get(&count, kUnknownVpn);
+    if (list != NULL && count != 0) {
+        Broken(check, "%u %s interfaces for VPN %u", count, kind, kUnknownVpn);
+    }
+    if (list != NULL) {
+        VQ_RtcNetioNodeListRelease(list);
+    }
+}
+
 void CheckNetioUnknown(Check *check)
 {
-    const GetList getters[] = {VQ_RtcNetioLanGetAllByVpnId, VQ_RtcNetioWanGetAllByVpnId};
-    for (int i = 0; i < 2; ++i) {
-        uint32_t count = 0;
-        VQ_LIST_HEAD *list = getters[i](&count, kUnknownVpn);
-        if (list != NULL && count != 0) {
-            Broken(check, "%u %s interfaces for VPN %u", count, i == 0 ? "LAN" : "WAN", kUnknownVpn);
-        }
-        if (list != NULL) {
-            VQ_RtcNetioNodeListRelease(list);
-        }
-    }
+    CheckUnknown(check, VQ_RtcNetioLanGetAllByVpnId, "LAN");
+    CheckUnknown(check, VQ_RtcNetioWanGetAllByVpnId, "WAN");
 }
 
 void CheckNetioIndependent(Check *check)

@@ -137,14 +137,12 @@ void CheckPlatformBoxReadable(Check *check)
     }
 }
 
-/* A stack that is too small ends the process. */
+/* A stack that is too small ends the process: the runner says so. */
 void CheckPlatformStack(Check *check)
 {
     volatile char bytes[kNeededStack];
     for (size_t i = sizeof(bytes); i >= kPageStep; i -= kPageStep) {
         bytes[i - 1] = 1;
     }
-    if (bytes[kPageStep - 1] != 1) {
-        Broken(check, "the stack does not keep what is written to it");
-    }
+    (void)check;
 }

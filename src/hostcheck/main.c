@@ -13,7 +13,14 @@
 #include "report.h"
 #include "system.h"
 
-enum { kExitBroken = 1, kExitNeverCalled = 2, kRelayMs = 100, kFirstMessageMs = 3000, kMessageMs = 10000 };
+enum {
+    kExitBroken = 1,
+    kExitNeverCalled = 2,
+    kRelayMs = 100,
+    kFirstMessageMs = 3000,
+    kMessageMs = 10000,
+    kRecoveryMs = 1000
+};
 
 static void SetEnvironment(const Options *options, const char *report)
 {
@@ -69,8 +76,10 @@ static void CheckMessage(const Options *options, const char *directory, Host *ho
         AddResult(report, kCallMessage, &check);
         return;
     }
-    const bool isApplied = ApplyMessage(options, directory, &plan);
+    /* It may not be ready for the first. */
+    bool isApplied = false;
     for (const int64_t end = NowInMs() + kMessageMs; !report->hasMessage && NowInMs() < end && IsHostRunning(host);) {
+        isApplied = isApplied || ApplyMessage(options, directory, &plan);
         RelayLines(report, kRelayMs);
     }
     if (!report->hasMessage) {
@@ -80,9 +89,18 @@ static void CheckMessage(const Options *options, const char *directory, Host *ho
     }
 }
 
-static bool IsMessageSelected(const Report *report)
+/* Judged by the library, if the host recovers stored records: right after it has initialised its VPNs. */
+static void CheckRecovery(Report *report)
 {
-    return IsPromiseSelected(kCallMessage, report->only);
+    Check check;
+    memset(&check, 0, sizeof(check));
+    for (const int64_t end = NowInMs() + kRecoveryMs; !report->hasRecovery && NowInMs() < end;) {
+        RelayLines(report, kRelayMs);
+    }
+    if (!report->hasRecovery) {
+        Skipped(&check, "the host has recovered no stored records");
+        AddResult(report, kCallRecoverLate, &check);
+    }
 }
 
 /* The host with the library. False if it never called. */
@@ -93,7 +111,10 @@ static bool RunFirstPhase(const Options *options, const char *directory, Report 
         return false;
     }
     AwaitChecks(options, directory, &host, report);
-    if (report->isEnded && IsMessageSelected(report)) {
+    if (report->isEnded && IsPromiseSelected(kCallRecoverLate, report->only)) {
+        CheckRecovery(report);
+    }
+    if (report->isEnded && IsPromiseSelected(kCallMessage, report->only)) {
         CheckMessage(options, directory, &host, report);
     }
     const bool hasEnded = !IsHostRunning(&host);

@@ -1,5 +1,6 @@
 # Reads promises.list and writes C. -v form= says what: header (the constants of the promises), source (their texts),
-# declarations and checks (the functions that check them), names (the constants for the contract tests). -v lines=FILE names a file with "header declaration line" in
+# declarations and checks (the functions that check them), names (the constants for the contract tests). Two forms are for
+# scripts/promises: list (for the documents) and table (constant, id and where it is judged). -v lines=FILE names a file with "header declaration line" in
 # each line, for the source.
 BEGIN {
     while (lines != "" && (getline entry < lines) > 0) {
@@ -37,6 +38,16 @@ END {
         print "/* Generated from promises.list. */\n#ifndef HOSTCHECK_PROMISES_H\n#define HOSTCHECK_PROMISES_H\n\ntypedef enum {"
         for (i = 1; i <= count; ++i) printf "    %s,\n", constant(id[i])
         print "    kPromiseCount\n} PromiseId;\n\n#endif"
+    } else if (form == "table") {
+        for (i = 1; i <= count; ++i) print constant(id[i]), id[i], (i in judged) ? judged[i] : "alone"
+    } else if (form == "list") {
+        for (i = 1; i <= count; ++i) {
+            split(id[i], name, ".")
+            if (name[1] != area) printf "\n### %s\n\n", area = name[1]
+            split(header[i], part, " ")
+            printf "- `%s` (%s, `%s` line %d): %s. *Otherwise: %s.*%s\n", id[i], level[i], part[1], line[header[i]],
+                promise[i], otherwise[i], judged[i] == "apply" ? " Needs `--apply`." : ""
+        }
     } else if (form == "checks") {
         print "/* Generated from promises.list. */\n#include \"checks.h\"\n\nconst CheckFunction kChecks[kPromiseCount] = {"
         for (i = 1; i <= count; ++i)

@@ -48,6 +48,7 @@ static void Take(Report *report, const char *line)
     report->isEnded |= strcmp(line, "# hostcheck: checks ended") == 0;
     report->keepsConfiguration |= strcmp(line, "# hostcheck: configuration is kept") == 0;
     report->hasMessage |= strstr(line, " - call.message") != NULL;
+    report->hasRecovery |= strstr(line, " - call.recover-late") != NULL;
     puts(line);
     fflush(stdout);
 }

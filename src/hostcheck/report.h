@@ -17,7 +17,8 @@ typedef struct {
     bool isBegun; /* the library has written something */
     bool isEnded; /* all its checks have ended */
     bool keepsConfiguration;
-    bool hasMessage; /* the result for the message has come */
+    bool hasMessage; /* the result for the message has come, and that for the recovery */
+    bool hasRecovery;
     char line[kResultSize];
     int length;
 } Report;

@@ -34,6 +34,8 @@ class Addresses : public ContractTest {};
 
 TEST_F(Addresses, EveryOctetIsConvertedInEveryPlace)
 {
+    PROMISE(kStringAddressRead);
+    PROMISE(kStringAddressWrite);
     for (const std::uint32_t first : kOctets) {
         for (const std::uint32_t second : kOctets) {
             for (const std::uint32_t third : kOctets) {
@@ -47,6 +49,7 @@ TEST_F(Addresses, EveryOctetIsConvertedInEveryPlace)
 
 TEST_F(Addresses, InvalidTextIsRefused)
 {
+    PROMISE(kStringAddressRefused);
     for (const std::string text :
          {"",           " ",          ".",         "...",       "1",          "1.2.3",       "1.2.3.",    ".1.2.3",
           "1..2.3",     "1.2.3.4.",   "1.2.3.4.5", "256.1.1.1", "1.256.1.1",  "1.1.256.1",   "1.1.1.256", "1.1.1.999",
@@ -62,6 +65,7 @@ TEST_F(Addresses, InvalidTextIsRefused)
 // Nothing after `size` bytes may be read.
 TEST_F(Addresses, TextNeedsNoTerminator)
 {
+    PROMISE(kStringAddressSize);
     const std::string text = "192.168.200.25";
     const std::string exact(text.begin(), text.end());
     const auto unterminated = std::make_unique<char[]>(exact.size());
@@ -91,6 +95,7 @@ TEST_F(Addresses, TextOfSizeZeroIsRefused)
 // The shortest and the longest text, with every buffer size: text that does not fit is an error, never truncated.
 TEST_F(Addresses, DottedFormFitsOrFails)
 {
+    PROMISE(kStringAddressBounds);
     world().AllowUnusualUse();
     for (const std::uint32_t address : {Ip(0, 0, 0, 0), Ip(10, 0, 0, 1), Ip(255, 255, 255, 255)}) {
         const std::string text = Dotted(address >> 24U, address >> 16U & 255U, address >> 8U & 255U, address & 255U);

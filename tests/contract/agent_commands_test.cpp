@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -22,6 +23,7 @@
 #include "process_lab.h"
 #include "services/launch_mark.h"
 #include "unique_fd.h"
+#include "vqNetns.h"
 #include "vqProcess.h"
 
 namespace kavel::contract {
@@ -106,6 +108,7 @@ class Commands : public ContractTest {};
 
 TEST_F(Commands, FailedCommandReturnsEio)
 {
+    PROMISE(kProcessCmdFailure);
     for (const char *const command : {"false", "exit 3", "exit 255", "no-such-command", "if", "kill -KILL $$"}) {
         EXPECT_EQ(Execute(command), -EIO) << command;
     }
@@ -119,6 +122,8 @@ TEST_F(Commands, CommandThatCannotStartReturnsItsErrno)
 
 TEST_F(Commands, CallWaitsForTheCommandAndReapsIt)
 {
+    PROMISE(kProcessCmdWaits);
+    PROMISE(kProcessCmdZombies);
     EXPECT_EQ(Execute(std::string("echo done > ") + kOutput), 0);
     EXPECT_EQ(world().ReadFile(kOutput), "done\n");
     siginfo_t info{};
@@ -128,20 +133,51 @@ TEST_F(Commands, CallWaitsForTheCommandAndReapsIt)
 
 TEST_F(Commands, CommandIsAShellCommandLine)
 {
+    PROMISE(kProcessCmdShell);
     EXPECT_EQ(
         Execute(std::string("a='one two'; [ \"$a\" = 'one two' ] && true | cat; false || echo \"$a\" > ") + kOutput),
         0);
     EXPECT_EQ(world().ReadFile(kOutput), "one two\n");
 }
 
+// The module's buffer has 512 bytes.
+TEST_F(Commands, LongCommandIsExecutedAsAWhole)
+{
+    PROMISE(kProcessCmdWhole);
+    const std::string end = std::string("; echo end > ") + kOutput;
+    EXPECT_EQ(Execute(": " + std::string(509 - end.size(), 'x') + end), 0);
+    EXPECT_EQ(world().ReadFile(kOutput), "end\n");
+}
+
+TEST_F(Commands, CommandBehindThePrefixRunsInTheNamespaceOfTheSwitch)
+{
+    PROMISE(kNetnsPrefixEnters);
+    PROMISE(kNetnsPrefixPid);
+    std::array<char, 512> prefix{};
+    ASSERT_GT(VQ_RtcGetNetNsExecCmdPrefix(kVpn, prefix.data(), prefix.size()), 0);
+    EXPECT_EQ(Execute(std::string(prefix.data()) + "/bin/sh -c 'readlink /proc/self/ns/net /proc/self/ns/pid > " +
+                      kOutput + "'"),
+              0);
+    int saved = -1;
+    ASSERT_GE(VQ_RtcNetNsSaveAndSwitch(kVpn, &saved), 0);
+    const std::string entered = std::filesystem::read_symlink("/proc/thread-self/ns/net").string();
+    ASSERT_GE(VQ_RtcNetNsSwitchToDefault(&saved), 0);
+    const std::string own = std::filesystem::read_symlink("/proc/self/ns/pid").string();
+    EXPECT_EQ(world().ReadFile(kOutput), entered + "\n" + own + "\n");
+}
+
 TEST_F(Commands, CallDoesNotWaitForBackgroundCommands)
 {
+    PROMISE(kProcessCmdBackground);
+    PROMISE(kProcessCmdSurvives);
     const Background sleeper(world());
     EXPECT_TRUE(sleeper.IsRunning());
 }
 
 TEST_F(Commands, CommandInheritsNoDescriptorsAndStreams)
 {
+    PROMISE(kProcessCmdDescriptors);
+    PROMISE(kProcessCmdStreams);
     const UniqueFd inherited(::open("/etc/hostname", O_RDONLY));
     ASSERT_TRUE(inherited);
     const UniqueFd high(::fcntl(inherited.Get(), F_DUPFD, 700));
@@ -203,6 +239,8 @@ TEST_F(Commands, LaunchOfAnInstanceNeedsNoFreeDescriptor)
 
 TEST_F(Commands, CommandInheritsNoSignalSettings)
 {
+    PROMISE(kProcessCmdSignals);
+    PROMISE(kProcessCmdIgnored);
     sigset_t blocked;
     sigset_t before;
     sigemptyset(&blocked);
@@ -218,6 +256,7 @@ TEST_F(Commands, CommandInheritsNoSignalSettings)
 
 TEST_F(Commands, CommandHasItsOwnSessionAndDirectory)
 {
+    PROMISE(kProcessCmdSession);
     EXPECT_EQ(Execute(std::string("ps -o sid= -p $$ > ") + kOutput + "; pwd >> " + kOutput), 0);
     std::istringstream words(world().ReadFile(kOutput).value_or(""));
     pid_t session = 0;

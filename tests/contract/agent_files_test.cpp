@@ -105,6 +105,8 @@ INSTANTIATE_TEST_SUITE_P(Of, Replacement,
 
 TEST_P(Replacement, IsSyncedBeforeAndAfterTheRename)
 {
+    PROMISE(kFileSyncFlushed);
+    PROMISE(kFileSyncDirectory);
     const Outcome outcome = Write();
     ASSERT_EQ(outcome.result, 0);
     const auto isTemporary = [](const std::string &path) { return path.starts_with(Below(".hosts.")); };
@@ -131,6 +133,7 @@ TEST_P(Replacement, IsSyncedBeforeAndAfterTheRename)
 // Only the rename changes the file itself.
 TEST_P(Replacement, NeverOpensTheOldFile)
 {
+    PROMISE(kFileDescriptors);
     const Outcome outcome = Write();
     EXPECT_EQ(Find(outcome.calls, [](const SystemCall &call) { return call.Is("open") && call.path == kPath; }),
               kNever);
@@ -180,6 +183,10 @@ TEST_P(Replacement, SucceedsAfterACrash)
 // close is ignored, since it comes after the sync. Without a mark the file counts as changed, and is written again.
 TEST_P(Replacement, ReportsEveryErrorAndLeavesNoTemporaryFile)
 {
+    PROMISE(kFileSyncError);
+    PROMISE(kFileSyncKept);
+    PROMISE(kFileSyncLeftovers);
+    PROMISE(kFileWriteError);
     if (!kCanChangeCalls) {
         GTEST_SKIP() << kCallsCannotBeChanged;
     }
@@ -188,8 +195,7 @@ TEST_P(Replacement, ReportsEveryErrorAndLeavesNoTemporaryFile)
         AtEveryCall(
             Kind::kFail, error, [this](const Disturbance &failure) { return Write(failure); },
             [&](const Outcome &outcome, const SystemCall &failed) {
-                const bool harmless =
-                    failed.Is("close") || failed.Is("stat") || (failed.Is("write") && error == EINTR);
+                const bool harmless = failed.Is("close") || failed.Is("stat") || (failed.Is("write") && error == EINTR);
                 EXPECT_EQ(outcome.result, harmless ? 0 : -error);
                 EXPECT_TRUE(Renamed(outcome) ? HasNewContent() : HasOldContent());
                 EXPECT_THAT(FilesBeside(), IsEmpty());

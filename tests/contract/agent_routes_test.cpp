@@ -99,6 +99,7 @@ TEST_F(AgentRoutes, RoutesKeepNoDescriptorOpen)
 
 TEST_F(AgentRoutes, NamespaceSwitchLeavesNoDescriptorOpen)
 {
+    PROMISE(kNetnsSwitchHandles);
     const std::ptrdiff_t before = OpenDescriptors();
     for (int round = 0; round < 100; ++round) {
         int saved = -1;

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "promise_names.h"
 #include "world.h"
 
 namespace kavel::contract {
@@ -16,6 +17,9 @@ constexpr std::uint32_t Ip(std::uint32_t first, std::uint32_t second, std::uint3
 {
     return first << 24U | second << 16U | third << 8U | fourth;
 }
+
+// Says which promise of the host interface the rest of a test checks: a failure names it. One use per line.
+#define PROMISE(name) SCOPED_TRACE(promises::name) // NOLINT(cppcoreguidelines-macro-usage): it is one statement
 
 class ContractTest : public testing::Test {
   protected:

@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <string>
 #include <vector>
@@ -36,6 +38,8 @@ TEST_P(FileWriters, CreateTheFile)
 
 TEST_P(FileWriters, ReplaceLongerContentCompletely)
 {
+    PROMISE(kFileSync);
+    PROMISE(kFileWrite);
     world().PutFile(kPath, "much longer than what comes\n");
     EXPECT_GE(Write(kPath, "short\n"), 0);
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("short\n")));
@@ -53,6 +57,7 @@ TEST_P(FileWriters, UseTheLengthAndIgnoreTerminators)
 
 TEST_P(FileWriters, TruncateTheFileForANullText)
 {
+    PROMISE(kFileSyncEmpty);
     world().PutFile(kPath, "text\n");
     EXPECT_GE(GetParam()(kPath, nullptr, 0), 0);
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("")));
@@ -74,6 +79,7 @@ TEST_P(FileWriters, RefuseANullTextWithALength)
 
 TEST_P(FileWriters, RefuseAMissingDirectory)
 {
+    PROMISE(kFileSyncMissing);
     EXPECT_EQ(Write(Below("nowhere/hosts"), "text"), -ENOENT);
     EXPECT_FALSE(world().IsDirectory(Below("nowhere")));
 }
@@ -95,16 +101,48 @@ TEST_P(FileWriters, WriteLargeContent)
     EXPECT_TRUE(world().ReadFile(kPath) == text);
 }
 
+// dnsmasq reads the file again as an unprivileged user.
+TEST_P(FileWriters, MakeFilesThatEveryoneCanRead)
+{
+    PROMISE(kFileSyncReadable);
+    PROMISE(kFileWriteReadable);
+    const mode_t before = ::umask(077);
+    EXPECT_GE(Write(kPath, "text\n"), 0);
+    ::umask(before);
+    EXPECT_TRUE(world().IsReadableByEveryone(kPath));
+}
+
 class Files : public ContractTest {};
+
+TEST_F(Files, DurableReplacementLeavesAnOpenedOldFileAsItIs)
+{
+    PROMISE(kFileSyncAtomic);
+    world().PutFile(kPath, "old bytes\n");
+    const auto opened = world().KeepOpen(kPath);
+    EXPECT_GE(VQ_WriteSyncWithFilePath(kPath, "new\n", 4), 0);
+    EXPECT_EQ(opened(), "old bytes\n");
+    EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("new\n")));
+}
+
+TEST_F(Files, CreationMakesAFileThatEveryoneCanRead)
+{
+    PROMISE(kFileCreate);
+    const mode_t before = ::umask(077);
+    EXPECT_GE(VQ_CreateFilePath(kPath), 0);
+    ::umask(before);
+    EXPECT_TRUE(world().IsReadableByEveryone(kPath));
+}
 
 TEST_F(Files, CreationCreatesAnEmptyFile)
 {
+    PROMISE(kFileCreate);
     EXPECT_GE(VQ_CreateFilePath(kPath), 0);
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("")));
 }
 
 TEST_F(Files, CreationKeepsAnExistingFile)
 {
+    PROMISE(kFileCreateKept);
     world().PutFile(kPath, "text\n");
     EXPECT_GE(VQ_CreateFilePath(kPath), 0);
     EXPECT_THAT(world().ReadFile(kPath), Optional(Eq("text\n")));
@@ -112,11 +150,14 @@ TEST_F(Files, CreationKeepsAnExistingFile)
 
 TEST_F(Files, CreationInAMissingDirectoryIsRefused)
 {
+    PROMISE(kFileCreateMissing);
     EXPECT_EQ(VQ_CreateFilePath(Below("nowhere/hosts").c_str()), -ENOENT);
 }
 
 TEST_F(Files, RemovalRemovesATreeAndNothingElse)
 {
+    PROMISE(kFileRemove);
+    PROMISE(kFileRemoveOnly);
     std::string tree = Below("vpn_7");
     for (const std::string &directory : {tree, tree + "/dnsmasq.d", Below("vpn_77")}) {
         world().MakeDirectory(directory);
@@ -132,6 +173,7 @@ TEST_F(Files, RemovalRemovesATreeAndNothingElse)
 
 TEST_F(Files, RemovalOfAMissingDirectoryIsNotFound)
 {
+    PROMISE(kFileRemoveMissing);
     std::string tree = Below("vpn_7");
     EXPECT_EQ(VQ_RemoveDirRecursion(tree.data()), -ENOENT);
 }

@@ -50,6 +50,9 @@ class InterfaceLists : public ContractTest {};
 
 TEST_F(InterfaceLists, AreInConfiguredOrder)
 {
+    PROMISE(kNetioCount);
+    PROMISE(kNetioLinks);
+    PROMISE(kNetioLanNames);
     EXPECT_THAT(Lans(kVpn), ElementsAre("lan0", "lan1"));
     EXPECT_THAT(Lans(kOtherVpn), ElementsAre("lan0"));
     EXPECT_THAT(Lans(kLastVpn), ElementsAre("lan0"));
@@ -57,11 +60,13 @@ TEST_F(InterfaceLists, AreInConfiguredOrder)
 
 TEST_F(InterfaceLists, ReportWhichWanCarriesSystemRoutes)
 {
+    PROMISE(kNetioWans);
     EXPECT_THAT(Wans(kVpn), ElementsAre(0U, 1U));
 }
 
 TEST_F(InterfaceLists, AreEmptyForAVpnWithoutInterfaces)
 {
+    PROMISE(kNetioUnknown);
     EXPECT_THAT(Wans(kOtherVpn), IsEmpty());
     EXPECT_THAT(Wans(kUnknownVpn), IsEmpty());
     EXPECT_THAT(Lans(kUnknownVpn), IsEmpty());
@@ -69,6 +74,8 @@ TEST_F(InterfaceLists, AreEmptyForAVpnWithoutInterfaces)
 
 TEST_F(InterfaceLists, AreIndependentOfEachOther)
 {
+    PROMISE(kNetioIndependent);
+    PROMISE(kNetioRelease);
     std::uint32_t count = 0;
     VQ_LIST_HEAD *const first = VQ_RtcNetioLanGetAllByVpnId(&count, kVpn);
     VQ_LIST_HEAD *const second = VQ_RtcNetioLanGetAllByVpnId(&count, kVpn);

@@ -54,6 +54,7 @@ class Logging : public ContractTest {};
 
 TEST_F(Logging, HasAnImplementationWithTheModulesOperations)
 {
+    PROMISE(kLogItem);
     const VQ_LOG_IMPL_ITEM *const item = VQ_LogGetImplItem(kModule);
     ASSERT_THAT(item, NotNull());
     EXPECT_NE(item->Log, nullptr);
@@ -63,6 +64,7 @@ TEST_F(Logging, HasAnImplementationWithTheModulesOperations)
 
 TEST_F(Logging, HasADifferentTextForEachLevel)
 {
+    PROMISE(kLogLevelText);
     const VQ_LOG_IMPL_ITEM *const item = VQ_LogGetImplItem(kModule);
     std::set<std::string> texts;
     for (std::uint32_t level = VQ_LOG_LEVEL_NOTICE; level <= VQ_LOG_LEVEL_ERROR; ++level) {
@@ -80,6 +82,8 @@ TEST_F(Logging, HasADifferentTextForEachLevel)
 
 TEST_F(Logging, NamesTheModuleAndTheAgent)
 {
+    PROMISE(kLogModuleName);
+    PROMISE(kLogTag);
     ASSERT_THAT(VQ_LogGetModuleName(kModule), NotNull());
     EXPECT_STRNE(VQ_LogGetModuleName(kModule), "");
     ASSERT_THAT(VQ_AgentLogGetTag(), NotNull());
@@ -96,13 +100,26 @@ TEST_F(Logging, WritesTheCompleteLine)
 
 TEST_F(Logging, WritesALineOfAnyLength)
 {
+    PROMISE(kLogLine);
     const std::string argument(20000, 'x');
     const std::string logged = world().LoggedBy([&] { WriteLine(VQ_LOG_LEVEL_WARNING, "Check", argument.c_str()); });
     EXPECT_THAT(logged, HasSubstr("bad domain " + argument + "\n"));
 }
 
+TEST_F(Logging, AnswersForEveryLevel)
+{
+    PROMISE(kLogTest);
+    world().AllowUnusualUse();
+    for (std::uint32_t level = VQ_LOG_LEVEL_NOTICE; level <= VQ_LOG_LEVEL_ERROR; ++level) {
+        for (const BOOL flag : {FALSE, TRUE}) {
+            EXPECT_THAT(VQ_LogTest(kModule, level, flag, "Check"), testing::AnyOf(FALSE, TRUE)) << level;
+        }
+    }
+}
+
 TEST_F(Logging, WritesErrors)
 {
+    PROMISE(kLogErrors);
     const std::string logged = world().LoggedBy([] {
         WriteLine(VQ_LOG_LEVEL_ERROR, "Check", "a_b");
         FinishError("Check", "a_b");
@@ -113,6 +130,7 @@ TEST_F(Logging, WritesErrors)
 // The host decides whether errors are dumped; the text is kept in both cases.
 TEST_F(Logging, KeepsTheTextOfAnErrorUntilItIsReset)
 {
+    PROMISE(kLogFlexReset);
     world().AllowUnusualUse();
     EXPECT_GE(VQ_FlexLogSetFormatData("%s(%d:%s)\n", "failed", 22, "Invalid argument"), 0);
     EXPECT_STREQ(VQ_FlexLogGetFormatBuff(), "failed(22:Invalid argument)\n");
@@ -122,6 +140,8 @@ TEST_F(Logging, KeepsTheTextOfAnErrorUntilItIsReset)
 
 TEST_F(Logging, KeepsOnlyTheTextOfTheLastError)
 {
+    PROMISE(kLogFlex);
+    PROMISE(kLogFlexLong);
     world().AllowUnusualUse();
     const std::string large(100000, 'x');
     EXPECT_GE(VQ_FlexLogSetFormatData("%s", large.c_str()), 0);
@@ -148,6 +168,7 @@ class ThreadName : public ContractTest {};
 
 TEST_F(ThreadName, FitsIntoSixteenBytes)
 {
+    PROMISE(kLogThreadName);
     for (const std::string name : {"x", "dns-main", "fifteen-letters"}) {
         world().NameThread(name);
         std::array<char, kNameSize + 2> buffer{};
@@ -160,6 +181,7 @@ TEST_F(ThreadName, FitsIntoSixteenBytes)
 
 TEST_F(ThreadName, NameThatDoesNotFitLeavesTheBufferUnchanged)
 {
+    PROMISE(kLogThreadNameFits);
     world().AllowUnusualUse();
     world().NameThread("dns-main");
     for (const std::size_t size : {0U, 1U, 8U}) {

@@ -31,6 +31,8 @@ class Memory : public ContractTest {};
 // From the second round on, the memory may be reused, and was written to.
 TEST_F(Memory, ZeroedMemoryIsZeroAlsoIfReused)
 {
+    PROMISE(kMemoryZeroed);
+    PROMISE(kMemoryZeroedAgain);
     for (const std::size_t size : {std::size_t{1}, std::size_t{24}, std::size_t{4096}, sizeof(VQ_DNSMASQ_CONF)}) {
         for (int round = 0; round < 3; ++round) {
             void *const memory = VQ_AgentMemZeroAlloc(size);
@@ -42,8 +44,23 @@ TEST_F(Memory, ZeroedMemoryIsZeroAlsoIfReused)
     }
 }
 
+TEST_F(Memory, RecordsCanBeAllocated)
+{
+    PROMISE(kMemoryRecord);
+    void *const first = VQ_AgentMemAlloc(sizeof(VQ_DNSMASQ_CONF));
+    void *const second = VQ_AgentMemAlloc(sizeof(VQ_DNSMASQ_CONF));
+    ASSERT_THAT(first, NotNull());
+    ASSERT_THAT(second, NotNull());
+    std::memset(first, 1, sizeof(VQ_DNSMASQ_CONF));
+    std::memset(second, 0, sizeof(VQ_DNSMASQ_CONF));
+    EXPECT_EQ(static_cast<unsigned char *>(first)[sizeof(VQ_DNSMASQ_CONF) - 1], 1U);
+    VQ_AgentMemFree(first);
+    VQ_AgentMemFree(second);
+}
+
 TEST_F(Memory, AllocationsDoNotOverlap)
 {
+    PROMISE(kMemoryWritable);
     void *const first = VQ_AgentMemAlloc(4096);
     void *const second = VQ_AgentMemAlloc(4096);
     ASSERT_THAT(first, NotNull());
@@ -58,6 +75,7 @@ TEST_F(Memory, AllocationsDoNotOverlap)
 
 TEST_F(Memory, IsAlignedForAnyObject)
 {
+    PROMISE(kMemoryAligned);
     for (const auto allocate : {&VQ_AgentMemAlloc, &VQ_AgentMemZeroAlloc}) {
         void *const memory = allocate(1);
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory) % alignof(std::max_align_t), 0U);
@@ -68,6 +86,7 @@ TEST_F(Memory, IsAlignedForAnyObject)
 // Null would mean that memory is exhausted.
 TEST_F(Memory, SizeZeroIsNotNull)
 {
+    PROMISE(kMemorySizeZero);
     for (const auto allocate : {&VQ_AgentMemAlloc, &VQ_AgentMemZeroAlloc}) {
         void *const memory = allocate(0);
         EXPECT_THAT(memory, NotNull());
@@ -77,6 +96,7 @@ TEST_F(Memory, SizeZeroIsNotNull)
 
 TEST_F(Memory, TooLargeRequestReturnsNull)
 {
+    PROMISE(kMemoryExhausted);
     // More than half of any address space: no object is that large.
     constexpr std::size_t kTooMuch = std::numeric_limits<std::size_t>::max() / 4 * 3;
     EXPECT_THAT(VQ_AgentMemAlloc(kTooMuch), IsNull());
@@ -85,6 +105,7 @@ TEST_F(Memory, TooLargeRequestReturnsNull)
 
 TEST_F(Memory, ReleasingNullIsAllowed)
 {
+    PROMISE(kMemoryFreeNull);
     world().AllowUnusualUse();
     VQ_AgentMemFree(nullptr);
     void *const memory = VQ_AgentMemZeroAlloc(24);

@@ -42,6 +42,8 @@ class NetworkNamespaces : public ContractTest {};
 
 TEST_F(NetworkNamespaces, AreEnteredAndLeft)
 {
+    PROMISE(kNetnsSwitch);
+    PROMISE(kNetnsSwitchBack);
     int saved = -1;
     EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kVpn, &saved), 0);
     EXPECT_EQ(world().CurrentVpn(), kVpn);
@@ -53,6 +55,7 @@ TEST_F(NetworkNamespaces, AreEnteredAndLeft)
 
 TEST_F(NetworkNamespaces, VpnZeroIsTheNamespaceInWhichTheAgentStarted)
 {
+    PROMISE(kNetnsBox);
     int saved = -1;
     int inner = -1;
     EXPECT_GE(VQ_RtcNetNsSaveAndSwitch(kVpn, &saved), 0);
@@ -84,6 +87,7 @@ TEST_F(NetworkNamespaces, SwitchesCanBeNested)
 
 TEST_F(NetworkNamespaces, UnknownVpnKeepsTheCurrentNamespace)
 {
+    PROMISE(kNetnsSwitchUnknown);
     int saved = -1;
     EXPECT_EQ(VQ_RtcNetNsSaveAndSwitch(kUnknownVpn, &saved), -ENOENT);
     EXPECT_EQ(saved, -1);
@@ -126,20 +130,33 @@ TEST_F(NetworkNamespaces, SocketTableIsThatOfTheCurrentNamespace)
 
 TEST_F(NetworkNamespaces, CommandPrefixEndsInABlank)
 {
+    PROMISE(kNetnsPrefixBlank);
     for (const std::uint32_t vpn : {kVpn, kOtherVpn, kLastVpn}) {
         EXPECT_THAT(PrefixOf(vpn), testing::EndsWith(" "));
     }
     EXPECT_NE(PrefixOf(kVpn), PrefixOf(kOtherVpn));
 }
 
+TEST_F(NetworkNamespaces, CommandPrefixLeavesRoomForTheLaunch)
+{
+    PROMISE(kNetnsPrefixFits);
+    constexpr std::size_t kLaunchLength = 165; // with a VPN of ten digits
+    for (const std::uint32_t vpn : {kVpn, kOtherVpn, kLastVpn}) {
+        EXPECT_LT(PrefixOf(vpn).size() + kLaunchLength, kRoom);
+    }
+}
+
 TEST_F(NetworkNamespaces, UnknownVpnHasNoCommandPrefix)
 {
+    PROMISE(kNetnsPrefixUnknown);
     std::vector<char> buffer(kRoom, '\0');
     EXPECT_EQ(VQ_RtcGetNetNsExecCmdPrefix(kUnknownVpn, buffer.data(), buffer.size()), -ENOENT);
 }
 
 TEST_F(NetworkNamespaces, CommandPrefixFitsOrIsReportedAsTooLong)
 {
+    PROMISE(kNetnsPrefixLength);
+    PROMISE(kNetnsPrefixShort);
     const std::string prefix = PrefixOf(kVpn);
     for (const std::size_t size :
          {std::size_t{0}, std::size_t{1}, prefix.size() - 1, prefix.size(), prefix.size() + 1, prefix.size() + 2}) {

@@ -14,6 +14,7 @@ class Processes : public ContractTest {};
 
 TEST_F(Processes, HaveExitedWhenTheCallReturns)
 {
+    PROMISE(kProcessKillWaits);
     const pid_t pid = world().StartInstance(true);
     ASSERT_TRUE(world().IsRunning(pid));
     EXPECT_GE(VQ_KillPid(pid), 0);
@@ -22,6 +23,7 @@ TEST_F(Processes, HaveExitedWhenTheCallReturns)
 
 TEST_F(Processes, AreKilledIfTheyIgnoreSigterm)
 {
+    PROMISE(kProcessKillStubborn);
     const pid_t pid = world().StartInstance(false);
     ASSERT_TRUE(world().IsRunning(pid));
     EXPECT_GE(VQ_KillPid(pid), 0);
@@ -30,6 +32,7 @@ TEST_F(Processes, AreKilledIfTheyIgnoreSigterm)
 
 TEST_F(Processes, OtherInstancesKeepRunning)
 {
+    PROMISE(kProcessKillOnly);
     const pid_t first = world().StartInstance(true);
     const pid_t second = world().StartInstance(true);
     EXPECT_GE(VQ_KillPid(first), 0);
@@ -38,6 +41,7 @@ TEST_F(Processes, OtherInstancesKeepRunning)
 
 TEST_F(Processes, ThatHaveExitedAreNotFound)
 {
+    PROMISE(kProcessKillMissing);
     EXPECT_EQ(VQ_KillPid(world().EndedProcess()), -ESRCH);
     EXPECT_EQ(VQ_KillPid(INT_MAX), -ESRCH);
 }
@@ -51,12 +55,14 @@ TEST_F(Processes, KilledOnceAreNotFoundTheNextTime)
 
 TEST_F(Processes, ZombiesAreNotFound)
 {
+    PROMISE(kProcessKillZombie);
     EXPECT_EQ(VQ_KillPid(world().Zombie()), -ESRCH);
 }
 
 // kill() takes such numbers for process groups, or for all processes.
 TEST_F(Processes, PidsMustBePositive)
 {
+    PROMISE(kProcessKillInvalid);
     for (const pid_t pid : {0, -1, -2, INT_MIN}) {
         EXPECT_EQ(VQ_KillPid(pid), -EINVAL) << pid;
     }

@@ -64,13 +64,23 @@ class Routes : public ContractTest {
 
 TEST_F(Routes, HostRouteIsAddedToAnInterface)
 {
+    PROMISE(kRouteAdd);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), 0);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 2)).Through("lan1").Add(), 0);
     EXPECT_THAT(In(kVpn), ElementsAre("10.1.1.1/32 dev lan0", "10.1.1.2/32 dev lan1"));
 }
 
+TEST_F(Routes, RouteIsNotInTheBox)
+{
+    PROMISE(kRouteAddNamespace);
+    EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), 0);
+    EXPECT_THAT(In(kVpn), SizeIs(1));
+    EXPECT_THAT(In(0), IsEmpty());
+}
+
 TEST_F(Routes, ExistingRouteIsReportedAndKept)
 {
+    PROMISE(kRouteAddExists);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), 0);
     EXPECT_EQ(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), -EEXIST);
     EXPECT_EQ(Description().To(Ip(10, 1, 1, 1)).Through("lan1").Add(), -EEXIST);
@@ -87,6 +97,7 @@ TEST_F(Routes, PrefixesOfDifferentLengthAreDifferentRoutes)
 // A controller may configure any address as a server.
 TEST_F(Routes, AcceptsAnyAddressAsTarget)
 {
+    PROMISE(kRouteAddAny);
     for (const std::uint32_t address : {Ip(0, 0, 0, 0), Ip(0, 0, 0, 1), Ip(10, 7, 0, 1), Ip(127, 0, 0, 1),
                                         Ip(169, 254, 1, 1), Ip(224, 0, 0, 1), Ip(255, 255, 255, 255)}) {
         EXPECT_GE(Description().To(address).Through("lan0").Add(), 0) << address;
@@ -108,6 +119,7 @@ TEST_F(Routes, AcceptsNextHops)
 
 TEST_F(Routes, DeleteSelectsByTarget)
 {
+    PROMISE(kRouteDeleteOne);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), 0);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 2)).Through("lan0").Add(), 0);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Delete(), 0);
@@ -125,6 +137,7 @@ TEST_F(Routes, DeleteSelectsByInterface)
 
 TEST_F(Routes, DeletingAMissingRouteIsNotFound)
 {
+    PROMISE(kRouteDeleteMissing);
     EXPECT_EQ(Description().Delete(), -ENOENT);
     EXPECT_EQ(Description().To(Ip(10, 1, 1, 1)).Delete(), -ENOENT);
     EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(), 0);
@@ -137,6 +150,7 @@ TEST_F(Routes, DeletingAMissingRouteIsNotFound)
 
 TEST_F(Routes, EmptyDescriptionDeletesOneTableOfOneVpn)
 {
+    PROMISE(kRouteDeleteOther);
     for (const std::uint32_t vpn : {kVpn, kOtherVpn, kLastVpn}) {
         EXPECT_GE(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(vpn), 0);
         EXPECT_GE(Description(kOtherTable).To(Ip(10, 1, 1, 1)).Through("lan0").Add(vpn), 0);
@@ -164,6 +178,7 @@ TEST_F(Routes, DeletingADefaultRouteKeepsTheOthers)
 
 TEST_F(Routes, LargeTableIsDeletedAtOnce)
 {
+    PROMISE(kRouteDeleteTable);
     constexpr std::uint32_t kMany = 3000;
     for (std::uint32_t host = 0; host < kMany; ++host) {
         ASSERT_GE(Description().To(Ip(10, 100, 0, 0) + host).Through("lan0").Add(), 0) << host;
@@ -175,6 +190,7 @@ TEST_F(Routes, LargeTableIsDeletedAtOnce)
 
 TEST_F(Routes, UnknownVpnIsRefused)
 {
+    PROMISE(kRouteAddUnknown);
     EXPECT_EQ(Description().To(Ip(10, 1, 1, 1)).Through("lan0").Add(kUnknownVpn), -ENOENT);
     EXPECT_EQ(Description().Delete(kUnknownVpn), -ENOENT);
 }

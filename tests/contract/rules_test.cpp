@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <cstring>
 #include <memory>
 
 #include "contract_test.h"
@@ -72,6 +73,8 @@ class Rules : public ContractTest {
 
 TEST_F(Rules, DnsRuleIsAddedAndDeleted)
 {
+    PROMISE(kRuleDns);
+    PROMISE(kRuleDelete);
     EXPECT_GE(AddDns(kVpn, kCustomerOfVpn), 0);
     EXPECT_THAT(world().Rules(), ElementsAre("dns zone 0 id 9 customer 42"));
     EXPECT_GE(DeleteDns(kVpn, kCustomerOfVpn), 0);
@@ -80,6 +83,7 @@ TEST_F(Rules, DnsRuleIsAddedAndDeleted)
 
 TEST_F(Rules, DnatRuleIsAddedAndDeleted)
 {
+    PROMISE(kRuleDnat);
     EXPECT_GE(AddDnat(Ip(10, 0, 0, 1)), 0);
     EXPECT_THAT(world().Rules(), ElementsAre("dnat zone 0 id 3 customer 0"));
     EXPECT_GE(DeleteDnat(), 0);
@@ -88,6 +92,7 @@ TEST_F(Rules, DnatRuleIsAddedAndDeleted)
 
 TEST_F(Rules, RuleAddedTwiceExistsOnce)
 {
+    PROMISE(kRuleDnsReplaces);
     for (int round = 0; round < 3; ++round) {
         EXPECT_GE(AddDns(kVpn, kCustomerOfVpn), 0);
         EXPECT_GE(AddDnat(Ip(10, 0, 0, 1)), 0);
@@ -101,6 +106,7 @@ TEST_F(Rules, RuleAddedTwiceExistsOnce)
 
 TEST_F(Rules, DeletingAMissingRuleIsNotFound)
 {
+    PROMISE(kRuleDeleteMissing);
     EXPECT_EQ(DeleteDns(kVpn, kCustomerOfVpn), -ENOENT);
     EXPECT_EQ(DeleteDnat(), -ENOENT);
     EXPECT_GE(AddDns(kVpn, kCustomerOfVpn), 0);
@@ -121,11 +127,41 @@ TEST_F(Rules, SecondDeleteIsNotFound)
 
 TEST_F(Rules, RuleOfAnotherCustomerIsNotDeleted)
 {
+    PROMISE(kRuleDeleteCustomer);
     EXPECT_GE(AddDns(kVpn, kCustomerOfVpn), 0);
     EXPECT_GE(AddDnat(Ip(10, 0, 0, 1)), 0);
     EXPECT_EQ(DeleteDns(kVpn, kCustomer), -ENOENT);
     EXPECT_EQ(DeleteDnat(kCustomer), -ENOENT);
     EXPECT_THAT(world().Rules(), ElementsAre("dnat zone 0 id 3 customer 0", "dns zone 0 id 9 customer 42"));
+}
+
+// The operation code names the table.
+TEST_F(Rules, RuleOfAnotherTableIsNotDeleted)
+{
+    PROMISE(kRuleDeleteOtherTable);
+    EXPECT_GE(AddDns(kVpn, kCustomerOfVpn), 0);
+    EXPECT_LT(VQ_RtcRuleConfDel(0, kVpn + kDnsIdOffset, kCustomerOfVpn, VQ_IMC_OP_TYPE_RULE_DNAT_DELETE, TRUE), 0);
+    EXPECT_THAT(world().Rules(), ElementsAre("dns zone 0 id 9 customer 42"));
+}
+
+TEST_F(Rules, RecordStaysThePropertyOfTheCaller)
+{
+    PROMISE(kRuleRecordKept);
+    const auto rule = NewRule(VQ_CONF_RULE_TBL_TYPE_DNAT, VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ, 0);
+    rule->Actions.DnatFlag = 1;
+    rule->Actions.NatInfo.Ip[0] = Ip(10, 0, 0, 1);
+    rule->Actions.NatInfo.IpNum = 1;
+    rule->Match.DstPortNum = 1;
+    rule->Match.DstPort[0] = {kDnsPort, kDnsPort};
+    rule->Match.ProtoNum = 1;
+    rule->Match.Proto[0] = kUdp;
+    rule->Match.InPortNum = 1;
+    rule->Match.InPort[0].Type = VQ_CONF_DP_IF_TYPE_VQCONN_C2P;
+    const auto copy = std::make_unique<VQ_CONF_RULE>(*rule);
+    EXPECT_GE(VQ_RtcRuleConfAdd(rule.get(), VQ_IMC_OP_TYPE_RULE_DNAT_INSERT, FALSE, TRUE), 0);
+    EXPECT_EQ(std::memcmp(rule.get(), copy.get(), sizeof(VQ_CONF_RULE)), 0);
+    std::memset(rule.get(), 0xFF, sizeof(VQ_CONF_RULE));
+    EXPECT_GE(DeleteDnat(), 0);
 }
 
 // An id is unique within table and zone, whoever owns it.
@@ -140,6 +176,7 @@ TEST_F(Rules, AddingWithAnotherCustomerReplacesTheRule)
 
 TEST_F(Rules, VpnsHaveSeparateRules)
 {
+    PROMISE(kRuleBox);
     for (const std::uint32_t vpn : {0U, kVpn, kOtherVpn, kLastVpn}) {
         EXPECT_GE(AddDns(vpn, kCustomer), 0) << vpn;
     }
@@ -163,6 +200,7 @@ class Customers : public ContractTest {};
 
 TEST_F(Customers, VpnWithACustomerReturnsIt)
 {
+    PROMISE(kRuleCustomer);
     std::uint32_t customer = 0;
     EXPECT_GE(VQ_GetCustomerIdByVpnId(kVpn, &customer), 0);
     EXPECT_EQ(customer, kCustomerOfVpn);
@@ -170,6 +208,7 @@ TEST_F(Customers, VpnWithACustomerReturnsIt)
 
 TEST_F(Customers, VpnWithoutACustomerLeavesTheOutputUnchanged)
 {
+    PROMISE(kRuleCustomerUnknown);
     for (const std::uint32_t vpn : {0U, kOtherVpn, kUnknownVpn}) {
         std::uint32_t customer = 12345;
         EXPECT_LT(VQ_GetCustomerIdByVpnId(vpn, &customer), 0) << vpn;
@@ -179,6 +218,7 @@ TEST_F(Customers, VpnWithoutACustomerLeavesTheOutputUnchanged)
 
 TEST_F(Customers, BoxHasItsOwnCustomer)
 {
+    PROMISE(kRuleCustomerBox);
     EXPECT_EQ(VQ_PlatformGetCustomerId(), kCustomer);
 }
 

@@ -91,23 +91,29 @@ class Store : public ContractTest {
 
 TEST_F(Store, IsEnabled)
 {
+    PROMISE(kStoreEnabled);
     EXPECT_EQ(VQ_IsPersistentConfEnable(), TRUE);
 }
 
 TEST_F(Store, HasOneTableOfConversions)
 {
+    PROMISE(kStoreConversions);
     EXPECT_NE(VQ_GetDbDataTransOp(), nullptr);
     EXPECT_EQ(VQ_GetDbDataTransOp(), VQ_GetDbDataTransOp());
 }
 
 TEST_F(Store, IsEmptyAtFirst)
 {
+    PROMISE(kStoreListEmpty);
     EXPECT_THAT(Rows(), IsEmpty());
     EXPECT_THAT(Rows(VQ_SQL_CONF_POP_DNSMASQ), IsEmpty());
 }
 
 TEST_F(Store, ReturnsTheStoredRows)
 {
+    PROMISE(kStoreAdd);
+    PROMISE(kStoreList);
+    PROMISE(kStoreListZeroed);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1)), 0);
     EXPECT_GE(Add(kOtherVpn, TextOf(kOtherVpn, 2)), 0);
     EXPECT_THAT(Rows(), UnorderedElementsAre(Pair(kVpn, 1), Pair(kOtherVpn, 2)));
@@ -126,6 +132,7 @@ TEST_F(Store, CopiesTheText)
 
 TEST_F(Store, ReplacesARow)
 {
+    PROMISE(kStoreAddReplaces);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1)), 0);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 2)), 0);
     EXPECT_THAT(Rows(), UnorderedElementsAre(Pair(kVpn, 2)));
@@ -135,6 +142,7 @@ TEST_F(Store, ReplacesARow)
 
 TEST_F(Store, DeletesOneRow)
 {
+    PROMISE(kStoreDelete);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1)), 0);
     EXPECT_GE(Add(kOtherVpn, TextOf(kOtherVpn, 2)), 0);
     EXPECT_GE(Delete(kVpn), 0);
@@ -143,6 +151,7 @@ TEST_F(Store, DeletesOneRow)
 
 TEST_F(Store, DeletingAMissingRowIsNotFound)
 {
+    PROMISE(kStoreDeleteMissing);
     EXPECT_EQ(Delete(kVpn), -ENOENT);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1)), 0);
     EXPECT_EQ(Delete(kOtherVpn), -ENOENT);
@@ -153,6 +162,7 @@ TEST_F(Store, DeletingAMissingRowIsNotFound)
 // The key is declared BOOL, but it is a VPN id: values must not be reduced to 0 and 1.
 TEST_F(Store, AcceptsAnyVpnIdAsKey)
 {
+    PROMISE(kStoreKey);
     for (const std::uint32_t vpn : {0U, kVpn, kLastVpn}) {
         EXPECT_GE(Add(vpn, TextOf(vpn, vpn)), 0);
     }
@@ -166,6 +176,7 @@ TEST_F(Store, AcceptsAnyVpnIdAsKey)
 
 TEST_F(Store, TablesAreSeparate)
 {
+    PROMISE(kStoreTables);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1), VQ_SQL_CONF_CPE_DNSMASQ), 0);
     EXPECT_EQ(Delete(kVpn, VQ_SQL_CONF_POP_DNSMASQ), -ENOENT);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 2), VQ_SQL_CONF_POP_DNSMASQ), 0);
@@ -188,6 +199,7 @@ TEST_F(Store, AddingWithoutATextIsRefused)
 // A row that cannot be converted does not affect the others, and is kept.
 TEST_F(Store, SkipsRowsThatCannotBeConverted)
 {
+    PROMISE(kStoreListBadRow);
     EXPECT_GE(Add(0, TextOf(0, 1)), 0);
     EXPECT_GE(Add(kVpn, "!" + TextOf(kVpn, 2)), 0);
     EXPECT_GE(Add(kOtherVpn, TextOf(kOtherVpn, 3)), 0);
@@ -208,12 +220,14 @@ TEST_F(Store, ReturnsNoRowsWithoutAConversion)
 
 TEST_F(Store, StoresLongTextsWithSpecialCharacters)
 {
+    PROMISE(kStoreAddLarge);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1) + " '\";--\\\n\t\xc3\xa9" + std::string(2000000, 'x')), 0);
     EXPECT_THAT(Rows(), UnorderedElementsAre(Pair(kVpn, 1)));
 }
 
 TEST_F(Store, ListsAreIndependentOfEachOther)
 {
+    PROMISE(kStoreRelease);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 1)), 0);
     VQ_PersistentConfList *const first = VQ_SqliteGetDnsMasqConf(VQ_SQL_CONF_CPE_DNSMASQ);
     EXPECT_GE(Add(kVpn, TextOf(kVpn, 2)), 0);

@@ -35,6 +35,8 @@ INSTANTIATE_TEST_SUITE_P(Sizes, Strings, testing::Values(0, 1, 2, 9, 10, 11, 12,
 
 TEST_P(Strings, FormattedTextIsTruncatedAndItsLengthReturned)
 {
+    PROMISE(kStringPrintLength);
+    PROMISE(kStringPrintBounds);
     Guarded buffer(GetParam());
     EXPECT_EQ(VQ_SNPrintf(buffer.bytes.data(), buffer.size, "%s%u%c%c", "012345", 67U, '8', '9'), kText.size());
     EXPECT_EQ(buffer.Text(), kText.substr(0, buffer.size == 0 ? 0 : buffer.size - 1));
@@ -43,6 +45,8 @@ TEST_P(Strings, FormattedTextIsTruncatedAndItsLengthReturned)
 
 TEST_P(Strings, CopiedTextIsTruncatedAndItsLengthReturned)
 {
+    PROMISE(kStringCopy);
+    PROMISE(kStringCopyBounds);
     Guarded buffer(GetParam());
     EXPECT_EQ(VQ_SafeStrCopy(buffer.bytes.data(), buffer.size, kText.data()), kText.size());
     EXPECT_EQ(buffer.Text(), kText.substr(0, buffer.size == 0 ? 0 : buffer.size - 1));
@@ -70,6 +74,7 @@ TEST_F(Formatting, WithoutABufferReturnsTheLength)
 
 TEST_F(Formatting, SupportsTheConversionsThatTheModuleUses)
 {
+    PROMISE(kStringPrint);
     std::array<char, 128> text{};
     EXPECT_EQ(
         VQ_SNPrintf(text.data(), text.size(), "%u.%u %s %d %zu %c%%", 255U, 4294967295U, "x", -75, sizeof(char), 'y'),

@@ -46,6 +46,10 @@ class World {
     virtual void PutFile(const std::string &path, const std::string &content) = 0;
     virtual void MakeDirectory(const std::string &path) = 0;
     virtual bool IsDirectory(const std::string &path) = 0;
+    // Whether every user may read the file.
+    virtual bool IsReadableByEveryone(const std::string &path) = 0;
+    // Opens the file. The function returns all that this opened file contains when it is called.
+    virtual std::function<std::string()> KeepOpen(const std::string &path) = 0;
     // Names of the files in a directory, sorted.
     virtual std::vector<std::string> FilesIn(const std::string &directory) = 0;
 
@@ -61,7 +65,7 @@ class World {
     virtual std::uint32_t CurrentVpn() = 0;
     // Opens a listening TCP socket in the namespace of a VPN, on every address.
     virtual void Listen(std::uint32_t vpn, std::uint16_t port) = 0;
-    // "10.1.1.1/32 dev lan0", "10.2.0.0/24 via 10.7.0.2 dev lan0 via 10.7.0.3 dev lan0": sorted.
+    // Of VPN 0: of the box. "10.1.1.1/32 dev lan0", "10.2.0.0/24 via 10.7.0.2 dev lan0 via 10.7.0.3 dev lan0": sorted.
     virtual std::vector<std::string> Routes(std::uint32_t vpn, std::uint32_t table) = 0;
     // "dns zone 0 id 9 customer 42": sorted.
     virtual std::vector<std::string> Rules() = 0;

@@ -30,6 +30,11 @@ class FakeWorld : public World {
     void PutFile(const std::string &path, const std::string &content) override { host_.Files.Put(path, content); }
     void MakeDirectory(const std::string &path) override { host_.Files.PutDirectory(path); }
     bool IsDirectory(const std::string &path) override { return host_.Files.IsDirectory(path); }
+    bool IsReadableByEveryone(const std::string &path) override { return host_.Files.Exists(path); }
+    std::function<std::string()> KeepOpen(const std::string &path) override
+    {
+        return [content = host_.Files.Content(path).value_or("")] { return content; };
+    }
     std::vector<std::string> FilesIn(const std::string &directory) override
     {
         const std::string below = directory + '/';

@@ -176,6 +176,18 @@ class RealWorld : public World {
     }
     void MakeDirectory(const std::string &path) override { std::filesystem::create_directory(path); }
     bool IsDirectory(const std::string &path) override { return std::filesystem::is_directory(path); }
+    bool IsReadableByEveryone(const std::string &path) override
+    {
+        struct stat info {};
+        return ::stat(path.c_str(), &info) == 0 && (info.st_mode & 0444U) == 0444U;
+    }
+    std::function<std::string()> KeepOpen(const std::string &path) override
+    {
+        auto file = std::make_shared<std::ifstream>(path, std::ios::binary);
+        file->peek(); // open and in use
+        file->rdbuf()->pubseekpos(0);
+        return [file] { return std::string(std::istreambuf_iterator<char>(*file), {}); };
+    }
     std::vector<std::string> FilesIn(const std::string &directory) override
     {
         std::vector<std::string> names;
@@ -221,8 +233,8 @@ class RealWorld : public World {
     std::vector<std::string> Routes(std::uint32_t vpn, std::uint32_t table) override
     {
         seenTables_.emplace(vpn, table);
-        std::istringstream lines(
-            OutputOf("ip -4 -o -n " + NamespaceOf(vpn) + " route show table " + std::to_string(table)));
+        std::istringstream lines(OutputOf("ip -4 -o " + (vpn == 0 ? std::string() : "-n " + NamespaceOf(vpn)) +
+                                          " route show table " + std::to_string(table)));
         std::vector<std::string> routes;
         for (std::string line; std::getline(lines, line);) {
             routes.push_back(RouteText(line));
