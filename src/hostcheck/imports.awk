@@ -3,12 +3,15 @@
 { names[++count] = $1 }
 END {
     if (form == "weak") {
-        for (i = 1; i <= count; ++i) print "#pragma weak " names[i]
+        print "#include <json-c/json.h>\n"
+        split("File Log Memory Netio Netns Platform Process Route Rule SafeStr Store", headers, " ")
+        for (i = 1; i in headers; ++i) print "#include \"vq" headers[i] ".h\""
+        print ""
+        for (i = 1; i <= count; ++i) printf "extern __typeof__(%s) %s __attribute__((weak));\n", names[i], names[i]
         exit
     }
     print "#include \"imports.h\"\n"
-    for (i = 1; i <= count; ++i) printf "extern void %s(void);\n", names[i]
-    print "\nconst Import kImports[] = {"
-    for (i = 1; i <= count; ++i) printf "    {\"%s\", %s},\n", names[i], names[i]
+    print "const Import kImports[] = {"
+    for (i = 1; i <= count; ++i) printf "    {\"%s\", (void (*)(void))%s},\n", names[i], names[i]
     printf "};\nconst size_t kImportCount = %d;\n", count
 }

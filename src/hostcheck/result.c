@@ -4,7 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
-static void Record(Check *check, Verdict verdict, const char *format, va_list arguments)
+__attribute__((format(printf, 3, 0))) static void Record(Check *check, Verdict verdict, const char *format,
+                                                         va_list arguments)
 {
     if (check->verdict == kVerdictKept) {
         check->verdict = verdict;

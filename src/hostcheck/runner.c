@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "imports.h"
 #include "lab.h"
 #include "result.h"
 
@@ -173,10 +174,25 @@ static void AwaitResult(Check *check, pid_t child, int results)
     }
 }
 
+/* Whether the process lacks the function that the promise is about. */
+static bool IsMissing(const char *name)
+{
+    for (size_t i = 0; i < kImportCount; ++i) {
+        if (strcmp(kImports[i].name, name) == 0) {
+            return kImports[i].address == NULL;
+        }
+    }
+    return false;
+}
+
 static void RunCheck(PromiseId promise, Check *check)
 {
     int ends[2];
     memset(check, 0, sizeof(*check));
+    if (promise != kPlatformNames && IsMissing(kPromises[promise].declaration)) {
+        Broken(check, "the process lacks %s", kPromises[promise].declaration);
+        return;
+    }
     if (pipe2(ends, O_CLOEXEC) != 0) {
         Skipped(check, "no pipe: %s", strerror(errno));
         return;

@@ -114,6 +114,26 @@ def test_agent_that_cannot_be_started_is_no_success(box):
     assert "/no/such/agent: No such file or directory" in done.stderr
 
 
+# A host in another language, which provides nothing.
+EMPTY_HOST = """
+import ctypes, sys, time
+library = ctypes.CDLL(sys.argv[1])
+library.VQCtrl_AgentSetCPEAdvancedDnsOps()
+library.VQCtrl_DnsmasqConfInitByVpnId(7)
+time.sleep(60)
+"""
+
+
+def test_names_that_an_agent_lacks_are_told(box):
+    done = check_host("--vpn", 7, "--only", "json.", agent=("/usr/bin/python3", "-c", EMPTY_HOST, "%m"))
+
+    assert done.returncode == 1
+    assert set(judged(done).values()) == {"not ok"}
+    assert "seen:      the process lacks json_tokener_parse" in done.stdout
+    done = check_host("--only", "platform.names", agent=("/usr/bin/python3", "-c", EMPTY_HOST, "%m"))
+    assert re.search("seen:      the process lacks VQ_AgentLogGetTag VQ_AgentMemAlloc .* VQ_CmdExec", done.stdout)
+
+
 @pytest.mark.parametrize("options", [(), ("--vpn", "seven"), ("--platform", "router"), ("--nothing",)])
 def test_wrong_usage_is_refused(options):
     assert run(BUILD / "vq-hostcheck", *options, check=False).returncode == 2

@@ -69,6 +69,13 @@ def test_page_is_a_manual_page(page, tmp_path):
     assert set(sections(page)) >= {"NAME", "DESCRIPTION", "EXAMPLES", "SEE ALSO"}
 
 
+def test_page_of_the_host_check_has_its_options():
+    listed = set(re.findall(r"^  (--[a-z]+)", program_help.help_of("vq-hostcheck"), re.M))
+    described = set(names_in(sections("vq-hostcheck.1.scd")["OPTIONS"]))
+    assert {name for name in described if name.startswith("--")} == listed
+    assert len(listed) > 10
+
+
 def test_pages_refer_to_pages_that_exist():
     ours = {page.removesuffix(".scd") for page in PAGES}
     other = {"dnsmasq.8", "nft.8", "ip-netns.8", "systemd.service.5", "sd_notify.3", "sd_watchdog_enabled.3"}
