@@ -34,9 +34,7 @@ int32_t VQ_WriteSyncWithFilePath(const char *path, const char *text, size_t leng
     const int file = mkostemp(temporary, O_CLOEXEC);
     int result = file < 0 ? -errno : WriteAll(file, text, length);
     close(file);
-    if (result == 0 && rename(temporary, path) != 0) {
-        result = -errno;
-    }
+    result = result == 0 && rename(temporary, path) != 0 ? -errno : result;
     if (result != 0) {
         unlink(temporary);
     }

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include "advanced_dns.pb-c.h"
@@ -85,17 +86,22 @@ static void Start(void)
 static VQ_ERR_T ApplyBytes(const uint8_t *bytes, size_t size)
 {
     VQ_ERR_T (*configure)(const VQ_CTRL_DNSMASQ_CONFIG_PB *message);
+    VQ_ERR_T (*stop)(uint32_t vpnId);
     DnsmasqConf *cpe = s_isPop ? NULL : dnsmasq_conf__unpack(NULL, size, bytes);
     PopDnsmasqConf *pop = s_isPop ? pop_dnsmasq_conf__unpack(NULL, size, bytes) : NULL;
     const VQ_CTRL_DNSMASQ_CONFIG_PB messages[] = {{.DnsmasqPbCPE = cpe}, {.DnsmasqPbPOP = pop}};
     const uint32_t vpnId = cpe != NULL && cpe->has_vpnid ? cpe->vpnid : 0;
     VQ_ERR_T result = cpe == NULL && pop == NULL ? -EBADMSG : FindVpn(vpnId) == NULL ? -ENOENT : 0;
     Find("VQCtrl_ConfigAdvancedDns", &configure);
+    Find("VQCtrl_DnsmasqStop", &stop);
     if (result == 0) {
         RepairPidFile(vpnId);
         result = configure(&messages[s_isPop]);
-        const bool isLaunched = result >= 0 && (cpe != NULL ? cpe->enable : pop->enable);
-        result = isLaunched && !AwaitPidFile(vpnId) ? -ESRCH : result;
+        if (result >= 0 && (cpe != NULL ? cpe->enable : pop->enable)) {
+            result = AwaitPidFile(vpnId) ? result : -ESRCH;
+        } else if (result >= 0) {
+            result = stop(vpnId); /* the module lets it run if the rule is lost */
+        }
     }
     dnsmasq_conf__free_unpacked(cpe, NULL);
     pop_dnsmasq_conf__free_unpacked(pop, NULL);
@@ -163,5 +169,6 @@ int main(int count, char **arguments)
     unlink(s_socket); /* a message that comes before Serve waits in the new one */
     Check(bind(host, (struct sockaddr *)&address, sizeof(address)) == 0, s_socket, strerror(errno));
     Start();
+    fprintf(stderr, "example-host: ready\n");
     Serve(host);
 }

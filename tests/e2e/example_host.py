@@ -35,7 +35,7 @@ class ExampleBox:
 
     def start(self, platform="cpe", vpns=CPE_VPNS, module=None, **environment):
         """Starts the host and returns when it takes messages."""
-        SOCKET.unlink(missing_ok=True)
+        self.log_path.write_text("")
         command = self.command(platform, vpns, module or BUILD / "libvqAdvancedDns.so")
         with self.log_path.open("a") as log:
             self.host = subprocess.Popen(command, stdout=log, stderr=log, env={**os.environ, **environment})
@@ -49,7 +49,7 @@ class ExampleBox:
 
     def is_ready(self):
         assert self.host.poll() is None, f"the host ended with {self.host.returncode}: {self.log()}"
-        return SOCKET.exists()
+        return "example-host: ready\n" in self.log()
 
     def stop(self):
         self.host.terminate()

@@ -69,6 +69,15 @@ def test_service_that_is_disabled_leaves_nothing(host):
     assert list(STORE.iterdir()) == []
 
 
+def test_service_whose_rule_was_lost_is_disabled_all_the_same(host):
+    host.start().apply(message())
+    run("ip", "netns", "exec", "vpn_7", "nft", "flush", "ruleset")
+
+    host.apply({"enable": False, "operation": "reload", "vpnid": 7})
+
+    assert instances(7) == []
+
+
 def test_enable_and_disable_at_once_leave_no_instance(host):
     host.start()
     for _ in range(3):
