@@ -132,11 +132,11 @@ static void Serve(int host)
 /* The answer is a result and, if that is negative, the first error that the module logged. */
 static int Apply(int host, struct sockaddr_un *address)
 {
-    const struct timeval patience = {.tv_sec = 60};
-    char *path = realpath(s_apply, NULL);
+    char path[2 * kTextSize] = ""; /* realpath needs 4096 bytes */
     char answer[kTextSize] = "";
-    setsockopt(host, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    const bool isAnswered = path != NULL && bind(host, (struct sockaddr *)address, sizeof(address->sun_family)) == 0 &&
+    setsockopt(host, SOL_SOCKET, SO_RCVTIMEO, &(struct timeval){.tv_sec = 60}, sizeof(struct timeval));
+    const bool isAnswered = realpath(s_apply, path) != NULL &&
+                            bind(host, (struct sockaddr *)address, sizeof(address->sun_family)) == 0 &&
                             connect(host, (struct sockaddr *)address, sizeof(*address)) == 0 &&
                             send(host, path, strlen(path), 0) > 0 && recv(host, answer, sizeof(answer) - 1, 0) > 0;
     Check(isAnswered, s_apply, strerror(errno));
