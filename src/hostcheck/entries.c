@@ -1,5 +1,6 @@
 /* The functions that the module exports. A host that loads this library instead of the module calls them as ever; the
  * first call that says that the host is ready starts the checks. */
+#include <stdatomic.h>
 #include <string.h>
 
 #include "advanced_dns.pb-c.h"
@@ -8,13 +9,12 @@
 #include "vqCtrlAdvancedDns.h"
 #include "vqErrno.h"
 
-static bool s_isStarted;     /* the checks have begun */
-static bool s_isMessageSeen; /* the message of the kit was judged */
+static atomic_bool s_isStarted; /* the checks have begun */
+static bool s_isMessageSeen;    /* the message of the kit was judged */
 
 static void RunOnce(void)
 {
-    if (!s_isStarted) {
-        s_isStarted = true;
+    if (!atomic_exchange(&s_isStarted, true)) {
         WriteComment("hostcheck: VPN %u of a %s", g_settings.vpnId, g_settings.isPop ? "POP" : "CPE");
         if (VQ_IsPersistentConfEnable != NULL && VQ_IsPersistentConfEnable() != FALSE) {
             WriteComment("hostcheck: configuration is kept");

@@ -19,7 +19,7 @@ enum {
     kRelayMs = 100,
     kFirstMessageMs = 3000,
     kMessageMs = 10000,
-    kRecoveryMs = 1000
+    kLateCallsMs = 1000
 };
 
 static void SetEnvironment(const Options *options, const char *report)
@@ -89,12 +89,24 @@ static void CheckMessage(const Options *options, const char *directory, Host *ho
     }
 }
 
-/* Judged by the library, if the host recovers stored records: right after it has initialised its VPNs. */
-static void CheckRecovery(Report *report)
+/* Promises about calls are judged with each call, also after the checks have ended. */
+static bool IsAnyCallSelected(const Report *report)
+{
+    bool isAny = false;
+    for (PromiseId promise = 0; promise < kPromiseCount; ++promise) {
+        const char *id = kPromises[promise].id;
+        const bool isOfCall = strncmp(id, "call.", 5) == 0 || strncmp(id, "thread.", 7) == 0;
+        isAny = isAny || (isOfCall && IsPromiseSelected(promise, report->only));
+    }
+    return isAny;
+}
+
+/* Waits for calls that come right after that which ran the checks, such as the recovery of stored records. */
+static void AwaitLateCalls(Report *report)
 {
     Check check;
     memset(&check, 0, sizeof(check));
-    for (const int64_t end = NowInMs() + kRecoveryMs; !report->hasRecovery && NowInMs() < end;) {
+    for (const int64_t end = NowInMs() + kLateCallsMs; NowInMs() < end;) {
         RelayLines(report, kRelayMs);
     }
     if (!report->hasRecovery) {
@@ -111,8 +123,8 @@ static bool RunFirstPhase(const Options *options, const char *directory, Report 
         return false;
     }
     AwaitChecks(options, directory, &host, report);
-    if (report->isEnded && IsPromiseSelected(kCallRecoverLate, report->only)) {
-        CheckRecovery(report);
+    if (report->isEnded && IsAnyCallSelected(report)) {
+        AwaitLateCalls(report);
     }
     if (report->isEnded && IsPromiseSelected(kCallMessage, report->only)) {
         CheckMessage(options, directory, &host, report);

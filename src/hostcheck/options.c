@@ -79,22 +79,23 @@ static void PrintPromises(void)
     exit(EXIT_SUCCESS);
 }
 
-/* The file beside this program, or else the installed one. */
-static const char *Installed(const char *name)
+enum { kInstalledSize = PATH_MAX * 2 };
+
+/* Writes the path of the file beside this program, or else of the installed one. */
+static const char *Installed(const char *name, char path[kInstalledSize])
 {
     char directory[PATH_MAX];
-    char path[PATH_MAX * 2];
     const ssize_t length = readlink("/proc/self/exe", directory, sizeof(directory) - 1);
     directory[length > 0 ? length : 0] = '\0';
     char *slash = strrchr(directory, '/');
     if (slash != NULL) {
         *slash = '\0';
     }
-    snprintf(path, sizeof(path), "%s/%s", directory, name);
+    snprintf(path, kInstalledSize, "%s/%s", directory, name);
     if (access(path, R_OK) != 0) {
-        snprintf(path, sizeof(path), "%s/" KAVEL_MODULE_DIR "/%s", directory, name);
+        snprintf(path, kInstalledSize, "%s/" KAVEL_MODULE_DIR "/%s", directory, name);
     }
-    return strdup(path);
+    return path;
 }
 
 static void SetOption(Options *options, int option, const char *value)
@@ -153,6 +154,8 @@ void ParseOptions(int argc, char **argv, Options *options)
     *options = (Options){.only = "", .at = "init"};
     options->timeoutMs = kCheckSeconds * kMillisecondsPerSecond;
     options->startMs = kStartSeconds * kMillisecondsPerSecond;
+    static char library[kInstalledSize];
+    static char module[kInstalledSize];
     int found = 0;
     while ((found = getopt_long(argc, argv, "+", kOptions, NULL)) != -1) {
         if (found == 'h') {
@@ -170,6 +173,6 @@ void ParseOptions(int argc, char **argv, Options *options)
         Fail("AGENT", "is missing; see --help");
     }
     options->host = (const char *const *)(argv + optind);
-    options->library = options->library != NULL ? options->library : Installed("libvqHostCheck.so");
-    options->module = options->module != NULL ? options->module : Installed("libvqAdvancedDns.so");
+    options->library = options->library != NULL ? options->library : Installed("libvqHostCheck.so", library);
+    options->module = options->module != NULL ? options->module : Installed("libvqAdvancedDns.so", module);
 }
