@@ -74,7 +74,8 @@ static void Start(void)
     }
     recover();
     VQ_PersistentConfList *list = VQ_SqliteGetDnsMasqConf(s_isPop ? VQ_SQL_CONF_POP_DNSMASQ : VQ_SQL_CONF_CPE_DNSMASQ);
-    VQ_DnsmasqConfNode *node;
+    VQ_DnsmasqConfNode *node = NULL;
+    Check(list != NULL, "store", strerror(ENOMEM));
     cds_list_for_each_entry(node, &list->Head, List)
     {
         (void)(node->Dnsmasq.Enable && AwaitPidFile(node->Dnsmasq.VpnId));
@@ -97,11 +98,9 @@ static VQ_ERR_T ApplyBytes(const uint8_t *bytes, size_t size)
     if (result == 0) {
         RepairPidFile(vpnId);
         result = configure(&messages[s_isPop]);
-        if (result >= 0 && (cpe != NULL ? cpe->enable : pop->enable)) {
-            result = AwaitPidFile(vpnId) ? result : -ESRCH;
-        } else if (result >= 0) {
-            result = stop(vpnId); /* the module lets it run if the rule is lost */
-        }
+        const bool isEnabled = cpe != NULL ? cpe->enable : pop->enable;
+        result = result >= 0 && isEnabled && !AwaitPidFile(vpnId) ? -ESRCH : result;
+        result = result >= 0 && !isEnabled ? stop(vpnId) : result; /* the module lets it run if the rule is lost */
     }
     dnsmasq_conf__free_unpacked(cpe, NULL);
     pop_dnsmasq_conf__free_unpacked(pop, NULL);

@@ -54,7 +54,8 @@ VQ_ERR_T VQ_RtcNetNsSwitchToDefault(int *savedNs)
         return 0;
     }
     if (HasFault("switch-leaks-handle") && *savedNs >= 0) {
-        (void)dup(*savedNs);
+        const int leaked = dup(*savedNs);
+        (void)leaked;
     }
     return Real_VQ_RtcNetNsSwitchToDefault(savedNs);
 }
