@@ -10,7 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
-enum { kStopMs = 10000, kPollMs = 20, kNotFound = 127 };
+enum { kStopMs = 10000, kPollMs = 5, kCommandMs = 60000, kNotFound = 127 };
 
 char *Replaced(const char *text, const char *mark, const char *by)
 {
@@ -108,10 +108,16 @@ int RunCommand(const char *command, const char *file)
     const pid_t pid = fork();
     if (pid == 0) {
         char *words[] = {(char *)"/bin/sh", (char *)"-c", line, NULL};
+        setpgid(0, 0);
         BecomeCommand(words);
     }
-    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    pid_t ended = pid;
+    for (int waited = 0; pid > 0 && (ended = waitpid(pid, &status, WNOHANG)) == 0; waited += kPollMs) {
+        if (waited >= kCommandMs) {
+            kill(-pid, SIGKILL);
+        }
+        nanosleep(&(const struct timespec){0, kPollMs * 1000000L}, NULL);
     }
     free(line);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return ended == pid && pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

@@ -24,7 +24,8 @@ void StopHost(Host *host);
 /* How it has ended, for a message. */
 const char *DescribeHostEnd(const Host *host);
 
-/* Runs a shell command in which "%f" is replaced by `file`. Returns its exit status, -1 if it was ended. */
+/* Runs a shell command in which "%f" is replaced by `file`. Returns its exit status, -1 if a signal ended it. It is
+ * killed after a minute. */
 int RunCommand(const char *command, const char *file);
 
 /* Replaces each `mark` in `text`; the result is the caller's. */

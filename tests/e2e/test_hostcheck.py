@@ -38,7 +38,8 @@ def judged(done):
 
 
 def promises():
-    return set(re.findall(r"^(\S+\.\S+) \((?:must|should)\)$", run(BUILD / "vq-hostcheck", "--list").stdout, re.MULTILINE))
+    listed = run(BUILD / "vq-hostcheck", "--list").stdout
+    return set(re.findall(r"^(\S+\.\S+) \((?:must|should)\)$", listed, re.MULTILINE))
 
 
 def apply_command():
