@@ -17,13 +17,17 @@ VQ_EXTERN_C_BEGIN
 #define VQ_LOG_LEVEL_WARNING 3U
 #define VQ_LOG_LEVEL_ERROR 4U
 
-/* The operations that write the lines of a module. Any of them may be null; a null one is not called. */
-
+/* The operations that write the lines of a module. Any of them may be null; a null one is not called.
+ * The format begins with "<%s%s>%s[%s:%d] ", and its first five arguments fill that: the text of the level, the name of
+ * the module, the name of the thread in square brackets or nothing, the function and the line of the source. A line
+ * ends in a newline. LogLevel2Str returns a text, never null; hosts return it in upper case with a colon behind it,
+ * "ERROR:", so that the prefix reads "<ERROR:advanceddns>". The host keeps ownership of that text. */
 typedef struct {
     void (*Log)(const char *Tag, uint32_t Level, const char *Format, ...) VQ_PRINTF_LIKE(3, 4);
     void (*LogValist)(const char *Tag, uint32_t Level, const char *Format, va_list Args);
     const char *(*LogLevel2Str)(uint32_t Level);
 } VQ_LOG_IMPL_ITEM;
+VQ_ASSERT_SIZE(VQ_LOG_IMPL_ITEM, 3 * sizeof(void *));
 
 /* TRUE if a line of `Module` at `Level` is to be written for `Function`. `Flag` is TRUE for the line itself and FALSE
  * for the dump of the flex-log buffer that may follow an error. */

@@ -33,6 +33,13 @@ typedef struct {
     VQ_CONF_LAN LanConf;
 } VQ_RTCLanListNode;
 
+VQ_ASSERT_SIZE(VQ_CONF_WAN, 4);
+VQ_ASSERT_OFFSET(VQ_RTCWanListNode, list, 0);
+VQ_ASSERT_OFFSET(VQ_RTCWanListNode, WanConf, 2 * sizeof(void *));
+VQ_ASSERT_SIZE(VQ_CONF_LAN, VQ_IF_NAME_SIZE);
+VQ_ASSERT_OFFSET(VQ_RTCLanListNode, list, 0);
+VQ_ASSERT_OFFSET(VQ_RTCLanListNode, LanConf, 2 * sizeof(void *));
+
 /* Returns a new list of VQ_RTCWanListNode and stores the number of nodes in `Count`. If the VPN has no WAN, the list is
  * null or the count is 0. The caller releases every list that is not null with VQ_RtcNetioNodeListRelease, whatever its
  * count. */

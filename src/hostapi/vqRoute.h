@@ -33,6 +33,16 @@ typedef struct {
     char IfName[VQ_RTC_NEXTHOP_MAX][VQ_IF_NAME_SIZE];
 } VQ_RTC_ROUTE_CONF;
 
+VQ_ASSERT_ENUM32(VQ_IN_ADDR_TYPE);
+VQ_ASSERT_OFFSET(VQ_CONF_IP_MASK, IpType, 16);
+VQ_ASSERT_OFFSET(VQ_CONF_IP_MASK, Mask, 17);
+VQ_ASSERT_SIZE(VQ_CONF_IP_MASK, 20);
+VQ_ASSERT_OFFSET(VQ_RTC_ROUTE_CONF, TargetIp, 4);
+VQ_ASSERT_OFFSET(VQ_RTC_ROUTE_CONF, NexthopNum, 24);
+VQ_ASSERT_OFFSET(VQ_RTC_ROUTE_CONF, Nexthop, 28);
+VQ_ASSERT_OFFSET(VQ_RTC_ROUTE_CONF, IfName, 28 + VQ_RTC_NEXTHOP_MAX * 20);
+VQ_ASSERT_SIZE(VQ_RTC_ROUTE_CONF, 28 + VQ_RTC_NEXTHOP_MAX * (20 + VQ_IF_NAME_SIZE));
+
 /* Adds `Route` to the VPN. `Route` stays the property of the caller. 0 or more on success. -17: the VPN has this route
  * already. */
 VQ_ERR_T VQ_RTCRouteAdd(uint32_t VpnId, const VQ_RTC_ROUTE_CONF *Route);

@@ -174,6 +174,88 @@ typedef struct {
     VQ_CONF_RULE_ACTIONS Actions;
 } VQ_CONF_RULE;
 
+VQ_ASSERT_ENUM32(VQ_CONF_RULE_OP_TYPE);
+VQ_ASSERT_ENUM32(VQ_CONF_RULE_TBL_TYPE);
+VQ_ASSERT_ENUM32(VQ_IMC_OP_TYPE_RULE);
+VQ_ASSERT_ENUM32(VQ_DNAT_TBL_ZONE0_RULE_ID);
+VQ_ASSERT_ENUM32(VQ_CONF_DP_IF_TYPE);
+VQ_ASSERT_SIZE(VQ_CONF_RULE_PORT_RANGE, 4);
+VQ_ASSERT_SIZE(VQ_CONF_RULE_PORT, 8);
+VQ_ASSERT_SIZE(VQ_CONF_RULE_OUTPUT, 8);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, Pad, 11);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, InVpnId, 12);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, SrcIp, 20);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, DstIp, 20 + VQ_CONF_RULE_ENTRY_MAX * 20);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, AcsName, 20 + 2 * VQ_CONF_RULE_ENTRY_MAX * 20);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, SrcPort, 20 + 2 * VQ_CONF_RULE_ENTRY_MAX * 20 + VQ_CONF_RULE_NAME_SIZE);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, DstPort, offsetof(VQ_CONF_RULE_MATCH, SrcPort) + VQ_CONF_RULE_ENTRY_MAX * 4);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, Proto, offsetof(VQ_CONF_RULE_MATCH, DstPort) + VQ_CONF_RULE_ENTRY_MAX * 4);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, TransId, offsetof(VQ_CONF_RULE_MATCH, Proto) + 2 * VQ_CONF_RULE_ENTRY_MAX);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, Reg, offsetof(VQ_CONF_RULE_MATCH, TransId) + VQ_CONF_RULE_ENTRY_MAX * 2);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_MATCH, InPort, offsetof(VQ_CONF_RULE_MATCH, Reg) + VQ_CONF_RULE_ENTRY_MAX * 4);
+VQ_ASSERT_SIZE(VQ_CONF_RULE_MATCH, offsetof(VQ_CONF_RULE_MATCH, InPort) + 2 * VQ_CONF_RULE_ENTRY_MAX * 8);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_ACTION_NAT, IpNum, VQ_CONF_RULE_NAT_IP_MAX * 16);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_ACTION_NAT, PortRange, VQ_CONF_RULE_NAT_IP_MAX * 16 + 2);
+VQ_ASSERT_SIZE(VQ_CONF_RULE_ACTION_NAT, VQ_CONF_RULE_NAT_IP_MAX * 16 + 8);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_ACTIONS, OutputNum, 1);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_ACTIONS, SetRegValue, 4);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_ACTIONS, OutputArray, 20);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE_ACTIONS, NatInfo, 20 + VQ_CONF_RULE_ENTRY_MAX * 8);
+VQ_ASSERT_SIZE(VQ_CONF_RULE_ACTIONS, offsetof(VQ_CONF_RULE_ACTIONS, NatInfo) + sizeof(VQ_CONF_RULE_ACTION_NAT));
+VQ_ASSERT_OFFSET(VQ_CONF_RULE, RuleVer, 8);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE, VpnId, 12);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE, Id, 16);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE, CustomerId, 28);
+#ifdef __i386__
+VQ_ASSERT_OFFSET(VQ_CONF_RULE, TimeStamp, 36);
+#else
+VQ_ASSERT_OFFSET(VQ_CONF_RULE, TimeStamp, 40);
+#endif
+VQ_ASSERT_OFFSET(VQ_CONF_RULE, Match, offsetof(VQ_CONF_RULE, TimeStamp) + 8);
+VQ_ASSERT_OFFSET(VQ_CONF_RULE, Actions, offsetof(VQ_CONF_RULE, Match) + sizeof(VQ_CONF_RULE_MATCH));
+
+/* The DNS module builds two rules. All fields that are not shown are 0.
+ *
+ * The steering rule of VPN 7, whose customer is 42: the DNS traffic of the VPN's clients goes to the box itself, where
+ * the instance listens. It names no protocol and no port: the DNS table is for UDP and TCP port 53. It is added with
+ * operation VQ_IMC_OP_TYPE_RULE_DNS_INSERT and deleted by zone 0, id 9, customer 42 and VQ_IMC_OP_TYPE_RULE_DNS_DELETE.
+ * A deletion does not name the VPN: that is the id less 2.
+ *
+ * - OpType = 0: VQ_CONF_RULE_OP_TYPE_INSERT
+ * - Table = 3: VQ_CONF_RULE_TBL_TYPE_DNS
+ * - VpnId = 7
+ * - Id = 9: the id of the VPN plus 2. Ids wrap around: VPN 4294967295 has 1
+ * - PreId = 1
+ * - CustomerId = 42: of VQ_GetCustomerIdByVpnId, or of VQ_PlatformGetCustomerId if the host does not know the VPN's
+ * - Match.OutPortNum = 1
+ * - Match.OutPort[0].Type = 6: VQ_CONF_DP_IF_TYPE_LOCAL
+ * - Actions.OutputNum = 1
+ * - Actions.OutputArray[0].Type = 6: VQ_CONF_DP_IF_TYPE_LOCAL
+ * - Actions.OutputArray[0].Priority = 1
+ *
+ * A POP has this rule for VPN 0, and a second one: queries over UDP that come in on a CPE-to-POP connection get the
+ * address 10.88.0.1 as their destination. It is added with VQ_IMC_OP_TYPE_RULE_DNAT_INSERT and deleted by zone 0, id 3,
+ * customer 0 and VQ_IMC_OP_TYPE_RULE_DNAT_DELETE.
+ *
+ * - OpType = 0: VQ_CONF_RULE_OP_TYPE_INSERT
+ * - Table = 2: VQ_CONF_RULE_TBL_TYPE_DNAT
+ * - Id = 3: VQ_DNAT_TBL_ZONE0_RULE_ID_DNSMASQ
+ * - PreId = 1
+ * - Match.DstPortNum = 1
+ * - Match.DstPort[0] = 53 to 53
+ * - Match.ProtoNum = 1
+ * - Match.Proto[0] = 17: UDP
+ * - Match.InPortNum = 1
+ * - Match.InPort[0].Type = 4: VQ_CONF_DP_IF_TYPE_VQCONN_C2P
+ * - Actions.DnatFlag = 1
+ * - Actions.NatInfo.Ip[0] = 0x0A580001
+ * - Actions.NatInfo.IpNum = 1
+ * - Actions.NatInfo.IpType = 0: VQ_IN_ADDR_TYPE_IPV4
+ *
+ * The rule of VPN 0 is added first and deleted first. If that fails, the other one is not added or not deleted. The two
+ * are for different packets: the first for those of the box's LANs, the second for those of CPE-to-POP connections. In
+ * a data plane where both match a packet, the second should decide, because it names the address. */
+
 /* Installs `Rule` and replaces a rule with the same id in the same table and zone. `Rule` stays the property of the
  * caller. `Op` is the operation code (VQ_IMC_OP_TYPE_RULE). The host defines the meaning of the two flags; the DNS
  * module passes FALSE and TRUE. 0 or more on success, a negated errno value on failure. */

@@ -66,6 +66,14 @@ typedef struct {
     void *IpMacStrToConf;
 } VQ_DATA_CONTENT_TRANS_OP;
 
+VQ_ASSERT_ENUM32(VQ_SQL_CONF_TBL);
+VQ_ASSERT_ENUM32(VQ_SQL_CONF_OP);
+VQ_ASSERT_OFFSET(VQ_DnsmasqConfNode, Dnsmasq, 2 * sizeof(void *));
+VQ_ASSERT_OFFSET(VQ_PersistentConfList, Count, 2 * sizeof(void *));
+VQ_ASSERT_OFFSET(VQ_DATA_CONTENT_TRANS_OP, DnsmasqConfToStr, 15 * sizeof(void *));
+VQ_ASSERT_OFFSET(VQ_DATA_CONTENT_TRANS_OP, DnsmasqStrToConf, 16 * sizeof(void *));
+VQ_ASSERT_SIZE(VQ_DATA_CONTENT_TRANS_OP, 32 * sizeof(void *));
+
 /* TRUE if the host keeps configuration in its store. */
 BOOL VQ_IsPersistentConfEnable(void);
 

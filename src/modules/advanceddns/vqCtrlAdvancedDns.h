@@ -62,6 +62,9 @@ typedef struct {
     VQ_ERR_T (*RecoverDnsmasqConf)(void);
 } VQ_CTRL_DNSMASQ_OPERATIONS;
 
+VQ_ASSERT_SIZE(VQ_CTRL_DNSMASQ_CONFIG_PB, sizeof(void *));
+VQ_ASSERT_SIZE(VQ_CTRL_DNSMASQ_OPERATIONS, 12 * sizeof(void *));
+
 /* ---- Platform, messages, recovery ---- */
 
 /* Install the operations of a CPE or of a POP. Each replaces the whole table. */
