@@ -188,8 +188,7 @@ TEST_P(Replacement, ReportsEveryErrorAndLeavesNoTemporaryFile)
         AtEveryCall(
             Kind::kFail, error, [this](const Disturbance &failure) { return Write(failure); },
             [&](const Outcome &outcome, const SystemCall &failed) {
-                const bool harmless =
-                    failed.Is("close") || failed.Is("stat") || (failed.Is("write") && error == EINTR);
+                const bool harmless = failed.Is("close") || failed.Is("stat") || (failed.Is("write") && error == EINTR);
                 EXPECT_EQ(outcome.result, harmless ? 0 : -error);
                 EXPECT_TRUE(Renamed(outcome) ? HasNewContent() : HasOldContent());
                 EXPECT_THAT(FilesBeside(), IsEmpty());
