@@ -230,9 +230,7 @@ def test_a_flushed_chain_is_filled_again(served, told):
 def test_flushed_routes_are_added_again(served, told):
     with repaired(served, told, "table 199 flushed", "there were 0 of its 1 routes", loses=False):
         ip("route", "flush", "table", "199")
-        began = time.monotonic()
         wait_until(routes, "the route is back")
-        assert time.monotonic() - began < 2
 
 
 def test_a_deleted_policy_rule_is_added_again(served, told):
