@@ -110,11 +110,14 @@ class FakeInstance {
     // Kills it. Somebody else may reap it.
     void Kill() const;
     [[nodiscard]] bool IsAlive() const;
+    // How often it got SIGHUP.
+    [[nodiscard]] std::size_t Reloads() const;
     // Ends it, and waits until it is gone.
     void Stop();
 
   private:
-    UniqueFd input_; // the process ends with it
+    UniqueFd input_;      // the process ends with it
+    std::string reloads_; // a file that gets a line for each
     pid_t pid_ = -1;
     std::optional<ProcessHandle> handle_; // nothing once it is gone
 };

@@ -157,6 +157,8 @@ TEST_F(UpkeepTest, ALostPidFileIsSeen)
     instances_.RemovePidFile(0);
     EXPECT_TRUE(RunUntil(loop_, [this] { return Described().fields.repairs == 1; }));
     EXPECT_EQ(instances_.ReadPidFile(0).pid, instance.Pid());
+    EXPECT_TRUE(RunUntil(loop_, [&] { return instance.Reloads() == 1; })) << "a message may have come meanwhile";
+    EXPECT_TRUE(instance.IsAlive());
 }
 
 TEST_F(UpkeepTest, AfterALaunchTheVpnIsLookedAt)
