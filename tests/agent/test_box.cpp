@@ -90,7 +90,12 @@ TempDir::~TempDir()
 
 std::uint32_t TestVpn(std::uint32_t number)
 {
-    return 3'000'000'000U + static_cast<std::uint32_t>(::getpid()) * 16U + number;
+    return 3'000'000'000U + static_cast<std::uint32_t>(::getpid()) * kTestVpns + number;
+}
+
+bool IsTestVpn(std::uint32_t vpnId)
+{
+    return vpnId - TestVpn(0) < kTestVpns;
 }
 
 TestBox::TestBox()

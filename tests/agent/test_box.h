@@ -54,8 +54,10 @@ class TempDir {
 };
 
 // A VPN id that no other process on this machine uses at this moment: instances are found by their command lines,
-// whoever started them. `number` is below 16.
+// whoever started them. `number` is below kTestVpns.
+inline constexpr std::uint32_t kTestVpns = 16;
 std::uint32_t TestVpn(std::uint32_t number);
+[[nodiscard]] bool IsTestVpn(std::uint32_t vpnId); // of this process
 
 // The directories of a box below a temporary one: those of pid files, marks and instances. None of its VPNs has a
 // network namespace.
