@@ -46,11 +46,14 @@ class StatusQueryTest : public testing::Test {
         return result;
     }
 
+    // Without the instances of other tests that run at the same time.
     static std::vector<std::uint32_t> VpnsOf(const std::vector<VpnStatus> &statuses)
     {
         std::vector<std::uint32_t> vpnIds;
         for (const VpnStatus &status : statuses) {
-            vpnIds.push_back(status.fields.vpn);
+            if (status.fields.vpn == 0 || IsTestVpn(status.fields.vpn)) {
+                vpnIds.push_back(status.fields.vpn);
+            }
         }
         return vpnIds;
     }

@@ -43,13 +43,13 @@ void SetUser(uid_t user)
     Require(::prctl(PR_SET_DUMPABLE, 1) == 0, "prctl");
 }
 
-// For a moment after it was started a process has no command line; where programs are emulated it has this program's.
-void AwaitCommandLine(pid_t pid, const std::string &program)
+template <typename Condition>
+void Await(const std::string &what, Condition condition)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!ReadCommandLine(pid).starts_with(program)) {
+    while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
-            throw std::runtime_error("a process does not run " + program);
+            throw std::runtime_error(what);
         }
         ::sched_yield();
     }
@@ -90,7 +90,12 @@ TempDir::~TempDir()
 
 std::uint32_t TestVpn(std::uint32_t number)
 {
-    return 3'000'000'000U + static_cast<std::uint32_t>(::getpid()) * 16U + number;
+    return 3'000'000'000U + static_cast<std::uint32_t>(::getpid()) * kTestVpns + number;
+}
+
+bool IsTestVpn(std::uint32_t vpnId)
+{
+    return vpnId - TestVpn(0) < kTestVpns;
 }
 
 TestBox::TestBox()
@@ -173,14 +178,20 @@ FakeInstance::FakeInstance(const TestBox &box, std::uint32_t vpnId, const std::s
     ::posix_spawn_file_actions_adddup2(&actions, output.Get(), STDIN_FILENO);
     std::string name = path;
     std::string option = "-c";
-    std::string script = "read line";
+    const std::string reloads = box.Path("/reloads.");
+    std::string script = "trap 'reload=1; echo >>" + reloads + "$$' HUP; : >>" + reloads +
+                         "$$; reload=1; while [ $reload ]; do reload=; read line && exit; done";
     std::string pidFile = "--pid-file=" + PidFilePath(vpnId);
     const std::array<char *, 5> arguments{name.data(), option.data(), script.data(), pidFile.data(), nullptr};
     errno = ::posix_spawn(&pid_, path.c_str(), &actions, nullptr, arguments.data(), environ);
     ::posix_spawn_file_actions_destroy(&actions);
     Require(errno == 0, "posix_spawn");
     handle_ = ProcessHandle::Open(pid_);
-    AwaitCommandLine(pid_, path);
+    reloads_ = reloads + std::to_string(pid_);
+    // For a moment after it was started a process has no command line; where programs are emulated it has this
+    // program's.
+    Await("a process does not run " + path, [&] { return ReadCommandLine(pid_).starts_with(path); });
+    Await("a fake instance does not start", [&] { return std::filesystem::exists(reloads_); });
 }
 
 FakeInstance::~FakeInstance()
@@ -201,6 +212,11 @@ void FakeInstance::Stop()
 void FakeInstance::Kill() const
 {
     handle_->Signal(SIGKILL);
+}
+
+std::size_t FakeInstance::Reloads() const
+{
+    return std::filesystem::file_size(reloads_);
 }
 
 bool FakeInstance::IsAlive() const

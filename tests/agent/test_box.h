@@ -54,8 +54,10 @@ class TempDir {
 };
 
 // A VPN id that no other process on this machine uses at this moment: instances are found by their command lines,
-// whoever started them. `number` is below 16.
+// whoever started them. `number` is below kTestVpns.
+inline constexpr std::uint32_t kTestVpns = 16;
 std::uint32_t TestVpn(std::uint32_t number);
+[[nodiscard]] bool IsTestVpn(std::uint32_t vpnId); // of this process
 
 // The directories of a box below a temporary one: those of pid files, marks and instances. None of its VPNs has a
 // network namespace.
@@ -110,11 +112,14 @@ class FakeInstance {
     // Kills it. Somebody else may reap it.
     void Kill() const;
     [[nodiscard]] bool IsAlive() const;
+    // How often it got SIGHUP.
+    [[nodiscard]] std::size_t Reloads() const;
     // Ends it, and waits until it is gone.
     void Stop();
 
   private:
-    UniqueFd input_; // the process ends with it
+    UniqueFd input_;      // the process ends with it
+    std::string reloads_; // a file that gets a line for each
     pid_t pid_ = -1;
     std::optional<ProcessHandle> handle_; // nothing once it is gone
 };

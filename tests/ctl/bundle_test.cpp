@@ -1,6 +1,7 @@
 // The parts of a bundle: its content, the programs that are run for it, and its archive.
 #include "bundle.h"
 
+#include <algorithm>
 #include <chrono>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -77,21 +78,19 @@ TEST(RunProgramTest, AProgramThatIsNotInstalledIsTold)
 
 TEST(RunProgramTest, KillsAProgramThatTakesTooLong)
 {
-    const auto start = std::chrono::steady_clock::now();
-    const ProgramResult result = RunProgram({"sh", "-c", "echo first; sleep 30"}, 300ms, kMost);
+    const ProgramResult result = RunProgram({"sh", "-c", "echo first; sleep 100"}, 2s, kMost);
     EXPECT_EQ(result.output, "first\n");
     EXPECT_EQ(result.problem, "takes too long");
-    EXPECT_EQ(RunProgram({"sh", "-c", "exec >&- 2>&-; sleep 30"}, 300ms, kMost).problem, "takes too long");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    EXPECT_EQ(RunProgram({"sh", "-c", "exec >&- 2>&-; sleep 100"}, 300ms, kMost).problem, "takes too long");
 }
 
 TEST(RunProgramTest, DoesNotWaitForWhatTheProgramLeavesBehind)
 {
     const auto start = std::chrono::steady_clock::now();
-    const ProgramResult result = RunProgram({"sh", "-c", "echo done; sleep 20 &"}, 10s, kMost);
+    const ProgramResult result = RunProgram({"sh", "-c", "echo done; sleep 100 &"}, 200s, kMost);
     EXPECT_EQ(result.output, "done\n");
     EXPECT_EQ(result.problem, "");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 100s);
 }
 
 TEST(RunProgramTest, KillsAProgramThatWritesTooMuch)
@@ -169,10 +168,11 @@ TEST_F(BundleAgentTest, AHangingAgentCostsOneTimeout)
     session_.socket = path;
     session_.timeout = 300ms;
     BundleContent content;
-    const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(CollectFromAgent(session_, content));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-    EXPECT_THAT(content.Notes().front(), HasSubstr("the agent did not reply within 0.3 s"));
+    const std::vector<std::string> notes = content.Notes();
+    EXPECT_THAT(notes.front(), HasSubstr("the agent did not reply within 0.3 s"));
+    EXPECT_EQ(std::ranges::count_if(notes, [](const std::string &note) { return note.find("within") != note.npos; }),
+              1);
 }
 
 class BundleBoxTest : public testing::Test {

@@ -1,6 +1,7 @@
 """An agent that repairs nothing by itself tells each fault, and repairs it when it is asked to. What is switched off in
 the middle of a fault stays off."""
 
+import json
 import shutil
 import time
 
@@ -70,6 +71,18 @@ def test_without_repair_a_fault_is_told_and_repaired_when_asked(unrepaired, told
     assert unrepaired.status()["problems"] == []
     assert unrepaired.vqctl("repair").stdout == "nothing to repair\n"
     told(fault, told_as, asked.stdout.strip())
+
+
+def test_a_reload_that_came_without_a_pid_file_is_in_force_after_the_repair(unrepaired):
+    pid_file().unlink()
+    done = unrepaired.vqctl("apply", "-", input=json.dumps(
+        kept(operation="reload", dnshosts=[{"domain": "nas.vpn7.example", "ip": "192.168.7.77"}])))
+    assert done.returncode == 4, done.stdout + done.stderr
+    assert ask("nas.vpn7.example") == ["192.168.7.10"]
+
+    assert "its pid file was gone" in unrepaired.vqctl("repair", "--vpn", 7).stdout
+
+    expect("192.168.7.77", "nas.vpn7.example")
 
 
 # ---- off stays off ----

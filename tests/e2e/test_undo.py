@@ -226,27 +226,31 @@ def apply_to_confirm(box, one, seconds):
                            f"vqctl confirm {one['vpnid']}\n")
 
 
+def sleep_until(moment):
+    time.sleep(max(0.0, moment - time.monotonic()))
+
+
 def unconfirmed(vpn=7):
     return (STATE / f"vpn_{vpn}.unconfirmed").exists()
 
 
 def test_a_confirmed_message_stays(kept):
-    stored = rows()[7]
-    apply_to_confirm(kept, AFTER, 2)
+    stored, began = rows()[7], time.monotonic()
+    apply_to_confirm(kept, AFTER, 8)
     expect("192.168.7.99", "after.example")
     assert rows()[7] == stored and unconfirmed()
     assert "vpn 7: not confirmed, undone in " in kept.vqctl("status", "--vpn", "7").stdout
-    assert kept.status()["undone_in_seconds"] <= 2
+    assert 0 < kept.status()["undone_in_seconds"] <= 8
 
     done = kept.vqctl("confirm", "7")
 
     assert (done.returncode, done.stdout, done.stderr) == (0, "vpn 7: confirmed\n", "")
     assert "after.example" in rows()[7] and not unconfirmed()
     assert "undone_in_seconds" not in kept.status()
-    time.sleep(2.5)
+    sleep_until(began + 9)
     expect("192.168.7.99", "after.example")
     assert [(one["outcome"], one["undone"]) for one in entries(kept)[:2]] == [
-        ("confirmed", False), ("applied, to be confirmed within 2 s", False)]
+        ("confirmed", False), ("applied, to be confirmed within 8 s", False)]
 
 
 def test_a_message_that_is_not_confirmed_is_undone(kept):
@@ -282,10 +286,10 @@ def test_a_restart_of_the_agent_does_not_confirm(kept):
 
 
 def test_the_time_goes_on_without_an_agent(kept):
-    apply_to_confirm(kept, AFTER, 1)
+    apply_to_confirm(kept, AFTER, 4)
     kept.agent.kill()
     kept.agent.wait()
-    time.sleep(1.2)
+    time.sleep(4.2)
     expect("192.168.7.99", "after.example")
     kept.start()
     expect("192.168.7.10", "nas.example")
@@ -310,15 +314,16 @@ def test_a_row_that_is_held_back_is_not_repaired(kept):
 
 
 def test_another_message_confirms(kept):
-    apply_to_confirm(kept, AFTER, 1)
+    began = time.monotonic()
+    apply_to_confirm(kept, AFTER, 5)
     kept.apply({**AFTER, "dnshosts": [{"domain": "last.example", "ip": "192.168.7.98"}]})
     assert not unconfirmed() and "last.example" in rows()[7]
-    time.sleep(1.5)
+    sleep_until(began + 6)
     expect("192.168.7.98", "last.example")
 
 
 def test_a_refused_message_confirms_nothing(kept):
-    apply_to_confirm(kept, AFTER, 2)
+    apply_to_confirm(kept, AFTER, 5)
     kept.refused(message(7, operation=9))
     assert unconfirmed()
     expect("192.168.7.10", "nas.example")

@@ -89,7 +89,7 @@ def served(unattended):
     unattended.apply(message(dnsservers=[{"dnsserver": "10.7.0.53"}, {"dnsserver": "203.0.113.53", "ifname": "wan0"}],
                              dnsproxies=[FORWARD], dnsmxhost=[
                                  {"sourcedomain": "vpn7.example", "targetdomain": "mail.vpn7.example", "preference": 10}]))
-    assert why(unattended) == {}
+    wait_until(lambda: why(unattended) == {}, "the servers of the lab answer")
     return unattended
 
 

@@ -102,19 +102,17 @@ std::optional<std::vector<std::string>> TxtStrings(std::span<const std::uint8_t>
 
 std::optional<UpstreamCounters> ReadUpstream(std::string_view text)
 {
-    std::istringstream words{std::string(text)};
-    std::string server;
-    std::string asked;
-    std::string failed;
-    if (!(words >> server >> asked >> failed)) {
+    std::istringstream stream{std::string(text)};
+    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+    if (words.size() < 3) {
         return std::nullopt;
     }
-    const auto askedNumber = WholeNumber<std::uint64_t>(asked);
-    const auto failedNumber = WholeNumber<std::uint64_t>(failed);
-    if (!askedNumber || !failedNumber) {
+    const auto asked = WholeNumber<std::uint64_t>(words[1]);
+    const auto failed = WholeNumber<std::uint64_t>(words[2]);
+    if (!asked || !failed) {
         return std::nullopt;
     }
-    return UpstreamCounters{std::move(server), *askedNumber, *failedNumber};
+    return UpstreamCounters{words[0], *asked, *failed};
 }
 
 DnsCountersQuery::DnsCountersQuery(EventLoop &loop, Host &host, std::vector<std::uint32_t> vpnIds, OnEnd onEnd)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <utility>
 
 namespace kavel::agent {
 namespace {
@@ -99,11 +100,13 @@ void PutInOrder(std::vector<Finding> &findings)
     const auto isSame = [](const Finding &a, const Finding &b) {
         return a.fault == b.fault && a.subject == b.subject && (!a.subject.empty() || a.text == b.text);
     };
-    for (auto at = findings.begin(); at != findings.end(); ++at) {
-        findings.erase(
-            std::remove_if(std::next(at), findings.end(), [&](const Finding &each) { return isSame(*at, each); }),
-            findings.end());
+    std::vector<Finding> kept;
+    for (Finding &each : findings) {
+        if (std::ranges::none_of(kept, [&](const Finding &one) { return isSame(one, each); })) {
+            kept.push_back(std::move(each));
+        }
     }
+    findings = std::move(kept);
 }
 
 } // namespace kavel::agent

@@ -26,7 +26,7 @@ struct VpnStatus {
     std::optional<std::string> lastRepair;
     std::optional<std::string> revision;
     // For metrics: they are not sent with a status.
-    std::uint32_t failedLaunches = 0;        // since this agent has started
+    std::uint32_t failedLaunches = 0; // since this agent has started
 };
 
 // What is stored for the VPNs whose status is asked for.

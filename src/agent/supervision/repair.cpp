@@ -231,11 +231,15 @@ RepairOutcome Repairs::RepairRoutes(std::uint32_t vpnId)
     });
 }
 
+// The module finds an instance by its pid file: a reload that came while it was wrong has not reached the instance.
 RepairOutcome Repairs::RepairPidFile(std::uint32_t vpnId, pid_t instance)
 {
     return WithModule(vpnId, [&] {
         if (instance != 0) {
             instances_.WritePidFile(vpnId, instance);
+            if (const auto process = ProcessHandle::Open(instance)) {
+                process->Signal(SIGHUP);
+            }
         } else {
             instances_.RemovePidFile(vpnId);
         }
