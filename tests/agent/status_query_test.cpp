@@ -51,7 +51,7 @@ class StatusQueryTest : public testing::Test {
     {
         std::vector<std::uint32_t> vpnIds;
         for (const VpnStatus &status : statuses) {
-            if (status.fields.vpn == 0 || IsTestVpn(status.fields.vpn)) {
+            if (!IsTestVpnOfOthers(status.fields.vpn)) {
                 vpnIds.push_back(status.fields.vpn);
             }
         }

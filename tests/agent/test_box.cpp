@@ -25,6 +25,8 @@
 namespace kavel::agent {
 namespace {
 
+constexpr std::uint32_t kFirstTestVpn = 3'000'000'000U;
+
 constexpr uid_t kOrdinaryUser = 65534;
 
 FakeModule *g_module = nullptr;
@@ -90,12 +92,12 @@ TempDir::~TempDir()
 
 std::uint32_t TestVpn(std::uint32_t number)
 {
-    return 3'000'000'000U + static_cast<std::uint32_t>(::getpid()) * kTestVpns + number;
+    return kFirstTestVpn + static_cast<std::uint32_t>(::getpid()) * kTestVpns + number;
 }
 
-bool IsTestVpn(std::uint32_t vpnId)
+bool IsTestVpnOfOthers(std::uint32_t vpnId)
 {
-    return vpnId - TestVpn(0) < kTestVpns;
+    return vpnId >= kFirstTestVpn && vpnId - TestVpn(0) >= kTestVpns;
 }
 
 TestBox::TestBox()

@@ -57,7 +57,7 @@ class TempDir {
 // whoever started them. `number` is below kTestVpns.
 inline constexpr std::uint32_t kTestVpns = 16;
 std::uint32_t TestVpn(std::uint32_t number);
-[[nodiscard]] bool IsTestVpn(std::uint32_t vpnId); // of this process
+[[nodiscard]] bool IsTestVpnOfOthers(std::uint32_t vpnId); // of another process
 
 // The directories of a box below a temporary one: those of pid files, marks and instances. None of its VPNs has a
 // network namespace.
