@@ -102,17 +102,17 @@ std::optional<std::vector<std::string>> TxtStrings(std::span<const std::uint8_t>
 
 std::optional<UpstreamCounters> ReadUpstream(std::string_view text)
 {
-    std::istringstream stream{std::string(text)};
-    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
-    if (words.size() < 3) {
-        return std::nullopt;
-    }
-    const auto asked = WholeNumber<std::uint64_t>(words[1]);
-    const auto failed = WholeNumber<std::uint64_t>(words[2]);
+    std::istringstream words{std::string(text)};
+    std::string server;
+    std::string askedText;
+    std::string failedText;
+    words >> server >> askedText >> failedText;
+    const auto asked = WholeNumber<std::uint64_t>(askedText);
+    const auto failed = WholeNumber<std::uint64_t>(failedText);
     if (!asked || !failed) {
         return std::nullopt;
     }
-    return UpstreamCounters{words[0], *asked, *failed};
+    return UpstreamCounters{server, *asked, *failed};
 }
 
 DnsCountersQuery::DnsCountersQuery(EventLoop &loop, Host &host, std::vector<std::uint32_t> vpnIds, OnEnd onEnd)
