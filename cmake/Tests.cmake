@@ -14,8 +14,8 @@ function(kavel_build_fast)
   endforeach()
 endfunction()
 
-# kavel_add_cases(NAME LABEL SECONDS COMMAND...): runs a test program as one entry of ctest. SECONDS is the limit that
-# ends a program that hangs, far from what it takes; an emulated processor gets ten times as long.
+# kavel_add_cases(NAME LABEL SECONDS COMMAND...): runs a test program as one entry of ctest. SECONDS is the time limit; an
+# emulated processor gets ten times as long.
 function(kavel_add_cases NAME LABEL SECONDS)
   if(CMAKE_CROSSCOMPILING_EMULATOR)
     math(EXPR SECONDS "${SECONDS} * 10")

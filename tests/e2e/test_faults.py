@@ -93,10 +93,11 @@ def test_an_instance_that_is_killed_again_and_again_is_started_ever_later(served
             if delay > 0:
                 wait_until(lambda: f"vpn 7: its instance is started again in {delay} s" in log_since(served, mark),
                            "the delay is logged")
-        noted = time.time()
-        asked = served.vqctl("status")  # the last delay is long enough to ask meanwhile
+            noted = time.time()
+            if delay > 1:  # long enough to ask meanwhile
+                assert ended - 1 < served.status()["next_start_time"] - delay <= noted
+        asked = served.vqctl("status")
         assert asked.returncode == 1 and "starts again in" in asked.stdout
-        assert ended - 1 < served.status()["next_start_time"] - delay <= noted
     assert client.longest >= 4
     assert served.status()["ends"] == 4 and "next_start_time" not in served.status()
 
@@ -231,7 +232,9 @@ def test_a_flushed_chain_is_filled_again(served, told):
 def test_flushed_routes_are_added_again(served, told):
     with repaired(served, told, "table 199 flushed", "there were 0 of its 1 routes", loses=False):
         ip("route", "flush", "table", "199")
+        began = time.monotonic()
         wait_until(routes, "the route is back")
+        assert time.monotonic() - began < 2
 
 
 def test_a_deleted_policy_rule_is_added_again(served, told):

@@ -82,20 +82,21 @@ def begin_launch(peer, agent):
     wait_until(lambda: "vpn 7: applied" in agent.log(), "the message is applied")
 
 
-def assert_served(agent, peer, vpn=8):
+def assert_served(peer, vpn=8):
     """A message for another VPN is answered while the instance of VPN 7 hangs, which it does for 2 s."""
+    started = time.monotonic()
     send(peer, vpn)
-    assert is_answered(peer, within=10)
-    assert "vpn 7: the instance did not come up" not in agent.log()
+    assert is_answered(peer, within=1)
     assert result_of(read_frame(peer)) == 0
     assert instances(vpn) == [instance_pid(vpn)]
+    assert time.monotonic() - started < 1
     assert gatekeepers(), "the instance of VPN 7 still hangs"
 
 
 def test_another_vpn_is_served_while_an_instance_starts(gated):
     with peers(2) as (slow, other):
         send(slow, 7)
-        assert_served(gated, other)
+        assert_served(other)
         assert not is_answered(slow)
 
         open_gate()
@@ -112,7 +113,7 @@ def test_another_vpn_is_served_while_a_second_message_is_queued(gated):
         send(second, 7)
         assert not is_answered(second, within=0.2)
 
-        assert_served(gated, other)
+        assert_served(other)
 
         open_gate()
         assert result_of(read_frame(first)) == 0
@@ -125,10 +126,10 @@ def test_another_vpn_is_served_after_a_status_during_a_launch(gated):
         begin_launch(slow, gated)
         asking = subprocess.Popen([str(BUILD / "vqctl"), "status"], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
-        assert_served(gated, other)
+        assert_served(other)
 
         assert not is_answered(slow)
-        assert "starting" in asking.communicate(timeout=10)[0].decode()
+        assert "starting" in asking.communicate(timeout=1)[0].decode()
         open_gate()
         assert result_of(read_frame(slow)) == 0
 
@@ -138,7 +139,7 @@ def test_another_vpn_is_served_while_a_release_is_queued(gated):
         begin_launch(slow, gated)
         asking = waiting_vqctl("vpn", "release", "7")
 
-        assert_served(gated, other)
+        assert_served(other)
 
         open_gate()
         assert b"the instance of vpn 7 is running" in asking.communicate(timeout=10)[0]
@@ -260,9 +261,11 @@ def test_sigterm_ends_the_agent_during_a_launch(gated):
         begin_launch(first, gated)
         send(second, 7)
         assert not is_answered(second, within=0.2)
+        started = time.monotonic()
         gated.agent.send_signal(signal.SIGTERM)
 
         assert gated.agent.wait(timeout=10) == 0
+        assert time.monotonic() - started < 1
         answer = read_frame(first)
         assert result_of(answer) == 0 and b"the agent is stopping; the instance was still starting" in answer
         answer = read_frame(second)
@@ -286,10 +289,12 @@ def test_sigterm_ends_the_agent_during_the_recovery(gated):
     GATE.unlink()
     gated.agent = gated.spawn()
     wait_until(gatekeepers, "the recovery starts the instance")
+    started = time.monotonic()
 
     gated.agent.send_signal(signal.SIGTERM)
 
-    assert gated.agent.wait(timeout=8) == 0
+    assert gated.agent.wait(timeout=15) == 0
+    assert time.monotonic() - started < 1
     assert "stopping; DNS instances keep running" in gated.log()
     gated.agent = None
 

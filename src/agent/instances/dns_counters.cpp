@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <iterator>
-#include <sstream>
 #include <utility>
 
 #include "base/dns_message.h"
@@ -85,6 +83,14 @@ void SetFromReply(DnsCounters &counters, const std::string &name, const DnsProbe
     }
 }
 
+// Takes the first word, and the space after it, from `text`.
+std::string_view TakeWord(std::string_view &text)
+{
+    const std::string_view word = text.substr(0, text.find(' '));
+    text.remove_prefix(std::min(word.size() + 1, text.size()));
+    return word;
+}
+
 } // namespace
 
 bool IsTruncated(std::span<const std::uint8_t> message)
@@ -102,17 +108,13 @@ std::optional<std::vector<std::string>> TxtStrings(std::span<const std::uint8_t>
 
 std::optional<UpstreamCounters> ReadUpstream(std::string_view text)
 {
-    std::istringstream stream{std::string(text)};
-    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
-    if (words.size() < 3) {
+    const std::string_view server = TakeWord(text);
+    const auto asked = WholeNumber<std::uint64_t>(TakeWord(text));
+    const auto failed = WholeNumber<std::uint64_t>(TakeWord(text));
+    if (server.empty() || !asked || !failed) {
         return std::nullopt;
     }
-    const auto asked = WholeNumber<std::uint64_t>(words[1]);
-    const auto failed = WholeNumber<std::uint64_t>(words[2]);
-    if (!asked || !failed) {
-        return std::nullopt;
-    }
-    return UpstreamCounters{words[0], *asked, *failed};
+    return UpstreamCounters{std::string(server), *asked, *failed};
 }
 
 DnsCountersQuery::DnsCountersQuery(EventLoop &loop, Host &host, std::vector<std::uint32_t> vpnIds, OnEnd onEnd)
