@@ -21,11 +21,13 @@
 #include "vqSafeStr.h"
 #include "vqStore.h"
 
-enum { kNameSize = 128, kTextSize = 2048, kVpnsMax = 64 };
+VQ_STATIC_ASSERT(VQ_HOST_INTERFACE_VERSION == 1, "this host was written for version 1 of the host interface");
+
+enum { kNameSize = 128, kTextSize = 4096, kVpnsMax = 64 };
 
 /* A VPN of the command line. Interfaces are names with commas between them. "none" stands for no name. */
 typedef struct {
-    uint32_t id;           /* 0: the box itself */
+    uint32_t id;           /* 0: the box itself, which is the first */
     char netns[kNameSize]; /* the file of its namespace */
     char lan[kNameSize];
     char wan[kNameSize];
@@ -33,21 +35,16 @@ typedef struct {
     uint32_t customer; /* 0: not known */
 } Vpn;
 
-/* platform.c: the first VPN is always VPN 0. AddVpn reads "ID NETNS LANS WANS SYSROUTE CUSTOMER", false if it cannot.
- * FindVpn may return null. */
-extern Vpn g_vpns[kVpnsMax];
+extern Vpn g_vpns[kVpnsMax]; /* platform.c */
 extern unsigned g_vpnCount;
-bool AddVpn(const char *text);
-const Vpn *FindVpn(uint32_t vpnId);
-
+bool AddVpn(const char *text);       /* false if it cannot be read as "ID NETNS LANS WANS SYSROUTE CUSTOMER" */
+const Vpn *FindVpn(uint32_t vpnId);  /* null: not known */
 extern char g_firstError[kTextSize]; /* log.c: the first error since it was emptied */
 extern const char *g_c2p;            /* rules.c: the CPE-to-POP interfaces of a POP */
 extern const char *g_store;          /* store.c: its directory */
-
-/* processes.c: runs a command in the namespace of a VPN. Makes the pid file name the instance, or removes it. Waits for
- * the pid file of a launch, false if none appears. */
-VQ_ERR_T RunInVpn(uint32_t vpnId, const char *command);
-void RepairPidFile(uint32_t vpnId);
-bool AwaitPidFile(uint32_t vpnId);
+/* processes.c: runs code of the shell in the namespace of a VPN; a status other than 0 is the result, negated. */
+VQ_ERR_T RunInVpn(uint32_t vpnId, const char *format, ...) VQ_PRINTF_LIKE(2, 3);
+void RepairPidFile(uint32_t vpnId); /* processes.c: makes it name the instance, or removes it */
+bool AwaitPidFile(uint32_t vpnId);  /* processes.c: awaits that of a launch; false if none appears */
 
 #endif

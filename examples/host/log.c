@@ -1,6 +1,4 @@
 /* The module's lines, on the standard error stream. A line of the module ends in a newline. */
-#include <sys/prctl.h>
-
 #include "host.h"
 
 char g_firstError[kTextSize];
@@ -15,13 +13,6 @@ VQ_PRINTF_LIKE(3, 4) static void LogLine(const char *tag, uint32_t level, const 
     va_end(arguments);
 }
 
-static const char *LevelText(uint32_t level)
-{
-    static const char *const kTexts[] = {"", "NOTICE:", "VERBOSE:", "WARNING:", "ERROR:"};
-    return level <= VQ_LOG_LEVEL_ERROR ? kTexts[level] : "";
-}
-
-/* The dump of the flex-log buffer, which is asked for with FALSE, repeats the line before it. */
 BOOL VQ_LogTest(uint32_t module, uint32_t level, BOOL flag, const char *function)
 {
     (void)module, (void)level, (void)function;
@@ -30,7 +21,7 @@ BOOL VQ_LogTest(uint32_t module, uint32_t level, BOOL flag, const char *function
 
 const VQ_LOG_IMPL_ITEM *VQ_LogGetImplItem(uint32_t module)
 {
-    static const VQ_LOG_IMPL_ITEM kItem = {.Log = LogLine, .LogLevel2Str = LevelText};
+    static const VQ_LOG_IMPL_ITEM kItem = {.Log = LogLine};
     return module == VQ_LOG_MODULE_ADVANCED_DNS ? &kItem : NULL;
 }
 
@@ -39,11 +30,11 @@ const char *VQ_LogGetModuleName(uint32_t module)
     return module == VQ_LOG_MODULE_ADVANCED_DNS ? "advanceddns" : "unknown";
 }
 
+/* This host has one thread: its lines need no name. */
 VQ_ERR_T VQ_ThreadGetName(char *buffer, size_t size)
 {
-    char name[16] = ""; /* the kernel's limit */
-    const bool fits = prctl(PR_GET_NAME, name) == 0 && strlen(name) < size;
-    return fits ? (VQ_ERR_T)VQ_SafeStrCopy(buffer, size, name) : -ERANGE;
+    (void)buffer, (void)size;
+    return -ENOENT;
 }
 
 const char *VQ_AgentLogGetTag(void)

@@ -1,54 +1,49 @@
 /* The interfaces of a VPN, as lists in the order of the command line. */
 #include "host.h"
 
-/* A node of either kind of list. The link is the first member of both. */
-typedef union {
-    VQ_LIST_HEAD link;
-    VQ_RTCWanListNode wan;
-    VQ_RTCLanListNode lan;
-} Node;
+/* A list with its nodes in one piece of memory. The link is the first member of either kind of node. */
+typedef struct {
+    VQ_LIST_HEAD head;
+    union {
+        VQ_LIST_HEAD link;
+        VQ_RTCWanListNode wan;
+        VQ_RTCLanListNode lan;
+    } nodes[kNameSize / 2];
+} InterfaceList;
 
-/* `vpn` may be null. */
-static VQ_LIST_HEAD *ListOf(const Vpn *vpn, const char *names, bool isLan, uint32_t *count)
+static VQ_LIST_HEAD *ListOf(uint32_t vpnId, bool isLan, uint32_t *count)
 {
-    VQ_LIST_HEAD *list = malloc(sizeof(*list));
-    Node *node = NULL;
+    const Vpn *vpn = FindVpn(vpnId);
+    InterfaceList *list = vpn != NULL ? calloc(1, sizeof(*list)) : NULL;
     *count = 0;
-    if (list != NULL) {
-        CDS_INIT_LIST_HEAD(list);
+    if (list == NULL) {
+        return NULL;
     }
-    while (list != NULL && strcmp(names, "none") != 0 && names[0] != '\0' &&
-           (node = calloc(1, sizeof(*node))) != NULL) {
-        const size_t length = strcspn(names, ",");
+    CDS_INIT_LIST_HEAD(&list->head);
+    for (const char *name = isLan ? vpn->lan : vpn->wan; *name != '\0' && strcmp(name, "none") != 0; ++*count) {
+        const size_t length = strcspn(name, ",");
         if (isLan) {
-            VQ_SNPrintf(node->lan.LanConf.PhyIfName, VQ_IF_NAME_SIZE, "%.*s", (int)length, names);
+            VQ_SNPrintf(list->nodes[*count].lan.LanConf.PhyIfName, VQ_IF_NAME_SIZE, "%.*s", (int)length, name);
         } else {
-            node->wan.WanConf.CommConf.SysRoute = vpn->sysRoute != 0;
+            list->nodes[*count].wan.WanConf.CommConf.SysRoute = vpn->sysRoute != 0;
         }
-        cds_list_add_tail(&node->link, list);
-        ++*count;
-        names += length + (names[length] == ',');
+        cds_list_add_tail(&list->nodes[*count].link, &list->head);
+        name += length + (name[length] == ',');
     }
-    return list;
+    return &list->head;
 }
 
 VQ_LIST_HEAD *VQ_RtcNetioWanGetAllByVpnId(uint32_t *count, uint32_t vpnId)
 {
-    const Vpn *vpn = FindVpn(vpnId);
-    return ListOf(vpn, vpn != NULL ? vpn->wan : "none", false, count);
+    return ListOf(vpnId, false, count);
 }
 
 VQ_LIST_HEAD *VQ_RtcNetioLanGetAllByVpnId(uint32_t *count, uint32_t vpnId)
 {
-    const Vpn *vpn = FindVpn(vpnId);
-    return ListOf(vpn, vpn != NULL ? vpn->lan : "none", true, count);
+    return ListOf(vpnId, true, count);
 }
 
 void VQ_RtcNetioNodeListRelease(VQ_LIST_HEAD *list)
 {
-    for (VQ_LIST_HEAD *node = list->next, *next; node != list; node = next) {
-        next = node->next;
-        free(node);
-    }
     free(list);
 }

@@ -1,9 +1,8 @@
-/* The network namespaces of the VPNs. The box's own, of VPN 0, is that in which this program started. */
+/* The network namespaces of the VPNs. That of VPN 0, the box, is where the thread is when the module is called. */
 #include <sched.h>
 
 #include "host.h"
 
-/* The module writes its command behind the prefix, so it needs the length. */
 VQ_ERR_T VQ_RtcGetNetNsExecCmdPrefix(uint32_t vpnId, char *buffer, size_t size)
 {
     const Vpn *vpn = FindVpn(vpnId);
@@ -14,24 +13,21 @@ VQ_ERR_T VQ_RtcNetNsSaveAndSwitch(uint32_t vpnId, int *savedNs)
 {
     const Vpn *vpn = FindVpn(vpnId);
     const int current = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    const int target = vpn != NULL ? open(vpn->netns, O_RDONLY | O_CLOEXEC) : -1;
-    const bool isEntered = current >= 0 && target >= 0 && setns(target, CLONE_NEWNET) == 0;
-    const VQ_ERR_T result = isEntered ? 0 : vpn == NULL ? -ENOENT : -errno;
+    const int target = open(vpn != NULL ? vpn->netns : "", O_RDONLY | O_CLOEXEC);
+    const VQ_ERR_T result = current >= 0 && target >= 0 && setns(target, CLONE_NEWNET) == 0 ? 0 : -errno;
     close(target);
-    if (isEntered) {
-        *savedNs = current;
-    } else {
+    if (result < 0) {
         close(current);
+    } else {
+        *savedNs = current;
     }
     return result;
 }
 
 VQ_ERR_T VQ_RtcNetNsSwitchToDefault(int *savedNs)
 {
-    if (setns(*savedNs, CLONE_NEWNET) != 0) {
-        return -errno;
-    }
+    const VQ_ERR_T result = setns(*savedNs, CLONE_NEWNET) != 0 ? -errno : 0;
     close(*savedNs);
     *savedNs = -1;
-    return 0;
+    return result;
 }

@@ -1,7 +1,7 @@
 /* The VPNs of the box, and whose they are. */
 #include "host.h"
 
-Vpn g_vpns[kVpnsMax] = {{.netns = "none", .lan = "none", .wan = "none"}};
+Vpn g_vpns[kVpnsMax] = {{.netns = "/proc/self/ns/net", .lan = "none", .wan = "none"}};
 unsigned g_vpnCount = 1;
 
 bool AddVpn(const char *text)
@@ -33,9 +33,7 @@ uint32_t VQ_PlatformGetCustomerId(void)
 VQ_ERR_T VQ_GetCustomerIdByVpnId(uint32_t vpnId, uint32_t *customerId)
 {
     const Vpn *vpn = FindVpn(vpnId);
-    if (vpn == NULL || vpn->customer == 0) {
-        return -ENOENT;
-    }
-    *customerId = vpn->customer;
-    return 0;
+    const bool isKnown = vpn != NULL && vpn->customer != 0;
+    *customerId = isKnown ? vpn->customer : *customerId;
+    return isKnown ? 0 : -ENOENT;
 }

@@ -1,22 +1,18 @@
 /* Commands, and the processes of instances. */
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include "host.h"
 
-/* dnsmasq outlives this program, so it has nothing of it: no streams, descriptors, session, blocked or ignored signals.
- */
+/* What outlives this program has nothing of it: no streams, descriptors, session, blocked or ignored signals. */
 static void ExecuteShell(const char *command)
 {
-    sigset_t none;
     for (int number = 1; number < NSIG; ++number) {
         signal(number, SIG_DFL);
     }
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, NULL);
+    sigprocmask(SIG_SETMASK, &(sigset_t){0}, NULL);
     setsid();
     const int nowhere = open("/dev/null", O_RDWR);
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
@@ -27,6 +23,7 @@ static void ExecuteShell(const char *command)
     _exit(127);
 }
 
+/* A status other than 0 is taken for an error number: this host's own commands can say what failed. */
 int32_t VQ_CmdExec(char *command)
 {
     int status = 0;
@@ -35,29 +32,33 @@ int32_t VQ_CmdExec(char *command)
         ExecuteShell(command);
     }
     const bool hasEnded = shell > 0 && waitpid(shell, &status, 0) == shell;
-    return !hasEnded ? -errno : WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -EIO;
+    return !hasEnded ? -errno : WIFEXITED(status) ? -WEXITSTATUS(status) : -EIO;
 }
 
-VQ_ERR_T RunInVpn(uint32_t vpnId, const char *command)
+VQ_ERR_T RunInVpn(uint32_t vpnId, const char *format, ...)
 {
+    char code[kTextSize];
     char line[2 * kTextSize];
-    const VQ_ERR_T length = VQ_RtcGetNetNsExecCmdPrefix(vpnId, line, sizeof(line));
-    if (length >= 0) {
-        VQ_SafeStrCopy(line + length, sizeof(line) - (size_t)length, command);
+    const VQ_ERR_T length = VQ_RtcGetNetNsExecCmdPrefix(vpnId, line, kTextSize);
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(code, sizeof(code), format, arguments);
+    va_end(arguments);
+    if (length < 0) {
+        return length;
     }
-    return length >= 0 ? VQ_CmdExec(line) : length;
+    VQ_SNPrintf(line + length, kTextSize, "sh <<'CODE'\n%s\nCODE\n", code);
+    return VQ_CmdExec(line);
 }
 
-/* `timeout` is in milliseconds. */
-static bool IsGoneAfter(int process, int signal, int timeout)
+static bool IsGoneAfter(int process, int signal, int milliseconds)
 {
     struct pollfd watched = {.fd = process, .events = POLLIN};
     syscall(SYS_pidfd_send_signal, process, signal, NULL, 0);
-    return poll(&watched, 1, timeout) > 0;
+    return poll(&watched, 1, milliseconds) > 0;
 }
 
-/* Returns when the process is gone: the module launches the next instance at once, and that one needs the port. A
- * zombie is gone. Children that serve a TCP connection ignore SIGTERM. */
+/* A zombie is gone. Children of an instance that serve a TCP connection ignore SIGTERM. */
 VQ_ERR_T VQ_KillPid(const pid_t pid)
 {
     const int process = pid > 0 ? (int)syscall(SYS_pidfd_open, pid, 0) : -1;
@@ -69,25 +70,18 @@ VQ_ERR_T VQ_KillPid(const pid_t pid)
     return result;
 }
 
-/* The module finds an instance by its pid file alone, and signals whatever that names. The processes that serve a TCP
- * connection are younger than their instance. */
+/* The processes that serve a TCP connection have the command line of their instance, and are younger. */
 void RepairPidFile(uint32_t vpnId)
 {
-    char command[kTextSize];
-    VQ_SNPrintf(command, sizeof(command),
-                "file=/var/run/kvl_dns_vpn_%u.pid; grep -q -e \"$file\" \"/proc/$(cat $file)/cmdline\" || "
-                "pgrep -o -f \"^/usr/sbin/dnsmasq .*$file\" >$file || rm -f $file",
-                vpnId);
-    VQ_CmdExec(command);
+    RunInVpn(0,
+             "file=/var/run/kvl_dns_vpn_%u.pid\ngrep -q -e $file /proc/$(cat $file)/cmdline ||\n"
+             "pgrep -o -f \"^/usr/sbin/dnsmasq .*$file\" >$file || rm -f $file",
+             vpnId);
 }
 
 bool AwaitPidFile(uint32_t vpnId)
 {
-    char path[kNameSize];
-    struct stat info = {0};
-    VQ_SNPrintf(path, sizeof(path), "/var/run/kvl_dns_vpn_%u.pid", vpnId);
-    for (int look = 0; look < 500 && (stat(path, &info) != 0 || info.st_size == 0); ++look) {
-        poll(NULL, 0, 20);
-    }
-    return info.st_size > 0;
+    static const char kCode[] = "file=/var/run/kvl_dns_vpn_%u.pid\nfor look in $(seq 500); do test -s $file && exit\n"
+                                "pgrep -f \"pid-file=$file\" || exit 1; sleep 0.02; done; exit 1";
+    return RunInVpn(0, kCode, vpnId) == 0;
 }

@@ -19,11 +19,10 @@ size_t VQ_SafeStrCopy(char *target, size_t size, const char *source)
 
 char *VQ_SafeStrGetIp4Addr(const char *text, size_t size, uint32_t *ip)
 {
-    char copy[INET_ADDRSTRLEN];
+    char copy[INET_ADDRSTRLEN]; /* the text need not be terminated */
     struct in_addr address;
-    const size_t length = strnlen(text, size); /* the text need not be terminated */
-    const bool isAddress = VQ_SNPrintf(copy, sizeof(copy), "%.*s", (int)length, text) < sizeof(copy) &&
-                           inet_pton(AF_INET, copy, &address) == 1;
+    const bool fits = VQ_SNPrintf(copy, sizeof(copy), "%.*s", (int)size, text) < sizeof(copy);
+    const bool isAddress = fits && inet_pton(AF_INET, copy, &address) == 1;
     *ip = isAddress ? ntohl(address.s_addr) : *ip;
     return isAddress ? (char *)text : NULL;
 }

@@ -3,7 +3,6 @@
 import json
 import os
 import pathlib
-import re
 import subprocess
 import tempfile
 
@@ -14,16 +13,12 @@ SOURCES = ROOT / "examples/host"
 SOCKET = pathlib.Path("/run/example-host.sock")
 STORE = pathlib.Path("/run/example-store")
 CPE_VPNS = ("7 /run/netns/vpn_7 lan0,lan1 wan0 0 1007", "8 /run/netns/vpn_8 lan0,lan1 wan0 0 0")
-POP_VPNS = ("0 none none up0 0 1",)
+POP_VPNS = ("0 /proc/self/ns/net none up0 0 1",)
 
 
-def lines_of_code():
-    """Lines of the host that are neither blank nor comment."""
-    count = 0
-    for path in sorted(SOURCES.glob("*.[ch]")):
-        text = re.sub(r"/\*.*?\*/", "", path.read_text(), flags=re.S)
-        count += sum(1 for line in text.splitlines() if line.strip())
-    return count
+def count_lines():
+    """All lines of the host's sources and headers, as wc counts them."""
+    return sum(path.read_text().count("\n") for path in SOURCES.rglob("*.[ch]") if not path.name.endswith((".pb-c.c", ".pb-c.h")))
 
 
 class ExampleBox:

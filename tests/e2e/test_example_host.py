@@ -29,8 +29,8 @@ def ask_from_branch(name):
     return [line for line in answer.stdout.splitlines() if not line.startswith(";")]
 
 
-def test_host_has_less_than_700_lines_of_code():
-    assert 500 < example_host.lines_of_code() < 700
+def test_host_has_less_than_700_lines():
+    assert 500 < example_host.count_lines() < 700
 
 
 def test_cpe_serves_its_vpns(host):
