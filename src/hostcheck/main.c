@@ -9,6 +9,7 @@
 
 #include "apply.h"
 #include "host.h"
+#include "module.h"
 #include "options.h"
 #include "report.h"
 #include "system.h"
@@ -172,6 +173,7 @@ int main(int argc, char **argv)
     puts("TAP version 14");
     fflush(stdout);
     const bool isCalled = RunFirstPhase(&options, directory, &report);
+    JudgeModule(&report, options.module);
     if (isCalled && report.isEnded && options.apply != NULL) {
         RunSecondPhase(&options, directory, &report);
     } else if (isCalled && report.isEnded) {

@@ -2,6 +2,7 @@
 
 import os
 import re
+import shutil
 
 import pytest
 
@@ -12,10 +13,10 @@ OF_THE_AGENT = {
     "platform.names", "platform.dnsmasq", "platform.run-directory", "platform.box-directory", "platform.box-readable",
     "platform.stack", "call.platform-first", "call.platform", "call.init-first", "call.box-namespace", "call.message",
     "call.pid-file-awaited", "call.restarts", "call.lost-pid-file", "call.late-start", "call.restored", "thread.main",
-    "thread.one",
+    "thread.one", "module.version", "module.exports",
 }
-# vqagent recovers rows one by one, and none where none is stored.
-NOT_JUDGED = {"call.recover-late"}
+# vqagent recovers rows one by one, and none where none is stored. A sanitizer adds imports to the module.
+NOT_JUDGED = {"call.recover-late"} | ({"module.imports"} if "KAVEL_SANITIZED" in os.environ else set())
 # The box itself has no namespace, no routes of the module and, for the module, no list of interfaces.
 NOT_OF_THE_BOX = {"netns.prefix-", "netns.switch", "netio.lan-names", "netio.independent", "netio.release", "route."}
 STORE = {"persistence": True, "store": "/run/kavel-store/agent.db"}
@@ -142,7 +143,7 @@ def test_broken_promise_is_told_with_its_header_and_its_effect(box):
     assert re.search(r"not ok 1 - platform.box-readable\n"
                      r"  promised:  vqFile.h:\d+: the directories of the instances can be searched by every user\n"
                      r"  seen:      /etc/kavel has mode 0700\n"
-                     r"  otherwise: dnsmasq reads its files as an unprivileged user", done.stdout), done.stdout
+                     r"  otherwise: dnsmasq reads hosts and resolver file as an unprivileged user", done.stdout), done.stdout
 
 
 def test_agent_that_never_calls_is_no_success(box):
@@ -254,6 +255,72 @@ def test_call_beside_another_one_is_named(box):
 
     assert done.returncode == 1, done.stdout + done.stderr
     assert judged(done)["thread.one"] == "not ok"
+
+
+MODULE = ROOT / "src/modules/advanceddns"
+EXPORTS = (MODULE / "exports.list").read_text().split()
+VERSION = int(re.search(r"^#define VQ_HOST_INTERFACE_VERSION (\d+)$", (ROOT / "src/hostapi/vqPlatform.h").read_text(), re.M)[1])
+
+
+def built_module(tmp_path, exports=EXPORTS, imports=(), version=VERSION, with_note=True):
+    """A module of these names, built for a version of the host interface."""
+    headers = tmp_path / "hostapi"
+    shutil.copytree(ROOT / "src/hostapi", headers)
+    header = headers / "vqPlatform.h"
+    header.write_text(re.sub(r"(#define VQ_HOST_INTERFACE_VERSION) .*", rf"\1 {version}", header.read_text()))
+    calls = "".join(f"void {name}(void);\n" for name in imports)
+    entries = "".join(f"void {name}(void) {{ {' '.join(f'{used}();' for used in imports)} }}\n" for name in exports)
+    (tmp_path / "entries.c").write_text(calls + entries)
+    sources = [tmp_path / "entries.c", *([headers / "interface_version.c"] if with_note else [])]
+    run("cc", "-shared", "-fPIC", f"-I{headers}", "-o", tmp_path / "module.so", *sources)
+    return tmp_path / "module.so"
+
+
+def module_results(module):
+    done = check_host("--vpn", 7, "--only", "module.", "--module", module, agent=host_that(SET_CPE + INIT))
+    return done.returncode, judged(done), done.stdout
+
+
+@needs_no_sanitizer
+def test_module_with_its_names_and_version_is_right(box, tmp_path):
+    status, results, output = module_results(built_module(tmp_path, imports=("VQ_CmdExec", "strlen")))
+
+    assert (status, set(results.values())) == (0, {"ok"}), output
+    assert set(results) == {"module.version", "module.exports", "module.imports"}
+
+
+@needs_no_sanitizer
+@pytest.mark.parametrize("wrong, broken, seen", [
+    ({"exports": EXPORTS + ["VQCtrl_Unknown"]}, "module.exports", "missing: none; not in exports.list: VQCtrl_Unknown"),
+    ({"exports": EXPORTS[1:]}, "module.exports", f"missing: {EXPORTS[0]}; not in exports.list: none"),
+    ({"imports": ("VQ_CmdExec", "VQ_Unknown")}, "module.imports", "neither in imports.list nor of libc: VQ_Unknown"),
+    ({"version": VERSION + 1}, "module.version", f"the module has version {VERSION + 1}, the headers have version {VERSION}"),
+    ({"with_note": False}, "module.version", f"the file has no note with a version; the headers have version {VERSION}"),
+], ids=["one name too many", "one name missing", "unknown import", "another version", "no version"])
+def test_wrong_module_is_named(box, tmp_path, wrong, broken, seen):
+    status, results, output = module_results(built_module(tmp_path, **wrong))
+
+    assert status == 1, output
+    assert [promise for promise, result in results.items() if result != "ok"] == [broken], output
+    assert f"seen:      {seen}\n" in output
+
+
+@needs_no_sanitizer
+def test_file_that_is_no_module_is_named(box, tmp_path):
+    (tmp_path / "module.so").write_text("no library")
+
+    status, results, output = module_results(tmp_path / "module.so")
+
+    assert (status, set(results.values())) == (1, {"not ok"}), output
+    assert "module.so is no library for this processor" in output
+
+
+@needs_no_sanitizer
+def test_module_that_cannot_be_read_is_not_judged(box, tmp_path):
+    status, results, output = module_results(tmp_path / "module.so")
+
+    assert status == 0, output
+    assert all(reason.endswith("No such file or directory") for reason in results.values()), output
 
 
 @pytest.mark.parametrize("options", [(), ("--vpn", "seven"), ("--platform", "router"), ("--nothing",)])
