@@ -1,5 +1,6 @@
 """vqagent keeps every promise of the host interface: the check of hosts finds nothing, on a CPE and on a POP."""
 
+import contextlib
 import os
 import re
 import shutil
@@ -146,6 +147,49 @@ def test_broken_promise_is_told_with_its_header_and_its_effect(box):
                      r"  otherwise: dnsmasq reads hosts and resolver file as an unprivileged user", done.stdout), done.stdout
 
 
+needs_no_sanitizer = pytest.mark.skipif("KAVEL_SANITIZED" in os.environ,
+                                        reason="python loads no library with a sanitizer")
+
+
+@contextlib.contextmanager
+def mounted(*words, on):
+    """Something else in the place of a file or directory."""
+    run("mount", *words, on)
+    try:
+        yield
+    finally:
+        run("umount", on)
+
+
+def broken_of_the_box(promise):
+    """What is seen, on a box whose agent has set up nothing."""
+    done = check_host("--vpn", 7, "--only", promise, agent=host_that(SET_CPE + INIT))
+    assert done.returncode == 1, done.stdout + done.stderr
+    assert judged(done) == {promise: "not ok"}
+    return re.search("seen: +(.*)", done.stdout)[1]
+
+
+@needs_no_sanitizer
+def test_box_without_directories_is_named(box):
+    run("rm", "-rf", CONFIG.parent)
+    assert broken_of_the_box("platform.box-directory") == "there is no /etc/kavel/dnsmasq"
+    CONFIG.parent.mkdir()
+    (CONFIG.parent / "dnsmasq").mkdir()
+    assert broken_of_the_box("platform.box-directory") == "there is no /etc/kavel/dnsmasq/dnsmasq.d"
+
+
+@needs_no_sanitizer
+def test_box_without_dnsmasq_is_named(box):
+    with mounted("--bind", "/dev/null", on="/usr/sbin/dnsmasq"):
+        assert broken_of_the_box("platform.dnsmasq") == "Permission denied"
+
+
+@needs_no_sanitizer
+def test_box_that_takes_no_pid_files_is_named(box):
+    with mounted("-t", "tmpfs", "-o", "ro", "nothing", on="/run"):
+        assert broken_of_the_box("platform.run-directory") == "a file in /var/run: Read-only file system"
+
+
 def test_agent_that_never_calls_is_no_success(box):
     done = check_host("--vpn", 7, agent=("true", "%m"))
 
@@ -176,10 +220,6 @@ INIT = "library.VQCtrl_DnsmasqConfInitByVpnId(7)\n"
 RECOVER = "library.VQCtrl_AgentRecoverAdvancedDnsConf()\n"
 RELEASE = "library.VQCtrl_DnsmasqConfRelaseByVpnId(8)\n"
 LEAVE_NAMESPACE = "ctypes.CDLL(None).unshare(0x40000000)\n"
-needs_no_sanitizer = pytest.mark.skipif("KAVEL_SANITIZED" in os.environ,
-                                        reason="python loads no library with a sanitizer")
-
-
 @needs_no_sanitizer
 def test_names_that_an_agent_lacks_are_told(box):
     done = check_host("--vpn", 7, "--only", "json.", agent=host_that(SET_CPE + INIT))

@@ -24,6 +24,18 @@ VQ_ERR_T VQ_RtcGetNetNsExecCmdPrefix(uint32_t vpnId, char *buffer, size_t size)
     if ((HasFault("prefix-of-box") && length >= 0) || (HasFault("prefix-of-unknown-vpn") && length < 0)) {
         return snprintf(buffer, size, "env ");
     }
+    if (HasFault("prefix-cut") && length >= (VQ_ERR_T)size && size > 0) {
+        return (VQ_ERR_T)size - 1;
+    }
+    if (HasFault("prefix-long") && length > 0) {
+        return length + snprintf(buffer + length, size - (size_t)length, "%400s", "");
+    }
+    if (HasFault("prefix-of-new-processes") && length > 0) {
+        return length + snprintf(buffer + length, size - (size_t)length, "unshare --pid --fork ");
+    }
+    if (HasFault("restart-beside") && length > 0) {
+        return snprintf(buffer, size, "unshare --net ");
+    }
     if (HasFault("box-refused") && vpnId == 0) {
         return -EINVAL;
     }
@@ -39,6 +51,9 @@ VQ_ERR_T VQ_RtcNetNsSaveAndSwitch(uint32_t vpnId, int *savedNs)
         return -EINVAL;
     }
     const VQ_ERR_T result = Real_VQ_RtcNetNsSaveAndSwitch(vpnId, savedNs);
+    if (HasFault("switch-to-unknown-vpn") && result == -ENOENT) {
+        return 0;
+    }
     if (HasFault("switch-stays") && result >= 0) {
         int current = fcntl(*savedNs, F_DUPFD_CLOEXEC, 0);
         return Real_VQ_RtcNetNsSwitchToDefault(&current);
@@ -82,7 +97,9 @@ static pid_t StartShell(const char *command)
     for (int number = 1; number < NSIG; ++number) {
         (void)signal(number, HasFault("command-keeps-ignored") && number == SIGHUP ? SIG_IGN : SIG_DFL);
     }
-    setsid();
+    if (!HasFault("command-keeps-session")) {
+        setsid();
+    }
     const int nowhere = open("/dev/null", O_RDWR);
     for (int stream = 0; stream <= STDERR_FILENO && !HasFault("command-keeps-streams"); ++stream) {
         dup2(nowhere, stream);
@@ -96,6 +113,24 @@ static pid_t StartShell(const char *command)
     }
     execl("/bin/sh", "sh", "-c", command, (char *)NULL);
     _exit(127);
+}
+
+/* Starts the program that the first word names. */
+static pid_t StartWords(const char *command)
+{
+    char line[1024];
+    char *words[64] = {NULL};
+    snprintf(line, sizeof(line), "%s", command);
+    const pid_t program = fork();
+    if (program == 0) {
+        size_t count = 0;
+        for (char *word = strtok(line, " "); word != NULL && count < 63; word = strtok(NULL, " ")) {
+            words[count++] = word;
+        }
+        execvp(words[0], words);
+        _exit(127);
+    }
+    return program;
 }
 
 static int32_t StatusOf(pid_t shell)
@@ -151,8 +186,17 @@ int32_t VQ_CmdExec(char *command)
         return info.si_code == CLD_EXITED && info.si_status == 0 ? 0 : -EIO;
     }
     if (HasFault("command-keeps-descriptors") || HasFault("command-keeps-streams") || HasFault("command-keeps-mask") ||
-        HasFault("command-keeps-ignored")) {
+        HasFault("command-keeps-ignored") || HasFault("command-keeps-session")) {
         return StatusOf(StartShell(command));
+    }
+    if (HasFault("command-ends-background")) {
+        const pid_t shell = StartShell(command);
+        const int32_t result = StatusOf(shell);
+        kill(-shell, SIGKILL); /* its session has one group */
+        return result;
+    }
+    if (HasFault("command-without-shell")) {
+        return StatusOf(StartWords(command));
     }
     const int32_t result = Real_VQ_CmdExec(command);
     return HasFault("command-failure-is-success") ? 0 : result;
@@ -164,6 +208,18 @@ REAL(VQ_KillPid);
 
 VQ_ERR_T VQ_KillPid(const pid_t pid)
 {
+    if ((HasFault("kill-forgotten") || HasFault("restart-beside")) && pid > 0) {
+        return 0;
+    }
+    if (HasFault("kill-by-name") && pid > 0) {
+        return system("pkill -KILL -f kvl_dns_vp[n]_") == 0 ? 0 : -ESRCH;
+    }
+    if (HasFault("kill-awaits-zombie") && pid > 0) {
+        while (kill(pid, SIGTERM) == 0) {
+            usleep(1000);
+        }
+        return errno == ESRCH ? 0 : -errno;
+    }
     if (HasFault("kill-does-not-wait") && pid > 0) {
         return kill(pid, SIGTERM) == 0 ? 0 : -errno;
     }
