@@ -8,12 +8,13 @@
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "instances.h"
 #include "system.h"
 
-enum { kPathSize = 256, kPollMs = 100, kBufferSize = 65536 };
+enum { kPathSize = 256, kPollMs = 100, kLateMs = 500, kLatePollMs = 5, kBufferSize = 65536 };
 
 typedef struct {
     const Options *options;
@@ -156,17 +157,55 @@ static bool CopyProgram(const char *from, const char *to)
     return count == 0;
 }
 
-/* Puts a program that waits half a second in the place of dnsmasq. It is seen by this program and what it starts. */
+static bool PutMark(const Phase *phase, const char *name)
+{
+    char path[kPathSize];
+    snprintf(path, sizeof(path), "%s/%s", phase->directory, name);
+    return PutFile(path, "", 0);
+}
+
+static bool HasMark(const Phase *phase, const char *name)
+{
+    char path[kPathSize];
+    snprintf(path, sizeof(path), "%s/%s", phase->directory, name);
+    return FileExists(path);
+}
+
+/* Puts a program in the place of dnsmasq that waits for the mark "go", for two seconds at most. It is seen by this
+ * program and what it starts. */
 static bool DelayDnsmasq(const char *directory)
 {
     char real[kPathSize];
     char slow[kPathSize];
-    char script[kPathSize * 2];
+    char script[kPathSize * 4];
     snprintf(real, sizeof(real), "%s/dnsmasq", directory);
     snprintf(slow, sizeof(slow), "%s/slow", directory);
-    snprintf(script, sizeof(script), "#!/bin/sh\nsleep 0.5\nexec %s \"$@\"\n", real);
+    snprintf(script, sizeof(script),
+             "#!/bin/sh\n: >%s/started\nfor look in $(seq 200); do test -e %s/go && break; sleep 0.01; done\n"
+             "exec %s \"$@\"\n",
+             directory, directory, real);
     return CopyProgram(kDnsmasq, real) && PutFile(slow, script, strlen(script)) && chmod(slow, 0755) == 0 &&
            chmod(directory, 0755) == 0 && mount(slow, kDnsmasq, NULL, MS_BIND, NULL) == 0;
+}
+
+/* Lets the instance come up half a second after its launch. If the host has answered before, it does not wait, and the
+ * instance comes up later, however slow the box is. */
+static bool EnableLate(const Phase *phase)
+{
+    int64_t launched = 0;
+    int status = 0;
+    const pid_t enabling = fork();
+    if (enabling == 0) {
+        _exit(Enable(phase, false) ? EXIT_SUCCESS : EXIT_FAILURE);
+    }
+    while (enabling > 0 && waitpid(enabling, &status, WNOHANG) == 0) {
+        launched = launched == 0 && HasMark(phase, "started") ? NowInMs() : launched;
+        if (launched != 0 && NowInMs() - launched >= kLateMs) {
+            PutMark(phase, "go");
+        }
+        SleepMs(kLatePollMs);
+    }
+    return enabling > 0 && WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS;
 }
 
 static void CheckLateStart(Phase *phase, Check *check)
@@ -175,10 +214,11 @@ static void CheckLateStart(Phase *phase, Check *check)
         Skipped(check, "no other program can be put in the place of dnsmasq: %s", strerror(errno));
         return;
     }
-    if (!Enable(phase, false)) {
+    if (!EnableLate(phase)) {
         Broken(check, "the command of --apply fails for a message that enables the VPN");
     }
     Disable(phase);
+    PutMark(phase, "go");
     ExpectNone(phase, check);
     umount2(kDnsmasq, MNT_DETACH);
 }
