@@ -37,6 +37,13 @@ function(kavel_add_parts NAME LABEL SECONDS COUNT)
   endforeach()
 endfunction()
 
+# kavel_computes(TEST...): these tests use all of a core. scripts/test runs two tests for each core, because most of them
+# wait for real processes and timers; one of these takes the place of two. They start first: later there would seldom be
+# room for two.
+function(kavel_computes)
+  set_tests_properties(${ARGN} PROPERTIES PROCESSORS 2 COST 500)
+endfunction()
+
 # kavel_is_quick(TEST... PROGRAMS PROGRAM...): scripts/test --quick builds these programs and runs these tests.
 function(kavel_is_quick)
   cmake_parse_arguments(ARG "" "" "PROGRAMS" ${ARGN})

@@ -29,15 +29,17 @@ class BatchTest : public CommandsTest {
   protected:
     ~BatchTest() override { ReleaseAgent(); }
 
-    // The agent replies to the first `replied` requests, and runs `act` when the next has come.
+    // The agent replies to the first `replied` requests, and runs `act` when the next has come. Its thread waits for
+    // the release without this object: the test may have ended by then.
     void HoldAfter(std::size_t replied, const std::function<void()> &act)
     {
-        Answer(std::vector<Bytes>(replied + 1, ReplyFor(7, 0)), [this, replied, act](std::size_t number) {
-            if (number == replied + 1) {
-                act();
-                held_.get_future().wait();
-            }
-        });
+        Answer(std::vector<Bytes>(replied + 1, ReplyFor(7, 0)),
+               [replied, act, released = held_.get_future().share()](std::size_t number) {
+                   if (number == replied + 1) {
+                       act();
+                       released.wait();
+                   }
+               });
     }
     void ReleaseAgent()
     {
