@@ -107,8 +107,9 @@ static void Serve(int peer)
 static int Apply(int host)
 {
     char answer[kTextSize] = "";
-    const char *path = realpath(s_apply, NULL);
+    char *path = realpath(s_apply, NULL);
     const bool isSent = path != NULL && connect(host, ADDRESS) == 0 && send(host, path, strlen(path), 0) > 0;
+    free(path);
     Check(isSent && recv(host, answer, sizeof(answer) - 1, 0) > 0, s_apply, strerror(errno));
     fputs(answer, stdout);
     return answer[0] == '-' ? 1 : 0;
