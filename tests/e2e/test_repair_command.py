@@ -128,9 +128,9 @@ def test_switching_off_at_once_after_a_fault(served):
 
 
 def test_an_instance_that_is_switched_off_while_it_waits_for_its_start_stays_off(served):
-    for _ in range(3):
+    for _ in range(4):
         end(wait_until(lambda: is_served_by_one(7) and instance_pid(), "one instance"))
-    wait_until(lambda: "next_start_time" in served.status(), "the next start is planned")
+    planned = wait_until(lambda: served.status().get("next_start_time"), "the next start is planned")
     served.apply(kept(enable=False, dnshosts=None, dnsservers=None))
-    time.sleep(3)
+    time.sleep(max(0, planned + 2 - time.time()))
     check_all_is_off(served)
