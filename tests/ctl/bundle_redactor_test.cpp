@@ -1,6 +1,5 @@
 #include "bundle_redactor.h"
 
-#include <chrono>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -110,18 +109,16 @@ TEST_F(RedactorTest, RedactedTextStays)
     EXPECT_EQ(redactor_.Redact(once), once);
 }
 
-// A time that grows with the square of the length would be minutes.
+// A time that grows with the square of the length would be far beyond the limit of this program.
 TEST_F(RedactorTest, LongRunsTakeNoLongTime)
 {
-    const auto start = std::chrono::steady_clock::now();
     for (const std::string piece : {"-", ":", "a", ".", "1", "_", "a1:-._"}) {
         std::string text;
-        while (text.size() < 200'000) {
+        while (text.size() < 400'000) {
             text += piece;
         }
         EXPECT_EQ(redactor_.Redact(text), text) << piece;
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
 }
 
 } // namespace
