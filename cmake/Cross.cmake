@@ -2,9 +2,9 @@
 # KAVEL_ARCH is Debian's name of the processor. The libraries are Debian's multiarch packages (libjson-c-dev:arm64).
 # KAVEL_EMULATOR is the program that runs the tests: a path, or nothing where the processor's programs run as they are.
 #
-# KAVEL_ARCH=musl builds the module, and only that, for this processor with musl as the C library: with gcc, the headers of
-# its C++ library and musl-tools. KAVEL_HEADERS is a folder with the headers of json-c, protobuf-c, liburcu and the
-# kernel, and with none of another C library.
+# KAVEL_ARCH=musl builds the module and the check of hosts for this processor with musl as the C library: with gcc, the
+# headers of its C++ library and musl-tools. KAVEL_HEADERS is a folder with the headers of json-c, protobuf-c, liburcu and
+# the kernel, and with none of another C library.
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KAVEL_ARCH KAVEL_HEADERS)
 
 if(KAVEL_ARCH STREQUAL musl)

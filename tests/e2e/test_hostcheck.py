@@ -220,6 +220,8 @@ INIT = "library.VQCtrl_DnsmasqConfInitByVpnId(7)\n"
 RECOVER = "library.VQCtrl_AgentRecoverAdvancedDnsConf()\n"
 RELEASE = "library.VQCtrl_DnsmasqConfRelaseByVpnId(8)\n"
 LEAVE_NAMESPACE = "ctypes.CDLL(None).unshare(0x40000000)\n"
+
+
 @needs_no_sanitizer
 def test_names_that_an_agent_lacks_are_told(box):
     done = check_host("--vpn", 7, "--only", "json.", agent=host_that(SET_CPE + INIT))
