@@ -20,10 +20,9 @@
 
 #include "base/child_reaper.h"
 #include "base/config.h"
-#include "base/event_loop.h"
-#include "base/failure.h"
-#include "base/log.h"
 #include "base/procfs.h"
+#include "event_loop.h"
+#include "failure.h"
 #include "instances/agent_facts.h"
 #include "instances/agent_lock.h"
 #include "instances/in_force.h"
@@ -31,6 +30,7 @@
 #include "instances/module.h"
 #include "instances/pending_launches.h"
 #include "instances/startup.h"
+#include "log.h"
 #include "services/host.h"
 #include "services/memory_malloc.h"
 #include "socket/control_socket.h"
@@ -39,6 +39,7 @@
 #include "supervision/repair.h"
 #include "supervision/supervisor.h"
 
+using namespace kavel;
 using namespace kavel::agent;
 
 namespace {
@@ -306,7 +307,7 @@ int Run(const Options &options)
 
 int ReportError(const std::string &text, int status)
 {
-    WriteFinalLine(text);
+    WriteFinalLine("vqagent", text);
     return status;
 }
 

@@ -12,8 +12,8 @@
 #include <system_error>
 #include <unistd.h>
 
-#include "base/event_loop.h"
 #include "control_socket_fixture.h"
+#include "event_loop.h"
 #include "scratch.h"
 #include "socket/control_socket.h"
 #include "test_box.h"

@@ -9,9 +9,9 @@
 
 namespace {
 
+using kavel::LogLevel;
 using kavel::agent::Config;
 using kavel::agent::ConfigError;
-using kavel::agent::LogLevel;
 using kavel::agent::ParseConfig;
 using kavel::agent::Platform;
 using testing::ElementsAre;

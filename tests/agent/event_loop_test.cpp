@@ -1,4 +1,4 @@
-#include "base/event_loop.h"
+#include "event_loop.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-#include "base/failure.h"
+#include "failure.h"
 
 #include <gtest/gtest.h>
 

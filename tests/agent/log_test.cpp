@@ -1,4 +1,4 @@
-#include "base/log.h"
+#include "log.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -186,7 +186,7 @@ TEST_F(LogTest, AFormatMayGiveAnyLength)
 TEST_F(LogTest, AFinalLineHasNoLevel)
 {
     const CapturedStderr captured;
-    WriteFinalLine("\u202Efirst\nsecond\n");
+    WriteFinalLine("vqagent", "\u202Efirst\nsecond\n");
     EXPECT_EQ(captured.Text(), "vqagent: ?first\n    second\n");
 }
 
@@ -252,7 +252,7 @@ TEST_F(StoppedReaderTest, TellsOneLostLineWhateverTheThresholdIs)
     Log(LogLevel::kError, "lost");
     Log(LogLevel::kNotice, "below the threshold");
     (void)Drain();
-    WriteFinalLine("next");
+    WriteFinalLine("vqagent", "next");
     EXPECT_EQ(Drain(), "WARNING 1 line of the log was lost\nvqagent: next\n");
 }
 

@@ -1,4 +1,4 @@
-#include "base/metrics_text.h"
+#include "metrics_text.h"
 
 #include <gtest/gtest.h>
 

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "base/failure.h"
+#include "failure.h"
 #include "scratch.h"
 
 namespace kavel::agent {

@@ -15,9 +15,9 @@
 
 #include "advanced_dns.pb-c.h"
 #include "base/config.h"
-#include "base/event_loop.h"
 #include "base/instance_process.h"
 #include "control.pb-c.h"
+#include "event_loop.h"
 #include "instances/module.h"
 #include "services/process_end.h"
 #include "socket/connection.h"

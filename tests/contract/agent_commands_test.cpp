@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "base/failure.h"
 #include "contract_test.h"
+#include "failure.h"
 #include "process_lab.h"
 #include "services/launch_mark.h"
 #include "unique_fd.h"
@@ -218,8 +218,7 @@ TEST_F(Commands, OutputOfCommandsIsNotLogged)
 TEST_F(Commands, LaunchOfAnInstanceNeedsNoFreeDescriptor)
 {
     try {
-        agent::ThrowErrno(EMFILE,
-                          "a sanitizer needs a descriptor when it sees an exception of this type for the first time");
+        ThrowErrno(EMFILE, "a sanitizer needs a descriptor when it sees an exception of this type for the first time");
     } catch (const std::system_error &failure) {
         EXPECT_STRNE(failure.what(), "");
     }

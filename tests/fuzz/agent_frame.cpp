@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "base/child_reaper.h"
-#include "base/log.h"
 #include "control.pb-c.h"
 #include "cpe_model.h"
 #include "domain_matcher.h"
@@ -23,6 +22,7 @@
 #include "fuzz.h"
 #include "instances/controller_message.h"
 #include "instances/pending_launches.h"
+#include "log.h"
 #include "services/host.h"
 #include "socket/answer.h"
 #include "socket/connection.h"
@@ -84,7 +84,7 @@ int32_t VerbOf(const Kavel__Request &Request)
 
 class Agent {
   public:
-    Agent() { kavel::agent::ConfigureLog(kavel::agent::LogLevel::kError); }
+    Agent() { kavel::ConfigureLog(kavel::LogLevel::kError); }
 
     [[nodiscard]] Answer Handle(kavel::agent::ReceivedFrame Frame)
     {
@@ -152,7 +152,7 @@ class Agent {
     kavel::agent::Host m_Host{Configuration()};
     kavel::agent::ModuleSilence m_Silence{m_Host};
     kavel::agent::Module m_Module{KAVEL_MODULE, m_Host};
-    kavel::agent::EventLoop m_Loop;
+    kavel::EventLoop m_Loop;
     kavel::agent::Instances m_Instances;
     kavel::agent::PendingLaunches m_Launches{m_Loop, m_Instances, m_Host.launchOutputs};
     kavel::agent::ChildReaper m_Reaper{m_Loop};

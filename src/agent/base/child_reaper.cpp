@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <csignal>
 
-#include "base/failure.h"
+#include "failure.h"
 
 namespace kavel::agent {
 namespace {

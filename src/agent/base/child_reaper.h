@@ -10,7 +10,7 @@
 #include <string>
 #include <utility>
 
-#include "base/event_loop.h"
+#include "event_loop.h"
 
 namespace kavel::agent {
 

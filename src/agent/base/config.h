@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "base/log.h"
 #include "frame.h"
+#include "log.h"
 
 namespace kavel::agent {
 

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "base/failure.h"
+#include "failure.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {

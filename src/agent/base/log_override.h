@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "base/event_loop.h"
-#include "base/log.h"
+#include "event_loop.h"
+#include "log.h"
 
 namespace kavel::agent {
 

@@ -11,8 +11,8 @@
 #include <limits>
 #include <utility>
 
-#include "base/failure.h"
 #include "base/high_fd.h"
+#include "failure.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {

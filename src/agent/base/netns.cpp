@@ -13,9 +13,9 @@
 #include <string_view>
 #include <utility>
 
-#include "base/failure.h"
-#include "base/log.h"
 #include "base/program_files.h"
+#include "failure.h"
+#include "log.h"
 
 namespace kavel::agent {
 namespace {

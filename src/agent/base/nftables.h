@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "base/failure.h"
 #include "base/per_namespace.h"
+#include "failure.h"
 
 namespace kavel::agent {
 

@@ -10,7 +10,7 @@
 #include <iterator>
 #include <string_view>
 
-#include "base/failure.h"
+#include "failure.h"
 
 namespace kavel::agent {
 namespace {

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <utility>
 
-#include "base/failure.h"
+#include "failure.h"
 
 namespace kavel::agent {
 

@@ -4,8 +4,8 @@
 #include <system_error>
 
 #include "base/files.h"
-#include "base/log.h"
 #include "base/procfs.h"
+#include "log.h"
 
 namespace kavel::agent {
 

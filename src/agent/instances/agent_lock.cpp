@@ -12,8 +12,8 @@
 #include <string>
 #include <utility>
 
-#include "base/failure.h"
 #include "base/procfs.h"
+#include "failure.h"
 
 namespace kavel::agent {
 namespace {

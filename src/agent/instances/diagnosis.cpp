@@ -18,10 +18,10 @@
 #include <system_error>
 
 #include "base/dns_name.h"
-#include "base/log.h"
 #include "base/procfs.h"
 #include "instances/instance_servers.h"
 #include "instances/start_files.h"
+#include "log.h"
 #include "services/interfaces_netlink.h"
 #include "services/routes_netlink.h"
 #include "unique_fd.h"

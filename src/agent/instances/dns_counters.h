@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "base/event_loop.h"
+#include "event_loop.h"
 #include "instances/dns_probe.h"
 #include "services/host.h"
 

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "base/dns_message.h"
-#include "base/event_loop.h"
 #include "base/netns.h"
+#include "event_loop.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {

@@ -12,8 +12,8 @@
 #include <system_error>
 #include <utility>
 
-#include "base/failure.h"
-#include "base/log.h"
+#include "failure.h"
+#include "log.h"
 
 namespace kavel::agent {
 namespace {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "base/event_loop.h"
+#include "event_loop.h"
 #include "services/host.h"
 #include "unique_fd.h"
 

@@ -10,9 +10,9 @@
 #include <csignal>
 #include <utility>
 
-#include "base/failure.h"
-#include "base/log.h"
 #include "base/spawn.h"
+#include "failure.h"
+#include "log.h"
 
 namespace kavel::agent {
 namespace {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "base/event_loop.h"
+#include "event_loop.h"
 #include "services/process_end.h"
 #include "unique_fd.h"
 

@@ -10,9 +10,9 @@
 #include <system_error>
 #include <utility>
 
-#include "base/failure.h"
 #include "base/files.h"
-#include "base/log.h"
+#include "failure.h"
+#include "log.h"
 
 namespace kavel::agent {
 namespace {

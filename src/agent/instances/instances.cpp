@@ -12,11 +12,11 @@
 #include <string_view>
 #include <utility>
 
-#include "base/failure.h"
 #include "base/files.h"
 #include "base/instance_process.h"
-#include "base/log.h"
 #include "base/procfs.h"
+#include "failure.h"
+#include "log.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "base/instance_process.h"
-#include "base/log.h"
 #include "instances/start_files.h"
+#include "log.h"
 
 namespace kavel::agent {
 namespace {

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "base/event_loop.h"
+#include "event_loop.h"
 #include "instances/instances.h"
 #include "services/launch_output.h"
 

@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "base/failure.h"
 #include "base/spawn.h"
+#include "failure.h"
 
 namespace kavel::agent {
 namespace {

@@ -10,8 +10,8 @@
 #include <string>
 #include <string_view>
 
-#include "base/event_loop.h"
 #include "base/netns.h"
+#include "event_loop.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {

@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "base/files.h"
-#include "base/log.h"
+#include "log.h"
 
 namespace kavel::agent {
 namespace {

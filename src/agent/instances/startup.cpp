@@ -7,7 +7,7 @@
 #include <fstream>
 #include <system_error>
 
-#include "base/log.h"
+#include "log.h"
 #include "services/interfaces_netlink.h"
 #include "services/routes_netlink.h"
 

@@ -2,7 +2,7 @@
 #ifndef KAVEL_AGENT_STARTUP_H
 #define KAVEL_AGENT_STARTUP_H
 
-#include "base/event_loop.h"
+#include "event_loop.h"
 #include "instances/instances.h"
 #include "instances/module.h"
 #include "instances/pending_launches.h"

@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "base/instance_process.h"
-#include "base/log.h"
 #include "base/netns.h"
 #include "base/procfs.h"
+#include "log.h"
 #include "services/routes_netlink.h"
 #include "services/rules_nftables.h"
 

@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <string_view>
 
-#include "base/failure.h"
 #include "base/files.h"
+#include "failure.h"
 #include "services/host.h"
 #include "vqFile.h"
 

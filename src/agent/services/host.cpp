@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "base/log.h"
+#include "log.h"
 #include "vqMemory.h"
 
 namespace kavel::agent {

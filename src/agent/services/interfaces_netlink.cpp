@@ -10,9 +10,9 @@
 #include <new>
 #include <utility>
 
-#include "base/failure.h"
-#include "base/log.h"
 #include "base/netlink.h"
+#include "failure.h"
+#include "log.h"
 #include "vqNetio.h"
 
 namespace kavel::agent {

@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "base/failure.h"
+#include "failure.h"
 
 namespace kavel::agent {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "base/failure.h"
-#include "base/log.h"
+#include "failure.h"
+#include "log.h"
 #include "services/host.h"
 #include "vqLog.h"
 
@@ -76,6 +76,7 @@ std::int32_t KeepError(std::string text)
 } // namespace
 } // namespace kavel::agent
 
+using namespace kavel;
 using namespace kavel::agent;
 
 extern "C" {

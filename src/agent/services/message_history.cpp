@@ -6,7 +6,7 @@
 #include <span>
 #include <string_view>
 
-#include "base/failure.h"
+#include "failure.h"
 
 namespace kavel::agent {
 namespace {

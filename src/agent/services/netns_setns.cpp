@@ -7,8 +7,8 @@
 #include <cstring>
 #include <string>
 
-#include "base/failure.h"
 #include "base/netns.h"
+#include "failure.h"
 #include "services/host.h"
 #include "vqNetns.h"
 
@@ -41,6 +41,7 @@ int WriteCommandPrefix(std::uint32_t vpnId, char *buffer, std::size_t size)
 } // namespace
 } // namespace kavel::agent
 
+using namespace kavel;
 using namespace kavel::agent;
 
 extern "C" {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <utility>
 
-#include "base/log.h"
+#include "log.h"
 
 namespace kavel::agent {
 namespace {

@@ -9,9 +9,9 @@ extern "C" {
 
 #include <cerrno>
 
-#include "base/failure.h"
 #include "base/high_fd.h"
 #include "deadline.h"
+#include "failure.h"
 
 namespace kavel::agent {
 

@@ -11,11 +11,11 @@
 #include <system_error>
 #include <vector>
 
-#include "base/failure.h"
 #include "base/instance_process.h"
-#include "base/log.h"
 #include "base/procfs.h"
 #include "base/spawn.h"
+#include "failure.h"
+#include "log.h"
 #include "services/host.h"
 #include "services/launch_mark.h"
 #include "services/process_end.h"
@@ -170,6 +170,7 @@ int EndProcess(Host &host, pid_t pid)
 } // namespace
 } // namespace kavel::agent
 
+using namespace kavel;
 using namespace kavel::agent;
 
 extern "C" {

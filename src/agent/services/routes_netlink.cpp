@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "base/failure.h"
 #include "base/netlink.h"
+#include "failure.h"
 #include "vqRoute.h"
 
 namespace kavel::agent {

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "base/failure.h"
+#include "failure.h"
 #include "vqRule.h"
 
 namespace kavel::agent {

@@ -6,9 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include "base/failure.h"
-#include "base/log.h"
 #include "base/nftables.h"
+#include "failure.h"
+#include "log.h"
 #include "vqRule.h"
 
 namespace kavel::agent {
@@ -140,6 +140,7 @@ DnsInterfaces InterfacesOf(const Config &config, std::uint32_t vpnId)
 
 } // namespace kavel::agent
 
+using namespace kavel;
 using namespace kavel::agent;
 
 extern "C" {

@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "base/failure.h"
 #include "base/files.h"
+#include "failure.h"
 #include "services/message_history.h"
 #include "unique_fd.h"
 

@@ -7,9 +7,9 @@
 #include <system_error>
 #include <utility>
 
-#include "base/failure.h"
-#include "base/log.h"
 #include "base/zeroed_pages.h"
+#include "failure.h"
+#include "log.h"
 #include "services/host.h"
 #include "services/message_history.h"
 #include "services/store.h"
@@ -423,6 +423,7 @@ bool StoreChange::Finish()
 
 } // namespace kavel::agent
 
+using namespace kavel;
 using namespace kavel::agent;
 
 extern "C" {

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "base/config.h"
-#include "base/log.h"
 #include "control.pb-c.h"
 #include "instances/agent_facts.h"
 #include "instances/status.h"
+#include "log.h"
 #include "services/message_history.h"
 #include "services/store.h"
 #include "socket/client_query.h"

@@ -6,7 +6,7 @@
 #include <system_error>
 #include <utility>
 
-#include "base/log.h"
+#include "log.h"
 #include "printable.h"
 
 namespace kavel::agent {

@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "base/event_loop.h"
 #include "base/netns.h"
+#include "event_loop.h"
 #include "instances/dns_exchange.h"
 #include "instances/instances.h"
 #include "instances/query_instance.h"

@@ -8,8 +8,8 @@
 #include <system_error>
 #include <utility>
 
-#include "base/log.h"
 #include "frame.h"
+#include "log.h"
 #include "services/message_history.h"
 #include "socket/request_answers.h"
 #include "socket/requests.h"

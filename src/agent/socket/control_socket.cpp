@@ -16,10 +16,10 @@
 #include <tuple>
 #include <utility>
 
-#include "base/failure.h"
-#include "base/log.h"
 #include "base/procfs.h"
+#include "failure.h"
 #include "frame.h"
+#include "log.h"
 #include "printable.h"
 
 namespace kavel::agent {

@@ -12,8 +12,8 @@
 #include <optional>
 #include <string>
 
-#include "base/event_loop.h"
 #include "base/files.h"
+#include "event_loop.h"
 #include "socket/answer.h"
 #include "socket/connection.h"
 #include "socket/peer.h"

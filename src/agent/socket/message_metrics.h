@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "base/metrics_text.h"
+#include "metrics_text.h"
 #include "socket/answer.h"
 
 namespace kavel::agent {

@@ -8,8 +8,8 @@
 #include <system_error>
 #include <utility>
 
-#include "base/log.h"
 #include "instances/startup.h"
+#include "log.h"
 #include "printable.h"
 #include "services/message_history.h"
 #include "socket/message_checks.h"

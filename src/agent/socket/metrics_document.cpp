@@ -6,7 +6,7 @@
 #include <optional>
 #include <string_view>
 
-#include "base/metrics_text.h"
+#include "metrics_text.h"
 
 namespace kavel::agent {
 namespace {

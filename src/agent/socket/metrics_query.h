@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "base/event_loop.h"
+#include "event_loop.h"
 #include "instances/dns_counters.h"
 #include "instances/instances.h"
 #include "instances/status.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "base/log.h"
+#include "log.h"
 #include "socket/request_answers.h"
 #include "socket/requests.h"
 

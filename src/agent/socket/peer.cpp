@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/failure.h"
-#include "base/log.h"
+#include "failure.h"
+#include "log.h"
 
 namespace kavel::agent {
 namespace {

@@ -16,7 +16,7 @@ namespace kavel::agent {
 namespace {
 
 // Each takes a process of its own.
-constexpr std::size_t kQueriesMax = 16;
+constexpr std::size_t kClientQueriesMax = 16;
 
 std::uint32_t TypeOf(const Kavel__Request &request)
 {
@@ -53,8 +53,8 @@ void Requests::BeginClientQuery(const Kavel__Request &request, const Respond &re
         respond(*objection);
         return;
     }
-    if (clientQueries_.size() >= kQueriesMax) {
-        respond(Refusal(-EBUSY, "the agent handles " + std::to_string(kQueriesMax) + " queries already"));
+    if (clientQueries_.size() >= kClientQueriesMax) {
+        respond(Refusal(-EBUSY, "the agent handles " + std::to_string(kClientQueriesMax) + " queries already"));
         return;
     }
     const DnsQuestion question{request.vpn, request.name, static_cast<std::uint16_t>(TypeOf(request))};

@@ -9,8 +9,8 @@
 #include <system_error>
 #include <utility>
 
-#include "base/failure.h"
-#include "base/log.h"
+#include "failure.h"
+#include "log.h"
 #include "socket/export_requests.h"
 #include "socket/request_answers.h"
 #include "socket/store_requests.h"

@@ -14,8 +14,8 @@
 #include <variant>
 #include <vector>
 
-#include "base/event_loop.h"
 #include "base/log_override.h"
+#include "event_loop.h"
 #include "instances/agent_facts.h"
 #include "instances/controller_message.h"
 #include "instances/instances.h"

@@ -8,7 +8,7 @@
 #include <set>
 #include <vector>
 
-#include "base/event_loop.h"
+#include "event_loop.h"
 #include "instances/dns_probe.h"
 #include "instances/instances.h"
 #include "instances/status.h"

@@ -9,10 +9,10 @@
 #include <utility>
 
 #include "base/instance_process.h"
-#include "base/log.h"
 #include "base/port_owners.h"
 #include "base/procfs.h"
 #include "instances/dns_counters.h"
+#include "log.h"
 
 namespace kavel::agent {
 namespace {

@@ -9,7 +9,7 @@
 #include <optional>
 #include <vector>
 
-#include "base/event_loop.h"
+#include "event_loop.h"
 #include "instances/dns_probe.h"
 #include "instances/dry_start.h"
 #include "instances/instance_servers.h"

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "base/failure.h"
-#include "base/log.h"
+#include "failure.h"
+#include "log.h"
 #include "supervision/content.h"
 #include "supervision/supervisor.h"
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <utility>
 
-#include "base/log.h"
 #include "instances/instance_servers.h"
+#include "log.h"
 #include "services/memory_malloc.h"
 #include "supervision/supervisor.h"
 

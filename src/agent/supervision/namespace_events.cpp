@@ -11,8 +11,8 @@
 #include <initializer_list>
 #include <utility>
 
-#include "base/failure.h"
 #include "base/netlink.h"
+#include "failure.h"
 
 namespace kavel::agent {
 namespace {

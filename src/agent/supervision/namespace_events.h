@@ -6,8 +6,8 @@
 #include <functional>
 #include <utility>
 
-#include "base/event_loop.h"
 #include "base/netns.h"
+#include "event_loop.h"
 #include "unique_fd.h"
 
 namespace kavel::agent {

@@ -14,9 +14,9 @@
 #include <system_error>
 #include <utility>
 
-#include "base/failure.h"
-#include "base/log.h"
+#include "failure.h"
 #include "instances/start_files.h"
+#include "log.h"
 #include "services/launch_mark.h"
 #include "services/process_end.h"
 #include "services/routes_netlink.h"

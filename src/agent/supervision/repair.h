@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "base/event_loop.h"
+#include "event_loop.h"
 #include "instances/in_force.h"
 #include "instances/instances.h"
 #include "instances/module.h"

@@ -5,7 +5,7 @@
 #include <system_error>
 #include <utility>
 
-#include "base/log.h"
+#include "log.h"
 #include "services/launch_mark.h"
 #include "supervision/content.h"
 #include "supervision/supervisor.h"

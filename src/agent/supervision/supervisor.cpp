@@ -11,9 +11,9 @@
 #include <system_error>
 #include <utility>
 
-#include "base/log.h"
 #include "base/procfs.h"
 #include "instances/startup.h"
+#include "log.h"
 #include "services/launch_mark.h"
 #include "services/routes_netlink.h"
 #include "services/rules_nftables.h"

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "base/child_reaper.h"
-#include "base/event_loop.h"
+#include "event_loop.h"
 #include "instances/controller_message.h"
 #include "instances/in_force.h"
 #include "instances/instances.h"

@@ -7,7 +7,7 @@
 #include <system_error>
 #include <utility>
 
-#include "base/log.h"
+#include "log.h"
 #include "supervision/content.h"
 #include "supervision/supervisor.h"
 

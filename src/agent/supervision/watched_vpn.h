@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "base/event_loop.h"
 #include "base/netns.h"
+#include "event_loop.h"
 #include "instances/dns_probe.h"
 #include "instances/in_force.h"
 #include "services/process_end.h"

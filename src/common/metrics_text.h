@@ -1,6 +1,6 @@
 // Metrics in the text format of Prometheus.
-#ifndef KAVEL_AGENT_METRICS_TEXT_H
-#define KAVEL_AGENT_METRICS_TEXT_H
+#ifndef KAVEL_COMMON_METRICS_TEXT_H
+#define KAVEL_COMMON_METRICS_TEXT_H
 
 #include <concepts>
 #include <cstdint>
@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-namespace kavel::agent {
+namespace kavel {
 
 // How many observations there were up to each bound.
 class Histogram {
@@ -57,6 +57,6 @@ class MetricsText {
     std::string heading_; // written in front of the first sample
 };
 
-} // namespace kavel::agent
+} // namespace kavel
 
 #endif

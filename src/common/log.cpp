@@ -1,4 +1,4 @@
-#include "base/log.h"
+#include "log.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -15,7 +15,7 @@
 #include "printable.h"
 #include "unique_fd.h"
 
-namespace kavel::agent {
+namespace kavel {
 namespace {
 
 struct LevelText {
@@ -191,9 +191,9 @@ void WriteLogLine(LogLevel level, std::string_view text)
     WriteLine(Prefix(level), text);
 }
 
-void WriteFinalLine(std::string_view text)
+void WriteFinalLine(std::string_view program, std::string_view text)
 {
-    WriteLine("vqagent: ", text);
+    WriteLine(std::string(program) + ": ", text);
 }
 
 std::string FormatText(const char *format, va_list arguments)
@@ -211,4 +211,4 @@ std::string FormatText(const char *format, va_list arguments)
     return text;
 }
 
-} // namespace kavel::agent
+} // namespace kavel

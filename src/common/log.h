@@ -1,15 +1,15 @@
-// The agent's log: one line per event on standard error. A line that standard error cannot take at the moment, because
-// its reader has stopped or its disk is full, is lost: nothing waits for it. The next line that can be written is
-// preceded by a warning with the number of lines that were lost.
-#ifndef KAVEL_AGENT_LOG_H
-#define KAVEL_AGENT_LOG_H
+// The log of a daemon: one line per event on standard error. A line that standard error cannot take at the moment,
+// because its reader has stopped or its disk is full, is lost: nothing waits for it. The next line that can be written
+// is preceded by a warning with the number of lines that were lost.
+#ifndef KAVEL_COMMON_LOG_H
+#define KAVEL_COMMON_LOG_H
 
 #include <cstdarg>
 #include <optional>
 #include <string>
 #include <string_view>
 
-namespace kavel::agent {
+namespace kavel {
 
 // In order of importance: the most important first.
 enum class LogLevel { kError, kWarning, kNotice, kDebug };
@@ -34,12 +34,13 @@ void Log(LogLevel level, const char *format, ...) __attribute__((format(printf, 
 // is indented: a text from outside cannot forge a line.
 void WriteLogLine(LogLevel level, std::string_view text);
 
-// Writes "vqagent: " and the text as one line without a level, for an error that ends the agent.
-void WriteFinalLine(std::string_view text);
+// Writes the name of the program, as in "vqagent: ", and the text as one line without a level, for an error that ends
+// it.
+void WriteFinalLine(std::string_view program, std::string_view text);
 
 // The text of a printf format; the format itself when it cannot be formatted.
 [[nodiscard]] __attribute__((format(printf, 1, 0))) std::string FormatText(const char *format, va_list arguments);
 
-} // namespace kavel::agent
+} // namespace kavel
 
 #endif

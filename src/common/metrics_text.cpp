@@ -1,4 +1,4 @@
-#include "base/metrics_text.h"
+#include "metrics_text.h"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <iterator>
 #include <numeric>
 
-namespace kavel::agent {
+namespace kavel {
 namespace {
 
 // The shortest text that reads as the same number.
@@ -79,4 +79,4 @@ void MetricsText::Add(const Labels &labels, const Histogram &histogram)
     AddLine("_count", labels, std::to_string(histogram.CountUpTo(bounds.size())));
 }
 
-} // namespace kavel::agent
+} // namespace kavel

@@ -1,7 +1,7 @@
-// The agent's one event loop: signals, sockets, timers and file events. A thin layer over sd-event that takes C++
+// The one event loop of a program: signals, sockets, timers and file events. A thin layer over sd-event that takes C++
 // callables and passes their exceptions on.
-#ifndef KAVEL_AGENT_EVENT_LOOP_H
-#define KAVEL_AGENT_EVENT_LOOP_H
+#ifndef KAVEL_COMMON_EVENT_LOOP_H
+#define KAVEL_COMMON_EVENT_LOOP_H
 
 #include <sys/inotify.h>
 #include <systemd/sd-event.h>
@@ -14,7 +14,7 @@
 #include <optional>
 #include <string>
 
-namespace kavel::agent {
+namespace kavel {
 
 class EventLoop;
 
@@ -102,6 +102,6 @@ class EventLoop {
     std::optional<Clock::time_point> busySince_; // when the handler that runs now was called
 };
 
-} // namespace kavel::agent
+} // namespace kavel
 
 #endif

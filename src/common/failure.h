@@ -1,7 +1,8 @@
-// Failures of the operating system. Inside the agent they are exceptions: a std::system_error with the errno and a text
-// that names what failed. A negated errno exists only in the results of the C functions (see ResultOf) and in answers.
-#ifndef KAVEL_AGENT_FAILURE_H
-#define KAVEL_AGENT_FAILURE_H
+// Failures of the operating system. Inside the programs they are exceptions: a std::system_error with the errno and a
+// text that names what failed. A negated errno exists only in the results of the C functions (see ResultOf) and in
+// answers.
+#ifndef KAVEL_COMMON_FAILURE_H
+#define KAVEL_COMMON_FAILURE_H
 
 #include <cerrno>
 #include <cstdint>
@@ -11,7 +12,7 @@
 #include <system_error>
 #include <utility>
 
-namespace kavel::agent {
+namespace kavel {
 
 // A std::system_error whose text does not contain that of the errno.
 class Failure : public std::system_error {
@@ -65,6 +66,6 @@ template <typename Body>
     }
 }
 
-} // namespace kavel::agent
+} // namespace kavel
 
 #endif

@@ -1,11 +1,11 @@
-#include "base/event_loop.h"
+#include "event_loop.h"
 
 #include <cerrno>
 #include <utility>
 
-#include "base/failure.h"
+#include "failure.h"
 
-namespace kavel::agent {
+namespace kavel {
 namespace {
 
 // Timers fire at most this much late.
@@ -208,4 +208,4 @@ EventLoop::Clock::time_point EventLoop::IdleTime() const
     return busySince_.value_or(Clock::now()) - busy_;
 }
 
-} // namespace kavel::agent
+} // namespace kavel
