@@ -182,6 +182,18 @@ std::uint32_t JsonValue::Number(std::uint32_t lowest) const
     return *number;
 }
 
+std::int64_t JsonValue::LargeNumber(std::int64_t lowest) const
+{
+    constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
+    const std::int64_t number = json_object_get_int64(json);
+    // As a signed number json-c gives a larger one as the largest.
+    const bool fits = number >= lowest && json_object_get_uint64(json) <= static_cast<std::uint64_t>(kHighest);
+    if (!Is(json_type_int) || !fits) {
+        RefuseKind("a number from " + std::to_string(lowest) + " to " + std::to_string(kHighest));
+    }
+    return number;
+}
+
 std::string NumberRange(std::uint32_t lowest)
 {
     return "a number from " + std::to_string(lowest) + " to " +

@@ -101,6 +101,8 @@ struct JsonValue {
     [[nodiscard]] std::optional<std::uint32_t> TryNumber() const;
     // Refuses what is not a number from `lowest` to 4294967295.
     [[nodiscard]] std::uint32_t Number(std::uint32_t lowest = 0) const;
+    // Refuses what is not a number from `lowest`, which is not negative, to 2^63 - 1.
+    [[nodiscard]] std::int64_t LargeNumber(std::int64_t lowest = 0) const;
 
     // The element at `index`, which is below Length(). It refers to this value.
     [[nodiscard]] JsonValue Element(std::size_t index) const
@@ -185,6 +187,26 @@ void ReadMembers(const JsonValue &object, const Table &table, Target &...target)
         if (member.presence == Presence::kRequired && !HasKey(object.json, member.name)) {
             object.Attempt([&] { Refuse(object.path.Key(member.name), "is missing"); });
         }
+    }
+}
+
+// The same for a document that a newer program may have written: a key that the table does not have is passed over. The
+// members are read in the order of the table.
+template <typename Table, typename... Target>
+void ReadKnownMembers(const JsonValue &object, const Table &table, Target &...target)
+{
+    object.ExpectObject();
+    for (const auto &member : table) {
+        const JsonPath path = object.path.Key(member.name);
+        json_object *value = nullptr;
+        const bool isThere = json_object_object_get_ex(object.json, std::string(member.name).c_str(), &value) != 0;
+        object.Attempt([&] {
+            if (isThere) {
+                member.read(JsonValue{value, path, object.errors}, target...);
+            } else if (member.presence == Presence::kRequired) {
+                Refuse(path, "is missing");
+            }
+        });
     }
 }
 
