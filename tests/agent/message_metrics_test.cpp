@@ -34,15 +34,19 @@ TEST(MessageMetrics, AnswersAreCountedByResultAndPassedOn)
     respond(AnswerOf(0, false, true));
     respond(AnswerOf(-22, std::nullopt, std::nullopt));
     respond(AnswerOf(-5, true, false));
-    EXPECT_THAT(passed, ElementsAre(0, 1, 0, 0, 0, 0, -22, -5));
-    EXPECT_THAT(metrics.ByResult(), ElementsAre(Pair("applied", 3U), Pair("not_running", 2U), Pair("refused", 2U),
-                                                Pair("still_running", 1U)));
+    Answer notNewer = AnswerOf(-114, true, false);
+    notNewer.isNotNewer = true;
+    respond(notNewer);
+    EXPECT_THAT(passed, ElementsAre(0, 1, 0, 0, 0, 0, -22, -5, -114));
+    EXPECT_THAT(metrics.ByResult(), ElementsAre(Pair("applied", 3U), Pair("not_newer", 1U), Pair("not_running", 2U),
+                                                Pair("refused", 2U), Pair("still_running", 1U)));
 }
 
 TEST(MessageMetrics, EachResultIsThereFromTheBeginning)
 {
-    EXPECT_THAT(MessageMetrics().ByResult(), ElementsAre(Pair("applied", 0U), Pair("not_running", 0U),
-                                                         Pair("refused", 0U), Pair("still_running", 0U)));
+    EXPECT_THAT(MessageMetrics().ByResult(),
+                ElementsAre(Pair("applied", 0U), Pair("not_newer", 0U), Pair("not_running", 0U), Pair("refused", 0U),
+                            Pair("still_running", 0U)));
 }
 
 TEST(MessageMetrics, TheTimeUntilTheAnswerIsObserved)

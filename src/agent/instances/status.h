@@ -12,6 +12,7 @@
 #include "instances/findings.h"
 #include "instances/instances.h"
 #include "services/host.h"
+#include "services/message_history.h"
 #include "services/store.h"
 
 namespace kavel::agent {
@@ -25,6 +26,7 @@ struct VpnStatus {
     std::optional<std::string> lastEnd;
     std::optional<std::string> lastRepair;
     std::optional<std::string> revision;
+    std::optional<SentHistoryEntry> lastNumbered; // of the highest numeric revision
     // For metrics: they are not sent with a status.
     std::uint32_t failedLaunches = 0; // since this agent has started
 };

@@ -18,6 +18,7 @@
 #include "base/pattern_cache.h"
 #include "services/error_trail.h"
 #include "services/launch_output.h"
+#include "services/numbered_messages.h"
 #include "services/own_questions.h"
 #include "services/store.h"
 #include "vqStore.h"
@@ -55,6 +56,7 @@ class Host {
     bool moduleIsSilent = false; // the module's lines are not written; its errors are kept all the same
     VQ_DATA_CONTENT_TRANS_OP conversions{};
     Store store{*this};
+    NumberedMessages numbered{*this};
 };
 
 // The VPN that the module works for during a scope: its log lines name this VPN, and it may end processes of this VPN

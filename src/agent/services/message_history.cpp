@@ -31,18 +31,25 @@ constexpr const char *kInsertEntry =
     " SELECT ?1, ?2, coalesce(max(number), 0) + 1, ?3, ?4, ?5, ?6, ?7, ?8, ?9"
     " FROM history WHERE platform = ?1 AND vpn_id = ?2";
 
-// Each entry with the number and the bytes of the entries from the newest to itself. The length of a blob comes from
-// the row's header: the messages are not read.
+// Each entry with the number and the bytes of the entries from the first to itself: first the newest one of the highest
+// numeric revision (NumericRevision()), then from the newest on. The length of a blob comes from the row's header: the
+// messages are not read.
 constexpr const char *kRemoveOldEntries =
-    "DELETE FROM history WHERE platform = ?1 AND vpn_id = ?2 AND number <= (SELECT max(number) FROM"
-    " (SELECT number, count(*) OVER newest AS entries, sum(length(message)) OVER newest AS bytes"
-    " FROM history WHERE platform = ?1 AND vpn_id = ?2 WINDOW newest AS (ORDER BY number DESC))"
+    "DELETE FROM history WHERE platform = ?1 AND vpn_id = ?2 AND number IN (SELECT number FROM"
+    " (SELECT number, count(*) OVER kept AS entries, sum(length(message)) OVER kept AS bytes"
+    " FROM history WHERE platform = ?1 AND vpn_id = ?2 WINDOW kept AS (ORDER BY number IS NOT"
+    " (SELECT number FROM history WHERE platform = ?1 AND vpn_id = ?2"
+    " AND revision GLOB '[1-9]*' AND revision NOT GLOB '*[^0-9]*'"
+    " AND (length(revision) < 19 OR (length(revision) = 19 AND revision <= '9223372036854775807'))"
+    " ORDER BY length(revision) DESC, revision DESC, number DESC LIMIT 1), number DESC))"
     " WHERE entries > ?3 OR bytes > ?4)";
 
 // The bounds hold for what another program has written, too.
 constexpr const char *kSelectEntries =
     "SELECT time, peer, revision, result, outcome, message_bytes, CASE WHEN length(message) <= ?4 THEN message END"
     " FROM history WHERE platform = ?1 AND vpn_id = ?2 ORDER BY number DESC LIMIT ?3";
+
+constexpr std::int64_t kNoMessage = -1; // the longest message that is read
 
 constexpr const char *kSelectAll = "SELECT time, peer, revision, result, outcome, message_bytes, NULL, vpn_id"
                                    " FROM history WHERE platform = ?1 ORDER BY vpn_id, number DESC LIMIT ?2";
@@ -119,6 +126,17 @@ HistoryEntry EntryOf(const Statement::Run &run)
 }
 
 } // namespace
+
+// What an undo brings back was in force before all that it undoes: an entry that nobody undid ends the search.
+bool UndoneEntries::Contains(const HistoryEntry &next)
+{
+    if (next.result < 0) {
+        return false;
+    }
+    const bool isUndone = isUndoing_ && next.outcome.starts_with(kToBeConfirmed);
+    isUndoing_ = next.peer == kSentByAgent || isUndone;
+    return isUndone;
+}
 
 void MakeHistoryTable(const Database &database)
 {
@@ -200,7 +218,7 @@ std::vector<VpnHistoryEntry> MessageHistory::ReadAll()
     return entries;
 }
 
-std::vector<HistoryEntry> MessageHistory::Read(std::uint32_t vpnId)
+std::vector<HistoryEntry> MessageHistory::Read(std::uint32_t vpnId, HistoryContent content)
 {
     if (!select_) {
         if (!HasTable()) {
@@ -212,7 +230,7 @@ std::vector<HistoryEntry> MessageHistory::Read(std::uint32_t vpnId)
     run.Bind(1, ColumnOf(platform_));
     run.Bind(2, vpnId);
     run.Bind(3, kHistoryEntriesMax);
-    run.Bind(4, static_cast<std::int64_t>(kHistoryMessageMax));
+    run.Bind(4, content == HistoryContent::kAll ? static_cast<std::int64_t>(kHistoryMessageMax) : kNoMessage);
     std::vector<HistoryEntry> entries;
     while (run.Step()) {
         entries.push_back(EntryOf(run));

@@ -1,5 +1,6 @@
 // The history of messages: what was asked for each VPN, by whom, and what was answered. It is a table in the file of
-// the persistent store. It informs the operator: nothing is recovered from it.
+// the persistent store. It informs the operator, and tells which revisions a VPN has had (numbered_messages.h): nothing
+// is recovered from it.
 #ifndef KAVEL_AGENT_MESSAGE_HISTORY_H
 #define KAVEL_AGENT_MESSAGE_HISTORY_H
 
@@ -42,10 +43,31 @@ struct HistoryEntry {
     bool operator==(const HistoryEntry &) const = default;
 };
 
+// An entry for the client.
+struct SentHistoryEntry {
+    std::uint32_t vpn = 0;
+    HistoryEntry entry;
+    Platform platform = Platform::kCpe;
+    bool isUndone = false;
+};
+
+// Tells which entries of a VPN the agent has undone: those that an undo of the agent has found unconfirmed. It gets the
+// entries one after the other, the newest first.
+class UndoneEntries {
+  public:
+    [[nodiscard]] bool Contains(const HistoryEntry &next);
+
+  private:
+    bool isUndoing_ = false;
+};
+
 struct VpnHistoryEntry {
     std::uint32_t vpn = 0;
     HistoryEntry entry; // without its message
 };
+
+// What is read of the entries of a VPN.
+enum class HistoryContent { kAll, kWithoutMessages };
 
 // Creates the table if it is missing. Throws std::system_error.
 void MakeHistoryTable(const Database &database);
@@ -57,13 +79,14 @@ class MessageHistory {
     // The history of the VPNs of a box of this kind. `database` must outlive this object.
     MessageHistory(const Database &database, Platform platform) : database_(database), platform_(platform) {}
 
-    // Adds the entry, and removes the oldest ones until the VPN's history is within the bounds, in one transaction. It
-    // survives the end of the agent, but a power failure may lose it: an addition does not wait for the disk, except
-    // when SQLite restarts its log or moves it into the file. For all other commits `synchronous` is FULL.
+    // Adds the entry, and removes the oldest ones until the VPN's history is within the bounds, in one transaction. Of
+    // the entries with the highest numeric revision the newest one stays, however old it is. The addition survives the
+    // end of the agent, but a power failure may lose it: it does not wait for the disk, except when SQLite restarts its
+    // log or moves it into the file. For all other commits `synchronous` is FULL.
     void Add(std::uint32_t vpnId, const HistoryEntry &entry);
 
     // The newest entry first. Nothing where there is no table, as in a read-only file of an older release.
-    [[nodiscard]] std::vector<HistoryEntry> Read(std::uint32_t vpnId);
+    [[nodiscard]] std::vector<HistoryEntry> Read(std::uint32_t vpnId, HistoryContent content = HistoryContent::kAll);
     // Of all VPNs, by rising id.
     [[nodiscard]] std::vector<VpnHistoryEntry> ReadAll();
 

@@ -76,6 +76,7 @@ class Store {
     // The history of messages, see message_history.h. It is no part of the rows, and no other function reads it.
     void AddToHistory(std::uint32_t vpnId, const HistoryEntry &entry);
     [[nodiscard]] std::vector<HistoryEntry> ReadHistory(std::uint32_t vpnId);
+    [[nodiscard]] std::vector<HistoryEntry> ReadHistoryWithoutMessages(std::uint32_t vpnId);
     [[nodiscard]] std::vector<VpnHistoryEntry> ReadHistoryOfAll();
 
     // How many uses of the file have failed.

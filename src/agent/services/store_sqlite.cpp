@@ -389,6 +389,11 @@ std::vector<HistoryEntry> Store::ReadHistory(std::uint32_t vpnId)
     return With([&](Opened &store) { return store.history.Read(vpnId); });
 }
 
+std::vector<HistoryEntry> Store::ReadHistoryWithoutMessages(std::uint32_t vpnId)
+{
+    return With([&](Opened &store) { return store.history.Read(vpnId, HistoryContent::kWithoutMessages); });
+}
+
 std::vector<VpnHistoryEntry> Store::ReadHistoryOfAll()
 {
     return With([](Opened &store) { return store.history.ReadAll(); });

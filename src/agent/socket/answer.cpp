@@ -63,6 +63,32 @@ class PackedFindings {
     std::vector<Kavel__Finding *> pointers_;
 };
 
+ProtobufCBinaryData BorrowBytes(const std::vector<std::uint8_t> &bytes)
+{
+    return {bytes.size(),
+            const_cast<std::uint8_t *>(bytes.data())}; // NOLINT(cppcoreguidelines-pro-type-const-cast): as Borrow()
+}
+
+// Points into `sent`.
+Kavel__HistoryEntry PackEntry(const SentHistoryEntry &sent)
+{
+    Kavel__HistoryEntry message = KAVEL__HISTORY_ENTRY__INIT;
+    message.vpn = sent.vpn;
+    message.time = static_cast<std::uint64_t>(sent.entry.time);
+    message.sender = Borrow(sent.entry.peer);
+    message.revision = BorrowOrNull(sent.entry.revision);
+    message.result = sent.entry.result;
+    message.outcome = Borrow(sent.entry.outcome);
+    message.bytes = sent.entry.messageBytes;
+    if (sent.entry.message) {
+        message.has_message = 1;
+        message.message = BorrowBytes(*sent.entry.message);
+    }
+    message.has_pop = message.pop = sent.platform == Platform::kPop ? 1 : 0;
+    message.has_undone = message.undone = sent.isUndone ? 1 : 0;
+    return message;
+}
+
 // A VPN's status with its texts, which point into the status.
 class PackedStatus {
   public:
@@ -73,6 +99,9 @@ class PackedStatus {
         message_.last_end = BorrowOrNull(status.lastEnd);
         message_.last_repair = BorrowOrNull(status.lastRepair);
         message_.revision = BorrowOrNull(status.revision);
+        if (status.lastNumbered) {
+            lastNumbered_ = PackEntry(*status.lastNumbered);
+        }
     }
 
     // Valid until this object is moved or destroyed.
@@ -80,12 +109,14 @@ class PackedStatus {
     {
         message_.problems = problems_.Pointers().data();
         message_.n_problems = problems_.Pointers().size();
+        message_.last_numbered = lastNumbered_ ? &*lastNumbered_ : nullptr;
         return &message_;
     }
 
   private:
     Kavel__VpnStatus message_;
     PackedFindings problems_;
+    std::optional<Kavel__HistoryEntry> lastNumbered_;
 };
 
 // Points into `record`.
@@ -107,12 +138,6 @@ Kavel__StoredRecord PackRecord(const StoredRecord &record)
     return message;
 }
 
-ProtobufCBinaryData BorrowBytes(const std::vector<std::uint8_t> &bytes)
-{
-    return {bytes.size(),
-            const_cast<std::uint8_t *>(bytes.data())}; // NOLINT(cppcoreguidelines-pro-type-const-cast): as Borrow()
-}
-
 // Points into `sent`.
 Kavel__PackedMessage PackMessage(const SentMessage &sent)
 {
@@ -120,26 +145,6 @@ Kavel__PackedMessage PackMessage(const SentMessage &sent)
     message.vpn = sent.vpn;
     message.message = BorrowBytes(sent.bytes);
     message.has_pop = message.pop = sent.platform == Platform::kPop ? 1 : 0;
-    return message;
-}
-
-// Points into `sent`.
-Kavel__HistoryEntry PackEntry(const SentHistoryEntry &sent)
-{
-    Kavel__HistoryEntry message = KAVEL__HISTORY_ENTRY__INIT;
-    message.vpn = sent.vpn;
-    message.time = static_cast<std::uint64_t>(sent.entry.time);
-    message.sender = Borrow(sent.entry.peer);
-    message.revision = BorrowOrNull(sent.entry.revision);
-    message.result = sent.entry.result;
-    message.outcome = Borrow(sent.entry.outcome);
-    message.bytes = sent.entry.messageBytes;
-    if (sent.entry.message) {
-        message.has_message = 1;
-        message.message = BorrowBytes(*sent.entry.message);
-    }
-    message.has_pop = message.pop = sent.platform == Platform::kPop ? 1 : 0;
-    message.has_undone = message.undone = sent.isUndone ? 1 : 0;
     return message;
 }
 
@@ -228,6 +233,11 @@ void SetKnown(protobuf_c_boolean &has, protobuf_c_boolean &field, std::optional<
     field = value.value_or(false) ? 1 : 0;
 }
 
+void SetIfTrue(protobuf_c_boolean &has, protobuf_c_boolean &field, bool value)
+{
+    has = field = value ? 1 : 0;
+}
+
 } // namespace
 
 Answer Refusal(std::int32_t result, std::optional<std::string> text)
@@ -235,6 +245,13 @@ Answer Refusal(std::int32_t result, std::optional<std::string> text)
     Answer answer;
     answer.result = result;
     answer.text = std::move(text);
+    return answer;
+}
+
+Answer RefusalForNow(std::int32_t result, std::string text)
+{
+    Answer answer = Refusal(result, std::move(text));
+    answer.mayRetry = true;
     return answer;
 }
 
@@ -285,7 +302,10 @@ std::vector<std::uint8_t> PackAnswer(const Answer &answer)
     const AgentStatus ownStatus = answer.agent.value_or(AgentStatus());
     Kavel__AgentStatus agent = PackAgent(ownStatus);
     reply.agent = answer.agent ? &agent : nullptr;
-    SetKnown(reply.has_unknown_vpn, reply.unknown_vpn, answer.isUnknownVpn ? std::optional(true) : std::nullopt);
+    SetIfTrue(reply.has_unknown_vpn, reply.unknown_vpn, answer.isUnknownVpn);
+    SetIfTrue(reply.has_not_newer, reply.not_newer, answer.isNotNewer);
+    SetIfTrue(reply.has_retry, reply.retry, answer.mayRetry);
+    reply.in_force_revision = BorrowOrNull(answer.inForceRevision);
     PackedLog log(answer.log.value_or(LogState()));
     reply.log = answer.log ? &log.message : nullptr;
     std::optional<PackedQuery> query;

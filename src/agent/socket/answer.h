@@ -34,14 +34,6 @@ struct SentMessage {
     Platform platform = Platform::kCpe;
 };
 
-// An entry of the history for the client.
-struct SentHistoryEntry {
-    std::uint32_t vpn = 0;
-    HistoryEntry entry;
-    Platform platform = Platform::kCpe;
-    bool isUndone = false;
-};
-
 struct Answer {
     std::int32_t result = 0;           // 0 or more: carried out; a negated errno: refused
     std::optional<std::string> text;   // what the agent found wrong; without it the errno's text is sent
@@ -63,6 +55,9 @@ struct Answer {
     std::optional<QueryOutcome> query;
     std::vector<SentMessage> messages;
     std::vector<SentHistoryEntry> history;
+    bool isNotNewer = false;                    // refused: `history` holds the entry that is not older
+    std::optional<std::string> inForceRevision; // of the message in force, if its sender gave one
+    bool mayRetry = false;                      // refused without a judgement, for a reason that passes
 };
 
 // Sends the answer to its client. Called exactly once per request.
@@ -70,6 +65,8 @@ using Respond = std::function<void(const Answer &answer)>;
 
 // An answer with a negated errno; without a text the errno's own is sent.
 [[nodiscard]] Answer Refusal(std::int32_t result, std::optional<std::string> text = std::nullopt);
+// The same for a request that was not judged, and that may be sent again later.
+[[nodiscard]] Answer RefusalForNow(std::int32_t result, std::string text);
 
 // The frame of `answer`, header included.
 [[nodiscard]] std::vector<std::uint8_t> PackAnswer(const Answer &answer);

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <iterator>
 #include <string>
@@ -62,6 +63,7 @@ Answer Requests::Confirm(std::uint32_t vpnId, const std::string &sender)
         return RefusalOf(vpnId, -failure.code().value(), failure.what());
     }
     HistoryEntry entry;
+    entry.time = std::time(nullptr);
     entry.peer = sender;
     entry.outcome = kConfirmedOutcome;
     AddToHistory(vpnId, entry);
@@ -100,7 +102,8 @@ void Requests::ApplyBefore(std::uint32_t vpnId, const BeforeUnconfirmed &before,
     request.has_message = 1;
     request.message = {bytes.size(), bytes.data()};
     request.revision = revision ? revision->data() : nullptr;
-    Handle(FrameOfRequest(request), [vpnId, seconds](const Answer &answer) {
+    Handle(FrameOfRequest(request), [this, vpnId, seconds](const Answer &answer) {
+        host_.numbered.Undone(vpnId);
         if (answer.result < 0) {
             Log(LogLevel::kError, "vpn %u: not confirmed within %u s, but the message before it is refused: %s", vpnId,
                 seconds, WhyOf(answer).c_str());
@@ -119,10 +122,12 @@ void Requests::StopUnconfirmed(std::uint32_t vpnId, std::uint32_t seconds)
     request.vpn = vpnId;
     Handle(FrameOfRequest(request), [this, vpnId, seconds](const Answer &answer) {
         HistoryEntry entry;
+        entry.time = std::time(nullptr);
         entry.peer = kSentByAgent;
         entry.result = answer.result;
         entry.outcome = answer.text ? "not confirmed, NOT STOPPED: " + *answer.text : "not confirmed, stopped";
         AddToHistory(vpnId, entry);
+        host_.numbered.Undone(vpnId);
         Log(LogLevel::kWarning, "vpn %u: not confirmed within %u s; nothing was in force before it: stopped%s%s", vpnId,
             seconds, answer.text ? "; " : "", answer.text.value_or("").c_str());
     });

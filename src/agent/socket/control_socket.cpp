@@ -239,7 +239,8 @@ void ControlSocket::ProcessFrame(ClientId id)
             SendAnswer(id, answer);
         });
     } else {
-        SendAnswer(id, Refusal(-EBUSY, std::to_string(kReadersMax) + " requests of readers are not answered yet"));
+        SendAnswer(id,
+                   RefusalForNow(-EBUSY, std::to_string(kReadersMax) + " requests of readers are not answered yet"));
     }
 }
 
@@ -271,7 +272,8 @@ void ControlSocket::Dismiss(Connection &connection, std::int32_t error, const st
 {
     Log(LogLevel::kWarning, "control socket: process %d %s: %s", connection.Peer(),
         error == EMSGSIZE ? "announced a longer frame" : "is dismissed", text.c_str());
-    connection.Dismiss(PackAnswer(Refusal(-error, text)), loop_.IdleTime());
+    const Answer answer = error == ENOBUFS ? RefusalForNow(-error, text) : Refusal(-error, text);
+    connection.Dismiss(PackAnswer(answer), loop_.IdleTime());
 }
 
 // Brings everything that depends on the client's state up to date.

@@ -57,22 +57,16 @@ std::optional<InForceContent> ContentInForce(const Instances &instances, std::ui
     }
 }
 
-// Marks what the agent has undone, in entries of VPNs one after the other, the newest first: what an undo of the agent
-// has found unconfirmed.
+// Marks what the agent has undone, in entries of VPNs one after the other.
 void MarkUndone(std::vector<SentHistoryEntry> &history)
 {
-    std::optional<std::uint32_t> undoneVpn;
+    UndoneEntries undone;
+    std::optional<std::uint32_t> vpnId;
     for (SentHistoryEntry &sent : history) {
-        const HistoryEntry &entry = sent.entry;
-        if (entry.result < 0) {
-            continue;
+        if (std::exchange(vpnId, sent.vpn) != sent.vpn) {
+            undone = UndoneEntries();
         }
-        sent.isUndone = undoneVpn == sent.vpn && entry.outcome.starts_with(kToBeConfirmed);
-        if (entry.peer == kSentByAgent) {
-            undoneVpn = sent.vpn;
-        } else if (!sent.isUndone) {
-            undoneVpn.reset();
-        }
+        sent.isUndone = undone.Contains(sent.entry);
     }
 }
 

@@ -8,7 +8,7 @@ namespace {
 std::string_view ResultName(const Answer &answer)
 {
     if (answer.result < 0) {
-        return "refused";
+        return answer.isNotNewer ? "not_newer" : "refused";
     }
     const bool isRunning = answer.running.value_or(false);
     if (answer.enabled.value_or(isRunning) == isRunning) {

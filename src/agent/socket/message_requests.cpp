@@ -2,7 +2,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <ctime>
 #include <iterator>
 #include <memory>
 #include <system_error>
@@ -10,8 +9,7 @@
 
 #include "instances/startup.h"
 #include "log.h"
-#include "printable.h"
-#include "services/message_history.h"
+#include "socket/apply_form.h"
 #include "socket/message_checks.h"
 #include "socket/request_answers.h"
 #include "socket/requests.h"
@@ -21,9 +19,6 @@ namespace kavel::agent {
 namespace {
 
 constexpr std::chrono::milliseconds kLaunchTimeout{2000};
-
-constexpr std::size_t kRevisionMax = 64; // bytes
-constexpr std::uint32_t kConfirmSecondsMax = 3600;
 
 struct RecordRelease {
     void operator()(VQ_DNSMASQ_CONF *record) const { VQ_AgentMemFree(record); }
@@ -59,50 +54,6 @@ std::vector<std::string> NotesOn(Host &host, const ModuleFunctions &module, cons
     std::vector<std::string> notes = IneffectiveFields(*content, module);
     std::ranges::move(MissingInterfaces(*content, host, message.vpn), std::back_inserter(notes));
     return notes;
-}
-
-std::optional<std::string> RevisionOf(const Kavel__Request &request)
-{
-    return request.revision != nullptr ? std::optional<std::string>(request.revision) : std::nullopt;
-}
-
-// It is shown to people, and kept as a line.
-std::optional<std::string> RevisionObjection(const Kavel__Request &request)
-{
-    const std::string revision = RevisionOf(request).value_or("-");
-    const bool isGood = !revision.empty() && revision.size() <= kRevisionMax && Printable(revision) == revision &&
-                        revision.find('\n') == std::string::npos;
-    return isGood
-               ? std::nullopt
-               : std::optional("revision: it has not 1 to " + std::to_string(kRevisionMax) + " printable characters");
-}
-
-std::optional<std::uint32_t> ConfirmSecondsOf(const Kavel__Request &request)
-{
-    return request.has_confirm_seconds != 0 ? std::optional(request.confirm_seconds) : std::nullopt;
-}
-
-std::optional<std::string> ConfirmationObjection(const Kavel__Request &request)
-{
-    const std::uint32_t seconds = ConfirmSecondsOf(request).value_or(1);
-    return seconds >= 1 && seconds <= kConfirmSecondsMax
-               ? std::nullopt
-               : std::optional("confirm_seconds: it is " + std::to_string(seconds) + "; 1 to " +
-                               std::to_string(kConfirmSecondsMax) + " are possible");
-}
-
-// For the history: what a client was told.
-std::string OutcomeText(const Answer &answer, std::optional<std::uint32_t> confirmSeconds)
-{
-    if (answer.result < 0) {
-        return "refused: " + answer.reason.value_or(answer.text.value_or(std::strerror(-answer.result)));
-    }
-    const bool isRunning = answer.running.value_or(false);
-    const bool isAsWanted = answer.enabled.value_or(isRunning) == isRunning;
-    const std::string applied =
-        confirmSeconds ? kToBeConfirmed + std::to_string(*confirmSeconds) + " s" : std::string("applied");
-    return isAsWanted ? applied
-                      : applied + (isRunning ? ", STILL RUNNING: " : ", NOT RUNNING: ") + answer.text.value_or("");
 }
 
 Kavel__Summary Summarise(const VQ_DNSMASQ_CONF &record)
@@ -168,75 +119,6 @@ void PrepareNamespaceOrLog(Host &host, std::uint32_t vpnId)
 }
 
 } // namespace
-
-void Requests::HandleApply(const Kavel__Request &request, ReceivedRequest received, bool wasQueued)
-{
-    if (!wasQueued) {
-        received.respond = messages_.Counting(received.respond);
-    }
-    auto unpacked = UnpackControllerMessage(host_.config.platform, MessageOf(request));
-    if (!unpacked) {
-        received.respond(MalformedMessage(host_.config.platform));
-        return;
-    }
-    const auto message = std::make_shared<const ControllerMessage>(*std::move(unpacked));
-    if (auto objection = RevisionObjection(request)) {
-        received.respond(RefusalOf(message->vpn, -EINVAL, std::move(objection)));
-        return;
-    }
-    if (auto objection = ConfirmationObjection(request)) {
-        received.respond(RefusalOf(message->vpn, -EINVAL, std::move(objection)));
-        return;
-    }
-    const std::string sender = received.frame.sender;
-    if (!host_.config.Serves(message->vpn)) {
-        received.respond(NotConfigured(message->vpn));
-    } else {
-        if (!wasQueued) {
-            messages_.AskedFor(message->vpn, RevisionOf(request));
-        }
-        RunInOrder(message->vpn, std::move(received), wasQueued, [&](const Respond &respond) {
-            Apply(message, request, Recorded(*message, request, sender, respond));
-        });
-    }
-}
-
-// An answer that is kept in the history when it is sent.
-Respond Requests::Recorded(const ControllerMessage &message, const Kavel__Request &request, std::string sender,
-                           const Respond &respond)
-{
-    if (!host_.config.persistence) {
-        return respond;
-    }
-    HistoryEntry entry;
-    const auto bytes = MessageOf(request);
-    entry.peer = std::move(sender);
-    entry.revision = RevisionOf(request);
-    entry.messageBytes = bytes.size();
-    if (bytes.size() <= kHistoryMessageMax) {
-        entry.message.emplace(bytes.begin(), bytes.end());
-    }
-    return
-        [this, vpnId = message.vpn, seconds = ConfirmSecondsOf(request), entry, respond](const Answer &answer) mutable {
-            entry.result = answer.result;
-            entry.outcome = OutcomeText(answer, seconds);
-            AddToHistory(vpnId, entry);
-            respond(answer);
-        };
-}
-
-void Requests::AddToHistory(std::uint32_t vpnId, HistoryEntry entry)
-{
-    if (!host_.config.persistence) {
-        return;
-    }
-    entry.time = std::time(nullptr);
-    try {
-        host_.store.AddToHistory(vpnId, entry);
-    } catch (const std::system_error &failure) {
-        Log(LogLevel::kDebug, "vpn %u: the message is not in the history: %s", vpnId, failure.what());
-    }
-}
 
 std::optional<Answer> Requests::ApplyObjection(const ControllerMessage &message) const
 {

@@ -42,7 +42,8 @@ void AddMessages(MetricsText &text, const MessageMetrics &messages)
 {
     text.Begin("messages_total", "counter",
                "Messages that clients had applied, by result. not_running and still_running: applied, but the instance "
-               "is not in the state that the message asks for.");
+               "is not in the state that the message asks for. not_newer: not applied, since one with the same or a "
+               "higher revision was before.");
     for (const auto &[result, count] : messages.ByResult()) {
         text.Add({{"result", std::string(result)}}, count);
     }

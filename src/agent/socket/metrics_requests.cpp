@@ -24,7 +24,8 @@ AgentMetrics Requests::OwnMetrics() const
 void Requests::BeginMetrics(const Respond &respond)
 {
     if (metrics_.size() >= kMetricsMax) {
-        respond(Refusal(-EBUSY, "the agent handles " + std::to_string(kMetricsMax) + " requests for metrics already"));
+        respond(RefusalForNow(-EBUSY,
+                              "the agent handles " + std::to_string(kMetricsMax) + " requests for metrics already"));
         return;
     }
     const auto pending = metrics_.insert(metrics_.end(), PendingQuery<MetricsQuery>{respond, std::nullopt});

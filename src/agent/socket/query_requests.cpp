@@ -54,7 +54,7 @@ void Requests::BeginClientQuery(const Kavel__Request &request, const Respond &re
         return;
     }
     if (clientQueries_.size() >= kClientQueriesMax) {
-        respond(Refusal(-EBUSY, "the agent handles " + std::to_string(kClientQueriesMax) + " queries already"));
+        respond(RefusalForNow(-EBUSY, "the agent handles " + std::to_string(kClientQueriesMax) + " queries already"));
         return;
     }
     const DnsQuestion question{request.vpn, request.name, static_cast<std::uint16_t>(TypeOf(request))};

@@ -157,7 +157,8 @@ void Requests::RunInOrder(std::uint32_t vpnId, ReceivedRequest received, bool wa
         return;
     }
     if (auto objection = queues_.Objection(vpnId, received.frame.bytes.size())) {
-        const Answer answer = RefusalOf(vpnId, -EBUSY, std::move(objection));
+        Answer answer = RefusalForNow(-EBUSY, *std::move(objection));
+        answer.vpn = vpnId;
         LogOutcome(answer, "");
         received.respond(answer);
         return;
@@ -192,7 +193,7 @@ template <typename Query>
 void Requests::RefuseAll(std::list<PendingQuery<Query>> &queries)
 {
     for (const PendingQuery<Query> &query : queries) {
-        query.respond(Refusal(-ECANCELED, "the agent is stopping"));
+        query.respond(RefusalForNow(-ECANCELED, "the agent is stopping"));
     }
     queries.clear();
 }
@@ -202,7 +203,7 @@ void Requests::Stop()
     drainable_.clear();
     drain_.Disable();
     for (const ReceivedRequest &waiting : queues_.TakeAll()) {
-        waiting.respond(Refusal(-ECANCELED, "the agent is stopping; nothing was applied"));
+        waiting.respond(RefusalForNow(-ECANCELED, "the agent is stopping; nothing was applied"));
     }
     RefuseAll(statuses_);
     RefuseAll(whys_);
@@ -259,7 +260,7 @@ std::variant<StatusScope, Answer> Requests::ScopeOf(const Kavel__Request &reques
         return NotConfigured(request.vpn);
     }
     if (pendingQueries_ >= kQueriesMax) {
-        return Refusal(-EBUSY, "the agent handles " + std::to_string(kQueriesMax) + " status requests already");
+        return RefusalForNow(-EBUSY, "the agent handles " + std::to_string(kQueriesMax) + " status requests already");
     }
     const bool isAll = request.has_vpn == 0;
     return StatusScope{isAll ? ServedVpns() : std::vector{request.vpn}, isAll};
@@ -294,7 +295,8 @@ Answer Requests::InForceAnswer(const Kavel__Request &request)
         return request.has_vpn == 0 ? Refusal(-EINVAL, "no vpn is named") : NotConfigured(request.vpn);
     }
     if (const auto progress = supervisor_.Progress(); progress && supervisor_.IsBusy(request.vpn)) {
-        Answer starting = RefusalOf(request.vpn, -EAGAIN, "the agent is starting");
+        Answer starting = RefusalForNow(-EAGAIN, "the agent is starting");
+        starting.vpn = request.vpn;
         starting.start = progress;
         return starting;
     }

@@ -47,7 +47,11 @@ class Requests {
     void Handle(ReceivedFrame frame, const Respond &respond);
 
     // The configuration was read again: its log level holds, unless another one was chosen for a time that is not over.
-    void ConfigurationRead() { logOverride_.ConfigurationRead(host_.config.log); }
+    void ConfigurationRead()
+    {
+        logOverride_.ConfigurationRead(host_.config.log);
+        host_.numbered.ConfigurationRead();
+    }
 
     // Answers everything that is not answered yet: refuses what waits in a queue, status requests and queries, and
     // cancels the launches. No request may follow.
@@ -72,7 +76,12 @@ class Requests {
     bool BeginUndo(std::uint32_t vpnId);
     void ApplyBefore(std::uint32_t vpnId, const BeforeUnconfirmed &before, std::uint32_t seconds);
     void StopUnconfirmed(std::uint32_t vpnId, std::uint32_t seconds);
-    void AddToHistory(std::uint32_t vpnId, HistoryEntry entry);
+    [[nodiscard]] OptionalAnswer NewerObjection(std::uint32_t vpnId, const Kavel__Request &request);
+    [[nodiscard]] Answer NotNewer(std::uint32_t vpnId, const Kavel__Request &request,
+                                  const NumberedMessage &last) const;
+    [[nodiscard]] Answer RefuseUnconfigured(std::uint32_t vpnId, const Kavel__Request &request,
+                                            const std::string &sender);
+    void AddToHistory(std::uint32_t vpnId, const HistoryEntry &entry);
     void BeginRepair(const Kavel__Request &request, const Respond &respond);
     void HandleStop(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);
     void HandleFlush(const Kavel__Request &request, ReceivedRequest received, bool wasQueued);

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <system_error>
 #include <utility>
 
 #include "instances/diagnosis.h"
+#include "log.h"
 
 namespace kavel::agent {
 namespace {
@@ -66,7 +68,23 @@ VpnStatus StatusQuery::Read(std::uint32_t vpnId)
     supervisor_.Describe(status);
     std::ranges::move(FindFaults(host_, instances_, status), std::back_inserter(status.problems));
     PutInOrder(status.problems);
+    status.lastNumbered = LastNumbered(vpnId);
     return status;
+}
+
+// A store that could not be read a moment ago is not tried again for each VPN.
+std::optional<SentHistoryEntry> StatusQuery::LastNumbered(std::uint32_t vpnId)
+{
+    const NumberedMessage *last = host_.numbered.Known(vpnId);
+    if (stored_.isKnown) {
+        try {
+            last = host_.numbered.Last(vpnId);
+        } catch (const std::system_error &failure) {
+            Log(LogLevel::kDebug, "vpn %u: its history cannot be read: %s", vpnId, failure.what());
+        }
+    }
+    return last != nullptr ? std::optional(SentHistoryEntry{vpnId, last->entry, host_.config.platform, last->isUndone})
+                           : std::nullopt;
 }
 
 void StatusQuery::AddBoxFaults(std::vector<Finding> &problems)

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -39,6 +40,7 @@ class StatusQuery {
     void BeginReading(const DnsAnswers &answering);
     void ReadSome();
     [[nodiscard]] VpnStatus Read(std::uint32_t vpnId);
+    [[nodiscard]] std::optional<SentHistoryEntry> LastNumbered(std::uint32_t vpnId);
     void AddBoxFaults(std::vector<Finding> &problems);
     void End();
 

@@ -42,8 +42,8 @@ nanoseconds TimeLeft(const AwaitedConfirmation &awaited)
 
 std::optional<AwaitedConfirmation> Supervisor::Confirmation(std::uint32_t vpnId) const
 {
-    const auto found = vpns_.find(vpnId);
-    return found != vpns_.end() && found->second.wanted ? found->second.wanted->confirmation : std::nullopt;
+    const InForce *inForce = InForceOf(vpnId);
+    return inForce != nullptr ? inForce->confirmation : std::nullopt;
 }
 
 void Supervisor::KeepBefore(std::uint32_t vpnId)

@@ -143,6 +143,9 @@ void Supervisor::BringBack(std::uint32_t vpnId)
     WatchedVpn &vpn = Of(vpnId);
     const bool isUnconfirmed = marked_.contains(vpnId); // a launch was begun that nobody has confirmed
     vpn.wanted = inForce_.Read(vpnId);
+    if (vpn.wanted && vpn.wanted->revision) {
+        host_.numbered.NoteInForce(vpnId, *vpn.wanted->revision);
+    }
     ResumeConfirmation(vpnId);
     bool mustApply = isUnconfirmed;
     if (!vpn.wanted && LoadStoredRow(vpnId)) {

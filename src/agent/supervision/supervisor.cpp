@@ -225,6 +225,12 @@ void Supervisor::Applied(const ControllerMessage &message, std::span<const std::
     ScheduleLook(vpnId, Clock::now() + std::chrono::seconds(host_.config.watch.lookSeconds));
 }
 
+const InForce *Supervisor::InForceOf(std::uint32_t vpnId) const
+{
+    const auto found = vpns_.find(vpnId);
+    return found != vpns_.end() && found->second.wanted ? &*found->second.wanted : nullptr;
+}
+
 // Of a message that failed in the middle something may be there: its files, or an instance that it has started.
 void Supervisor::Refused(std::uint32_t vpnId)
 {

@@ -77,6 +77,9 @@ class Supervisor {
     // was in force before; false: not now. It is called again later until the VPN has no such message.
     void OnUnconfirmed(std::function<bool(std::uint32_t vpnId)> undo) { onUnconfirmed_ = std::move(undo); }
 
+    // Facts about what is in force for the VPN; null when nothing is.
+    [[nodiscard]] const InForce *InForceOf(std::uint32_t vpnId) const;
+
     // The module has refused a message for the VPN, and what was in force before still is.
     void Refused(std::uint32_t vpnId);
 
