@@ -172,7 +172,7 @@ class Agent {
                               requests_.Handle(std::move(frame), respond);
                               CheckMemory();
                           },
-                          host_.config.readers ? GroupNamed(*host_.config.readers) : std::nullopt};
+                          AdmittedBy(host_.config)};
     EventSource memoryTimer_ = loop_.AddTimer([this] { CheckMemory(); });
     EventSource startTimer_ = loop_.AddTimer([this] { ReportStart(); });
     bool isStopping_ = false;

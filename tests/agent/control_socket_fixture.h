@@ -108,7 +108,7 @@ class ControlSocketTest : public testing::Test {
         return [this](const ReceivedFrame &frame, const Respond &respond) {
             const std::uint8_t mark = frame.Content().empty() ? std::uint8_t{0} : frame.Content().front();
             marks_.push_back(mark);
-            if (frame.isReader) {
+            if (frame.access == Access::kRead) {
                 readerMarks_.push_back(mark);
             }
             if (answersAtOnce_) {

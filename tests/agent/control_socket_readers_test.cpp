@@ -18,18 +18,21 @@ using testing::IsEmpty;
 
 TEST(AccessTest, IsFullForRootAndTheAgentsUser)
 {
-    EXPECT_EQ(AccessOf({1, 0, {}}, std::nullopt), Access::kFull);
-    EXPECT_EQ(AccessOf({1, ::geteuid(), {}}, std::nullopt), Access::kFull);
-    EXPECT_EQ(AccessOf({1, 0, {4711}}, 4711), Access::kFull);
+    const uid_t own = ::geteuid();
+    EXPECT_EQ(AccessOf({1, 0, {}}, {}), Access::kFull);
+    EXPECT_EQ(AccessOf({1, own, {}}, {}), Access::kFull);
+    EXPECT_EQ(AccessOf({1, 0, {4711}}, {4711, {}}), Access::kFull);
+    EXPECT_EQ(AccessOf({1, own, {}}, {{}, {{0, Access::kStatus}, {own, Access::kStatus}}}), Access::kFull);
 }
 
 TEST(AccessTest, IsReadForAMemberOfTheGroup)
 {
     const uid_t user = ::geteuid() + 1;
-    EXPECT_EQ(AccessOf({1, user, {5, 4711}}, 4711), Access::kRead);
-    EXPECT_EQ(AccessOf({1, user, {5, 4712}}, 4711), Access::kNone);
-    EXPECT_EQ(AccessOf({1, user, {}}, 4711), Access::kNone);
-    EXPECT_EQ(AccessOf({1, user, {5, 4711}}, std::nullopt), Access::kNone);
+    const AdmittedPeers admitted{4711, {}};
+    EXPECT_EQ(AccessOf({1, user, {5, 4711}}, admitted), Access::kRead);
+    EXPECT_EQ(AccessOf({1, user, {5, 4712}}, admitted), Access::kNone);
+    EXPECT_EQ(AccessOf({1, user, {}}, admitted), Access::kNone);
+    EXPECT_EQ(AccessOf({1, user, {5, 4711}}, {}), Access::kNone);
 }
 
 // The clients that connect next are what `access_` says.
@@ -38,8 +41,8 @@ class ReadersTest : public ControlSocketTest {
     ReadersTest()
     {
         socket_ = std::make_unique<ControlSocket>(
-            loop_, path_, Handler(), ::getegid(),
-            [this](const Peer & /*peer*/, std::optional<gid_t> /*readers*/) { return access_; });
+            loop_, path_, Handler(), AdmittedPeers{::getegid(), {}},
+            [this](const Peer & /*peer*/, const AdmittedPeers & /*admitted*/) { return access_; });
     }
 
     TestClient &ConnectAs(Access access)
@@ -76,18 +79,19 @@ TEST_F(ReadersTest, AGroupThatTheFileCannotHaveLeavesItToTheOwner)
     if (::getegid() == 1) {
         GTEST_SKIP() << "the user is in the group";
     }
-    socket_ = std::make_unique<ControlSocket>(loop_, path_, Handler(), 1);
+    socket_ = std::make_unique<ControlSocket>(loop_, path_, Handler(), AdmittedPeers{1, {}});
     struct stat info {};
     ASSERT_EQ(::stat(path_.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & ALLPERMS, 0600U);
-    EXPECT_THAT(log_.Take(), HasSubstr("cannot be given to group 1: Operation not permitted; only root may connect"));
+    EXPECT_THAT(log_.Take(),
+                HasSubstr("cannot be given to group 1: Operation not permitted; its members may not connect"));
 }
 
 TEST_F(ReadersTest, PeersHaveTheGroupsOfTheirProcess)
 {
     std::optional<Peer> seen;
-    socket_ = std::make_unique<ControlSocket>(loop_, path_, Handler(), ::getegid(),
-                                              [&](const Peer &peer, std::optional<gid_t> /*readers*/) {
+    socket_ = std::make_unique<ControlSocket>(loop_, path_, Handler(), AdmittedPeers{::getegid(), {}},
+                                              [&](const Peer &peer, const AdmittedPeers & /*admitted*/) {
                                                   seen = peer;
                                                   return Access::kNone;
                                               });
@@ -113,7 +117,7 @@ TEST_F(ReadersTest, TheirFramesAreMarked)
 TEST_F(ReadersTest, TheirFramesAreShort)
 {
     TestClient &client = ConnectAs(Access::kRead);
-    client.Send(FrameOf(Bytes(ControlSocket::kReaderFrameMax, 5)));
+    client.Send(FrameOf(Bytes(ControlSocket::kShortFrameMax, 5)));
     AwaitReplies(client, 1);
     EXPECT_THAT(client.Results(), ElementsAre(5));
     client.Send({0, 0, 0x10, 1, 7});

@@ -131,7 +131,7 @@ class ReaderRequestsTest : public RequestsTest {
     const std::vector<Answer> &SendAsReader(std::int32_t verb)
     {
         std::vector<Answer> &answers = answers_.emplace_back();
-        requests_.Handle({FrameOf(PackRequest(verb, vpnId_, launch_)), kSender, true},
+        requests_.Handle({FrameOf(PackRequest(verb, vpnId_, launch_)), kSender, Access::kRead},
                          [&answers](const Answer &answer) { answers.push_back(answer); });
         return answers;
     }

@@ -118,7 +118,7 @@ sys.stdin.read()
 def test_a_group_that_does_not_exist_keeps_nothing_from_running(box):
     box.configure(vpn_config(7), readers="no-such-group")
     box.start()
-    assert "readers: group no-such-group: does not exist; only root may connect" in box.log()
+    assert "readers: group no-such-group: does not exist; its members may not connect" in box.log()
     assert stat.S_IMODE(SOCKET.stat().st_mode) == 0o600
     box.apply(message())
 

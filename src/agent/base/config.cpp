@@ -22,7 +22,7 @@ namespace kavel::agent {
 namespace {
 
 constexpr std::size_t kNamespaceNameMax = 255;
-constexpr std::size_t kGroupNameMax = 32;
+constexpr std::size_t kSystemNameMax = 32; // of users and groups
 constexpr std::uint32_t kMemoryMiBMin = 8;
 constexpr std::uint32_t kWatchSecondsMax = 86400;
 constexpr std::size_t kSocketPathMax = sizeof(sockaddr_un::sun_path) - 1;
@@ -91,14 +91,15 @@ std::string SocketPath(const JsonValue &value)
     return path;
 }
 
-std::string GroupName(const JsonValue &value)
+// `kind`: "the name of a group".
+std::string SystemName(const JsonValue &value, std::string_view kind)
 {
-    const std::string_view name = value.String("the name of a group");
+    const std::string_view name = value.String(kind);
     const bool good = std::ranges::all_of(name, [](unsigned char letter) {
         return std::isalnum(letter) != 0 || letter == '_' || letter == '.' || letter == '-';
     });
-    if (name.empty() || name.size() > kGroupNameMax || !good || name.front() == '-') {
-        value.Refuse(value.Shown() + " is not the name of a group");
+    if (name.empty() || name.size() > kSystemNameMax || !good || name.front() == '-') {
+        value.Refuse(value.Shown() + " is not " + std::string(kind));
     }
     return std::string(name);
 }
@@ -144,6 +145,52 @@ Wan ReadWan(const JsonValue &value)
     Wan wan;
     ReadMembers(value, kWanMembers, wan);
     return wan;
+}
+
+// Sets what an element of "may" names.
+void AllowClass(const JsonValue &value, SocketUser &user)
+{
+    constexpr std::string_view kExpected = R"("apply" or "status")";
+    const std::string_view name = value.String(kExpected);
+    if (name != "apply" && name != "status") {
+        value.RefuseKind(kExpected);
+    }
+    bool &isAllowed = name == "apply" ? user.mayApply : user.mayStatus;
+    if (std::exchange(isAllowed, true)) {
+        value.Refuse(value.Shown() + " is there twice");
+    }
+}
+
+void ReadMay(const JsonValue &value, SocketUser &user)
+{
+    if (value.Length() == 0) {
+        value.Refuse("is empty");
+    }
+    value.ForEachElement([&user](const JsonValue &element) { AllowClass(element, user); });
+}
+
+constexpr std::array kUserMembers = {
+    JsonMember<SocketUser>{"name", kRequired,
+                           [](In value, SocketUser &user) { user.name = SystemName(value, "the name of a user"); }},
+    JsonMember<SocketUser>{"may", kRequired, ReadMay},
+};
+
+SocketUser ReadUser(const JsonValue &value)
+{
+    SocketUser user;
+    user.path = value.path.Text();
+    ReadMembers(value, kUserMembers, user);
+    return user;
+}
+
+void RefuseDuplicates(const std::vector<SocketUser> &users)
+{
+    std::set<std::string> names;
+    for (const SocketUser &user : users) {
+        if (!names.insert(user.name).second) {
+            throw ConfigError(user.path + ".name: \"" + user.name + "\" is there twice");
+        }
+    }
 }
 
 constexpr std::array kVpnMembers = {
@@ -206,7 +253,9 @@ constexpr std::array kConfigMembers = {
     JsonMember<Config>{"persistence", kOptional, [](In value, Config &config) { config.persistence = value.Bool(); }},
     JsonMember<Config>{"store", kOptional, [](In value, Config &config) { config.store = AbsolutePath(value); }},
     JsonMember<Config>{"socket", kOptional, [](In value, Config &config) { config.socket = SocketPath(value); }},
-    JsonMember<Config>{"readers", kOptional, [](In value, Config &config) { config.readers = GroupName(value); }},
+    JsonMember<Config>{"readers", kOptional,
+                       [](In value, Config &config) { config.readers = SystemName(value, "the name of a group"); }},
+    JsonMember<Config>{"users", kOptional, [](In value, Config &config) { config.users = ReadList(value, ReadUser); }},
     JsonMember<Config>{"log", kOptional, [](In value, Config &config) { config.log = ReadLogLevel(value); }},
     JsonMember<Config>{"lan", kOptional,
                        [](In value, Config &config) { config.lan = ReadList(value, InterfacePattern); }},
@@ -241,7 +290,10 @@ std::optional<std::string> Config::FixedKeyThatDiffers(const Config &other) cons
     if (socket != other.socket) {
         return "socket";
     }
-    return readers != other.readers ? std::optional<std::string>("readers") : std::nullopt;
+    if (readers != other.readers) {
+        return "readers";
+    }
+    return users != other.users ? std::optional<std::string>("users") : std::nullopt;
 }
 
 Config ParseConfig(const std::string &text)
@@ -253,6 +305,7 @@ Config ParseConfig(const std::string &text)
     } catch (const InputError &error) {
         throw ConfigError(error.what());
     }
+    RefuseDuplicates(config.users);
     RefuseDuplicates(config.vpns);
     std::ranges::sort(config.vpns, {}, &Vpn::id);
     return config;

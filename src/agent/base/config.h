@@ -43,6 +43,15 @@ struct Vpn {
     }
 };
 
+// A user of the system that may connect to the control socket.
+struct SocketUser {
+    std::string name;
+    bool mayApply = false;  // apply and check messages
+    bool mayStatus = false; // ask for the status
+    std::string path;       // in the configuration file, for messages: "users[0]"
+    bool operator==(const SocketUser &) const = default;
+};
+
 // How instances are watched. Times are in seconds.
 struct Watch {
     bool repair = true;                 // restart what has ended, and repair what differs from what is in force
@@ -60,6 +69,7 @@ struct Config {
     std::string store = "/var/lib/kavel/agent.db";
     std::string socket = control::kDefaultSocket;
     std::optional<std::string> readers; // the group whose members may ask the agent for what changes nothing
+    std::vector<SocketUser> users;
     LogLevel log = LogLevel::kNotice;
     std::vector<std::string> lan; // the box's own LAN interfaces: names, or prefixes that end in '*'
     std::vector<std::string> wan; // the box's own WAN interfaces: names or prefixes as well

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "frame.h"
+#include "socket/access.h"
 #include "socket/receive_buffer.h"
 #include "unique_fd.h"
 
@@ -22,8 +23,8 @@ namespace kavel::agent {
 // A frame as it was received, header included.
 struct ReceivedFrame {
     std::vector<std::uint8_t> bytes;
-    std::string sender = {}; // "pid 123, uid 0 (vqctl)"; may be empty
-    bool isReader = false;   // the sender may only ask for what changes nothing
+    std::string sender = {};       // "pid 123, uid 0 (vqctl)"; may be empty
+    Access access = Access::kFull; // what the sender may do
 
     // Without the header.
     [[nodiscard]] std::span<const std::uint8_t> Content() const;

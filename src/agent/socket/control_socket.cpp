@@ -49,7 +49,7 @@ void RemoveStaleSocket(const std::string &path)
     }
 }
 
-UniqueFd Listen(const std::string &path, std::optional<gid_t> readers)
+UniqueFd Listen(const std::string &path, const AdmittedPeers &admitted)
 {
     UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) {
@@ -61,14 +61,12 @@ UniqueFd Listen(const std::string &path, std::optional<gid_t> readers)
     RemoveStaleSocket(path);
     // The socket must not be accessible to others at any moment.
     const UmaskScope umask(kSocketUmask);
-    const FileGroupScope group(readers);
+    const FileGroupScope group(admitted.readers);
     if (::bind(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
         ::listen(socket.Get(), SOMAXCONN) != 0) {
         ThrowLastErrno(path);
     }
-    if (readers) {
-        OpenToGroup(path, *readers);
-    }
+    OpenSocketFile(path, admitted);
     return socket;
 }
 
@@ -80,11 +78,11 @@ std::string DescriptionOf(const Peer &peer)
 
 } // namespace
 
-ControlSocket::ControlSocket(EventLoop &loop, std::string path, Handler handler, std::optional<gid_t> readers,
+ControlSocket::ControlSocket(EventLoop &loop, std::string path, Handler handler, AdmittedPeers admitted,
                              AccessRule rule)
-    : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), listener_(Listen(path_, readers)),
-      bound_(IdentityOfFile(path_)), readers_(readers), rule_(std::move(rule)),
-      budget_(kReceivedBytesMax - kClientsMax * ReceiveBudget::kOwnBytes),
+    : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), listener_(Listen(path_, admitted)),
+      bound_(IdentityOfFile(path_)), admitted_(std::move(admitted)), rule_(std::move(rule)),
+      budget_(kReceivedBytesMax - kClientsMax * ReceiveBudget::kOwnBytes), usersBudget_(kUsersBytesMax),
       accept_(loop.AddIo(listener_.Get(), EPOLLIN, [this](std::uint32_t /*events*/) { Accept(); })),
       resumeAccepting_(loop.AddTimer([this] {
           isAcceptPaused_ = false;
@@ -113,7 +111,7 @@ bool ControlSocket::IsFull() const
 void ControlSocket::Accept()
 {
     if (IsFull()) {
-        CloseIdleClient(Among::kAll);
+        CloseIdleClient([](const Client & /*client*/) { return true; }, kClientsMax);
     }
     for (std::size_t accepted = 0; accepted < kClientsMax && !IsFull(); ++accepted) {
         UniqueFd socket(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
@@ -131,16 +129,14 @@ void ControlSocket::Accept()
     UpdateListener();
 }
 
-// A reader is closed before others, a client that never sent a request before one that did, and the one that is idle
-// longest before others.
-std::map<ControlSocket::ClientId, ControlSocket::Client>::iterator ControlSocket::FindIdleClient(Among among)
+// A reader is closed before a user, and a user before the owner; then a client that never sent a request before one
+// that did, and the one that is idle longest before others.
+std::map<ControlSocket::ClientId, ControlSocket::Client>::iterator ControlSocket::FindIdleClient(const Sharing &isAmong)
 {
-    const auto isCandidate = [among](const Client &client) {
-        return client.connection.IsIdle() && (among == Among::kAll || client.isReader);
-    };
+    const auto isCandidate = [&isAmong](const Client &client) { return client.connection.IsIdle() && isAmong(client); };
     const auto rank = [&](const auto &entry) {
         const Client &client = entry.second;
-        return std::tuple(!isCandidate(client), !client.isReader, client.connection.WasServed(),
+        return std::tuple(!isCandidate(client), client.Kind(), client.connection.WasServed(),
                           client.connection.ActiveAt());
     };
     const auto found = std::ranges::min_element(clients_, {}, rank);
@@ -148,15 +144,15 @@ std::map<ControlSocket::ClientId, ControlSocket::Client>::iterator ControlSocket
 }
 
 // Whether one was closed.
-bool ControlSocket::CloseIdleClient(Among among)
+bool ControlSocket::CloseIdleClient(const Sharing &isAmong, std::size_t most)
 {
-    for (auto found = FindIdleClient(among); found != clients_.end(); found = FindIdleClient(among)) {
+    for (auto found = FindIdleClient(isAmong); found != clients_.end(); found = FindIdleClient(isAmong)) {
         auto &[id, client] = *found;
         client.connection.Advance(loop_.IdleTime()); // it may have sent something that was not read yet
         if (client.connection.IsIdle()) {
-            Log(client.isReader ? LogLevel::kDebug : LogLevel::kNotice,
+            Log(client.Kind() == ClientKind::kOwner ? LogLevel::kNotice : LogLevel::kDebug,
                 "control socket: closing the idle connection of process %d: all %zu are in use",
-                client.connection.Peer(), among == Among::kAll ? kClientsMax : kReadersMax);
+                client.connection.Peer(), most);
             clients_.erase(found);
             return true;
         }
@@ -165,17 +161,34 @@ bool ControlSocket::CloseIdleClient(Among among)
     return false;
 }
 
-// A reader must not be able to fill the log.
-bool ControlSocket::HasRoomForReader()
+// Whether there are fewer than `most` now.
+bool ControlSocket::MakeRoom(const Sharing &isAmong, std::size_t most)
 {
-    const auto isReader = [](const auto &entry) { return entry.second.isReader; };
-    const bool hasRoom = static_cast<std::size_t>(std::ranges::count_if(clients_, isReader)) < kReadersMax ||
-                         CloseIdleClient(Among::kReaders);
-    if (!hasRoom && !areReadersTurnedAway_) {
-        Log(LogLevel::kWarning, "control socket: %zu readers are connected; more are turned away", kReadersMax);
+    const auto count = std::ranges::count_if(clients_, [&](const auto &entry) { return isAmong(entry.second); });
+    return static_cast<std::size_t>(count) < most || CloseIdleClient(isAmong, most);
+}
+
+// Those who are turned away must not be able to fill the log.
+bool ControlSocket::HasRoomFor(ClientKind kind, uid_t user)
+{
+    const auto isOfKind = [kind](const Client &client) { return client.Kind() == kind; };
+    std::string crowd;
+    if (kind == ClientKind::kReader && !MakeRoom(isOfKind, kReadersMax)) {
+        crowd = std::to_string(kReadersMax) + " readers";
+    } else if (kind == ClientKind::kUser) {
+        const auto isOfUser = [&](const Client &client) { return isOfKind(client) && client.user == user; };
+        if (!MakeRoom(isOfUser, kUserMax)) {
+            crowd = std::to_string(kUserMax) + " clients of user " + std::to_string(user);
+        } else if (!MakeRoom(isOfKind, kUsersMax)) {
+            crowd = std::to_string(kUsersMax) + " clients of users";
+        }
     }
-    areReadersTurnedAway_ = !hasRoom;
-    return hasRoom;
+    if (crowd.empty()) {
+        turnedAway_.erase(kind);
+    } else if (turnedAway_.insert(kind).second) {
+        Log(LogLevel::kWarning, "control socket: %s are connected; more are turned away", crowd.c_str());
+    }
+    return crowd.empty();
 }
 
 void ControlSocket::Admit(UniqueFd socket)
@@ -187,21 +200,23 @@ void ControlSocket::Admit(UniqueFd socket)
         Log(LogLevel::kWarning, "control socket: rejected a client: %s", failure.what());
         return;
     }
-    const Access access = rule_(peer, readers_);
+    const Access access = rule_(peer, admitted_);
     if (access == Access::kNone) {
         Log(LogLevel::kWarning, "control socket: rejected process %d: user %u may not connect", peer.pid, peer.user);
         return;
     }
-    const bool isReader = access == Access::kRead;
-    if (isReader && !HasRoomForReader()) {
+    const ClientKind kind = KindOf(access);
+    if (!HasRoomFor(kind, peer.user)) {
         return;
     }
     const ClientId id = ++lastId_;
     EventSource source =
         loop_.AddIo(socket.Get(), EPOLLIN, [this, id](std::uint32_t /*events*/) { ProcessClient(id); });
-    const std::size_t frameMax = isReader ? kReaderFrameMax : control::kFrameMax;
-    clients_.emplace(id, Client{Connection(std::move(socket), peer.pid, loop_.IdleTime(), budget_, frameMax),
-                                DescriptionOf(peer), isReader, std::move(source)});
+    const bool appliesMessages = HasAny(access, Access::kFull | Access::kApply);
+    const std::size_t frameMax = appliesMessages ? control::kFrameMax : kShortFrameMax;
+    ReceiveBudget &budget = kind == ClientKind::kUser ? usersBudget_ : budget_;
+    clients_.emplace(id, Client{Connection(std::move(socket), peer.pid, loop_.IdleTime(), budget, frameMax),
+                                DescriptionOf(peer), peer.user, access, std::move(source)});
 }
 
 void ControlSocket::ProcessClient(ClientId id)
@@ -229,19 +244,19 @@ void ControlSocket::ProcessFrame(ClientId id)
     Client &client = clients_.at(id);
     ReceivedFrame frame = client.connection.BeginRequest();
     frame.sender = client.name;
-    frame.isReader = client.isReader;
-    if (!frame.isReader) {
-        handler_(std::move(frame), [this, id](const Answer &answer) { SendAnswer(id, answer); });
-    } else if (readerRequests_ < kReadersMax) {
-        ++readerRequests_;
-        handler_(std::move(frame), [this, id, isPending = std::make_shared<bool>(true)](const Answer &answer) {
-            readerRequests_ -= std::exchange(*isPending, false) ? 1 : 0;
-            SendAnswer(id, answer);
-        });
-    } else {
-        SendAnswer(id,
-                   RefusalForNow(-EBUSY, std::to_string(kReadersMax) + " requests of readers are not answered yet"));
+    frame.access = client.access;
+    const RequestShare share{client.Kind(), client.user, frame.bytes.size()};
+    if (auto objection = unanswered_.Objection(share)) {
+        SendAnswer(id, RefusalForNow(-EBUSY, *std::move(objection)));
+        return;
     }
+    unanswered_.Begin(share);
+    handler_(std::move(frame), [this, id, share, isPending = std::make_shared<bool>(true)](const Answer &answer) {
+        if (std::exchange(*isPending, false)) {
+            unanswered_.End(share);
+        }
+        SendAnswer(id, answer);
+    });
 }
 
 // A frame that was received together with the one before it: no event of its socket will announce it.
@@ -287,11 +302,13 @@ void ControlSocket::Update(ClientId id)
         UpdateDraining(id);
         return;
     }
-    auto &[connection, name, isReader, source] = found->second;
+    Client &client = found->second;
+    Connection &connection = client.connection;
     if (connection.ExceedsBudget()) {
+        const bool isUser = client.Kind() == ClientKind::kUser;
         Dismiss(connection, ENOBUFS,
-                "the unfinished frames of all clients would take more than " + std::to_string(kReceivedBytesMax) +
-                    " bytes");
+                std::string("the unfinished frames of all ") + (isUser ? "users" : "clients") +
+                    " would take more than " + std::to_string(isUser ? kUsersBytesMax : kReceivedBytesMax) + " bytes");
     } else if (connection.IsOversized() && !connection.IsBusy() && !connection.HasUnsentReply()) {
         // Not before the frame in front of it is answered.
         Dismiss(connection, EMSGSIZE, "a frame holds " + std::to_string(connection.FrameMax()) + " bytes at most");
@@ -308,8 +325,8 @@ void ControlSocket::Update(ClientId id)
             nextFrame_.Enable();
         }
         // epoll reports a hang-up even if it is not asked for it: it is of interest while a request is handled.
-        source.SetIoEvents(connection.WantedEvents());
-        connection.WantedEvents() != 0 || connection.IsBusy() ? source.Enable() : source.Disable();
+        client.source.SetIoEvents(connection.WantedEvents());
+        connection.WantedEvents() != 0 || connection.IsBusy() ? client.source.Enable() : client.source.Disable();
     }
     UpdateListener();
     UpdateDeadlineTimer();
@@ -376,10 +393,10 @@ void ControlSocket::Drain(std::function<void()> onDrained)
 
 void ControlSocket::UpdateDraining(ClientId id)
 {
-    auto &[connection, name, isReader, source] = clients_.at(id);
-    if (!connection.IsFinished() && connection.HasUnsentReply()) {
-        source.SetIoEvents(EPOLLOUT);
-        source.Enable();
+    Client &client = clients_.at(id);
+    if (!client.connection.IsFinished() && client.connection.HasUnsentReply()) {
+        client.source.SetIoEvents(EPOLLOUT);
+        client.source.Enable();
         return;
     }
     clients_.erase(id);

@@ -10,11 +10,13 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "base/files.h"
 #include "event_loop.h"
 #include "socket/answer.h"
+#include "socket/client_limits.h"
 #include "socket/connection.h"
 #include "socket/peer.h"
 #include "unique_fd.h"
@@ -31,16 +33,13 @@ class ControlSocket {
     // The bytes that all clients together may have sent of frames that are not handed over yet.
     static constexpr std::size_t kReceivedBytesMax = std::size_t{64} * 1024 * 1024;
 
-    // Of all connections, and of unanswered requests: those of readers. The others are kept for the agent's owner. A
-    // frame of a reader is short.
-    static constexpr std::size_t kReadersMax = 32;
-    static constexpr std::size_t kReaderFrameMax = 4096;
+    // A frame of a client that applies no messages is short.
+    static constexpr std::size_t kShortFrameMax = 4096;
 
     // Listens at `path`, in the place of a socket that an earlier agent left there; only the holder of the agent's lock
-    // may do so. Clients are root, the agent's own user, and the members of the group `readers`, as `rule` says. A
-    // reader's frames are marked; the handler decides about them. Throws std::system_error. `loop` must outlive this
-    // object.
-    ControlSocket(EventLoop &loop, std::string path, Handler handler, std::optional<gid_t> readers = std::nullopt,
+    // may do so. Clients are root, the agent's own user, and those who are admitted, as `rule` says. A frame tells what
+    // its sender may do; the handler decides about it. Throws std::system_error. `loop` must outlive this object.
+    ControlSocket(EventLoop &loop, std::string path, Handler handler, AdmittedPeers admitted = {},
                   AccessRule rule = AccessOf);
     ControlSocket(const ControlSocket &) = delete;
     ControlSocket &operator=(const ControlSocket &) = delete;
@@ -57,16 +56,21 @@ class ControlSocket {
     struct Client {
         Connection connection;
         std::string name; // "pid 123, uid 0 (vqctl)"
-        bool isReader = false;
+        uid_t user = 0;
+        Access access = Access::kNone;
         EventSource source;
+
+        [[nodiscard]] ClientKind Kind() const { return KindOf(access); }
     };
-    enum class Among { kAll, kReaders };
+    // Which clients share a number of connections.
+    using Sharing = std::function<bool(const Client &client)>;
 
     void Accept();
-    [[nodiscard]] std::map<ClientId, Client>::iterator FindIdleClient(Among among);
-    bool CloseIdleClient(Among among);
+    [[nodiscard]] std::map<ClientId, Client>::iterator FindIdleClient(const Sharing &isAmong);
+    bool CloseIdleClient(const Sharing &isAmong, std::size_t most);
     void Admit(UniqueFd socket);
-    [[nodiscard]] bool HasRoomForReader();
+    [[nodiscard]] bool HasRoomFor(ClientKind kind, uid_t user);
+    [[nodiscard]] bool MakeRoom(const Sharing &isAmong, std::size_t most);
     void ProcessClient(ClientId id);
     void ProcessFrame(ClientId id);
     void HandleNextFrame();
@@ -84,14 +88,15 @@ class ControlSocket {
     Handler handler_;
     UniqueFd listener_;
     FileIdentity bound_; // what listener_ was bound to
-    std::optional<gid_t> readers_;
+    AdmittedPeers admitted_;
     AccessRule rule_;
     ReceiveBudget budget_;
+    ReceiveBudget usersBudget_;
     std::map<ClientId, Client> clients_;
     ClientId lastId_ = 0;
-    std::size_t readerRequests_ = 0; // that are not answered, also of readers that have left
-    bool areReadersTurnedAway_ = false;
-    std::deque<ClientId> ready_; // clients whose next frame is in their buffer
+    UnansweredRequests unanswered_;
+    std::set<ClientKind> turnedAway_; // of which a client was turned away, and none was admitted since
+    std::deque<ClientId> ready_;      // clients whose next frame is in their buffer
     EventSource accept_;
     EventSource resumeAccepting_;
     EventSource deadlines_;

@@ -5,9 +5,13 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "base/config.h"
+#include "socket/access.h"
 
 namespace kavel::agent {
 
@@ -18,25 +22,25 @@ struct Peer {
     std::vector<gid_t> groups; // all of them
 };
 
-enum class Access {
-    kNone,
-    kRead, // it may ask for what changes nothing
-    kFull,
-};
-
 // Of a connected Unix socket. Throws std::system_error.
 [[nodiscard]] Peer PeerOf(int socket);
 
-// Root and the agent's own user may do everything; the members of the group `readers` may read.
-[[nodiscard]] Access AccessOf(const Peer &peer, std::optional<gid_t> readers);
-using AccessRule = std::function<Access(const Peer &peer, std::optional<gid_t> readers)>;
+// Who may connect beside root and the agent's own user.
+struct AdmittedPeers {
+    std::optional<gid_t> readers; // the group whose members have Access::kRead
+    std::map<uid_t, Access> users;
+};
 
-// The group called `name`. Nothing, and an error line, when there is none.
-[[nodiscard]] std::optional<gid_t> GroupNamed(const std::string &name);
+// Those of the configuration. A group or a user that does not exist gets an error line and is left out.
+[[nodiscard]] AdmittedPeers AdmittedBy(const Config &config);
 
-// Lets the group use the socket file at `path`, which has the mode 0600 and belongs to the agent's user. If this fails,
-// there is an error line, and the file stays as it is.
-void OpenToGroup(const std::string &path, gid_t group);
+// Root and the agent's own user may do everything; others what they are admitted for.
+[[nodiscard]] Access AccessOf(const Peer &peer, const AdmittedPeers &admitted);
+using AccessRule = std::function<Access(const Peer &peer, const AdmittedPeers &admitted)>;
+
+// Lets those who are admitted use the socket file at `path`, which has the mode 0600 and belongs to the agent's user.
+// What fails gets an error line and lets nobody in.
+void OpenSocketFile(const std::string &path, const AdmittedPeers &admitted);
 
 // While it lives, the files that this thread creates belong to the group, if the process may do this.
 class FileGroupScope {

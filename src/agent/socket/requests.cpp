@@ -30,13 +30,6 @@ std::int32_t VerbOf(const Kavel__Request &request)
     return verb;
 }
 
-// A new verb is for the owner alone until it is named here.
-bool IsForReaders(std::int32_t verb)
-{
-    return verb == KAVEL__REQUEST__VERB__STATUS || verb == KAVEL__REQUEST__VERB__WHY ||
-           verb == KAVEL__REQUEST__VERB__METRICS;
-}
-
 // Runs `work`; what it throws becomes the answer. A client that was answered already gets no second answer.
 template <typename Work>
 void WithAnswer(const Respond &respond, Work work)
@@ -84,8 +77,8 @@ void Requests::Dispatch(ReceivedRequest received, bool wasQueued)
 void Requests::DispatchVerb(const Kavel__Request &request, ReceivedRequest received, bool wasQueued)
 {
     const std::int32_t verb = VerbOf(request);
-    if (received.frame.isReader && !IsForReaders(verb)) {
-        received.respond(Refusal(-EACCES, "only root may do this; this user may ask for status, why and metrics"));
+    if (!IsAllowed(verb, received.frame.access)) {
+        received.respond(Refusal(-EACCES, RefusalText(received.frame.access)));
         return;
     }
     switch (verb) {
