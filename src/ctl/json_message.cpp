@@ -100,8 +100,9 @@ void CheckTarget(const JsonValue & /*json*/, const PopDnsmasqConf & /*conf*/, Me
 void CheckTarget(const JsonValue &json, const DnsmasqConf &conf, MessageFor target)
 {
     const JsonPath path = json.path.Key("vpnid");
-    if (target == MessageFor::kVpn && !HasKey(json.json, "vpnid")) {
-        Refuse(path, "is missing; give --box if the message is for the box itself");
+    if (target != MessageFor::kBox && !HasKey(json.json, "vpnid")) {
+        Refuse(path, target == MessageFor::kVpn ? "is missing; give --box if the message is for the box itself"
+                                                : "is missing; 0 is the box itself");
     }
     if (target == MessageFor::kBox && conf.vpnid != 0) {
         Refuse(path, "is " + std::to_string(conf.vpnid) + ", but --box is given: the box itself is 0");

@@ -22,6 +22,7 @@ struct EncodedMessage {
 enum class MessageFor {
     kVpn, // the message must have the key `vpnid`; its 0 is the box itself
     kBox, // the key is absent, or 0
+    kNamedVpn, // like kVpn, for a program that has no option --box of this meaning
 };
 
 // Encodes a message. The keys are the field names of the message; addresses are strings; `operation` may be a name. The
