@@ -165,6 +165,8 @@ void MqttClient::SetOptions()
     ExpectDone(mosquitto_int_option(client, MOSQ_OPT_SEND_MAXIMUM, UINT16_MAX));
     if (tls_) {
         ExpectDone(mosquitto_void_option(client, MOSQ_OPT_SSL_CTX, tls_->Get()));
+        // Else libmosquitto wants a file with authorities, too.
+        ExpectDone(mosquitto_int_option(client, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0));
     }
     PropertyList properties;
     AddProperty(properties, [this](mosquitto_property **list) {

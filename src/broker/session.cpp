@@ -183,6 +183,11 @@ bool Session::Connection::ExamineTcp(std::uint32_t events)
         client_->SetProblem("cannot connect: " + std::generic_category().message(error));
         return false;
     }
+    // OpenSSL has written to the socket before, and may have taken the error of the refusal from it.
+    if ((events & EPOLLHUP) != 0) {
+        client_->SetProblem("cannot connect: " + std::generic_category().message(ECONNREFUSED));
+        return false;
+    }
     isTcpConnected_ = (events & (EPOLLIN | EPOLLOUT)) != 0;
     return true;
 }
