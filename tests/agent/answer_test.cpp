@@ -74,6 +74,52 @@ TEST(PackAnswer, SaysThatTheVpnIsUnknown)
     EXPECT_TRUE(Sent(answer)->unknown_vpn);
 }
 
+TEST(PackAnswer, SaysThatTheRevisionIsNotNewer)
+{
+    EXPECT_FALSE(Sent(Answer())->has_not_newer);
+    EXPECT_FALSE(Sent(Answer())->has_retry);
+    EXPECT_EQ(Sent(Answer())->in_force_revision, nullptr);
+    Answer answer = Refusal(-EALREADY);
+    answer.isNotNewer = true;
+    answer.inForceRevision = "11";
+    const ReplyPtr reply = Sent(answer);
+    EXPECT_TRUE(reply->not_newer);
+    EXPECT_FALSE(reply->has_retry);
+    EXPECT_STREQ(reply->in_force_revision, "11");
+}
+
+TEST(PackAnswer, SaysThatARequestMayBeSentAgain)
+{
+    const ReplyPtr reply = Sent(RefusalForNow(-EBUSY, "full"));
+    EXPECT_EQ(reply->result, -EBUSY);
+    EXPECT_STREQ(reply->text, "full");
+    EXPECT_TRUE(reply->retry);
+}
+
+TEST(PackAnswer, AStatusCarriesTheLastNumberedMessage)
+{
+    Answer answer;
+    answer.vpns.resize(2);
+    answer.vpns[1].lastNumbered = SentHistoryEntry{7, {}, Platform::kPop, true};
+    HistoryEntry &entry = answer.vpns[1].lastNumbered->entry;
+    entry.time = 5;
+    entry.peer = "sender";
+    entry.revision = "12";
+    entry.outcome = "applied";
+    const ReplyPtr reply = Sent(answer);
+    ASSERT_EQ(reply->n_vpns, 2U);
+    EXPECT_EQ(reply->vpns[0]->last_numbered, nullptr);
+    const Kavel__HistoryEntry *sent = reply->vpns[1]->last_numbered;
+    ASSERT_NE(sent, nullptr);
+    EXPECT_EQ(sent->vpn, 7U);
+    EXPECT_EQ(sent->time, 5U);
+    EXPECT_STREQ(sent->sender, "sender");
+    EXPECT_STREQ(sent->revision, "12");
+    EXPECT_STREQ(sent->outcome, "applied");
+    EXPECT_TRUE(sent->pop);
+    EXPECT_TRUE(sent->undone);
+}
+
 TEST(PackAnswer, ARefusalWithoutTextCarriesThatOfItsErrno)
 {
     const ReplyPtr reply = Sent(Refusal(-ENOENT));

@@ -45,7 +45,8 @@ TEST(Configuration, TakesEveryKey)
 {
     const Config Conf = ParseConfig(R"({
         "platform": "pop", "customer": 4294967295, "persistence": true, "store": "/data/agent.db",
-        "socket": "/data/agent.sock", "readers": "adm", "log": "debug", "lan": ["eth0", "br-*"], "wan": ["ppp*", "eth1"],
+        "socket": "/data/agent.sock", "readers": "adm", "users": [{"name": "link", "may": ["status", "apply"]}, {"name": "a-b.c_d", "may": ["apply"]}],
+        "log": "debug", "lan": ["eth0", "br-*"], "wan": ["ppp*", "eth1"],
         "c2p": ["wg*"],
         "vpns": [{"id": 7, "customer": 1007, "namespace": "blue", "lan": ["lan0", "lan1"],
                   "wan": [{"name": "wan0", "sysRoute": true}, {"name": "wan1"}]}]})");
@@ -55,6 +56,8 @@ TEST(Configuration, TakesEveryKey)
     EXPECT_EQ(Conf.store, "/data/agent.db");
     EXPECT_EQ(Conf.socket, "/data/agent.sock");
     EXPECT_EQ(Conf.readers, "adm");
+    EXPECT_THAT(Conf.users, ElementsAre(kavel::agent::SocketUser{"link", true, true, "users[0]"},
+                                        kavel::agent::SocketUser{"a-b.c_d", true, false, "users[1]"}));
     EXPECT_EQ(Conf.log, LogLevel::kDebug);
     EXPECT_THAT(Conf.lan, ElementsAre("eth0", "br-*"));
     EXPECT_THAT(Conf.wan, ElementsAre("ppp*", "eth1"));
@@ -144,6 +147,29 @@ TEST(Configuration, TellsWhichKeyNeedsARestart)
     EXPECT_EQ(Differs(R"({"platform": "cpe", "persistence": true})"), "persistence");
     EXPECT_EQ(Differs(R"({"platform": "cpe", "store": "/other"})"), "store");
     EXPECT_EQ(Differs(R"({"platform": "cpe", "socket": "/other"})"), "socket");
+    EXPECT_EQ(Differs(R"({"platform": "cpe", "readers": "adm"})"), "readers");
+    EXPECT_EQ(Differs(R"({"platform": "cpe", "users": [{"name": "a", "may": ["apply"]}]})"), "users");
+}
+
+TEST(Configuration, RefusesBadUsers)
+{
+    const auto Of = [](const std::string &Users) { return RefusalOf(R"("users": )" + Users); };
+    EXPECT_EQ(Of(R"([{"may": ["apply"]}])"), "users[0].name: is missing");
+    EXPECT_EQ(Of(R"([{"name": "a"}])"), "users[0].may: is missing");
+    EXPECT_EQ(Of(R"([{"name": "a", "may": []}])"), "users[0].may: is empty");
+    EXPECT_EQ(Of(R"([{"name": "a", "may": "apply"}])"), "users[0].may: expected an array, not \"apply\"");
+    EXPECT_EQ(Of(R"([{"name": "a", "may": ["status", "repair"]}])"),
+              "users[0].may[1]: expected \"apply\" or \"status\", not \"repair\"");
+    EXPECT_EQ(Of(R"([{"name": "a", "may": ["apply", "apply"]}])"), "users[0].may[1]: \"apply\" is there twice");
+    EXPECT_EQ(Of(R"([{"name": "a", "may": ["apply"]}, {"name": "a", "may": ["status"]}])"),
+              "users[1].name: \"a\" is there twice");
+    for (const char *Name : {"", "-a", "a b", "a:b", "a/b", "abcdefghijklmnopqrstuvwxyz1234567"}) {
+        EXPECT_EQ(Of(R"([{"name": ")" + std::string(Name) + R"(", "may": ["apply"]}])"),
+                  "users[0].name: \"" + std::string(Name) + "\" is not the name of a user");
+    }
+    EXPECT_EQ(Of(R"([{"name": 0, "may": ["apply"]}])"), "users[0].name: expected the name of a user, not 0");
+    EXPECT_THAT(Of(R"([{"name": "a", "may": ["apply"], "x": 1}])"), StartsWith("users[0].x: "));
+    EXPECT_EQ(RefusalOf(R"("readers": "a b")"), "readers: \"a b\" is not the name of a group");
 }
 
 TEST(Configuration, TellsWhetherAVpnHasTheSameInterfaces)
