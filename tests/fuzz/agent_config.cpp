@@ -48,6 +48,20 @@ void CheckVpn(const Config &Conf, const kavel::agent::Vpn &Vpn)
     fuzz::Require(std::ranges::all_of(Vpn.wan, IsInterface, &kavel::agent::Wan::name), "a WAN name is unsafe");
 }
 
+// The first character of a user's name may not make it an option.
+void CheckUsers(const std::vector<kavel::agent::SocketUser> &Users)
+{
+    constexpr size_t LongestName = 32;
+    std::set<std::string> Names;
+    for (const kavel::agent::SocketUser &Each : Users) {
+        fuzz::Require(!Each.name.empty() && Each.name.size() <= LongestName && Each.name.front() != '-' &&
+                          Each.name.find_first_not_of(kNameCharacters) == std::string::npos,
+                      "the name of a user is unsafe");
+        fuzz::Require(Names.insert(Each.name).second, "a user is there twice");
+        fuzz::Require(Each.mayApply || Each.mayStatus, "a user may do nothing");
+    }
+}
+
 void CheckAccepted(const Config &Conf)
 {
     constexpr size_t LongestSocketPath = 107;
@@ -66,6 +80,7 @@ void CheckAccepted(const Config &Conf)
     fuzz::Require(std::ranges::all_of(Conf.lan, IsInterfacePattern), "a LAN name of the box is unsafe");
     fuzz::Require(std::ranges::all_of(Conf.wan, IsInterfacePattern), "a WAN name of the box is unsafe");
     fuzz::Require(std::ranges::all_of(Conf.c2p, IsInterfacePattern), "a connection name is unsafe");
+    CheckUsers(Conf.users);
 }
 
 size_t LengthOf(json_object *Root, const char *Key)
@@ -90,6 +105,7 @@ void CheckAgainstFile(const Config &Conf, const std::string &Text)
     fuzz::Require(Conf.lan.size() == LengthOf(Root.get(), "lan"), "another number of LANs");
     fuzz::Require(Conf.wan.size() == LengthOf(Root.get(), "wan"), "another number of WANs");
     fuzz::Require(Conf.c2p.size() == LengthOf(Root.get(), "c2p"), "another number of connections");
+    fuzz::Require(Conf.users.size() == LengthOf(Root.get(), "users"), "another number of users");
 }
 
 void CheckRefusal(const std::string &Message)

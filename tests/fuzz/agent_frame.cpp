@@ -218,6 +218,43 @@ int ExpectedResult(const DnsmasqConf &Message)
     return Result == 0 && Enables && Message.operation > 1 ? -EINVAL : Result;
 }
 
+// The number that a revision is; nothing if it is another name. Worked out without the agent's code.
+std::optional<uint64_t> NumberOf(const char *Revision)
+{
+    constexpr size_t MostDigits = 19; // of 2^63 - 1; that many fit into 64 bits
+    const std::string_view Text = Revision == nullptr ? "" : Revision;
+    const bool IsDecimal = std::ranges::all_of(Text, [](char Letter) { return Letter >= '0' && Letter <= '9'; });
+    if (Text.empty() || Text.size() > MostDigits || Text.front() == '0' || !IsDecimal) {
+        return std::nullopt;
+    }
+    uint64_t Out = 0;
+    for (const char Digit : Text) {
+        Out = Out * 10 + static_cast<uint64_t>(Digit - '0');
+    }
+    return Out <= INT64_MAX ? std::optional(Out) : std::nullopt;
+}
+
+// Nothing here is configured: a message is refused for its form, for that, or because one that is not older was
+// refused.
+void CheckApply(const Kavel__Request &Request, const Answer &Given)
+{
+    const bool IsOnlyNewer = Request.has_only_newer != 0 && Request.only_newer != 0;
+    const auto Number = NumberOf(Request.revision);
+    if ((Request.has_pop != 0 && Request.pop != 0) || (IsOnlyNewer && !Number) ||
+        (Request.has_vpn != 0 && Given.vpn && Given.vpn != Request.vpn)) {
+        fuzz::RequireSame("the result of a request with another form", Given.result, -EINVAL);
+    }
+    fuzz::Require(!Given.mayRetry, "a refusal that stays is to be tried again");
+    fuzz::Require(Given.isNotNewer == (Given.result == -EALREADY), "a revision is not newer, or it is");
+    if (Given.isNotNewer) {
+        fuzz::Require(IsOnlyNewer, "a revision is compared although nobody asked for it");
+        fuzz::Require(Given.history.size() == 1, "there is not one message to compare with");
+        const kavel::agent::HistoryEntry &Last = Given.history.front().entry;
+        fuzz::Require(NumberOf(Last.revision.value_or("").c_str()) >= Number, "a newer revision is not applied");
+        fuzz::RequireSame("the result of the last message", Last.result, -ENOENT);
+    }
+}
+
 // A check of a message ends as the message's own model says.
 void CheckVerdict(fuzz::Bytes Frame, const Answer &Given)
 {
@@ -227,6 +264,9 @@ void CheckVerdict(fuzz::Bytes Frame, const Answer &Given)
         return;
     }
     const auto &Request = *reinterpret_cast<const Kavel__Request *>(Envelope.get());
+    if (VerbOf(Request) == KAVEL__REQUEST__VERB__APPLY && Given.result != -EPERM) {
+        CheckApply(Request, Given);
+    }
     if (VerbOf(Request) != KAVEL__REQUEST__VERB__CHECK) {
         fuzz::Require(Given.result < 0, "a request that cannot be carried out is");
         return;
