@@ -1,11 +1,16 @@
 #include "completion.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <sstream>
+#include <string_view>
 
 namespace kavel::ctl {
 
 namespace {
+
+// The script is written for this program, and its name is replaced.
+constexpr std::string_view kTemplateProgram = "vqctl";
 
 constexpr const char *kHead =
     R"bash(# Completion of vqctl's command line for bash: the output of "vqctl completion bash". It runs nothing but bash's builtins
@@ -167,24 +172,34 @@ std::string ValuesEntries(const CommandUsage &program, const CommandUsage &comma
     return entries;
 }
 
+std::string Replaced(std::string text, std::string_view from, std::string_view to)
+{
+    for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+        text.replace(at, from.size(), to);
+    }
+    return text;
+}
+
 } // namespace
 
 std::string BashCompletion(std::span<const CommandUsage> commands)
 {
+    const std::string &program = commands.front().path;
+    const auto named = [&program](const char *text) { return Replaced(text, kTemplateProgram, program); };
     std::ostringstream script;
     const auto table = [&](const char *comment, const char *name, auto entry) {
-        script << "# " << comment << "\ndeclare -gA _vqctl_" << name << "=(\n";
+        script << named(comment) << "declare -gA _" << program << "_" << name << "=(\n";
         for (const CommandUsage &command : commands) {
             script << entry(commands.front(), command);
         }
         script << ")\n";
     };
-    script << kHead;
-    table("The options of vqctl, and those of each command.", "options", OptionsEntry);
-    table("The commands of vqctl, and of the commands that have some.", "commands", CommandsEntry);
-    table("What the argument of a command is; \"...\": it may have several.", "arguments", ArgumentsEntry);
-    table("What the value of an option is.", "values", ValuesEntries);
-    script << kEngine;
+    script << named(kHead);
+    table("# The options of vqctl, and those of each command.\n", "options", OptionsEntry);
+    table("# The commands of vqctl, and of the commands that have some.\n", "commands", CommandsEntry);
+    table("# What the argument of a command is; \"...\": it may have several.\n", "arguments", ArgumentsEntry);
+    table("# What the value of an option is.\n", "values", ValuesEntries);
+    script << named(kEngine);
     return script.str();
 }
 

@@ -1,4 +1,4 @@
-// Completion of vqctl's command line, made from what its parser knows.
+// Completion of the command line of vqctl, or of another program, made from what its parser knows.
 #ifndef KAVEL_CTL_COMPLETION_H
 #define KAVEL_CTL_COMPLETION_H
 
@@ -29,8 +29,9 @@ struct CommandUsage {
     std::vector<std::string> commands = {}; // the names of those below it
 };
 
-// A script for bash that defines the completion of the program, which is the first of the commands. Its options may
-// follow the others; an option that a command has under the same name is not listed twice.
+// A script for bash that defines the completion of the program, which is the first of the commands and whose name is a
+// word of letters. Its options may follow the others; an option that a command has under the same name is not listed
+// twice.
 [[nodiscard]] std::string BashCompletion(std::span<const CommandUsage> commands);
 
 } // namespace kavel::ctl

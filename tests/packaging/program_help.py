@@ -14,7 +14,7 @@ def help_of(program, *words):
 
 
 def section(text, title):
-    """The lines of a section of vqctl's help, which ends with an empty line."""
+    """The lines of a section of the help of a program with commands, which ends with an empty line."""
     found = re.search(rf"^{title}:\n(.*?)(?:\n\n|\Z)", text, re.M | re.S)
     return found[1].splitlines() if found else []
 
@@ -29,13 +29,13 @@ def commands(text):
     return [line.split()[0] for line in section(text, "Subcommands")]
 
 
-def all_commands(*words):
-    """Every command of vqctl that does something, as a tuple of words: ("vpn", "init")."""
-    below = commands(help_of("vqctl", *words))
-    return [leaf for word in below for leaf in all_commands(*words, word)] if below else [words]
+def all_commands(program, *words):
+    """Every command of a program that does something, as a tuple of words: ("vpn", "init")."""
+    below = commands(help_of(program, *words))
+    return [leaf for word in below for leaf in all_commands(program, *words, word)] if below else [words]
 
 
-def options_of(*words):
-    """The options of a command that vqctl itself does not have."""
-    common = options(help_of("vqctl"))
-    return [names for names in options(help_of("vqctl", *words)) if names not in common]
+def options_of(program, *words):
+    """The options of a command that the program itself does not have."""
+    common = options(help_of(program))
+    return [names for names in options(help_of(program, *words)) if names not in common]

@@ -1,4 +1,4 @@
-"""The completion of vqctl's command line offers what vqctl accepts."""
+"""The completion of the command lines of vqctl and vqfleet offers what they accept."""
 
 import contextlib
 import socket
@@ -12,18 +12,20 @@ import pytest
 import program_help
 from program_help import BUILD, ROOT
 
+PROGRAMS = ("vqctl", "vqfleet")
 SCRIPT = """
-source "$1"; shift
+source "$1"; source "$2"; shift 2
 COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
-_vqctl
+"_${COMP_WORDS[0]}"
 [ ${#COMPREPLY[@]} -eq 0 ] || printf '%s\\n' "${COMPREPLY[@]}"
 """
 
 
-def complete(*words, directory="/"):
-    """What is offered for the last word. No program but vqctl can be found."""
-    bash = ["/bin/bash", "--norc", "--noprofile", "-c", SCRIPT, "bash", ROOT / "packaging/completion/vqctl"]
-    done = subprocess.run([*bash, "vqctl", *words], cwd=directory, env={"PATH": str(BUILD)}, check=True, text=True,
+def complete(*words, directory="/", program="vqctl"):
+    """What is offered for the last word. No programs but ours can be found. The other completion is there, too."""
+    scripts = [ROOT / "packaging/completion" / name for name in sorted(PROGRAMS, key=lambda name: name != program)]
+    bash = ["/bin/bash", "--norc", "--noprofile", "-c", SCRIPT, "bash", *scripts]
+    done = subprocess.run([*bash, program, *words], cwd=directory, env={"PATH": str(BUILD)}, check=True, text=True,
                           capture_output=True)
     assert done.stderr == ""
     return sorted(done.stdout.splitlines())
@@ -36,17 +38,18 @@ def flat(options):
 COMMON = flat(program_help.options(program_help.help_of("vqctl")))
 
 
-def test_the_script_is_what_the_program_prints():
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_the_script_is_what_the_program_prints(program):
     """After a change of the command line: vqctl completion bash >packaging/completion/vqctl"""
-    printed = subprocess.run([BUILD / "vqctl", "completion", "bash"], check=True, text=True, capture_output=True).stdout
-    assert (ROOT / "packaging/completion/vqctl").read_text() == printed
+    printed = subprocess.run([BUILD / program, "completion", "bash"], check=True, text=True, capture_output=True).stdout
+    assert (ROOT / "packaging/completion" / program).read_text() == printed
 
 
 def test_commands():
     assert complete("") == sorted(program_help.commands(program_help.help_of("vqctl")))
     assert complete("-v", "s") == ["status", "stop", "store"]
     assert complete("--socket", "/x", "rep") == ["repair"]
-    for parent in {words[0] for words in program_help.all_commands() if len(words) == 2}:
+    for parent in {words[0] for words in program_help.all_commands("vqctl") if len(words) == 2}:
         assert complete(parent, "") == sorted(program_help.commands(program_help.help_of("vqctl", parent)))
 
 
@@ -55,9 +58,26 @@ def test_options_before_the_command():
     assert complete("--ver") == ["--verbose", "--version"]
 
 
-@pytest.mark.parametrize("words", program_help.all_commands(), ids=" ".join)
+@pytest.mark.parametrize("words", program_help.all_commands("vqctl"), ids=" ".join)
 def test_options_of_a_command(words):
-    assert complete(*words, "-") == sorted(COMMON + flat(program_help.options_of(*words)))
+    assert complete(*words, "-") == sorted(COMMON + flat(program_help.options_of("vqctl", *words)))
+
+
+@pytest.mark.parametrize("words", program_help.all_commands("vqfleet"), ids=" ".join)
+def test_options_of_a_command_of_vqfleet(words):
+    common = flat(program_help.options(program_help.help_of("vqfleet")))
+    own = flat(program_help.options_of("vqfleet", *words))
+    assert own and complete(*words, "-", program="vqfleet") == sorted(common + own)
+
+
+def test_words_of_vqfleet(files):
+    names = sorted(path.name for path in files.iterdir())
+    assert complete("", program="vqfleet") == ["metrics", "publish", "status", "wait", "watch"]
+    for words in (["--config"], ["--ca"], ["publish", "--boxes"], ["metrics", "--output"], ["publish", "--journal"]):
+        assert complete(*words, "", directory=files, program="vqfleet") == names, words
+    assert complete("publish", "--box", "b", "a", directory=files, program="vqfleet") == ["a.json"]
+    for words in (["publish", "--box"], ["wait", "--timeout"], ["--host"], ["status"]):
+        assert complete(*words, "", directory=files, program="vqfleet") == [], words
 
 
 @pytest.fixture

@@ -78,43 +78,52 @@ def test_page_of_the_host_check_has_its_options():
 
 def test_pages_refer_to_pages_that_exist():
     ours = {page.removesuffix(".scd") for page in PAGES}
-    other = {"dnsmasq.8", "nft.8", "ip-netns.8", "systemd.service.5", "sd_notify.3", "sd_watchdog_enabled.3"}
+    other = {"dnsmasq.8", "nft.8", "ip-netns.8", "systemd.service.5", "sd_notify.3", "sd_watchdog_enabled.3",
+             "mosquitto.conf.5", "mosquitto.8", "openssl.1"}
     for page in PAGES:
         found = re.findall(r"\*([\w.-]+)\*\((\d)\)", source(f"packaging/man/{page}"))
         assert {f"{name}.{number}" for name, number in found} <= ours | other, page
 
 
-def test_every_command_of_vqctl_has_its_section_and_synopsis():
-    page = sections("vqctl.1.scd")
-    commands = [" ".join(words) for words in program_help.all_commands()]
-    headings = [re.match(r"vqctl ([a-z ]*[a-z])", title)[1] for title in page if title.startswith("vqctl ")]
+@pytest.mark.parametrize("program", ["vqctl", "vqfleet"])
+def test_every_command_has_its_section_and_synopsis(program):
+    page = sections(f"{program}.1.scd")
+    commands = [" ".join(words) for words in program_help.all_commands(program)]
+    headings = [re.match(rf"{program} ([a-z ]*[a-z])", title)[1] for title in page if title.startswith(f"{program} ")]
     assert headings == commands
-    synopsis = re.findall(r"^\*vqctl ([a-z ]+)\*", source("packaging/man/vqctl.1.scd"), re.M)
+    synopsis = re.findall(rf"^\*{program} ([a-z ]+)\*", source(f"packaging/man/{program}.1.scd"), re.M)
     assert synopsis == commands
 
 
-@pytest.mark.parametrize("words", program_help.all_commands(), ids=" ".join)
+@pytest.mark.parametrize("words", [(program, *words) for program in ("vqctl", "vqfleet")
+                                   for words in program_help.all_commands(program)], ids=" ".join)
 def test_every_option_of_a_command_is_in_its_section_and_synopsis(words):
-    page, command = sections("vqctl.1.scd"), "vqctl " + " ".join(words)
+    name, command = f"{words[0]}.1.scd", " ".join(words)
+    page = sections(name)
     (heading,) = [title for title in page if re.match(rf"{command}( [^a-z]|$)", title)]
-    (synopsis,) = re.findall(rf"^\*{command}\*(.*)$", source("packaging/man/vqctl.1.scd"), re.M)
+    (synopsis,) = re.findall(rf"^\*{command}\*(.*)$", source(f"packaging/man/{name}"), re.M)
     options = program_help.options_of(*words)
     assert sorted(names_in(page[heading])) == sorted(name for names in options for name in names)
     for names in options:
         assert re.search(rf"[ \[]{names[0]}\b", heading) and f"*{names[0]}*" in synopsis
 
 
-def test_every_option_of_vqctl_itself_is_listed():
-    expected = [name for names in program_help.options(program_help.help_of("vqctl")) for name in names]
-    assert names_in(sections("vqctl.1.scd")["OPTIONS"]) == expected
+@pytest.mark.parametrize("program", ["vqctl", "vqfleet"])
+def test_every_option_of_the_program_itself_is_listed(program):
+    expected = [name for names in program_help.options(program_help.help_of(program)) for name in names]
+    assert names_in(sections(f"{program}.1.scd")["OPTIONS"]) == expected
+
+
+def test_the_socket_of_vqctl_is_right():
     socket = re.search(r"--socket PATH=(\S+)", program_help.help_of("vqctl"))[1]
     assert socket in source("packaging/man/vqctl.1.scd")
 
 
-def test_every_exit_status_of_vqctl_is_listed_with_its_meaning():
-    lines = program_help.section(program_help.help_of("vqctl"), "Exit codes")
+@pytest.mark.parametrize("program", ["vqctl", "vqfleet"])
+def test_every_exit_status_is_listed_with_its_meaning(program):
+    lines = program_help.section(program_help.help_of(program), "Exit codes")
     expected = [tuple(line.split(maxsplit=1)) for line in lines]
-    items = sections("vqctl.1.scd")["EXIT STATUS"]
+    items = sections(f"{program}.1.scd")["EXIT STATUS"]
     assert names_in(items) == [number for number, meaning in expected]
     for item, (number, meaning) in zip(items, expected):
         assert item.text.replace("*", "").lower().startswith(meaning.lower()), number
@@ -142,18 +151,49 @@ def test_every_state_is_explained():
     assert sorted(re.findall(r'"(\w+)"', state.text)) == sorted(states)
 
 
-def test_every_option_and_exit_status_of_vqagent_is_listed():
-    page = sections("vqagent.8.scd")
-    expected = re.findall(r"^  (--[a-z-]+)", program_help.help_of("vqagent"), re.M)
+@pytest.mark.parametrize("program, folder", [("vqagent", "agent"), ("vqlink", "link")])
+def test_every_option_and_exit_status_of_a_service_is_listed(program, folder):
+    page = sections(f"{program}.8.scd")
+    expected = re.findall(r"^  (--[a-z-]+)", program_help.help_of(program), re.M)
     assert [name for name in names_in(page["OPTIONS"]) if name != "-h"] == expected
-    codes = {int(code) for code in re.findall(r"int kExit\w+ = (\d+);", source("src/agent/main.cpp"))}
+    codes = {int(code) for code in re.findall(r"int kExit\w+ = (\d+);", source(f"src/{folder}/main.cpp"))}
     assert {int(name) for name in names_in(page["EXIT STATUS"])} == codes | {0}
 
 
-def test_every_signal_of_vqagent_is_listed():
-    handled = re.findall(r"(?:AddSignal\(|signal\()(SIG[A-Z]+), (?!SIG_DFL)", source("src/agent/main.cpp"))
+@pytest.mark.parametrize("program, folder", [("vqagent", "agent"), ("vqlink", "link")])
+def test_every_signal_of_a_service_is_listed(program, folder):
+    handled = re.findall(r"(?:AddSignal\(|signal\()(SIG[A-Z]+), (?!SIG_DFL)", source(f"src/{folder}/main.cpp"))
     assert len(handled) > 3
-    assert sorted(names_in(sections("vqagent.8.scd")["SIGNALS"])) == sorted(handled)
+    assert sorted(names_in(sections(f"{program}.8.scd")["SIGNALS"])) == sorted(handled)
+
+
+@pytest.mark.parametrize("heading, name", [("KEYS", "kLinkMembers"), ("KEYS OF BROKER", "kEndpointMembers")])
+def test_every_key_of_the_configuration_of_the_link_is_listed(heading, name):
+    page = page_table(sections("link.json.5.scd")[heading])
+    assert page == table(source("src/link/link_config.cpp"), name)
+
+
+def test_every_default_of_the_configuration_of_the_link_is_right():
+    page = sections("link.json.5.scd")
+    texts = {key: item.text for heading in ("KEYS", "KEYS OF BROKER") for item in page[heading] for key in item.names}
+    port = re.search(r"uint16_t port = (\d+);", source("src/broker/session.h"))[1]
+    socket = re.search(r'kDefaultSocket = ("\S+")', source("src/control/frame.h"))[1]
+    for key, value in {"port": port, "agent": socket, "log": '"notice"'}.items():
+        assert f"Default: {value}." in texts[key], key
+    assert re.search(r"agent = control::kDefaultSocket;\s+LogLevel log = LogLevel::kNotice;",
+                     source("src/link/link_config.h"))
+
+
+@pytest.mark.parametrize("heading, file", [("REPORT", "report"), ("PRESENCE", "presence")])
+def test_every_member_that_the_link_publishes_is_listed(heading, file):
+    names = names_in(sections("vqlink.8.scd")[heading])
+    assert names
+    assert sorted(names) == sorted(members_of(source(f"src/broker/{file}.cpp")))
+
+
+def members_of(text):
+    """The names of the members in a table of a parser."""
+    return re.findall(r'^    {"(\w+)", k?(?:\w+::)*k(?:Required|Optional)', text, re.M)
 
 
 @pytest.mark.parametrize("heading, name", [
@@ -215,7 +255,8 @@ def test_every_environment_variable_is_listed():
     # libsystemd reads the variables of notifications and of the watchdog.
     from_manager = {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}
     listed = set(names_in(sections("vqagent.8.scd")["ENVIRONMENT"]))
-    assert listed == variables_read("src/agent") | from_manager
+    assert listed == variables_read("src/agent") | variables_read("src/common") | from_manager
+    assert set(names_in(sections("vqlink.8.scd")["ENVIRONMENT"])) == listed
     withheld = re.search(r"kOwnVariables{(.*?)}", source("src/agent/base/spawn.cpp"), re.S)[1]
     assert listed <= set(re.findall(r'"(\w+)="', withheld))
 
