@@ -22,6 +22,20 @@ class Failure(AssertionError):
     """A step did not lead to what it must lead to."""
 
 
+def say(text):
+    print(f"\n== {text}", flush=True)
+
+
+def show(text):
+    for line in text.rstrip().splitlines():
+        print(f"   {line}", flush=True)
+
+
+def expect(is_right, what):
+    if not is_right:
+        raise Failure(what)
+
+
 def run(*command, **options):
     return subprocess.run([str(word) for word in command], text=True, capture_output=True, check=False, **options)
 

@@ -12,8 +12,9 @@ import subprocess
 import sys
 import time
 
+import fleet_steps as fleet
 import readme
-from machine import HERE, PLACE, Failure, Machine, Queries, run
+from machine import HERE, PLACE, Machine, Queries, expect, run, say, show
 from waiting import wait_until
 
 SCRIPTS = HERE.parents[1] / "scripts"
@@ -48,20 +49,6 @@ WantedBy=multi-user.target
 # What a system changes by itself, and what the package manager keeps about its own work.
 CHANGES = re.compile(r"/(opt/boot|root|tmp|var/(cache|log|tmp|lib/apt|lib/systemd/(catalog|timers|random-seed)"
                      r"|lib/dpkg/(available|lock|status|triggers)))[^ ]*")
-
-
-def say(text):
-    print(f"\n== {text}", flush=True)
-
-
-def show(text):
-    for line in text.rstrip().splitlines():
-        print(f"   {line}", flush=True)
-
-
-def expect(is_right, what):
-    if not is_right:
-        raise Failure(what)
 
 
 class Box:
@@ -132,6 +119,12 @@ class Box:
     def of_process(self, pid, key):
         status = self.machine.path(f"/proc/{pid}/status").read_text()
         return re.search(rf"^{key}:\s*(.*)$", status, re.MULTILINE)[1]
+
+    def expect_writable(self, pid, writable):
+        """These directories alone can be written in the sandbox of a process."""
+        for directory in ("/etc/kavel", "/run", "/var/lib/kavel", "/", "/etc", "/run/systemd", "/usr", "/var/lib"):
+            tried = self.machine.run("nsenter", "--mount", f"--target={pid}", "test", "-w", directory)
+            expect((tried.returncode == 0) == (directory in writable), f"process {pid}: {directory}: {tried.returncode}")
 
     def files(self):
         """Every file of the system, with type, mode and owner, but not what changes by itself."""
@@ -216,9 +209,7 @@ def check_sandbox(box):
     for pid in (box.agent(), box.instance(7)):
         for key, wanted in (("CapBnd", f"{CAPABILITIES:016x}"), ("NoNewPrivs", "1"), ("Seccomp", "2")):
             expect(box.of_process(pid, key) == wanted, f"process {pid}: {key} is {box.of_process(pid, key)}")
-        for directory in ("/etc/kavel", "/run", "/var/lib/kavel", "/", "/etc", "/run/systemd", "/usr", "/var/lib"):
-            tried = box.machine.run("nsenter", "--mount", f"--target={pid}", "test", "-w", directory)
-            expect((tried.returncode == 0) == (directory in WRITABLE), f"process {pid}: {directory}: {tried.returncode}")
+        box.expect_writable(pid, WRITABLE)
     expect(box.of_process(box.instance(7), "Uid").split()[1] != "0", "the instance runs as root")
 
 
@@ -399,6 +390,9 @@ def upgrade(box):
     program = box.do("readlink", f"/proc/{box.agent()}/exe").strip()
     expect(program == "/usr/sbin/vqagent", f"the agent is {program}")
     box.expect_served(7, 8)
+    fleet.expect_connected(box)
+    program = box.do("readlink", f"/proc/{fleet.link(box)}/exe").strip()
+    expect(program == "/usr/sbin/vqlink", f"the link is {program}")
 
 
 def remove(box):
@@ -418,19 +412,20 @@ def remove(box):
 
 def purge(box):
     """The packages are purged: nothing is left"""
+    fleet.remove_broker(box)
     box.do("dpkg", "--purge", *box.names)  # apt-get does not know packages that have left nothing
     left = sorted(box.files() ^ box.files_before)
     expect(not left, "changed files:\n" + "\n".join(left))
     expect(box.users() == box.users_before, "users or groups are left")
     leftovers = box.machine.run("sh", "-c", "ls -d /run/kavel* /run/kvl*").stdout
     expect(not leftovers, f"left: {leftovers}")
-    units = box.machine.run("systemctl", "list-unit-files", "--no-legend", "vqagent*").stdout
+    units = box.machine.run("systemctl", "list-unit-files", "--no-legend", "vq*").stdout
     expect(not units and box.state() == "inactive", f"the unit is {box.state()}: {units}")
 
 
 STEPS = (boot, follow_the_readme, test_the_packages, install, serve_pop, serve_two_vpns, check_sandbox, reload_with_a_third_vpn, refuse_a_mistake,
-         kill_the_agent, hang_the_agent, start_slowly, stop_and_start, reboot, reboot_with_late_namespaces, upgrade,
-         remove, purge)
+         kill_the_agent, hang_the_agent, start_slowly, stop_and_start, fleet.serve, fleet.check_sandbox, reboot,
+         reboot_with_late_namespaces, fleet.bring_the_last_message, upgrade, remove, purge)
 
 
 def main():
