@@ -56,17 +56,22 @@ JsonPtr EntryJson(const Numbered &item)
     JsonPtr object = NewJsonObject();
     AddMember(object.get(), "vpn", JsonNumber(item.entry->vpn));
     AddMember(object.get(), "number", JsonNumber(item.number));
-    AddMember(object.get(), "time", JsonNumber(item.entry->time));
-    AddMember(object.get(), "sender", JsonText(item.entry->sender));
-    AddMember(object.get(), "revision", item.entry->revision != nullptr ? JsonText(item.entry->revision) : JsonPtr());
-    AddMember(object.get(), "result", JsonNumber(item.entry->result));
-    AddMember(object.get(), "outcome", JsonText(item.entry->outcome));
-    AddMember(object.get(), "undone", JsonBool(item.entry->undone != 0));
-    AddMember(object.get(), "bytes", JsonNumber(item.entry->bytes));
+    AddEntryMembers(object.get(), *item.entry);
     return object;
 }
 
 } // namespace
+
+void AddEntryMembers(json_object *object, const Kavel__HistoryEntry &entry)
+{
+    AddMember(object, "time", JsonNumber(entry.time));
+    AddMember(object, "sender", JsonText(entry.sender));
+    AddMember(object, "revision", entry.revision != nullptr ? JsonText(entry.revision) : JsonPtr());
+    AddMember(object, "result", JsonNumber(entry.result));
+    AddMember(object, "outcome", JsonText(entry.outcome));
+    AddMember(object, "undone", JsonBool(entry.undone != 0));
+    AddMember(object, "bytes", JsonNumber(entry.bytes));
+}
 
 const Kavel__HistoryEntry &EntryOf(HistoryEntries entries, std::uint32_t number)
 {

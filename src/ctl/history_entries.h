@@ -7,6 +7,7 @@
 #include <string>
 
 #include "control.pb-c.h"
+#include "json_text.h"
 #include "packed_conf.h"
 
 namespace kavel::ctl {
@@ -22,6 +23,9 @@ using HistoryEntries = std::span<const Kavel__HistoryEntry *const>;
 
 // "2026-03-01 14:05:09", in the time zone of this process.
 [[nodiscard]] std::string TimeText(std::uint64_t time);
+
+// Adds what is told of an entry to an object: all but its VPN, its number and its message.
+void AddEntryMembers(json_object *object, const Kavel__HistoryEntry &entry);
 
 // A table of entries of one or more VPNs. Each VPN's entries are numbered from 1.
 [[nodiscard]] std::string HistoryTable(HistoryEntries entries);

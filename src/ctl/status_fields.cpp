@@ -9,6 +9,7 @@
 #include <sstream>
 #include <utility>
 
+#include "history_entries.h"
 #include "input_error.h"
 #include "json_output.h"
 #include "printable.h"
@@ -93,6 +94,16 @@ JsonPtr ProblemsJson(Vpn vpn)
     return list;
 }
 
+JsonPtr LastNumberedJson(Vpn vpn)
+{
+    if (vpn.last_numbered == nullptr) {
+        return nullptr;
+    }
+    JsonPtr object = NewJsonObject();
+    AddEntryMembers(object.get(), *vpn.last_numbered);
+    return object;
+}
+
 // What a cell of the table says.
 
 std::string YesOrNo(bool value)
@@ -135,6 +146,14 @@ std::string RuleCell(Vpn vpn)
 {
     const bool isComplete = vpn.rule != 0 && (vpn.has_dnat == 0 || vpn.dnat != 0);
     return vpn.has_rule != 0 ? YesOrNo(isComplete) : kNothing;
+}
+
+// "12: applied"
+std::string LastNumberedCell(Vpn vpn)
+{
+    const Kavel__HistoryEntry *last = vpn.last_numbered;
+    return last != nullptr && last->revision != nullptr ? Printable(last->revision) + ": " + Printable(last->outcome)
+                                                        : kNothing;
 }
 
 // "upstream-silent,rule-missing"
@@ -229,6 +248,7 @@ constexpr std::array kFields = {
         "last_repair_time", "LAST_REPAIR_TIME", false, TimeCell<&V::has_last_repair_time, &V::last_repair_time>)),
     IfSent(Field<OptionalTextJson<&V::last_repair>>("last_repair", "LAST_REPAIR")),
     IfSent(Field<OptionalTextJson<&V::revision>>("revision", "REVISION")),
+    IfSent(Field<LastNumberedJson>("last_numbered", "LAST_NUMBERED", false, LastNumberedCell)),
     IfSent(Field<OptionalCountJson<&V::has_redirected, &V::redirected>>("redirected", "REDIRECTED", true)),
     IfSent(Field<OptionalCountJson<&V::has_undone_in_seconds, &V::undone_in_seconds>>("undone_in_seconds",
                                                                                       "UNDONE_IN_SECONDS")),
@@ -274,6 +294,8 @@ SortKey KeyOf(const StatusField &field, Vpn vpn)
         return {};
     case json_type_array:
         return {json_object_array_length(value.get()), ""};
+    case json_type_object: // the last numbered message
+        return {json_object_get_uint64(json_object_object_get(value.get(), "revision")), ""};
     case json_type_string:
         return {0, json_object_get_string(value.get())};
     default:

@@ -247,6 +247,10 @@ TEST_F(StatusTest, JsonHoldsEveryFieldOfTheProtocolAndTheState)
 {
     AddHistory(failed_);
     failed_.status.has_undone_in_seconds = failed_.status.has_redirected = 1;
+    std::string text = "x";
+    Kavel__HistoryEntry last = KAVEL__HISTORY_ENTRY__INIT;
+    last.sender = last.outcome = text.data();
+    failed_.status.last_numbered = &last;
     const JsonPtr json = ParseJson(JsonOfAll(all_));
     json_object *const list = json_object_object_get(json.get(), "vpns");
     ASSERT_EQ(json_object_array_length(list), 3U);
@@ -300,6 +304,29 @@ TEST_F(StatusTest, JsonHasTheHistoryThatWasSent)
         testing::EndsWith(R"("problems":[],"ends":2,"last_end_time":4999999990,"last_end":"killed by signal 9",)"
                           R"("next_start_time":5000000004,"repairs":3,"last_repair_time":4999999975,)"
                           R"("last_repair":"the steering rule was gone","revision":"r 1"})"));
+}
+
+TEST_F(StatusTest, TheLastNumberedMessageIsAnObjectAndAColumn)
+{
+    std::string revision = "12";
+    std::string sender = "pid 1, uid 0";
+    std::string outcome = "refused: why";
+    Kavel__HistoryEntry last = KAVEL__HISTORY_ENTRY__INIT;
+    last.time = 5;
+    last.revision = revision.data();
+    last.sender = sender.data();
+    last.result = -22;
+    last.outcome = outcome.data();
+    last.bytes = 9;
+    running_.status.last_numbered = &last;
+    EXPECT_THAT(JsonOf(running_.status),
+                testing::EndsWith(R"("last_numbered":{"time":5,"sender":"pid 1, uid 0","revision":"12","result":-22,)"
+                                  R"("outcome":"refused: why","undone":false,"bytes":9}})"));
+    const std::vector<const StatusField *> fields = AllFields();
+    const auto field = std::ranges::find(fields, "last_numbered", &StatusField::name);
+    ASSERT_NE(field, fields.end());
+    EXPECT_EQ((*field)->text(running_.status), "12: refused: why");
+    EXPECT_EQ((*field)->text(failed_.status), "-");
 }
 
 TEST_F(StatusTest, JsonOfAStartingInstance)

@@ -197,7 +197,7 @@ def members_of(text):
 
 
 @pytest.mark.parametrize("heading, name", [
-    ("KEYS", "kConfigMembers"), ("KEYS OF AN ITEM OF VPNS", "kVpnMembers"),
+    ("KEYS", "kConfigMembers"), ("KEYS OF AN ITEM OF USERS", "kUserMembers"), ("KEYS OF AN ITEM OF VPNS", "kVpnMembers"),
     ("KEYS OF AN ITEM OF WAN", "kWanMembers"), ("KEYS OF WATCH", "kWatchMembers")])
 def test_every_key_of_the_configuration_is_listed(heading, name):
     assert page_table(sections("agent.json.5.scd")[heading]) == table(source("src/agent/base/config.cpp"), name)
