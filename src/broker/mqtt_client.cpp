@@ -1,5 +1,6 @@
 #include "mqtt_client.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -120,6 +121,15 @@ bool IsProblemOfMessage(int code)
     }
 }
 
+// libmosquitto sends them as they are, and the broker closes the connection.
+bool AreText(const std::map<std::string, std::string> &properties)
+{
+    const auto isText = [](const std::string &text) {
+        return text.size() <= UINT16_MAX && mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == 0;
+    };
+    return std::ranges::all_of(properties, [&](const auto &each) { return isText(each.first) && isText(each.second); });
+}
+
 int PayloadLength(const Message &message)
 {
     return message.payload.size() <= INT_MAX ? static_cast<int>(message.payload.size()) : INT_MAX;
@@ -199,7 +209,11 @@ void MqttClient::Connect(bool onlyIpv4)
     if (code != MOSQ_ERR_SUCCESS) {
         code = BeginConnect(nullptr);
     }
-    Examine(code, errno);
+    const int error = errno;
+    if (code == MOSQ_ERR_ERRNO && (!tls_ || tlsProblem_.empty())) {
+        SetProblem("cannot connect: " + std::generic_category().message(error));
+    }
+    Examine(code, error);
 }
 
 void MqttClient::Read()
@@ -240,6 +254,9 @@ void MqttClient::Unsubscribe(const std::string &filter)
 
 MqttClient::Submitted MqttClient::Publish(const Message &message)
 {
+    if (!AreText(message.properties)) {
+        return {std::nullopt, "a user property is not text, or too long"};
+    }
     const PropertyList properties = UserProperties(message);
     int request = 0;
     const int code = mosquitto_publish_v5(client_.get(), &request, message.topic.c_str(), PayloadLength(message),
@@ -335,7 +352,6 @@ void MqttClient::OnDisconnect(mosquitto * /*client*/, void *self, int code, cons
     Guard(self, [&](MqttClient &client) {
         client.disconnectCode_ = code;
         if (code >= kReasonOfRefusal) {
-            client.isUnwanted_ = code != MQTT_RC_SERVER_SHUTTING_DOWN;
             client.SetProblem("the broker closed the connection: " + ReasonText(code, properties));
         }
     });

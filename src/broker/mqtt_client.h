@@ -69,8 +69,6 @@ class MqttClient {
     [[nodiscard]] std::string Problem() const { return problem_.value_or(""); }
     // The first problem counts.
     void SetProblem(const std::string &problem);
-    // The broker has ended the connection for a reason that lies in this client.
-    [[nodiscard]] bool IsUnwanted() const { return isUnwanted_; }
 
   private:
     struct Destroy {
@@ -103,7 +101,6 @@ class MqttClient {
     std::string tlsProblem_;          // the first error of OpenSSL that libmosquitto has logged
     std::optional<std::string> problem_;
     int disconnectCode_ = MOSQ_ERR_SUCCESS; // what libmosquitto said about the end of the connection
-    bool isUnwanted_ = false;
     std::exception_ptr thrown_;
     std::unique_ptr<mosquitto, Destroy> client_;
 };

@@ -1,14 +1,17 @@
 #include "session.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <deque>
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <system_error>
 #include <utility>
 
 #include "mqtt_client.h"
+#include "unique_fd.h"
 
 namespace kavel::broker {
 
@@ -29,11 +32,11 @@ int SocketError(int socket)
     return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
-bool IsIpv6(int socket)
+bool HasPeer(int socket)
 {
     sockaddr_storage address{};
     socklen_t size = sizeof address;
-    return getsockname(socket, reinterpret_cast<sockaddr *>(&address), &size) == 0 && address.ss_family == AF_INET6;
+    return getpeername(socket, reinterpret_cast<sockaddr *>(&address), &size) == 0;
 }
 
 } // namespace
@@ -77,8 +80,8 @@ class Session::Connection final : public std::enable_shared_from_this<Connection
     void OnDeferred();
 
     void Attempt();
-    // Whether the socket, which was connecting, is connected now. If it has failed, the client has.
-    bool ExamineTcp(std::uint32_t events);
+    // Whether the socket, which was connecting and has an event now, is connected. If not, the client has failed.
+    bool ExamineTcp();
     void EnterConnected();
     // Acts on the state of the client after a call of it. In a handler of the loop alone, outside the client's
     // handlers.
@@ -98,10 +101,11 @@ class Session::Connection final : public std::enable_shared_from_this<Connection
     const Options options_;
     const Events events_;
     Backoff backoff_;
+    std::chrono::milliseconds delay_{}; // before the current attempt
+    EventLoop::Clock::time_point connectedSince_;
     Phase phase_ = Phase::kIdle;
     bool isOver_ = false;
     bool isTcpConnected_ = false;
-    bool isIpv6_ = false;   // the address of the current attempt
     bool onlyIpv4_ = false; // in the next attempt
     std::function<void()> onStopped_;
     std::uint64_t lastPublication_ = 0;
@@ -110,6 +114,7 @@ class Session::Connection final : public std::enable_shared_from_this<Connection
     std::vector<std::pair<std::uint64_t, std::string>> unsent_; // with the problem, to be told
     std::map<int, std::vector<std::string>> subscriptions_;     // filters by request, until they are answered
     std::unique_ptr<MqttClient> client_;
+    UniqueFd socket_; // of the client, once more
     EventSource io_;
     EventSource phaseTimer_; // ends the waiting, the attempt or the stopping
     EventSource tendTimer_;
@@ -147,7 +152,6 @@ void Session::Connection::Attempt()
     phase_ = Phase::kConnecting;
     phaseTimer_.ArmTimer(EventLoop::Clock::now() + kAttemptMax);
     isTcpConnected_ = false;
-    isIpv6_ = false;
     try {
         client_ = std::make_unique<MqttClient>(options_, static_cast<MqttClient::Handler &>(*this));
     } catch (const SessionError &error) {
@@ -155,10 +159,15 @@ void Session::Connection::Attempt()
     }
     client_->Connect(onlyIpv4_);
     if (client_->HasFailed()) {
-        return Fail("cannot connect: " + client_->Problem());
+        return Fail(client_->Problem());
     }
-    isIpv6_ = IsIpv6(client_->Socket());
-    io_ = loop_.AddIo(client_->Socket(), EPOLLIN, [this](std::uint32_t events) { OnSocket(events); });
+    // libmosquitto closes its descriptor of the socket when it likes, but that of a source must be open until its end.
+    socket_ = UniqueFd(fcntl(client_->Socket(), F_DUPFD_CLOEXEC, 0));
+    if (!socket_ || fcntl(client_->Socket(), F_SETFD, FD_CLOEXEC) != 0) {
+        return Fail("cannot connect: " + std::generic_category().message(errno));
+    }
+    isTcpConnected_ = HasPeer(socket_.Get());
+    io_ = loop_.AddIo(socket_.Get(), EPOLLIN, [this](std::uint32_t events) { OnSocket(events); });
     tendTimer_.ArmTimer(EventLoop::Clock::now() + kTendInterval);
     UpdateIo();
 }
@@ -166,7 +175,7 @@ void Session::Connection::Attempt()
 void Session::Connection::OnSocket(std::uint32_t events)
 {
     const std::shared_ptr<Connection> self = shared_from_this();
-    if (isTcpConnected_ || ExamineTcp(events)) {
+    if (isTcpConnected_ || ExamineTcp()) {
         if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) != 0) {
             client_->Read();
         }
@@ -177,18 +186,13 @@ void Session::Connection::OnSocket(std::uint32_t events)
     Proceed();
 }
 
-bool Session::Connection::ExamineTcp(std::uint32_t events)
+bool Session::Connection::ExamineTcp()
 {
-    if (const int error = SocketError(client_->Socket()); error != 0) {
+    if (const int error = SocketError(socket_.Get()); error != 0) {
         client_->SetProblem("cannot connect: " + std::generic_category().message(error));
         return false;
     }
-    // OpenSSL has written to the socket before, and may have taken the error of the refusal from it.
-    if ((events & EPOLLHUP) != 0) {
-        client_->SetProblem("cannot connect: " + std::generic_category().message(ECONNREFUSED));
-        return false;
-    }
-    isTcpConnected_ = (events & (EPOLLIN | EPOLLOUT)) != 0;
+    isTcpConnected_ = true;
     return true;
 }
 
@@ -253,10 +257,10 @@ void Session::Connection::UpdateIo()
     io_.SetIoEvents(client_->WantsWrite() ? EPOLLIN | EPOLLOUT : EPOLLIN);
 }
 
-// The source of a socket is destroyed before anything can get the number of the socket again.
 void Session::Connection::Drop()
 {
     io_ = {};
+    socket_ = UniqueFd();
     phaseTimer_.Disable();
     tendTimer_.Disable();
     client_.reset();
@@ -268,15 +272,17 @@ void Session::Connection::Drop()
 
 void Session::Connection::Fail(const std::string &why)
 {
-    // Two clients with one name would take the connection from each other without a pause.
-    if (phase_ == Phase::kConnected && !client_->IsUnwanted()) {
+    const EventLoop::Clock::time_point now = EventLoop::Clock::now();
+    // Of two clients with one name each takes the connection of the other: the short ones are no success.
+    if (phase_ == Phase::kConnected && now - connectedSince_ >= 2 * delay_) {
         backoff_.Reset();
     }
-    // libmosquitto tries only one address of a host that does not refuse at once.
-    onlyIpv4_ = isTcpConnected_ ? onlyIpv4_ : isIpv6_ && !onlyIpv4_;
+    // libmosquitto tries only the first address of a host, so the families of addresses take turns until one connects.
+    onlyIpv4_ = isTcpConnected_ ? onlyIpv4_ : !onlyIpv4_;
     Drop();
     phase_ = Phase::kWaiting;
-    phaseTimer_.ArmTimer(EventLoop::Clock::now() + backoff_.Next());
+    delay_ = backoff_.Next();
+    phaseTimer_.ArmTimer(now + delay_);
     Tell(events_.closed, why);
 }
 
@@ -304,6 +310,7 @@ void Session::Connection::FinishStop()
     Drop();
     phase_ = Phase::kIdle;
     backoff_.Reset();
+    delay_ = {};
     Tell(std::exchange(onStopped_, nullptr));
 }
 
@@ -316,6 +323,7 @@ void Session::Connection::OnAccepted()
 void Session::Connection::EnterConnected()
 {
     phase_ = Phase::kConnected;
+    connectedSince_ = EventLoop::Clock::now();
     phaseTimer_.Disable();
     Tell(events_.connected);
 }

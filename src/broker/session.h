@@ -47,7 +47,7 @@ class SessionError : public std::runtime_error {
 
 // Each connection is a clean start without a stored session: what the client wants it subscribes to each time, and the
 // broker sends the retained messages then. QoS 1 both ways. The first session of a process makes the process ignore
-// SIGPIPE. A process may have many sessions; each has two descriptors more than its connection.
+// SIGPIPE. A process may have many sessions; each has three descriptors more than its connection.
 class Session {
   public:
     struct Options {

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <array>
+#include <cerrno>
 #include <new>
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
@@ -43,6 +44,24 @@ int NoPassphrase(char * /*buffer*/, int /*size*/, int /*isForWriting*/, void * /
     return -1;
 }
 
+// A broker that refuses the certificate says why, and closes the connection: the client may be writing then. The write
+// counts as one that would block, so that the client reads what the broker has said, and then the end.
+long OnBioDone(BIO *bio, int operation, const char * /*data*/, std::size_t /*size*/, int /*number*/, long /*argument*/,
+               int result, std::size_t * /*processed*/)
+{
+    if (operation == (BIO_CB_WRITE | BIO_CB_RETURN) && result <= 0 && (errno == ECONNRESET || errno == EPIPE)) {
+        BIO_set_retry_write(bio);
+    }
+    return result;
+}
+
+void OnState(const SSL *connection, int state, int /*value*/)
+{
+    if ((state & SSL_CB_HANDSHAKE_START) != 0) {
+        BIO_set_callback_ex(SSL_get_rbio(connection), OnBioDone);
+    }
+}
+
 } // namespace
 
 TlsContext::TlsContext(const Endpoint &endpoint) : context_(SSL_CTX_new(TLS_client_method()))
@@ -55,6 +74,7 @@ TlsContext::TlsContext(const Endpoint &endpoint) : context_(SSL_CTX_new(TLS_clie
     SSL_CTX_set_min_proto_version(context_.get(), TLS1_2_VERSION);
     SSL_CTX_set_mode(context_.get(), SSL_MODE_RELEASE_BUFFERS);
     SSL_CTX_set_verify(context_.get(), SSL_VERIFY_PEER, OnVerified);
+    SSL_CTX_set_info_callback(context_.get(), OnState);
     SSL_CTX_set_default_passwd_cb(context_.get(), NoPassphrase);
     ExpectRead(SSL_CTX_load_verify_file(context_.get(), endpoint.ca.c_str()), "ca", endpoint.ca);
     ExpectHost(endpoint.host);

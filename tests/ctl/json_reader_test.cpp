@@ -210,6 +210,25 @@ TEST(JsonValue, NumberHasARange)
     EXPECT_EQ(RefusedValue("0", [](const JsonValue &value) { return value.Number(); }), "accepted");
 }
 
+TEST(JsonValue, LargeNumberHasARange)
+{
+    const auto readFromOne = [](const JsonValue &value) { return value.LargeNumber(1); };
+    EXPECT_EQ(RefusedValue("1", readFromOne), "accepted");
+    EXPECT_EQ(RefusedValue("9223372036854775807", readFromOne), "accepted");
+    for (const char *text : {"0", "-1", "9223372036854775808", "18446744073709551615", "18446744073709551616", "1.0",
+                             "\"1\"", "null", "true", "{}"}) {
+        EXPECT_TRUE(
+            RefusedValue(text, readFromOne).starts_with("expected a number from 1 to 9223372036854775807, not "))
+            << text;
+    }
+    const JsonPtr largest = ParseJson("9223372036854775807");
+    EXPECT_EQ((JsonValue{largest.get(), {}}.LargeNumber()), INT64_MAX);
+    EXPECT_EQ(RefusedValue("0", [](const JsonValue &value) { return value.LargeNumber(); }), "accepted");
+    EXPECT_TRUE(RefusedValue("-9223372036854775808", [](const JsonValue &value) {
+                    return value.LargeNumber();
+                }).starts_with("expected a number from 0 to "));
+}
+
 TEST(JsonValue, RefusalIsOneLine)
 {
     EXPECT_EQ(RefusedValue("1", [](const JsonValue &value) { value.Refuse("a\nb\033"); }), "a?b?");
@@ -255,6 +274,25 @@ TEST(ReadMembers, SaysWhichKeyIsWrong)
     EXPECT_EQ(RefusedPoint("{}"), "x: is missing");
     EXPECT_EQ(RefusedPoint("[]"), "expected an object, not an array");
     EXPECT_EQ(RefusedPoint("null"), "expected an object, not null");
+}
+
+TEST(ReadKnownMembers, PassesOverOtherKeys)
+{
+    const JsonPtr json = ParseJson(R"({"newer": [1], "x": 7, "": null})");
+    Point point;
+    ReadKnownMembers(JsonValue{json.get(), {}}, kPointMembers, point);
+    EXPECT_EQ(point.x, 7U);
+}
+
+TEST(ReadKnownMembers, SaysWhichKeyIsWrong)
+{
+    const auto read = [](const JsonValue &value) {
+        Point point;
+        ReadKnownMembers(value, kPointMembers, point);
+    };
+    EXPECT_EQ(RefusedValue(R"({"x": 7, "names": ["a", 5]})", read), "names[1]: expected a string, not 5");
+    EXPECT_EQ(RefusedValue(R"({"y": 7})", read), "x: is missing");
+    EXPECT_EQ(RefusedValue("[]", read), "expected an object, not an array");
 }
 
 } // namespace
