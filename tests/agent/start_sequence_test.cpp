@@ -5,6 +5,7 @@
 
 #include "finding_texts.h"
 #include "services/launch_mark.h"
+#include "services/message_history.h"
 #include "supervisor_fixture.h"
 
 namespace kavel::agent {
@@ -49,6 +50,18 @@ class StartSequenceTest : public SupervisorTest {
     void LeaveMark() const { box_.Write("/run/kavel/vpn_0.launch", ""); }
 
     void Store(const std::string &text) { host_.store.Put(0, text, VQ_SQL_CONF_CPE_DNSMASQ); }
+
+    // What the history has of a message for VPN 0.
+    void AddMessage(const std::string &revision, std::int32_t result = 0)
+    {
+        HistoryEntry entry;
+        entry.revision = revision;
+        entry.result = result;
+        entry.outcome = result < 0 ? "refused: why" : "applied";
+        entry.message = PackCpe(0, false, VQ_DNSMASQ_OP_REBOOT);
+        entry.messageBytes = entry.message->size();
+        host_.store.AddToHistory(0, entry);
+    }
 
     bool translatesToOn_ = true;
 };
@@ -213,6 +226,26 @@ TEST_F(StartSequenceTest, AStoredRowIsAppliedWhereNothingElseIsKnown)
     ASSERT_TRUE(kept);
     EXPECT_TRUE(kept->enables && kept->isStored);
     EXPECT_EQ(InForceFiles(instances_).ReadContent(0).bytes, "on 0");
+}
+
+TEST_F(StartSequenceTest, AStoredRowHasTheRevisionOfTheMessageThatItWasMadeOf)
+{
+    Store("off 0");
+    translatesToOn_ = false;
+    AddMessage("11");
+    AddMessage("12");
+    AddMessage("13", -EIO);
+    Start();
+    EXPECT_EQ(Described().revision, "12");
+}
+
+TEST_F(StartSequenceTest, AStoredRowOfNoMessageInTheHistoryHasNoRevision)
+{
+    Store("off 0");
+    AddMessage("12");
+    translatesToOn_ = true;
+    Start();
+    EXPECT_EQ(Described().revision, std::nullopt);
 }
 
 TEST_F(StartSequenceTest, AStoredRowThatIsOffStartsNothing)

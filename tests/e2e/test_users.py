@@ -281,6 +281,16 @@ def test_a_message_of_an_agent_that_was_killed_before_its_answer_is_not_applied_
     assert (again.in_force_revision, again.running) == ("2", 1)
 
 
+def test_after_a_restart_of_the_box_the_stored_revision_is_in_force(admitting):
+    content = encoded(message(persistentflag=True))
+    assert apply_newer(3, content).in_force_revision == "3"
+    assert apply_newer(4, encoded(message(persistentflag=True, dnshosts=[{"domain": "a.example", "ip": "1.2.3.4"}]))).result == 0
+    admitting.cut_power()
+    start(admitting)
+    again = apply_newer(4, content)
+    assert (again.not_newer, again.in_force_revision, again.running) == (True, "4", 1)
+
+
 def test_copies_that_come_together_are_applied_once(admitting):
     content = encoded(message())
     peers = [connect() for _ in range(8)]

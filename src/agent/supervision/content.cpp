@@ -8,6 +8,8 @@
 
 #include "instances/controller_message.h"
 #include "instances/record_message.h"
+#include "log.h"
+#include "services/message_history.h"
 
 namespace kavel::agent {
 namespace {
@@ -58,6 +60,26 @@ std::string StoredTextOf(Host &host, const ModuleFunctions &module, std::uint32_
         throw std::runtime_error("it cannot be converted for the store");
     }
     return text.get();
+}
+
+std::optional<std::string> RevisionOfStoredText(Host &host, const ModuleFunctions &module, std::uint32_t vpnId,
+                                                const std::string &text)
+{
+    try {
+        UndoneEntries undone;
+        for (const HistoryEntry &entry : host.store.ReadHistory(vpnId)) {
+            if (undone.Contains(entry) || entry.result < 0 || !entry.message) {
+                continue;
+            }
+            const InForceContent content{true, std::string(entry.message->begin(), entry.message->end())};
+            if (StoredTextOf(host, module, vpnId, content) == text) {
+                return entry.revision;
+            }
+        }
+    } catch (const std::exception &failure) {
+        Log(LogLevel::kDebug, "vpn %u: the revision of its stored record is not known: %s", vpnId, failure.what());
+    }
+    return std::nullopt;
 }
 
 std::vector<std::uint8_t> MessageOfContent(Host &host, const ModuleFunctions &module, std::uint32_t vpnId,

@@ -25,6 +25,11 @@ using RecordNode = ZeroedPages<VQ_DnsmasqConfNode>;
 [[nodiscard]] std::string StoredTextOf(Host &host, const ModuleFunctions &module, std::uint32_t vpnId,
                                        const InForceContent &content);
 
+// The revision of the newest message in the VPN's history that was applied and that the store keeps as this text;
+// nothing when there is none, it had no revision, or that cannot be told.
+[[nodiscard]] std::optional<std::string> RevisionOfStoredText(Host &host, const ModuleFunctions &module,
+                                                              std::uint32_t vpnId, const std::string &text);
+
 // A content as a packed message. That of a stored record asks for a restart and to be stored, as a message that had led
 // to the record would have to. Throws std::runtime_error.
 [[nodiscard]] std::vector<std::uint8_t> MessageOfContent(Host &host, const ModuleFunctions &module, std::uint32_t vpnId,

@@ -117,6 +117,7 @@ bool Supervisor::LoadStoredRow(std::uint32_t vpnId)
         InForce wanted;
         wanted.enables = node->Dnsmasq.Enable != FALSE;
         wanted.isStored = true;
+        wanted.revision = RevisionOfStoredText(host_, module_, vpnId, *text);
         wanted.files.resize(instances_.Files(vpnId).size()); // marks of no file: what is there is not right yet
         inForce_.Write(vpnId, wanted, {false, *text});
         instances_.SetMeantToRun(vpnId, wanted.enables);
