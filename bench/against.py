@@ -3,7 +3,7 @@
 against.py THIS_BUILD OTHER_BUILD [--quick] [--rounds N] [PROGRAM...]
 
 Each program runs with both builds alternately: this, other, this, other, if there are two rounds. module and services
-are the programs bench_module and bench_services of each build. the programs named box_... are the scripts of this tree;
+are the programs bench_module and bench_services of each build. All others are the scripts of this tree;
 they run with the agent, the tool and the module of each build.
 
 The output has one line for each case: the median of each build, the ratio of each to its floor, and the quotient of
@@ -26,8 +26,9 @@ import tempfile
 from tables import ratios, shown
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-PROGRAMS = ("module", "services", "box_answers", "box_waits", "box_watch", "box_many")
+PROGRAMS = ("module", "services", "box_answers", "box_waits", "box_watch", "box_many", "fleet")
 BUILT = ("bench_module", "bench_services", "libvqAdvancedDns.so", "vqagent", "vqctl")
+BUILT_FOR_FLEET = ("bench_fleet_boxes", "vqfleet", "vqlink")
 NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 # Cases of several seconds whose work other cases contain; the quick form leaves them out.
 LONG_CASES = "^(translation/9472|(message by size|translation of proxy domains)/(1000|8192))/"
@@ -162,8 +163,9 @@ def arguments():
         parser.error(f"no program named {', '.join(sorted(unknown))}")
     if options.rounds < 1:
         parser.error("--rounds must be at least 1")
+    needed = BUILT + BUILT_FOR_FLEET * ("fleet" in (options.programs or PROGRAMS))
     for build in (options.this_build, options.other_build):
-        missing = [name for name in BUILT if not (build / name).is_file()]
+        missing = [name for name in needed if not (build / name).is_file()]
         if missing:
             parser.error(f"{build} lacks {', '.join(missing)}")
     return options

@@ -8,14 +8,16 @@ import contextlib
 import os
 import pathlib
 import select
+import shutil
 import signal
 import sys
 import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/e2e"))
 
-from box import CONFIG, DNSMASQ, STATE, Box, connect, instance_pid, instances, pid_file, read_frame, run  # noqa: E402
-from load import Message, result_of  # noqa: E402
+from box import (BUILD, CONFIG, DNSMASQ, STATE, Box, connect, instance_pid, instances, pid_file,  # noqa: E402
+                 read_frame, run)
+from load import Message, read_varint, result_of  # noqa: E402
 
 from box_dns import inside  # noqa: E402
 
@@ -33,16 +35,17 @@ def most_instances():
 
 
 @contextlib.contextmanager
-def disk():
-    """Inside the block, /etc/kavel is on a real file system. Its files are removed afterwards."""
+def disk(path=CONFIG.parent, owner="root"):
+    """Inside the block, this folder is on a real file system. Its files are removed afterwards."""
     with tempfile.TemporaryDirectory(prefix="kavel-bench-", dir="/var/tmp") as folder:
         os.chmod(folder, 0o755)  # dnsmasq reads its files as an unprivileged user
-        CONFIG.parent.mkdir(exist_ok=True)
-        run("mount", "--bind", folder, CONFIG.parent)
+        shutil.chown(folder, owner)
+        path.mkdir(exist_ok=True)
+        run("mount", "--bind", folder, path)
         try:
             yield
         finally:
-            run("umount", CONFIG.parent)
+            run("umount", path)
 
 
 def add_namespaces(vpns):

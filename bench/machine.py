@@ -8,7 +8,8 @@ import re
 import subprocess
 import sys
 
-PACKAGES = {"json-c": "libjson-c5", "SQLite": "libsqlite3-0", "libnftables": "libnftables1", "libc": "libc6"}
+PACKAGES = {"json-c": "libjson-c5", "SQLite": "libsqlite3-0", "libnftables": "libnftables1", "libc": "libc6",
+            "mosquitto": "mosquitto", "libmosquitto": "libmosquitto1", "OpenSSL": "libssl3"}
 PROGRAMS = {"gcc": ("g++", "-dumpfullversion"), "dnsmasq": ("dnsmasq", "--version"), "iproute2": ("ip", "-V")}
 
 

@@ -6,10 +6,10 @@ report.py [FILE...]: in each document, this program replaces the text between
     <!-- end of figures -->
 
 NAME is one of
-- a program (module, services, box_answers, box_waits, box_watch, box_many): all its figures and curves;
+- a program (module, services, box_answers, box_waits, box_watch, box_many, fleet): all its figures and curves;
 - machine: what the figures were measured on;
 - aims: every case that has an aim; worst: the largest ratios of all other cases;
-- scale box, scale hosts, scale messages, scale fleet: the tables of docs/scale.md.
+- scale box, scale hosts, scale messages, scale fleet, scale brokers: the tables of docs/scale.md.
 
 A case that was measured at three sizes or more is also a curve, in docs/PROGRAM-UNIT.svg. Without arguments, all
 documents in docs/ are renewed.
@@ -27,7 +27,7 @@ from curves import draw
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 DATA = ROOT / "bench/data"
-PROGRAMS = ("module", "services", "box_answers", "box_waits", "box_watch", "box_many")
+PROGRAMS = ("module", "services", "box_answers", "box_waits", "box_watch", "box_many", "fleet")
 MARKED = re.compile(r"(<!-- figures: ([\w ]+) -->\n).*?(<!-- end of figures -->)", re.DOTALL)
 SIZES_OF_A_CURVE = 3
 

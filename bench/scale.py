@@ -1,5 +1,6 @@
 """The tables of docs/scale.md, computed from the figures of all programs."""
 
+import math
 import statistics
 
 from tables import line, shown
@@ -12,6 +13,8 @@ VPNS_OF_A_BOX = 50
 MEASURED_VPNS = 100  # the measured size nearest to VPNS_OF_A_BOX
 BOXES_OF_A_REGION = 10_000
 QUERIES = 1000  # per second, while losses were counted
+BROKER_BACK = 60  # seconds of a processor for the connections of all boxes of a broker
+BROKER_MEMORY = 2 << 30  # bytes: memory_limit of examples/fleet/mosquitto.conf
 
 
 class NotMeasured(Exception):
@@ -128,4 +131,38 @@ def fleet(figures):
     return "| Event | Takes |\n|---|---|\n" + "".join(map(line, rows))
 
 
-TABLES = {"box": box, "hosts": hosts, "messages": messages, "fleet": fleet}
+def brokers(figures):
+    """What boxes cost brokers that save each 30 s, each with one processor."""
+    def each(case):
+        return figures.value(f"{case}, saved each 30 s, by boxes")
+
+    connection, change = each("connection: processor time of the broker"), each("change: processor time of the broker "
+                                                                                "for a box")
+    memory, saved = each("memory of the broker for a connected box"), each("bytes saved for a box")
+    idle = each("idle: processor time of the broker for a box and second")
+    count = max(math.ceil(BOXES * connection / BROKER_BACK), math.ceil(BOXES * memory / BROKER_MEMORY))
+    share = math.ceil(BOXES / count)
+    measured = figures.largest("bytes saved for a box, saved each 30 s, by boxes")
+    rows = [(what, unit(value), unit(BOXES * value)) for what, value, unit in (
+        ("memory of the broker, connected", memory, size),
+        ("memory of the broker, not connected", each("memory of the broker for a box that is not connected"), size),
+        ("processor time of the broker for a connection", connection, seconds),
+        ("bytes sent for a connection", each("connection: bytes sent"), size),
+        ("processor time of the broker for a change", change, seconds),
+        ("bytes sent for a change, to and from the broker", each("change: bytes sent for a box"), size),
+        ("processor time of the broker in a second without a change", idle, seconds),
+        ("bytes sent in such a second", each("idle: bytes sent for a box and second"), size),
+        ("saved file", saved, size))]
+    rows += [
+        (f"brokers: connections of all boxes of one in {BROKER_BACK} s, at most {size(BROKER_MEMORY)}", "",
+         f"{count} with {share:,} boxes each"),
+        ("a change to all boxes, all brokers at once, at full speed", "", seconds(share * change)),
+        ("connections after a restart of one broker", "", seconds(share * connection)),
+        ("one save of its file", f"{seconds(each('what is retained saved once'))} with {measured:,} boxes",
+         f"{seconds(each('what is retained saved once') * share / measured)} if it grows with the file"),
+        ("vqlink on the box, private memory", size(figures.value("vqlink: private memory, idle")), ""),
+    ]
+    return f"| What | One box | {BOXES:,} boxes |\n|---|---:|---:|\n" + "".join(map(line, rows))
+
+
+TABLES = {"box": box, "hosts": hosts, "messages": messages, "fleet": fleet, "brokers": brokers}
