@@ -36,6 +36,9 @@ struct SentMessage {
 
 struct Answer {
     std::int32_t result = 0;           // 0 or more: carried out; a negated errno: refused
+    bool isUnknownVpn = false;         // refused: the VPN is not configured
+    bool isNotNewer = false;           // refused: `history` holds the entry that is not older
+    bool mayRetry = false;             // refused without a judgement, for a reason that passes
     std::optional<std::string> text;   // what the agent found wrong; without it the errno's text is sent
     std::optional<std::string> reason; // the module's message that says why
     std::optional<std::uint32_t> vpn;
@@ -50,14 +53,11 @@ struct Answer {
     std::optional<StartProgress> start; // while the agent is starting
     std::optional<std::string> metrics;
     std::optional<AgentStatus> agent;
-    bool isUnknownVpn = false; // refused: the VPN is not configured
     std::optional<LogState> log;
     std::optional<QueryOutcome> query;
     std::vector<SentMessage> messages;
     std::vector<SentHistoryEntry> history;
-    bool isNotNewer = false;                    // refused: `history` holds the entry that is not older
     std::optional<std::string> inForceRevision; // of the message in force, if its sender gave one
-    bool mayRetry = false;                      // refused without a judgement, for a reason that passes
 };
 
 // Sends the answer to its client. Called exactly once per request.
