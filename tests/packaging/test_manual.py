@@ -143,6 +143,13 @@ def test_every_member_and_column_of_the_status_is_listed():
     assert listed == [name for is_default, name, title in fields]
 
 
+def test_every_standing_of_the_fleet_is_explained():
+    words = re.search(r"kStandingNames = {(.*?)};", source("src/fleet/fleet_state.cpp"), re.S)[1]
+    standings = re.findall(r'"(\w+)"', words)
+    assert len(standings) > 5
+    assert names_in(sections("vqfleet.1.scd")["HOW A VPN STANDS"]) == standings
+
+
 def test_every_state_is_explained():
     words = re.search(r"kStateStyles = {{(.*?)}};", source("src/ctl/status_fields.cpp"), re.S)[1]
     states = re.findall(r'{"(\w+)"', words)
