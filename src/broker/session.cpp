@@ -182,6 +182,10 @@ void Session::Connection::OnSocket(std::uint32_t events)
         if ((events & EPOLLOUT) != 0 && !client_->HasFailed()) {
             client_->Write();
         }
+        // OpenSSL has written to the socket before, and may have taken the error from it.
+        if (!isTcpConnected_ && !client_->HasFailed()) {
+            client_->SetProblem("cannot connect: " + std::generic_category().message(ECONNREFUSED));
+        }
     }
     Proceed();
 }
@@ -192,7 +196,7 @@ bool Session::Connection::ExamineTcp()
         client_->SetProblem("cannot connect: " + std::generic_category().message(error));
         return false;
     }
-    isTcpConnected_ = true;
+    isTcpConnected_ = HasPeer(socket_.Get());
     return true;
 }
 

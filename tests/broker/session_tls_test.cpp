@@ -110,7 +110,7 @@ TEST_F(SessionTlsTest, CarriesALargePayload)
     options.filters = {"kavel/box/desired/+"};
     TestSession box(loop, options);
     ASSERT_TRUE(box.Connect());
-    const std::string large(2 * 1024 * 1024, 'x');
+    const std::string large(2UL * 1024 * 1024, 'x');
     EXPECT_EQ(box.PublishAndWait(MessageOf("kavel/box/desired/1", large)), "");
     ASSERT_TRUE(WaitFor(loop, [&] { return !box.received.empty(); }));
     EXPECT_TRUE(PayloadOf(box.received.front()) == large);
@@ -182,6 +182,13 @@ TEST_F(SessionTlsTest, TellsThatTheBrokerWantsACertificate)
     Session::Options options = Options();
     options.endpoint.certificate = options.endpoint.key = "";
     EXPECT_THAT(Failure(options), HasSubstr("certificate required"));
+}
+
+TEST_F(SessionTlsTest, TellsThatNobodyListens)
+{
+    StartBroker();
+    broker->Kill();
+    EXPECT_EQ(Failure(Options()), "cannot connect: Connection refused");
 }
 
 TEST_F(SessionTlsTest, TellsThatTheBrokerHasNoTls)
