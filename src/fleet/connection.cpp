@@ -170,7 +170,7 @@ void Connection::OnMark(const broker::Message &message)
     if (*mark > firstMark_) {
         throw BrokerError(AddressOf(settings_.endpoint) +
                           ": the broker has dropped messages, because its queue for a client is too short "
-                          "(mosquitto: max_queued_messages 0)");
+                          "(mosquitto: max_queued_messages)");
     }
     firstMark_ = 0;
     probe_.Disable();

@@ -126,8 +126,7 @@ void AddBoxes(CLI::App &app, Arguments &arguments)
     // Each value is one box: CLI11 would take the words behind the first, too.
     app.add_option("--box", arguments.selection.boxes, "A box; may be given several times")
         ->type_name("BOX")
-        ->expected(1)
-        ->take_all();
+        ->allow_extra_args(false);
     AddValue(app, "--boxes", "FILE", "A list of boxes, one in each line, # for comments; - is standard input",
              [&arguments](const std::string &text) {
                  if (text.empty()) {

@@ -20,8 +20,8 @@ namespace kavel::fleet {
 
 namespace {
 
-// What a request to the agent has besides the message takes less.
-constexpr std::size_t kMessageMax = control::kFrameMax - std::size_t{64} * 1024;
+// What the link takes: the rest of a request to the agent needs less.
+constexpr std::size_t kMessageMax = control::kFrameMax - 4096;
 
 std::optional<Outgoing> LoadOne(const std::string &file, const std::function<void(const std::string &error)> &report)
 {

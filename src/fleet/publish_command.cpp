@@ -106,15 +106,14 @@ broker::Revision Publishing::RevisionAbove(const HighestRevision &highest) const
     return highest.revision + 1;
 }
 
-// A message that an interrupted command has published and not noted has the revision itself.
+// The same revision may be published again: an interrupted command has not noted it, or the broker has lost it.
 void Publishing::CheckRevision(const HighestRevision &highest) const
 {
-    if (highest.revision < revision_ || (IsResumed() && highest.revision == revision_)) {
-        return;
+    if (highest.revision > revision_) {
+        throw RefusedError("revision " + std::to_string(revision_) + " is below " + std::to_string(highest.revision) +
+                           ", which " + highest.box + " has for vpn " + std::to_string(highest.vpn) + "; nothing " +
+                           (IsResumed() ? "more " : "") + "was published");
     }
-    throw RefusedError("revision " + std::to_string(revision_) + " is not above " + std::to_string(highest.revision) +
-                       ", which " + highest.box + " has for vpn " + std::to_string(highest.vpn) + "; nothing " +
-                       (IsResumed() ? "more " : "") + "was published");
 }
 
 void Publishing::Survey()

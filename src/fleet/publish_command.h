@@ -26,7 +26,7 @@ struct PublishOptions {
 
 // Checks all files, the list and the journal, then the revisions at the broker, and then publishes. Returns kBadInput,
 // after a line for each error, if a file is bad; kBehind if the broker has refused a message. Throws InputError,
-// RefusedError if the revision is not above that of a box, BrokerError and Interrupted.
+// RefusedError if the revision is below that of a box, BrokerError and Interrupted.
 int Publish(const Console &console, const BrokerOptions &broker, const PublishOptions &options);
 
 } // namespace kavel::fleet
