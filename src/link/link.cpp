@@ -32,12 +32,11 @@ Link::Link(Options options, AgentPort &agent, BrokerPort &broker)
 void Link::BrokerConnected()
 {
     isBrokerConnected_ = true;
-    brokerProblem_.clear();
     connectedSince_ = options_.unixTime();
     for (auto &[vpnId, vpn] : vpns_) {
         vpn.isMissed = false;
     }
-    Log(LogLevel::kNotice, "the broker is connected");
+    brokerLog_.Write(options_.now(), LogLevel::kNotice, "the broker is connected");
     TellPresence();
     reports_.Connected();
 }
@@ -45,9 +44,7 @@ void Link::BrokerConnected()
 void Link::BrokerClosed(const std::string &why)
 {
     isBrokerConnected_ = false;
-    if (std::exchange(brokerProblem_, why) != why) {
-        Log(LogLevel::kWarning, "the broker: %s", why.c_str());
-    }
+    brokerLog_.Write(options_.now(), LogLevel::kWarning, "the broker: " + why);
     reports_.Closed();
     EndLeaving();
 }
@@ -130,9 +127,7 @@ void Link::AgentClosed(const std::string &why)
     isAgentConnected_ = false;
     isAgentAnswering_ = false;
     isStatusUnderWay_ = false;
-    if (std::exchange(agentProblem_, why) != why) {
-        Log(LogLevel::kWarning, "the agent: %s", why.c_str());
-    }
+    agentLog_.Write(options_.now(), LogLevel::kWarning, "the agent: " + why);
     if (auto message = std::exchange(applying_, std::nullopt)) {
         waiting_.PutBack(*std::move(message), options_.now());
     }
@@ -142,8 +137,7 @@ void Link::AgentClosed(const std::string &why)
 void Link::Answered(const Kavel__Reply &reply)
 {
     if (!std::exchange(isAgentAnswering_, true)) {
-        agentProblem_.clear();
-        Log(LogLevel::kNotice, "the agent answers");
+        agentLog_.Write(options_.now(), LogLevel::kNotice, "the agent answers");
         TellPresence();
     }
     if (auto message = std::exchange(applying_, std::nullopt)) {
@@ -223,9 +217,7 @@ void Link::TakeStatuses(const Kavel__Reply &reply)
     statusAt_ = options_.now() + kStatusInterval;
     if (reply.result < 0) {
         const std::string why = reply.text != nullptr ? reply.text : "it gives no reason";
-        if (std::exchange(agentProblem_, why) != why) {
-            Log(LogLevel::kWarning, "the agent does not say its status: %s", why.c_str());
-        }
+        agentLog_.Write(options_.now(), LogLevel::kWarning, "the agent does not say its status: " + why);
         return;
     }
     reports_.TryRefusedAgain();

@@ -17,6 +17,7 @@
 #include "ports.h"
 #include "report.h"
 #include "report_queue.h"
+#include "state_log.h"
 #include "waiting_messages.h"
 
 namespace kavel::link {
@@ -96,14 +97,14 @@ class Link {
 
     bool isBrokerConnected_ = false;
     std::int64_t connectedSince_ = 0; // Unix time
-    std::string brokerProblem_;       // logged last
+    StateLog brokerLog_;
     std::function<void()> onLeft_;
     bool isLeaving_ = false;
 
     bool isAgentConnected_ = false;
     bool isAgentAnswering_ = false; // since it is connected
     bool isFirstStatus_ = false;    // since it is connected, the next one is
-    std::string agentProblem_;      // logged last
+    StateLog agentLog_;
     Time statusAt_{};
     bool isStatusUnderWay_ = false;
     std::optional<Desired> applying_;

@@ -43,6 +43,28 @@ def properties_of(revision, platform):
     return given
 
 
+class TlsClient(mqtt.Client):
+    """Takes every end of a TLS connection for one of the connection: others end the thread of paho's own client."""
+
+    def _sock_send(self, buf):
+        with as_connection_error():
+            return super()._sock_send(buf)
+
+    def _sock_recv(self, bufsize):
+        with as_connection_error():
+            return super()._sock_recv(bufsize)
+
+
+@contextlib.contextmanager
+def as_connection_error():
+    try:
+        yield
+    except (ssl.SSLWantReadError, ssl.SSLWantWriteError):
+        raise
+    except ssl.SSLError as error:
+        raise ConnectionError(str(error)) from error
+
+
 class Controller:
     """Publishes as a controller, and keeps what boxes say. It connects again when the broker comes back."""
 
@@ -51,14 +73,16 @@ class Controller:
         self.state = {}    # the last payload of each topic
         self.heard = []    # all messages of boxes, in their order: (topic, payload, retained)
         self.acknowledged = set()
+        self.disconnections = 0
         self.changed = threading.Condition()
-        self.client = mqtt.Client(protocol=mqtt.MQTTv5)
+        self.client = TlsClient(protocol=mqtt.MQTTv5)
+        self.client.reconnect_delay_set(1, 1)
         self.client.tls_set(str(broker.authority.trusted), f"{certificate}.pem", f"{certificate}.key",
                             tls_version=ssl.PROTOCOL_TLS_CLIENT)
-        self.client.reconnect_delay_set(1, 1)
         self.client.on_connect = self._on_connect
         self.client.on_message = self._on_message
         self.client.on_publish = self._on_publish
+        self.client.on_disconnect = self._on_disconnect
         self.client.connect(broker.host, USERS)
         self.client.loop_start()
 
@@ -68,6 +92,9 @@ class Controller:
 
     def _on_connect(self, client, data, flags, code, properties):
         client.subscribe([("kavel/+/reported/+", 1), ("kavel/+/online", 1)])
+
+    def _on_disconnect(self, client, data, code, properties=None):
+        self.disconnections += 1
 
     def _on_message(self, client, data, message):
         with self.changed:
@@ -211,8 +238,11 @@ class Fleet:
 
     def start(self):
         self.broker.start()
-        self.controller = Controller(self.broker, self.user)
+        self.controller = self.new_controller()
         return self
+
+    def new_controller(self):
+        return Controller(self.broker, self.user)
 
     def link(self, box=BOX, **options):
         self.links.append(LinkProcess(self, box, **options))
