@@ -23,6 +23,12 @@ namespace {
 // What the link takes: the rest of a request to the agent needs less.
 constexpr std::size_t kMessageMax = control::kFrameMax - 4096;
 
+template <typename Conf>
+bool IsForgotten(const Conf &conf)
+{
+    return conf.enable != 0 && (conf.has_persistentflag == 0 || conf.persistentflag == 0);
+}
+
 std::optional<Outgoing> LoadOne(const std::string &file, const std::function<void(const std::string &error)> &report)
 {
     const auto encoded = ctl::EncodeJson(ctl::ReadInput(file), ctl::MessageFor::kNamedVpn, report);
@@ -33,8 +39,12 @@ std::optional<Outgoing> LoadOne(const std::string &file, const std::function<voi
         throw InputError("takes " + std::to_string(encoded->bytes.size()) + " bytes as a message, more than " +
                          std::to_string(kMessageMax));
     }
-    const std::uint32_t vpn = encoded->isForPop ? 0 : ctl::UnpackCpe({encoded->bytes, false})->vpnid;
-    return Outgoing{ctl::DisplayName(file), vpn, encoded->isForPop, encoded->bytes};
+    const std::string name = ctl::DisplayName(file);
+    if (encoded->isForPop) {
+        return Outgoing{name, 0, true, encoded->bytes, IsForgotten(*ctl::UnpackPop({encoded->bytes, true}))};
+    }
+    const ctl::CpeConf conf = ctl::UnpackCpe({encoded->bytes, false});
+    return Outgoing{name, conf->vpnid, false, encoded->bytes, IsForgotten(*conf)};
 }
 
 // Why `added` cannot be published with the others; empty: it can.

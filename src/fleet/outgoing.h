@@ -20,6 +20,7 @@ struct Outgoing {
     std::uint32_t vpn = 0;
     bool isForPop = false;
     std::vector<std::uint8_t> bytes; // packed
+    bool isForgotten = false;        // it switches the service on, and a box does not store it
 };
 
 // The messages of these files. Every error is given to `report`, of one line that begins with the file's name; the

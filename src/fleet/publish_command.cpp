@@ -232,6 +232,22 @@ int Publishing::Finish()
 
 } // namespace
 
+namespace {
+
+// The box knows afterwards that it has handled the revision, and nothing is in force.
+void WarnOfForgotten(const Console &console, const std::vector<Outgoing> &messages)
+{
+    for (const Outgoing &message : messages) {
+        if (message.isForgotten) {
+            Tell(console, message.file +
+                              ": without persistentflag a box does not store the message: after a restart of "
+                              "the box the VPN has no service until a newer revision comes");
+        }
+    }
+}
+
+} // namespace
+
 int Publish(const Console &console, const BrokerOptions &broker, const PublishOptions &options)
 {
     bool isGood = true;
@@ -248,6 +264,7 @@ int Publish(const Console &console, const BrokerOptions &broker, const PublishOp
         Tell(console, "nothing was published");
         return kBadInput;
     }
+    WarnOfForgotten(console, messages);
     Publishing publishing(console, options, std::move(messages), std::move(boxes));
     publishing.OpenJournal();
     return publishing.Run(settings);

@@ -154,7 +154,7 @@ def outcome(*words, **options):
 
 def message_file(name="vpn7.json", **changes):
     path = DIRECTORY / name
-    path.write_text(json.dumps(message(**changes)))
+    path.write_text(json.dumps(message(**{"persistentflag": True, **changes})))
     return path
 
 
@@ -189,7 +189,7 @@ def test_a_message_is_published_under_a_counted_revision(fleet):
     file = message_file()
     assert outcome("publish", "--box", "b1", "--box", "b2", file) == (
         0, ["b1: revision 1 published", "b2: revision 1 published"], [])
-    assert fleet.boxes.wait_wanted("b1", 1) == ("cpe", packed(message()))
+    assert fleet.boxes.wait_wanted("b1", 1) == ("cpe", packed(message(persistentflag=True)))
     fleet.controller.wait_report(box="b1", revision=1)
     assert outcome("publish", "--box=b1", file) == (0, ["b1: revision 2 published"], [])
     # All boxes of a command get one revision: the highest counts.
@@ -205,13 +205,22 @@ def test_a_message_is_published_under_a_counted_revision(fleet):
         1, [], ["vqfleet: b3, vpn 7: has the highest revision that there is; nothing was published"])
 
 
+def test_what_a_box_would_forget_is_told(fleet):
+    file = message_file(persistentflag=None)
+    assert outcome("publish", "--box", "b1", file) == (
+        0, ["b1: revision 1 published"],
+        [f"vqfleet: {file}: without persistentflag a box does not store the message: after a restart of the box the VPN has "
+         "no service until a newer revision comes"])
+    assert outcome("publish", "--box", "b1", message_file(enable=False, persistentflag=None))[2] == []
+
+
 def test_several_messages_and_a_pop(fleet):
     pop = DIRECTORY / "pop.json"
-    pop.write_text(json.dumps({"enable": True, "localip": "10.0.0.1", "dns": ["10.0.0.53"]}))
+    pop.write_text(json.dumps({"enable": True, "localip": "10.0.0.1", "dns": ["10.0.0.53"], "persistentflag": True}))
     assert outcome("publish", "--box", "p1", pop) == (0, ["p1: revision 1 published"], [])
     assert fleet.boxes.wait_wanted("p1", 1, vpn=0)[0] == "pop"
     assert outcome("publish", "--box", "b1", message_file(), message_file("vpn8.json", vpn=8))[0] == 0
-    assert fleet.boxes.wait_wanted("b1", 1, vpn=8)[1] == packed(message(8))
+    assert fleet.boxes.wait_wanted("b1", 1, vpn=8)[1] == packed(message(8, persistentflag=True))
     assert fleet.boxes.wait_wanted("b1", 1, vpn=7)[1] == packed(message(7))
 
 

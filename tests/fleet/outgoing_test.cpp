@@ -45,6 +45,18 @@ TEST_F(OutgoingTest, AMessageIsForTheVpnThatItNames)
     EXPECT_FALSE(messages[1].bytes.empty());
 }
 
+TEST_F(OutgoingTest, ABoxForgetsWhatIsNotPersistent)
+{
+    const auto isForgotten = [this](const std::string &json) {
+        return Load({scratch_.Write("one.json", json)}).at(0).isForgotten;
+    };
+    EXPECT_TRUE(isForgotten(kCpe));
+    EXPECT_TRUE(isForgotten(kPop));
+    EXPECT_TRUE(isForgotten(R"({"enable": true, "operation": "reload", "vpnid": 7, "persistentflag": false})"));
+    EXPECT_FALSE(isForgotten(R"({"enable": true, "operation": "reload", "vpnid": 7, "persistentflag": true})"));
+    EXPECT_FALSE(isForgotten(R"({"enable": false, "operation": "reload", "vpnid": 7})"));
+}
+
 TEST_F(OutgoingTest, WhatIsPublished)
 {
     const broker::Message message = MessageFor("branch-1", Load({cpe_}).at(0), 18);
