@@ -221,7 +221,7 @@ def test_several_messages_and_a_pop(fleet):
     assert fleet.boxes.wait_wanted("p1", 1, vpn=0)[0] == "pop"
     assert outcome("publish", "--box", "b1", message_file(), message_file("vpn8.json", vpn=8))[0] == 0
     assert fleet.boxes.wait_wanted("b1", 1, vpn=8)[1] == packed(message(8, persistentflag=True))
-    assert fleet.boxes.wait_wanted("b1", 1, vpn=7)[1] == packed(message(7))
+    assert fleet.boxes.wait_wanted("b1", 1, vpn=7)[1] == packed(message(7, persistentflag=True))
 
 
 def test_everything_is_checked_before_anything_is_sent(fleet):
