@@ -31,10 +31,11 @@ std::string BadNameText(std::string_view name)
 
 class ErrorList {
   public:
-    void Add(const std::string &error)
+    void Add(std::size_t line, const std::string &error)
     {
         if (++count_ <= kErrorsMax) {
-            text_ += (text_.empty() ? "" : "; ") + error;
+            text_ += text_.empty() ? "line " : "; line ";
+            text_.append(std::to_string(line)).append(": ").append(error);
         }
     }
     void ThrowIfAny() const
@@ -77,14 +78,13 @@ std::vector<std::string> ParseBoxList(std::string_view text)
         const std::size_t end = text.find('\n');
         const std::string name(WithoutBlanks(text.substr(0, end)));
         text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-        const std::string where = "line " + std::to_string(number) + ": ";
         if (name.empty()) {
             continue;
         }
         if (!broker::IsBoxName(name)) {
-            errors.Add(where + BadNameText(name));
+            errors.Add(number, BadNameText(name));
         } else if (const auto [first, isNew] = lines.emplace(name, number); !isNew) {
-            errors.Add(where + "\"" + name + "\" is in line " + std::to_string(first->second) + ", too");
+            errors.Add(number, "\"" + name + "\" is in line " + std::to_string(first->second) + ", too");
         } else {
             boxes.push_back(name);
         }

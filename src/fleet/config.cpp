@@ -1,6 +1,7 @@
 #include "config.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <limits>
@@ -8,6 +9,8 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <string_view>
+#include <system_error>
+#include <utility>
 
 #include "files.h"
 #include "json_reader.h"
@@ -128,7 +131,7 @@ std::string CommonNameOf(const std::string &file)
     std::array<char, kNameMax + 1> name{};
     const int length = X509_NAME_get_text_by_NID(X509_get_subject_name(certificate.get()), NID_commonName, name.data(),
                                                  static_cast<int>(name.size()));
-    const std::string text(name.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    std::string text(name.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
     if (!IsClientName(text)) {
         throw ctl::FileError(file, "its common name, \"" + text + "\", cannot be a level of a topic; give --name");
     }

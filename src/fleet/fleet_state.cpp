@@ -85,7 +85,7 @@ void TakeVpn(BoxState &box, const broker::Topic &topic, const broker::Message &m
     }
 }
 
-std::string WithReason(std::string text, const std::string &reason)
+std::string WithReason(const std::string &text, const std::string &reason)
 {
     return reason.empty() ? text : text + ": " + reason;
 }

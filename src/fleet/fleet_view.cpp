@@ -1,5 +1,6 @@
 #include "fleet_view.h"
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -15,7 +16,7 @@ using broker::TopicKind;
 // With more boxes, all are subscribed to at once.
 constexpr std::size_t kSingleBoxesMax = 64;
 
-constexpr TopicKind kKinds[] = {TopicKind::kDesired, TopicKind::kReported, TopicKind::kOnline};
+constexpr std::array kKinds = {TopicKind::kDesired, TopicKind::kReported, TopicKind::kOnline};
 
 std::vector<std::string> FiltersFor(const std::vector<std::string> &boxes)
 {

@@ -80,8 +80,8 @@ std::optional<JournalContent> ParseJournal(std::string_view text)
     return content;
 }
 
-Journal::Journal(std::string file, const JournalSubject &subject, std::optional<broker::Revision> revision)
-    : file_(std::move(file)), subject_(subject),
+Journal::Journal(std::string file, JournalSubject subject, std::optional<broker::Revision> revision)
+    : file_(std::move(file)), subject_(std::move(subject)),
       fd_(::open(file_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, kJournalMode))
 {
     if (!fd_) {

@@ -41,7 +41,7 @@ class Journal {
   public:
     // Opens the file, or creates it, and locks it. Refused: a file that another command uses, that is no journal, or
     // that belongs to other messages, another list or another revision than `revision`, if that is given.
-    Journal(std::string file, const JournalSubject &subject, std::optional<broker::Revision> revision);
+    Journal(std::string file, JournalSubject subject, std::optional<broker::Revision> revision);
     Journal(const Journal &) = delete;
     Journal &operator=(const Journal &) = delete;
     // Removes the file if it says nothing.

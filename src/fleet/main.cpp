@@ -162,7 +162,7 @@ void AddPublishCommand(CLI::App &app, Arguments &arguments)
     AddBoxes(*publish, arguments);
     AddValue(*publish, "--revision", "N", "The revision; default: one above the highest of these boxes",
              [&options](const std::string &text) { options.revision = RevisionFrom(text); });
-    AddValue(*publish, "--rate", "N", "At most so many messages per second, \"50\" or \"50/s\"; default: no limit",
+    AddValue(*publish, "--rate", "N", R"(At most so many messages per second, "50" or "50/s"; default: no limit)",
              [&options](const std::string &text) { options.perSecond = RateFrom(text); });
     AddValue(*publish, "--journal", "FILE",
              "Where is noted which boxes are done, for a repetition after an interruption; default: LIST.journal",
@@ -311,7 +311,7 @@ int Main(std::span<char *const> words)
     } catch (const CLI::Success &request) { // --help, --version
         return app.exit(request);
     } catch (const CLI::ParseError &error) {
-        arguments.command = [&]() -> int { throw kavel::InputError(UsageText(app, error)); };
+        return Run(arguments.console, [&]() -> int { throw kavel::InputError(UsageText(app, error)); });
     }
     return Run(arguments.console, arguments.command);
 }

@@ -230,10 +230,6 @@ int Publishing::Finish()
     return kDone;
 }
 
-} // namespace
-
-namespace {
-
 // The box knows afterwards that it has handled the revision, and nothing is in force.
 void WarnOfForgotten(const Console &console, const std::vector<Outgoing> &messages)
 {
