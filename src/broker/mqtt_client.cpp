@@ -23,11 +23,15 @@ constexpr int kReasonOfRefusal = 128; // the first reason code that stands for a
 // Of a message that arrives; more are passed over.
 constexpr std::size_t kPropertiesMax = 32;
 
+constexpr const char *kClosed = "the connection was closed";
+// OpenSSL's words for it.
+constexpr std::string_view kEndOfTls = "unexpected eof while reading";
+
 // Once in a process. OpenSSL writes to a socket without MSG_NOSIGNAL.
 void InitLibrary()
 {
-    static const bool isReady = mosquitto_lib_init() == MOSQ_ERR_SUCCESS && std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
-    if (!isReady) {
+    static const bool kIsReady = mosquitto_lib_init() == MOSQ_ERR_SUCCESS && std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
+    if (!kIsReady) {
         throw SessionError("the MQTT library cannot be initialized");
     }
 }
@@ -209,11 +213,7 @@ void MqttClient::Connect(bool onlyIpv4)
     if (code != MOSQ_ERR_SUCCESS) {
         code = BeginConnect(nullptr);
     }
-    const int error = errno;
-    if (code == MOSQ_ERR_ERRNO && (!tls_ || tlsProblem_.empty())) {
-        SetProblem("cannot connect: " + std::generic_category().message(error));
-    }
-    Examine(code, error);
+    Examine(code, errno);
 }
 
 void MqttClient::Read()
@@ -290,9 +290,16 @@ void MqttClient::Examine(int code, int error)
     if (code == MOSQ_ERR_NOMEM) {
         throw std::bad_alloc();
     }
-    if (code != MOSQ_ERR_SUCCESS || Socket() < 0) {
+    // libmosquitto does not notice that the socket fails during the handshake.
+    const bool hasSocketFailed = tls_ && tls_->SocketError() != 0;
+    if (code != MOSQ_ERR_SUCCESS || Socket() < 0 || hasSocketFailed) {
         SetProblem(ProblemOf(code != MOSQ_ERR_SUCCESS ? code : disconnectCode_, error));
     }
+}
+
+std::string MqttClient::SystemProblem(int error) const
+{
+    return (isAccepted_ ? "" : "cannot connect: ") + std::generic_category().message(error);
 }
 
 std::string MqttClient::ProblemOf(int code, int error) const
@@ -301,17 +308,20 @@ std::string MqttClient::ProblemOf(int code, int error) const
         return "the certificate of the broker is not accepted: " + tls_->CertificateProblem();
     }
     if (!tlsProblem_.empty()) {
-        return "TLS: " + tlsProblem_;
+        return tlsProblem_ == kEndOfTls ? kClosed : "TLS: " + tlsProblem_;
+    }
+    if (tls_ && tls_->SocketError() != 0) {
+        return SystemProblem(tls_->SocketError());
     }
     switch (code) {
     case MOSQ_ERR_ERRNO:
-        return std::generic_category().message(error);
+        return SystemProblem(error);
     case MOSQ_ERR_EAI:
         return "cannot resolve " + options_.endpoint.host + ": " + gai_strerror(error);
     case MOSQ_ERR_SUCCESS:
     case MOSQ_ERR_NO_CONN:
     case MOSQ_ERR_CONN_LOST:
-        return "the connection was closed";
+        return kClosed;
     case MOSQ_ERR_KEEPALIVE:
         return "the broker does not answer";
     default:
@@ -342,6 +352,7 @@ void MqttClient::OnConnect(mosquitto * /*client*/, void *self, int code, int /*f
             client.SetProblem("the broker refuses the connection: " + ReasonText(code, properties));
             return;
         }
+        client.isAccepted_ = true;
         client.handler_.OnAccepted();
     });
 }

@@ -23,15 +23,17 @@ class MqttClient {
     // client must not be destroyed in a function.
     class Handler {
       public:
+        Handler() = default;
+        Handler(const Handler &) = delete;
+        Handler &operator=(const Handler &) = delete;
+        virtual ~Handler() = default;
+
         virtual void OnAccepted() = 0;
         // `codes`: of each filter of the request, the reason code of the broker.
         virtual void OnSubscribed(int request, std::span<const int> codes) = 0;
         // `problem`: refused, one line, or else empty.
         virtual void OnPublished(int request, const std::string &problem) = 0;
         virtual void OnMessage(Message message) = 0;
-
-      protected:
-        ~Handler() = default;
     };
 
     // What became of a request to publish. Neither: the connection has failed.
@@ -94,12 +96,14 @@ class MqttClient {
     // call that returned `code`.
     void Examine(int code, int error);
     [[nodiscard]] std::string ProblemOf(int code, int error) const;
+    [[nodiscard]] std::string SystemProblem(int error) const;
 
     const Session::Options &options_;
     Handler &handler_;
     std::unique_ptr<TlsContext> tls_; // null: without
     std::string tlsProblem_;          // the first error of OpenSSL that libmosquitto has logged
     std::optional<std::string> problem_;
+    bool isAccepted_ = false;               // by the broker
     int disconnectCode_ = MOSQ_ERR_SUCCESS; // what libmosquitto said about the end of the connection
     std::exception_ptr thrown_;
     std::unique_ptr<mosquitto, Destroy> client_;

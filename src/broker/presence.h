@@ -13,9 +13,9 @@ namespace kavel::broker {
 
 struct Presence {
     bool online = false;
-    std::optional<bool> agent;        // the link reaches the agent; absent: not online
-    std::string version;              // of the link; empty: not known
-    std::optional<std::int64_t> time; // Unix time in seconds of the connection
+    std::optional<bool> agent{};        // the link reaches the agent; absent: not online
+    std::string version{};              // of the link; empty: not known
+    std::optional<std::int64_t> time{}; // Unix time in seconds of the connection
     bool operator==(const Presence &) const = default;
 };
 

@@ -28,15 +28,15 @@ enum class Result {
 struct Report {
     // The newest revision that the agent has handled, what it answered, and when: Unix time in seconds. Absent
     // together: it has handled none.
-    std::optional<Revision> revision;
-    std::optional<Result> result;
-    std::string reason; // one line; may be empty
-    std::optional<std::int64_t> time;
-    std::optional<Revision> inForce; // absent: nothing is in force, or a message without a number as its revision
-    std::optional<bool> enabled;     // the message in force wants an instance to run; absent: not known
-    std::optional<bool> running;     // an instance runs; absent: not known
+    std::optional<Revision> revision{};
+    std::optional<Result> result{};
+    std::string reason{}; // one line; may be empty
+    std::optional<std::int64_t> time{};
+    std::optional<Revision> inForce{}; // absent: nothing is in force, or a message without a number as its revision
+    std::optional<bool> enabled{};     // the message in force wants an instance to run; absent: not known
+    std::optional<bool> running{};     // an instance runs; absent: not known
     // The last message for the VPN that was not given to the agent, and why; one line. Empty: there was none.
-    std::string problem;
+    std::string problem{};
     bool operator==(const Report &) const = default;
 };
 

@@ -47,7 +47,7 @@ class Session::Connection final : public std::enable_shared_from_this<Connection
     Connection(EventLoop &loop, Options options, Events events);
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
-    ~Connection() = default;
+    ~Connection() override = default;
 
     void Start();
     void Stop(std::function<void()> onDone);
@@ -182,10 +182,6 @@ void Session::Connection::OnSocket(std::uint32_t events)
         if ((events & EPOLLOUT) != 0 && !client_->HasFailed()) {
             client_->Write();
         }
-        // OpenSSL has written to the socket before, and may have taken the error from it.
-        if (!isTcpConnected_ && !client_->HasFailed()) {
-            client_->SetProblem("cannot connect: " + std::generic_category().message(ECONNREFUSED));
-        }
     }
     Proceed();
 }
@@ -196,7 +192,7 @@ bool Session::Connection::ExamineTcp()
         client_->SetProblem("cannot connect: " + std::generic_category().message(error));
         return false;
     }
-    isTcpConnected_ = HasPeer(socket_.Get());
+    isTcpConnected_ = true;
     return true;
 }
 

@@ -25,9 +25,9 @@ namespace kavel::broker {
 struct Endpoint {
     std::string host; // a name or an address; the broker's certificate must be for it
     std::uint16_t port = 8883;
-    std::string ca;          // that the broker's certificate must come from; empty: no TLS, for tests alone
-    std::string certificate; // of this client; empty: it has none
-    std::string key;         // of the certificate, without a pass phrase; readable by the client alone
+    std::string ca{};          // that the broker's certificate must come from; empty: no TLS, for tests alone
+    std::string certificate{}; // of this client; empty: it has none
+    std::string key{};         // of the certificate, without a pass phrase; readable by the client alone
 };
 
 // A message to publish, or one that has arrived.
@@ -53,8 +53,8 @@ class Session {
     struct Options {
         Endpoint endpoint;
         std::string clientId;
-        std::vector<std::string> filters; // subscribed to after each connection
-        std::optional<Message> will;      // retained, QoS 1
+        std::vector<std::string> filters{}; // subscribed to after each connection
+        std::optional<Message> will{};      // retained, QoS 1
         std::uint16_t keepAliveSeconds = 30;
         std::uint16_t receiveMaximum = 8;            // messages that the broker may send before they are acknowledged
         std::uint32_t packetMax = 32U * 1024 * 1024; // bytes; the broker does not send a larger one

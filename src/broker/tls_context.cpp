@@ -44,24 +44,6 @@ int NoPassphrase(char * /*buffer*/, int /*size*/, int /*isForWriting*/, void * /
     return -1;
 }
 
-// A broker that refuses the certificate says why, and closes the connection: the client may be writing then. The write
-// counts as one that would block, so that the client reads what the broker has said, and then the end.
-long OnBioDone(BIO *bio, int operation, const char * /*data*/, std::size_t /*size*/, int /*number*/, long /*argument*/,
-               int result, std::size_t * /*processed*/)
-{
-    if (operation == (BIO_CB_WRITE | BIO_CB_RETURN) && result <= 0 && (errno == ECONNRESET || errno == EPIPE)) {
-        BIO_set_retry_write(bio);
-    }
-    return result;
-}
-
-void OnState(const SSL *connection, int state, int /*value*/)
-{
-    if ((state & SSL_CB_HANDSHAKE_START) != 0) {
-        BIO_set_callback_ex(SSL_get_rbio(connection), OnBioDone);
-    }
-}
-
 } // namespace
 
 TlsContext::TlsContext(const Endpoint &endpoint) : context_(SSL_CTX_new(TLS_client_method()))
@@ -119,6 +101,35 @@ int TlsContext::OnVerified(int isAccepted, X509_STORE_CTX *store)
         self->certificateProblem_ = X509_verify_cert_error_string(X509_STORE_CTX_get_error(store));
     }
     return isAccepted;
+}
+
+void TlsContext::OnState(const SSL *connection, int state, int /*value*/)
+{
+    if ((state & SSL_CB_HANDSHAKE_START) != 0) {
+        BIO *const socket = SSL_get_rbio(connection);
+        BIO_set_callback_arg(socket, static_cast<char *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection))));
+        BIO_set_callback_ex(socket, OnSocketDone);
+    }
+}
+
+// A broker that refuses the certificate says why, and closes the connection: the client may be writing then. The write
+// counts as one that would block, so that the client reads what the broker has said, and then the end.
+long TlsContext::OnSocketDone(BIO *socket, int operation, const char * /*data*/, std::size_t /*size*/, int /*number*/,
+                              long /*argument*/, int result, std::size_t * /*processed*/)
+{
+    const int error = errno;
+    const int call = operation & ~BIO_CB_RETURN;
+    if (call == operation || (call != BIO_CB_READ && call != BIO_CB_WRITE) || result >= 0 ||
+        BIO_should_retry(socket) != 0) {
+        return result;
+    }
+    const bool isClosed = error == ECONNRESET || error == EPIPE;
+    if (call == BIO_CB_WRITE && isClosed && BIO_number_read(socket) > 0) {
+        BIO_set_retry_write(socket);
+        return result;
+    }
+    reinterpret_cast<TlsContext *>(BIO_get_callback_arg(socket))->socketError_ = error;
+    return result;
 }
 
 } // namespace kavel::broker

@@ -66,7 +66,7 @@ TEST_F(SessionMessageTest, CarriesAnEmptyPayload)
 
 TEST_F(SessionMessageTest, CarriesALargePayload)
 {
-    std::string large(2 * 1024 * 1024, '\0');
+    std::string large(2UL * 1024 * 1024, '\0');
     for (std::size_t i = 0; i < large.size(); ++i) {
         large[i] = static_cast<char>(i * i / 7);
     }

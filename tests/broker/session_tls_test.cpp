@@ -1,4 +1,5 @@
 // Who is trusted: the certificates of the broker and of the client.
+#include "scripted_broker.h"
 #include "test_broker.h"
 #include "test_session.h"
 
@@ -125,6 +126,16 @@ TEST_F(SessionTlsTest, ConnectsAgainAfterTheBrokerRestarted)
     ASSERT_TRUE(WaitFor(loop, [&] { return box.connections == 2; }));
 }
 
+TEST_F(SessionTlsTest, TellsThatTheConnectionWasLost)
+{
+    StartBroker();
+    TestSession box(loop, Options());
+    ASSERT_TRUE(box.Connect());
+    broker->Kill();
+    ASSERT_TRUE(WaitFor(loop, [&] { return box.closed.size() == 2; }));
+    EXPECT_THAT(box.closed, ElementsAre("the connection was closed", "cannot connect: Connection refused"));
+}
+
 TEST_F(SessionTlsTest, ARenewedCertificateCountsForTheNextConnection)
 {
     StartBroker();
@@ -195,6 +206,20 @@ TEST_F(SessionTlsTest, TellsThatTheBrokerHasNoTls)
 {
     broker = std::make_unique<TestBroker>();
     EXPECT_NE(Failure(Options()), "");
+}
+
+TEST_F(SessionTlsTest, TellsThatTheHandshakeFails)
+{
+    broker = std::make_unique<TestBroker>();
+    ScriptedBroker scripted(loop);
+    Session::Options options = Options();
+    options.endpoint.port = scripted.Port();
+    // The first byte of a handshake is taken for a CONNECT.
+    scripted.onConnect = [&](std::string_view) { scripted.Close(); };
+    EXPECT_THAT(Failure(options),
+                testing::AnyOf("the connection was closed", "cannot connect: Connection reset by peer"));
+    scripted.onConnect = [&](std::string_view) { scripted.Send("HTTP/1.1 400 Bad Request\r\n\r\n"); };
+    EXPECT_EQ(Failure(options), "TLS: wrong version number");
 }
 
 TEST_F(SessionTlsTest, NamesTheFileThatCannotBeUsed)

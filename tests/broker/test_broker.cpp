@@ -101,7 +101,7 @@ TestDirectory::~TestDirectory()
 
 std::string TestDirectory::Write(const std::string &name, const std::string &content) const
 {
-    const std::string path = File(name);
+    std::string path = File(name);
     std::ofstream(path, std::ios::binary) << content;
     return path;
 }
