@@ -141,7 +141,8 @@ bool TestBroker::Start()
     const std::string path =
         directory_.Write("mosquitto.conf", "user root\npersistence false\nlistener " + std::to_string(port_) +
                                                " 127.0.0.1\n" + configuration_);
-    pid_ = Spawn({kMosquitto, "-c", path});
+    // A test that is killed leaves no broker behind.
+    pid_ = Spawn({"setpriv", "--pdeathsig", "KILL", kMosquitto, "-c", path});
     const auto deadline = std::chrono::steady_clock::now() + kStartMax;
     while (std::chrono::steady_clock::now() < deadline) {
         int status = 0;
