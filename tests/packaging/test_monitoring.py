@@ -1,4 +1,4 @@
-"""The files for Prometheus fit the metrics of the agent: alert rules, their tests, and the console."""
+"""The files for Prometheus fit the metrics of the agent and of the fleet: alert rules, their tests, and the console."""
 
 import re
 import subprocess
@@ -17,9 +17,13 @@ def promtool(*words):
     return done.stdout + done.stderr
 
 
+SOURCES = ("src/agent/socket/metrics_document.cpp", "src/fleet/fleet_metrics_command.cpp")
+ALERTS = {"vqagent": 10, "vqfleet": 5}
+
+
 def metric_names():
-    """The names of the samples that the agent writes."""
-    source = (ROOT / "src/agent/socket/metrics_document.cpp").read_text()
+    """The names of the samples that the programs write."""
+    source = "".join((ROOT / path).read_text() for path in SOURCES)
     declared = re.findall(r'(?:Begin\(|\{)"(\w+)",\s*"(counter|gauge|histogram)"', source)
     names = {f"kavel_{name}{suffix}" for name, kind in declared
              for suffix in (("_bucket", "_sum", "_count") if kind == "histogram" else ("",))}
@@ -27,18 +31,21 @@ def metric_names():
     return names
 
 
-def test_the_rules_are_valid():
-    assert "SUCCESS" in promtool("check", "rules", "vqagent.rules.yml")
+@pytest.mark.parametrize("program", ALERTS)
+def test_the_rules_are_valid(program):
+    assert "SUCCESS" in promtool("check", "rules", f"{program}.rules.yml")
 
 
-def test_the_alerts_fire_when_they_have_to():
-    assert "SUCCESS" in promtool("test", "rules", "vqagent.rules.test.yml")
+@pytest.mark.parametrize("program", ALERTS)
+def test_the_alerts_fire_when_they_have_to(program):
+    assert "SUCCESS" in promtool("test", "rules", f"{program}.rules.test.yml")
 
 
-def test_each_alert_is_tested():
-    alerts = re.findall(r"- alert: (\w+)", (MONITORING / "vqagent.rules.yml").read_text())
-    tests = (MONITORING / "vqagent.rules.test.yml").read_text()
-    assert len(alerts) == 10
+@pytest.mark.parametrize("program", ALERTS)
+def test_each_alert_is_tested(program):
+    alerts = re.findall(r"- alert: (\w+)", (MONITORING / f"{program}.rules.yml").read_text())
+    tests = (MONITORING / f"{program}.rules.test.yml").read_text()
+    assert len(alerts) == ALERTS[program]
     for alert in alerts:
         fires = rf"alertname: {alert}\n +exp_alerts:\n"
         assert re.search(fires, tests), f"no test in which {alert} fires"
