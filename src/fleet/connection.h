@@ -28,7 +28,8 @@ struct Patience {
 
 // A broker does not say when it has sent all retained messages of a subscription. So the client publishes a message,
 // the mark, to a topic to which it is subscribed, after its subscriptions: when the mark comes back, everything before
-// it has arrived. The topic is kavel-fleet/NAME/mark. A broker whose queue for this client is too short drops the mark,
+// it has arrived. The topic is kavel-fleet/NAME/mark; the last mark stays there,
+// as all that a session publishes does. A broker whose queue for this client is too short drops the mark,
 // too; a second mark that comes back without the first shows that.
 class Connection {
   public:
