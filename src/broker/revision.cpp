@@ -1,16 +1,12 @@
 #include "revision.h"
 
-#include "number.h"
+#include "numeric_revision.h"
 
 namespace kavel::broker {
 
 std::optional<Revision> ParseRevision(std::string_view text)
 {
-    if (text.starts_with('0')) {
-        return std::nullopt;
-    }
-    const std::optional<Revision> revision = WholeNumber<Revision>(text);
-    return revision && *revision <= kRevisionMax ? revision : std::nullopt;
+    return NumericRevision(text);
 }
 
 } // namespace kavel::broker

@@ -7,6 +7,8 @@
 #include <optional>
 #include <string_view>
 
+#include "numeric_revision.h"
+
 namespace kavel::broker {
 
 inline constexpr const char *kRevisionProperty = "revision";
@@ -14,7 +16,7 @@ inline constexpr const char *kRevisionProperty = "revision";
 inline constexpr const char *kPlatformProperty = "platform";
 
 using Revision = std::uint64_t;
-inline constexpr Revision kRevisionMax = INT64_MAX;
+inline constexpr Revision kRevisionMax = kNumericRevisionMax;
 
 // Nothing for everything else.
 [[nodiscard]] std::optional<Revision> ParseRevision(std::string_view text);

@@ -55,14 +55,14 @@ class FakeBroker : public BrokerPort {
 // The parts of a status that the link reads.
 struct FakeStatus {
     std::uint32_t vpn = 7;
-    std::string revision; // in force
+    std::string revision{}; // in force
     bool isMeant = true;
     bool isRunning = true;
     bool isStarting = false;
-    std::string lastRevision; // of the last numbered message; empty: there was none
+    std::string lastRevision{}; // of the last numbered message; empty: there was none
     std::int32_t lastResult = 0;
     std::string lastOutcome = "applied";
-    std::string problem;
+    std::string problem{};
     std::string netns = "vpn_7";
 };
 
