@@ -40,7 +40,8 @@ std::string HostName(In value)
 {
     constexpr std::string_view kExpected = "a host name or an address";
     const std::string_view name = value.String(kExpected);
-    if (name.empty() || name.size() > kHostMax || name.find_first_of(std::string_view("\0 /\t\r\n", 6)) != name.npos) {
+    constexpr std::string_view kNowhere("\0 /\t\r\n", 6);
+    if (name.empty() || name.size() > kHostMax || name.find_first_of(kNowhere) != std::string_view::npos) {
         value.RefuseKind(kExpected);
     }
     return std::string(name);

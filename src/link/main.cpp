@@ -1,5 +1,6 @@
 // vqlink: brings the messages of a broker to the agent of this box, and says at the broker what became of them.
 #include <getopt.h>
+#include <malloc.h>
 #include <systemd/sd-daemon.h>
 
 #include <array>
@@ -27,6 +28,7 @@ namespace {
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
+constexpr int kLargeObject = 128 * 1024; // bytes
 
 constexpr const char *kHelp = "Connects the agent of this box with a message broker.\n"
                               "\n"
@@ -172,6 +174,8 @@ int main(int argc, char **argv)
         if (options.printOnly != nullptr) {
             return std::fputs(options.printOnly, stdout) == EOF ? kExitFailure : EXIT_SUCCESS;
         }
+        // Set once, it stays: a large message goes back to the system, and does not raise it.
+        ::mallopt(M_MMAP_THRESHOLD, kLargeObject);
         SetUpSignals();
         Program(options).Run();
         return EXIT_SUCCESS;

@@ -249,9 +249,8 @@ class Fleet:
         return self.links[-1]
 
     def clean_up(self):
-        for link in self.links:
-            if link.is_running():
-                link.kill()
+        running = [link for link in self.links if link.is_running()]
+        stopped = {link.box: link.stop() for link in running}
         if self.controller is not None:
             self.controller.close()
         if self.broker.process is not None and self.broker.process.poll() is None:
@@ -259,3 +258,4 @@ class Fleet:
         shutil.rmtree(DIRECTORY)
         for kept in pathlib.Path("/var/lib/mosquitto").iterdir():
             kept.unlink()
+        assert set(stopped.values()) <= {0}, [link.log() for link in self.links]

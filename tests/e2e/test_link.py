@@ -7,7 +7,7 @@ import pytest
 from paho.mqtt.packettypes import PacketTypes
 from paho.mqtt.properties import Properties
 
-from box import BUILD, STORE, ask, end, expect, instance_pid, message, run, vpn_config
+from box import BUILD, ROOT, STORE, ask, end, expect, instance_pid, message, run, vpn_config
 from fleet_broker import SAVED, Authority
 from fleet_world import BOX, DIRECTORY, Fleet, for_link, packed
 from waiting import wait_until
@@ -160,6 +160,26 @@ def test_what_an_operator_applies_is_reported(fleet, link, box):
     fleet.controller.wait_report(revision=1, inForce=None, enabled=False, running=False)
     fleet.controller.publish(serving("192.168.7.12"), 2)
     fleet.controller.wait_report(revision=2, inForce=2)
+
+
+def test_a_message_for_a_pop_is_applied_and_reported(fleet, box):
+    run(ROOT / "scripts/lab", "pop")
+    configure(box, platform="pop", vpns=[], c2p=["c2p*"])
+    box.start()
+    fleet.link().start()
+    fleet.controller.put(f"{DESIRED}/0", packed({"enable": True, "dns": ["10.9.0.53"], "localip": "10.88.0.1"}), 1, "pop")
+    fleet.controller.wait_report(0, revision=1, result="applied", inForce=1, enabled=True, running=True)
+
+    def answer():
+        return run("ip", "netns", "exec", "branch", "dig", "+short", "+time=1", "+tries=1", "@192.0.2.53",
+                   "www.example.net", check=False).stdout.split()
+
+    wait_until(lambda: answer() == ["198.51.100.10"], "an answer through the POP")
+    fleet.controller.put(f"{DESIRED}/0", packed(serving("192.168.7.66")), 2, "cpe")
+    report = fleet.controller.wait_report(0, revision=2, result="refused", inForce=1)
+    assert report["reason"] == "pop: the message is for a CPE, and the box is a POP"
+    assert answer() == ["198.51.100.10"]
+    run("nft", "flush", "ruleset")
 
 
 # ---- garbage ----
