@@ -156,9 +156,9 @@ def brokers(figures):
     rows += [
         (f"brokers: connections of all boxes of one in {BROKER_BACK} s, at most {size(BROKER_MEMORY)}", "",
          f"{count} with {share:,} boxes each"),
-        ("a change to all boxes, all brokers at once, at full speed", "", seconds(share * change)),
-        ("connections after a restart of one broker", "", seconds(share * connection)),
-        ("one save of its file", f"{seconds(each('what is retained saved once'))} with {measured:,} boxes",
+        ("processor time of each for a change to all its boxes", "", seconds(share * change)),
+        ("processor time of one for all its connections after a restart", "", seconds(share * connection)),
+        ("time of one save of its file", f"{seconds(each('what is retained saved once'))} with {measured:,} boxes",
          f"{seconds(each('what is retained saved once') * share / measured)} if it grows with the file"),
         ("vqlink on the box, private memory", size(figures.value("vqlink: private memory, idle")), ""),
     ]
