@@ -134,6 +134,17 @@ bool AreText(const std::map<std::string, std::string> &properties)
     return std::ranges::all_of(properties, [&](const auto &each) { return isText(each.first) && isText(each.second); });
 }
 
+// As libmosquitto wants them, which only reads them.
+std::vector<char *> TextsOf(const std::vector<std::string> &filters)
+{
+    std::vector<char *> texts;
+    texts.reserve(filters.size());
+    for (const std::string &filter : filters) {
+        texts.push_back(const_cast<char *>(filter.c_str())); // NOLINT(cppcoreguidelines-pro-type-const-cast): see above
+    }
+    return texts;
+}
+
 int PayloadLength(const Message &message)
 {
     return message.payload.size() <= INT_MAX ? static_cast<int>(message.payload.size()) : INT_MAX;
@@ -236,19 +247,17 @@ void MqttClient::Tend()
 
 void MqttClient::Subscribe(const std::vector<std::string> &filters, int &request)
 {
-    std::vector<char *> texts;
-    texts.reserve(filters.size());
-    for (const std::string &filter : filters) {
-        texts.push_back(const_cast<char *>(filter.c_str())); // NOLINT(cppcoreguidelines-pro-type-const-cast): only read
-    }
+    const std::vector<char *> texts = TextsOf(filters);
     const int code = mosquitto_subscribe_multiple(client_.get(), &request, static_cast<int>(texts.size()), texts.data(),
                                                   kQos, 0, nullptr);
     Examine(code, errno);
 }
 
-void MqttClient::Unsubscribe(const std::string &filter)
+void MqttClient::Unsubscribe(const std::vector<std::string> &filters)
 {
-    const int code = mosquitto_unsubscribe(client_.get(), nullptr, filter.c_str());
+    const std::vector<char *> texts = TextsOf(filters);
+    const int code =
+        mosquitto_unsubscribe_multiple(client_.get(), nullptr, static_cast<int>(texts.size()), texts.data(), nullptr);
     Examine(code, errno);
 }
 

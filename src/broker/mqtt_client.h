@@ -60,7 +60,7 @@ class MqttClient {
     void Tend();
 
     void Subscribe(const std::vector<std::string> &filters, int &request);
-    void Unsubscribe(const std::string &filter);
+    void Unsubscribe(const std::vector<std::string> &filters);
     [[nodiscard]] Submitted Publish(const Message &message);
     // Says goodbye: the connection ends when that is written.
     void Disconnect();

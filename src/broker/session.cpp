@@ -56,7 +56,7 @@ class Session::Connection final : public std::enable_shared_from_this<Connection
     [[nodiscard]] bool IsConnected() const { return phase_ == Phase::kConnected; }
     [[nodiscard]] std::optional<std::uint64_t> Publish(const Message &message);
     void Subscribe(const std::vector<std::string> &filters);
-    void Unsubscribe(const std::string &filter);
+    void Unsubscribe(const std::vector<std::string> &filters);
 
   private:
     enum class Phase {
@@ -413,9 +413,9 @@ void Session::Connection::Subscribe(const std::vector<std::string> &filters)
     ProceedLater();
 }
 
-void Session::Connection::Unsubscribe(const std::string &filter)
+void Session::Connection::Unsubscribe(const std::vector<std::string> &filters)
 {
-    client_->Unsubscribe(filter);
+    client_->Unsubscribe(filters);
     ProceedLater();
 }
 
@@ -449,17 +449,17 @@ std::optional<std::uint64_t> Session::Publish(const Message &message)
     return connection_->Publish(message);
 }
 
-void Session::Subscribe(const std::string &filter)
+void Session::Subscribe(const std::vector<std::string> &filters)
 {
     if (IsConnected()) {
-        connection_->Subscribe({filter});
+        connection_->Subscribe(filters);
     }
 }
 
-void Session::Unsubscribe(const std::string &filter)
+void Session::Unsubscribe(const std::vector<std::string> &filters)
 {
     if (IsConnected()) {
-        connection_->Unsubscribe(filter);
+        connection_->Unsubscribe(filters);
     }
 }
 

@@ -95,9 +95,10 @@ class Session {
     // The publisher must say it again.
     [[nodiscard]] std::optional<std::uint64_t> Publish(const Message &message);
 
-    // Subscribes during this connection, besides the filters of the options.
-    void Subscribe(const std::string &filter);
-    void Unsubscribe(const std::string &filter);
+    // Subscribe during this connection, besides the filters of the options, in one request. A broker may save its file
+    // after each request. There is at least one filter.
+    void Subscribe(const std::vector<std::string> &filters);
+    void Unsubscribe(const std::vector<std::string> &filters);
 
   private:
     class Connection;

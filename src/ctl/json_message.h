@@ -20,8 +20,8 @@ struct EncodedMessage {
 
 // Whom a CPE message is meant for. A POP message is always for the box itself.
 enum class MessageFor {
-    kVpn, // the message must have the key `vpnid`; its 0 is the box itself
-    kBox, // the key is absent, or 0
+    kVpn,      // the message must have the key `vpnid`; its 0 is the box itself
+    kBox,      // the key is absent, or 0
     kNamedVpn, // like kVpn, for a program that has no option --box of this meaning
 };
 

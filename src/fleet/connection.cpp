@@ -248,14 +248,14 @@ void Connection::OnProbe()
     probe_.ArmTimer((isIdle ? now : lastSign_) + kProbeAfter);
 }
 
-void Connection::Subscribe(const std::string &filter)
+void Connection::Subscribe(const std::vector<std::string> &filters)
 {
-    session_.Subscribe(filter);
+    session_.Subscribe(filters);
 }
 
-void Connection::Unsubscribe(const std::string &filter)
+void Connection::Unsubscribe(const std::vector<std::string> &filters)
 {
-    session_.Unsubscribe(filter);
+    session_.Unsubscribe(filters);
 }
 
 std::optional<std::uint64_t> Connection::Publish(const broker::Message &message)

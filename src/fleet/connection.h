@@ -56,8 +56,8 @@ class Connection {
     void Run(Events events, const std::function<bool()> &isDone);
 
     // They return at once. While there is no connection, they do nothing, and Publish() returns nothing.
-    void Subscribe(const std::string &filter);
-    void Unsubscribe(const std::string &filter);
+    void Subscribe(const std::vector<std::string> &filters);
+    void Unsubscribe(const std::vector<std::string> &filters);
     [[nodiscard]] std::optional<std::uint64_t> Publish(const broker::Message &message);
     void SendMark();
 

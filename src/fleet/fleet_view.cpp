@@ -71,9 +71,7 @@ void FleetView::Ask()
 {
     arriving_ = FleetState(isMeant_);
     isArriving_ = true;
-    for (const std::string &filter : filters_) {
-        connection_.Subscribe(filter);
-    }
+    connection_.Subscribe(filters_);
     connection_.SendMark();
 }
 

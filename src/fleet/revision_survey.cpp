@@ -21,27 +21,28 @@ std::span<const std::string> RevisionSurvey::Part() const
     return boxes_.subspan(next_, std::min(count, boxes_.size() - next_));
 }
 
-template <typename Use>
-void RevisionSurvey::ForEachTopic(Use use) const
+std::vector<std::string> RevisionSurvey::TopicsOfPart() const
 {
+    std::vector<std::string> topics;
     for (const std::string &box : Part()) {
         for (const std::uint32_t vpn : vpns_) {
-            use(broker::TopicText({broker::TopicKind::kDesired, box, vpn}));
-            use(broker::TopicText({broker::TopicKind::kReported, box, vpn}));
+            topics.push_back(broker::TopicText({broker::TopicKind::kDesired, box, vpn}));
+            topics.push_back(broker::TopicText({broker::TopicKind::kReported, box, vpn}));
         }
     }
+    return topics;
 }
 
 void RevisionSurvey::Ask()
 {
     state_ = FleetState();
-    ForEachTopic([this](const std::string &topic) { connection_.Subscribe(topic); });
+    connection_.Subscribe(TopicsOfPart());
     connection_.SendMark();
 }
 
 void RevisionSurvey::OnArrived()
 {
-    ForEachTopic([this](const std::string &topic) { connection_.Unsubscribe(topic); });
+    connection_.Unsubscribe(TopicsOfPart());
     for (const auto &[name, box] : state_.Boxes()) {
         Count(name, box);
     }

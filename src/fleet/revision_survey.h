@@ -44,8 +44,7 @@ class RevisionSurvey {
   private:
     [[nodiscard]] std::span<const std::string> Part() const;
     void Ask();
-    template <typename Use>
-    void ForEachTopic(Use use) const;
+    [[nodiscard]] std::vector<std::string> TopicsOfPart() const;
     void Count(const std::string &box, const BoxState &state);
 
     Connection &connection_;

@@ -36,8 +36,8 @@ Link::Options LinkOptions(const BoxLink::Options &options)
 // Only a subscription makes the broker send what it retains. The subscription to all VPNs stays.
 void BoxLink::SessionPort::AskAgain(const std::string &topic)
 {
-    session_.Subscribe(topic);
-    session_.Unsubscribe(topic);
+    session_.Subscribe({topic});
+    session_.Unsubscribe({topic});
 }
 
 BoxLink::BoxLink(EventLoop &loop, const Options &options, std::unique_ptr<AgentPort> agent,

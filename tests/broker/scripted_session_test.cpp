@@ -107,7 +107,7 @@ TEST_F(ScriptedSessionTest, ARefusedSubscriptionDuringTheConnectionClosesIt)
     broker.Accept();
     ASSERT_TRUE(session.Connect());
     broker.onSubscribe = [this](std::string_view packet) { broker.Send(Suback(packet, {143})); };
-    session->Subscribe("kavel/other/online");
+    session->Subscribe({"kavel/other/online"});
     ASSERT_TRUE(WaitFor(loop, [this] { return !session.closed.empty(); }));
     EXPECT_THAT(session.closed,
                 ElementsAre("the broker refuses the subscription to kavel/other/online: Topic Filter invalid"));

@@ -99,11 +99,11 @@ TEST_F(SessionLifeTest, SubscribesDuringAConnection)
     TestSession controller(loop, broker.Options("controller"));
     ASSERT_TRUE(controller.Connect());
     EXPECT_EQ(controller.PublishAndWait(MessageOf("kavel/box/online", "stored")), "");
-    controller->Subscribe("kavel/box/online");
+    controller->Subscribe({"kavel/box/online"});
     ASSERT_TRUE(controller.WaitForPayload("stored"));
-    controller->Unsubscribe("kavel/box/online");
+    controller->Unsubscribe({"kavel/box/online"});
     EXPECT_EQ(controller.PublishAndWait(MessageOf("kavel/box/online", "not heard")), "");
-    controller->Subscribe("kavel/mark/online");
+    controller->Subscribe({"kavel/mark/online"});
     EXPECT_EQ(controller.PublishAndWait(MessageOf("kavel/mark/online", "mark")), "");
     ASSERT_TRUE(controller.WaitForPayload("mark"));
     EXPECT_THAT(PayloadsOf(controller.received), ElementsAre("stored", "mark"));
@@ -122,7 +122,7 @@ TEST_F(SessionLifeTest, TheBrokerPublishesTheWillOfALostConnection)
 
     TestSession late(loop, broker.Options("late"));
     ASSERT_TRUE(late.Connect());
-    late->Subscribe("kavel/+/online");
+    late->Subscribe({"kavel/+/online"});
     ASSERT_TRUE(late.WaitForPayload("gone"));
     EXPECT_TRUE(late.received.back().isRetained);
 }
