@@ -150,6 +150,16 @@ std::string_view JsonValue::String(std::string_view expected) const
     return {json_object_get_string(json), static_cast<std::size_t>(json_object_get_string_len(json))};
 }
 
+std::string JsonValue::AbsolutePath() const
+{
+    constexpr std::string_view kExpected = "an absolute path";
+    const std::string_view given = String(kExpected);
+    if (!given.starts_with('/') || given.find('\0') != std::string_view::npos) {
+        RefuseKind(kExpected);
+    }
+    return std::string(given);
+}
+
 std::size_t JsonValue::Length() const
 {
     if (!Is(json_type_array)) {

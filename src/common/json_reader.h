@@ -94,6 +94,7 @@ struct JsonValue {
     // Each refuses a value of another type. `expected` describes what would be right.
     [[nodiscard]] bool Bool() const;
     [[nodiscard]] std::string_view String(std::string_view expected = "a string") const;
+    [[nodiscard]] std::string AbsolutePath() const;
     [[nodiscard]] std::size_t Length() const; // of an array
     void ExpectObject() const;
 

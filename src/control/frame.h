@@ -10,6 +10,8 @@ namespace kavel::control {
 
 inline constexpr std::size_t kFrameHeaderSize = 4;
 inline constexpr std::size_t kFrameMax = std::size_t{16} * 1024 * 1024;
+// Of a message in a request: the other fields need less than the rest of the frame.
+inline constexpr std::size_t kMessageMax = kFrameMax - 4096;
 inline constexpr const char *kDefaultSocket = "/run/kavel/agent.sock";
 
 // The header of a frame of `length` bytes, at most kFrameMax.

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <limits>
 #include <memory>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
@@ -12,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include "endpoint_config.h"
 #include "files.h"
 #include "json_reader.h"
 #include "printable.h"
@@ -35,24 +35,6 @@ std::string TextOf(In value)
     return std::string(text);
 }
 
-std::string PathOf(In value)
-{
-    std::string path = TextOf(value);
-    if (!path.starts_with('/')) {
-        value.RefuseKind("an absolute path");
-    }
-    return path;
-}
-
-std::uint16_t PortOf(In value)
-{
-    const std::uint32_t port = value.Number(1);
-    if (port > std::numeric_limits<std::uint16_t>::max()) {
-        value.RefuseKind("a port from 1 to 65535");
-    }
-    return static_cast<std::uint16_t>(port);
-}
-
 std::string NameOf(In value)
 {
     std::string name = TextOf(value);
@@ -64,18 +46,10 @@ std::string NameOf(In value)
 
 using broker::Endpoint;
 
-constexpr std::array kBrokerMembers = {
-    JsonMember<Endpoint>{"host", kOptional, [](In value, Endpoint &endpoint) { endpoint.host = TextOf(value); }},
-    JsonMember<Endpoint>{"port", kOptional, [](In value, Endpoint &endpoint) { endpoint.port = PortOf(value); }},
-    JsonMember<Endpoint>{"ca", kOptional, [](In value, Endpoint &endpoint) { endpoint.ca = PathOf(value); }},
-    JsonMember<Endpoint>{"certificate", kOptional,
-                         [](In value, Endpoint &endpoint) { endpoint.certificate = PathOf(value); }},
-    JsonMember<Endpoint>{"key", kOptional, [](In value, Endpoint &endpoint) { endpoint.key = PathOf(value); }},
-};
-
 constexpr std::array kMembers = {
-    JsonMember<Settings>{"broker", kRequired,
-                         [](In value, Settings &settings) { ReadMembers(value, kBrokerMembers, settings.endpoint); }},
+    JsonMember<Settings>{
+        "broker", kRequired,
+        [](In value, Settings &settings) { broker::ReadEndpoint(value, kOptional, settings.endpoint); }},
     JsonMember<Settings>{"name", kOptional, [](In value, Settings &settings) { settings.name = NameOf(value); }},
 };
 

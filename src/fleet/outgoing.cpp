@@ -20,9 +20,6 @@ namespace kavel::fleet {
 
 namespace {
 
-// What the link takes: the rest of a request to the agent needs less.
-constexpr std::size_t kMessageMax = control::kFrameMax - 4096;
-
 template <typename Conf>
 bool IsForgotten(const Conf &conf)
 {
@@ -35,9 +32,9 @@ std::optional<Outgoing> LoadOne(const std::string &file, const std::function<voi
     if (!encoded) {
         return std::nullopt;
     }
-    if (encoded->bytes.size() > kMessageMax) {
+    if (encoded->bytes.size() > control::kMessageMax) {
         throw InputError("takes " + std::to_string(encoded->bytes.size()) + " bytes as a message, more than " +
-                         std::to_string(kMessageMax));
+                         std::to_string(control::kMessageMax));
     }
     const std::string name = ctl::DisplayName(file);
     if (encoded->isForPop) {

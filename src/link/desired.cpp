@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "frame.h"
 #include "printable.h"
 #include "topics.h"
 
@@ -36,9 +37,9 @@ std::string ProblemOf(const broker::Message &message)
     if (platform != nullptr && *platform != "cpe" && *platform != "pop") {
         return "platform: it is " + Shown(*platform) + R"(; "cpe" or "pop" is needed)";
     }
-    if (message.payload.size() > kPayloadMax) {
+    if (message.payload.size() > control::kMessageMax) {
         return "it has " + std::to_string(message.payload.size()) + " bytes, over the limit of " +
-               std::to_string(kPayloadMax);
+               std::to_string(control::kMessageMax);
     }
     return {};
 }

@@ -10,14 +10,10 @@
 #include <variant>
 #include <vector>
 
-#include "frame.h"
 #include "revision.h"
 #include "session.h"
 
 namespace kavel::link {
-
-// A longer payload has no room in a frame of the agent, beside the other fields of the request.
-inline constexpr std::size_t kPayloadMax = control::kFrameMax - 4096;
 
 // A message for the agent.
 struct Desired {

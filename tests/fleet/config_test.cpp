@@ -47,9 +47,11 @@ TEST(FleetConfig, WhatIsWrongIsNamed)
     EXPECT_THAT(ParseErrorOf("{"), HasSubstr("line 1"));
     EXPECT_EQ(ParseErrorOf("{}"), "broker: is missing");
     EXPECT_EQ(ParseErrorOf(R"({"broker": {}, "nme": "x"})"), "nme: unknown key; did you mean \"name\"?");
-    EXPECT_THAT(ParseErrorOf(R"({"broker": {"port": 65536}})"), HasSubstr("broker.port: expected a port"));
+    EXPECT_THAT(ParseErrorOf(R"({"broker": {"port": 65536}})"),
+                HasSubstr("broker.port: expected a number from 1 to 65535, not 65536"));
     EXPECT_THAT(ParseErrorOf(R"({"broker": {"port": 0}})"), HasSubstr("broker.port: expected a number from 1"));
-    EXPECT_THAT(ParseErrorOf(R"({"broker": {"host": ""}})"), HasSubstr("broker.host: expected a text"));
+    EXPECT_THAT(ParseErrorOf(R"({"broker": {"host": ""}})"),
+                HasSubstr("broker.host: expected a host name or an address"));
     EXPECT_THAT(ParseErrorOf(R"({"broker": {"ca": "ca.pem"}})"), HasSubstr("broker.ca: expected an absolute path"));
     EXPECT_THAT(ParseErrorOf(R"({"broker": {}, "name": "a/b"})"), HasSubstr("name: \"a/b\" cannot be a level"));
 }

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "frame.h"
+
 namespace kavel::link {
 namespace {
 
@@ -102,10 +104,11 @@ TEST(DesiredTest, AnotherPlatformIsNamed)
 
 TEST(DesiredTest, APayloadOverTheLimitIsNamed)
 {
-    const Unusable refused = Refused(MessageFor("kavel/branch-1/desired/7", kGood, kPayloadMax + 1));
+    const Unusable refused = Refused(MessageFor("kavel/branch-1/desired/7", kGood, control::kMessageMax + 1));
     EXPECT_EQ(refused.vpn, 7U);
     EXPECT_EQ(refused.problem, "revision 17: it has 16773121 bytes, over the limit of 16773120");
-    EXPECT_EQ(Accepted(MessageFor("kavel/branch-1/desired/7", kGood, kPayloadMax)).payload.size(), kPayloadMax);
+    EXPECT_EQ(Accepted(MessageFor("kavel/branch-1/desired/7", kGood, control::kMessageMax)).payload.size(),
+              control::kMessageMax);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // What becomes of the messages of the broker.
 #include <gmock/gmock.h>
 
+#include "frame.h"
 #include "link_fixture.h"
 
 namespace kavel::link {
@@ -188,7 +189,7 @@ TEST_F(LinkRulesTest, MessagesForTooManyVpnsAreDropped)
 
 TEST_F(LinkRulesTest, WhatHasNoRoomIsToldAndAskedForAgain)
 {
-    const std::string large(kPayloadMax, 'x');
+    const std::string large(control::kMessageMax, 'x');
     Receive(100, "1");
     for (const std::uint32_t vpn : {1U, 2U, 3U, 4U, 5U}) {
         Receive(vpn, "2", large);

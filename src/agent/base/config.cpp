@@ -73,18 +73,9 @@ std::string NamespaceName(const JsonValue &value)
     return std::string(name);
 }
 
-std::string AbsolutePath(const JsonValue &value)
-{
-    const std::string_view path = value.String("an absolute path");
-    if (!path.starts_with('/') || path.find('\0') != std::string_view::npos) {
-        value.RefuseKind("an absolute path");
-    }
-    return std::string(path);
-}
-
 std::string SocketPath(const JsonValue &value)
 {
-    std::string path = AbsolutePath(value);
+    std::string path = value.AbsolutePath();
     if (path.size() > kSocketPathMax) {
         value.Refuse("is longer than " + std::to_string(kSocketPathMax) + " bytes");
     }
@@ -251,7 +242,7 @@ constexpr std::array kConfigMembers = {
     JsonMember<Config>{"platform", kRequired, [](In value, Config &config) { config.platform = ReadPlatform(value); }},
     JsonMember<Config>{"customer", kOptional, [](In value, Config &config) { config.customer = value.Number(); }},
     JsonMember<Config>{"persistence", kOptional, [](In value, Config &config) { config.persistence = value.Bool(); }},
-    JsonMember<Config>{"store", kOptional, [](In value, Config &config) { config.store = AbsolutePath(value); }},
+    JsonMember<Config>{"store", kOptional, [](In value, Config &config) { config.store = value.AbsolutePath(); }},
     JsonMember<Config>{"socket", kOptional, [](In value, Config &config) { config.socket = SocketPath(value); }},
     JsonMember<Config>{"readers", kOptional,
                        [](In value, Config &config) { config.readers = SystemName(value, "the name of a group"); }},

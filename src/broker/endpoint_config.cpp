@@ -1,0 +1,54 @@
+#include "endpoint_config.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <string_view>
+
+namespace kavel::broker {
+
+namespace {
+
+using In = const JsonValue &;
+
+constexpr std::size_t kHostMax = 253;
+
+std::string HostName(In value)
+{
+    constexpr std::string_view kExpected = "a host name or an address";
+    const std::string_view name = value.String(kExpected);
+    constexpr std::string_view kNowhere("\0 /\t\r\n", 6);
+    if (name.empty() || name.size() > kHostMax || name.find_first_of(kNowhere) != std::string_view::npos) {
+        value.RefuseKind(kExpected);
+    }
+    return std::string(name);
+}
+
+std::uint16_t PortNumber(In value)
+{
+    const std::uint32_t port = value.Number(1);
+    if (port > std::numeric_limits<std::uint16_t>::max()) {
+        value.RefuseKind("a number from 1 to 65535");
+    }
+    return static_cast<std::uint16_t>(port);
+}
+
+} // namespace
+
+void ReadEndpoint(const JsonValue &value, kavel::Presence presence, Endpoint &endpoint)
+{
+    const std::array members = {
+        JsonMember<Endpoint>{"host", presence, [](In host, Endpoint &read) { read.host = HostName(host); }},
+        JsonMember<Endpoint>{"port", kavel::Presence::kOptional,
+                             [](In port, Endpoint &read) { read.port = PortNumber(port); }},
+        JsonMember<Endpoint>{"ca", presence, [](In path, Endpoint &read) { read.ca = path.AbsolutePath(); }},
+        JsonMember<Endpoint>{"certificate", presence,
+                             [](In path, Endpoint &read) { read.certificate = path.AbsolutePath(); }},
+        JsonMember<Endpoint>{"key", presence, [](In path, Endpoint &read) { read.key = path.AbsolutePath(); }},
+    };
+    ReadMembers(value, members, endpoint);
+}
+
+} // namespace kavel::broker
