@@ -7,7 +7,7 @@ report.py [FILE...]: in each document, this program replaces the text between
 
 NAME is one of
 - a program (module, services, box_answers, box_waits, box_watch, box_many, fleet): all its figures and curves;
-- machine: what the figures were measured on;
+- machine: what the figures were measured on; machine fleet: the same of the program fleet, if that ran elsewhere;
 - aims: every case that has an aim; worst: the largest ratios of all other cases;
 - scale box, scale hosts, scale messages, scale fleet, scale brokers: the tables of docs/scale.md.
 
@@ -67,17 +67,17 @@ def curves(name, entries):
     return lines
 
 
-def machine():
-    """One sentence: hardware, kernel and versions."""
-    path = DATA / "machine.json"
+def machine(name="machine"):
+    """One sentence: hardware, kernel and versions. Empty without the facts."""
+    path = DATA / f"{name}.json"
     facts = json.loads(path.read_text()) if path.exists() else {}
     return f"Measured on: {', '.join(f'{what} {version}' for what, version in facts.items())}.\n" if facts else ""
 
 
 def generated(name):
     """The text of one marked section."""
-    if name == "machine":
-        return machine()
+    if name in ("machine", "machine fleet"):
+        return machine(name.replace(" ", "_"))
     if name == "aims":
         return tables.aims(read_all())
     if name == "worst":
