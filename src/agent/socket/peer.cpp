@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstddef>
 #include <cstring>
 
 #include "failure.h"
@@ -87,8 +88,9 @@ std::vector<std::uint8_t> AccessList(const std::map<uid_t, Access> &users, bool 
     constexpr int kUse = ACL_READ | ACL_WRITE;
     std::vector<std::uint8_t> list;
     const auto append = [&list](const auto &part) {
-        const auto *const bytes = reinterpret_cast<const std::uint8_t *>(&part);
-        list.insert(list.end(), bytes, bytes + sizeof part);
+        const std::size_t size = list.size();
+        list.resize(size + sizeof part);
+        std::memcpy(list.data() + size, &part, sizeof part);
     };
     const auto addEntry = [&append](int tag, int rights, std::uint32_t id) {
         append(posix_acl_xattr_entry{::htole16(static_cast<std::uint16_t>(tag)),
