@@ -212,7 +212,9 @@ void MqttClient::SetWill(const Message &will)
 
 int MqttClient::BeginConnect(const char *bindAddress)
 {
-    ExpectDone(mosquitto_string_option(client_.get(), MOSQ_OPT_BIND_ADDRESS, bindAddress));
+    if (bindAddress != nullptr) {
+        ExpectDone(mosquitto_string_option(client_.get(), MOSQ_OPT_BIND_ADDRESS, bindAddress));
+    }
     return mosquitto_connect_bind_async(client_.get(), options_.endpoint.host.c_str(), options_.endpoint.port,
                                         options_.keepAliveSeconds, nullptr);
 }
@@ -220,9 +222,10 @@ int MqttClient::BeginConnect(const char *bindAddress)
 void MqttClient::Connect(bool onlyIpv4)
 {
     // A socket with a local address of IPv4 cannot connect to one of IPv6: libmosquitto goes on to the next address.
-    int code = onlyIpv4 ? BeginConnect("0.0.0.0") : MOSQ_ERR_EAI;
-    if (code != MOSQ_ERR_SUCCESS) {
-        code = BeginConnect(nullptr);
+    int code = BeginConnect(onlyIpv4 ? "0.0.0.0" : nullptr);
+    if (code != MOSQ_ERR_SUCCESS && onlyIpv4) {
+        // The addresses of IPv6 are left. Not without a local address: libmosquitto would free the one before twice.
+        code = BeginConnect("::");
     }
     Examine(code, errno);
 }

@@ -215,6 +215,17 @@ TEST_F(SessionLifeTest, TellsThatTheHostIsNotKnown)
     EXPECT_THAT(box.closed.front(), testing::StartsWith("cannot resolve not a name: "));
 }
 
+// The attempts take turns with the kinds of addresses.
+TEST_F(SessionLifeTest, GoesOnWhileTheHostIsNotKnown)
+{
+    Session::Options options = broker.Options("box");
+    options.endpoint.host = "not a name";
+    TestSession box(loop, options);
+    box->Start();
+    ASSERT_TRUE(WaitFor(loop, [&] { return box.closed.size() == 3; }));
+    EXPECT_THAT(box.closed, testing::Each(testing::StartsWith("cannot resolve not a name: ")));
+}
+
 TEST_F(SessionLifeTest, ManySessionsShareALoop)
 {
     std::vector<std::unique_ptr<TestSession>> boxes;
