@@ -101,12 +101,14 @@ def bring_the_last_message(box):
     box.do("systemctl", "start", "vqlink")
     expect_in_force(box, "192.168.8.80")
     show(box.do("vqctl", "history", str(VPN)))
-    history = json.loads(box.do("vqctl", "history", "--json", str(VPN)))["history"]
-    numbers = [entry["revision"] for entry in history if entry.get("revision", "").isdigit()]
+    history = json.loads(box.do("vqctl", "history", "--json", str(VPN)))["messages"]
+    numbers = [entry["revision"] for entry in history if (entry["revision"] or "").isdigit()]
     expect(numbers == ["4", "1"], f"the agent was given the revisions {numbers}")
 
 
 def remove_broker(box):
     """What these steps have left beside the packages."""
     box.do("systemctl", "stop", "mosquitto")
-    box.do("sh", "-c", "rm -rf /etc/mosquitto/kavel /var/lib/mosquitto/*")
+    box.do("sh", "-c", "rm -rf /etc/hosts /etc/mosquitto/kavel /var/lib/mosquitto/*")
+    box.do("chown", "mosquitto:root", "/var/lib/mosquitto")
+    box.do("chmod", "755", "/var/lib/mosquitto")
