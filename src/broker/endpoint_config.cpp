@@ -35,19 +35,25 @@ std::uint16_t PortNumber(In value)
     return static_cast<std::uint16_t>(port);
 }
 
+using enum kavel::Presence;
+
+constexpr std::array kEndpointMembers = {
+    JsonMember<Endpoint>{"host", kRequired, [](In value, Endpoint &endpoint) { endpoint.host = HostName(value); }},
+    JsonMember<Endpoint>{"port", kOptional, [](In value, Endpoint &endpoint) { endpoint.port = PortNumber(value); }},
+    JsonMember<Endpoint>{"ca", kRequired, [](In value, Endpoint &endpoint) { endpoint.ca = value.AbsolutePath(); }},
+    JsonMember<Endpoint>{"certificate", kRequired,
+                         [](In value, Endpoint &endpoint) { endpoint.certificate = value.AbsolutePath(); }},
+    JsonMember<Endpoint>{"key", kRequired, [](In value, Endpoint &endpoint) { endpoint.key = value.AbsolutePath(); }},
+};
+
 } // namespace
 
 void ReadEndpoint(const JsonValue &value, kavel::Presence presence, Endpoint &endpoint)
 {
-    const std::array members = {
-        JsonMember<Endpoint>{"host", presence, [](In host, Endpoint &read) { read.host = HostName(host); }},
-        JsonMember<Endpoint>{"port", kavel::Presence::kOptional,
-                             [](In port, Endpoint &read) { read.port = PortNumber(port); }},
-        JsonMember<Endpoint>{"ca", presence, [](In path, Endpoint &read) { read.ca = path.AbsolutePath(); }},
-        JsonMember<Endpoint>{"certificate", presence,
-                             [](In path, Endpoint &read) { read.certificate = path.AbsolutePath(); }},
-        JsonMember<Endpoint>{"key", presence, [](In path, Endpoint &read) { read.key = path.AbsolutePath(); }},
-    };
+    auto members = kEndpointMembers;
+    for (auto &member : members) {
+        member.presence = presence == kOptional ? kOptional : member.presence;
+    }
     ReadMembers(value, members, endpoint);
 }
 

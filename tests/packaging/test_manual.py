@@ -174,10 +174,11 @@ def test_every_signal_of_a_service_is_listed(program, folder):
     assert sorted(names_in(sections(f"{program}.8.scd")["SIGNALS"])) == sorted(handled)
 
 
-@pytest.mark.parametrize("heading, name", [("KEYS", "kLinkMembers"), ("KEYS OF BROKER", "kEndpointMembers")])
-def test_every_key_of_the_configuration_of_the_link_is_listed(heading, name):
+@pytest.mark.parametrize("heading, file, name", [("KEYS", "link/link_config.cpp", "kLinkMembers"),
+                                                 ("KEYS OF BROKER", "broker/endpoint_config.cpp", "kEndpointMembers")])
+def test_every_key_of_the_configuration_of_the_link_is_listed(heading, file, name):
     page = page_table(sections("link.json.5.scd")[heading])
-    assert page == table(source("src/link/link_config.cpp"), name)
+    assert page == table(source(f"src/{file}"), name)
 
 
 def test_every_default_of_the_configuration_of_the_link_is_right():
