@@ -35,15 +35,17 @@ std::uint16_t PortNumber(In value)
     return static_cast<std::uint16_t>(port);
 }
 
-using enum kavel::Presence;
-
 constexpr std::array kEndpointMembers = {
-    JsonMember<Endpoint>{"host", kRequired, [](In value, Endpoint &endpoint) { endpoint.host = HostName(value); }},
-    JsonMember<Endpoint>{"port", kOptional, [](In value, Endpoint &endpoint) { endpoint.port = PortNumber(value); }},
-    JsonMember<Endpoint>{"ca", kRequired, [](In value, Endpoint &endpoint) { endpoint.ca = value.AbsolutePath(); }},
-    JsonMember<Endpoint>{"certificate", kRequired,
+    JsonMember<Endpoint>{"host", kavel::Presence::kRequired,
+                         [](In value, Endpoint &endpoint) { endpoint.host = HostName(value); }},
+    JsonMember<Endpoint>{"port", kavel::Presence::kOptional,
+                         [](In value, Endpoint &endpoint) { endpoint.port = PortNumber(value); }},
+    JsonMember<Endpoint>{"ca", kavel::Presence::kRequired,
+                         [](In value, Endpoint &endpoint) { endpoint.ca = value.AbsolutePath(); }},
+    JsonMember<Endpoint>{"certificate", kavel::Presence::kRequired,
                          [](In value, Endpoint &endpoint) { endpoint.certificate = value.AbsolutePath(); }},
-    JsonMember<Endpoint>{"key", kRequired, [](In value, Endpoint &endpoint) { endpoint.key = value.AbsolutePath(); }},
+    JsonMember<Endpoint>{"key", kavel::Presence::kRequired,
+                         [](In value, Endpoint &endpoint) { endpoint.key = value.AbsolutePath(); }},
 };
 
 } // namespace
@@ -52,7 +54,7 @@ void ReadEndpoint(const JsonValue &value, kavel::Presence presence, Endpoint &en
 {
     auto members = kEndpointMembers;
     for (auto &member : members) {
-        member.presence = presence == kOptional ? kOptional : member.presence;
+        member.presence = presence == kavel::Presence::kOptional ? kavel::Presence::kOptional : member.presence;
     }
     ReadMembers(value, members, endpoint);
 }

@@ -47,7 +47,7 @@ def source(path):
 def table(text, name):
     """The entries of a C++ table of members: their names, and whether they are required."""
     body = re.search(rf"constexpr std::array {name} = {{(.*?)\n}};", text, re.S)[1]
-    found = re.findall(r'[{(]\s*"(\w+)"(?:,\s*(kRequired|kOptional)|\))', body)
+    found = re.findall(r'[{(]\s*"(\w+)"(?:,\s*(?:\w+::)*(kRequired|kOptional)|\))', body)
     assert found, name
     return {member: presence == "kRequired" for member, presence in found}
 
